@@ -1,5 +1,5 @@
-/// The file is ordered by process: what both processes use (signals, descriptors, the pipe channel), the
-/// supervisor, the worker, the transmission child.
+/// The file is ordered by process: what supervisor and worker share (signals, descriptors, the pipe channel),
+/// the supervisor, the worker, the transmission child.
 
 #include "debug_dat_transmitter.h"
 
@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -30,14 +31,22 @@ using TarvoOrvane::Transmitter::kFailedToGenerateDebugFile;
 using TarvoOrvane::Transmitter::kFailedToUploadDebugFile;
 using TarvoOrvane::Transmitter::kSuccess;
 using TarvoOrvane::Transmitter::Result;
+using TarvoOrvane::Utils::FromFile;
+using TarvoOrvane::Utils::FromString;
 using TarvoOrvane::Utils::HasMember;
 using TarvoOrvane::Utils::LoggerManager;
+using TarvoOrvane::Utils::ReportsSuccess;
 using TarvoOrvane::Utils::ToString;
 
 namespace {
 
 constexpr char kServiceConfigPath[] = "/usr/tarvo/etc/tarvomibserver.conf";
-constexpr time_t kCollectionLimitSeconds = 1199;
+
+constexpr int kHalfSecondMicroseconds = 500000;  // both halves of a supervisor pass
+constexpr int kWorkerForkFlags = 0x41;
+constexpr std::uint32_t kMaxRetryDelaySeconds = 600;
+constexpr unsigned kStatusPauseSeconds = 5;
+constexpr time_t kCollectionLimitSeconds = 1200;
 
 // ======== Supervisor and worker: signals ========
 
@@ -100,7 +109,7 @@ bool DebugDatTransmitterDaemon::WaitReadable(int& fd) {
   fd_set readable;
   FD_ZERO(&readable);
   FD_SET(fd, &readable);
-  timeval timeout = {0, 500000};
+  timeval timeout = {0, kHalfSecondMicroseconds};
   const int count = select(fd + 1, &readable, nullptr, nullptr, &timeout);
   if (count == -1) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to do select(), err=%m\n");
@@ -153,21 +162,14 @@ bool DebugDatTransmitterDaemon::ReadPipeMessage(int& fd, Json::Value& message) {
     return false;
   }
   const std::string text = frame;
-  if (!TarvoOrvane::Utils::ParseJson(text, message, true)) {
+  if (!FromString(text, message)) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to parse pipe data: %s", text.c_str());
     return false;
   }
   return true;
 }
 
-DebugDatTransmitterDaemon::~DebugDatTransmitterDaemon() {
-  CloseDescriptor(fromWorkerReadFd);
-  CloseDescriptor(toWorkerWriteFd);
-  CloseDescriptor(toWorkerReadFd);
-  CloseDescriptor(fromWorkerWriteFd);
-}
-
-// ======== Supervisor: start and main loop ========
+// ======== Supervisor: start, main loop, end ========
 
 bool DebugDatTransmitterDaemon::Init() {
   signal(SIGHUP, HandleSignal);
@@ -191,7 +193,7 @@ bool DebugDatTransmitterDaemon::Run() {
         DAEMON_LOG(LOG_ERR, "%s:%d Failed to send debug file");
       }
     } else {
-      usleep(500000);
+      usleep(kHalfSecondMicroseconds);
     }
   }
   return true;
@@ -209,30 +211,28 @@ bool DebugDatTransmitterDaemon::SpawnWorker() {
   fromWorkerReadFd = from_worker[0];
   fromWorkerWriteFd = from_worker[1];
 
-  const int pid = TLIBCProcForkEx(0x41);
+  const int pid = TLIBCProcForkEx(kWorkerForkFlags);
   if (pid < 0) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to fork()");
     return false;
   }
-  if (pid > 0) {
-    CloseDescriptor(toWorkerReadFd);
-    CloseDescriptor(fromWorkerWriteFd);
-    if (SetNonBlocking(fromWorkerReadFd) && SetNonBlocking(toWorkerWriteFd)) {
-      return true;
-    }
+  if (pid == 0) {
+    return BecomeWorker();
+  }
+  CloseDescriptor(toWorkerReadFd);
+  CloseDescriptor(fromWorkerWriteFd);
+  if (!SetNonBlocking(fromWorkerReadFd) || !SetNonBlocking(toWorkerWriteFd)) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to set file descriptor as non-blocking");
     return false;
   }
+  return true;
+}
 
-  // In the worker from here on.
+DebugDatTransmitterDaemon::~DebugDatTransmitterDaemon() {
   CloseDescriptor(fromWorkerReadFd);
   CloseDescriptor(toWorkerWriteFd);
-  if (!SetNonBlocking(fromWorkerWriteFd) || !SetNonBlocking(toWorkerReadFd)) {
-    DAEMON_LOG(LOG_ERR, "%s:%d Failed to set file descriptor as non-blocking");
-    return false;
-  }
-  RunWorker();
-  return true;
+  CloseDescriptor(toWorkerReadFd);
+  CloseDescriptor(fromWorkerWriteFd);
 }
 
 // ======== Supervisor: tickets in, Completions out ========
@@ -318,10 +318,21 @@ bool DebugDatTransmitterDaemon::StartToTransmitDebugFile(const Json::Value& tick
 
 // ======== Worker ========
 
+bool DebugDatTransmitterDaemon::BecomeWorker() {
+  CloseDescriptor(fromWorkerReadFd);
+  CloseDescriptor(toWorkerWriteFd);
+  if (!SetNonBlocking(fromWorkerWriteFd) || !SetNonBlocking(toWorkerReadFd)) {
+    DAEMON_LOG(LOG_ERR, "%s:%d Failed to set file descriptor as non-blocking");
+    return false;
+  }
+  RunWorker();
+  return true;
+}
+
 std::uint32_t NextRetryDelay(std::uint32_t& base) {
   const std::uint32_t delay = 2 * base + static_cast<std::uint32_t>(rand()) % (base + 1);
-  if (delay > 599) {
-    return 600;
+  if (delay >= kMaxRetryDelaySeconds) {
+    return kMaxRetryDelaySeconds;
   }
   base *= 2;
   return delay;
@@ -395,7 +406,7 @@ void DebugDatTransmitterDaemon::ServeNextTicket(FastSupportClient& client, std::
 
 std::string DebugDatTransmitterDaemon::GetGrpcServerUrl() {
   Json::Value config(Json::objectValue);
-  if (!TarvoOrvane::Utils::FromFile(kServiceConfigPath, config)) {
+  if (!FromFile(kServiceConfigPath, config)) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to read conf from: [%s]", kServiceConfigPath);
     return "";
   }
@@ -436,7 +447,7 @@ bool DebugDatTransmitterDaemon::ReceiveResultFromMain() {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to receive message from main process");
     return false;
   }
-  if (HasMember(completion, "success") && completion["success"].isBool() && completion["success"].asBool()) {
+  if (ReportsSuccess(completion)) {
     return true;
   }
   DAEMON_LOG(LOG_ERR, "%s:%d Something wrong in the main process");
@@ -481,48 +492,60 @@ void RunLogCollectionApi(const char* method, const Json::Value& parameters, Json
 
 /// Whether the answer reports success and has an object "data". Each repeated test is kept.
 bool HasSuccessfulData(const Json::Value& response) {
-  return response.isObject() && HasMember(response, "success") && response["success"].isBool() &&
-         response["success"].asBool() && response.isObject() && HasMember(response, "data") &&
-         response["data"].isObject() && response["data"].isObject();
+  return response.isObject() && ReportsSuccess(response) && response.isObject() &&
+         HasMember(response, "data") && response["data"].isObject() && response["data"].isObject();
+}
+
+/// Starts a collection task for `apps`; false after the cause was logged.
+bool StartCollection(const Json::Value& apps, std::string& task_id) {
+  Json::Value parameters(Json::objectValue);
+  parameters["app_list"] = apps;
+  Json::Value response(Json::objectValue);
+  RunLogCollectionApi("collect", parameters, response);
+  if (!HasSuccessfulData(response) || !HasMember(response["data"], "task_id") ||
+      !response["data"]["task_id"].isString()) {
+    DAEMON_LOG(LOG_ERR, "%s:%d Failed to execute log collection webapi: app list: %s, ret=[%s]",
+               ToString(apps).c_str(), ToString(response).c_str());
+    return false;
+  }
+  task_id = response["data"]["task_id"].asString();
+  return true;
+}
+
+/// Takes the archive's path from the answer for a finished task; false after the cause was logged.
+bool TakeArchivePath(const Json::Value& data, std::string& path) {
+  if (!data.isObject() || !HasMember(data, "path") || !data["path"].isString()) {
+    DAEMON_LOG(LOG_ERR, "%s:%d Failed to get debug.dat path");
+    return false;
+  }
+  path = data["path"].asString();
+  return true;
 }
 
 }  // namespace
 
 bool DebugDatTransmitterDaemon::GenerateDebugDat(const Json::Value& apps, std::string& path) {
-  Json::Value parameters(Json::objectValue);
-  parameters["app_list"] = apps;
-  Json::Value collected(Json::objectValue);
-  RunLogCollectionApi("collect", parameters, collected);
-  if (!HasSuccessfulData(collected) || !HasMember(collected["data"], "task_id") ||
-      !collected["data"]["task_id"].isString()) {
-    DAEMON_LOG(LOG_ERR, "%s:%d Failed to execute log collection webapi: app list: %s, ret=[%s]",
-               ToString(apps).c_str(), ToString(collected).c_str());
+  std::string task_id;
+  if (!StartCollection(apps, task_id)) {
     return false;
   }
-  const std::string task_id = collected["data"]["task_id"].asString();
   const time_t start = time(nullptr);
-  parameters = Json::Value(Json::objectValue);
+  Json::Value parameters(Json::objectValue);
   parameters["task_id"] = task_id;
 
-  while (time(nullptr) - start <= kCollectionLimitSeconds) {
-    Json::Value status(Json::objectValue);
-    RunLogCollectionApi("status", parameters, status);
-    if (!HasSuccessfulData(status) || !HasMember(status["data"], "finished") ||
-        !status["data"]["finished"].isBool()) {
+  while (time(nullptr) - start < kCollectionLimitSeconds) {
+    Json::Value response(Json::objectValue);
+    RunLogCollectionApi("status", parameters, response);
+    if (!HasSuccessfulData(response) || !HasMember(response["data"], "finished") ||
+        !response["data"]["finished"].isBool()) {
       DAEMON_LOG(LOG_ERR, "%s:%d Failed to check log collection status: task id: %s, ret=[%s]",
-                 task_id.c_str(), ToString(status).c_str());
+                 task_id.c_str(), ToString(response).c_str());
       return false;
     }
-    if (!status["data"]["finished"].asBool()) {
-      sleep(5);
-      continue;
+    if (response["data"]["finished"].asBool()) {
+      return TakeArchivePath(response["data"], path);
     }
-    if (status["data"].isObject() && HasMember(status["data"], "path") && status["data"]["path"].isString()) {
-      path = status["data"]["path"].asString();
-      return true;
-    }
-    DAEMON_LOG(LOG_ERR, "%s:%d Failed to get debug.dat path");
-    return false;
+    sleep(kStatusPauseSeconds);
   }
   return true;  // out of time: the caller tells by the empty path
 }

@@ -8,6 +8,9 @@
 ///
 /// Every process is single-threaded and works on its own copy of the object. All operations that return
 /// bool have logged the cause when they return false, unless they say otherwise.
+///
+/// Outside its own sources only the constructor, Run() and the destructor are used; everything is public so
+/// that the tests can play one process of a conversation at a time.
 #pragma once
 
 #include <json/value.h>
@@ -50,6 +53,26 @@ class DebugDatTransmitterDaemon {
   DebugDatTransmitterDaemon(const DebugDatTransmitterDaemon&) = delete;
   DebugDatTransmitterDaemon& operator=(const DebugDatTransmitterDaemon&) = delete;
 
+  // ---- Supervisor and worker ----
+
+  /// Makes `fd` non-blocking.
+  bool SetNonBlocking(int& fd);
+
+  /// Closes `fd` and sets it to -1; does nothing for a negative one. After a failure, which is logged,
+  /// `fd` keeps its number.
+  void CloseDescriptor(int& fd);
+
+  /// Waits up to half a second for `fd` to become readable (end-of-file included). Aborts the process when
+  /// select() can't take the number.
+  /// @return false also, without a line, when the time ran out.
+  bool WaitReadable(int& fd);
+
+  /// Writes `message` as one frame, in one write().
+  bool WritePipeMessage(int& fd, const Json::Value& message);
+
+  /// Reads one frame, in one read(), and parses it. A malformed frame is consumed and lost.
+  bool ReadPipeMessage(int& fd, Json::Value& message);
+
   // ---- Supervisor ----
 
   /// The supervisor: spawns the worker and serves tickets until SIGTERM.
@@ -59,18 +82,19 @@ class DebugDatTransmitterDaemon {
   /// Installs the handler for SIGHUP and SIGTERM. Always true.
   bool Init();
 
-  /// Forks the worker, joined by two pipes. In the worker it runs the worker's loop and returns only
-  /// when that could not start; the worker then falls through into the supervisor's loop, where the wait
-  /// on its closed descriptor aborts it.
+  /// Forks the worker, joined by two pipes. In the worker it returns what BecomeWorker() does.
   bool SpawnWorker();
 
   /// Reads the next ticket, unless a transmission child is still running.
   /// @param ticket  Replaced by whatever the message parses to; its members are not checked.
-  /// @return true when a ticket was read; false also, without a line, when none came in half a second.
+  /// @return true when a ticket was read; false also, without a line, while a child is running and when no
+  ///         ticket came within half a second.
   bool ReceiveTicketFromWorker(Json::Value& ticket);
 
   /// Reaps a transmission child that has ended and tells the worker.
-  /// @return Whether a new ticket may be taken: false while a child is running.
+  /// @return Whether a new ticket may be taken: false, without a line, while a child is running, and as long
+  /// as
+  ///         it can't be waited for.
   bool PollTransmissionChild();
 
   /// Serves one ticket: checks it and forks the transmission child, which never returns from here.
@@ -82,6 +106,10 @@ class DebugDatTransmitterDaemon {
   bool SendResultToWorker();
 
   // ---- Worker ----
+
+  /// Keeps the worker's ends of the pipes and runs its loop. Returns only when that could not start; the
+  /// worker then falls through into the supervisor's loop, where the wait on its closed descriptor aborts it.
+  bool BecomeWorker();
 
   /// The worker: receives tickets and hands them over until SIGTERM, then ends the process.
   /// Returns only when no server address is available.
@@ -101,7 +129,7 @@ class DebugDatTransmitterDaemon {
   /// Hands a ticket to the supervisor.
   bool SendTicketToMain(const TarvoOrvane::FastSupport::Ticket& ticket);
 
-  /// Waits half a second for the supervisor's Completion.
+  /// Waits up to half a second for the supervisor's Completion.
   /// @return true when it came; false also, without a line, when nothing came.
   bool ReceiveResultFromMain();
 
@@ -122,26 +150,6 @@ class DebugDatTransmitterDaemon {
 
   /// Reports the ticket's outcome under its credential.
   bool UpdateResultToServer(const std::string& token, const TarvoOrvane::Transmitter::Result& result);
-
-  // ---- Supervisor and worker ----
-
-  /// Makes `fd` non-blocking.
-  bool SetNonBlocking(int& fd);
-
-  /// Closes `fd` and sets it to -1; does nothing for a negative one. After a failure, which is logged,
-  /// `fd` keeps its number.
-  void CloseDescriptor(int& fd);
-
-  /// Waits half a second for `fd` to become readable (end-of-file included). Aborts the process when
-  /// select() can't take the number.
-  /// @return false also, without a line, when the time ran out.
-  bool WaitReadable(int& fd);
-
-  /// Writes `message` as one frame, in one write().
-  bool WritePipeMessage(int& fd, const Json::Value& message);
-
-  /// Reads one frame, in one read(), and parses it. A malformed frame is consumed and lost.
-  bool ReadPipeMessage(int& fd, Json::Value& message);
 
   int fromWorkerReadFd = -1;   ///< Supervisor's end of the worker-to-main pipe; -1 when closed.
   int toWorkerWriteFd = -1;    ///< Supervisor's end of the main-to-worker pipe; -1 when closed.

@@ -8,19 +8,6 @@
 
 namespace TarvoOrvane::Utils {
 
-bool ParseJson(const std::string& text, Json::Value& value, bool collect_comments) {
-  // jsoncpp marks Json::Reader as deprecated; its successor accepts other texts (it refuses, for
-  // instance, anything behind the value), and what the pipes and the servers accept is not to change.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-  try {
-    return Json::Reader().parse(text, value, collect_comments);
-  } catch (const std::exception&) {  // nesting beyond the reader's limit
-    return false;
-  }
-#pragma GCC diagnostic pop
-}
-
 bool FromFile(const std::string& path, Json::Value& value) {
   const std::ifstream file(path, std::ios::binary);
   std::ostringstream text;
@@ -31,7 +18,18 @@ bool FromFile(const std::string& path, Json::Value& value) {
   return FromString(text.str(), value);
 }
 
-bool FromString(const std::string& text, Json::Value& value) { return ParseJson(text, value, true); }
+bool FromString(const std::string& text, Json::Value& value) {
+  // jsoncpp marks Json::Reader as deprecated; its successor accepts other texts (for instance "[1,]"), and
+  // what the pipes and the servers' answers accept is not to change.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  try {
+    return Json::Reader().parse(text, value, true);
+  } catch (const Json::Exception&) {  // nesting beyond the reader's limit
+    return false;
+  }
+#pragma GCC diagnostic pop
+}
 
 std::string ToString(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
@@ -41,5 +39,9 @@ std::string ToString(const Json::Value& value) {
 }
 
 bool HasMember(const Json::Value& value, const char* key) { return value.isObject() && value.isMember(key); }
+
+bool ReportsSuccess(const Json::Value& value) {
+  return HasMember(value, "success") && value["success"].isBool() && value["success"].asBool();
+}
 
 }  // namespace TarvoOrvane::Utils

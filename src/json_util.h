@@ -1,5 +1,5 @@
-/// The JSON operations that the daemon needs beyond jsoncpp's own. They report failure by their result,
-/// also where jsoncpp throws (its exceptions are no std::runtime_error).
+/// The JSON operations that the daemon needs beyond jsoncpp's own. They report failure by their result, also
+/// where jsoncpp throws (its exceptions are no std::runtime_error).
 #pragma once
 
 #include <json/value.h>
@@ -8,23 +8,22 @@
 
 namespace TarvoOrvane::Utils {
 
-/// Parses `text`, as Json::Reader does, into `value`.
-/// @param collect_comments  Whether the value keeps the text's comments.
-/// @return false when it does not parse; `value` is then unspecified.
-[[nodiscard]] bool ParseJson(const std::string& text, Json::Value& value, bool collect_comments);
-
 /// Reads the whole file at `path` and parses it into `value`.
 /// @return false when the file can't be read or does not parse.
 [[nodiscard]] bool FromFile(const std::string& path, Json::Value& value);
 
-/// Parses `text` into `value`.
-/// @return false when it does not parse.
+/// Parses `text` into `value`, as Json::Reader does, comments collected.
+/// @return false when it does not parse; `value` is then unspecified.
 [[nodiscard]] bool FromString(const std::string& text, Json::Value& value);
 
-/// The value as JSON text on one line: no newline at its end, no comments, members sorted by key.
+/// The value as JSON text on one line: no newline at its end, no comments, members sorted by key, ASCII only
+/// (other characters as \uXXXX; a byte that is no UTF-8 as \ufffd).
 [[nodiscard]] std::string ToString(const Json::Value& value);
 
 /// Whether `value` is an object that has the member `key`.
 [[nodiscard]] bool HasMember(const Json::Value& value, const char* key);
+
+/// Whether `value` is an object whose member "success" is the boolean true.
+[[nodiscard]] bool ReportsSuccess(const Json::Value& value);
 
 }  // namespace TarvoOrvane::Utils

@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <cstddef>
 #include <exception>
+#include <string>
 
 #include "json_util.h"
 #include "logging.h"
@@ -38,7 +40,8 @@ void LogRequestFailure(const std::exception& failure, int line) {
   LogAt(LOG_ERR, "%s:%d Request failed, what=[%s]", __FILE_NAME__, line, failure.what());
 }
 
-/// Runs the transfer until one attempt succeeds or all have failed. `handle` keeps what it has received.
+/// Runs the transfer until one attempt succeeds or all have failed. What a broken attempt has received stays
+/// in front of the next one's answer.
 void PerformWithRetries(CurlHandle& handle) {
   for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
     try {
@@ -61,7 +64,7 @@ bool JudgeAnswer(const std::string& response) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to parse server resp: %s", response.c_str());
     return false;
   }
-  if (HasMember(answer, "success") && answer["success"].isBool() && answer["success"].asBool()) {
+  if (Utils::ReportsSuccess(answer)) {
     return true;
   }
   DAEMON_LOG(LOG_ERR, "%s:%d Failed to send form server resp: %s",

@@ -53,19 +53,19 @@ class DebugFileTransmitter {
   /// @return true once the server answered {"success": true}; false after the cause was logged.
   [[nodiscard]] bool UpdateResult(const Result& result);
 
-  /// The CSS server's base address, read afresh from the service configuration file.
-  /// @return Exactly what the file says; empty, after the cause was logged, when it can't be had.
-  [[nodiscard]] std::string GetCssServerUrl();
-
  private:
-  friend struct DebugFileTransmitterPeer;  // the tests' way to SendRequest
+  friend struct DebugFileTransmitterPeer;  // the tests' way in
 
   /// Makes one request, in up to five attempts of at most 1800 s each, and judges the answer.
   /// @param set_options  The caller's part; what it hands to libcurl uncopied outlives this call.
   /// @param path         Appended to the server's address as it stands.
   /// @return true only when the answer's "success" is true; false after the cause was logged. Lets no
-  ///         std::exception out.
+  ///         std::exception out but one that the logger throws while a failure is being reported.
   [[nodiscard]] bool SendRequest(const CurlOptionSetter& set_options, const std::string& path);
+
+  /// The CSS server's base address, read afresh from the service configuration file.
+  /// @return Exactly what the file says; empty, after the cause was logged, when it can't be had.
+  [[nodiscard]] std::string GetCssServerUrl();
 
   /// The text that stands for `result` in the report.
   [[nodiscard]] std::string ResultToString(const Result& result);

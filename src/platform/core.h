@@ -9,7 +9,7 @@ extern "C" {
 
 /// Records the calling process's id in the file at `path`. Runs in the supervisor, once, right after
 /// it has become a daemon.
-/// @return A negative value on failure (the file can't be written, or another live process holds it).
+/// @return A negative value on failure.
 int TLIBCProcPidFileCreate(const char* path);
 
 /// Forks the calling process. Used for the transmission child, by the supervisor.

@@ -118,7 +118,8 @@ struct CurlHttpPost {
 /// @throws CurlFailedException when the options can't be set.
 TARVO_ORVANE_API void CurlSetupWriteToString(CurlHandle& handle, std::string& out);
 
-/// Runs the transfer set up on `handle`. A status that tells of an HTTP error is no failure.
+/// Runs the transfer set up on `handle`. Whether a status that tells of an HTTP error counts as a failure is
+/// the library's choice; the daemon judges the answer's text.
 /// @throws CurlFailedException when the transfer fails.
 TARVO_ORVANE_API void CurlPerform(CurlHandle& handle);
 
