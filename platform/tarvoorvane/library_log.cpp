@@ -1,0 +1,64 @@
+#include "library_log.h"
+
+#include <google/protobuf/stubs/logging.h>
+#include <grpc/support/log.h>
+#include <syslog.h>
+
+#include <cstdio>
+
+#include "platform/support_service_client.h"
+
+namespace TarvoOrvane::Internal {
+namespace {
+
+constexpr size_t kMaxForeignText = 512;
+
+std::string PrintableByte(char byte) {
+  if (byte >= ' ' && byte <= '~') return {byte};
+  if (byte == '\n') return "\\n";
+  if (byte == '\r') return "\\r";
+  if (byte == '\t') return "\\t";
+  char hex[8];
+  std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+  return hex;
+}
+
+void LogForGrpc(gpr_log_func_args* args) {
+  if (args->severity != GPR_LOG_SEVERITY_ERROR) return;
+  LogLine(LOG_ERR, "gRPC: " + MakePrintable(args->message, kMaxForeignText));
+}
+
+void LogForProtobuf(google::protobuf::LogLevel level, const char*, int, const std::string& message) {
+  if (level < google::protobuf::LOGLEVEL_ERROR) return;
+  LogLine(LOG_ERR, "protobuf: " + MakePrintable(message, kMaxForeignText));
+}
+
+}  // namespace
+
+void LogLine(int level, const std::string& text) {
+  const std::string line = "libtarvoorvane: " + text;
+  // gRPC's threads log too, while the worker may be reconfiguring the logger.
+  if (auto* logger = __atomic_load_n(&Utils::LoggerManager::instance_, __ATOMIC_ACQUIRE)) {
+    logger->Log(level, line);
+  } else {
+    syslog(level, "%s", line.c_str());
+  }
+}
+
+std::string MakePrintable(std::string_view text, size_t max_length) {
+  std::string printable;
+  for (const char byte : text) {
+    const std::string shown = PrintableByte(byte);
+    if (printable.size() + shown.size() > max_length) return printable + "...";
+    printable += shown;
+  }
+  return printable;
+}
+
+void TakeOverForeignLogs() {
+  gpr_set_log_verbosity(GPR_LOG_SEVERITY_ERROR);
+  gpr_set_log_function(&LogForGrpc);
+  google::protobuf::SetLogHandler(&LogForProtobuf);
+}
+
+}  // namespace TarvoOrvane::Internal

@@ -1,0 +1,22 @@
+/// The library's own diagnostics.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace TarvoOrvane::Internal {
+
+/// Writes one line to the logger when there is one, to syslog otherwise. Any thread may call it.
+/// @param level  A syslog priority.
+/// @param text   The line; what came from elsewhere went through MakePrintable().
+void LogLine(int level, const std::string& text);
+
+/// Makes text from elsewhere fit for a log line: every byte that is no printable ASCII character becomes
+/// \n, \r, \t or \xHH, and what exceeds `max_length` characters is cut and marked by "...".
+[[nodiscard]] std::string MakePrintable(std::string_view text, size_t max_length);
+
+/// Sends gRPC's and protobuf's own logs (errors only) to LogLine(); by themselves they write to stderr.
+/// Process-wide.
+void TakeOverForeignLogs();
+
+}  // namespace TarvoOrvane::Internal

@@ -1,0 +1,304 @@
+#include "notification_stream.h"
+
+#include <grpcpp/create_channel.h>
+#include <grpcpp/security/credentials.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <system_error>
+
+#include "client_errors.h"
+#include "library_log.h"
+#include "scoped_fd.h"
+#include "tarvo/support/v1/notification.grpc.pb.h"
+
+namespace TarvoOrvane::Internal {
+namespace {
+
+using FastSupport::CallStatus;
+using tarvo::support::v1::ClientMessage;
+using tarvo::support::v1::Delivery;
+using tarvo::support::v1::NotificationService;
+using tarvo::support::v1::ServerMessage;
+
+constexpr int kProtocol = 1;
+constexpr int kMaxMessageBytes = 64 * 1024;
+constexpr int kNameLookupMs = 10'000;
+constexpr size_t kMaxQueued = 8;  // of at most kMaxMessageBytes each; more stay in gRPC's flow control
+constexpr size_t kMaxStatusText = 400;
+
+int Milliseconds(std::chrono::milliseconds value) { return static_cast<int>(value.count()); }
+
+grpc::ChannelArguments MakeChannelArguments(const StreamLimits& limits) {
+  grpc::ChannelArguments arguments;
+  // A connection of its own: a shared one repeats its last failure until its back-off has passed.
+  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);
+  arguments.SetInt(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);
+  arguments.SetInt(GRPC_ARG_DNS_ARES_QUERY_TIMEOUT_MS, kNameLookupMs);
+  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS,
+                   Milliseconds(limits.connect));  // also the connect limit
+  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, Milliseconds(limits.keepalive));
+  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, Milliseconds(limits.ping_answer));
+  arguments.SetInt(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);  // no limit: a ticket may be days away
+  arguments.SetMaxReceiveMessageSize(kMaxMessageBytes);
+  return arguments;
+}
+
+std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const std::string& root_certificates,
+                                           const StreamLimits& limits) {
+  std::shared_ptr<grpc::ChannelCredentials> credentials = grpc::InsecureChannelCredentials();
+  if (address.tls) {
+    grpc::SslCredentialsOptions options;
+    options.pem_root_certs = root_certificates;
+    credentials = grpc::SslCredentials(options);
+  }
+  return grpc::CreateCustomChannel(address.target, credentials, MakeChannelArguments(limits));
+}
+
+// Completion tags. One operation of each kind is under way at most.
+enum Tag : char { kStart, kRead, kWrite, kFinish };
+char g_tags[kFinish + 1];
+void* TagOf(Tag tag) { return &g_tags[tag]; }
+
+}  // namespace
+
+/// What the worker's thread and the completion thread share; `mutex` guards all of it but the constants and
+/// the queue of completions, which has its own.
+struct NotificationStream::Call {
+  Call(const Address& address, const std::string& root_certificates, const std::string& serial,
+       const StreamLimits& stream_limits)
+      : limits(stream_limits),
+        serial_number(serial),
+        event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+        stub(NotificationService::NewStub(MakeChannel(address, root_certificates, limits))),
+        rpc(stub->PrepareAsyncOpen(&context, &completions)) {
+    if (!event) throw std::system_error(errno, std::generic_category(), "eventfd");
+    context.set_wait_for_ready(false);
+  }
+
+  void Run();
+  bool NextCompletion(void** tag, bool* ok);
+  void Handle(void* tag, bool ok);
+  void HandleRead(bool ok);
+  void HandleFinish();
+  void HandleWrite(bool ok);
+  void Enqueue(ClientMessage message);
+  void StartWrite();
+  void StartRead();
+  void StartFinish();
+  void Abandon();
+  void Cancel();
+  void Notify() const;
+
+  const StreamLimits limits;
+  const std::string serial_number;
+  const ScopedFd event;
+
+  std::mutex mutex;
+  std::condition_variable finished;  ///< The thread is about to end.
+  bool is_finished = false;
+
+  // The call's objects, in the order in which they depend on each other.
+  grpc::CompletionQueue completions;
+  grpc::ClientContext context;
+  std::unique_ptr<NotificationService::Stub> stub;
+  std::unique_ptr<grpc::ClientAsyncReaderWriter<ClientMessage, ServerMessage>> rpc;
+
+  ServerMessage incoming;  ///< Belongs to gRPC while a read is under way.
+  grpc::Status status;     ///< Belongs to gRPC while the finish is under way.
+  bool paused = false;     ///< No read is under way because the queue is full.
+  bool abandoned = false;  ///< The stream is over or about to be; its tickets will be delivered again.
+  bool finishing = false;  ///< Nothing more is read or written.
+  bool undecodable = false;
+  bool ended = false;
+  WriteState write_state = WriteState::kNone;
+  std::deque<Delivery> queue;
+  std::deque<ClientMessage> outgoing;                                    ///< The first one is being written.
+  std::optional<std::chrono::system_clock::time_point> status_deadline;  ///< gRPC takes this clock.
+};
+
+void NotificationStream::Call::Notify() const {
+  const uint64_t one = 1;
+  (void)!write(event.get(), &one, sizeof one);
+}
+
+void NotificationStream::Call::Run() {
+  void* tag = nullptr;
+  bool ok = false;
+  while (NextCompletion(&tag, &ok)) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    Handle(tag, ok);
+    Notify();
+  }
+  const std::lock_guard<std::mutex> lock(mutex);
+  is_finished = true;
+  finished.notify_all();
+}
+
+/// Waits for a completion; false once the queue is shut down and empty.
+bool NotificationStream::Call::NextCompletion(void** tag, bool* ok) {
+  for (;;) {
+    if (!status_deadline) return completions.Next(tag, ok);
+    const auto next = completions.AsyncNext(tag, ok, *status_deadline);
+    if (next != grpc::CompletionQueue::TIMEOUT) return next == grpc::CompletionQueue::GOT_EVENT;
+    // After a message that can't be decoded gRPC stops reading but leaves the stream open.
+    status_deadline.reset();
+    undecodable = true;
+    context.TryCancel();
+  }
+}
+
+void NotificationStream::Call::Handle(void* tag, bool ok) {
+  if (tag == TagOf(kStart)) {
+    if (!ok) return StartFinish();
+    ClientMessage message;
+    message.mutable_hello()->set_serial_number(serial_number);
+    message.mutable_hello()->set_protocol(kProtocol);
+    Enqueue(std::move(message));
+    StartRead();
+  } else if (tag == TagOf(kRead)) {
+    HandleRead(ok);
+  } else if (tag == TagOf(kWrite)) {
+    HandleWrite(ok);
+  } else {
+    HandleFinish();
+  }
+}
+
+void NotificationStream::Call::HandleRead(bool ok) {
+  if (!ok) return StartFinish();
+  if (incoming.has_delivery() && !abandoned) queue.push_back(std::move(*incoming.mutable_delivery()));
+  paused = queue.size() >= kMaxQueued;
+  if (!paused) StartRead();
+}
+
+void NotificationStream::Call::HandleFinish() {
+  status_deadline.reset();
+  ended = true;
+  completions.Shutdown();
+}
+
+void NotificationStream::Call::HandleWrite(bool ok) {
+  outgoing.pop_front();
+  if (!ok) {
+    outgoing.clear();
+    write_state = WriteState::kFailed;
+    Abandon();
+  } else if (outgoing.empty()) {
+    write_state = WriteState::kWritten;
+  } else {
+    StartWrite();
+  }
+}
+
+void NotificationStream::Call::Enqueue(ClientMessage message) {
+  write_state = WriteState::kInFlight;
+  outgoing.push_back(std::move(message));
+  if (outgoing.size() == 1) StartWrite();
+}
+
+void NotificationStream::Call::StartWrite() { rpc->Write(outgoing.front(), TagOf(kWrite)); }
+
+void NotificationStream::Call::StartRead() {
+  paused = false;
+  rpc->Read(&incoming, TagOf(kRead));
+}
+
+void NotificationStream::Call::StartFinish() {
+  finishing = true;
+  Abandon();
+  status_deadline = std::chrono::system_clock::now() + limits.status;
+  rpc->Finish(&status, TagOf(kFinish));
+}
+
+void NotificationStream::Call::Abandon() {
+  abandoned = true;
+  queue.clear();
+  if (paused) StartRead();  // nothing else would notice the end
+}
+
+void NotificationStream::Call::Cancel() {
+  if (ended) return;
+  context.TryCancel();
+  Abandon();
+}
+
+NotificationStream::NotificationStream(const Address& address, const std::string& root_certificates,
+                                       const std::string& serial_number, const StreamLimits& limits)
+    : call_(std::make_shared<Call>(address, root_certificates, serial_number, limits)),
+      thread_([call = call_] { call->Run(); }) {
+  call_->rpc->StartCall(TagOf(kStart));
+}
+
+NotificationStream::~NotificationStream() {
+  std::unique_lock<std::mutex> lock(call_->mutex);
+  call_->Cancel();
+  if (call_->finished.wait_for(lock, call_->limits.close, [this] { return call_->is_finished; })) {
+    lock.unlock();
+    thread_.join();
+  } else {
+    thread_.detach();
+  }
+}
+
+int NotificationStream::event_fd() const { return call_->event.get(); }
+
+void NotificationStream::DrainEvents() {
+  uint64_t count = 0;
+  (void)!read(call_->event.get(), &count, sizeof count);
+}
+
+NotificationStream::Taken NotificationStream::Take(Delivery& out) {
+  const std::lock_guard<std::mutex> lock(call_->mutex);
+  if (call_->ended) return Taken::kEnded;
+  if (call_->queue.empty()) return Taken::kNothingYet;
+  out = std::move(call_->queue.front());
+  call_->queue.pop_front();
+  if (call_->paused) call_->StartRead();
+  return Taken::kDelivery;
+}
+
+CallStatus NotificationStream::end_status() const {
+  const std::lock_guard<std::mutex> lock(call_->mutex);
+  if (call_->undecodable) {
+    return Failure(ClientError::kUndecodable, "The server sent a message that could not be decoded");
+  }
+  if (call_->status.ok()) {
+    return Failure(ClientError::kStreamClosed, "The server closed the stream");
+  }
+  CallStatus failure;
+  failure.hasFail = true;
+  failure.error = call_->status.error_code();
+  failure.errorMsg = MakePrintable(call_->status.error_message(), kMaxStatusText);
+  return failure;
+}
+
+NotificationStream::WriteState NotificationStream::write_state() const {
+  const std::lock_guard<std::mutex> lock(call_->mutex);
+  return call_->write_state;
+}
+
+void NotificationStream::StartAnswer(const tarvo::support::v1::Answer& answer) {
+  const std::lock_guard<std::mutex> lock(call_->mutex);
+  if (call_->finishing) {
+    call_->write_state = WriteState::kFailed;
+    return;
+  }
+  ClientMessage message;
+  *message.mutable_answer() = answer;
+  call_->Enqueue(std::move(message));
+}
+
+void NotificationStream::Cancel() {
+  const std::lock_guard<std::mutex> lock(call_->mutex);
+  call_->Cancel();
+}
+
+}  // namespace TarvoOrvane::Internal

@@ -1,0 +1,74 @@
+/// One attempt at the notification service: a fresh channel and the one stream on it.
+///
+/// The worker's thread opens it, takes deliveries, starts answers and polls event_fd(). One thread of the
+/// object waits for gRPC's completions, fills the queue of deliveries and writes to the eventfd.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "address.h"
+#include "platform/support_service_client.h"
+#include "tarvo/support/v1/notification.pb.h"
+
+namespace TarvoOrvane::Internal {
+
+/// Time limits of a stream; a test shortens them.
+struct StreamLimits {
+  std::chrono::milliseconds connect{10'000};      ///< From the first packet to the server's first frame.
+  std::chrono::milliseconds keepalive{20'000};    ///< Between pings on a silent connection.
+  std::chrono::milliseconds ping_answer{10'000};  ///< Until an unanswered ping ends the stream.
+  std::chrono::milliseconds status{1'000};        ///< Between the last message and the stream's status.
+  std::chrono::milliseconds close{5'000};         ///< Until a cancelled stream is left to itself.
+};
+
+class NotificationStream {
+ public:
+  /// Starts to connect and sends Hello as soon as that is possible; does not wait.
+  /// @param root_certificates  PEM text of the authorities to trust; used with TLS only.
+  /// @throws std::system_error when a descriptor or the thread can't be had.
+  NotificationStream(const Address& address, const std::string& root_certificates,
+                     const std::string& serial_number, const StreamLimits& limits);
+
+  /// Cancels the stream and ends the thread; takes StreamLimits::close at most.
+  ~NotificationStream();
+  NotificationStream(const NotificationStream&) = delete;
+  NotificationStream& operator=(const NotificationStream&) = delete;
+
+  /// Readable after anything has changed. DrainEvents() comes before the looks at what has.
+  [[nodiscard]] int event_fd() const;
+  void DrainEvents();
+
+  enum class Taken { kDelivery, kNothingYet, kEnded };
+
+  /// Takes the oldest queued delivery. Once the stream is known to be over nothing more is taken from it: the
+  /// server delivers again.
+  [[nodiscard]] Taken Take(tarvo::support::v1::Delivery& out);
+
+  /// How the stream ended, once Take() has told so.
+  [[nodiscard]] FastSupport::CallStatus end_status() const;
+
+  enum class WriteState {
+    kNone,      ///< Nothing has been written yet.
+    kInFlight,  ///< Hello or an answer is being written.
+    kWritten,   ///< All messages are out.
+    kFailed     ///< The last message could not be written.
+  };
+  [[nodiscard]] WriteState write_state() const;
+
+  /// Starts to write an answer, behind what is in flight. Fails at once when the stream is ending.
+  void StartAnswer(const tarvo::support::v1::Answer& answer);
+
+  /// Ends the stream from this side; it then ends like any other.
+  void Cancel();
+
+ private:
+  struct Call;
+
+  std::shared_ptr<Call> call_;  ///< Shared with the thread, which may have to outlive this object.
+  std::thread thread_;
+};
+
+}  // namespace TarvoOrvane::Internal

@@ -1,0 +1,69 @@
+/// The ticket client behind FastSupportClient.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "address.h"
+#include "notification_stream.h"
+#include "platform/support_service_client.h"
+#include "stop_signal.h"
+#include "tarvo/support/v1/notification.pb.h"
+
+namespace TarvoOrvane::Internal {
+
+/// What a test may want to be different.
+struct TicketClientOptions {
+  std::string root_certificates_file = "/etc/ssl/certs/ca-certificates.crt";
+  StreamLimits limits;
+  std::chrono::milliseconds answer_limit{10'000};  ///< For writing one answer.
+};
+
+/// Keeps gRPC initialised, so that its threads are not ended and started again with every stream.
+class GrpcRuntime {
+ public:
+  GrpcRuntime();
+  ~GrpcRuntime();
+  GrpcRuntime(const GrpcRuntime&) = delete;
+  GrpcRuntime& operator=(const GrpcRuntime&) = delete;
+};
+
+/// Receives tickets and answers them. Used by the worker's one thread. A stream that ended is told once, as a
+/// failed Receive(); the next Receive() opens a new one.
+class TicketClient {
+ public:
+  explicit TicketClient(const std::string& address, TicketClientOptions options = {});
+  ~TicketClient();
+  TicketClient(const TicketClient&) = delete;
+  TicketClient& operator=(const TicketClient&) = delete;
+
+  FastSupport::ReceiveResult Receive();
+  FastSupport::CallStatus Send(FastSupport::FastSupportClient::ClientStatus status);
+
+  /// The time between pings; it doubles when a server complains of too many.
+  [[nodiscard]] std::chrono::milliseconds keepalive() const { return options_.limits.keepalive; }
+
+ private:
+  using CallStatus = FastSupport::CallStatus;
+
+  CallStatus ReceiveTicket(const SignalBlock& block, FastSupport::Ticket& ticket);
+  CallStatus OpenStream();
+  CallStatus AwaitDelivery(const SignalBlock& block, tarvo::support::v1::Delivery& delivery);
+  CallStatus CloseEndedStream();
+  CallStatus Deliver(const SignalBlock& block, const tarvo::support::v1::Answer& answer);
+  CallStatus RejectMalformed(const SignalBlock& block, const std::string& ticket_id,
+                             const std::string& fault);
+
+  // In the order of construction: everything below runs with signals blocked and gRPC initialised.
+  TicketClientOptions options_;
+  StopSignal stop_;
+  GrpcRuntime grpc_;
+  std::optional<Address> address_;  ///< None while the configured one can't be used.
+  std::string address_fault_;
+  std::unique_ptr<NotificationStream> stream_;  ///< Null between two attempts.
+  std::optional<std::string> unanswered_id_;    ///< The ticket that Send() answers.
+};
+
+}  // namespace TarvoOrvane::Internal

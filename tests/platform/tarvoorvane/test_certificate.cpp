@@ -1,0 +1,55 @@
+#include "test_certificate.h"
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <memory>
+#include <stdexcept>
+
+namespace TarvoOrvane::Testing {
+namespace {
+
+void AddExtension(X509* certificate, int nid, const char* value) {
+  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, nullptr, nid, value);
+  if (extension == nullptr) throw std::runtime_error("X509V3_EXT_conf_nid failed");
+  X509_add_ext(certificate, extension, -1);
+  X509_EXTENSION_free(extension);
+}
+
+template <typename Writer>
+std::string ToPem(Writer write) {
+  const std::unique_ptr<BIO, int (*)(BIO*)> memory(BIO_new(BIO_s_mem()), &BIO_free);
+  write(memory.get());
+  char* data = nullptr;
+  const auto size = static_cast<size_t>(BIO_get_mem_data(memory.get(), &data));
+  return {data, size};
+}
+
+}  // namespace
+
+TestCertificate MakeTestCertificate() {
+  const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
+  const std::unique_ptr<X509, void (*)(X509*)> certificate(X509_new(), &X509_free);
+  X509_set_version(certificate.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 1);
+  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 24 * 3600);
+  X509_set_pubkey(certificate.get(), key.get());
+  X509_NAME* name = X509_get_subject_name(certificate.get());
+  const unsigned char common_name[] = "localhost";
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, common_name, -1, -1, 0);
+  X509_set_issuer_name(certificate.get(), name);
+  AddExtension(certificate.get(), NID_basic_constraints, "critical,CA:TRUE");
+  AddExtension(certificate.get(), NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
+  if (X509_sign(certificate.get(), key.get(), EVP_sha256()) == 0)
+    throw std::runtime_error("X509_sign failed");
+
+  TestCertificate result;
+  result.certificate = ToPem([&](BIO* out) { PEM_write_bio_X509(out, certificate.get()); });
+  result.key = ToPem(
+      [&](BIO* out) { PEM_write_bio_PrivateKey(out, key.get(), nullptr, nullptr, 0, nullptr, nullptr); });
+  return result;
+}
+
+}  // namespace TarvoOrvane::Testing
