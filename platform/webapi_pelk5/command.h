@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace TARVO::SupportForm {
+
+/// A command to be run.
+struct CommandRequest {
+  std::vector<std::string> argv;  ///< Program and arguments; a program without a slash is looked up.
+  std::string programs;           ///< Folders for the look-up, separated by colons; also the command's PATH.
+  std::int64_t time_limit_ms = 0;
+  std::uint64_t output_limit = 0;  ///< Bytes of output that are kept.
+  bool with_errors = true;         ///< Standard error goes where standard output goes; otherwise nowhere.
+};
+
+/// How a command ended.
+struct CommandResult {
+  enum class End {
+    kNotStarted,   ///< `code` is an errno value.
+    kExited,       ///< `code` is the exit status.
+    kSignalled,    ///< `code` is the signal.
+    kTimeLimit,    ///< Killed at its time limit.
+    kOutputLimit,  ///< Killed because it wrote more than is kept.
+  };
+  End end = End::kNotStarted;
+  int code = 0;
+
+  /// One line for people, "exit status 1".
+  [[nodiscard]] std::string Text() const;
+};
+
+/// Runs a command without a shell and waits for it. It gets a process group and an environment of its own
+/// (PATH and LC_ALL=C), /dev/null as input, default signals. When it ends, or is over a limit, its whole
+/// group is killed; a process that left the group is beyond reach, and its output is not waited for.
+/// @param output_fd  Receives the output; borrowed.
+/// @throws ArchiveFailed when the output can't be written.
+[[nodiscard]] CommandResult RunCommand(const CommandRequest& request, int output_fd);
+
+}  // namespace TARVO::SupportForm

@@ -1,0 +1,43 @@
+/// Small file operations and the clock, shared by all units.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+namespace TARVO::SupportForm {
+
+/// Milliseconds of the monotonic clock.
+[[nodiscard]] std::int64_t MonotonicMs();
+
+/// Waits that long, through signals that are handled meanwhile.
+void SleepMs(std::int64_t milliseconds);
+
+/// `time` as UTC in ISO 8601, "2024-05-06T07:08:09Z".
+[[nodiscard]] std::string IsoTime(std::time_t time);
+
+/// Bytes as lower-case hex digits.
+[[nodiscard]] std::string HexText(const unsigned char* bytes, std::size_t count);
+
+/// The system's text for `error`.
+[[nodiscard]] std::string ErrorText(int error);
+
+/// Writes all of `text`. Returns false, with errno set, on failure.
+[[nodiscard]] bool WriteAll(int fd, std::string_view text);
+
+/// Reads from `fd` to its end, but no more than `limit` bytes.
+/// @param out   Receives what was read, on failure too.
+/// @param more  Set when the file holds more than `limit` bytes.
+/// @return false, with errno set, when reading failed.
+[[nodiscard]] bool ReadUpTo(int fd, std::size_t limit, std::string& out, bool& more);
+
+/// Opens the regular file `path`, following links, and reads it as ReadUpTo() does.
+[[nodiscard]] bool ReadFileUpTo(const std::string& path, std::size_t limit, std::string& out, bool& more);
+
+/// Creates or replaces the file `name` in a folder in one step: a reader sees the old text or the new one,
+/// whole. Mode 0600. Returns false, with errno set, on failure.
+[[nodiscard]] bool ReplaceFile(int folder_fd, const std::string& name, std::string_view text);
+
+}  // namespace TARVO::SupportForm

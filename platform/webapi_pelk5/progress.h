@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace TARVO::SupportForm {
+
+/// Name of the progress file in a task folder: a JSON object {"bytes", "files"}.
+inline constexpr const char* kProgressFile = "progress";
+
+/// Tells how far a collection has come, in a small file beside the archive. Lives in the task process. A file
+/// that can't be written is no failure: the archive matters more.
+class Progress {
+ public:
+  /// Writes the file for the first time, with zeros.
+  /// @param folder_fd    The task folder; borrowed.
+  /// @param interval_ms  The file is replaced at most this often.
+  Progress(int folder_fd, unsigned interval_ms);
+
+  /// Counts content that went into the archive, before compression.
+  void AddBytes(std::uint64_t count);
+  /// Counts one finished entry.
+  void AddFile();
+  /// Writes the file now.
+  void Write();
+
+ private:
+  void WriteWhenDue();
+
+  int folder_fd_;
+  std::int64_t interval_ms_;
+  std::int64_t written_at_ms_ = 0;  ///< When the file was last replaced, monotonic.
+  std::uint64_t bytes_ = 0;
+  std::uint64_t files_ = 0;
+};
+
+}  // namespace TARVO::SupportForm

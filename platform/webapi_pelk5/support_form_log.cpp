@@ -1,0 +1,153 @@
+#include "support_form_log.h"
+
+#include <fcntl.h>
+#include <json/reader.h>
+#include <openssl/crypto.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include "api_error.h"
+#include "collection.h"
+#include "file_util.h"
+#include "progress.h"
+#include "task_folder.h"
+#include "task_process.h"
+#include "token_mask.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+constexpr std::size_t kSmallFileBytes = 4096;
+constexpr std::int64_t kFirstPauseMs = 5;
+constexpr std::int64_t kLongestPauseMs = 200;
+
+/// The text of a small file in a task folder; false when there is none.
+bool ReadTaskFile(int folder_fd, const char* name, std::string& text) {
+  const UniqueFd fd(openat(folder_fd, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  bool more = false;
+  return fd.valid() && ReadUpTo(fd.get(), kSmallFileBytes, text, more);
+}
+
+/// The whole work of the task process. Returns its exit status.
+int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id,
+            const Json::Value& app_list) {
+  alarm(limits.task_seconds_hard);
+  static_cast<void>(WriteAll(kTaskLockFd, std::to_string(getpid()) + "\n"));
+  // SHA-256 needs no configuration, and the search for one would look at the environment.
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+  const UniqueFd folder = OpenTaskFolder(paths.state, task_id);
+  std::string failure = "out of memory";
+  try {
+    if (!folder.valid()) return 1;
+    MakeArchive(paths, limits, folder.get(), task_id, app_list);
+    return 0;
+  } catch (const std::exception& error) {
+    failure = Masked(error.what());
+  } catch (...) {
+    failure = "unknown error";
+  }
+  static_cast<void>(ReplaceFile(folder.get(), kFailureFile, failure));
+  return 1;
+}
+
+}  // namespace
+
+SupportFormLog::SupportFormLog(Paths paths, Limits limits) : paths_(std::move(paths)), limits_(limits) {}
+
+void SupportFormLog::Register(ApiRegistry& registry) {
+  const std::string api = "TARVO.Core.SupportForm.Log";
+  registry.Add(api, 1, "collect", [this](const Json::Value& params) { return Collect(params); });
+  registry.Add(api, 1, "status", [this](const Json::Value& params) { return Status(params); });
+}
+
+Json::Value SupportFormLog::Collect(const Json::Value& params) {
+  const Json::Value& app_list = params["app_list"];
+  if (!app_list.isArray()) {
+    throw ApiError(ApiErrorCode::kBadParameters,
+                   R"("app_list" is missing or not an array of application names)");
+  }
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  LockStateFolder(state.get(), limits_.prepare_wait_ms);
+  RemoveLeftovers(state.get());
+  ForgetRemoved(state.get());
+  NewTask task = CreateTask(state.get());
+  flock(state.get(), LOCK_UN);  // From here on the task's own locks tell that it is alive.
+
+  try {
+    StartDetached(task.lock.get(), [&] { return RunTask(paths_, limits_, task.id, app_list); });
+  } catch (...) {
+    RemoveTask(state.get(), task.id);
+    throw;
+  }
+  owners_[task.id] = std::move(task.owner);
+  Json::Value data(Json::objectValue);
+  data["task_id"] = task.id;
+  return data;
+}
+
+/// Gives up the owner locks of tasks whose folders are gone, whoever removed them.
+void SupportFormLog::ForgetRemoved(int state_fd) {
+  for (auto it = owners_.begin(); it != owners_.end();) {
+    const bool gone = faccessat(state_fd, it->first.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0;
+    it = gone ? owners_.erase(it) : std::next(it);
+  }
+}
+
+Json::Value SupportFormLog::Status(const Json::Value& params) const {
+  const Json::Value& task = params["task_id"];
+  if (!task.isString() || !IsTaskId(task.asString())) {
+    throw ApiError(ApiErrorCode::kBadParameters, R"("task_id" is missing or not 32 lower-case hex digits)");
+  }
+  const std::string id = task.asString();
+  const UniqueFd folder = OpenTaskFolder(paths_.state, id);
+  if (!folder.valid()) {
+    throw ApiError(ApiErrorCode::kUnknownTask,
+                   "no task " + id + ": it was never started here, or its folder was removed");
+  }
+  const std::int64_t deadline = MonotonicMs() + limits_.status_wait_ms;
+  std::int64_t pause = kFirstPauseMs;
+  while (IsHeld(folder.get(), kLockFile)) {
+    const std::int64_t left = deadline - MonotonicMs();
+    if (left <= 0) return RunningStatus(folder.get());
+    SleepMs(std::min(pause, left));
+    pause = std::min(pause * 2, kLongestPauseMs);
+  }
+  return EndedStatus(folder.get(), id);
+}
+
+Json::Value SupportFormLog::RunningStatus(int folder_fd) const {
+  std::string text;
+  Json::Value progress;
+  if (ReadTaskFile(folder_fd, kProgressFile, text)) {
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    reader->parse(text.data(), text.data() + text.size(), &progress, nullptr);
+  }
+  Json::Value data(Json::objectValue);
+  data["finished"] = false;
+  for (const char* name : {"bytes", "files"}) {
+    const bool known = progress.isObject() && progress[name].isUInt64();
+    data[name] = known ? progress[name] : Json::Value(0);
+  }
+  return data;
+}
+
+Json::Value SupportFormLog::EndedStatus(int folder_fd, const std::string& task_id) const {
+  if (faccessat(folder_fd, kArchiveFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+    Json::Value data(Json::objectValue);
+    data["finished"] = true;
+    data["path"] = paths_.state + "/" + task_id + "/" + kArchiveFile;
+    return data;
+  }
+  std::string failure;
+  if (ReadTaskFile(folder_fd, kFailureFile, failure)) throw ApiError(ApiErrorCode::kTaskFailed, failure);
+  throw ApiError(ApiErrorCode::kTaskKilled, "task " + task_id + " was killed, or its archive was taken away");
+}
+
+}  // namespace TARVO::SupportForm

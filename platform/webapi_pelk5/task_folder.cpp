@@ -1,0 +1,164 @@
+#include "task_folder.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+
+#include "api_error.h"
+#include "collection.h"
+#include "file_util.h"
+#include "progress.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr std::size_t kIdBytes = 16;
+constexpr std::int64_t kLockLookMs = 10;
+
+[[noreturn]] void Fail(const std::string& what) {
+  throw ApiError(ApiErrorCode::kSystem, what + ": " + ErrorText(errno));
+}
+
+/// Makes the folders above `path`.
+void MakeParents(const std::string& path) {
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    const std::string parent = path.substr(0, slash);
+    if (mkdir(parent.c_str(), 0755) != 0 && errno != EEXIST) Fail("the folder " + parent + " can't be made");
+  }
+}
+
+std::string RandomId() {
+  std::array<unsigned char, kIdBytes> bytes = {};
+  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+    Fail("no random numbers for a task id");
+  }
+  return HexText(bytes.data(), bytes.size());
+}
+
+UniqueFd CreateLock(int folder_fd, const char* name) {
+  UniqueFd fd(openat(folder_fd, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!fd.valid() || flock(fd.get(), LOCK_EX | LOCK_NB) != 0) Fail("the task's lock can't be taken");
+  return fd;
+}
+
+/// The names of the task folders.
+std::vector<std::string> TaskIds(int state_fd) {
+  std::vector<std::string> ids;
+  // A descriptor of its own: a duplicate would share the place in the list with `state_fd`.
+  const int fd = openat(state_fd, ".", kFolderFlags);
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(fd < 0 ? nullptr : fdopendir(fd), &closedir);
+  if (!stream) {
+    if (fd >= 0) close(fd);
+    Fail("the tasks can't be listed");
+  }
+  while (const dirent* entry = readdir(stream.get())) {
+    if (IsTaskId(entry->d_name)) ids.emplace_back(entry->d_name);
+  }
+  return ids;
+}
+
+/// Whether nobody needs the task's folder any more.
+bool IsLeftover(int folder_fd) {
+  if (IsHeld(folder_fd, kLockFile)) return false;
+  const bool has_archive = faccessat(folder_fd, kArchiveFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+  return !has_archive || !IsHeld(folder_fd, kOwnerFile);
+}
+
+}  // namespace
+
+bool IsTaskId(const std::string& text) {
+  return text.size() == 2 * kIdBytes && text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+UniqueFd OpenStateFolder(const std::string& path) {
+  MakeParents(path);
+  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) Fail("the folder " + path + " can't be made");
+  UniqueFd fd(open(path.c_str(), kFolderFlags));
+  struct stat status = {};
+  if (!fd.valid() || fstat(fd.get(), &status) != 0) Fail("the folder " + path + " can't be opened");
+  if (status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    throw ApiError(ApiErrorCode::kSystem,
+                   "the folder " + path +
+                       " belongs to another user or can be written to by others: make it "
+                       "the caller's own, mode 0700");
+  }
+  return fd;
+}
+
+UniqueFd OpenTaskFolder(const std::string& state_path, const std::string& task_id) {
+  return UniqueFd(open((state_path + "/" + task_id).c_str(), kFolderFlags));
+}
+
+void LockStateFolder(int state_fd, unsigned wait_ms) {
+  const std::int64_t deadline = MonotonicMs() + wait_ms;
+  while (flock(state_fd, LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) Fail("the state folder can't be locked");
+    if (MonotonicMs() >= deadline) {
+      throw ApiError(ApiErrorCode::kSystem,
+                     "another collection has been starting for too long; try again later");
+    }
+    SleepMs(kLockLookMs);
+  }
+}
+
+NewTask CreateTask(int state_fd) {
+  NewTask task;
+  task.id = RandomId();
+  if (mkdirat(state_fd, task.id.c_str(), 0700) != 0) Fail("the task's folder can't be made");
+  try {
+    const UniqueFd folder(openat(state_fd, task.id.c_str(), kFolderFlags));
+    if (!folder.valid()) Fail("the task's folder can't be opened");
+    task.lock = CreateLock(folder.get(), kLockFile);
+    task.owner = CreateLock(folder.get(), kOwnerFile);
+  } catch (...) {
+    RemoveTask(state_fd, task.id);
+    throw;
+  }
+  return task;
+}
+
+std::vector<std::string> RemoveLeftovers(int state_fd) {
+  std::vector<std::string> removed;
+  for (const std::string& id : TaskIds(state_fd)) {
+    const UniqueFd folder(openat(state_fd, id.c_str(), kFolderFlags));
+    if (folder.valid() && IsLeftover(folder.get()) && RemoveTask(state_fd, id)) removed.push_back(id);
+  }
+  return removed;
+}
+
+bool RemoveTask(int state_fd, const std::string& task_id) {
+  const UniqueFd folder(openat(state_fd, task_id.c_str(), kFolderFlags));
+  if (!folder.valid()) return errno == ENOENT;
+  const std::string fresh = ".new";
+  for (const std::string& name :
+       {std::string(kProgressFile), kProgressFile + fresh, std::string(kFailureFile), kFailureFile + fresh,
+        std::string(kSpoolFile), std::string(kUnfinishedFile), std::string(kArchiveFile),
+        std::string(kLockFile), std::string(kOwnerFile)}) {
+    unlinkat(folder.get(), name.c_str(), 0);
+  }
+  return unlinkat(state_fd, task_id.c_str(), AT_REMOVEDIR) == 0;
+}
+
+bool IsHeld(int folder_fd, const char* name) {
+  const UniqueFd fd(openat(folder_fd, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (!fd.valid()) {
+    if (errno == ENOENT || errno == ELOOP) return false;
+    Fail("the task's lock can't be opened");
+  }
+  while (flock(fd.get(), LOCK_SH | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) return true;
+    if (errno != EINTR) Fail("the task's lock can't be probed");
+  }
+  return false;
+}
+
+}  // namespace TARVO::SupportForm

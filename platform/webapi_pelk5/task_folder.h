@@ -1,0 +1,64 @@
+/// The task folders below the state folder, and the locks that tell who still needs them.
+///
+/// Each collection has a folder <state>/<task>/. Two flock()s in it tell of two lives:
+/// - `lock` is held by the task process: as long as it is, the task is running. Its text is the process's id.
+/// - `owner` is held by the process that called "collect": as long as it lives, a finished archive is its
+/// own. These locks belong to open file descriptions, so a process can probe the locks that it holds itself,
+/// and the kernel drops them with their holder, however it ends. Probing takes a shared lock, so that two
+/// that probe at the same moment don't take each other for the holder.
+///
+/// The state folder itself is locked by "collect" while it removes leftovers and makes its own folder, so
+/// that no folder is looked at whose locks are not taken yet.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "collection_limits.h"
+#include "unique_fd.h"
+
+namespace TARVO::SupportForm {
+
+inline constexpr const char* kLockFile = "lock";
+inline constexpr const char* kOwnerFile = "owner";
+inline constexpr const char* kFailureFile = "failure";  ///< Why a task made no archive, for people.
+
+/// A folder made for a new task.
+struct NewTask {
+  std::string id;  ///< 32 lower-case hex digits; also the folder's name.
+  UniqueFd lock;   ///< The task's lock, held.
+  UniqueFd owner;  ///< The owner's lock, held.
+};
+
+/// Whether `text` has the form of a task id.
+[[nodiscard]] bool IsTaskId(const std::string& text);
+
+/// Opens the state folder, and makes it where it is missing.
+/// @throws ApiError when that fails, or when the folder is one that others may write to.
+[[nodiscard]] UniqueFd OpenStateFolder(const std::string& path);
+
+/// Opens a task's folder. Invalid, with errno set, when there is none.
+[[nodiscard]] UniqueFd OpenTaskFolder(const std::string& state_path, const std::string& task_id);
+
+/// Locks the state folder until `state_fd` is closed or unlocked.
+/// @throws ApiError when another process holds it for longer than `wait_ms`.
+void LockStateFolder(int state_fd, unsigned wait_ms);
+
+/// Makes a folder for a new task and takes both its locks. The state folder is locked.
+/// @throws ApiError when that fails.
+[[nodiscard]] NewTask CreateTask(int state_fd);
+
+/// Removes the folders of tasks that have ended and whose archive is gone, failed, or nobody's any more. The
+/// state folder is locked. Anything that is no task folder stays.
+/// @return The ids of the tasks whose folders are gone.
+std::vector<std::string> RemoveLeftovers(int state_fd);
+
+/// Removes a task's folder with the files known to be in it.
+/// @return false when something of it is left.
+bool RemoveTask(int state_fd, const std::string& task_id);
+
+/// Whether some process holds the lock file `name` of a task folder.
+/// @throws ApiError when that can't be told.
+[[nodiscard]] bool IsHeld(int folder_fd, const char* name);
+
+}  // namespace TARVO::SupportForm

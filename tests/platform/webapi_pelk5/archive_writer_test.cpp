@@ -1,0 +1,126 @@
+#include "archive_writer.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include <memory>
+
+#include "file_util.h"
+#include "support_log_fixture.h"
+#include "unique_fd.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+class ArchiveWriterTest : public SupportLogTest {
+ protected:
+  ArchiveWriterTest()
+      : folder_fd_(open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+        archive_fd_(open((folder_ / "archive").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)),
+        progress_(folder_fd_.get(), 0),
+        writer_(archive_fd_.get(), 1, progress_) {}
+
+  ArchiveContent Close() {
+    writer_.Close();
+    return ReadArchive(folder_ / "archive");
+  }
+
+  /// Gives `text` in pieces of `step` bytes.
+  static std::function<ssize_t(char*, std::size_t)> InSteps(const std::string& text, std::size_t step) {
+    auto left = std::make_shared<std::string>(text);
+    return [left, step](char* buffer, std::size_t capacity) {
+      const std::size_t count = left->copy(buffer, std::min(step, capacity));
+      left->erase(0, count);
+      return static_cast<ssize_t>(count);
+    };
+  }
+
+  UniqueFd folder_fd_;
+  UniqueFd archive_fd_;
+  Progress progress_;
+  ArchiveWriter writer_;
+};
+
+TEST_F(ArchiveWriterTest, KeepsContentAndOrder) {
+  const std::string large(1'000'003, 'x');
+  writer_.AddText("b", "text", 0);
+  writer_.AddText("a/empty", "", 0);
+  writer_.AddText("a/large", large, 0);
+  const ArchiveContent content = Close();
+  EXPECT_THAT(content.Names(), testing::ElementsAre("b", "a/empty", "a/large"));
+  EXPECT_EQ(content.Of("b"), "text");
+  EXPECT_EQ(content.Of("a/large"), large);
+}
+
+TEST_F(ArchiveWriterTest, MasksTokensAcrossReadsAndDigestsWhatIsArchived) {
+  EntrySource source;
+  const std::string text = R"({"token":"secret","apps":[]})";
+  source.size = text.size();
+  source.read = InSteps(text, 3);
+  const WrittenEntry written = writer_.Add("ticket", source);
+  const std::string archived = Close().Of("ticket");
+  EXPECT_EQ(archived, R"({"token":"******","apps":[]})");
+  EXPECT_EQ(written.sha256, Sha256Of(archived));
+}
+
+TEST_F(ArchiveWriterTest, SourceThatEndsEarlyIsFilledUpWithZerosAndCounted) {
+  EntrySource source;
+  source.size = 10'000;
+  source.read = InSteps(R"("token":"abc)", 100);
+  const WrittenEntry written = writer_.Add("short", source);
+  EXPECT_EQ(written.missing_bytes, 10'000U - 12);
+  writer_.AddText("next", "intact", 0);
+  const ArchiveContent content = Close();
+  EXPECT_EQ(content.Of("short"), R"("token":"***)" + std::string(10'000 - 12, '\0'));
+  EXPECT_EQ(written.sha256, Sha256Of(content.Of("short")));
+  EXPECT_EQ(content.Of("next"), "intact");
+}
+
+TEST_F(ArchiveWriterTest, SourceThatHasMoreIsCutAtItsAnnouncedSize) {
+  EntrySource source;
+  source.size = 4;
+  source.read = InSteps("12345678", 3);
+  writer_.Add("long", source);
+  EXPECT_EQ(Close().Of("long"), "1234");
+}
+
+TEST_F(ArchiveWriterTest, LeadIsReadForTheMaskAndNotArchived) {
+  EntrySource source;
+  const std::string text = R"(x"token":"abcdef" tail)";
+  source.lead = 12;
+  source.size = text.size() - source.lead;
+  source.read = InSteps(text, 5);
+  const WrittenEntry written = writer_.Add("tail", source);
+  EXPECT_EQ(Close().Of("tail"), R"(****" tail)");
+  EXPECT_EQ(written.missing_bytes, 0U);
+}
+
+TEST_F(ArchiveWriterTest, SourceThatEndsInTheLeadIsAllZeros) {
+  EntrySource source;
+  source.lead = 12;
+  source.size = 3;
+  source.read = InSteps("12345", 5);
+  EXPECT_EQ(writer_.Add("gone", source).missing_bytes, 3U);
+  EXPECT_EQ(Close().Of("gone"), std::string(3, '\0'));
+}
+
+TEST_F(ArchiveWriterTest, ProgressTellsBytesAndFiles) {
+  writer_.AddText("a", std::string(1000, 'a'), 0);
+  writer_.AddText("b", "bc", 0);
+  EXPECT_EQ(ReadText(folder_ / "progress"), "{\"bytes\":1002,\"files\":2}\n");
+}
+
+TEST_F(ArchiveWriterTest, FullDiskIsAnErrorThatNamesItsCause) {
+  const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+  try {
+    ArchiveWriter writer(full.get(), 1, progress_);
+    writer.AddText("a", "text", 0);
+    writer.Close();
+    FAIL() << "no error";
+  } catch (const ArchiveFailed& error) {
+    EXPECT_THAT(error.what(), testing::HasSubstr("archive"));
+  }
+}
+
+}  // namespace
+}  // namespace TARVO::SupportForm

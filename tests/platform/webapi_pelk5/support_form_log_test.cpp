@@ -1,0 +1,366 @@
+#include "support_form_log.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "api_error.h"
+#include "file_util.h"
+#include "support_log_fixture.h"
+#include "task_folder.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class SupportFormLogTest : public SupportLogTest {
+ protected:
+  void SetUp() override {
+    WriteText(gate_, "");
+    Describe("slow", R"({"paths": [")" + (data_ / "*.log").string() + R"("], "commands": [)" +
+                         GateCommand(gate_) + "]}");
+    WriteText(data_ / "a.log", "a line\n");
+    Describe("quick", R"({"paths": [")" + (data_ / "a.log").string() + R"("]})");
+  }
+
+  static std::string Start(SupportFormLog& log, const std::string& app) {
+    Json::Value params(Json::objectValue);
+    params["app_list"].append(app);
+    return log.Collect(params)["task_id"].asString();
+  }
+  std::string Start(const std::string& app) { return Start(log_, app); }
+
+  Json::Value Status(const std::string& task) const {
+    Json::Value params(Json::objectValue);
+    params["task_id"] = task;
+    return log_.Status(params);
+  }
+  /// The error code of "status"; 0 when it is no error.
+  int StatusError(const std::string& task, std::string* message = nullptr) const {
+    try {
+      static_cast<void>(Status(task));
+      return 0;
+    } catch (const ApiError& error) {
+      if (message != nullptr) *message = error.what();
+      return static_cast<int>(error.code);
+    }
+  }
+  /// Waits for a task to end well, and gives the archive's path.
+  std::string WaitForArchive(const std::string& task) const {
+    Json::Value status;
+    EXPECT_TRUE(WaitUntil([&] {
+      status = Status(task);
+      return status["finished"].asBool();
+    }));
+    return status["path"].asString();
+  }
+
+  [[nodiscard]] fs::path Folder(const std::string& task) const { return fs::path(paths_.state) / task; }
+  [[nodiscard]] bool Alive(const std::string& task) const {
+    const UniqueFd folder = OpenTaskFolder(paths_.state, task);
+    return folder.valid() && IsHeld(folder.get(), kLockFile);
+  }
+  /// The process of a task, once it has begun.
+  [[nodiscard]] pid_t Pid(const std::string& task) const {
+    EXPECT_TRUE(WaitUntil([&] { return !ReadText(Folder(task) / kLockFile).empty(); }));
+    return std::stoi(ReadText(Folder(task) / kLockFile));
+  }
+  void Kill(const std::string& task) const {
+    ASSERT_EQ(kill(Pid(task), SIGKILL), 0);
+    ASSERT_TRUE(WaitUntil([&] { return !Alive(task); }));
+  }
+  void OpenGate() const { fs::remove(gate_); }
+
+  fs::path gate_ = data_ / "gate";
+  SupportFormLog log_{paths_, limits_};
+  // Status polls in tests shouldn't wait out the default five seconds where they expect "not finished".
+  SupportFormLog impatient_{paths_, [] {
+                              Limits limits;
+                              limits.status_wait_ms = 0;
+                              return limits;
+                            }()};
+};
+
+TEST_F(SupportFormLogTest, CollectGivesATaskAndStatusThePathOfItsArchive) {
+  const std::string task = Start("quick");
+  EXPECT_TRUE(IsTaskId(task));
+  const Json::Value status = Status(task);
+  EXPECT_EQ(status["finished"], Json::Value(true));
+  EXPECT_EQ(status["path"].asString(), paths_.state + "/" + task + "/debug.dat");
+  const ArchiveContent archive = ReadArchive(status["path"].asString());
+  EXPECT_EQ(archive.Of("apps/quick/files" + (data_ / "a.log").string()), "a line\n");
+  EXPECT_EQ(archive.ManifestJson()["task_id"].asString(), task);
+  struct stat folder = {};
+  struct stat file = {};
+  ASSERT_EQ(stat(Folder(task).c_str(), &folder), 0);
+  ASSERT_EQ(stat(status["path"].asCString(), &file), 0);
+  EXPECT_EQ(folder.st_mode & 07777U, 0700U);
+  EXPECT_EQ(file.st_mode & 07777U, 0600U);
+}
+
+TEST_F(SupportFormLogTest, FinishedTaskIsAnsweredAgainAndAgain) {
+  const std::string task = Start("quick");
+  const std::string path = WaitForArchive(task);
+  EXPECT_EQ(WaitForArchive(task), path);
+}
+
+TEST_F(SupportFormLogTest, CollectDoesNotWaitForTheTask) {
+  const std::string task = Start("slow");
+  EXPECT_TRUE(Alive(task));
+  EXPECT_FALSE(fs::exists(Folder(task) / "debug.dat"));
+  OpenGate();
+  WaitForArchive(task);
+}
+
+TEST_F(SupportFormLogTest, StatusAnswersAsSoonAsTheTaskEnds) {
+  const std::string task = Start("slow");
+  std::thread opener([&] {
+    SleepMs(300);
+    OpenGate();
+  });
+  const Json::Value status = Status(task);
+  opener.join();
+  EXPECT_EQ(status["finished"], Json::Value(true));
+}
+
+TEST_F(SupportFormLogTest, StatusOfALongTaskWaitsFiveSecondsAndTellsItsProgress) {
+  const std::string task = Start("slow");
+  const std::int64_t begin = MonotonicMs();
+  const Json::Value status = Status(task);
+  EXPECT_GE(MonotonicMs() - begin, 4'900);
+  EXPECT_EQ(status["finished"], Json::Value(false));
+  EXPECT_GT(status["bytes"].asUInt64(), 0U);
+  EXPECT_GE(status["files"].asUInt64(), 9U);
+  EXPECT_FALSE(status.isMember("path"));
+  OpenGate();
+  WaitForArchive(task);
+}
+
+TEST_F(SupportFormLogTest, ProgressFileAdvancesToTheArchivesTotals) {
+  const std::string task = Start("slow");
+  ASSERT_TRUE(WaitUntil(
+      [&] { return ReadText(Folder(task) / "progress").find("\"files\":10") != std::string::npos; }));
+  OpenGate();
+  const Json::Value totals = ReadArchive(WaitForArchive(task)).ManifestJson()["totals"];
+  const Json::Value progress = ParseJson(ReadText(Folder(task) / "progress"));
+  EXPECT_EQ(progress["files"].asUInt64(), totals["entries"].asUInt64() + 1);  // and the manifest
+  EXPECT_GT(progress["bytes"].asUInt64(), totals["bytes"].asUInt64());
+}
+
+TEST_F(SupportFormLogTest, UnknownAndMalformedTasksAreErrors) {
+  EXPECT_EQ(StatusError(std::string(32, '0')), static_cast<int>(ApiErrorCode::kUnknownTask));
+  EXPECT_EQ(StatusError("../" + std::string(29, '0')), static_cast<int>(ApiErrorCode::kBadParameters));
+  EXPECT_EQ(StatusError(""), static_cast<int>(ApiErrorCode::kBadParameters));
+  EXPECT_FALSE(fs::exists(paths_.state)) << "a question makes no folders";
+}
+
+TEST_F(SupportFormLogTest, KilledTaskIsAnError) {
+  const std::string task = Start("slow");
+  Kill(task);
+  EXPECT_EQ(StatusError(task), static_cast<int>(ApiErrorCode::kTaskKilled));
+}
+
+TEST_F(SupportFormLogTest, TaskKilledDuringTheWaitIsAnError) {
+  const std::string task = Start("slow");
+  const pid_t pid = Pid(task);
+  std::thread killer([&] {
+    SleepMs(300);
+    kill(pid, SIGKILL);
+  });
+  EXPECT_EQ(StatusError(task), static_cast<int>(ApiErrorCode::kTaskKilled));
+  killer.join();
+}
+
+TEST_F(SupportFormLogTest, FailedTaskIsAnErrorWithItsReason) {
+  limits_.zstd_level = 1'000'000;
+  SupportFormLog broken(paths_, limits_);
+  const std::string task = Start(broken, "quick");
+  std::string message;
+  EXPECT_EQ(StatusError(task, &message), static_cast<int>(ApiErrorCode::kTaskFailed));
+  EXPECT_THAT(message, HasSubstr("zstd"));
+  EXPECT_FALSE(fs::exists(Folder(task) / "debug.dat"));
+}
+
+TEST_F(SupportFormLogTest, HangingTaskIsEndedByTheKernel) {
+  limits_.task_seconds_hard = 1;
+  SupportFormLog short_lived(paths_, limits_);
+  const std::string task = Start(short_lived, "slow");
+  EXPECT_EQ(StatusError(task), static_cast<int>(ApiErrorCode::kTaskKilled));
+}
+
+TEST_F(SupportFormLogTest, FullDiskIsAnErrorAndLeavesNoArchive) {
+  std::string random(3'000'000, '\0');
+  const UniqueFd source(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(read(source.get(), random.data(), random.size()), static_cast<ssize_t>(random.size()));
+  WriteText(data_ / "a.log", random);
+  fs::create_directories(paths_.state);
+  const CallerProcess caller([&]() -> std::string {
+    const uid_t user = geteuid();
+    if (unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWUSER | CLONE_NEWNS) != 0) return "no namespace";
+    if (user != 0) {
+      const UniqueFd map(open("/proc/self/uid_map", O_WRONLY | O_CLOEXEC));
+      if (!WriteAll(map.get(), "0 " + std::to_string(user) + " 1")) return "no namespace";
+    }
+    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    if (mount("none", paths_.state.c_str(), "tmpfs", 0, "size=1m,mode=0700") != 0) return "no namespace";
+    const std::string task = Start("quick");
+    std::string message;
+    const int code = StatusError(task, &message);
+    const bool left = fs::exists(Folder(task) / "debug.dat") || fs::exists(Folder(task) / "debug.dat.part");
+    return std::to_string(code) + (left ? " left something: " : " left nothing: ") + message;
+  });
+  if (caller.Answer() == "no namespace") GTEST_SKIP() << "no private mounts here";
+  EXPECT_THAT(caller.Answer(), StartsWith("7 left nothing: "));
+  EXPECT_THAT(caller.Answer(), HasSubstr("No space left"));
+}
+
+TEST_F(SupportFormLogTest, TaskOutlivesItsCaller) {
+  std::string task;
+  {
+    const CallerProcess caller([&] { return Start("slow"); });
+    task = caller.Answer();
+  }
+  ASSERT_TRUE(Alive(task));
+  OpenGate();
+  EXPECT_TRUE(ReadArchive(WaitForArchive(task)).Has("manifest.json"));
+}
+
+TEST_F(SupportFormLogTest, TaskIsNoChildOfItsCallerAndBecomesNoZombieOfIt) {
+  const std::string task = Start("quick");
+  WaitForArchive(task);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+TEST_F(SupportFormLogTest, CallerKeepsOnlyTheOwnersLock) {
+  const auto open_descriptors = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  const auto before = open_descriptors();
+  for (int round = 0; round < 4; ++round) {
+    const std::string path = WaitForArchive(Start("quick"));
+    EXPECT_EQ(open_descriptors(), before + 1) << "round " << round;
+    fs::remove(path);
+  }
+}
+
+TEST_F(SupportFormLogTest, TwoTasksAtOnceDoNotDisturbEachOther) {
+  WriteText(data_ / "b.log", "b line\n");
+  Describe("other", R"({"paths": [")" + (data_ / "b.log").string() + R"("], "commands": [)" +
+                        GateCommand(gate_) + "]}");
+  const std::string first = Start("slow");
+  const std::string second = Start("other");
+  EXPECT_TRUE(Alive(first) && Alive(second));
+  OpenGate();
+  const ArchiveContent one = ReadArchive(WaitForArchive(first));
+  const ArchiveContent two = ReadArchive(WaitForArchive(second));
+  EXPECT_TRUE(one.Has("apps/slow/files" + (data_ / "a.log").string()));
+  EXPECT_TRUE(two.Has("apps/other/files" + (data_ / "b.log").string()));
+  EXPECT_FALSE(two.Has("apps/slow/files" + (data_ / "a.log").string()));
+}
+
+TEST_F(SupportFormLogTest, ManySimultaneousCallersAllGetTheirArchives) {
+  constexpr int kCallers = 8;
+  constexpr int kRounds = 5;
+  std::vector<pid_t> callers;
+  for (int i = 0; i < kCallers; ++i) {
+    callers.push_back(fork());
+    if (callers.back() != 0) continue;
+    int good = 0;
+    for (int round = 0; round < kRounds; ++round) {
+      const std::string path = WaitForArchive(Start("quick"));
+      good += fs::exists(path) ? 1 : 0;
+      fs::remove(path);
+    }
+    _exit(good == kRounds && !testing::Test::HasFailure() ? 0 : 1);
+  }
+  for (const pid_t pid : callers) {
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+  }
+}
+
+TEST_F(SupportFormLogTest, NextCollectRemovesKilledFailedAndTakenTasks) {
+  limits_.zstd_level = 1'000'000;
+  SupportFormLog broken(paths_, limits_);
+  const std::string failed = Start(broken, "quick");
+  EXPECT_EQ(StatusError(failed), static_cast<int>(ApiErrorCode::kTaskFailed));
+  const std::string killed = Start("slow");
+  Kill(killed);
+  const std::string taken = Start("quick");
+  fs::remove(WaitForArchive(taken));
+
+  const std::string next = Start("quick");
+  for (const std::string& task : {failed, killed, taken}) {
+    EXPECT_FALSE(fs::exists(Folder(task)));
+    EXPECT_EQ(StatusError(task), static_cast<int>(ApiErrorCode::kUnknownTask));
+  }
+  WaitForArchive(next);
+}
+
+TEST_F(SupportFormLogTest, NextCollectKeepsTheArchiveOfALiveCallerAndRemovesItOnceTheCallerEnded) {
+  auto caller = std::make_unique<CallerProcess>([&] {
+    const std::string task = Start("quick");
+    WaitForArchive(task);
+    return task;
+  });
+  const std::string task = caller->Answer();
+  WaitForArchive(Start("quick"));
+  EXPECT_TRUE(fs::exists(Folder(task) / "debug.dat"));
+
+  caller.reset();
+  WaitForArchive(Start("quick"));
+  EXPECT_FALSE(fs::exists(Folder(task)));
+}
+
+TEST_F(SupportFormLogTest, NextCollectOfTheSameCallerKeepsItsFormerArchive) {
+  const std::string path = WaitForArchive(Start("quick"));
+  WaitForArchive(Start("quick"));
+  EXPECT_TRUE(fs::exists(path));
+}
+
+TEST_F(SupportFormLogTest, RunningTaskOfAnEndedCallerIsKept) {
+  std::string task;
+  {
+    const CallerProcess caller([&] { return Start("slow"); });
+    task = caller.Answer();
+  }
+  WaitForArchive(Start("quick"));
+  EXPECT_TRUE(Alive(task));
+  OpenGate();
+  WaitForArchive(task);
+}
+
+TEST_F(SupportFormLogTest, CollectRefusesAListThatIsNoneAndAFolderOfOthers) {
+  EXPECT_THROW(log_.Collect(ParseJson("{}")), ApiError);
+  EXPECT_THROW(log_.Collect(ParseJson(R"({"app_list": {"a": 1}})")), ApiError);
+  fs::create_directories(paths_.state);
+  ASSERT_EQ(chmod(paths_.state.c_str(), 0777), 0);
+  EXPECT_THROW(Start("quick"), ApiError);
+}
+
+TEST_F(SupportFormLogTest, StatusWithoutPatienceAnswersAtOnceAndHasNumbersFromTheStart) {
+  const std::string task = Start("slow");
+  Json::Value params(Json::objectValue);
+  params["task_id"] = task;
+  const Json::Value status = impatient_.Status(params);
+  EXPECT_EQ(status["finished"], Json::Value(false));
+  EXPECT_TRUE(status["bytes"].isUInt64());
+  EXPECT_TRUE(status["files"].isUInt64());
+  OpenGate();
+  WaitForArchive(task);
+}
+
+}  // namespace
+}  // namespace TARVO::SupportForm

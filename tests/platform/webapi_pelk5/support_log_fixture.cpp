@@ -1,0 +1,194 @@
+#include "support_log_fixture.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <fcntl.h>
+#include <json/reader.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "file_util.h"
+
+namespace TARVO::SupportForm {
+
+bool WaitUntil(const std::function<bool()>& condition) {
+  const std::int64_t deadline = MonotonicMs() + kDeadlineMs;
+  while (!condition()) {
+    if (MonotonicMs() > deadline) return false;
+    SleepMs(5);
+  }
+  return true;
+}
+
+std::string ReadText(const fs::path& path) {
+  std::string text;
+  bool more = false;
+  return ReadFileUpTo(path, std::size_t{1} << 30, text, more) ? text : std::string();
+}
+
+void WriteText(const fs::path& path, const std::string& text) {
+  fs::create_directories(path.parent_path());
+  std::ofstream file(path, std::ios::binary);
+  file << text;
+  ASSERT_TRUE(file.good()) << path;
+}
+
+std::string Sha256Of(const std::string& text) {
+  std::string name = (fs::temp_directory_path() / "sha256.XXXXXX").string();
+  const int fd = mkstemp(name.data());
+  EXPECT_TRUE(fd >= 0 && WriteAll(fd, text));
+  close(fd);
+  const std::unique_ptr<FILE, int (*)(FILE*)> sum(popen(("sha256sum < " + name).c_str(), "re"), &pclose);
+  std::array<char, 65> line = {};
+  EXPECT_NE(fgets(line.data(), static_cast<int>(line.size()), sum.get()), nullptr);
+  unlink(name.c_str());
+  return line.data();
+}
+
+Json::Value ParseJson(const std::string& text) {
+  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  Json::Value value;
+  std::string errors;
+  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << errors << "\n"
+                                                                                      << text;
+  return value;
+}
+
+bool ArchiveContent::Has(const std::string& name) const {
+  return std::any_of(entries.begin(), entries.end(), [&](const auto& entry) { return entry.first == name; });
+}
+
+std::string ArchiveContent::Of(const std::string& name) const {
+  for (const auto& [entry, content] : entries) {
+    if (entry == name) return content;
+  }
+  ADD_FAILURE() << "no entry " << name;
+  return {};
+}
+
+std::vector<std::string> ArchiveContent::Names() const {
+  std::vector<std::string> names;
+  for (const auto& [entry, content] : entries) names.push_back(entry);
+  return names;
+}
+
+Json::Value ArchiveContent::ManifestJson() const { return ParseJson(Of("manifest.json")); }
+
+std::vector<std::string> ArchiveContent::Errors() const {
+  std::vector<std::string> lines;
+  const Json::Value manifest = ManifestJson();
+  for (const Json::Value& error : manifest["errors"]) {
+    lines.push_back(error["where"].asString() + ": " + error["message"].asString());
+  }
+  return lines;
+}
+
+Json::Value ArchiveContent::Record(const std::string& name) const {
+  const Json::Value manifest = ManifestJson();
+  for (const Json::Value& entry : manifest["entries"]) {
+    if (entry["name"].asString() == name) return entry;
+  }
+  return {};
+}
+
+ArchiveContent ReadArchive(const fs::path& path) {
+  ArchiveContent content;
+  const std::unique_ptr<archive, int (*)(archive*)> reader(archive_read_new(), &archive_read_free);
+  archive_read_support_filter_zstd(reader.get());
+  archive_read_support_format_tar(reader.get());
+  EXPECT_EQ(archive_read_open_filename(reader.get(), path.c_str(), 65536), ARCHIVE_OK) << path;
+  archive_entry* entry = nullptr;
+  int result = ARCHIVE_OK;
+  while ((result = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK || result == ARCHIVE_WARN) {
+    EXPECT_EQ(archive_entry_filetype(entry), static_cast<unsigned>(AE_IFREG));
+    std::string text(static_cast<std::size_t>(archive_entry_size(entry)), '\0');
+    const std::string name = archive_entry_pathname(entry);
+    EXPECT_EQ(archive_read_data(reader.get(), text.data(), text.size()),
+              static_cast<la_ssize_t>(text.size()));
+    content.entries.emplace_back(name, text);
+  }
+  EXPECT_EQ(result, ARCHIVE_EOF) << archive_error_string(reader.get());
+  return content;
+}
+
+CallerProcess::CallerProcess(const std::function<std::string()>& work) {
+  int up[2];
+  int down[2];
+  if (pipe2(up, O_CLOEXEC) != 0 || pipe2(down, O_CLOEXEC) != 0) std::abort();
+  pid_ = fork();
+  if (pid_ == 0) {
+    close(up[0]);
+    close(down[1]);
+    static_cast<void>(WriteAll(up[1], work()));
+    close(up[1]);
+    char byte = 0;
+    _exit(read(down[0], &byte, 1) == 0 ? 0 : 1);
+  }
+  close(up[1]);
+  close(down[0]);
+  to_ = down[1];
+  pollfd wait = {up[0], POLLIN, 0};
+  std::array<char, 4096> buffer;
+  while (poll(&wait, 1, kDeadlineMs) == 1) {
+    const ssize_t count = read(up[0], buffer.data(), buffer.size());
+    if (count <= 0) break;
+    answer_.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  close(up[0]);
+}
+
+void CallerProcess::End() {
+  if (to_ < 0) return;
+  close(to_);
+  to_ = -1;
+  waitpid(pid_, nullptr, 0);
+}
+
+SupportLogTest::SupportLogTest() {
+  std::string name = (fs::temp_directory_path() / "support_log_test.XXXXXX").string();
+  if (mkdtemp(name.data()) == nullptr) std::abort();
+  folder_ = name;
+  data_ = folder_ / "data";
+  paths_.state = folder_ / "state" / "log";
+  paths_.descriptions = folder_ / "descriptions";
+  paths_.programs = (folder_ / "bin").string() + ":" + paths_.programs;
+  fs::create_directories(data_);
+  fs::create_directories(paths_.descriptions);
+  // Not this machine's journal: the tests know what is in the archive.
+  Program("journalctl", "echo 'a journal line'");
+}
+
+SupportLogTest::~SupportLogTest() {
+  std::error_code ignored;
+  fs::remove_all(data_, ignored);  // Opens the gates of commands that may still run.
+  // A task that a failed test left may write meanwhile.
+  static_cast<void>(WaitUntil([&] {
+    fs::remove_all(folder_, ignored);
+    return !fs::exists(folder_);
+  }));
+}
+
+void SupportLogTest::Describe(const std::string& app, const std::string& json) const {
+  WriteText(fs::path(paths_.descriptions) / (app + ".json"), json);
+}
+
+void SupportLogTest::Program(const std::string& name, const std::string& script) const {
+  const fs::path path = folder_ / "bin" / name;
+  WriteText(path, "#!/bin/sh\n" + script + "\n");
+  fs::permissions(path, fs::perms::owner_all);
+}
+
+std::string SupportLogTest::GateCommand(const fs::path& gate) const {
+  return R"({"argv": ["sh", "-c", "while test -e )" + gate.string() +
+         R"(; do sleep 0.02; done"], "time_limit_seconds": 60})";
+}
+
+}  // namespace TARVO::SupportForm

@@ -1,0 +1,91 @@
+/// What the tests of the log collection share: scoped folders in place of the device's, example applications,
+/// a reader of archives, a process to call from.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "collection_limits.h"
+
+namespace TARVO::SupportForm {
+
+namespace fs = std::filesystem;
+
+/// No wait in a test lasts longer.
+inline constexpr int kDeadlineMs = 30'000;
+
+/// Waits until `condition` holds. Returns false when it does not in time.
+[[nodiscard]] bool WaitUntil(const std::function<bool()>& condition);
+
+[[nodiscard]] std::string ReadText(const fs::path& path);
+void WriteText(const fs::path& path, const std::string& text);
+
+/// SHA-256 in hex digits, computed by a program of the system.
+[[nodiscard]] std::string Sha256Of(const std::string& text);
+
+[[nodiscard]] Json::Value ParseJson(const std::string& text);
+
+/// The entries of an archive, in their order.
+struct ArchiveContent {
+  std::vector<std::pair<std::string, std::string>> entries;  ///< Name and content.
+
+  [[nodiscard]] bool Has(const std::string& name) const;
+  /// The content of an entry; fails the test when there is none.
+  [[nodiscard]] std::string Of(const std::string& name) const;
+  [[nodiscard]] std::vector<std::string> Names() const;
+  [[nodiscard]] Json::Value ManifestJson() const;
+  /// All error lines of the manifest, "where: message".
+  [[nodiscard]] std::vector<std::string> Errors() const;
+  /// The manifest's record of an entry; null when there is none.
+  [[nodiscard]] Json::Value Record(const std::string& name) const;
+};
+
+[[nodiscard]] ArchiveContent ReadArchive(const fs::path& path);
+
+/// A process forked by a test. It runs one piece of code, which the constructor waits for, then stays until
+/// the object goes.
+class CallerProcess {
+ public:
+  explicit CallerProcess(const std::function<std::string()>& work);
+  ~CallerProcess() { End(); }
+  CallerProcess(const CallerProcess&) = delete;
+  CallerProcess& operator=(const CallerProcess&) = delete;
+
+  /// What the code returned; empty when it failed.
+  [[nodiscard]] const std::string& Answer() const { return answer_; }
+  /// Lets the process end and waits for it.
+  void End();
+
+ private:
+  pid_t pid_ = -1;
+  int to_ = -1;
+  std::string answer_;
+};
+
+/// Scoped folders: <folder>/state, <folder>/descriptions, <folder>/bin, <folder>/data.
+class SupportLogTest : public testing::Test {
+ protected:
+  SupportLogTest();
+  ~SupportLogTest() override;
+
+  /// Writes a description file.
+  void Describe(const std::string& app, const std::string& json) const;
+  /// Writes an executable script that is found before the system's programs.
+  void Program(const std::string& name, const std::string& script) const;
+  /// A description's command that lasts as long as the file `gate` exists; the folder's end removes it, too.
+  [[nodiscard]] std::string GateCommand(const fs::path& gate) const;
+
+  fs::path folder_;
+  fs::path data_;
+  Paths paths_;
+  Limits limits_;
+};
+
+}  // namespace TARVO::SupportForm

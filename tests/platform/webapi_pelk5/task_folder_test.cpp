@@ -1,0 +1,166 @@
+#include "task_folder.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "api_error.h"
+#include "support_log_fixture.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+unsigned Mode(const fs::path& path) {
+  struct stat status = {};
+  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+}
+
+class TaskFolderTest : public SupportLogTest {
+ protected:
+  fs::path Folder(const std::string& id) const { return fs::path(paths_.state) / id; }
+
+  /// A task whose process and caller have ended, with a file in its folder.
+  std::string EndedTask(const std::string& file) {
+    const UniqueFd state = OpenStateFolder(paths_.state);
+    const NewTask task = CreateTask(state.get());
+    WriteText(Folder(task.id) / file, "content");
+    return task.id;
+  }
+  std::vector<std::string> Sweep() {
+    const UniqueFd state = OpenStateFolder(paths_.state);
+    return RemoveLeftovers(state.get());
+  }
+};
+
+TEST_F(TaskFolderTest, StateFolderIsMadeForItsOwnerOnly) {
+  umask(0);
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  umask(022);
+  EXPECT_EQ(Mode(paths_.state), 0700U);
+  EXPECT_EQ(Mode(fs::path(paths_.state).parent_path()), 0755U);
+}
+
+TEST_F(TaskFolderTest, StateFolderThatOthersMayWriteToOrThatIsALinkIsRefused) {
+  fs::create_directories(paths_.state);
+  ASSERT_EQ(chmod(paths_.state.c_str(), 0770), 0);
+  EXPECT_THROW(static_cast<void>(OpenStateFolder(paths_.state)), ApiError);
+  fs::remove(paths_.state);
+  fs::create_symlink(data_, paths_.state);
+  EXPECT_THROW(static_cast<void>(OpenStateFolder(paths_.state)), ApiError);
+}
+
+TEST_F(TaskFolderTest, NewTaskHasItsOwnFolderAndBothLocks) {
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  const NewTask first = CreateTask(state.get());
+  const NewTask second = CreateTask(state.get());
+  EXPECT_TRUE(IsTaskId(first.id));
+  EXPECT_NE(first.id, second.id);
+  EXPECT_EQ(Mode(Folder(first.id)), 0700U);
+  const UniqueFd folder = OpenTaskFolder(paths_.state, first.id);
+  EXPECT_TRUE(IsHeld(folder.get(), kLockFile));
+  EXPECT_TRUE(IsHeld(folder.get(), kOwnerFile));
+}
+
+TEST_F(TaskFolderTest, LockIsFreeOnceItsHolderHasEnded) {
+  std::string id;
+  {
+    const CallerProcess holder([&] {
+      const UniqueFd state = OpenStateFolder(paths_.state);
+      auto* kept = new NewTask(CreateTask(state.get()));
+      return kept->id;
+    });
+    id = holder.Answer();
+    const UniqueFd folder = OpenTaskFolder(paths_.state, id);
+    EXPECT_TRUE(IsHeld(folder.get(), kLockFile));
+  }
+  const UniqueFd folder = OpenTaskFolder(paths_.state, id);
+  EXPECT_FALSE(IsHeld(folder.get(), kLockFile));
+  EXPECT_FALSE(IsHeld(folder.get(), "missing"));
+}
+
+TEST_F(TaskFolderTest, FoldersOfLiveTasksAndOfArchivesWithAnOwnerStay) {
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  NewTask running = CreateTask(state.get());
+  running.owner.Close();
+  NewTask finished = CreateTask(state.get());
+  finished.lock.Close();
+  WriteText(Folder(finished.id) / "debug.dat", "archive");
+  EXPECT_THAT(Sweep(), IsEmpty());
+  EXPECT_TRUE(fs::exists(Folder(finished.id) / "debug.dat"));
+
+  finished.owner.Close();
+  EXPECT_THAT(Sweep(), ElementsAre(finished.id));
+  EXPECT_FALSE(fs::exists(Folder(finished.id)));
+  EXPECT_TRUE(fs::exists(Folder(running.id)));
+}
+
+TEST_F(TaskFolderTest, EndedTaskWithoutAnArchiveIsRemovedThoughItsOwnerLives) {
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  NewTask task = CreateTask(state.get());
+  task.lock.Close();
+  WriteText(Folder(task.id) / "debug.dat.part", "half an archive");
+  WriteText(Folder(task.id) / "failure", "why");
+  EXPECT_THAT(Sweep(), ElementsAre(task.id));
+}
+
+TEST_F(TaskFolderTest, HalfRemovedFolderIsRemoved) {
+  const std::string id = EndedTask("debug.dat");
+  fs::remove(Folder(id) / kLockFile);
+  fs::remove(Folder(id) / kOwnerFile);
+  EXPECT_THAT(Sweep(), ElementsAre(id));
+}
+
+TEST_F(TaskFolderTest, EveryFileThatATaskMayLeaveIsRemoved) {
+  const std::string id = EndedTask("debug.dat");
+  for (const char* name : {"debug.dat.part", "progress", "progress.new", "failure", "failure.new", "spool"}) {
+    WriteText(Folder(id) / name, "x");
+  }
+  EXPECT_THAT(Sweep(), ElementsAre(id));
+  EXPECT_FALSE(fs::exists(Folder(id)));
+}
+
+TEST_F(TaskFolderTest, ForeignThingsAreLeftAlone) {
+  const std::string with_foreign_file = EndedTask("my-notes.txt");
+  const std::string link(32, 'b');
+  WriteText(data_ / "debug.dat", "precious");
+  fs::create_symlink(data_, Folder(link));
+  WriteText(Folder("README"), "x");
+  WriteText(Folder("other") / "debug.dat", "x");
+  WriteText(Folder(std::string(32, 'c')), "a file with a task's name");
+  EXPECT_THAT(Sweep(), IsEmpty());
+  EXPECT_TRUE(fs::exists(Folder(with_foreign_file) / "my-notes.txt"));
+  EXPECT_EQ(ReadText(data_ / "debug.dat"), "precious");
+  EXPECT_TRUE(fs::exists(Folder("README")));
+  EXPECT_TRUE(fs::exists(Folder("other") / "debug.dat"));
+  EXPECT_TRUE(fs::exists(Folder(std::string(32, 'c'))));
+}
+
+TEST_F(TaskFolderTest, LinkInPlaceOfTheArchiveIsRemovedAndNotItsTarget) {
+  const std::string id = EndedTask("progress");
+  WriteText(data_ / "precious", "x");
+  fs::create_symlink(data_ / "precious", Folder(id) / "debug.dat");
+  EXPECT_THAT(Sweep(), ElementsAre(id));
+  EXPECT_TRUE(fs::exists(data_ / "precious"));
+}
+
+TEST_F(TaskFolderTest, LockedStateFolderIsWaitedForAndNotForever) {
+  const UniqueFd holder = OpenStateFolder(paths_.state);
+  LockStateFolder(holder.get(), 0);
+  const UniqueFd second = OpenStateFolder(paths_.state);
+  EXPECT_THROW(LockStateFolder(second.get(), 50), ApiError);
+}
+
+TEST(TaskIdTest, Is32LowerCaseHexDigits) {
+  EXPECT_TRUE(IsTaskId("0123456789abcdef0123456789abcdef"));
+  for (const char* text : {"", "0123456789abcdef0123456789abcde", "0123456789abcdef0123456789abcdef0",
+                           "0123456789ABCDEF0123456789abcdef", "0123456789abcdef0123456789abcde/", ".."}) {
+    EXPECT_FALSE(IsTaskId(text)) << text;
+  }
+}
+
+}  // namespace
+}  // namespace TARVO::SupportForm

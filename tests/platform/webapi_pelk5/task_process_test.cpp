@@ -1,0 +1,161 @@
+#include "task_process.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <sstream>
+
+#include "api_error.h"
+#include "file_util.h"
+#include "support_log_fixture.h"
+#include "unique_fd.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+using testing::HasSubstr;
+
+class TaskProcessTest : public SupportLogTest {
+ protected:
+  TaskProcessTest() { WriteText(folder_ / "lock", ""); }
+
+  UniqueFd Lock() const {
+    UniqueFd fd(open((folder_ / "lock").c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(flock(fd.get(), LOCK_EX | LOCK_NB), 0);
+    return fd;
+  }
+  bool LockIsFree() const {
+    const UniqueFd fd(open((folder_ / "lock").c_str(), O_RDWR | O_CLOEXEC));
+    return flock(fd.get(), LOCK_SH | LOCK_NB) == 0;
+  }
+
+  /// The work of a test's task: writes what the kernel says about its process, then waits for `data_` to go.
+  int Report() const {
+    std::string text;
+    for (int fd = 0; fd < 1024; ++fd) {
+      char target[4096];
+      const ssize_t length =
+          readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target));
+      if (length > 0)
+        text +=
+            "fd " + std::to_string(fd) + " " + std::string(target, static_cast<std::size_t>(length)) + "\n";
+    }
+    text += ReadText("/proc/self/status");
+    text += "cwd " + fs::read_symlink("/proc/self/cwd").string() + "\n";
+    text += "session " + std::to_string(getsid(0)) + "\n" + "group " + std::to_string(getpgid(0)) + "\n";
+    text += "core " + CoreLimit() + "\n";
+    WriteText(folder_ / "report.new", text);
+    fs::rename(folder_ / "report.new", folder_ / "report");
+    return WaitUntil([&] { return !fs::exists(data_); }) ? 0 : 1;
+  }
+  static std::string CoreLimit() {
+    std::istringstream lines(ReadText("/proc/self/limits"));
+    for (std::string line; std::getline(lines, line);) {
+      if (line.rfind("Max core file size", 0) == 0) return line;
+    }
+    return {};
+  }
+  std::string StartAndRead() {
+    const UniqueFd lock = Lock();
+    StartDetached(lock.get(), [this] { return Report(); });
+    EXPECT_TRUE(WaitUntil([&] { return fs::exists(folder_ / "report"); }));
+    return ReadText(folder_ / "report");
+  }
+  void LetGo() { fs::remove_all(data_); }
+};
+
+TEST_F(TaskProcessTest, HasTheLockAndTheNullDeviceAndNoOtherDescriptor) {
+  int inherited[2];
+  ASSERT_EQ(pipe(inherited), 0);
+  openlog("test", LOG_NDELAY, LOG_DAEMON);
+  const std::string report = StartAndRead();
+  closelog();
+  close(inherited[0]);
+  close(inherited[1]);
+  EXPECT_THAT(report, testing::StartsWith("fd 0 /dev/null\nfd 1 /dev/null\nfd 2 /dev/null\nfd 3 " +
+                                          (folder_ / "lock").string() + "\nName:\tsupport_log\n"));
+}
+
+TEST_F(TaskProcessTest, HasTheSameDescriptorsWhereTheCallerHasClosedItsFirstThree) {
+  std::string report;
+  const CallerProcess caller([&] {
+    for (int fd = 0; fd < 3; ++fd) close(fd);
+    return StartAndRead();
+  });
+  EXPECT_THAT(caller.Answer(), HasSubstr("fd 0 /dev/null\nfd 1 /dev/null\nfd 2 /dev/null\nfd 3 " +
+                                         (folder_ / "lock").string() + "\nName:"));
+}
+
+TEST_F(TaskProcessTest, HasDefaultSignalsWhateverTheCallerHas) {
+  const CallerProcess caller([&] {
+    signal(SIGTERM, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGRTMAX, SIG_IGN);
+    signal(SIGHUP, [](int) {});
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    return StartAndRead();
+  });
+  for (const char* name : {"SigBlk", "SigIgn", "SigCgt", "SigPnd", "ShdPnd"}) {
+    EXPECT_THAT(caller.Answer(), HasSubstr(std::string("\n") + name + ":\t0000000000000000\n"));
+  }
+}
+
+TEST_F(TaskProcessTest, HasItsOwnSessionMaskAndFolderAndMakesNoCore) {
+  const std::string report = StartAndRead();
+  EXPECT_THAT(report, HasSubstr("\nUmask:\t0077\n"));
+  EXPECT_THAT(report, HasSubstr("\ncwd /\n"));
+  EXPECT_THAT(report, testing::Not(HasSubstr("\nsession " + std::to_string(getsid(0)) + "\n")));
+  EXPECT_THAT(report, testing::Not(HasSubstr("\ngroup " + std::to_string(getpgid(0)) + "\n")));
+  EXPECT_THAT(report, testing::ContainsRegex("Max core file size +0 +0 "));
+}
+
+TEST_F(TaskProcessTest, IsNobodysChildAndTheCallersMaskIsAsBefore) {
+  sigset_t before;
+  sigprocmask(SIG_BLOCK, nullptr, &before);
+  const std::string report = StartAndRead();
+  EXPECT_THAT(report, testing::Not(HasSubstr("\nPPid:\t" + std::to_string(getpid()) + "\n")));
+  LetGo();
+  EXPECT_TRUE(WaitUntil([&] { return LockIsFree(); }));
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+  sigset_t after;
+  sigprocmask(SIG_BLOCK, nullptr, &after);
+  for (int number = 1; number < NSIG; ++number)
+    EXPECT_EQ(sigismember(&before, number), sigismember(&after, number));
+}
+
+TEST_F(TaskProcessTest, HoldsTheLockAsLongAsItRuns) {
+  StartAndRead();  // The caller's own copy is closed by now.
+  EXPECT_FALSE(LockIsFree());
+  LetGo();
+  EXPECT_TRUE(WaitUntil([&] { return LockIsFree(); }));
+}
+
+TEST_F(TaskProcessTest, OtherChildrenOfTheCallerAreNotReaped) {
+  const pid_t other = fork();
+  if (other == 0) _exit(7);
+  StartAndRead();
+  int status = 0;
+  ASSERT_EQ(waitpid(other, &status, 0), other);
+  EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+TEST_F(TaskProcessTest, StartsWhereTheCallerIgnoresTheEndOfItsChildren) {
+  const CallerProcess caller([&] {
+    signal(SIGCHLD, SIG_IGN);
+    return StartAndRead();
+  });
+  EXPECT_THAT(caller.Answer(), HasSubstr("Name:\tsupport_log\n"));
+}
+
+}  // namespace
+}  // namespace TARVO::SupportForm
