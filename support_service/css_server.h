@@ -1,0 +1,55 @@
+/// The file server's two paths over HTTP: archives come to /orvane/ps_files as multipart forms, result
+/// reports to /orvane/ps_results as small JSON documents.
+///
+/// Bodies are worked on as they arrive, in the threads of the HTTP library; an archive goes to disk piece
+/// by piece. Every answer of ours is a JSON object with the boolean "success" and, where that is false,
+/// the text "error".
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "archive_store.h"
+#include "event_log.h"
+#include "listen_address.h"
+#include "ticket_book.h"
+
+struct MHD_Daemon;
+
+namespace TarvoOrvane::SupportService {
+
+/// What requests work with; shared by all of them.
+struct CssDesk {
+  TicketBook& book;
+  const ArchiveStore& store;
+  EventSink events;
+  std::mutex record_mutex;  ///< Held from a record's reading to its writing, so that none is lost.
+};
+
+class CssServer {
+ public:
+  /// Starts serving.
+  /// @param book, store   Live longer than the server.
+  /// @param idle_limit    A connection on which nothing moves for so long is ended; whole seconds.
+  /// @throw std::runtime_error  the address can't be listened on.
+  CssServer(TicketBook& book, const ArchiveStore& store, EventSink events, const ListenAddress& address,
+            std::chrono::seconds idle_limit);
+
+  /// Ends all connections; what was half received is removed.
+  ~CssServer();
+
+  CssServer(const CssServer&) = delete;
+  CssServer& operator=(const CssServer&) = delete;
+
+  /// @return http://ADDRESS:PORT
+  [[nodiscard]] const std::string& url() const { return url_; }
+
+ private:
+  CssDesk desk_;
+  std::string url_;
+  MHD_Daemon* daemon_ = nullptr;
+};
+
+}  // namespace TarvoOrvane::SupportService

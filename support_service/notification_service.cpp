@@ -1,0 +1,216 @@
+#include "notification_service.h"
+
+#include <chrono>
+#include <deque>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace TarvoOrvane::SupportService {
+
+using tarvo::support::v1::ClientMessage;
+using tarvo::support::v1::ServerMessage;
+
+namespace {
+
+/// Far more than a Hello or an Answer needs.
+constexpr int kMaxMessageBytes = 64 * 1024;
+/// How long the server waits at its end for devices to close their connections; streams have ended before.
+constexpr std::chrono::milliseconds kShutdownLimit{250};
+
+grpc::Status StatusFor(const StreamEnd& end) {
+  switch (end.reason) {
+    case EndReason::kNoHello:
+      return {grpc::StatusCode::DEADLINE_EXCEEDED, end.text};
+    case EndReason::kWrongProtocol:
+      return {grpc::StatusCode::FAILED_PRECONDITION, end.text};
+    case EndReason::kProtocolError:
+      return {grpc::StatusCode::INVALID_ARGUMENT, end.text};
+    case EndReason::kReplaced:
+      return {grpc::StatusCode::ABORTED, end.text};
+    case EndReason::kShutdown:
+      break;
+  }
+  return {grpc::StatusCode::UNAVAILABLE, end.text};
+}
+
+/// The device side's keepalive may ping every five seconds, calls or not; the own one finds devices
+/// that went away without a word.
+void SetKeepalive(grpc::ServerBuilder& builder) {
+  builder.AddChannelArgument(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS, 5000);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 20000);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 10000);
+  builder.AddChannelArgument(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);
+}
+
+}  // namespace
+
+/// One device's stream. gRPC calls the reactions from its own threads; Send and End may come from any.
+class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerMessage> {
+ public:
+  DeviceStream(NotificationFront& front, StreamId id) : front_(front), id_(id) {}
+
+  /// @param self  Keeps the stream alive until gRPC is done with it.
+  void Start(std::shared_ptr<DeviceStream> self) {
+    self_ = std::move(self);
+    if (id_ == 0) return End({grpc::StatusCode::UNAVAILABLE, "the service shuts down"});
+    StartRead(&received_);
+  }
+
+  void Send(const Delivery& delivery) {
+    ServerMessage message;
+    message.mutable_delivery()->set_ticket_id(delivery.ticket_id);
+    message.mutable_delivery()->set_ticket_json(delivery.ticket_json);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (ended_) return;
+    outgoing_.push_back(std::move(message));
+    if (outgoing_.size() == 1) StartWrite(&outgoing_.front());
+  }
+
+  /// Ends the stream from this side; later calls change nothing.
+  void End(const grpc::Status& status) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (ended_) return;
+    ended_ = true;
+    status_ = status;
+    // A write that is under way is finished first, or the status would be lost. One that never finishes ends
+    // with the connection: at the service's end, or when the keepalive finds the device gone.
+    if (outgoing_.empty()) Finish(status_);
+  }
+
+  void OnReadDone(bool ok) override {
+    if (!ok) {
+      front_.book_.CloseStream(id_);
+      return End(grpc::Status::OK);
+    }
+    Handle(received_);
+    StartRead(&received_);
+  }
+
+  void OnWriteDone(bool ok) override {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    outgoing_.pop_front();
+    if (ended_) return Finish(status_);
+    // After a failed write the read fails too and ends the stream.
+    if (ok && !outgoing_.empty()) StartWrite(&outgoing_.front());
+    if (!ok) outgoing_.clear();
+  }
+
+  void OnCancel() override {
+    front_.book_.CloseStream(id_);
+    End(grpc::Status::CANCELLED);
+  }
+
+  void OnDone() override {
+    front_.Forget(id_);
+    const auto last_owner = std::move(self_);
+  }
+
+ private:
+  void Handle(const ClientMessage& message) {
+    switch (message.kind_case()) {
+      case ClientMessage::kHello:
+        // Tells the device at once that its stream is open.
+        StartSendInitialMetadataOnce();
+        return front_.book_.Hello(id_, message.hello().serial_number(), message.hello().protocol());
+      case ClientMessage::kAnswer:
+        return HandleAnswer(message.answer());
+      case ClientMessage::KIND_NOT_SET:
+        return front_.book_.ProtocolError(id_, "a message that is neither hello nor answer");
+    }
+  }
+
+  void HandleAnswer(const tarvo::support::v1::Answer& answer) {
+    const bool accepted = answer.status() == tarvo::support::v1::CLIENT_STATUS_ACCEPTED;
+    if (!accepted && answer.status() != tarvo::support::v1::CLIENT_STATUS_REJECTED) {
+      return front_.book_.ProtocolError(id_, "an answer without a known status");
+    }
+    front_.book_.Answer(id_, answer.ticket_id(), accepted, answer.reason());
+  }
+
+  void StartSendInitialMetadataOnce() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (ended_ || std::exchange(metadata_sent_, true)) return;
+    StartSendInitialMetadata();
+  }
+
+  NotificationFront& front_;
+  const StreamId id_;
+  ClientMessage received_;
+  std::shared_ptr<DeviceStream> self_;
+  std::mutex mutex_;
+  std::deque<ServerMessage> outgoing_;  ///< The first one is being written.
+  grpc::Status status_;                 ///< What the stream ends with, once ended_.
+  bool ended_ = false;
+  bool metadata_sent_ = false;
+};
+
+NotificationFront::NotificationFront(TicketBook& book, const ListenAddress& address) : book_(book) {
+  CheckFree(address);
+  const std::string target =
+      address.unix_path.empty()
+          ? SocketAddressText(reinterpret_cast<const sockaddr*>(&address.socket_address),
+                              address.socket_address_size)
+          : UnixTarget(address.unix_path);
+  grpc::ServerBuilder builder;
+  // Otherwise two services could share a port, and each would get some of the devices.
+  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+  SetKeepalive(builder);
+  builder.SetMaxReceiveMessageSize(kMaxMessageBytes);
+  int port = 0;
+  builder.AddListeningPort(target, grpc::InsecureServerCredentials(), &port);
+  builder.RegisterService(this);
+  server_ = builder.BuildAndStart();
+  if (!server_) throw std::runtime_error("cannot listen on " + address.text + " for gRPC");
+  url_ = address.unix_path.empty()
+             ? "http://" + target.substr(0, target.rfind(':') + 1) + std::to_string(port)
+             : "unix:" + address.unix_path;
+  worker_ = std::thread([this] { RunWork(); });
+}
+
+NotificationFront::~NotificationFront() {
+  book_.Close();
+  worker_.join();
+  server_->Shutdown(std::chrono::system_clock::now() + kShutdownLimit);
+  // Waits for every stream's OnDone, which uses this object.
+  server_.reset();
+}
+
+grpc::ServerBidiReactor<ClientMessage, ServerMessage>* NotificationFront::Open(
+    grpc::CallbackServerContext* context) {
+  const StreamId id = book_.OpenStream(context->peer());
+  const auto stream = std::make_shared<DeviceStream>(*this, id);
+  if (id != 0) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    streams_.emplace(id, stream);
+  }
+  stream->Start(stream);
+  return stream.get();
+}
+
+void NotificationFront::RunWork() {
+  for (;;) {
+    const Work work = book_.WaitForWork();
+    for (const StreamEnd& end : work.ends) {
+      if (const auto stream = FindStream(end.stream)) stream->End(StatusFor(end));
+    }
+    for (const Delivery& delivery : work.deliveries) {
+      if (const auto stream = FindStream(delivery.stream)) stream->Send(delivery);
+    }
+    if (work.closed) return;
+  }
+}
+
+std::shared_ptr<DeviceStream> NotificationFront::FindStream(StreamId id) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto found = streams_.find(id);
+  return found == streams_.end() ? nullptr : found->second;
+}
+
+void NotificationFront::Forget(StreamId id) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  streams_.erase(id);
+}
+
+}  // namespace TarvoOrvane::SupportService

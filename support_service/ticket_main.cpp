@@ -1,0 +1,170 @@
+/// The command-line client of the local support service.
+#include <grpcpp/grpcpp.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "event_log.h"
+#include "listen_address.h"
+#include "options.h"
+#include "tarvo/support/v1/control.grpc.pb.h"
+
+namespace {
+
+namespace proto = tarvo::support::v1;
+using TarvoOrvane::SupportService::ControlSocketPath;
+using TarvoOrvane::SupportService::ParseTicketOptions;
+using TarvoOrvane::SupportService::QuotedList;
+using TarvoOrvane::SupportService::TicketOptions;
+using Stub = proto::ControlService::Stub;
+
+constexpr std::chrono::seconds kCallLimit{10};
+
+void SetDeadline(grpc::ClientContext& context, std::chrono::seconds limit) {
+  context.set_deadline(std::chrono::system_clock::now() + limit);
+}
+
+std::unique_ptr<Stub> Connect(const TicketOptions& options) {
+  const std::string path = ControlSocketPath(options.data_folder);
+  if (access(path.c_str(), R_OK | W_OK) == -1) {
+    const std::string why =
+        errno == ENOENT ? "there is no " + path : path + ": " + std::generic_category().message(errno);
+    throw std::runtime_error("no support service to speak with (" + why + "): start it with " +
+                             "support_service --data " + options.data_folder.string() +
+                             ", or name its folder with --data");
+  }
+  return proto::ControlService::NewStub(
+      grpc::CreateChannel(TarvoOrvane::SupportService::UnixTarget(path), grpc::InsecureChannelCredentials()));
+}
+
+void CheckCall(const grpc::Status& status) {
+  if (status.ok()) return;
+  if (status.error_code() == grpc::StatusCode::UNAVAILABLE) {
+    throw std::runtime_error("the support service does not answer, is it still running? (" +
+                             status.error_message() + ")");
+  }
+  throw std::runtime_error(status.error_message());
+}
+
+const char* StateText(proto::TicketState state) {
+  switch (state) {
+    case proto::TICKET_STATE_WAITING:
+      return "waiting";
+    case proto::TICKET_STATE_DELIVERED:
+      return "delivered";
+    case proto::TICKET_STATE_ACCEPTED:
+      return "accepted";
+    case proto::TICKET_STATE_REJECTED:
+      return "rejected";
+    case proto::TICKET_STATE_UPLOADED:
+      return "uploaded";
+    case proto::TICKET_STATE_REPORTED:
+      return "reported";
+    default:
+      return "unknown state";
+  }
+}
+
+std::string TimeText(std::int64_t unix_time_ms) {
+  return TarvoOrvane::SupportService::TimeText(
+      std::chrono::system_clock::time_point(std::chrono::milliseconds(unix_time_ms)));
+}
+
+std::string ChangeText(const proto::TicketChange& change) {
+  return std::string(StateText(change.state())) + (change.detail().empty() ? "" : ": " + change.detail());
+}
+
+void PrintLine(const std::string& line) { std::cout << line << std::endl; }
+
+/// Prints the ticket's changes up to its report.
+/// @return whether the device reported success.
+bool Follow(Stub& stub, const std::string& ticket_id, const TicketOptions& options) {
+  grpc::ClientContext context;
+  if (options.wait_limit) SetDeadline(context, *options.wait_limit);
+  proto::WatchTicketRequest request;
+  request.set_ticket_id(ticket_id);
+  const auto reader = stub.WatchTicket(&context, request);
+  proto::TicketChange change;
+  while (reader->Read(&change)) PrintLine(TimeText(change.unix_time_ms()) + " " + ChangeText(change));
+  const grpc::Status status = reader->Finish();
+  if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
+    throw std::runtime_error("no report within " + std::to_string(options.wait_limit->count()) +
+                             " s; the ticket is still " + StateText(change.state()));
+  }
+  CheckCall(status);
+  return change.state() == proto::TICKET_STATE_REPORTED && change.detail() == "Success";
+}
+
+bool Send(Stub& stub, const TicketOptions& options) {
+  grpc::ClientContext context;
+  SetDeadline(context, kCallLimit);
+  proto::SendTicketRequest request;
+  for (const std::string& app : options.apps) request.add_apps(app);
+  request.set_device(options.device);
+  proto::SendTicketResponse response;
+  CheckCall(stub.SendTicket(&context, request, &response));
+  PrintLine(response.ticket_id());
+  return !options.wait || Follow(stub, response.ticket_id(), options);
+}
+
+bool ListTickets(Stub& stub) {
+  grpc::ClientContext context;
+  SetDeadline(context, kCallLimit);
+  proto::ListTicketsResponse response;
+  CheckCall(stub.ListTickets(&context, {}, &response));
+  for (const proto::TicketSummary& ticket : response.tickets()) {
+    PrintLine(ticket.ticket_id() + " " + TimeText(ticket.last_change().unix_time_ms()) + " apps " +
+              QuotedList({ticket.apps().begin(), ticket.apps().end()}) + " device " +
+              (ticket.device().empty() ? "any" : "\"" + ticket.device() + "\"") + " " +
+              ChangeText(ticket.last_change()));
+  }
+  return true;
+}
+
+bool ListDevices(Stub& stub) {
+  grpc::ClientContext context;
+  SetDeadline(context, kCallLimit);
+  proto::ListDevicesResponse response;
+  CheckCall(stub.ListDevices(&context, {}, &response));
+  for (const proto::DeviceSummary& device : response.devices()) {
+    PrintLine("\"" + device.serial_number() + "\" since " + TimeText(device.connected_unix_time_ms()) +
+              " from " + device.peer());
+  }
+  return true;
+}
+
+bool Run(const TicketOptions& options) {
+  const auto stub = Connect(options);
+  switch (options.action) {
+    case TicketOptions::Action::kListTickets:
+      return ListTickets(*stub);
+    case TicketOptions::Action::kListDevices:
+      return ListDevices(*stub);
+    case TicketOptions::Action::kSend:
+      break;
+  }
+  return Send(*stub, options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    const auto parsed = ParseTicketOptions(argc, argv);
+    if (!parsed.run) {
+      (parsed.exit_status == 0 ? std::cout : std::cerr) << parsed.text;
+      return parsed.exit_status;
+    }
+    return Run(parsed.options) ? 0 : 1;
+  } catch (const std::exception& error) {
+    std::cerr << "ticket: " << error.what() << "\n";
+    return 1;
+  }
+}

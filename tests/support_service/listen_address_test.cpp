@@ -1,0 +1,67 @@
+#include "listen_address.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+#include "service_fixture.h"
+
+namespace TarvoOrvane::SupportService {
+namespace {
+
+std::string TextOf(const ListenAddress& address) {
+  return SocketAddressText(reinterpret_cast<const sockaddr*>(&address.socket_address),
+                           address.socket_address_size);
+}
+
+TEST(ListenAddressTest, HostAndPortAreResolved) {
+  EXPECT_EQ(TextOf(ParseListenAddress("127.0.0.1:0", false)), "127.0.0.1:0");
+  EXPECT_EQ(TextOf(ParseListenAddress("127.0.0.1:65535", false)), "127.0.0.1:65535");
+  EXPECT_EQ(TextOf(ParseListenAddress("[::1]:80", false)), "[::1]:80");
+}
+
+TEST(ListenAddressTest, UnixPathIsTakenOnlyWhereAllowed) {
+  EXPECT_EQ(ParseListenAddress("unix:/tmp/a", true).unix_path, "/tmp/a");
+  EXPECT_THROW(ParseListenAddress("unix:/tmp/a", false), std::invalid_argument);
+  EXPECT_THROW(ParseListenAddress("unix:relative", true), std::invalid_argument);
+  EXPECT_NO_THROW(ParseListenAddress("unix:/" + std::string(106, 'a'), true));
+  EXPECT_THROW(ParseListenAddress("unix:/" + std::string(107, 'a'), true), std::invalid_argument);
+}
+
+class BadAddressTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(BadAddressTest, IsRefused) {
+  EXPECT_THROW(ParseListenAddress(GetParam(), true), std::invalid_argument);
+}
+
+INSTANTIATE_TEST_SUITE_P(ListenAddressTest, BadAddressTest,
+                         ::testing::Values("", "127.0.0.1", "127.0.0.1:", ":80", "127.0.0.1:65536",
+                                           "127.0.0.1:-1", "127.0.0.1:8a", "127.0.0.1:000080", "::1:80",
+                                           "http://127.0.0.1:80", "256.0.0.1.:80"));
+
+TEST(ListenAddressTest, AddressInUseIsToldWithItsCause) {
+  const int fd = OpenListener(ParseListenAddress("127.0.0.1:0", false));
+  sockaddr_storage bound{};
+  socklen_t size = sizeof(bound);
+  ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size), 0);
+  const ListenAddress taken =
+      ParseListenAddress(SocketAddressText(reinterpret_cast<const sockaddr*>(&bound), size), false);
+  try {
+    CheckFree(taken);
+    ADD_FAILURE() << "the address was taken";
+  } catch (const std::runtime_error& error) {
+    EXPECT_NE(std::string(error.what()).find("in use"), std::string::npos) << error.what();
+  }
+  close(fd);
+  EXPECT_NO_THROW(CheckFree(taken));
+}
+
+TEST(ListenAddressTest, UnixTargetEscapesWhatHasAMeaningInAnAddress) {
+  EXPECT_EQ(UnixTarget("/tmp/a-b_c.d~e/1"), "unix:/tmp/a-b_c.d~e/1");
+  EXPECT_EQ(UnixTarget("/my data/50%?#"), "unix:/my%20data/50%25%3F%23");
+  EXPECT_THROW(UnixTarget("/" + std::string(107, 'a')), std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace TarvoOrvane::SupportService

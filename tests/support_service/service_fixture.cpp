@@ -1,0 +1,345 @@
+#include "service_fixture.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <netinet/in.h>
+#include <openssl/evp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+
+namespace TarvoOrvane::SupportService {
+
+using tarvo::support::v1::ClientMessage;
+using tarvo::support::v1::ClientStatus;
+using tarvo::support::v1::ServerMessage;
+
+TempFolder::TempFolder() {
+  std::string name = (std::filesystem::temp_directory_path() / "support_service_XXXXXX").string();
+  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder");
+  path_ = name;
+}
+
+TempFolder::~TempFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+EventSink EventRecorder::sink() {
+  return [this](const std::string& event) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back(event);
+  };
+}
+
+std::vector<std::string> EventRecorder::lines() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return lines_;
+}
+
+std::string EventRecorder::text() const {
+  std::string all;
+  for (const std::string& line : lines()) all += line + "\n";
+  return all;
+}
+
+bool EventRecorder::Has(const std::string& part) const { return text().find(part) != std::string::npos; }
+
+bool EventRecorder::WaitFor(const std::string& part) const {
+  return Eventually([&] { return Has(part); });
+}
+
+ScriptedDevice::ScriptedDevice(const std::string& grpc_url) {
+  grpc::ChannelArguments arguments;
+  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  stub_ = tarvo::support::v1::NotificationService::NewStub(
+      grpc::CreateCustomChannel(GrpcTarget(grpc_url), grpc::InsecureChannelCredentials(), arguments));
+  context_.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(60));
+  stream_ = stub_->Open(&context_);
+  reader_ = std::thread([this] { ReadAll(); });
+}
+
+ScriptedDevice::~ScriptedDevice() {
+  Cancel();
+  reader_.join();
+}
+
+void ScriptedDevice::ReadAll() {
+  stream_->WaitForInitialMetadata();
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  ServerMessage message;
+  while (stream_->Read(&message)) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    deliveries_.push_back(message.delivery());
+    changed_.notify_all();
+  }
+  const grpc::Status status = stream_->Finish();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  end_ = status;
+  changed_.notify_all();
+}
+
+void ScriptedDevice::Hello(const std::string& serial_number, std::uint32_t protocol) {
+  ClientMessage message;
+  message.mutable_hello()->set_serial_number(serial_number);
+  message.mutable_hello()->set_protocol(protocol);
+  Send(message);
+  std::unique_lock<std::mutex> lock(mutex_);
+  EXPECT_TRUE(changed_.wait_for(lock, kDeadline, [this] { return open_; }));
+}
+
+void ScriptedDevice::Send(const ClientMessage& message) { EXPECT_TRUE(stream_->Write(message)); }
+
+void ScriptedDevice::Answer(const std::string& ticket_id, ClientStatus status, const std::string& reason) {
+  ClientMessage message;
+  message.mutable_answer()->set_ticket_id(ticket_id);
+  message.mutable_answer()->set_status(status);
+  message.mutable_answer()->set_reason(reason);
+  Send(message);
+}
+
+std::optional<tarvo::support::v1::Delivery> ScriptedDevice::Next(std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, limit, [this] { return !deliveries_.empty() || end_; });
+  if (deliveries_.empty()) return std::nullopt;
+  tarvo::support::v1::Delivery delivery = deliveries_.front();
+  deliveries_.pop_front();
+  return delivery;
+}
+
+void ScriptedDevice::HalfClose() { stream_->WritesDone(); }
+
+void ScriptedDevice::Cancel() { context_.TryCancel(); }
+
+std::optional<grpc::Status> ScriptedDevice::End(std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, limit, [this] { return end_.has_value(); });
+  return end_;
+}
+
+std::string GrpcTarget(const std::string& grpc_url) {
+  return grpc_url.rfind("http://", 0) == 0 ? grpc_url.substr(7) : grpc_url;
+}
+
+std::string TokenOf(const tarvo::support::v1::Delivery& delivery) {
+  return ParseJson(delivery.ticket_json())["token"].asString();
+}
+
+Json::Value ParseJson(const std::string& text) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value value;
+  if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return {};
+  return value;
+}
+
+std::string ReadFile(const std::filesystem::path& path) {
+  const std::ifstream file(path, std::ios::binary);
+  std::ostringstream content;
+  content << file.rdbuf();
+  return content.str();
+}
+
+void WriteFile(const std::filesystem::path& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string Sha256(const std::string& data) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> hash{};
+  unsigned int length = 0;
+  EVP_Digest(data.data(), data.size(), hash.data(), &length, EVP_sha256(), nullptr);
+  constexpr std::string_view kHex = "0123456789abcdef";
+  std::string text;
+  for (unsigned int i = 0; i < length; ++i) text += {kHex[hash.at(i) >> 4], kHex[hash.at(i) & 0x0f]};
+  return text;
+}
+
+std::string AwkwardData(std::size_t size) {
+  std::minstd_rand random(1);
+  std::string data;
+  data.reserve(size + 64);
+  while (data.size() < size) {
+    switch (random() % 4) {
+      case 0:
+        data += "\r\n--";
+        break;
+      case 1:
+        data += "\r\n------------------------";
+        break;
+      case 2:
+        data += std::string("\r\n\0--\r", 6);
+        break;
+      default:
+        for (int i = 0; i < 200; ++i) data += static_cast<char>(random() % 256);
+    }
+  }
+  data.resize(size);
+  return data;
+}
+
+std::vector<FormPart> DeviceForm(const std::filesystem::path& file, const std::string& serial_number,
+                                 const std::vector<std::string>& apps) {
+  std::vector<FormPart> parts = {{"debug_file", file.string(), true}, {"serial_number", serial_number}};
+  for (std::size_t i = 0; i < apps.size(); ++i) {
+    parts.push_back({"debug_data_apps[" + std::to_string(i) + "]", apps[i]});
+  }
+  return parts;
+}
+
+namespace {
+
+std::size_t Append(char* data, std::size_t size, std::size_t count, void* out) {
+  static_cast<std::string*>(out)->append(data, size * count);
+  return size * count;
+}
+
+/// A libcurl handle with its headers, its form and its answer.
+class Transfer {
+ public:
+  Transfer(const std::string& url, const std::vector<std::string>& headers) {
+    Set(CURLOPT_URL, url.c_str());
+    Set(CURLOPT_PROXY, "");
+    Set(CURLOPT_NOSIGNAL, 1L);
+    Set(CURLOPT_TIMEOUT, 30L);
+    Set(CURLOPT_WRITEFUNCTION, &Append);
+    Set(CURLOPT_WRITEDATA, &answer_.body);
+    Set(CURLOPT_HEADERFUNCTION, &Append);
+    Set(CURLOPT_HEADERDATA, &answer_.headers);
+    for (const std::string& header : headers) {
+      curl_slist* list = curl_slist_append(headers_.get(), header.c_str());
+      headers_.release();
+      headers_.reset(list);
+    }
+    Set(CURLOPT_HTTPHEADER, headers_.get());
+  }
+
+  template <typename Value>
+  void Set(CURLoption option, Value value) {
+    EXPECT_EQ(curl_easy_setopt(curl_.get(), option, value), CURLE_OK);
+  }
+
+  CURL* get() { return curl_.get(); }
+
+  HttpAnswer Run() {
+    answer_.curl_code = curl_easy_perform(curl_.get());
+    curl_easy_getinfo(curl_.get(), CURLINFO_RESPONSE_CODE, &answer_.status);
+    curl_off_t sent = 0;
+    curl_easy_getinfo(curl_.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
+    answer_.sent = sent;
+    return answer_;
+  }
+
+ private:
+  std::unique_ptr<CURL, void (*)(CURL*)> curl_{curl_easy_init(), curl_easy_cleanup};
+  std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers_{nullptr, curl_slist_free_all};
+  HttpAnswer answer_;
+};
+
+}  // namespace
+
+HttpAnswer PostForm(const std::string& url, const std::vector<std::string>& headers,
+                    const std::vector<FormPart>& parts) {
+  Transfer transfer(url, headers);
+  const std::unique_ptr<curl_mime, void (*)(curl_mime*)> form(curl_mime_init(transfer.get()), curl_mime_free);
+  for (const FormPart& part : parts) {
+    curl_mimepart* added = curl_mime_addpart(form.get());
+    curl_mime_name(added, part.name.c_str());
+    if (part.is_file) {
+      curl_mime_filedata(added, part.value.c_str());
+    } else {
+      curl_mime_data(added, part.value.data(), part.value.size());
+    }
+  }
+  transfer.Set(CURLOPT_MIMEPOST, form.get());
+  return transfer.Run();
+}
+
+HttpAnswer Request(const std::string& method, const std::string& url, const std::vector<std::string>& headers,
+                   const std::optional<std::string>& body) {
+  Transfer transfer(url, headers);
+  if (method == "HEAD") {
+    transfer.Set(CURLOPT_NOBODY, 1L);
+  } else {
+    transfer.Set(CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+  if (body) {
+    transfer.Set(CURLOPT_POSTFIELDSIZE, static_cast<long>(body->size()));
+    transfer.Set(CURLOPT_POSTFIELDS, body->data());
+  }
+  return transfer.Run();
+}
+
+RawHttp::RawHttp(const std::string& css_url) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(css_url.substr(css_url.rfind(':') + 1))));
+  const timeval limit{std::chrono::seconds(kDeadline).count(), 0};
+  setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  EXPECT_EQ(connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+}
+
+RawHttp::~RawHttp() { close(fd_); }
+
+void RawHttp::Send(const std::string& text) {
+  EXPECT_EQ(send(fd_, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+}
+
+void RawHttp::Reset() {
+  const linger at_once{1, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+  close(fd_);
+  fd_ = -1;
+}
+
+std::string RawHttp::ReadToEnd() {
+  std::string text;
+  std::array<char, 4096> piece{};
+  ssize_t count = 0;
+  while ((count = recv(fd_, piece.data(), piece.size(), 0)) > 0) {
+    text.append(piece.data(), static_cast<std::size_t>(count));
+  }
+  return count == 0 ? text : "";
+}
+
+ServiceTest::ServiceTest() {
+  settings_.data_folder = temp_.path() / "data";
+  settings_.tickets.retry_pause = std::chrono::milliseconds(50);
+}
+
+std::size_t ServiceTest::IncomingFiles() const {
+  const std::filesystem::directory_iterator files(settings_.data_folder / "incoming");
+  return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+}
+
+ServiceTest::Accepted ServiceTest::AcceptTicket(ScriptedDevice& device,
+                                                const std::vector<std::string>& apps) {
+  const std::string id = book().CreateTicket(apps, "");
+  const auto delivery = device.Next();
+  if (!delivery || delivery->ticket_id() != id) throw std::runtime_error("the ticket was not delivered");
+  device.Answer(id, tarvo::support::v1::CLIENT_STATUS_ACCEPTED);
+  if (!Eventually([&] { return StateOf(id) == TicketState::kAccepted; })) {
+    throw std::runtime_error("the answer did not arrive");
+  }
+  return {id, TokenOf(*delivery)};
+}
+
+ServiceTest::Accepted ServiceTest::AcceptTicket() {
+  own_device_ = std::make_unique<ScriptedDevice>(service().grpc_url());
+  own_device_->Hello("SN1");
+  return AcceptTicket(*own_device_);
+}
+
+}  // namespace TarvoOrvane::SupportService

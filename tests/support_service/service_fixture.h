@@ -1,0 +1,189 @@
+/// What the service's tests share: a temporary folder, recorded event lines, a scripted device and an
+/// HTTP client. Every wait has a deadline.
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "service.h"
+#include "tarvo/support/v1/notification.grpc.pb.h"
+
+namespace TarvoOrvane::SupportService {
+
+constexpr std::chrono::seconds kDeadline{20};
+
+/// Tries a condition until it holds. @return whether it did before the deadline.
+template <typename Condition>
+bool Eventually(Condition condition, std::chrono::milliseconds limit = kDeadline) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+class TempFolder {
+ public:
+  TempFolder();
+  ~TempFolder();
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+  [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+/// Keeps the event lines.
+class EventRecorder {
+ public:
+  EventSink sink();
+  [[nodiscard]] std::vector<std::string> lines() const;
+  [[nodiscard]] std::string text() const;  ///< All lines.
+  [[nodiscard]] bool Has(const std::string& part) const;
+  [[nodiscard]] bool WaitFor(const std::string& part) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+/// A device that does what the test says.
+class ScriptedDevice {
+ public:
+  explicit ScriptedDevice(const std::string& grpc_url);
+  ~ScriptedDevice();
+  ScriptedDevice(const ScriptedDevice&) = delete;
+  ScriptedDevice& operator=(const ScriptedDevice&) = delete;
+
+  /// Says hello and waits until the service took it (or ended the stream).
+  void Hello(const std::string& serial_number, std::uint32_t protocol = 1);
+  void Send(const tarvo::support::v1::ClientMessage& message);
+  void Answer(const std::string& ticket_id, tarvo::support::v1::ClientStatus status,
+              const std::string& reason = "");
+
+  /// @return the next delivery; nothing after the limit or the stream's end.
+  std::optional<tarvo::support::v1::Delivery> Next(std::chrono::milliseconds limit = kDeadline);
+
+  void HalfClose();  ///< Says that nothing more comes from the device.
+  void Cancel();     ///< Drops the stream.
+
+  /// @return what the stream ended with; nothing when it is still open after the limit.
+  std::optional<grpc::Status> End(std::chrono::milliseconds limit = kDeadline);
+
+ private:
+  void ReadAll();
+
+  std::unique_ptr<tarvo::support::v1::NotificationService::Stub> stub_;
+  grpc::ClientContext context_;
+  std::unique_ptr<
+      grpc::ClientReaderWriter<tarvo::support::v1::ClientMessage, tarvo::support::v1::ServerMessage>>
+      stream_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<tarvo::support::v1::Delivery> deliveries_;
+  std::optional<grpc::Status> end_;
+  bool open_ = false;  ///< The service sent its initial metadata.
+  std::thread reader_;
+};
+
+/// @return the address for grpc of a URL as the service prints it.
+std::string GrpcTarget(const std::string& grpc_url);
+
+std::string TokenOf(const tarvo::support::v1::Delivery& delivery);
+
+/// @return a JSON value; null when the text is none.
+Json::Value ParseJson(const std::string& text);
+std::string ReadFile(const std::filesystem::path& path);
+void WriteFile(const std::filesystem::path& path, const std::string& content);
+std::string Sha256(const std::string& data);
+
+/// @return data that looks like anything, parts of multipart boundaries included.
+std::string AwkwardData(std::size_t size);
+
+struct HttpAnswer {
+  int curl_code = 0;      ///< CURLcode of the transfer.
+  long status = 0;        ///< 0 when there was no answer.
+  std::string body;       ///< The answer's.
+  std::string headers;    ///< The answer's.
+  std::int64_t sent = 0;  ///< Bytes of the request's body.
+};
+
+/// A part of a form: a file (path in `value`) or a text.
+struct FormPart {
+  std::string name;
+  std::string value;
+  bool is_file = false;
+};
+
+/// The form that a device sends.
+std::vector<FormPart> DeviceForm(const std::filesystem::path& file, const std::string& serial_number,
+                                 const std::vector<std::string>& apps);
+
+HttpAnswer PostForm(const std::string& url, const std::vector<std::string>& headers,
+                    const std::vector<FormPart>& parts);
+/// @param body  Nothing for a request without one.
+HttpAnswer Request(const std::string& method, const std::string& url, const std::vector<std::string>& headers,
+                   const std::optional<std::string>& body);
+
+/// A bare connection to the service's HTTP port, for requests that no library would send.
+class RawHttp {
+ public:
+  explicit RawHttp(const std::string& css_url);
+  ~RawHttp();
+  RawHttp(const RawHttp&) = delete;
+  RawHttp& operator=(const RawHttp&) = delete;
+  void Send(const std::string& text);
+  void Reset();             ///< Breaks the connection.
+  std::string ReadToEnd();  ///< Until the service closes; "" after an error or the deadline.
+
+ private:
+  int fd_;
+};
+
+/// The whole service in this process, with short pauses.
+class ServiceTest : public ::testing::Test {
+ protected:
+  ServiceTest();
+
+  void Start() { service_ = std::make_unique<SupportService>(settings_, events_.sink()); }
+  SupportService& service() { return *service_; }
+  TicketBook& book() { return service_->book(); }
+  std::string UploadUrl() { return service_->css_url() + "/orvane/ps_files"; }
+  std::string ReportUrl() { return service_->css_url() + "/orvane/ps_results"; }
+  std::filesystem::path Received(const std::string& ticket_id) const {
+    return settings_.data_folder / "received" / ticket_id;
+  }
+  [[nodiscard]] std::size_t IncomingFiles() const;
+  TicketState StateOf(const std::string& ticket_id) { return book().Find(ticket_id)->last_change.state; }
+
+  /// A ticket that a device accepted.
+  struct Accepted {
+    std::string id;
+    std::string token;
+  };
+  Accepted AcceptTicket(ScriptedDevice& device, const std::vector<std::string>& apps = {"a"});
+  Accepted AcceptTicket();  ///< With a device of its own, "SN1".
+
+  TempFolder temp_;
+  ServiceSettings settings_;
+  EventRecorder events_;
+  std::unique_ptr<SupportService> service_;
+  std::unique_ptr<ScriptedDevice> own_device_;
+};
+
+}  // namespace TarvoOrvane::SupportService
