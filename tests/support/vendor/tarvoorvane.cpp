@@ -1,0 +1,125 @@
+/// Another maker's libtarvoorvane: tickets come out of a file, and there is a logger from the first
+/// ReconfigureByDebugFlag() on.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+
+#include "platform/support_service_client.h"
+#include "record_call.h"
+
+namespace {
+
+/// A ticket that waits to be received: the token in the first line, an application's name in each other one.
+std::string TicketFile() { return std::string(kVendorFolder) + "/ticket"; }
+
+class FileLogger final : public TarvoOrvane::Utils::LoggerManager {
+ public:
+  void Reserved1() override {}
+  void Reserved2() override {}
+  void Log(int level, const std::string& text) override {
+    std::ofstream file(std::string(kVendorFolder) + "/log", std::ios::app);
+    file << level << ' ' << text << std::endl;
+  }
+};
+
+std::size_t AppendChunk(char* data, std::size_t size, std::size_t count, void* out) {
+  static_cast<std::string*>(out)->append(data, size * count);
+  return size * count;
+}
+
+void Check(CURLcode code, const char* what) {
+  if (code != CURLE_OK) {
+    throw TarvoOrvane::Utils::CurlFailedException(code, what);
+  }
+}
+
+}  // namespace
+
+namespace TarvoOrvane::Utils {
+
+LoggerManager* LoggerManager::instance_ = nullptr;
+
+void LoggerManager::ReconfigureByDebugFlag() {
+  static FileLogger logger;
+  RecordCall("ReconfigureByDebugFlag");
+  instance_ = &logger;
+}
+
+void CurlSetupWriteToString(CurlHandle& handle, std::string& out) {
+  RecordCall("CurlSetupWriteToString");
+  Check(curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, &AppendChunk), "CURLOPT_WRITEFUNCTION");
+  Check(curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &out), "CURLOPT_WRITEDATA");
+}
+
+void CurlPerform(CurlHandle& handle) {
+  RecordCall("CurlPerform");
+  Check(curl_easy_perform(handle.get()), "curl_easy_perform");
+}
+
+void CurlSlistAppend(CurlHeaderList& list, const std::string& line) {
+  RecordCall("CurlSlistAppend");
+  curl_slist* const head = curl_slist_append(list.get(), line.c_str());
+  if (head == nullptr) {
+    throw std::bad_alloc();
+  }
+  static_cast<void>(list.release());
+  list.reset(head);
+}
+
+void CurlHttpPostAdd(CurlHttpPost& form, const std::string& name, const CURLformoption& option,
+                     const std::string& value) {
+  RecordCall("CurlHttpPostAdd");
+  curl_httppost* first = form.first.release();
+  const CURLFORMcode code =
+      curl_formadd(&first, &form.last, CURLFORM_COPYNAME, name.c_str(), option, value.c_str(), CURLFORM_END);
+  form.first.reset(first);
+  if (code != CURL_FORMADD_OK) {
+    throw CurlFormFailedException(code, "curl_formadd");
+  }
+}
+
+Optional<std::string> GetSerialNumber() {
+  RecordCall("GetSerialNumber");
+  return std::string("VENDOR-0001");
+}
+
+}  // namespace TarvoOrvane::Utils
+
+namespace TarvoOrvane::FastSupport {
+
+class FastSupportClient::Impl {};
+
+FastSupportClient::FastSupportClient(const std::string& address) {
+  RecordCall("FastSupportClient(" + address + ")");
+}
+
+FastSupportClient::~FastSupportClient() = default;
+
+ReceiveResult FastSupportClient::Receive() {
+  RecordCall("Receive");
+  ReceiveResult result;
+  while (access(TicketFile().c_str(), R_OK) != 0) {
+    if (usleep(50000) != 0) {
+      result.status = {true, EINTR, "interrupted"};
+      return result;
+    }
+  }
+  Ticket ticket;
+  std::ifstream file(TicketFile());
+  std::getline(file, ticket.token);
+  for (std::string app; std::getline(file, app);) {
+    ticket.apps.push_back(app);
+  }
+  unlink(TicketFile().c_str());
+  result.request = ticket;
+  return result;
+}
+
+CallStatus FastSupportClient::Send(ClientStatus status) {
+  RecordCall("Send(" + std::to_string(static_cast<int>(status)) + ")");
+  return {};
+}
+
+}  // namespace TarvoOrvane::FastSupport

@@ -1,0 +1,138 @@
+#include "logging.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "scripted_platform.h"
+
+using TarvoOrvane::Utils::LoggerManager;
+using test_support::Event;
+using test_support::ScriptedPlatform;
+using test_support::ScriptedPlatformTest;
+using testing::Each;
+using testing::ElementsAre;
+using testing::Field;
+using testing::IsEmpty;
+
+namespace {
+
+void LogByStatement(int level, const char* text) { DAEMON_LOG(level, "%s:%d text: %s", text); }
+void LogByFunction(int level, const char* text) {
+  LogAt(level, "%s:%d text: %s", __FILE_NAME__, __LINE__, text);
+}
+void LogErrnoByStatement() { DAEMON_LOG(LOG_ERR, "%s:%d err=%m\n"); }
+void LogErrnoByFunction() { LogAt(LOG_ERR, "%s:%d err=%m\n", __FILE_NAME__, __LINE__); }
+void LogUnprintableByStatement(int level) { DAEMON_LOG(level, "%s:%d bad: %ls", L"\x20ac"); }
+void LogUnprintableByFunction(int level) {
+  LogAt(level, "%s:%d bad: %ls", __FILE_NAME__, __LINE__, L"\x20ac");
+}
+
+struct Way {
+  const char* name;
+  void (*log)(int level, const char* text);
+  void (*log_errno)();
+  void (*log_unprintable)(int level);
+};
+
+/// The statement and its function form behave alike.
+class LogTest : public ScriptedPlatformTest, public testing::WithParamInterface<Way> {
+ protected:
+  Event Last() {
+    const std::vector<Event> lines = log_.lines();
+    return lines.empty() ? Event() : lines.back();
+  }
+
+  /// The text after "logging_test.cpp:NN "; empty where the line does not start so.
+  std::string LastText() {
+    const std::string line = Last().text;
+    const std::size_t blank = line.find(' ');
+    const std::string prefix = "logging_test.cpp:";
+    if (line.compare(0, prefix.size(), prefix) != 0 || blank == std::string::npos) return "";
+    return std::stoi(line.substr(prefix.size(), blank - prefix.size())) > 0 ? line.substr(blank + 1) : "";
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    , LogTest,
+    testing::Values(Way{"Statement", LogByStatement, LogErrnoByStatement, LogUnprintableByStatement},
+                    Way{"Function", LogByFunction, LogErrnoByFunction, LogUnprintableByFunction}),
+    [](const auto& way) { return way.param.name; });
+
+TEST_P(LogTest, WithoutLoggerLineGoesUncutToSyslogWithItsLiteralFormat) {
+  const std::string text(1000, 'x');
+  GetParam().log(LOG_WARNING, text.c_str());
+  EXPECT_EQ(log_.lines().size(), 1U);
+  EXPECT_FALSE(Last().via_logger);
+  EXPECT_EQ(Last().level, LOG_WARNING);
+  EXPECT_EQ(Last().format, "%s:%d text: %s");
+  EXPECT_EQ(LastText(), "text: " + text);
+}
+
+TEST_P(LogTest, WithLoggerLineGoesToTheLoggerOnly) {
+  ScriptedPlatform::UseLogger(true);
+  GetParam().log(LOG_WARNING, "short");
+  GetParam().log(LOG_ERR, "short");
+  EXPECT_THAT(log_.lines(), ElementsAre(Field(&Event::level, LOG_WARNING), Field(&Event::level, LOG_ERR)));
+  EXPECT_THAT(log_.lines(), Each(Field(&Event::via_logger, true)));
+  EXPECT_EQ(LastText(), "text: short");
+  EXPECT_THAT(log_.calls(), IsEmpty()) << "the logger's first two operations are not the daemon's to call";
+}
+
+TEST_P(LogTest, LoggerGetsAtMost255Characters) {
+  ScriptedPlatform::UseLogger(true);
+  GetParam().log(LOG_ERR, "");
+  const std::size_t prefix = Last().text.size();
+  for (const std::size_t whole : {254, 255, 256, 1000}) {
+    const std::string text(whole - prefix, 'y');
+    GetParam().log(LOG_ERR, text.c_str());
+    EXPECT_EQ(Last().text.size(), whole < 255 ? whole : 255);
+    EXPECT_EQ(LastText(), ("text: " + text).substr(0, LastText().size()));
+  }
+}
+
+TEST_P(LogTest, ErrnoAndNewlineStandOnBothPaths) {
+  for (const bool use_logger : {false, true}) {
+    ScriptedPlatform::UseLogger(use_logger);
+    errno = ENOSPC;
+    GetParam().log_errno();
+    EXPECT_EQ(LastText(), "err=No space left on device\n");
+    EXPECT_EQ(Last().via_logger, use_logger);
+  }
+}
+
+TEST_P(LogTest, FormatThatCannotBeFilledInReachesTheLoggerRaw) {
+  ScriptedPlatform::UseLogger(true);
+  GetParam().log_unprintable(LOG_WARNING);
+  EXPECT_EQ(Last().text, "(snprintf failed)%s:%d bad: %ls");
+  EXPECT_EQ(Last().level, LOG_WARNING);
+}
+
+TEST_P(LogTest, LoggerThatComesAndGoesIsHonouredFromTheNextLine) {
+  for (const bool use_logger : {true, false, true}) {
+    ScriptedPlatform::UseLogger(use_logger);
+    GetParam().log(LOG_ERR, "line");
+    EXPECT_EQ(Last().via_logger, use_logger);
+  }
+  EXPECT_EQ(log_.lines().size(), 3U);
+}
+
+TEST_P(LogTest, ExceptionOfTheLoggerReachesTheCaller) {
+  ScriptedPlatform::UseLogger(true);
+  platform_.log = [](int, const std::string&) { throw std::runtime_error("logger"); };
+  EXPECT_THROW(GetParam().log(LOG_ERR, "line"), std::runtime_error);
+}
+
+TEST(FormatLogText, EmptyTextStaysEmpty) { EXPECT_EQ(FormatLogText("%s", ""), ""); }
+
+TEST_F(ScriptedPlatformTest, ZeroFromSnprintfIsNoFailure) {
+  platform_.snprintf = [](const std::string&, int) { return 0; };
+  EXPECT_EQ(FormatLogText("%s", "text"), "text");
+  platform_.snprintf = [](const std::string&, int) { return -1; };
+  EXPECT_EQ(FormatLogText("%s", "text"), "(snprintf failed)%s");
+}
+
+}  // namespace
