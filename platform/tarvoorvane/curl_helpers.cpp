@@ -13,7 +13,7 @@
 namespace TarvoOrvane::Utils {
 namespace {
 
-constexpr size_t kMaxErrorText = 2 * CURL_ERROR_SIZE;
+constexpr size_t kMaxErrorText = 2UL * CURL_ERROR_SIZE;
 
 template <typename Value>
 void SetOption(CurlHandle& handle, const char* name, CURLoption option, Value value) {

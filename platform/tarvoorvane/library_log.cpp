@@ -4,8 +4,6 @@
 #include <grpc/support/log.h>
 #include <syslog.h>
 
-#include <cstdio>
-
 #include "platform/support_service_client.h"
 
 namespace TarvoOrvane::Internal {
@@ -18,9 +16,9 @@ std::string PrintableByte(char byte) {
   if (byte == '\n') return "\\n";
   if (byte == '\r') return "\\r";
   if (byte == '\t') return "\\t";
-  char hex[8];
-  std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
-  return hex;
+  static constexpr char kHexDigits[] = "0123456789abcdef";
+  const auto value = static_cast<unsigned char>(byte);
+  return {'\\', 'x', kHexDigits[value >> 4], kHexDigits[value & 0xf]};
 }
 
 void LogForGrpc(gpr_log_func_args* args) {

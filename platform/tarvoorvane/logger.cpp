@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 #include <limits>
 
@@ -30,10 +31,10 @@ std::string Now() {
   localtime_r(&now.tv_sec, &local);
   char date[32];
   char offset[8];
-  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
-  std::strftime(offset, sizeof offset, "%z", &local);
+  (void)std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
+  (void)std::strftime(offset, sizeof offset, "%z", &local);
   char text[64];
-  std::snprintf(text, sizeof text, "%s.%03ld%.3s:%s", date, now.tv_nsec / 1000000, offset, offset + 3);
+  (void)std::snprintf(text, sizeof text, "%s.%03ld%.3s:%s", date, now.tv_nsec / 1000000, offset, offset + 3);
   return text;
 }
 

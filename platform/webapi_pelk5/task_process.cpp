@@ -47,6 +47,9 @@ void ResetSignals() {
 
 /// Runs in the task process.
 bool ResetDescriptors(int lock_fd) {
+  // Before any number is given away: the caller's socket to syslog may have the lock's, and syslog() would go
+  // on writing to whatever has its number then.
+  closelog();
   // First out of the way of 0, 1 and 2, which a caller may have closed, then to its place.
   const int high_fd = fcntl(lock_fd, F_DUPFD, kTaskLockFd + 1);
   if (high_fd < 0 || dup3(high_fd, kTaskLockFd, O_CLOEXEC) < 0) return false;
@@ -55,7 +58,6 @@ bool ResetDescriptors(int lock_fd) {
   for (int fd = 0; fd < kTaskLockFd; ++fd) {
     if (dup2(null_fd, fd) < 0) return false;
   }
-  closelog();  // Otherwise syslog() would go on writing to the number of a descriptor that is closed here.
   closefrom(kTaskLockFd + 1);
   return true;
 }

@@ -73,7 +73,7 @@ class CssServerTest : public ServiceTest {
 TEST_F(CssServerTest, UploadIsKeptByteForByte) {
   Start();
   const auto ticket = AcceptTicket();
-  const std::string content = AwkwardData(3U * 1024 * 1024 + 17);
+  const std::string content = AwkwardData(std::size_t{3} * 1024 * 1024 + 17);
   const HttpAnswer answer = Upload(ticket.token, MakeFile(content), {"web", "db", "web"});
   EXPECT_EQ(answer.status, 200) << answer.body;
   EXPECT_EQ(ParseJson(answer.body), ParseJson(R"({"success":true})"));
@@ -139,7 +139,7 @@ TEST_F(CssServerTest, EmptySerialNumberIsAccepted) {
 TEST_F(CssServerTest, WrongTokenIsRefusedBeforeTheBodyIsSent) {
   Start();
   const auto ticket = AcceptTicket();
-  const fs::path file = MakeFile(std::string(2U * 1024 * 1024, 'x'));
+  const fs::path file = MakeFile(std::string(std::size_t{2} * 1024 * 1024, 'x'));
   for (const std::string& header : {std::string("X-None: 1"), Auth(std::string(64, '0')), Auth(""),
                                     Auth(ticket.token + "0"), Auth(ticket.token.substr(1))}) {
     // More than 1 MiB: libcurl asks with "Expect: 100-continue" first.
@@ -152,7 +152,7 @@ TEST_F(CssServerTest, WrongTokenIsRefusedBeforeTheBodyIsSent) {
 
 TEST_F(CssServerTest, WrongTokenWithABodySentAtOnceGetsItsAnswer) {
   Start();
-  const fs::path file = MakeFile(std::string(1024U * 1024 - 2000, 'x'));
+  const fs::path file = MakeFile(std::string(std::size_t{1024} * 1024 - 2000, 'x'));
   for (int i = 0; i < 20; ++i) {
     ExpectRefusal(PostForm(UploadUrl(), {Auth("wrong")}, DeviceForm(file, "SN1", {})), 401);
   }
@@ -385,7 +385,7 @@ TEST_F(CssServerTest, ArchiveThatCannotBeKeptIsRefusedAndTheNextOneTaken) {
   Start();
   const auto ticket = AcceptTicket();
   fs::remove(settings_.data_folder / "incoming");
-  const HttpAnswer answer = Upload(ticket.token, MakeFile(std::string(3U * 1024 * 1024, 'x')));
+  const HttpAnswer answer = Upload(ticket.token, MakeFile(std::string(std::size_t{3} * 1024 * 1024, 'x')));
   ExpectRefusal(answer, 500);
   EXPECT_THAT(answer.body, Not(HasSubstr(temp_.path().string())));
   EXPECT_TRUE(events_.Has("upload failed: cannot make a file"));

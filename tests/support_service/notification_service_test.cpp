@@ -107,6 +107,7 @@ TEST_F(NotificationServiceTest, SeveralTicketsAreDeliveredAtOnce) {
   ScriptedDevice device(service().grpc_url());
   device.Hello("SN1");
   std::vector<std::string> ids;
+  ids.reserve(50);
   for (int i = 0; i < 50; ++i) ids.push_back(book().CreateTicket({"a"}, ""));
   for (const std::string& id : ids) {
     const auto delivery = device.Next();

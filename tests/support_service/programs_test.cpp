@@ -20,6 +20,7 @@ class Program {
       : output_(output) {
     arguments.insert(arguments.begin(), path);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;

@@ -218,9 +218,8 @@ class Transfer {
     Set(CURLOPT_HEADERFUNCTION, &Append);
     Set(CURLOPT_HEADERDATA, &answer_.headers);
     for (const std::string& header : headers) {
-      curl_slist* list = curl_slist_append(headers_.get(), header.c_str());
-      headers_.release();
-      headers_.reset(list);
+      curl_slist* former = headers_.release();
+      headers_.reset(curl_slist_append(former, header.c_str()));
     }
     Set(CURLOPT_HTTPHEADER, headers_.get());
   }

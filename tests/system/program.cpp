@@ -90,6 +90,8 @@ Program::Program(const std::vector<std::string>& argv, const std::string& output
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                    0600);
   posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  // As from a service manager: what the test has inherited must not shift the daemon's descriptor numbers.
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
   const int error = posix_spawnp(&pid_, arguments[0].c_str(), &actions, nullptr, Pointers(arguments).data(),
                                  Pointers(environment).data());
   posix_spawn_file_actions_destroy(&actions);

@@ -69,7 +69,8 @@ std::vector<std::string> FilesWith(const std::string& text, const std::vector<st
   std::vector<std::string> found;
   for (const std::string& folder : folders) {
     std::error_code none;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder, none)) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(
+             folder, std::filesystem::directory_options::skip_permission_denied, none)) {
       if (entry.is_regular_file() && entry.last_write_time() >= start &&
           ReadFile(entry.path()).find(text) != std::string::npos) {
         found.push_back(entry.path());

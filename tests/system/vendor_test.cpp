@@ -55,6 +55,7 @@ class VendorTest : public SystemTest {
   }
 };
 
+// This library keeps no descriptor, so the supervisor's socket to syslog has the lowest number there is.
 TEST_F(VendorTest, AnotherMakersCoreLibraryServesTheDaemon) {
   DescribeApp("demo", {"echo", "demo"});
   ASSERT_NO_FATAL_FAILURE(StartService());

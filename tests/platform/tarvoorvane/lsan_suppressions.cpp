@@ -1,6 +1,8 @@
 // LeakSanitizer asks for this by name; other builds never call it.
-extern "C" const char* __lsan_default_suppressions();  // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" const char* __lsan_default_suppressions();
 
-extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" const char* __lsan_default_suppressions() {
   return "leak:libcares\n";  // gRPC's name lookup through c-ares loses a copy of the host's name
 }

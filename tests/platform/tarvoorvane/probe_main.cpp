@@ -93,10 +93,10 @@ void PrintEnvironment() {
 bool Execute(const std::string& command, std::istringstream& arguments) {
   int number = 0;
   if (command == "handlers") {
-    signal(SIGTERM, &OnSignal);
-    signal(SIGHUP, &OnSignal);
+    (void)signal(SIGTERM, &OnSignal);
+    (void)signal(SIGHUP, &OnSignal);
   } else if (command == "ignore") {
-    signal(SIGTERM, SIG_IGN);
+    (void)signal(SIGTERM, SIG_IGN);
   } else if (command == "client") {
     std::string address;
     arguments >> address;
@@ -108,10 +108,10 @@ bool Execute(const std::string& command, std::istringstream& arguments) {
     arguments >> number;
     Send(number);
   } else if (command == "raise-and-receive") {
-    raise(SIGTERM);
+    (void)raise(SIGTERM);
     Receive();
   } else if (command == "raise") {
-    raise(SIGTERM);
+    (void)raise(SIGTERM);
   } else if (command == "block") {
     Mask(SIG_BLOCK);
   } else if (command == "unblock") {

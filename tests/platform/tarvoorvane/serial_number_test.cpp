@@ -11,7 +11,6 @@ namespace {
 
 using testing::HasSubstr;
 using testing::MatchesRegex;
-using testing::Not;
 
 constexpr char kMachineId[] = "0123456789abcdef0123456789abcdef";
 

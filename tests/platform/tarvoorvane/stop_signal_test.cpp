@@ -1,12 +1,11 @@
 // Signals and the ticket client, in a process of its own that links the real library (probe_main.cpp).
 #include "stop_signal.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <csignal>
-#include <cstdio>
+#include <sstream>
 
 #include "probe.h"
 #include "scripted_server.h"
@@ -14,12 +13,9 @@
 namespace TarvoOrvane::Internal {
 namespace {
 
-using testing::HasSubstr;
-using testing::MatchesRegex;
 using Testing::Probe;
 using Testing::ScriptedServer;
 using Testing::Session;
-using testing::StartsWith;
 
 constexpr char kTicket[] = R"({"token": "t1", "apps": []})";
 constexpr char kStopped[] = "receive failed 1003 SIGTERM ended the wait";
@@ -77,6 +73,17 @@ TEST_F(StopSignalTest, SigtermIsGivenAgainSoThatItCutsTheSleepThatFollows) {
   EXPECT_EQ(probe_.LineStartingWith("slept", kSoon), "slept");
   probe_.Command("sleep 600");
   EXPECT_EQ(probe_.LineStartingWith("slept", kSoon), "slept") << "it is given only once";
+}
+
+TEST_F(StopSignalTest, SigtermIsGivenAgainAlsoWhereTheHandlerIsYoungerThanTheClient) {
+  probe_.Command("client " + server_.url());
+  ASSERT_EQ(probe_.Line(), "client ready");
+  probe_.Command("handlers");
+  StartReceive("receive");
+  probe_.Signal(SIGTERM);
+  ASSERT_EQ(probe_.LineStartingWith("receive"), kStopped);
+  probe_.Command("sleep 600");
+  EXPECT_EQ(probe_.LineStartingWith("slept", kSoon), "slept");
 }
 
 TEST_F(StopSignalTest, TheWorkersLoopEndsOnOneSigtermWhileItReceives) {
@@ -209,11 +216,10 @@ struct Usage {
 
 Usage UsageOf(Probe& probe) {
   probe.Command("count");
+  std::istringstream line(probe.Line());
+  std::string word;
   Usage usage;
-  if (std::sscanf(probe.Line().c_str(), "threads %d descriptors %d", &usage.threads, &usage.descriptors) !=
-      2) {
-    ADD_FAILURE() << "no count";
-  }
+  if (!(line >> word >> usage.threads >> word >> usage.descriptors)) ADD_FAILURE() << "no count";
   return usage;
 }
 
@@ -243,12 +249,14 @@ TEST_F(StopSignalTest, TwentyReconnectsLeaveNoThreadAndNoDescriptorBehind) {
 }
 
 TEST_F(StopSignalTest, DestructionLeavesNoThreadBehind) {
+  const Usage before = UsageOf(probe_);
   StartClient();
   ReceiveOneTicket();
   const Usage connected = UsageOf(probe_);
   probe_.Command("destroy");
   ASSERT_EQ(probe_.Line(), "destroyed");
-  ExpectAtMost(probe_, {1, connected.descriptors - 1});
+  // gRPC keeps descriptors of its own for good; the stream's and ours go.
+  ExpectAtMost(probe_, {before.threads, connected.descriptors - 1});
 }
 
 }  // namespace

@@ -29,8 +29,9 @@ TEST(BinaryContractTest, LogStandsThirdInTheVirtualTable) {
   RecordingLogger logger;
   LoggerManager* const object = &logger;
   using LogFunction = void (*)(LoggerManager*, int, const std::string&);
+  const void* const memory = object;
   LogFunction* table = nullptr;
-  std::memcpy(&table, object, sizeof table);
+  std::memcpy(&table, memory, sizeof table);
   table[2](object, 4, "text");
   EXPECT_EQ(logger.line, "4 text");
 }
@@ -41,8 +42,9 @@ size_t OffsetIn(const Record& record, const Member& member) {
 }
 
 unsigned char FirstByteOf(const Optional<std::string>& value) {
+  const void* const memory = &value;
   unsigned char byte = 0;
-  std::memcpy(&byte, &value, 1);
+  std::memcpy(&byte, memory, 1);
   return byte;
 }
 

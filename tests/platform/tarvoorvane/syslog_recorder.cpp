@@ -12,7 +12,7 @@ std::vector<SyslogLine> g_lines;
 
 void Record(int level, const char* format, va_list arguments) {
   char text[4096];
-  std::vsnprintf(text, sizeof text, format, arguments);
+  (void)std::vsnprintf(text, sizeof text, format, arguments);
   const std::lock_guard<std::mutex> lock(g_mutex);
   g_lines.push_back({level, text});
 }
@@ -42,7 +42,9 @@ __attribute__((format(printf, 2, 3))) void syslog(int level, const char* format,
   va_end(arguments);
 }
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 __attribute__((format(printf, 3, 4))) void __syslog_chk(int level, int /*flag*/, const char* format, ...);
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 void __syslog_chk(int level, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);

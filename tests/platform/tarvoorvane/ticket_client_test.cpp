@@ -267,14 +267,20 @@ TEST_F(TicketClientTest, DestructionEndsTheStream) {
   EXPECT_TRUE(session->AwaitEnd());
 }
 
-TEST_F(TicketClientTest, DestructionEndsAStreamWhoseReadingPauses) {
-  std::shared_ptr<Session> session;
-  {
-    FastSupportClient client(server_.url());
-    session = Connect(client);
-    for (int i = 0; i < 40; ++i) session->Deliver(std::to_string(i), TicketJson(std::string(50'000, 't')));
-    Received();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // for the queue to fill
+TEST_F(TicketClientTest, DestructionEndsTheThreadOfAStreamWhoseReadingPauses) {
+  TicketClientOptions options;
+  options.limits.close = std::chrono::hours(1);  // so that a thread that does not end shows
+  auto client = std::make_unique<TicketClient>(server_.url(), options);
+  auto receive = StartReceive(*client);
+  const auto session = server_.AwaitSession();
+  ASSERT_NE(session, nullptr);
+  for (int i = 0; i < 40; ++i) session->Deliver(std::to_string(i), TicketJson(std::string(50'000, 't')));
+  receive.Await();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // for the queue to fill
+  auto destruction = std::async(std::launch::async, [&client] { client.reset(); });
+  if (destruction.wait_for(kDeadline) != std::future_status::ready) {
+    ADD_FAILURE() << "the destructor does not return";
+    std::abort();
   }
   EXPECT_TRUE(session->AwaitEnd());
 }

@@ -12,7 +12,6 @@
 namespace TARVO::SupportForm {
 namespace {
 
-using testing::AnyOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;

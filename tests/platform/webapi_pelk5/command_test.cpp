@@ -82,7 +82,7 @@ TEST_F(CommandTest, InputIsEmptyAndSignalsAreDefault) {
   // The C library starts programs with its two signals 32 and 33 ignored.
   Shell("cat; grep -E 'Sig(Blk|Ign)' /proc/self/status | sed s/0000000180000000/0000000000000000/");
   sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
-  signal(SIGUSR1, SIG_DFL);
+  EXPECT_NE(signal(SIGUSR1, SIG_DFL), SIG_ERR);
   EXPECT_EQ(output_, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
 }
 

@@ -311,7 +311,7 @@ TEST_F(SupportFormLogTest, NextCollectRemovesKilledFailedAndTakenTasks) {
 
 TEST_F(SupportFormLogTest, NextCollectKeepsTheArchiveOfALiveCallerAndRemovesItOnceTheCallerEnded) {
   auto caller = std::make_unique<CallerProcess>([&] {
-    const std::string task = Start("quick");
+    std::string task = Start("quick");
     WaitForArchive(task);
     return task;
   });

@@ -12,7 +12,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 unsigned Mode(const fs::path& path) {
   struct stat status = {};

@@ -94,10 +94,10 @@ TEST_F(TaskProcessTest, HasTheSameDescriptorsWhereTheCallerHasClosedItsFirstThre
 
 TEST_F(TaskProcessTest, HasDefaultSignalsWhateverTheCallerHas) {
   const CallerProcess caller([&] {
-    signal(SIGTERM, SIG_IGN);
-    signal(SIGPIPE, SIG_IGN);
-    signal(SIGRTMAX, SIG_IGN);
-    signal(SIGHUP, [](int) {});
+    EXPECT_NE(signal(SIGTERM, SIG_IGN), SIG_ERR);
+    EXPECT_NE(signal(SIGPIPE, SIG_IGN), SIG_ERR);
+    EXPECT_NE(signal(SIGRTMAX, SIG_IGN), SIG_ERR);
+    EXPECT_NE(signal(SIGHUP, [](int) {}), SIG_ERR);
     sigset_t blocked;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR1);
@@ -105,7 +105,11 @@ TEST_F(TaskProcessTest, HasDefaultSignalsWhateverTheCallerHas) {
     return StartAndRead();
   });
   for (const char* name : {"SigBlk", "SigIgn", "SigCgt", "SigPnd", "ShdPnd"}) {
-    EXPECT_THAT(caller.Answer(), HasSubstr(std::string("\n") + name + ":\t0000000000000000\n"));
+    const std::size_t at = caller.Answer().find(std::string("\n") + name + ":\t");
+    ASSERT_NE(at, std::string::npos) << name;
+    // Signals 32 and 33 are the C library's own, out of reach for a program.
+    constexpr unsigned long long kLibrarySignals = 0x180000000;
+    EXPECT_EQ(std::stoull(caller.Answer().substr(at + 9), nullptr, 16) & ~kLibrarySignals, 0U) << name;
   }
 }
 
@@ -151,7 +155,7 @@ TEST_F(TaskProcessTest, OtherChildrenOfTheCallerAreNotReaped) {
 
 TEST_F(TaskProcessTest, StartsWhereTheCallerIgnoresTheEndOfItsChildren) {
   const CallerProcess caller([&] {
-    signal(SIGCHLD, SIG_IGN);
+    EXPECT_NE(signal(SIGCHLD, SIG_IGN), SIG_ERR);
     return StartAndRead();
   });
   EXPECT_THAT(caller.Answer(), HasSubstr("Name:\tsupport_log\n"));

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,9 @@ inline testing::Matcher<const test_support::Event&> Warning(const testing::Match
 }
 
 using test_support::Call;
+
+/// Sends the calling process a signal; its handler has run when this returns.
+inline void Signal(int number) { static_cast<void>(raise(number)); }
 
 /// The value that `text` stands for; a failure where it is no JSON.
 Json::Value Parse(const std::string& text);

@@ -24,7 +24,7 @@ class MainTest : public DaemonTest {
   void SetUp() override {
     platform_.fork_ex = [](int) { return 4711; };
     platform_.usleep = [](useconds_t) {
-      raise(SIGTERM);
+      Signal(SIGTERM);
       return 0;
     };
     platform_.pipe = [next = 101](int* ends) mutable {

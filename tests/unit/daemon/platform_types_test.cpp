@@ -62,11 +62,14 @@ TEST(OptionalTest, CopiesMovesAndReleasesItsValue) {
     EXPECT_EQ(value.use_count(), 2);
     moved = copy;
     EXPECT_EQ(moved->use_count(), 3);
-    const Optional<std::shared_ptr<int>> none{};
+    Optional<std::shared_ptr<int>> none;
     moved = none;
     EXPECT_EQ(value.use_count(), 2);
     const Optional<std::shared_ptr<int>> copy_of_none(none);
     EXPECT_FALSE(static_cast<bool>(copy_of_none));
+    none = value;
+    EXPECT_EQ(value.use_count(), 3);
+    none = {};
   }
   EXPECT_EQ(value.use_count(), 1);
 }

@@ -17,11 +17,9 @@ using test_support::RecordCall;
 using test_support::RunInChild;
 using testing::AllOf;
 using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::StartsWith;
 
 namespace real = test_support::real;

@@ -11,7 +11,6 @@ using test_support::KilledBy;
 using test_support::RecordCall;
 using test_support::RunInChild;
 using test_support::ScriptedPlatform;
-using testing::AllOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -50,7 +49,7 @@ class SupervisorLoopTest : public DaemonTest {
       if (next < events.size()) {
         events[next++]();
       } else {
-        raise(SIGTERM);
+        Signal(SIGTERM);
       }
       return 0;
     };
@@ -114,7 +113,7 @@ TEST_F(SupervisorLoopTest, StartsInOrderAndReconfiguresOnceBeforeTheFirstPoll) {
 
 TEST_F(SupervisorLoopTest, SigtermBeforeTheFirstPassEndsRunWithoutOne) {
   platform_.fork_ex = [](int) {
-    raise(SIGTERM);
+    Signal(SIGTERM);
     return 4711;
   };
   Run();
@@ -132,7 +131,7 @@ TEST_F(SupervisorLoopTest, PassesAreAlikeUntilSigtermWhichIsNoLine) {
 
 TEST_F(SupervisorLoopTest, SigtermInTheWaitEndsRunAfterThePass) {
   platform_.select = [](int, fd_set*, fd_set*, fd_set*, timeval*) {
-    raise(SIGTERM);
+    Signal(SIGTERM);
     errno = EINTR;
     return -1;
   };
@@ -145,7 +144,7 @@ TEST_F(SupervisorLoopTest, SigtermInTheWaitEndsRunAfterThePass) {
 TEST_F(SupervisorLoopTest, AnyNumberOfSighupsReconfiguresOncePerPass) {
   AtEachPause({[] {},
                [] {
-                 for (int count = 0; count < 3; ++count) raise(SIGHUP);
+                 for (int count = 0; count < 3; ++count) Signal(SIGHUP);
                },
                [] {}});
   Run();
@@ -158,7 +157,7 @@ TEST_F(SupervisorLoopTest, AnyNumberOfSighupsReconfiguresOncePerPass) {
 }
 
 TEST_F(SupervisorLoopTest, SighupDuringTheReconfigurationIsClearedWithIt) {
-  platform_.reconfigure = [] { raise(SIGHUP); };
+  platform_.reconfigure = [] { Signal(SIGHUP); };
   AtEachPause({[] {}});
   Run();
   EXPECT_THAT(log_.CallsOf("ReconfigureByDebugFlag"), ElementsAre("ReconfigureByDebugFlag()"));

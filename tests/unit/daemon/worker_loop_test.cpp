@@ -48,7 +48,7 @@ class WorkerLoopTest : public DaemonTest {
     platform_.rand = [] { return 0; };
     platform_.receive = [this, next = std::size_t{0}]() mutable {
       const Step& step = steps_.at(next++);
-      if (next == steps_.size()) raise(SIGTERM);
+      if (next == steps_.size()) Signal(SIGTERM);
       return step();
     };
   }
@@ -129,7 +129,7 @@ TEST_F(WorkerLoopTest, ExceptionOfTheClientsConstructorEndsTheWorker) {
 }
 
 TEST_F(WorkerLoopTest, StopRequestBeforeTheFirstIterationEndsTheWorkerWithoutOne) {
-  platform_.construct_client = [](const std::string&) { raise(SIGTERM); };
+  platform_.construct_client = [](const std::string&) { Signal(SIGTERM); };
   Run({});
   EXPECT_THAT(Iterations(), IsEmpty());
 }
@@ -343,6 +343,18 @@ TEST_F(WorkerLoopTest, ExceptionOfTheSendKeepsWhatWasAssignedBefore) {
   EXPECT_THAT(Answers(), ElementsAre("Send(0)", "Send(1)")) << "the first ticket's Completion is awaited";
 }
 
+TEST_F(WorkerLoopTest, ExceptionAfterTheCompletionLeavesNothingAwaited) {
+  test_support::ScriptedPlatform::UseLogger(true);
+  platform_.log = [count = 0](int, const std::string& text) mutable {
+    const bool notifies = text.find(" Notify main process") != std::string::npos;
+    if (notifies && ++count == 2) throw std::runtime_error("logger");
+  };
+  Run({TicketArrives("one"), AfterCompletion(TicketArrives("two")), TicketArrives("three")});
+  EXPECT_THAT(HandedOver(), ElementsAre("one", "three"));
+  EXPECT_THAT(Answers(), ElementsAre("Send(0)", "Send(0)"));
+  EXPECT_THAT(log_.lines(), Contains(Error("catch error: logger")));
+}
+
 TEST_F(WorkerLoopTest, AnyOtherExceptionEndsTheWorker) {
   steps_ = {[]() -> ReceiveResult { throw std::logic_error("boom"); }, NothingArrives()};
   EXPECT_THAT(RunToEnd(), KilledBy(SIGABRT));
@@ -356,7 +368,7 @@ TEST_F(WorkerLoopTest, ReconfigurationThatThrowsIsTriedAgainAfterThePause) {
     first = false;
     throw std::runtime_error("flag");
   };
-  platform_.construct_client = [](const std::string&) { raise(SIGHUP); };
+  platform_.construct_client = [](const std::string&) { Signal(SIGHUP); };
   Run({NothingArrives(), NothingArrives()});
   EXPECT_THAT(Iterations(),
               ElementsAre(Call("ReconfigureByDebugFlag()"), Error("catch error: flag"), Call("sleep(2)"),
@@ -370,7 +382,7 @@ TEST_F(WorkerLoopTest, ReconfigurationThatThrowsIsTriedAgainAfterThePause) {
 
 TEST_F(WorkerLoopTest, SigtermInAPauseEndsTheWorkerWithoutAnyAnswer) {
   platform_.sleep = [](unsigned) {
-    raise(SIGTERM);
+    Signal(SIGTERM);
     return 1U;
   };
   Run({NothingArrives(), NothingArrives()});
@@ -380,7 +392,7 @@ TEST_F(WorkerLoopTest, SigtermInAPauseEndsTheWorkerWithoutAnyAnswer) {
 
 TEST_F(WorkerLoopTest, SighupInAPauseReconfiguresAtTheStartOfTheNextIteration) {
   platform_.sleep = [count = 0](unsigned) mutable {
-    if (++count == 1) raise(SIGHUP);
+    if (++count == 1) Signal(SIGHUP);
     return 1U;
   };
   Run({NothingArrives(), NothingArrives(), NothingArrives()});
@@ -394,7 +406,7 @@ TEST_F(WorkerLoopTest, SighupInAPauseReconfiguresAtTheStartOfTheNextIteration) {
 
 TEST_F(WorkerLoopTest, SighupInReceiveTakesEffectAtTheNextIteration) {
   Run({[] {
-         raise(SIGHUP);
+         Signal(SIGHUP);
          return Arrives({"one", {}});
        },
        NothingArrives()});
@@ -406,8 +418,8 @@ TEST_F(WorkerLoopTest, SighupInReceiveTakesEffectAtTheNextIteration) {
 }
 
 TEST_F(WorkerLoopTest, SighupDuringTheReconfigurationIsClearedWithIt) {
-  platform_.construct_client = [](const std::string&) { raise(SIGHUP); };
-  platform_.reconfigure = [] { raise(SIGHUP); };
+  platform_.construct_client = [](const std::string&) { Signal(SIGHUP); };
+  platform_.reconfigure = [] { Signal(SIGHUP); };
   Run({NothingArrives(), NothingArrives()});
   EXPECT_EQ(log_.CallsOf("ReconfigureByDebugFlag").size(), 1U);
 }
