@@ -92,9 +92,8 @@ class DebugDatTransmitterDaemon {
   bool ReceiveTicketFromWorker(Json::Value& ticket);
 
   /// Reaps a transmission child that has ended and tells the worker.
-  /// @return Whether a new ticket may be taken: false, without a line, while a child is running, and as long
-  /// as
-  ///         it can't be waited for.
+  /// @return Whether a new ticket may be taken: false, without a line, while a child is running, and as
+  ///         long as it can't be waited for.
   bool PollTransmissionChild();
 
   /// Serves one ticket: checks it and forks the transmission child, which never returns from here.

@@ -12,9 +12,9 @@ namespace {
 
 constexpr std::string_view kPrefixes[] = {"GRPC_", "OPENSSL_", "CURL_", "CARES_", "RESOLV_"};
 constexpr std::string_view kSuffixes[] = {"_PROXY"};
-constexpr std::string_view kNames[] = {"SSLKEYLOGFILE", "SSL_CERT_FILE", "SSL_CERT_DIR", "SSL_DIR",
-                                       "QLOGDIR",       "LOCALDOMAIN",   "HOSTALIASES",  "RES_OPTIONS",
-                                       "CTLOG_FILE",    "NETRC",         "TZ",           "TZDIR"};
+constexpr std::string_view kNames[] = {
+    "SSLKEYLOGFILE", "SSL_CERT_FILE", "SSL_CERT_DIR", "SSL_DIR", "QLOGDIR", "LOCALDOMAIN", "HOSTALIASES",
+    "RES_OPTIONS",   "CTLOG_FILE",    "NETRC",        "TZ",      "TZDIR",   "LOCPATH",     "GCONV_PATH"};
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;

@@ -52,8 +52,8 @@ ScopedFd OpenLogFile(const std::string& path) {
   return file;
 }
 
-/// The one logger object. It has no lock, since a signal handler may log while its own thread is in Log():
-/// a new file takes the old one's descriptor number atomically.
+/// The one logger object. It has no lock: a line is one write(), and a new file takes the old one's descriptor
+/// number atomically.
 class FileLogger final : public Utils::LoggerManager {
  public:
   void Reserved1() override {}

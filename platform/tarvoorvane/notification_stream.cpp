@@ -187,7 +187,8 @@ void NotificationStream::Call::HandleFinish() {
 
 void NotificationStream::Call::HandleWrite(bool ok) {
   outgoing.pop_front();
-  if (!ok) {
+  // After the finish the queue of completions may be shut down: another write would be a fatal misuse.
+  if (!ok || finishing) {
     outgoing.clear();
     write_state = WriteState::kFailed;
     Abandon();

@@ -56,8 +56,7 @@ constexpr const char* kPlaceholders[] = {"to be filled by o.e.m.",
                                          "123456789",
                                          "1234567890"};
 
-/// The file's first line, trimmed; empty when the file can't be read or is longer than any serial number
-/// file.
+/// The file's first line, trimmed; empty when the file can't be read.
 std::string FirstLine(const std::string& path) {
   const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) return {};

@@ -131,12 +131,14 @@ sigset_t SignalBlock::WaitMask() const {
 }
 
 StopSignal::StopSignal() {
+  const SignalBlock block;
   if (g_users++ > 0) return;
   CreateTimer();
   WrapHandler();
 }
 
 StopSignal::~StopSignal() {
+  const SignalBlock block;
   if (--g_users > 0) return;
   UnwrapHandler();
   if (g_has_timer.exchange(false)) timer_delete(g_timer);

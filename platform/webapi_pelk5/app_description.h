@@ -33,8 +33,7 @@ class DescriptionError : public std::runtime_error {
 [[nodiscard]] bool IsAppName(std::string_view name);
 
 /// Reads the description NAME.json of the application `name`, which IsAppName().
-/// @throws DescriptionError when there is none, or anything in it is not as it has to be: a misspelt member
-/// must
+/// @throws DescriptionError when there is none, or anything in it is not as it has to be: a misspelt member must
 ///         not lead to an archive that silently lacks something.
 [[nodiscard]] AppDescription LoadAppDescription(const Paths& paths, const Limits& limits,
                                                 const std::string& name);

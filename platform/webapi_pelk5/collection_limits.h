@@ -23,11 +23,9 @@ struct Paths {
 struct Limits {
   /// Bytes taken of one file; of a longer one its last bytes are taken and the cut is noted.
   std::uint64_t file_bytes = std::uint64_t{256} << 20;
-  /// Bytes taken of a file of a kernel file system (proc, sysfs, ...), whose size is not known before it is
-  /// read.
+  /// Bytes taken of a file of a kernel file system (proc, sysfs, ...), whose size is known only once it is read.
   std::size_t kernel_file_bytes = std::size_t{4} << 20;
-  /// Bytes of content per archive, before compression, the manifest not counted. What would pass it is left
-  /// out.
+  /// Bytes of content per archive, before compression, the manifest not counted. What would pass it is left out.
   std::uint64_t archive_bytes = std::uint64_t{4} << 30;
   /// Entries per archive, the manifest not counted. What would pass it is left out.
   std::uint64_t archive_entries = 100'000;

@@ -150,8 +150,7 @@ CommandResult WaitForEnd(pid_t pid, const CommandRequest& request, OutputCopy& o
   const std::int64_t deadline = MonotonicMs() + request.time_limit_ms;
   bool timed_out = false;
   for (;;) {
-    const bool ended =
-        HasEnded(pid);  // Before draining: all that an ended process wrote is in the pipe by now.
+    const bool ended = HasEnded(pid);  // before draining: all that an ended process wrote is in the pipe
     output.Drain();
     if (ended || output.over() || output.write_error() != 0) break;
     const std::int64_t left = deadline - MonotonicMs();

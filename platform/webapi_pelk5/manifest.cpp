@@ -6,7 +6,6 @@
 
 #include "file_util.h"
 #include "system_report.h"
-#include "token_mask.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -72,7 +71,7 @@ std::string Manifest::Text() {
   root_["totals"]["errors"] = Json::UInt64{root_["errors"].size() + errors_left_out_};
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
-  return Masked(Json::writeString(builder, root_) + "\n");
+  return Json::writeString(builder, root_) + "\n";
 }
 
 }  // namespace TARVO::SupportForm

@@ -25,7 +25,7 @@ class Manifest {
   [[nodiscard]] std::uint64_t entries() const { return entries_; }
   [[nodiscard]] std::uint64_t bytes() const { return bytes_; }
 
-  /// The manifest as it stands, JSON with the values of "token" members masked.
+  /// The manifest as it stands, as JSON. Texts in it may quote tokens: the archive writer masks them.
   [[nodiscard]] std::string Text();
 
  private:

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <utility>
@@ -38,6 +39,8 @@ bool ReadTaskFile(int folder_fd, const char* name, std::string& text) {
 /// The whole work of the task process. Returns its exit status.
 int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id,
             const Json::Value& app_list) {
+  // The environment is the caller's; the libraries used here would let it choose locales, converters and zones.
+  clearenv();
   alarm(limits.task_seconds_hard);
   static_cast<void>(WriteAll(kTaskLockFd, std::to_string(getpid()) + "\n"));
   // SHA-256 needs no configuration, and the search for one would look at the environment.

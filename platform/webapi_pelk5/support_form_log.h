@@ -25,8 +25,7 @@ class SupportFormLog {
   void Register(ApiRegistry& registry);
 
   /// Starts a collection and returns at once. Removes what ended tasks left before.
-  /// @param params  {"app_list": [...]}; what is in the list is checked by the task, which puts errors into
-  /// the
+  /// @param params  {"app_list": [...]}; what is in the list is checked by the task, which puts errors into the
   ///                archive's manifest.
   /// @return {"task_id": "..."}
   /// @throws ApiError

@@ -13,8 +13,8 @@ namespace TARVO::SupportForm {
 /// Seconds since the start, load, current time.
 /// @param proc  The process file system, also below.
 [[nodiscard]] std::string UptimeText(const std::string& proc);
-/// Space and inodes of the mounted file systems. Network and user-space ones are left out: asking a dead
-/// server would hang.
+/// Space and inodes of the mounted file systems. Network and user-space ones are listed but not asked: asking a
+/// dead server would hang.
 [[nodiscard]] std::string DiskText(const std::string& proc);
 /// The processes: ids, user, state, memory, start, command line.
 [[nodiscard]] std::string ProcessText(const std::string& proc);

@@ -130,7 +130,10 @@ std::vector<std::string> RemoveLeftovers(int state_fd) {
   std::vector<std::string> removed;
   for (const std::string& id : TaskIds(state_fd)) {
     const UniqueFd folder(openat(state_fd, id.c_str(), kFolderFlags));
-    if (folder.valid() && IsLeftover(folder.get()) && RemoveTask(state_fd, id)) removed.push_back(id);
+    try {
+      if (folder.valid() && IsLeftover(folder.get()) && RemoveTask(state_fd, id)) removed.push_back(id);
+    } catch (const ApiError&) {  // a folder that can't be judged must not keep new tasks from starting
+    }
   }
   return removed;
 }

@@ -2,10 +2,11 @@
 ///
 /// Each collection has a folder <state>/<task>/. Two flock()s in it tell of two lives:
 /// - `lock` is held by the task process: as long as it is, the task is running. Its text is the process's id.
-/// - `owner` is held by the process that called "collect": as long as it lives, a finished archive is its
-/// own. These locks belong to open file descriptions, so a process can probe the locks that it holds itself,
-/// and the kernel drops them with their holder, however it ends. Probing takes a shared lock, so that two
-/// that probe at the same moment don't take each other for the holder.
+/// - `owner` is held by the process that called "collect": as long as it lives, a finished archive is its own.
+///
+/// These locks belong to open file descriptions, so a process can probe the locks that it holds itself, and the
+/// kernel drops them with their holder, however it ends. Probing takes a shared lock, so that two that probe at the
+/// same moment don't take each other for the holder.
 ///
 /// The state folder itself is locked by "collect" while it removes leftovers and makes its own folder, so
 /// that no folder is looked at whose locks are not taken yet.

@@ -85,8 +85,7 @@ bool ResetDescriptors(int lock_fd) {
 int Reap(pid_t pid) {
   int status = 0;
   while (waitpid(pid, &status, 0) < 0) {
-    // A caller that ignores SIGCHLD has it reaped by the kernel, and its status is lost; "status" will tell
-    // then.
+    // A caller that ignores SIGCHLD has it reaped by the kernel, and its status is lost: "status" will tell.
     if (errno == ECHILD) return 0;
     if (errno != EINTR) return errno;
   }

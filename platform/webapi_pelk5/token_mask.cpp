@@ -145,8 +145,7 @@ void TokenMask::StepContainer(char byte, std::string& out) {
   if (depth_ == 0 || (byte == '\n' && in_string_)) state_ = State::kText;
 }
 
-/// Takes a blank between name, colon and value: one byte, or a backslash with its letter, one after the
-/// other.
+/// Takes a blank between name, colon and value: one byte, or a backslash with its letter, one after the other.
 bool TokenMask::TakesBlank(char byte) {
   if (byte == '\\') {
     ++run_;

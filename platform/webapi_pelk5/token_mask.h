@@ -13,8 +13,7 @@ namespace TARVO::SupportForm {
 /// - blanks around the colon, and "\n", "\r" and "\t" written out in their place;
 /// - quotes inside the value that are escaped by backslashes;
 /// - JSON text inside JSON strings, to any depth: \"token\":\"...\", \\\"token\\\":\\\"...\\\";
-/// - values that are no strings: numbers and words up to the next separator, arrays and objects up to their
-/// end;
+/// - values that are no strings: numbers and words up to the next separator, arrays and objects up to their end;
 /// - values that are cut off: a string is masked up to the end of its line, or of the string around it.
 class TokenMask {
  public:

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "library_log.h"
+
 namespace TarvoOrvane::Internal {
 namespace {
 
@@ -13,6 +15,8 @@ struct Good {
   std::string target;
   bool tls;
 };
+
+void PrintTo(const Good& good, std::ostream* out) { *out << MakePrintable(good.text, 60); }
 
 class GoodAddressTest : public testing::TestWithParam<Good> {};
 
@@ -49,6 +53,8 @@ struct Bad {
   std::string text;
   std::string fault;
 };
+
+void PrintTo(const Bad& bad, std::ostream* out) { *out << MakePrintable(bad.text, 60); }
 
 class BadAddressTest : public testing::TestWithParam<Bad> {};
 

@@ -14,10 +14,16 @@ namespace {
 using testing::ElementsAre;
 
 TEST(EnvironmentTest, NamesThatSteerTheLibrariesAreKnown) {
-  for (const char* name :
-       {"GRPC_VERBOSITY", "GRPC_DEFAULT_SSL_ROOTS_FILE_PATH", "grpc_proxy", "no_grpc_proxy", "http_proxy",
-        "HTTPS_PROXY", "all_proxy", "no_proxy", "SSLKEYLOGFILE", "SSL_CERT_FILE", "SSL_CERT_DIR",
-        "OPENSSL_CONF", "OPENSSL_MODULES", "CURL_HOME", "RES_OPTIONS", "LOCALDOMAIN", "HOSTALIASES", "TZ"}) {
+  for (const char* name : {"GRPC_VERBOSITY",  "GRPC_DEFAULT_SSL_ROOTS_FILE_PATH",
+                           "grpc_proxy",      "no_grpc_proxy",
+                           "http_proxy",      "HTTPS_PROXY",
+                           "all_proxy",       "no_proxy",
+                           "SSLKEYLOGFILE",   "SSL_CERT_FILE",
+                           "SSL_CERT_DIR",    "OPENSSL_CONF",
+                           "OPENSSL_MODULES", "CURL_HOME",
+                           "RES_OPTIONS",     "LOCALDOMAIN",
+                           "HOSTALIASES",     "TZ",
+                           "LOCPATH",         "GCONV_PATH"}) {
     EXPECT_TRUE(SteersOurLibraries(name)) << name;
   }
   for (const char* name : {"PATH", "HOME", "LANG", "TZX", "PROXY", "LD_LIBRARY_PATH", ""}) {

@@ -252,7 +252,7 @@ TEST_F(TicketClientTest, AnUndecodableMessageEndsTheStreamWithAFailureAndTheNext
 
 TEST_F(TicketClientTest, AMessageAbove64KiBEndsTheStreamWithAFailure) {
   FastSupportClient client(server_.url());
-  Connect(client)->Deliver("id-1", TicketJson(std::string(65 * 1024, 't')));
+  Connect(client)->Deliver("id-1", TicketJson(std::string(65UL * 1024, 't')));
   EXPECT_EQ(Summary(Received()), "failed 8");
 }
 

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "library_log.h"
+
 namespace TarvoOrvane::Internal {
 namespace {
 
@@ -35,6 +37,8 @@ struct Bad {
   std::string text;
   std::string fault;
 };
+
+void PrintTo(const Bad& bad, std::ostream* out) { *out << MakePrintable(bad.text, 60); }
 
 class BadTicketTest : public testing::TestWithParam<Bad> {};
 

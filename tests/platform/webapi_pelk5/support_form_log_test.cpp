@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -289,6 +290,23 @@ TEST_F(SupportFormLogTest, ManySimultaneousCallersAllGetTheirArchives) {
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_EQ(status, 0);
   }
+}
+
+TEST_F(SupportFormLogTest, CollectWaitsForAnotherThatIsStillStartingButNotForever) {
+  const UniqueFd other = OpenStateFolder(paths_.state);
+  LockStateFolder(other.get(), 0);
+  limits_.prepare_wait_ms = 100;
+  SupportFormLog second(paths_, limits_);
+  EXPECT_THROW(Start(second, "quick"), ApiError);
+  EXPECT_TRUE(fs::is_empty(paths_.state));
+
+  std::thread starter([&] {
+    SleepMs(200);
+    flock(other.get(), LOCK_UN);
+  });
+  const std::string task = Start("quick");
+  starter.join();
+  WaitForArchive(task);
 }
 
 TEST_F(SupportFormLogTest, NextCollectRemovesKilledFailedAndTakenTasks) {

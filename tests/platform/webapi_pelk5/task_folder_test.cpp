@@ -161,5 +161,15 @@ TEST(TaskIdTest, Is32LowerCaseHexDigits) {
   }
 }
 
+TEST_F(TaskFolderTest, FolderThatCantBeJudgedStaysAndDoesNotKeepOthersFromBeingRemoved) {
+  const std::string broken = EndedTask(kFailureFile);
+  const std::string other = EndedTask(kFailureFile);
+  // A socket can't be opened, so nobody can tell whether it is locked.
+  ASSERT_EQ(unlink((Folder(broken) / kLockFile).c_str()), 0);
+  ASSERT_EQ(mknod((Folder(broken) / kLockFile).c_str(), S_IFSOCK | 0600, 0), 0);
+  EXPECT_THAT(Sweep(), ElementsAre(other));
+  EXPECT_TRUE(fs::exists(Folder(broken)));
+}
+
 }  // namespace
 }  // namespace TARVO::SupportForm

@@ -1,6 +1,5 @@
 #include "daemon_fixture.h"
 
-using test_support::RecordCall;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;

@@ -9,7 +9,6 @@
 
 #include "scripted_platform.h"
 
-using TarvoOrvane::Utils::LoggerManager;
 using test_support::Event;
 using test_support::ScriptedPlatform;
 using test_support::ScriptedPlatformTest;

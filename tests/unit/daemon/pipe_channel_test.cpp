@@ -15,7 +15,6 @@ using test_support::RunInChild;
 using test_support::ScriptedPlatform;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::StartsWith;
 
 namespace real = test_support::real;
 

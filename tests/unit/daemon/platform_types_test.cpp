@@ -74,13 +74,11 @@ TEST(OptionalTest, CopiesMovesAndReleasesItsValue) {
   EXPECT_EQ(value.use_count(), 1);
 }
 
-// NOLINTBEGIN(bugprone-suspicious-memory-comparison): addresses, not contents
 template <typename Record, typename First, typename Second>
 bool Precedes(First Record::*first, Second Record::*second) {
   const Record record{};
   return static_cast<const void*>(&(record.*first)) < static_cast<const void*>(&(record.*second));
 }
-// NOLINTEND(bugprone-suspicious-memory-comparison)
 
 TEST(RecordTest, FieldsKeepTheirOrder) {
   EXPECT_TRUE(Precedes(&Ticket::token, &Ticket::apps));

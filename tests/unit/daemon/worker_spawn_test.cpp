@@ -5,13 +5,8 @@
 
 #include "daemon_fixture.h"
 
-using test_support::ExitedWith;
 using test_support::RecordCall;
-using test_support::RunInChild;
 using testing::ElementsAre;
-using testing::IsEmpty;
-
-namespace real = test_support::real;
 
 namespace {
 
