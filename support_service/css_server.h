@@ -3,7 +3,8 @@
 ///
 /// Bodies are worked on as they arrive, in the threads of the HTTP library; an archive goes to disk piece
 /// by piece. Every answer of ours is a JSON object with the boolean "success" and, where that is false,
-/// the text "error".
+/// the text "error". Two requests get no such answer: one that is no well-formed HTTP gets a page of the HTTP
+/// library's, which has no hook for it, and a refused body of unknown length is cut off behind 2 MiB.
 #pragma once
 
 #include <chrono>

@@ -207,6 +207,24 @@ TEST_F(TicketTest, WithoutACssServerIsAnsweredAndItsFailuresAreLogged) {
   EXPECT_THAT(ArchivesOnDevice(), IsEmpty());
 }
 
+// The platform library throws, the daemon's binary catches: both must mean the same exception class.
+TEST_F(TicketTest, ForACssServerThatIsNotThereLogsTheCodeOfEachOfFiveAttempts) {
+  DescribeApp("demo", {"true"});
+  ASSERT_NO_FATAL_FAILURE(StartService());
+  WriteConfig(R"({"debug_dat_file_transmitter": {"grpc_server": {"url": ")" + grpc_url_ +
+              R"("}, "css_server": {"url": "http://127.0.0.1:1"}}})");
+  StartDaemon();
+  const std::string id = SendTicket("demo");
+  ASSERT_TRUE(WaitForTicket(id, "answered: accepted")) << WholeLog();
+  ASSERT_TRUE(WaitForCompletion(1)) << WholeLog();
+
+  const std::size_t requests = 2;  // the upload and the report
+  EXPECT_EQ(CountLog(SyslogRole::kChild, "curl_easy_perform() failed: CURLcode=[7]"), 5 * requests);
+  EXPECT_EQ(CountLog(SyslogRole::kChild, "Failed to parse server resp: "), requests);
+  EXPECT_EQ(CountLog(SyslogRole::kChild, "Failed to update '2' to server"), 1U);
+  EXPECT_THAT(ArchivesOnDevice(), IsEmpty());
+}
+
 TEST_F(TicketTest, ForAnUnknownApplicationStillBringsTheSystemsData) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   const std::string id = SendTicket("nobody-knows-it");
