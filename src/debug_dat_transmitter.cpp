@@ -172,8 +172,8 @@ bool DebugDatTransmitterDaemon::ReadPipeMessage(int& fd, Json::Value& message) {
 // ======== Supervisor: start, main loop, end ========
 
 bool DebugDatTransmitterDaemon::Init() {
-  signal(SIGHUP, HandleSignal);
-  signal(SIGTERM, HandleSignal);
+  static_cast<void>(signal(SIGHUP, HandleSignal));
+  static_cast<void>(signal(SIGTERM, HandleSignal));
   return true;
 }
 
@@ -277,12 +277,6 @@ bool DebugDatTransmitterDaemon::SendResultToWorker() {
 
 // ======== Supervisor: a ticket becomes a transmission child ========
 
-ScopeGuard::~ScopeGuard() {
-  if (callable_) {
-    callable_();
-  }
-}
-
 bool DebugDatTransmitterDaemon::StartToTransmitDebugFile(const Json::Value& ticket) {
   bool notifyWorker = true;
   const ScopeGuard guard([this, &notifyWorker] {
@@ -299,7 +293,7 @@ bool DebugDatTransmitterDaemon::StartToTransmitDebugFile(const Json::Value& tick
   DAEMON_LOG(LOG_WARNING,
              "%s:%d Receive a request(%s) from the orvane server, start to transmit debug.dat file",
              ToString(ticket).c_str());
-  const Json::Value apps = ticket["apps"];
+  const Json::Value& apps = ticket["apps"];
   const std::string token = ticket["token"].asString();
 
   const int pid = TLIBCProcFork();

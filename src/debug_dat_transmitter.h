@@ -33,7 +33,11 @@ class ScopeGuard {
  public:
   /// @param callable  May be empty.
   explicit ScopeGuard(const boost::function<void()>& callable) : callable_(callable) {}
-  ~ScopeGuard();
+  ~ScopeGuard() {  // NOLINT(bugprone-exception-escape): an exception here is to end the process
+    if (callable_) {
+      callable_();
+    }
+  }
   ScopeGuard(const ScopeGuard&) = delete;
   ScopeGuard& operator=(const ScopeGuard&) = delete;
 
