@@ -418,10 +418,12 @@ CURL* WRAP(curl_easy_init)() {
   return Perform(&ScriptedPlatform::curl_easy_init, REAL(curl_easy_init));
 }
 
-CURLcode WRAP(curl_easy_setopt)(CURL* handle, CURLoption option, ...) {
+// The option arrives as an unsigned int: va_start() must not follow a parameter of an enumeration's type.
+CURLcode WRAP(curl_easy_setopt)(CURL* handle, unsigned option_number, ...) {
+  const auto option = static_cast<CURLoption>(option_number);
   const bool is_long = option < CURLOPTTYPE_OBJECTPOINT;
   va_list arguments;
-  va_start(arguments, option);
+  va_start(arguments, option_number);
   const long number = is_long ? va_arg(arguments, long) : 0;
   void* const pointer = is_long ? nullptr : va_arg(arguments, void*);
   va_end(arguments);

@@ -29,7 +29,8 @@ std::string ToPem(Writer write) {
 }  // namespace
 
 TestCertificate MakeTestCertificate() {
-  const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
+  const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"),
+                                                           &EVP_PKEY_free);
   const std::unique_ptr<X509, void (*)(X509*)> certificate(X509_new(), &X509_free);
   X509_set_version(certificate.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 1);

@@ -85,7 +85,7 @@ TEST_P(LogTest, LoggerGetsAtMost255Characters) {
   ScriptedPlatform::UseLogger(true);
   GetParam().log(LOG_ERR, "");
   const std::size_t prefix = Last().text.size();
-  for (const std::size_t whole : {254, 255, 256, 1000}) {
+  for (const std::size_t whole : {254U, 255U, 256U, 1000U}) {
     const std::string text(whole - prefix, 'y');
     GetParam().log(LOG_ERR, text.c_str());
     EXPECT_EQ(Last().text.size(), whole < 255 ? whole : 255);

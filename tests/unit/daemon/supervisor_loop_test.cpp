@@ -57,7 +57,7 @@ class SupervisorLoopTest : public DaemonTest {
 
   /// Runs the supervisor until AtEachPause()'s SIGTERM. Records what follows the spawn.
   void Run() {
-    EXPECT_THAT(RunInChild([this] { return DebugDatTransmitterDaemon().Run() ? 0 : 1; }), ExitedWith(0));
+    EXPECT_THAT(RunInChild([] { return DebugDatTransmitterDaemon().Run() ? 0 : 1; }), ExitedWith(0));
   }
 
   std::vector<test_support::Event> EventsAfterSpawn() {
@@ -252,7 +252,7 @@ TEST_F(SupervisorLoopTest, FailedPipeAbortsAtTheFirstWait) {
     errno = EMFILE;
     return -1;
   };
-  EXPECT_THAT(RunInChild([this] { return DebugDatTransmitterDaemon().Run() ? 0 : 1; }), KilledBy(SIGABRT));
+  EXPECT_THAT(RunInChild([] { return DebugDatTransmitterDaemon().Run() ? 0 : 1; }), KilledBy(SIGABRT));
   EXPECT_THAT(log_.events(), ElementsAre(Call("signal(1)"), Call("signal(15)"),
                                          Error("Failed to do pipe(), err=Too many open files"),
                                          Call("ReconfigureByDebugFlag()"), Call("abort()")));
