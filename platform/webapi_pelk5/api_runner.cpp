@@ -3,6 +3,7 @@
 #include <json/value.h>
 
 #include "api_registry.h"
+#include "collector_launch.h"
 #include "platform/web_api_runner.h"
 #include "support_form_log.h"
 
@@ -12,7 +13,7 @@ namespace {
 const ApiRegistry& Methods() {
   // Never destroyed: it holds the owner locks of this process's archives, which last until the process ends.
   static const ApiRegistry* const methods = [] {
-    auto* log = new SupportForm::SupportFormLog({}, {});
+    auto* log = new SupportForm::SupportFormLog({}, {}, &SupportForm::BecomeCollector);
     auto* registry = new ApiRegistry;
     log->Register(*registry);
     return registry;

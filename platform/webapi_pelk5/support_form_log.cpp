@@ -2,25 +2,19 @@
 
 #include <fcntl.h>
 #include <json/reader.h>
-#include <openssl/crypto.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <exception>
 #include <memory>
 #include <utility>
 
 #include "api_error.h"
-#include "collection.h"
 #include "file_util.h"
-#include "progress.h"
 #include "task_folder.h"
 #include "task_process.h"
-#include "token_mask.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -36,33 +30,10 @@ bool ReadTaskFile(int folder_fd, const char* name, std::string& text) {
   return fd.valid() && ReadUpTo(fd.get(), kSmallFileBytes, text, more);
 }
 
-/// The whole work of the task process. Returns its exit status.
-int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id,
-            const Json::Value& app_list) {
-  // The environment is the caller's; the libraries used here would let it choose locales, converters and zones.
-  clearenv();
-  alarm(limits.task_seconds_hard);
-  static_cast<void>(WriteAll(kTaskLockFd, std::to_string(getpid()) + "\n"));
-  // SHA-256 needs no configuration, and the search for one would look at the environment.
-  OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
-  const UniqueFd folder = OpenTaskFolder(paths.state, task_id);
-  std::string failure = "out of memory";
-  try {
-    if (!folder.valid()) return 1;
-    MakeArchive(paths, limits, folder.get(), task_id, app_list);
-    return 0;
-  } catch (const std::exception& error) {
-    failure = Masked(error.what());
-  } catch (...) {
-    failure = "unknown error";
-  }
-  static_cast<void>(ReplaceFile(folder.get(), kFailureFile, failure));
-  return 1;
-}
-
 }  // namespace
 
-SupportFormLog::SupportFormLog(Paths paths, Limits limits) : paths_(std::move(paths)), limits_(limits) {}
+SupportFormLog::SupportFormLog(Paths paths, Limits limits, TaskWork work)
+    : paths_(std::move(paths)), limits_(limits), work_(std::move(work)) {}
 
 void SupportFormLog::Register(ApiRegistry& registry) {
   const std::string api = "TARVO.Core.SupportForm.Log";
@@ -84,7 +55,7 @@ Json::Value SupportFormLog::Collect(const Json::Value& params) {
   flock(state.get(), LOCK_UN);  // From here on the task's own locks tell that it is alive.
 
   try {
-    StartDetached(task.lock.get(), [&] { return RunTask(paths_, limits_, task.id, app_list); });
+    StartDetached(task.lock.get(), [&] { return work_(paths_, task.id, app_list); });
   } catch (...) {
     RemoveTask(state.get(), task.id);
     throw;

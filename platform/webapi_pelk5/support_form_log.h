@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -11,6 +12,11 @@
 
 namespace TARVO::SupportForm {
 
+/// The work of a task process that has just begun: makes the archive of the task `task_id`, or leaves the reason
+/// why not in its folder. Returns the process's exit status; must not throw.
+using TaskWork =
+    std::function<int(const Paths& paths, const std::string& task_id, const Json::Value& app_list)>;
+
 /// The log collection web API, TARVO.Core.SupportForm.Log version 1. Lives in the calling process; the
 /// collection itself runs in a process of its own that outlives the caller.
 ///
@@ -19,7 +25,7 @@ namespace TARVO::SupportForm {
 /// the caller forks afterwards, without exec, holds these locks as well.
 class SupportFormLog {
  public:
-  SupportFormLog(Paths paths, Limits limits);
+  SupportFormLog(Paths paths, Limits limits, TaskWork work);
 
   /// Enters both methods. The object must outlive the registry.
   void Register(ApiRegistry& registry);
@@ -44,6 +50,7 @@ class SupportFormLog {
 
   Paths paths_;
   Limits limits_;
+  TaskWork work_;
   std::map<std::string, UniqueFd> owners_;  ///< Task id to its owner lock.
 };
 

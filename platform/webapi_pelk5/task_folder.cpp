@@ -13,9 +13,7 @@
 #include <memory>
 
 #include "api_error.h"
-#include "collection.h"
 #include "file_util.h"
-#include "progress.h"
 
 namespace TARVO::SupportForm {
 namespace {

@@ -22,7 +22,11 @@ namespace TARVO::SupportForm {
 
 inline constexpr const char* kLockFile = "lock";
 inline constexpr const char* kOwnerFile = "owner";
-inline constexpr const char* kFailureFile = "failure";  ///< Why a task made no archive, for people.
+inline constexpr const char* kFailureFile = "failure";            ///< Why a task made no archive, for people.
+inline constexpr const char* kProgressFile = "progress";          ///< A JSON object {"bytes", "files"}.
+inline constexpr const char* kSpoolFile = "spool";                ///< Output of a command, unlinked at once.
+inline constexpr const char* kUnfinishedFile = "debug.dat.part";  ///< The archive while it is being made.
+inline constexpr const char* kArchiveFile = "debug.dat";          ///< The archive, once it is complete.
 
 /// A folder made for a new task.
 struct NewTask {

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "support_log_fixture.h"
+#include "task_folder.h"
 
 namespace TARVO::SupportForm {
 namespace {

@@ -14,8 +14,10 @@
 #include <thread>
 
 #include "api_error.h"
+#include "collector_launch.h"
 #include "file_util.h"
 #include "support_log_fixture.h"
+#include "task.h"
 #include "task_folder.h"
 
 namespace TARVO::SupportForm {
@@ -32,6 +34,13 @@ class SupportFormLogTest : public SupportLogTest {
                          GateCommand(gate_) + "]}");
     WriteText(data_ / "a.log", "a line\n");
     Describe("quick", R"({"paths": [")" + (data_ / "a.log").string() + R"("]})");
+  }
+
+  /// Does the collector's work in the forked process, with limits of a test's own.
+  static TaskWork Forked(const Limits& limits) {
+    return [limits](const Paths& paths, const std::string& task_id, const Json::Value& app_list) {
+      return RunTask(paths, limits, task_id, app_list);
+    };
   }
 
   static std::string Start(SupportFormLog& log, const std::string& app) {
@@ -83,13 +92,7 @@ class SupportFormLogTest : public SupportLogTest {
   void OpenGate() const { fs::remove(gate_); }
 
   fs::path gate_ = data_ / "gate";
-  SupportFormLog log_{paths_, limits_};
-  // Status polls in tests shouldn't wait out the default five seconds where they expect "not finished".
-  SupportFormLog impatient_{paths_, [] {
-                              Limits limits;
-                              limits.status_wait_ms = 0;
-                              return limits;
-                            }()};
+  SupportFormLog log_{paths_, limits_, Forked(limits_)};
 };
 
 TEST_F(SupportFormLogTest, CollectGivesATaskAndStatusThePathOfItsArchive) {
@@ -184,7 +187,7 @@ TEST_F(SupportFormLogTest, TaskKilledDuringTheWaitIsAnError) {
 
 TEST_F(SupportFormLogTest, FailedTaskIsAnErrorWithItsReason) {
   limits_.zstd_level = 1'000'000;
-  SupportFormLog broken(paths_, limits_);
+  SupportFormLog broken(paths_, limits_, Forked(limits_));
   const std::string task = Start(broken, "quick");
   std::string message;
   EXPECT_EQ(StatusError(task, &message), static_cast<int>(ApiErrorCode::kTaskFailed));
@@ -192,9 +195,40 @@ TEST_F(SupportFormLogTest, FailedTaskIsAnErrorWithItsReason) {
   EXPECT_FALSE(fs::exists(Folder(task) / "debug.dat"));
 }
 
+TEST_F(SupportFormLogTest, CollectorThatCantBeStartedIsAFailedTask) {
+  const std::string program = (folder_ / "no-such-program").string();
+  SupportFormLog lost(paths_, limits_,
+                      [&](const Paths& paths, const std::string& id, const Json::Value& list) {
+                        return BecomeProgram(program, paths, id, list);
+                      });
+  const std::string task = Start(lost, "quick");
+  std::string message;
+  EXPECT_EQ(StatusError(task, &message), static_cast<int>(ApiErrorCode::kTaskFailed));
+  EXPECT_EQ(message, "the collector " + program + " can't be started: No such file or directory");
+}
+
+TEST_F(SupportFormLogTest, CollectorFindsItsTaskTheListAndNothingOfTheCallers) {
+  // The shell has descriptors of its own from 10 on.
+  const fs::path program = folder_ / "bin" / "collector";
+  const fs::path seen = folder_ / "seen";
+  Program("collector",
+          "#!/bin/sh\n{ echo \"$0 $*\"; cat; echo; ls /proc/$$/fd | grep -x . | tr '\\n' ' '; tr '\\0' ' ' "
+          "</proc/$$/environ; } >" +
+              seen.string() + ".part\nmv " + seen.string() + ".part " + seen.string() + "\n");
+  setenv("LEFT_OVER", "1", 1);
+  SupportFormLog log(paths_, limits_,
+                     [&](const Paths& paths, const std::string& id, const Json::Value& list) {
+                       return BecomeProgram(program.string(), paths, id, list);
+                     });
+  const std::string task = Start(log, "quick");
+  ASSERT_TRUE(WaitUntil([&] { return fs::exists(seen); }));
+  EXPECT_EQ(ReadText(seen), program.string() + " --task " + task + "\n[\"quick\"]\n0 1 2 3 ");
+  unsetenv("LEFT_OVER");
+}
+
 TEST_F(SupportFormLogTest, HangingTaskIsEndedByTheKernel) {
   limits_.task_seconds_hard = 1;
-  SupportFormLog short_lived(paths_, limits_);
+  SupportFormLog short_lived(paths_, limits_, Forked(limits_));
   const std::string task = Start(short_lived, "slow");
   EXPECT_EQ(StatusError(task), static_cast<int>(ApiErrorCode::kTaskKilled));
 }
@@ -296,7 +330,7 @@ TEST_F(SupportFormLogTest, CollectWaitsForAnotherThatIsStillStartingButNotForeve
   const UniqueFd other = OpenStateFolder(paths_.state);
   LockStateFolder(other.get(), 0);
   limits_.prepare_wait_ms = 100;
-  SupportFormLog second(paths_, limits_);
+  SupportFormLog second(paths_, limits_, Forked(limits_));
   EXPECT_THROW(Start(second, "quick"), ApiError);
   EXPECT_TRUE(fs::is_empty(paths_.state));
 
@@ -311,7 +345,7 @@ TEST_F(SupportFormLogTest, CollectWaitsForAnotherThatIsStillStartingButNotForeve
 
 TEST_F(SupportFormLogTest, NextCollectRemovesKilledFailedAndTakenTasks) {
   limits_.zstd_level = 1'000'000;
-  SupportFormLog broken(paths_, limits_);
+  SupportFormLog broken(paths_, limits_, Forked(limits_));
   const std::string failed = Start(broken, "quick");
   EXPECT_EQ(StatusError(failed), static_cast<int>(ApiErrorCode::kTaskFailed));
   const std::string killed = Start("slow");
@@ -372,7 +406,8 @@ TEST_F(SupportFormLogTest, StatusWithoutPatienceAnswersAtOnceAndHasNumbersFromTh
   const std::string task = Start("slow");
   Json::Value params(Json::objectValue);
   params["task_id"] = task;
-  const Json::Value status = impatient_.Status(params);
+  limits_.status_wait_ms = 0;
+  const Json::Value status = SupportFormLog(paths_, limits_, Forked(limits_)).Status(params);
   EXPECT_EQ(status["finished"], Json::Value(false));
   EXPECT_TRUE(status["bytes"].isUInt64());
   EXPECT_TRUE(status["files"].isUInt64());

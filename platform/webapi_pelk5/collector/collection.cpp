@@ -14,6 +14,7 @@
 #include "file_entry.h"
 #include "file_util.h"
 #include "system_report.h"
+#include "task_folder.h"
 
 namespace TARVO::SupportForm {
 namespace {

@@ -5,9 +5,6 @@
 
 namespace TARVO::SupportForm {
 
-/// Name of the progress file in a task folder: a JSON object {"bytes", "files"}.
-inline constexpr const char* kProgressFile = "progress";
-
 /// Tells how far a collection has come, in a small file beside the archive. Lives in the task process. A file
 /// that can't be written is no failure: the archive matters more.
 class Progress {

@@ -17,11 +17,6 @@
 
 namespace TARVO::SupportForm {
 
-/// Names in a task folder.
-inline constexpr const char* kArchiveFile = "debug.dat";          ///< The archive, once it is complete.
-inline constexpr const char* kUnfinishedFile = "debug.dat.part";  ///< The archive while it is being made.
-inline constexpr const char* kSpoolFile = "spool";                ///< Output of a command, unlinked at once.
-
 /// Makes the content of one archive. Runs in the task process.
 ///
 /// What can't be taken is a line in the manifest; only a failure to write the archive ends the collection.

@@ -1,6 +1,7 @@
 #include "progress.h"
 
 #include "file_util.h"
+#include "task_folder.h"
 
 namespace TARVO::SupportForm {
 

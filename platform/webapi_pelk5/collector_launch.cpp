@@ -1,0 +1,65 @@
+#include "collector_launch.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <json/writer.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "file_util.h"
+#include "task_folder.h"
+#include "task_process.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+constexpr const char* kCollectorName = "debug_dat_collect";
+
+/// The collector's path; its bare name, which can't be started, where the own file isn't known.
+std::string CollectorPath() {
+  static const char own_address = 0;
+  Dl_info own = {};
+  if (dladdr(&own_address, &own) == 0 || own.dli_fname == nullptr) return kCollectorName;
+  const std::string file = own.dli_fname;
+  return file.substr(0, file.rfind('/') + 1) + kCollectorName;
+}
+
+/// Puts `text` where the program reads its standard input.
+bool GiveInput(const std::string& text) {
+  const UniqueFd input(memfd_create("app_list", MFD_CLOEXEC));
+  return input.valid() && WriteAll(input.get(), text) && lseek(input.get(), 0, SEEK_SET) == 0 &&
+         dup2(input.get(), STDIN_FILENO) >= 0;
+}
+
+std::string CompactText(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return Json::writeString(builder, value);
+}
+
+/// Returns only when the program can't be started, with errno set.
+void Execute(const std::string& program, const std::string& task_id, const std::string& input) {
+  if (!GiveInput(input) || fcntl(kTaskLockFd, F_SETFD, 0) != 0) return;
+  const char* const arguments[] = {kCollectorName, "--task", task_id.c_str(), nullptr};
+  char* const environment[] = {nullptr};
+  execve(program.c_str(), const_cast<char* const*>(arguments), environment);
+}
+
+}  // namespace
+
+int BecomeProgram(const std::string& program, const Paths& paths, const std::string& task_id,
+                  const Json::Value& app_list) {
+  Execute(program, task_id, CompactText(app_list));
+  const std::string failure = "the collector " + program + " can't be started: " + ErrorText(errno);
+  const UniqueFd folder = OpenTaskFolder(paths.state, task_id);
+  if (folder.valid()) static_cast<void>(ReplaceFile(folder.get(), kFailureFile, failure));
+  return 1;
+}
+
+int BecomeCollector(const Paths& paths, const std::string& task_id, const Json::Value& app_list) {
+  return BecomeProgram(CollectorPath(), paths, task_id, app_list);
+}
+
+}  // namespace TARVO::SupportForm
