@@ -62,7 +62,8 @@ class StopTest : public SystemTest {
   }
 
   const std::string socket_ = std::string(kTestFolder) + "/grpc.sock";
-  const Environment environment_ = {{"LD_PRELOAD", LibraryFolder("") + "libsleep_shim.so"}};
+  const Environment environment_ = {
+      {"LD_PRELOAD", SANITIZER_RUNTIME + LibraryFolder("") + "libsleep_shim.so"}};
 };
 
 TEST_F(StopTest, SigtermEndsTheIdleWorkerWithinASecond) {

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <filesystem>
 #include <sstream>
+#include <stdexcept>
 
 namespace {
 
@@ -111,6 +112,10 @@ pid_t SystemTest::StartDaemon(const Environment& extra) {
   EXPECT_EQ(start.Wait(), 0) << start.Output();
   EXPECT_TRUE(Eventually([&] { return ReadPidFile() > 0 && ReadPidFile() != former; })) << WholeLog();
   supervisor_ = ReadPidFile();
+  // Not just a failed expectation: kill() takes 0 for the test's own process group, ctest included.
+  if (supervisor_ <= 0) {
+    throw std::runtime_error("the daemon did not start");
+  }
   daemon_processes_.insert(supervisor_);
   return supervisor_;
 }
@@ -118,7 +123,10 @@ pid_t SystemTest::StartDaemon(const Environment& extra) {
 pid_t SystemTest::WorkerOf(pid_t supervisor) {
   EXPECT_TRUE(Eventually([&] { return !ChildrenOf(supervisor).empty(); }));
   const std::vector<pid_t> children = ChildrenOf(supervisor);
-  return children.empty() ? 0 : *std::min_element(children.begin(), children.end());
+  if (children.empty()) {
+    throw std::runtime_error("the supervisor has no worker");
+  }
+  return *std::min_element(children.begin(), children.end());
 }
 
 void SystemTest::StartAll() {

@@ -43,8 +43,10 @@ class SystemTest : public testing::Test {
 
   /// Starts the daemon and waits until it has written its pid file.
   /// @return the supervisor's id.
+  /// @throws std::runtime_error when it does not start.
   pid_t StartDaemon(const Environment& extra = {});
   /// Waits until the worker of `supervisor` is there.
+  /// @throws std::runtime_error when it does not come.
   static pid_t WorkerOf(pid_t supervisor);
   /// Service, configuration and daemon; waits until the device is connected.
   void StartAll();
