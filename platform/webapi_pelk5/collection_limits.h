@@ -1,4 +1,5 @@
 /// Every limit and every place of the log collection, with the values that a device uses. Tests pass others.
+/// docs/log-collection.md has the same as a table for the makers of descriptions.
 #pragma once
 
 #include <cstddef>
@@ -13,6 +14,10 @@ struct Paths {
   std::string state = "/var/lib/tarvo/support_form_log";
   /// Application descriptions, NAME.json each.
   std::string descriptions = "/usr/tarvo/etc/support_form_log.d";
+  /// Further patterns of secrets that are masked; may be missing.
+  std::string redaction = "/usr/tarvo/etc/support_form_log.redact";
+  /// A line per collection: what left the device, or could have.
+  std::string audit_log = "/var/log/debug_dat_collect.log";
   std::string proc = "/proc";                  ///< The kernel's process file system.
   std::string os_release = "/etc/os-release";  ///< Name and version of the system.
   /// Where a command without a slash in its name is looked up; also PATH of every command.
@@ -25,26 +30,48 @@ struct Limits {
   std::uint64_t file_bytes = std::uint64_t{256} << 20;
   /// Bytes taken of a file of a kernel file system (proc, sysfs, ...), whose size is known only once it is read.
   std::size_t kernel_file_bytes = std::size_t{4} << 20;
-  /// Bytes of content per archive, before compression, the manifest not counted. What would pass it is left out.
+  /// Bytes of content per archive, before compression, the manifest not counted. Of a file that would pass it the
+  /// end that fits is taken.
   std::uint64_t archive_bytes = std::uint64_t{4} << 30;
   /// Entries per archive, the manifest not counted. What would pass it is left out.
   std::uint64_t archive_entries = 100'000;
+  /// Bytes that stay free on the file system of the archive, but for the manifest itself. Of a file whose
+  /// content, taken as incompressible, would pass it the end that fits is taken.
+  std::uint64_t free_bytes = std::uint64_t{64} << 20;
+  /// Where the two limits above leave less room than this, a longer file or a command is left out altogether.
+  std::uint64_t least_bytes = std::uint64_t{64} << 10;
   /// Error lines per manifest; further ones are only counted.
   unsigned manifest_errors = 1'000;
   /// Levels of folders that are walked below a folder which a pattern of a description matches.
   unsigned folder_depth = 16;
+  /// Names looked at in one folder; the others are left out. Bounds memory where some user fills a folder.
+  std::size_t folder_names = 200'000;
+  /// Names met per application, whether taken or not; the search ends there.
+  std::size_t app_names = 1'000'000;
+  /// Symbolic links followed on the way along one pattern, as many as the kernel's own limit.
+  unsigned links = 40;
   /// Bytes of an application's description file.
   std::size_t description_bytes = std::size_t{1} << 20;
-  /// Bytes taken of a command's output; a command that writes more is ended and the cut noted.
+  /// Bytes taken of a command's output where its description names no other limit. A command that writes more is
+  /// ended and the cut noted.
   std::uint64_t output_bytes = std::uint64_t{16} << 20;
-  unsigned command_seconds = 10;         ///< A command's time limit where its description names none.
-  unsigned command_seconds_max = 300;    ///< The highest time limit that a description may name.
-  unsigned system_command_seconds = 30;  ///< Time limit of journalctl and dmesg.
+  std::uint64_t output_bytes_max = std::uint64_t{256}
+                                   << 20;  ///< The highest one that a description may name.
+  unsigned command_seconds = 10;           ///< A command's time limit where its description names none.
+  unsigned command_seconds_max = 300;      ///< The highest time limit that a description may name.
+  unsigned system_command_seconds = 30;    ///< Time limit of journalctl and dmesg.
+  unsigned journal_lines = 5'000;          ///< The newest journal entries taken, of a unit or of the system.
+  unsigned journal_lines_max = 1'000'000;  ///< The most that a description may name.
+  std::uint64_t journal_bytes = std::uint64_t{4} << 20;  ///< Bytes taken of them; the end is taken.
+  unsigned journal_hours_max = 24 * 366;  ///< The longest time back that a description may name.
   /// Seconds after which a task takes nothing more and finishes its archive. Below the 1200 s for which the
   /// daemon waits, by the time that the last command may still take to be ended and the archive to be closed.
   unsigned task_seconds = 1080;
-  /// Seconds after which the kernel ends a task that hangs, for instance in a file that gives no data.
+  /// Seconds after which the kernel ends a task that hangs, for instance in a file that gives no data. A command
+  /// of it that still runs is ended with it.
   unsigned task_seconds_hard = 1190;
+  /// Bytes of the audit log; one that would pass them is kept under a second name, in the place of a former one.
+  std::uint64_t audit_bytes = std::uint64_t{1} << 20;
   unsigned status_wait_ms = 5'000;  ///< How long "status" waits for a task to end.
   unsigned prepare_wait_ms =
       10'000;  ///< How long "collect" waits for another "collect" to get its task going.

@@ -6,7 +6,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 
 #include "file_util.h"
 #include "task_folder.h"
@@ -17,12 +20,21 @@ namespace {
 
 constexpr const char* kCollectorName = "debug_dat_collect";
 
-/// The collector's path; its bare name, which can't be started, where the own file isn't known.
-std::string CollectorPath() {
+/// The file that holds this code. Linked into a program, that is known by the name that it was started by, which
+/// leads nowhere once the working folder has changed.
+std::string OwnFile() {
   static const char own_address = 0;
   Dl_info own = {};
-  if (dladdr(&own_address, &own) == 0 || own.dli_fname == nullptr) return kCollectorName;
-  const std::string file = own.dli_fname;
+  if (dladdr(&own_address, &own) != 0 && own.dli_fname != nullptr && own.dli_fname[0] == '/') {
+    return own.dli_fname;
+  }
+  std::array<char, PATH_MAX> program = {};
+  const ssize_t length = readlink("/proc/self/exe", program.data(), program.size());
+  return {program.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+}
+
+std::string CollectorPath() {
+  const std::string file = OwnFile();
   return file.substr(0, file.rfind('/') + 1) + kCollectorName;
 }
 

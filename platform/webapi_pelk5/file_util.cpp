@@ -1,7 +1,9 @@
 #include "file_util.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <array>
@@ -34,10 +36,10 @@ std::string IsoTime(std::time_t time) {
 
 std::string HexText(const unsigned char* bytes, std::size_t count) {
   static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
+  std::string text(2 * count, '0');
   for (std::size_t i = 0; i < count; ++i) {
-    text.push_back(kDigits[bytes[i] >> 4U]);
-    text.push_back(kDigits[bytes[i] & 15U]);
+    text[2 * i] = kDigits[bytes[i] >> 4U];
+    text[2 * i + 1] = kDigits[bytes[i] & 15U];
   }
   return text;
 }
@@ -90,6 +92,16 @@ bool ReplaceFile(int folder_fd, const std::string& name, std::string_view text) 
       openat(folder_fd, fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
   return fd.valid() && WriteAll(fd.get(), text) &&
          renameat(folder_fd, fresh.c_str(), folder_fd, name.c_str()) == 0;
+}
+
+bool IsKernelFileSystem(int fd) {
+  struct statfs status = {};
+  if (fstatfs(fd, &status) != 0) return false;
+  for (const long type : {PROC_SUPER_MAGIC, SYSFS_MAGIC, DEBUGFS_MAGIC, TRACEFS_MAGIC, CGROUP_SUPER_MAGIC,
+                          CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC}) {
+    if (status.f_type == type) return true;
+  }
+  return false;
 }
 
 }  // namespace TARVO::SupportForm

@@ -40,4 +40,7 @@ void SleepMs(std::int64_t milliseconds);
 /// whole. Mode 0600. Returns false, with errno set, on failure.
 [[nodiscard]] bool ReplaceFile(int folder_fd, const std::string& name, std::string_view text);
 
+/// Whether the file lies in a file system whose files the kernel makes as they are read: proc, sysfs and the like.
+[[nodiscard]] bool IsKernelFileSystem(int fd);
+
 }  // namespace TARVO::SupportForm

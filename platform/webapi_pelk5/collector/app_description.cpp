@@ -1,7 +1,7 @@
 #include "app_description.h"
 
 #include <json/reader.h>
-#include <json/value.h>
+#include <json/writer.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -63,22 +63,66 @@ std::vector<std::string> Arguments(const Json::Value& value, const std::string& 
   return argv;
 }
 
+/// The whole number `name` from 1 to `max`; `fallback` when there is no such member.
+template <typename Number>
+Number WholeNumber(const Json::Value& value, const std::string& name, const std::string& where,
+                   Number fallback, Number max) {
+  if (!value.isMember(name)) return fallback;
+  const Json::Value& number = value[name];
+  // isUInt64() holds for 2.0 as well, and not for booleans.
+  if (!number.isUInt64() || number.asUInt64() < 1 || number.asUInt64() > max) {
+    throw DescriptionError(where + "." + name + " is not a whole number from 1 to " + std::to_string(max));
+  }
+  return static_cast<Number>(number.asUInt64());
+}
+
+PathDescription Path(const Json::Value& value, const std::string& where) {
+  if (!value.isObject()) return {PathPattern(value, where), false};
+  RefuseUnknownMembers(value, where, {"path", "binary"});
+  PathDescription path;
+  path.pattern = PathPattern(value["path"], where + ".path");
+  if (value.isMember("binary")) {
+    if (!value["binary"].isBool()) throw DescriptionError(where + ".binary is neither true nor false");
+    path.binary = value["binary"].asBool();
+  }
+  return path;
+}
+
 CommandDescription Command(const Json::Value& value, const std::string& where, const Limits& limits) {
   if (!value.isObject()) throw DescriptionError(where + " is not an object");
-  RefuseUnknownMembers(value, where, {"argv", "time_limit_seconds"});
+  RefuseUnknownMembers(value, where, {"argv", "time_limit_seconds", "output_limit_bytes"});
   CommandDescription command;
   command.argv = Arguments(value["argv"], where + ".argv");
-  command.time_limit_seconds = limits.command_seconds;
-  if (value.isMember("time_limit_seconds")) {
-    const Json::Value& seconds = value["time_limit_seconds"];
-    // isUInt() holds for 2.0 as well, and not for booleans.
-    if (!seconds.isUInt() || seconds.asUInt() < 1 || seconds.asUInt() > limits.command_seconds_max) {
-      throw DescriptionError(where + ".time_limit_seconds is not a whole number from 1 to " +
-                             std::to_string(limits.command_seconds_max));
-    }
-    command.time_limit_seconds = seconds.asUInt();
-  }
+  command.time_limit_seconds =
+      WholeNumber(value, "time_limit_seconds", where, limits.command_seconds, limits.command_seconds_max);
+  command.output_limit_bytes =
+      WholeNumber(value, "output_limit_bytes", where, limits.output_bytes, limits.output_bytes_max);
   return command;
+}
+
+/// A unit's name or a pattern of names: the characters that units may have, and those of a pattern.
+std::string UnitName(const Json::Value& value, const std::string& where) {
+  std::string name = SystemString(value, where);
+  const bool plain = std::all_of(name.begin(), name.end(), [](char c) {
+    return IsAsciiAlnum(c) || std::string_view(":-_.\\@*?[]").find(c) != std::string_view::npos;
+  });
+  if (name.empty() || name.size() > 255 || name.front() == '-' || !plain) {
+    throw DescriptionError(where + " is not a unit's name: \"" + name + "\"");
+  }
+  return name;
+}
+
+UnitDescription Unit(const Json::Value& value, const std::string& where, const Limits& limits) {
+  const bool is_object = value.isObject();
+  UnitDescription unit;
+  unit.unit = is_object ? UnitName(value["unit"], where + ".unit") : UnitName(value, where);
+  const Json::Value& options = is_object ? value : Json::Value::nullSingleton();
+  if (is_object) RefuseUnknownMembers(value, where, {"unit", "lines", "output_limit_bytes", "since_hours"});
+  unit.lines = WholeNumber(options, "lines", where, limits.journal_lines, limits.journal_lines_max);
+  unit.output_limit_bytes =
+      WholeNumber(options, "output_limit_bytes", where, limits.journal_bytes, limits.output_bytes_max);
+  unit.since_hours = WholeNumber(options, "since_hours", where, 0U, limits.journal_hours_max);
+  return unit;
 }
 
 /// The elements of the array `name`; none when there is no such member.
@@ -92,14 +136,17 @@ void ReadArray(const Json::Value& root, const std::string& name, const Convert& 
 
 AppDescription Convert(const Json::Value& root, const Limits& limits) {
   if (!root.isObject()) throw DescriptionError("not a JSON object");
-  RefuseUnknownMembers(root, "description", {"description", "paths", "commands"});
+  RefuseUnknownMembers(root, "description", {"description", "paths", "commands", "units"});
   AppDescription result;
   if (root.isMember("description")) result.description = SystemString(root["description"], "\"description\"");
   ReadArray(root, "paths", [&](const Json::Value& value, const std::string& where) {
-    result.paths.push_back(PathPattern(value, where));
+    result.paths.push_back(Path(value, where));
   });
   ReadArray(root, "commands", [&](const Json::Value& value, const std::string& where) {
     result.commands.push_back(Command(value, where, limits));
+  });
+  ReadArray(root, "units", [&](const Json::Value& value, const std::string& where) {
+    result.units.push_back(Unit(value, where, limits));
   });
   return result;
 }
@@ -128,6 +175,12 @@ bool IsAppName(std::string_view name) {
                      [](char c) { return IsAsciiAlnum(c) || c == '.' || c == '_' || c == '-'; });
 }
 
+std::string NotAnAppName(const Json::Value& asked) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return "not an application name: " + Json::writeString(builder, asked);
+}
+
 AppDescription LoadAppDescription(const Paths& paths, const Limits& limits, const std::string& name) {
   const std::string path = paths.descriptions + "/" + name + ".json";
   std::string text;
@@ -144,6 +197,17 @@ AppDescription LoadAppDescription(const Paths& paths, const Limits& limits, cons
   } catch (const DescriptionError& error) {
     throw DescriptionError(path + ": " + error.what());
   }
+}
+
+CommandDescription JournalCommand(const UnitDescription& unit, const Limits& limits) {
+  CommandDescription command;
+  command.argv = {"journalctl", "--quiet", "--no-pager", "--output=short-iso",
+                  "--lines=" + std::to_string(unit.lines)};
+  if (!unit.unit.empty()) command.argv.push_back("--unit=" + unit.unit);
+  if (unit.since_hours > 0) command.argv.push_back("--since=-" + std::to_string(unit.since_hours) + "h");
+  command.time_limit_seconds = limits.system_command_seconds;
+  command.output_limit_bytes = unit.output_limit_bytes;
+  return command;
 }
 
 }  // namespace TARVO::SupportForm

@@ -2,24 +2,32 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
-#include <vector>
 
 #include "file_util.h"
-#include "token_mask.h"
+#include "zstd_stream.h"
 
 namespace TARVO::SupportForm {
 namespace {
 
-constexpr std::size_t kChunkBytes = std::size_t{128} << 10;
+/// Bytes that are read, masked, digested and compressed at a time. In the processor's second-level cache they stay
+/// between these steps; much smaller ones cost system calls.
+constexpr std::size_t kBlockBytes = std::size_t{128} << 10;
+/// Bytes of the archive per entry beside its content: header, names of up to 4096 bytes, padding.
+constexpr std::uint64_t kEntryBytes = 16384;
 
-/// Checks a call of the digest.
-void CheckDigest(int result) {
-  if (result != 1) throw ArchiveFailed("SHA-256 can't be computed");
+la_ssize_t WriteCompressed(archive* writer, void* stream, const void* data, std::size_t size) {
+  try {
+    static_cast<ZstdStream*>(stream)->Write({static_cast<const char*>(data), size});
+    return static_cast<la_ssize_t>(size);
+  } catch (const std::exception& error) {  // C code is the caller
+    archive_set_error(writer, EIO, "%s", error.what());
+    return -1;
+  }
 }
 
 }  // namespace
@@ -27,17 +35,14 @@ void CheckDigest(int result) {
 /// Takes the masked content of one entry: drops the lead, counts, digests, writes.
 class ArchiveWriter::Content {
  public:
-  Content(ArchiveWriter& writer, std::uint64_t lead)
-      : writer_(writer), lead_(lead), digest_(EVP_MD_CTX_new(), &EVP_MD_CTX_free) {
-    CheckDigest(EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr));
-  }
+  Content(ArchiveWriter& writer, std::uint64_t lead) : writer_(writer), lead_(lead) {}
 
   void Take(std::string_view bytes) {
     const auto dropped = static_cast<std::size_t>(std::min<std::uint64_t>(lead_, bytes.size()));
     lead_ -= dropped;
     bytes.remove_prefix(dropped);
     if (bytes.empty()) return;
-    CheckDigest(EVP_DigestUpdate(digest_.get(), bytes.data(), bytes.size()));
+    writer_.sum_.Add(bytes);
     const la_ssize_t written = archive_write_data(writer_.archive_.get(), bytes.data(), bytes.size());
     if (written != static_cast<la_ssize_t>(bytes.size())) writer_.Check(ARCHIVE_FATAL, "write");
     writer_.progress_.AddBytes(bytes.size());
@@ -52,87 +57,79 @@ class ArchiveWriter::Content {
     }
   }
 
-  std::string Sha256() {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> sum = {};
-    unsigned length = 0;
-    CheckDigest(EVP_DigestFinal_ex(digest_.get(), sum.data(), &length));
-    return HexText(sum.data(), length);
-  }
-
  private:
   ArchiveWriter& writer_;
   std::uint64_t lead_;  ///< Bytes still to be dropped.
-  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> digest_;
 };
 
-ArchiveWriter::Utf8Locale::Utf8Locale()
-    : utf8_(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr)), before_(utf8_ ? uselocale(utf8_) : nullptr) {}
-
-ArchiveWriter::Utf8Locale::~Utf8Locale() {
-  if (!utf8_) return;
-  uselocale(before_);
-  freelocale(utf8_);
-}
-
 ArchiveWriter::ArchiveWriter(int fd, int zstd_level, Progress& progress)
-    : archive_(archive_write_new(), &archive_write_free), progress_(progress) {
-  if (!archive_) throw ArchiveFailed("out of memory");
-  const std::string level = std::to_string(zstd_level);
-  Check(archive_write_add_filter_zstd(archive_.get()), "set up zstd");
-  Check(archive_write_set_filter_option(archive_.get(), "zstd", "compression-level", level.c_str()),
-        "set up zstd");
-  // Restricted: pax headers only for entries that need them, a third of the size for many small files.
-  Check(archive_write_set_format_pax_restricted(archive_.get()), "set up tar");
-  Check(archive_write_open_fd(archive_.get(), fd), "open");
+    : zstd_(std::make_unique<ZstdStream>(fd, zstd_level)),
+      archive_(archive_write_new(), &archive_write_free),
+      header_(archive_entry_new(), &archive_entry_free),
+      progress_(progress),
+      buffer_(kBlockBytes) {
+  if (!archive_ || !header_) throw ArchiveFailed("out of memory");
+  // It records names of any length as the bytes that they are. The library's pax takes four times as long for a
+  // header, to convert the name, and wants a locale for that.
+  Check(archive_write_set_format_gnutar(archive_.get()), "set up tar");
+  // Blocks would only cost copying: the file is no tape.
+  Check(archive_write_set_bytes_per_block(archive_.get(), 0), "set up tar");
+  Check(archive_write_open2(archive_.get(), zstd_.get(), nullptr, &WriteCompressed, nullptr, nullptr),
+        "open");
 }
 
 ArchiveWriter::~ArchiveWriter() = default;
 
-/// A warning is no failure: libarchive gives one for a name that is not in the locale's character set, and
-/// records the name as it is.
 void ArchiveWriter::Check(int result, const char* what) {
-  if (result == ARCHIVE_OK || result == ARCHIVE_WARN) return;
+  if (result == ARCHIVE_OK) return;
   const char* text = archive_error_string(archive_.get());
-  const int error = archive_errno(archive_.get());
-  throw ArchiveFailed(std::string("failed to ") + what + " the archive: " + (text ? text : "unknown error") +
-                      (error > 0 ? " (" + ErrorText(error) + ")" : ""));
+  throw ArchiveFailed(std::string("failed to ") + what + " the archive: " + (text ? text : "unknown error"));
+}
+
+void ArchiveWriter::WriteHeader(const std::string& name, const EntrySource& source) {
+  archive_entry* const entry = archive_entry_clear(header_.get());
+  archive_entry_copy_pathname(entry, name.c_str());
+  archive_entry_set_filetype(entry, AE_IFREG);
+  archive_entry_set_perm(entry, 0600);
+  archive_entry_set_size(entry, static_cast<la_int64_t>(source.size));
+  archive_entry_set_mtime(entry, source.modified, 0);
+  Check(archive_write_header(archive_.get(), entry), "write");
 }
 
 WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& source) {
-  const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(),
-                                                                       &archive_entry_free);
-  archive_entry_copy_pathname(entry.get(), name.c_str());
-  archive_entry_set_filetype(entry.get(), AE_IFREG);
-  archive_entry_set_perm(entry.get(), 0600);
-  archive_entry_set_size(entry.get(), static_cast<la_int64_t>(source.size));
-  archive_entry_set_mtime(entry.get(), source.modified, 0);
-  Check(archive_write_header(archive_.get(), entry.get()), "write");
-
+  WriteHeader(name, source);
   Content content(*this, source.lead);
-  TokenMask mask;
-  std::vector<char> buffer(kChunkBytes);
-  std::string masked;
-  std::uint64_t left = source.lead + source.size;
-  while (left > 0) {
-    const ssize_t count = source.read(buffer.data(), std::min<std::uint64_t>(left, buffer.size()));
-    if (count <= 0) break;
-    left -= static_cast<std::uint64_t>(count);
-    masked.clear();
-    mask.Feed({buffer.data(), static_cast<std::size_t>(count)}, masked);
-    content.Take(masked);
+  Redactor redactor(source.rules);
+  std::uint64_t left = source.lead + source.size;  // bytes still to be read
+  std::size_t held = 0;                            // bytes read, but not decided; at the buffer's beginning
+  bool at_end = false;
+  while (!at_end) {
+    const std::size_t room = std::min<std::uint64_t>(left, buffer_.size() - held);
+    const ssize_t count = room == 0 ? 0 : source.read(buffer_.data() + held, room);
+    if (count > 0) {
+      left -= static_cast<std::uint64_t>(count);
+      held += static_cast<std::size_t>(count);
+    }
+    at_end = count <= 0 || left == 0;
+    const std::size_t decided = redactor.Process(buffer_.data(), held, at_end);
+    content.Take({buffer_.data(), decided});
+    held -= decided;
+    std::memmove(buffer_.data(), buffer_.data() + decided, held);
   }
-  masked.clear();
-  mask.Finish(masked);
-  content.Take(masked);
   content.TakeZeros(left);
   progress_.AddFile();
-  return {content.Sha256(), std::min(left, source.size)};
+  ++summary_.entries;
+  summary_.bytes += source.size;
+  summary_.redacted += redactor.count();
+  return {sum_.Finish(), std::min(left, source.size), redactor.count()};
 }
 
-WrittenEntry ArchiveWriter::AddText(const std::string& name, std::string_view text, std::time_t modified) {
+WrittenEntry ArchiveWriter::AddText(const std::string& name, std::string_view text, std::time_t modified,
+                                    const RedactionRules* rules) {
   EntrySource source;
   source.size = text.size();
   source.modified = modified;
+  source.rules = rules;
   source.read = [text](char* buffer, std::size_t capacity) mutable {
     const std::size_t count = text.copy(buffer, capacity);
     text.remove_prefix(count);
@@ -141,6 +138,20 @@ WrittenEntry ArchiveWriter::AddText(const std::string& name, std::string_view te
   return Add(name, source);
 }
 
-void ArchiveWriter::Close() { Check(archive_write_close(archive_.get()), "finish"); }
+ArchiveSummary ArchiveWriter::Close() {
+  Check(archive_write_close(archive_.get()), "finish");
+  try {
+    zstd_->End();  // not as a callback of libarchive's, which ignores what that returns
+  } catch (const std::exception& error) {
+    throw ArchiveFailed(std::string("failed to finish the archive: ") + error.what());
+  }
+  summary_.size = zstd_->size();
+  summary_.sha256 = zstd_->Sum();
+  return summary_;
+}
+
+std::uint64_t ArchiveWriter::GrowthBound(std::uint64_t more) const {
+  return zstd_->GrowthBound(more + kEntryBytes);
+}
 
 }  // namespace TARVO::SupportForm

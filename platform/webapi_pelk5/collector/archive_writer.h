@@ -1,6 +1,5 @@
 #pragma once
 
-#include <locale.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -10,12 +9,18 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "progress.h"
+#include "redactor.h"
+#include "sha256.h"
 
 struct archive;
+struct archive_entry;
 
 namespace TARVO::SupportForm {
+
+class ZstdStream;  // the compressor behind the tar writer; zstd_stream.h
 
 /// The archive can't be made: the disk is full, memory ran out. Ends the task.
 class ArchiveFailed : public std::runtime_error {
@@ -27,8 +32,10 @@ class ArchiveFailed : public std::runtime_error {
 struct EntrySource {
   std::uint64_t size = 0;  ///< Bytes of the entry.
   std::uint64_t lead =
-      0;  ///< Bytes that `read` gives before the entry's own: read for the mask, not archived.
+      0;  ///< Bytes that `read` gives before the entry's own: read for the redaction, not archived.
   std::time_t modified = 0;  ///< Time of the last change, recorded in the archive.
+  /// What is masked. Null: only the values of "token" members, as they always are. Borrowed.
+  const RedactionRules* rules = nullptr;
   /// Reads the next bytes into a buffer of the given capacity. 0 at the end, negative on failure; both end
   /// the content.
   std::function<ssize_t(char*, std::size_t)> read;
@@ -38,15 +45,25 @@ struct EntrySource {
 struct WrittenEntry {
   std::string sha256;               ///< Of the content as it lies in the archive, in lower-case hex digits.
   std::uint64_t missing_bytes = 0;  ///< Announced bytes that the source did not have; zeros stand for them.
+  std::uint64_t redacted = 0;       ///< Secrets masked in it, those in the lead counted too.
 };
 
-/// Writes a zstd-compressed pax tar to a descriptor, entry by entry, through the token mask. Content is
+/// A finished archive.
+struct ArchiveSummary {
+  std::uint64_t size = 0;      ///< Bytes of the archive's file.
+  std::string sha256;          ///< Of the archive's file, in lower-case hex digits.
+  std::uint64_t entries = 0;   ///< The manifest counts as one of them.
+  std::uint64_t bytes = 0;     ///< Of their contents, before compression.
+  std::uint64_t redacted = 0;  ///< Secrets masked in them.
+};
+
+/// Writes a zstd-compressed GNU tar to a descriptor, entry by entry, each through a Redactor. Content is
 /// streamed; memory does not grow with it. Every failure to write throws ArchiveFailed. Made and used in one
-/// thread.
+/// thread; the compression runs in threads of its own where the process may use more than one core.
 class ArchiveWriter {
  public:
   /// @param fd        Where the archive goes; borrowed.
-  /// @param progress  Told of every chunk and entry; borrowed.
+  /// @param progress  Told of every block and entry; borrowed.
   ArchiveWriter(int fd, int zstd_level, Progress& progress);
   ~ArchiveWriter();
   ArchiveWriter(const ArchiveWriter&) = delete;
@@ -55,32 +72,28 @@ class ArchiveWriter {
   /// Adds a regular file of exactly `source.size` bytes, mode 0600.
   WrittenEntry Add(const std::string& name, const EntrySource& source);
   /// Adds a regular file that holds `text`.
-  WrittenEntry AddText(const std::string& name, std::string_view text, std::time_t modified);
+  WrittenEntry AddText(const std::string& name, std::string_view text, std::time_t modified,
+                       const RedactionRules* rules = nullptr);
   /// Ends the archive. It is complete once this has returned.
-  void Close();
+  ArchiveSummary Close();
+
+  /// The most bytes by which the archive's file may still grow through what was added so far and `more` bytes of
+  /// further content, its end included. The worst case: content that can't be compressed.
+  [[nodiscard]] std::uint64_t GrowthBound(std::uint64_t more) const;
 
  private:
   class Content;
 
-  /// Makes the thread's character set UTF-8 as long as it lives, for libarchive: in another one it can't tell
-  /// what the bytes of a name mean, and records names that are not ASCII in a way that tar warns about.
-  class Utf8Locale {
-   public:
-    Utf8Locale();
-    ~Utf8Locale();
-    Utf8Locale(const Utf8Locale&) = delete;
-    Utf8Locale& operator=(const Utf8Locale&) = delete;
-
-   private:
-    locale_t utf8_;    ///< Null where the system has no such locale.
-    locale_t before_;  ///< What the thread used before.
-  };
-
+  void WriteHeader(const std::string& name, const EntrySource& source);
   void Check(int result, const char* what);
 
-  Utf8Locale locale_;
+  std::unique_ptr<ZstdStream> zstd_;  // outlives archive_, which writes into it
   std::unique_ptr<archive, int (*)(archive*)> archive_;
+  std::unique_ptr<archive_entry, void (*)(archive_entry*)> header_;  // used for all entries
   Progress& progress_;
+  Sha256 sum_;                // of the entry being written
+  std::vector<char> buffer_;  // its part that is being read and masked
+  ArchiveSummary summary_;
 };
 
 }  // namespace TARVO::SupportForm

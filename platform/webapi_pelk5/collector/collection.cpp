@@ -1,17 +1,17 @@
 #include "collection.h"
 
 #include <fcntl.h>
-#include <json/writer.h>
-#include <linux/magic.h>
-#include <sys/statfs.h>
-#include <sys/types.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <limits>
+#include <string_view>
+#include <utility>
 
-#include "file_entry.h"
+#include "entry_name.h"
 #include "file_util.h"
 #include "system_report.h"
 #include "task_folder.h"
@@ -19,100 +19,58 @@
 namespace TARVO::SupportForm {
 namespace {
 
-Json::Value Entry(const std::string& name) {
-  Json::Value entry(Json::objectValue);
-  entry["name"] = name;
-  return entry;
-}
+/// How much is added before the free space is looked at again.
+constexpr std::uint64_t kLookBytes = std::uint64_t{1} << 20;
+/// What an entry costs besides its content, roughly: the tar header and the manifest's line.
+constexpr std::uint64_t kEntryBytes = 2048;
+/// Bytes at the beginning of a file that tell whether it is text.
+constexpr std::size_t kHeadBytes = 8192;
 
-Json::Value ToJson(const std::vector<std::string>& texts) {
-  Json::Value list(Json::arrayValue);
-  for (const std::string& text : texts) list.append(text);
-  return list;
-}
-
-/// Length of the UTF-8 character at `at`; 0 when there is none.
-std::size_t Utf8Length(const std::string& text, std::size_t at) {
-  const auto byte = [&](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
-  const unsigned first = byte(at);
-  if (first < 0x80) return 1;
-  const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-  if (first < 0xC2 || first > 0xF4) return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte(at + i) & 0xC0U) != 0x80U) return 0;
-  }
-  const unsigned second = byte(at + 1);
-  const bool overlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
-  const bool outside = (first == 0xED && second > 0x9F) || (first == 0xF4 && second > 0x8F);
-  return overlong || outside ? 0 : length;
-}
-
-bool IsKernelFileSystem(int fd) {
-  struct statfs status = {};
-  if (fstatfs(fd, &status) != 0) return false;
-  for (const long type : {PROC_SUPER_MAGIC, SYSFS_MAGIC, DEBUGFS_MAGIC, TRACEFS_MAGIC, CGROUP_SUPER_MAGIC,
-                          CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC}) {
-    if (status.f_type == type) return true;
-  }
-  return false;
-}
-
-/// Two digits and the program's name, as a file name: "01-ls.txt".
-std::string CommandFileName(std::size_t number, const std::string& program) {
-  std::string name = program.substr(program.rfind('/') + 1).substr(0, 64);
-  for (char& c : name) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '.' || c == '_' || c == '-';
-    if (!plain) c = '_';
-  }
-  const std::string digits = std::to_string(number);
-  return (digits.size() < 2 ? "0" : "") + digits + "-" + name + ".txt";
-}
-
-std::uint64_t SizeOf(int fd) {
-  struct stat status = {};
-  return fstat(fd, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+/// A text of the maker's with the secrets in it masked.
+std::string Redacted(std::string text, const RedactionRules* rules) {
+  static_cast<void>(Redactor(rules).Process(text.data(), text.size(), true));
+  return text;
 }
 
 }  // namespace
 
-std::string PrintablePath(const std::string& path) {
-  static constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string result;
-  bool changed = false;
-  for (std::size_t i = 0; i < path.size();) {
-    const auto byte = static_cast<unsigned char>(path[i]);
-    const std::size_t length = Utf8Length(path, i);
-    if (length != 0 && byte >= 0x20 && byte != 0x7F && byte != '"' && byte != '\\' && byte != '%') {
-      result.append(path, i, length);
-      i += length;
-      continue;
-    }
-    for (const char c : {'%', kDigits[byte >> 4U], kDigits[byte & 15U]}) result.push_back(c);
-    changed = changed || byte != '%';
-    ++i;
-  }
-  return changed ? result : path;
-}
-
-Collection::Collection(const Paths& paths, const Limits& limits, int folder_fd, int archive_fd,
-                       const std::string& task_id, const Json::Value& app_list)
+Collection::Collection(const Paths& paths, const Limits& limits, const CollectionRequest& request,
+                       int folder_fd, int archive_fd)
     : paths_(paths),
       limits_(limits),
+      request_(request),
       folder_fd_(folder_fd),
       archive_fd_(archive_fd),
-      app_list_(app_list),
       deadline_ms_(MonotonicMs() + std::int64_t{limits.task_seconds} * 1000),
       progress_(folder_fd, limits.progress_interval_ms),
       archive_(archive_fd, limits.zstd_level, progress_),
-      manifest_(task_id, app_list, limits.manifest_errors) {}
+      manifest_(request.task_id, request.app_list, request.redact, limits.manifest_errors) {
+  static_cast<void>(fstat(archive_fd, &own_));
+}
 
-void Collection::Run() {
-  TakeSystem();
-  for (const Json::Value& asked : app_list_) TakeApplication(asked);
+CollectionSummary Collection::Run() {
+  if (LoadRules()) {
+    TakeSystem();
+    for (const Json::Value& asked : request_.app_list) TakeApplication(asked);
+  }
   archive_.AddText("manifest.json", manifest_.Text(), std::time(nullptr));
-  archive_.Close();
+  CollectionSummary summary{archive_.Close(), manifest_.errors()};
   progress_.Write();
+  return summary;
+}
+
+/// Without rules nothing can be checked, so nothing is taken.
+bool Collection::LoadRules() {
+  if (!request_.redact) return true;
+  try {
+    rules_ = std::make_unique<RedactionRules>(paths_.redaction);
+    return true;
+  } catch (const RedactionError& error) {
+    manifest_.AddError(
+        "redaction",
+        std::string("nothing is taken, because it can't be checked for secrets: ") + error.what());
+    return false;
+  }
 }
 
 void Collection::TakeSystem() {
@@ -138,42 +96,24 @@ void Collection::TakeSystemFile(const std::string& name, const std::string& path
 }
 
 void Collection::TakeSystemText(const std::string& name, const std::string& source, const std::string& text) {
-  Json::Value entry = Entry("system/" + name);
-  entry["source"] = source;
+  ManifestEntry entry;
+  entry.name = "system/" + name;
+  entry.source = source;
   TakeText(std::move(entry), text);
 }
 
 /// The recent journal; the kernel's log where no journal says anything.
 void Collection::TakeSystemLog() {
-  const CommandDescription journal = {
-      {"journalctl", "--quiet", "-n", "5000", "--no-pager", "-o", "short-iso"},
-      limits_.system_command_seconds};
-  const CommandDescription kernel = {{"dmesg"}, limits_.system_command_seconds};
-  if (!TakeSystemCommand("journal", journal)) TakeSystemCommand("kernel-log", kernel);
-}
-
-/// Returns whether the command gave anything.
-bool Collection::TakeSystemCommand(const std::string& name, const CommandDescription& command) {
-  const std::string where = "system/" + name;
-  if (TimeIsUp(where)) return false;
-  const UniqueFd spool = OpenSpool();
-  const CommandResult result = Run(command, false, spool.get());
-  if (SizeOf(spool.get()) == 0) {
-    manifest_.AddError(where, command.argv.front() + " gave no output: " + result.Text());
-    return false;
+  const UnitDescription all = {{}, limits_.journal_lines, limits_.journal_bytes, 0};
+  const CommandDescription kernel = {{"dmesg"}, limits_.system_command_seconds, limits_.output_bytes};
+  if (!TakeCommand("system/journal", JournalCommand(all, limits_), Output::kEndNoErrors)) {
+    TakeCommand("system/kernel-log", kernel, Output::kEndNoErrors);
   }
-  Json::Value entry = Entry(where);
-  entry["argv"] = ToJson(command.argv);
-  entry["result"] = result.Text();
-  TakeSpool(std::move(entry), spool.get());
-  return true;
 }
 
 void Collection::TakeApplication(const Json::Value& asked) {
   if (!asked.isString() || !IsAppName(asked.asString())) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return manifest_.AddError("apps", "not an application name: " + Json::writeString(builder, asked));
+    return manifest_.AddError("apps", NotAnAppName(asked));
   }
   app_ = asked.asString();
   seen_.clear();
@@ -181,81 +121,131 @@ void Collection::TakeApplication(const Json::Value& asked) {
   if (!apps_.insert(app_).second) return manifest_.AddError(where, "asked for more than once; taken once");
   try {
     const AppDescription description = LoadAppDescription(paths_, limits_, app_);
-    manifest_.AddApplication(app_, description.description);
-    for (const std::string& pattern : description.paths) {
-      if (!TimeIsUp(where)) VisitMatches(pattern, limits_.folder_depth, *this);
+    manifest_.AddApplication(app_, Redacted(description.description, rules_.get()));
+    for (const PathDescription& path : description.paths) {
+      binary_allowed_ = path.binary;
+      if (!TimeIsUp(where)) VisitMatches(path.pattern, limits_, *this);
     }
-    for (std::size_t i = 0; i < description.commands.size(); ++i)
-      TakeAppCommand(i + 1, description.commands[i]);
+    std::size_t number = 0;
+    for (const CommandDescription& command : description.commands) {
+      TakeCommand(CommandEntryName(app_, ++number, command.argv.front()), command, Output::kBegin);
+    }
+    number = 0;
+    for (const UnitDescription& unit : description.units) {
+      TakeCommand(UnitEntryName(app_, ++number, unit.unit), JournalCommand(unit, limits_),
+                  Output::kEndNoErrors);
+    }
   } catch (const DescriptionError& error) {
-    manifest_.AddError(where, error.what());
+    manifest_.AddError(where, Redacted(error.what(), rules_.get()));
   }
-}
-
-void Collection::TakeAppCommand(std::size_t number, const CommandDescription& command) {
-  Json::Value entry = Entry("apps/" + app_ + "/commands/" + CommandFileName(number, command.argv.front()));
-  const std::string where = entry["name"].asString();
-  if (TimeIsUp(where)) return;
-  const UniqueFd spool = OpenSpool();
-  const CommandResult result = Run(command, true, spool.get());
-  if (result.end == CommandResult::End::kNotStarted) {
-    return manifest_.AddError(where, command.argv.front() + " was " + result.Text());
-  }
-  entry["argv"] = ToJson(command.argv);
-  entry["result"] = result.Text();
-  if (result.end == CommandResult::End::kExited) entry["exit_status"] = result.code;
-  TakeSpool(std::move(entry), spool.get());
 }
 
 bool Collection::TakeFile(const std::string& path, UniqueFd fd, const struct stat& status) {
-  if (!seen_.insert(path).second || IsOwnArchive(status)) return true;
-  const std::string printable = PrintablePath(path);
-  if (TimeIsUp("apps/" + app_ + ": " + printable)) return false;
-  Json::Value entry = Entry("apps/" + app_ + "/files" + printable);
-  entry["source"] = printable;
-  if (IsKernelFileSystem(fd.get())) {
+  if (!FirstSight(path)) return !TimeIsUp("apps/" + app_);
+  // A pattern may lead to the very archive that is being written.
+  if (status.st_dev == own_.st_dev && status.st_ino == own_.st_ino) return true;
+  ManifestEntry entry;
+  entry.source = PrintablePath(path);
+  if (TimeIsUp("apps/" + app_ + ": " + entry.source)) return false;
+  entry.name = FileEntryName(app_, entry.source);
+  if (IsKernelFile(fd.get(), status)) {
     TakeKernelFile(std::move(entry), fd.get());
   } else {
     TakeRegularFile(std::move(entry), fd.get(), status);
   }
-  return true;
+  return seen_.size() < limits_.app_names;
 }
 
 bool Collection::LeaveOut(const std::string& path, const std::string& why) {
-  if (seen_.insert(path).second) manifest_.AddError("apps/" + app_, PrintablePath(path) + ": " + why);
-  return !TimeIsUp("apps/" + app_);
+  if (FirstSight(path)) manifest_.AddError("apps/" + app_, PrintablePath(path) + ": " + why);
+  return seen_.size() < limits_.app_names && !TimeIsUp("apps/" + app_);
 }
 
-void Collection::TakeRegularFile(Json::Value entry, int fd, const struct stat& status) {
-  const std::string name = entry["name"].asString();
-  if (!HasRoom(name, std::min<std::uint64_t>(static_cast<std::uint64_t>(status.st_size), limits_.file_bytes)))
-    return;
-  const FileEntry taken = AddFile(archive_, name, fd, status, limits_.file_bytes);
-  if (!taken.notes.empty()) entry["notes"] = ToJson(taken.notes);
-  entry["modified"] = IsoTime(status.st_mtime);
-  Record(std::move(entry), taken.size, taken.sha256);
+/// Whether the application's patterns meet a name for the first time.
+bool Collection::FirstSight(const std::string& path) {
+  if (!seen_.insert(path).second) return false;
+  if (seen_.size() == limits_.app_names) {
+    manifest_.AddError("apps/" + app_, "the search ends after " + std::to_string(seen_.size()) + " names");
+  }
+  return true;
+}
+
+void Collection::TakeRegularFile(ManifestEntry entry, int fd, const struct stat& status) {
+  const std::uint64_t size = std::min(static_cast<std::uint64_t>(status.st_size), limits_.file_bytes);
+  const std::optional<std::uint64_t> allowed = Allowance(entry.name, size, limits_.least_bytes);
+  if (!allowed) return;
+  const FileEntry taken =
+      AddFile(archive_, entry.name, fd, status, *allowed, {rules_.get(), binary_allowed_});
+  if (!taken.left_out.empty()) return manifest_.AddError(entry.name, "left out: " + taken.left_out);
+  entry.modified = status.st_mtime;
+  entry.size = taken.size;
+  entry.sha256 = taken.sha256;
+  entry.redacted = taken.redacted;
+  entry.notes.insert(entry.notes.end(), taken.notes.begin(), taken.notes.end());
+  Record(entry);
 }
 
 /// A file of the kernel's tells its size only by being read.
-void Collection::TakeKernelFile(Json::Value entry, int fd) {
+void Collection::TakeKernelFile(ManifestEntry entry, int fd) {
   std::string text;
   bool more = false;
-  const bool complete = ReadUpTo(fd, limits_.kernel_file_bytes, text, more);
-  if (!complete) entry["notes"].append("could not be read to its end: " + ErrorText(errno));
-  if (more) entry["notes"].append("cut at " + std::to_string(text.size()) + " bytes");
+  if (!ReadUpTo(fd, limits_.kernel_file_bytes, text, more)) {
+    entry.notes.push_back("could not be read to its end: " + ErrorText(errno));
+  }
+  if (more) entry.notes.push_back("cut at " + std::to_string(text.size()) + " bytes");
+  if (rules_ && !binary_allowed_ && !LooksLikeText(std::string_view(text).substr(0, kHeadBytes))) {
+    return manifest_.AddError(entry.name, "left out: not text, so it can't be checked for secrets");
+  }
   TakeText(std::move(entry), text);
 }
 
-CommandResult Collection::Run(const CommandDescription& command, bool with_errors, int spool_fd) {
-  const std::int64_t task_left = std::max<std::int64_t>(deadline_ms_ - MonotonicMs(), 0);
+/// Runs a command and takes its output. Returns whether there was any.
+bool Collection::TakeCommand(const std::string& name, const CommandDescription& command, Output output) {
+  if (TimeIsUp(name)) return false;
+  const std::uint64_t wanted = command.output_limit_bytes;
+  const std::optional<std::uint64_t> allowed = Allowance(name, wanted, limits_.least_bytes);
+  if (!allowed) return false;
   CommandRequest request;
   request.argv = command.argv;
   request.programs = paths_.programs;
-  request.time_limit_ms = std::min<std::int64_t>(std::int64_t{command.time_limit_seconds} * 1000, task_left);
-  request.output_limit = limits_.output_bytes;
-  request.with_errors = with_errors;
+  request.time_limit_ms = std::min<std::int64_t>(std::int64_t{command.time_limit_seconds} * 1000,
+                                                 std::max<std::int64_t>(deadline_ms_ - MonotonicMs(), 0));
+  // The spool may take twice the limit, and the archive once more.
+  request.output_limit = std::min(*allowed, Room(3 * wanted) / 3);
+  request.output = output;
   progress_.Write();  // Nothing is counted while the command runs.
-  return RunCommand(request, spool_fd);
+  const UniqueFd spool = OpenSpool();
+  const CommandResult result = RunCommand(request, spool.get());
+  return TakeOutput(name, request, result, spool.get());
+}
+
+bool Collection::TakeOutput(const std::string& name, const CommandRequest& request,
+                            const CommandResult& result, int spool_fd) {
+  struct stat status = {};
+  const bool empty = fstat(spool_fd, &status) != 0 || status.st_size == 0;
+  if (result.end == CommandResult::End::kNotStarted || (empty && request.output == Output::kEndNoErrors)) {
+    manifest_.AddError(name, request.argv.front() + " gave no output: " + result.Text());
+    return false;
+  }
+  FileEntry taken = AddFile(archive_, name, spool_fd, status, request.output_limit, {rules_.get(), false});
+  if (!taken.left_out.empty()) {
+    manifest_.AddError(name, "left out: " + taken.left_out);
+    return true;
+  }
+  ManifestEntry entry;
+  entry.name = name;
+  for (const std::string& argument : request.argv) entry.argv.push_back(Redacted(argument, rules_.get()));
+  entry.result = result.Text();
+  if (result.end == CommandResult::End::kExited) entry.exit_status = result.code;
+  entry.size = taken.size;
+  entry.sha256 = taken.sha256;
+  entry.redacted = taken.redacted;
+  // The spool's length says nothing about the output's.
+  if (result.begin_lost || taken.size < static_cast<std::uint64_t>(status.st_size)) {
+    entry.notes.push_back("longer than the limit: its last " + std::to_string(taken.size) + " bytes");
+  }
+  Record(entry);
+  return true;
 }
 
 /// A file without a name in the task folder, which goes with its descriptor.
@@ -267,38 +257,52 @@ UniqueFd Collection::OpenSpool() const {
   return fd;
 }
 
-void Collection::TakeSpool(Json::Value entry, int spool_fd) {
-  const std::string name = entry["name"].asString();
-  EntrySource source;
-  source.size = SizeOf(spool_fd);
-  if (!HasRoom(name, source.size)) return;
-  source.modified = std::time(nullptr);
-  source.read = ReaderOf(spool_fd, 0);
-  const WrittenEntry written = archive_.Add(name, source);
-  Record(std::move(entry), source.size, written.sha256);
+void Collection::TakeText(ManifestEntry entry, const std::string& text) {
+  if (!Allowance(entry.name, text.size(), text.size())) return;
+  const WrittenEntry written = archive_.AddText(entry.name, text, std::time(nullptr), rules_.get());
+  entry.size = text.size();
+  entry.sha256 = written.sha256;
+  entry.redacted = written.redacted;
+  Record(entry);
 }
 
-void Collection::TakeText(Json::Value entry, const std::string& text) {
-  const std::string name = entry["name"].asString();
-  if (!HasRoom(name, text.size())) return;
-  const WrittenEntry written = archive_.AddText(name, text, std::time(nullptr));
-  Record(std::move(entry), text.size(), written.sha256);
-}
-
-/// Whether one more entry fits in; its name is taken then. `where` is the entry's name.
-bool Collection::HasRoom(const std::string& where, std::uint64_t bytes) {
+/// How many bytes of one more entry may be taken.
+/// @param where  The entry's name.
+/// @param size   Its bytes.
+/// @param least  Where fewer than these, and fewer than all, may be taken, nothing is, and the manifest says why.
+std::optional<std::uint64_t> Collection::Allowance(const std::string& where, std::uint64_t size,
+                                                   std::uint64_t least) {
+  const std::uint64_t left = limits_.archive_bytes - manifest_.bytes();
+  const std::uint64_t room = Room(size);
   if (manifest_.entries() >= limits_.archive_entries) {
     manifest_.AddError(where,
                        "left out: the archive has " + std::to_string(limits_.archive_entries) + " entries");
-  } else if (manifest_.bytes() + bytes > limits_.archive_bytes) {
-    manifest_.AddError(where, "left out: with its " + std::to_string(bytes) +
+  } else if (left < std::min(size, least)) {
+    manifest_.AddError(where, "left out: with its " + std::to_string(size) +
                                   " bytes the archive would pass " + std::to_string(limits_.archive_bytes));
-  } else if (!names_.insert(where).second) {
-    manifest_.AddError(where, "left out: the archive has an entry of that name");
+  } else if (room < std::min(size, least) || room == 0) {
+    manifest_.AddError(where, "left out for want of space: " + std::to_string(free_) +
+                                  " bytes are free on the device, and " + std::to_string(limits_.free_bytes) +
+                                  " must remain");
   } else {
-    return true;
+    return std::min({size, left, room});
   }
-  return false;
+  return std::nullopt;
+}
+
+/// Bytes of content for which the archive's file system has space, whatever they compress to, without what must remain
+/// free and what the manifest may need. Only where `wanted` bytes don't fit is the answer as of now.
+std::uint64_t Collection::Room(std::uint64_t wanted) {
+  if (wanted <= room_ && since_look_ < kLookBytes) return room_;
+  since_look_ = 0;
+  struct statvfs space = {};
+  if (fstatvfs(archive_fd_, &space) != 0) return room_ = std::numeric_limits<std::uint64_t>::max() / 4;
+  free_ = std::uint64_t{space.f_bavail} * space.f_frsize;
+  const std::uint64_t taken =
+      limits_.free_bytes + archive_.GrowthBound(manifest_.TextBytes() + kLookBytes) + kLookBytes;
+  room_ = free_ > taken ? free_ - taken : 0;
+  room_ -= room_ / 64;  // more than zstd adds to what it can't compress
+  return room_;
 }
 
 bool Collection::TimeIsUp(const std::string& where) {
@@ -308,28 +312,32 @@ bool Collection::TimeIsUp(const std::string& where) {
   return true;
 }
 
-/// A pattern may lead to the very archive that is being written.
-bool Collection::IsOwnArchive(const struct stat& status) const {
-  struct stat own = {};
-  return fstat(archive_fd_, &own) == 0 && own.st_dev == status.st_dev && own.st_ino == status.st_ino;
+bool Collection::IsKernelFile(int fd, const struct stat& status) {
+  if (status.st_dev != device_) {
+    device_ = status.st_dev;
+    device_is_kernels_ = IsKernelFileSystem(fd);
+  }
+  return device_is_kernels_;
 }
 
-void Collection::Record(Json::Value entry, std::uint64_t size, const std::string& sha256) {
-  entry["size"] = Json::UInt64{size};
-  entry["sha256"] = sha256;
+void Collection::Record(const ManifestEntry& entry) {
   manifest_.AddEntry(entry);
+  const std::uint64_t cost = entry.size + kEntryBytes;
+  room_ -= std::min(room_, cost);
+  since_look_ += cost;
 }
 
-void MakeArchive(const Paths& paths, const Limits& limits, int folder_fd, const std::string& task_id,
-                 const Json::Value& app_list) {
+CollectionSummary MakeArchive(const Paths& paths, const Limits& limits, int folder_fd,
+                              const CollectionRequest& request) {
   UniqueFd fd(openat(folder_fd, kUnfinishedFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd.valid()) throw ArchiveFailed("the archive can't be created: " + ErrorText(errno));
   try {
-    Collection(paths, limits, folder_fd, fd.get(), task_id, app_list).Run();
+    CollectionSummary summary = Collection(paths, limits, request, folder_fd, fd.get()).Run();
     // A file system may tell only at the end that it had no room.
     if (close(fd.Release()) != 0 || renameat(folder_fd, kUnfinishedFile, folder_fd, kArchiveFile) != 0) {
       throw ArchiveFailed("the archive can't be completed: " + ErrorText(errno));
     }
+    return summary;
   } catch (...) {
     unlinkat(folder_fd, kUnfinishedFile, 0);
     throw;

@@ -3,80 +3,106 @@
 #include <json/value.h>
 
 #include <cstdint>
-#include <set>
+#include <memory>
+#include <optional>
 #include <string>
+#include <unordered_set>
 
 #include "app_description.h"
 #include "archive_writer.h"
 #include "collection_limits.h"
 #include "command.h"
+#include "file_entry.h"
 #include "file_visit.h"
 #include "manifest.h"
 #include "progress.h"
+#include "redaction_rules.h"
 #include "unique_fd.h"
 
 namespace TARVO::SupportForm {
 
-/// Makes the content of one archive. Runs in the task process.
+/// What is asked of a collection.
+struct CollectionRequest {
+  std::string task_id;
+  Json::Value app_list;  ///< The applications' names; what is wrong with them becomes lines in the manifest.
+  /// Whether secrets are masked and what can't be checked is left out. Always so for what a ticket asks for.
+  bool redact = true;
+};
+
+/// What a collection came to.
+struct CollectionSummary {
+  ArchiveSummary archive;
+  std::uint64_t errors = 0;  ///< Lines under "errors" in the manifest: what was left out or went wrong.
+};
+
+/// Makes the content of one archive. Runs in the collector.
 ///
 /// What can't be taken is a line in the manifest; only a failure to write the archive ends the collection.
 class Collection final : private FileVisitor {
  public:
+  /// @param request     Borrowed.
   /// @param folder_fd   The task folder, for the progress file and the spool; borrowed.
   /// @param archive_fd  Where the archive goes; borrowed.
-  Collection(const Paths& paths, const Limits& limits, int folder_fd, int archive_fd,
-             const std::string& task_id, const Json::Value& app_list);
+  Collection(const Paths& paths, const Limits& limits, const CollectionRequest& request, int folder_fd,
+             int archive_fd);
 
   /// Writes the whole archive.
   /// @throws ArchiveFailed, or another std::exception, when it can't be made.
-  void Run();
+  CollectionSummary Run();
 
  private:
+  bool LoadRules();
   void TakeSystem();
   void TakeSystemFile(const std::string& name, const std::string& path);
   void TakeSystemText(const std::string& name, const std::string& source, const std::string& text);
   void TakeSystemLog();
-  bool TakeSystemCommand(const std::string& name, const CommandDescription& command);
 
   void TakeApplication(const Json::Value& asked);
-  void TakeAppCommand(std::size_t number, const CommandDescription& command);
   bool TakeFile(const std::string& path, UniqueFd fd, const struct stat& status) override;
   bool LeaveOut(const std::string& path, const std::string& why) override;
-  void TakeRegularFile(Json::Value entry, int fd, const struct stat& status);
-  void TakeKernelFile(Json::Value entry, int fd);
+  bool FirstSight(const std::string& path);
+  void TakeRegularFile(ManifestEntry entry, int fd, const struct stat& status);
+  void TakeKernelFile(ManifestEntry entry, int fd);
 
-  CommandResult Run(const CommandDescription& command, bool with_errors, int spool_fd);
-  UniqueFd OpenSpool() const;
-  void TakeSpool(Json::Value entry, int spool_fd);
-  void TakeText(Json::Value entry, const std::string& text);
-  bool HasRoom(const std::string& where, std::uint64_t bytes);
+  bool TakeCommand(const std::string& name, const CommandDescription& command, Output output);
+  bool TakeOutput(const std::string& name, const CommandRequest& request, const CommandResult& result,
+                  int spool_fd);
+  [[nodiscard]] UniqueFd OpenSpool() const;
+  void TakeText(ManifestEntry entry, const std::string& text);
+
+  std::optional<std::uint64_t> Allowance(const std::string& where, std::uint64_t size, std::uint64_t least);
+  std::uint64_t Room(std::uint64_t wanted);
   bool TimeIsUp(const std::string& where);
-  bool IsOwnArchive(const struct stat& status) const;
-  void Record(Json::Value entry, std::uint64_t size, const std::string& sha256);
+  bool IsKernelFile(int fd, const struct stat& status);
+  void Record(const ManifestEntry& entry);
 
   const Paths& paths_;
   const Limits& limits_;
+  const CollectionRequest& request_;
   int folder_fd_;
   int archive_fd_;
-  Json::Value app_list_;
-  std::int64_t deadline_ms_;  ///< When the task's time is up, monotonic.
+  struct stat own_ = {};                         ///< The archive's file.
+  std::int64_t deadline_ms_;                     ///< When the task's time is up, monotonic.
+  std::unique_ptr<const RedactionRules> rules_;  ///< Null where redaction is off.
   Progress progress_;
   ArchiveWriter archive_;
   Manifest manifest_;
-  std::set<std::string> apps_;   ///< Applications collected so far.
-  std::string app_;              ///< The application being collected.
-  std::set<std::string> names_;  ///< Names of the entries so far.
-  std::set<std::string> seen_;   ///< Files of the application met so far: its patterns may overlap.
+  std::unordered_set<std::string> apps_;  ///< Applications collected so far.
+  std::string app_;                       ///< The application being collected.
+  bool binary_allowed_ = false;           ///< Of the pattern being collected.
+  std::unordered_set<std::string> seen_;  ///< Files of the application met so far: its patterns may overlap.
+  std::uint64_t room_ = 0;                ///< Bytes of content for which there is space, as far as is known.
+  std::uint64_t free_ = 0;                ///< Bytes that were free when the space was looked at.
+  std::uint64_t since_look_ = 0;          ///< Bytes added since the space was looked at.
+  dev_t device_ = 0;                      ///< The last file's device, and
+  bool device_is_kernels_ = false;        ///< whether its files are made by the kernel as they are read.
 };
 
-/// Makes the archive of a task: writes it under a temporary name and gives it its own when it is complete.
+/// Makes an archive in a folder: writes it under a temporary name and gives it its own, kArchiveFile, when it is
+/// complete. The file is its owner's alone, mode 0600.
 /// @param folder_fd  The task folder; borrowed.
 /// @throws std::exception when it can't be made; nothing of it is left then.
-void MakeArchive(const Paths& paths, const Limits& limits, int folder_fd, const std::string& task_id,
-                 const Json::Value& app_list);
-
-/// `path` as it stands in archive and manifest: as it is where it is plain UTF-8 text; otherwise with each
-/// byte that is not, each control character, quote, backslash and percent sign as %XX.
-[[nodiscard]] std::string PrintablePath(const std::string& path);
+CollectionSummary MakeArchive(const Paths& paths, const Limits& limits, int folder_fd,
+                              const CollectionRequest& request);
 
 }  // namespace TARVO::SupportForm

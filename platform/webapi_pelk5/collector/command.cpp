@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <string_view>
 
 #include "archive_writer.h"
 #include "file_util.h"
@@ -42,7 +43,7 @@ std::string FindProgram(const std::string& name, const std::string& folders) {
 /// Owns what posix_spawn() is told.
 class SpawnPlan {
  public:
-  SpawnPlan(int output_fd, bool with_errors) {
+  SpawnPlan(int output_fd, bool with_errors, pid_t group) {
     posix_spawn_file_actions_init(&actions_);
     posix_spawnattr_init(&attributes_);
     posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -57,7 +58,7 @@ class SpawnPlan {
     posix_spawnattr_setsigdefault(&attributes_, &signals);
     sigemptyset(&signals);
     posix_spawnattr_setsigmask(&attributes_, &signals);
-    posix_spawnattr_setpgroup(&attributes_, 0);
+    posix_spawnattr_setpgroup(&attributes_, group);
     posix_spawnattr_setflags(&attributes_,
                              POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
   }
@@ -89,10 +90,14 @@ class SpawnPlan {
   posix_spawnattr_t attributes_ = {};
 };
 
-/// Copies a command's output from the pipe to a file, up to a limit.
+/// Copies a command's output from the pipe to a file, up to a limit, or so that its end stays.
 class OutputCopy {
  public:
-  OutputCopy(UniqueFd from, int to, std::uint64_t limit) : from_(std::move(from)), to_(to), left_(limit) {}
+  OutputCopy(UniqueFd from, int to, const CommandRequest& request)
+      : from_(std::move(from)),
+        to_(to),
+        limit_(request.output_limit),
+        end_only_(request.output == Output::kEndNoErrors) {}
 
   /// Copies what is there now. Stops at the limit.
   void Drain() {
@@ -105,10 +110,7 @@ class OutputCopy {
         ended_ = true;
         return;
       }
-      const auto taken = std::min<std::uint64_t>(left_, static_cast<std::uint64_t>(count));
-      left_ -= taken;
-      over_ = taken < static_cast<std::uint64_t>(count);
-      if (!WriteAll(to_, {buffer.data(), taken})) write_error_ = errno;
+      Keep({buffer.data(), static_cast<std::size_t>(count)});
     }
   }
 
@@ -120,33 +122,113 @@ class OutputCopy {
   }
 
   [[nodiscard]] bool over() const { return over_; }
+  [[nodiscard]] bool begin_lost() const { return begin_lost_; }
   [[nodiscard]] int write_error() const { return write_error_; }
 
  private:
+  void Keep(std::string_view bytes) {
+    if (end_only_) {
+      if (written_ + bytes.size() > 2 * limit_) DropBegin();
+    } else if (bytes.size() > limit_ - written_) {
+      over_ = true;
+      bytes = bytes.substr(0, limit_ - written_);
+    }
+    if (!WriteAll(to_, bytes)) write_error_ = errno;
+    written_ += bytes.size();
+  }
+
+  /// Moves the last `limit_` bytes of the file to its beginning: the file never holds much more than twice as much.
+  void DropBegin() {
+    const std::uint64_t kept = std::min(written_, limit_);
+    const std::uint64_t begin = written_ - kept;
+    std::array<char, 65536> buffer;
+    std::uint64_t done = 0;
+    errno = EIO;  // for a read or write that is short
+    while (done < kept) {
+      const ssize_t count = pread(to_, buffer.data(), std::min<std::uint64_t>(kept - done, buffer.size()),
+                                  static_cast<off_t>(begin + done));
+      if (count <= 0 ||
+          pwrite(to_, buffer.data(), static_cast<std::size_t>(count), static_cast<off_t>(done)) != count) {
+        break;
+      }
+      done += static_cast<std::uint64_t>(count);
+    }
+    if (done < kept || ftruncate(to_, static_cast<off_t>(kept)) != 0 || lseek(to_, 0, SEEK_END) < 0) {
+      write_error_ = errno;
+    }
+    begin_lost_ = begin_lost_ || begin > 0;
+    written_ = kept;
+  }
+
   UniqueFd from_;
   int to_;
-  std::uint64_t left_;
-  bool ended_ = false;   ///< Nobody has the pipe's other end any more.
-  bool over_ = false;    ///< There was more than the limit.
-  int write_error_ = 0;  ///< errno of a failed write.
+  std::uint64_t limit_;
+  bool end_only_;
+  std::uint64_t written_ = 0;  ///< Bytes in the file.
+  bool ended_ = false;         ///< Nobody has the pipe's other end any more.
+  bool over_ = false;          ///< There was more than the limit.
+  bool begin_lost_ = false;    ///< Something was dropped.
+  int write_error_ = 0;        ///< errno of a failed write.
 };
 
-/// Whether the process has ended. It stays to be reaped, so that its group's number can't be given to others.
+/// The leader of a command's process group: a process that kills the whole group when this process ends, however
+/// that happens, or when the object goes. While it is there, the group's number can't be given to others.
+class Guardian {
+ public:
+  Guardian() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return;
+    const UniqueFd read_end(ends[0]);
+    write_end_ = UniqueFd(ends[1]);
+    pid_ = fork();
+    if (pid_ == 0) Watch(ends[0], ends[1]);
+    // Here and there: the group must be there before anything is started in it, and before this process can end.
+    if (pid_ > 0) setpgid(pid_, pid_);
+  }
+  Guardian(const Guardian&) = delete;
+  Guardian& operator=(const Guardian&) = delete;
+  ~Guardian() {
+    if (pid_ <= 0) return;
+    kill(-pid_, SIGKILL);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+
+  /// The group's number; not positive, with errno set, when there is none.
+  [[nodiscard]] pid_t group() const { return pid_; }
+
+ private:
+  /// Only what is safe in a process forked from one with several threads.
+  [[noreturn]] static void Watch(int read_fd, int write_fd) {
+    setpgid(0, 0);
+    close(write_fd);
+    char byte = 0;
+    while (read(read_fd, &byte, 1) < 0 && errno == EINTR) {
+    }
+    kill(0, SIGKILL);
+    _exit(1);
+  }
+
+  UniqueFd write_end_;  ///< Its being closed is what the guardian waits for.
+  pid_t pid_ = -1;
+};
+
+/// Whether the process has ended. It stays to be reaped.
 bool HasEnded(pid_t pid) {
   siginfo_t info = {};
   return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == pid;
 }
 
-/// Kills what is left of the group and reaps its first process.
-int KillGroupAndReap(pid_t pid) {
-  kill(-pid, SIGKILL);
+/// Kills the group, its guardian too, and reaps the command.
+int KillGroupAndReap(pid_t group, pid_t pid) {
+  kill(-group, SIGKILL);
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   return status;
 }
 
-CommandResult WaitForEnd(pid_t pid, const CommandRequest& request, OutputCopy& output) {
+CommandResult WaitForEnd(pid_t group, pid_t pid, const CommandRequest& request, OutputCopy& output) {
   const std::int64_t deadline = MonotonicMs() + request.time_limit_ms;
   bool timed_out = false;
   for (;;) {
@@ -158,12 +240,13 @@ CommandResult WaitForEnd(pid_t pid, const CommandRequest& request, OutputCopy& o
     if (timed_out) break;
     output.Wait(std::min(left, kLookMs));
   }
-  const int status = KillGroupAndReap(pid);
+  const int status = KillGroupAndReap(group, pid);
   output.Drain();
-  if (timed_out) return {CommandResult::End::kTimeLimit, 0};
-  if (output.over()) return {CommandResult::End::kOutputLimit, 0};
-  if (WIFSIGNALED(status)) return {CommandResult::End::kSignalled, WTERMSIG(status)};
-  return {CommandResult::End::kExited, WEXITSTATUS(status)};
+  const bool begin_lost = output.begin_lost();
+  if (timed_out) return {CommandResult::End::kTimeLimit, 0, begin_lost};
+  if (output.over()) return {CommandResult::End::kOutputLimit, 0, begin_lost};
+  if (WIFSIGNALED(status)) return {CommandResult::End::kSignalled, WTERMSIG(status), begin_lost};
+  return {CommandResult::End::kExited, WEXITSTATUS(status), begin_lost};
 }
 
 }  // namespace
@@ -185,19 +268,25 @@ std::string CommandResult::Text() const {
 }
 
 CommandResult RunCommand(const CommandRequest& request, int output_fd) {
+  const auto not_started = [](int error) {
+    return CommandResult{CommandResult::End::kNotStarted, error, false};
+  };
   const std::string program = FindProgram(request.argv.front(), request.programs);
-  if (program.empty()) return {CommandResult::End::kNotStarted, ENOENT};
+  if (program.empty()) return not_started(ENOENT);
+  const Guardian guardian;  // before the pipe, so that it holds no end of it
+  if (guardian.group() <= 0) return not_started(errno);
   int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return {CommandResult::End::kNotStarted, errno};
+  if (pipe2(ends, O_CLOEXEC) != 0) return not_started(errno);
   UniqueFd write_end(ends[1]);
-  OutputCopy output(UniqueFd(ends[0]), output_fd, request.output_limit);
-  if (fcntl(ends[0], F_SETFL, O_NONBLOCK) != 0) return {CommandResult::End::kNotStarted, errno};
+  OutputCopy output(UniqueFd(ends[0]), output_fd, request);
+  if (fcntl(ends[0], F_SETFL, O_NONBLOCK) != 0) return not_started(errno);
 
   pid_t pid = -1;
-  const int error = SpawnPlan(write_end.get(), request.with_errors).Spawn(pid, program, request);
-  if (error != 0) return {CommandResult::End::kNotStarted, error};
+  const int error = SpawnPlan(write_end.get(), request.output == Output::kBegin, guardian.group())
+                        .Spawn(pid, program, request);
+  if (error != 0) return not_started(error);
   write_end.Close();
-  const CommandResult result = WaitForEnd(pid, request, output);
+  const CommandResult result = WaitForEnd(guardian.group(), pid, request, output);
   if (output.write_error() != 0) {
     throw ArchiveFailed("a command's output can't be stored: " + ErrorText(output.write_error()));
   }

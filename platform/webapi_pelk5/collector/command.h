@@ -6,13 +6,20 @@
 
 namespace TARVO::SupportForm {
 
+/// What of a command's output is kept.
+enum class Output {
+  kBegin,          ///< The beginning, of errors, too; a command that writes more is ended.
+  kBeginNoErrors,  ///< The same without standard error.
+  kEndNoErrors,    ///< The end, without standard error: for logs, whose newest lines come last.
+};
+
 /// A command to be run.
 struct CommandRequest {
   std::vector<std::string> argv;  ///< Program and arguments; a program without a slash is looked up.
   std::string programs;           ///< Folders for the look-up, separated by colons; also the command's PATH.
   std::int64_t time_limit_ms = 0;
-  std::uint64_t output_limit = 0;  ///< Bytes of output that are kept.
-  bool with_errors = true;         ///< Standard error goes where standard output goes; otherwise nowhere.
+  std::uint64_t output_limit = 0;  ///< Bytes of output that are kept; of the end up to twice as many.
+  Output output = Output::kBegin;
 };
 
 /// How a command ended.
@@ -26,6 +33,7 @@ struct CommandResult {
   };
   End end = End::kNotStarted;
   int code = 0;
+  bool begin_lost = false;  ///< The output was longer than its kept end.
 
   /// One line for people, "exit status 1".
   [[nodiscard]] std::string Text() const;
@@ -33,8 +41,9 @@ struct CommandResult {
 
 /// Runs a command without a shell and waits for it. It gets a process group and an environment of its own
 /// (PATH and LC_ALL=C), /dev/null as input, default signals. When it ends, or is over a limit, its whole
-/// group is killed; a process that left the group is beyond reach, and its output is not waited for.
-/// @param output_fd  Receives the output; borrowed.
+/// group is killed; so it is when the calling process ends meanwhile, however that happens. A process that left
+/// the group is beyond reach, and its output is not waited for.
+/// @param output_fd  A file that receives the output, empty before and open for reading, too; borrowed.
 /// @throws ArchiveFailed when the output can't be written.
 [[nodiscard]] CommandResult RunCommand(const CommandRequest& request, int output_fd);
 

@@ -1,9 +1,17 @@
+/// Finds the files that the pattern of a description stands for.
+///
+/// Every folder is opened by its bare name in the folder above, which is held open, and so is every file: whatever
+/// other users rename or replace meanwhile, nothing leads out of the folders that were walked. Links are followed
+/// only where a pattern names them letter by letter and nobody but root, or the user who runs this, could have put
+/// them there: the link and every folder on the way to it belong to one of the two, and no one else may write to
+/// those folders.
 #pragma once
 
 #include <sys/stat.h>
 
 #include <string>
 
+#include "collection_limits.h"
 #include "unique_fd.h"
 
 namespace TARVO::SupportForm {
@@ -14,6 +22,7 @@ class FileVisitor {
   virtual ~FileVisitor() = default;
 
   /// A regular file, open for reading.
+  /// @param path    As the pattern has it; links that were followed are not resolved in it.
   /// @param status  Its state when it was opened.
   virtual bool TakeFile(const std::string& path, UniqueFd fd, const struct stat& status) = 0;
 
@@ -22,9 +31,10 @@ class FileVisitor {
   virtual bool LeaveOut(const std::string& path, const std::string& why) = 0;
 };
 
-/// Gives every file that the shell pattern matches to `visitor`, in the order of their names. Folders that
-/// match are walked. Symbolic links at a match or below it are not followed; special files are not opened.
-/// @param depth  Levels of folders that are walked, that of the matching folder included.
-void VisitMatches(const std::string& pattern, unsigned depth, FileVisitor& visitor);
+/// Gives every file that the absolute shell pattern matches to `visitor`, in the order of their names; as in a
+/// shell, a wildcard matches no leading dot. Folders that match are walked, hidden names included. Special files are
+/// not opened. A folder that is met below itself, as a mount may make it, is left out. So is, where others may write
+/// to the folder, a file with several names: one of them may have been given to a file of somebody else's.
+void VisitMatches(const std::string& pattern, const Limits& limits, FileVisitor& visitor);
 
 }  // namespace TARVO::SupportForm

@@ -1,17 +1,23 @@
 /// The program that makes debug archives. `--task ID` is how libwebapi-Pelk5.so starts it for a ticket, with the
-/// list of applications, a JSON array, at standard input.
+/// list of applications, a JSON array, at standard input. What else it does, --help tells.
 #include <fcntl.h>
 #include <json/reader.h>
+#include <openssl/crypto.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
 #include "collection_limits.h"
+#include "command_line.h"
 #include "file_util.h"
+#include "options.h"
 #include "task.h"
 #include "task_folder.h"
 #include "task_process.h"
@@ -37,16 +43,38 @@ Json::Value ReadAppList() {
   return list;
 }
 
-int Main(int argc, char** argv) {
-  if (argc != 3 || std::string(argv[1]) != "--task" || !IsTaskId(argv[2])) {
-    static_cast<void>(std::fprintf(stderr, "usage: debug_dat_collect --task ID\n"));
-    return 2;
-  }
+int RunTaskOfLibrary(const std::string& task_id) {
   // Commands of a collection must not hold it.
   if (fcntl(kTaskLockFd, F_SETFD, FD_CLOEXEC) != 0) {
     throw std::runtime_error("the task's lock is missing; only the library starts a task");
   }
-  return RunTask({}, {}, argv[2], ReadAppList());
+  return RunTask({}, {}, task_id, ReadAppList());
+}
+
+/// What StartDetached() and RunTask() do for a task.
+void SetUpProcess() {
+  clearenv();
+  umask(077);
+  const rlimit no_core = {0, 0};  // memory holds unmasked text
+  setrlimit(RLIMIT_CORE, &no_core);
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+}
+
+int Main(int argc, char** argv) {
+  const ParsedOptions parsed = ParseOptions(argc, argv);
+  if (!parsed.run) {
+    (parsed.exit_status == 0 ? std::cout : std::cerr) << parsed.text;
+    return parsed.exit_status;
+  }
+  const CollectOptions& options = parsed.options;
+  if (options.action == CollectOptions::Action::kTask) return RunTaskOfLibrary(options.task_id);
+  SetUpProcess();
+  if (options.action == CollectOptions::Action::kDryRun) {
+    ListContents({}, {}, options, std::cout);
+  } else {
+    WriteArchive({}, {}, options, std::cout, std::cerr);
+  }
+  return 0;
 }
 
 }  // namespace
@@ -55,7 +83,7 @@ int main(int argc, char** argv) {
   try {
     return Main(argc, argv);
   } catch (const std::exception& error) {
-    static_cast<void>(std::fprintf(stderr, "debug_dat_collect: %s\n", error.what()));
+    std::cerr << "debug_dat_collect: " << error.what() << "\n";
     return 1;
   }
 }

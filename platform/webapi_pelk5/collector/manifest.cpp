@@ -24,9 +24,20 @@ void MaskTokenMembers(Json::Value& value) {
   }
 }
 
+std::string Quoted(const std::string& text) { return Json::valueToQuotedString(text.c_str()); }
+
+std::string ListText(const std::vector<std::string>& texts) {
+  std::string list;
+  for (const std::string& text : texts) list += (list.empty() ? "" : ", ") + Quoted(text);
+  return "[" + list + "]";
+}
+
+/// One error line's length, roughly.
+constexpr std::uint64_t kErrorBytes = 256;
+
 }  // namespace
 
-Manifest::Manifest(const std::string& task_id, const Json::Value& asked, unsigned max_errors)
+Manifest::Manifest(const std::string& task_id, const Json::Value& asked, bool redaction, unsigned max_errors)
     : root_(Json::objectValue), max_errors_(max_errors) {
   root_["format"] = 1;
   root_["task_id"] = task_id;
@@ -35,8 +46,8 @@ Manifest::Manifest(const std::string& task_id, const Json::Value& asked, unsigne
   root_["started"] = IsoTime(std::time(nullptr));
   root_["asked"]["app_list"] = asked;
   MaskTokenMembers(root_["asked"]);
+  root_["redaction"] = redaction;
   root_["applications"] = Json::arrayValue;
-  root_["entries"] = Json::arrayValue;
   root_["errors"] = Json::arrayValue;
 }
 
@@ -47,31 +58,51 @@ void Manifest::AddApplication(const std::string& name, const std::string& descri
   root_["applications"].append(application);
 }
 
-void Manifest::AddEntry(const Json::Value& entry) {
-  root_["entries"].append(entry);
+void Manifest::AddEntry(const ManifestEntry& entry) {
+  entry_lines_ += (entries_ == 0 ? "    {\"name\": " : ",\n    {\"name\": ") + Quoted(entry.name);
+  const auto add = [this](const char* name, const std::string& value) {
+    entry_lines_.append(", \"").append(name).append("\": ").append(value);
+  };
+  add("size", std::to_string(entry.size));
+  add("sha256", Quoted(entry.sha256));
+  if (!entry.source.empty()) add("source", Quoted(entry.source));
+  if (entry.modified) add("modified", Quoted(IsoTime(*entry.modified)));
+  if (!entry.argv.empty()) add("argv", ListText(entry.argv));
+  if (!entry.result.empty()) add("result", Quoted(entry.result));
+  if (entry.exit_status) add("exit_status", std::to_string(*entry.exit_status));
+  if (entry.redacted > 0) add("redacted", std::to_string(entry.redacted));
+  if (!entry.notes.empty()) add("notes", ListText(entry.notes));
+  entry_lines_ += "}";
   ++entries_;
-  bytes_ += entry["size"].asUInt64();
+  bytes_ += entry.size;
+  redacted_ += entry.redacted;
 }
 
 void Manifest::AddError(const std::string& where, const std::string& message) {
-  if (root_["errors"].size() >= max_errors_) {
-    ++errors_left_out_;
-    return;
-  }
+  if (++errors_ > max_errors_) return;
   Json::Value error;
   error["where"] = where;
   error["message"] = message;
   root_["errors"].append(error);
 }
 
+std::uint64_t Manifest::TextBytes() const {
+  return entry_lines_.size() + (root_["errors"].size() + root_["applications"].size() + 8) * kErrorBytes;
+}
+
 std::string Manifest::Text() {
   root_["ended"] = IsoTime(std::time(nullptr));
   root_["totals"]["entries"] = Json::UInt64{entries_};
   root_["totals"]["bytes"] = Json::UInt64{bytes_};
-  root_["totals"]["errors"] = Json::UInt64{root_["errors"].size() + errors_left_out_};
+  root_["totals"]["redacted"] = Json::UInt64{redacted_};
+  root_["totals"]["errors"] = Json::UInt64{errors_};
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
-  return Json::writeString(builder, root_) + "\n";
+  std::string text = Json::writeString(builder, root_);
+  text.resize(text.rfind("\n}"));
+  text += ",\n  \"entries\": [\n";
+  text += entry_lines_;
+  return text + "\n  ]\n}\n";
 }
 
 }  // namespace TARVO::SupportForm

@@ -3,37 +3,60 @@
 #include <json/value.h>
 
 #include <cstdint>
+#include <ctime>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace TARVO::SupportForm {
+
+/// What the manifest tells of one entry of the archive.
+struct ManifestEntry {
+  std::string name;
+  std::string source;                   ///< Where it comes from; empty for a command's output.
+  std::vector<std::string> argv;        ///< The command; empty for anything else.
+  std::string result;                   ///< How the command ended.
+  std::optional<int> exit_status;       ///< Of a command that ended by itself.
+  std::optional<std::time_t> modified;  ///< The file's last change.
+  std::uint64_t size = 0;               ///< As archived.
+  std::string sha256;                   ///< As archived.
+  std::uint64_t redacted = 0;           ///< Secrets masked in it.
+  std::vector<std::string> notes;       ///< What is not as it was at the source, for people.
+};
 
 /// The archive's last entry: what was asked for, what was taken, what was left out and why.
 class Manifest {
  public:
   /// @param asked       The application list, as given.
+  /// @param redaction   Whether secrets are masked.
   /// @param max_errors  Error lines beyond that are only counted.
-  Manifest(const std::string& task_id, const Json::Value& asked, unsigned max_errors);
+  Manifest(const std::string& task_id, const Json::Value& asked, bool redaction, unsigned max_errors);
 
   /// Records an application that is being collected.
   void AddApplication(const std::string& name, const std::string& description);
-  /// Records an archive entry. `entry` has "name", "size", "sha256" and more.
-  void AddEntry(const Json::Value& entry);
+  /// Records an archive entry.
+  void AddEntry(const ManifestEntry& entry);
   /// Records something that was left out or went wrong.
   /// @param where  What it is about: "apps/NAME", "system/journal".
   void AddError(const std::string& where, const std::string& message);
 
   [[nodiscard]] std::uint64_t entries() const { return entries_; }
   [[nodiscard]] std::uint64_t bytes() const { return bytes_; }
+  [[nodiscard]] std::uint64_t errors() const { return errors_; }
+  /// About how long Text() would be.
+  [[nodiscard]] std::uint64_t TextBytes() const;
 
   /// The manifest as it stands, as JSON. Texts in it may quote tokens: the archive writer masks them.
   [[nodiscard]] std::string Text();
 
  private:
-  Json::Value root_;
+  Json::Value root_;         ///< All but the entries, which may be many,
+  std::string entry_lines_;  ///< and so are kept as text, an object a line.
   unsigned max_errors_;
-  std::uint64_t entries_ = 0;          ///< Entries recorded.
-  std::uint64_t bytes_ = 0;            ///< Their sizes' sum.
-  std::uint64_t errors_left_out_ = 0;  ///< Errors beyond the limit.
+  std::uint64_t entries_ = 0;   ///< Entries recorded.
+  std::uint64_t bytes_ = 0;     ///< Their sizes' sum.
+  std::uint64_t redacted_ = 0;  ///< Secrets masked in them.
+  std::uint64_t errors_ = 0;    ///< Errors, those beyond the limit counted too.
 };
 
 }  // namespace TARVO::SupportForm

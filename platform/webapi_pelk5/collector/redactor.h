@@ -2,22 +2,20 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
-#include <string>
+#include <optional>
 #include <string_view>
+#include <vector>
+
+#include "redaction_rules.h"
+#include "secret_end.h"
+#include "secret_finder.h"
+#include "token_mask.h"
 
 namespace TARVO::SupportForm {
 
-/// Text can't be checked for secrets: the rules could not be read or compiled. The text tells why, and what to do.
-class RedactionError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-class RedactionRules;  // the compiled patterns, shared by all entries of a collection; redaction_rules.h
-
-/// Masks the secrets in one text, block by block: each byte of a secret becomes '*', so the length stays. Made for
-/// one text, used in one thread.
+/// Masks the secrets in one text, block by block: each byte of a secret becomes '*', so the length stays; line
+/// ends stay, too. Made for one text, used in one thread. The result is the same however the text is cut into
+/// blocks. Memory: a few KiB, and 16 bytes for each secret in a block.
 class Redactor {
  public:
   /// @param rules  Null: only the values of "token" members are masked, as they always are. Borrowed.
@@ -27,17 +25,64 @@ class Redactor {
   Redactor& operator=(const Redactor&) = delete;
 
   /// Masks in place what is decided.
-  /// @param data    The next part of the text: first what the former call left undecided, then new bytes.
+  /// @param data    The next part of the text: first what the former call left undecided, then new bytes. At most
+  ///                4 GiB.
   /// @param at_end  Whether the text ends with this block; all of it is decided then.
   /// @return How many of the leading bytes are decided and masked. The others are to be presented again, unchanged,
   ///         with more text behind them. At least `size` less 64 KiB.
+  /// @throws RedactionError when the text can't be scanned.
   [[nodiscard]] std::size_t Process(char* data, std::size_t size, bool at_end);
 
-  /// Secrets masked so far.
-  [[nodiscard]] std::uint64_t count() const;
+  /// Secrets masked so far, those in undecided bytes counted too. A value that a pattern of the file and a built-in
+  /// rule find counts twice.
+  [[nodiscard]] std::uint64_t count() const { return count_ + token_mask_.count(); }
+
+ private:
+  /// Offsets into the block; those behind what is decided stay for the next one.
+  struct Span {
+    std::size_t begin;
+    std::size_t end;
+  };
+
+  std::size_t FindSecrets(std::string_view text, bool at_end);
+  void Scan(const hs_database* database, void (Redactor::*take)(unsigned, std::size_t));
+  void TakeWord(unsigned word, std::size_t hit);
+  void TakePattern(unsigned number, std::size_t hit);
+  void TakeKeyMarker(const KeyMarker& marker);
+  void TakeSecret(const Secret& secret);
+  void GoOnWithSecret();
+  void EndKey(std::size_t end);
+  void MaskDecided(char* data, std::size_t decided);
+
+  const RedactionRules* rules_;
+  RedactionRules::Scratch scratch_;
+  TokenMask token_mask_;
+  std::uint64_t count_ = 0;
+
+  // The block in work.
+  std::string_view text_;
+  bool at_end_ = false;
+  std::size_t horizon_ = 0;  ///< Hits up to here are taken; behind it too little of the text is known.
+
+  // What is carried from block to block.
+  bool begun_ = false;             ///< A part of the text is decided.
+  std::size_t taken_ = 0;          ///< Hits up to here were taken.
+  std::vector<Span> spans_;        ///< To be masked.
+  std::size_t masked_until_ = 0;   ///< End of the last secret of a built-in rule: hits in it are no news.
+  std::optional<SecretEnd> open_;  ///< The secret whose end is not known yet, ...
+  std::size_t open_begin_ = 0;     ///< ... where it begins ...
+  std::size_t open_until_ = 0;     ///< ... and up to where its end was looked for.
+  bool in_key_ = false;            ///< In a private key's text form, ...
+  std::size_t key_begin_ = 0;      ///< ... which begins here ...
+  std::size_t key_limit_ = 0;      ///< ... and ends here at the latest.
+  bool key_seen_ = false;          ///< A key's first line was seen.
+  std::vector<std::size_t> found_until_;  ///< Of each pattern: up to here all of its matches are found.
 };
 
 /// Whether a file that begins with `head` (its first 8 KiB, or all of a shorter one) is text, and can be checked.
+/// It is not if `head` holds a NUL byte, unless 16 or more of them follow each other, which a power failure leaves
+/// in logs; if it begins with the mark of UTF-16; if more than one byte in fifty is a control character that
+/// text does not use; or if it holds nothing but NUL bytes.
 [[nodiscard]] bool LooksLikeText(std::string_view head);
 
 }  // namespace TARVO::SupportForm

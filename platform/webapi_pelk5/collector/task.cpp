@@ -1,11 +1,17 @@
 #include "task.h"
 
+#include <fcntl.h>
 #include <openssl/crypto.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <exception>
 
+#include "audit_log.h"
 #include "collection.h"
 #include "file_util.h"
 #include "task_folder.h"
@@ -13,12 +19,45 @@
 #include "token_mask.h"
 
 namespace TARVO::SupportForm {
+namespace {
+
+// The kernel's header for these does not compile as C++.
+constexpr int kIoprioWhoProcess = 1;
+constexpr int kIoprioIdleClass = 3 << 13;
+constexpr const char* kLowestPriority = "19";
+constexpr const char* kFirstToBeEnded = "1000";
+
+void WriteSetting(const char* path, const char* value) {
+  const UniqueFd fd(open(path, O_WRONLY | O_CLOEXEC));
+  static_cast<void>(WriteAll(fd.get(), value));
+}
+
+/// Tells the owner of the device. An archive that can't be recorded in the log is recorded in the system's.
+void Audit(const Paths& paths, const Limits& limits, const AuditRecord& record) {
+  const std::string line = AuditLine(record);
+  try {
+    AppendAuditLine(paths.audit_log, limits.audit_bytes, line);
+  } catch (const std::exception& error) {
+    syslog(LOG_DAEMON | LOG_ERR, "%s; the line is: %s", error.what(), line.c_str());
+  }
+}
+
+}  // namespace
+
+void LowerPriority() {
+  setpriority(PRIO_PROCESS, 0, 19);
+  // With autogroups a priority counts only among the processes of one session, and the task has one of its own.
+  WriteSetting("/proc/self/autogroup", kLowestPriority);
+  syscall(SYS_ioprio_set, kIoprioWhoProcess, 0, kIoprioIdleClass);
+  WriteSetting("/proc/self/oom_score_adj", kFirstToBeEnded);
+}
 
 int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id,
             const Json::Value& app_list) {
   // The libraries used here would let an environment choose locales, converters and zones.
   clearenv();
   alarm(limits.task_seconds_hard);
+  LowerPriority();
   static_cast<void>(WriteAll(kTaskLockFd, std::to_string(getpid()) + "\n"));
   // SHA-256 needs no configuration, and the search for one would look at the environment.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
@@ -26,7 +65,9 @@ int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id
   std::string failure = "out of memory";
   try {
     if (!folder.valid()) return 1;
-    MakeArchive(paths, limits, folder.get(), task_id, app_list);
+    const CollectionRequest request = {task_id, app_list, true};
+    const CollectionSummary summary = MakeArchive(paths, limits, folder.get(), request);
+    Audit(paths, limits, {std::time(nullptr), task_id, app_list, request.redact, summary.archive});
     return 0;
   } catch (const std::exception& error) {
     failure = Masked(error.what());

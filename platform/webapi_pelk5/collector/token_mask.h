@@ -1,28 +1,36 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace TARVO::SupportForm {
 
-/// Masks the value of every member "token" in a stream of JSON-like text: each byte of the value becomes '*',
-/// so the length stays. A token is an upload credential, and the logs of a device quote whole tickets.
+/// Masks the value of every member "token" in a stream of JSON-like text, in place: each byte of the value
+/// becomes '*', so the length stays. A token is an upload credential, and the logs of a device quote whole
+/// tickets.
 ///
-/// Works byte by byte on any chunks of the text; what it remembers between them is a few counters. It knows
+/// Works on any blocks of the text; what it remembers between them is a few counters. It knows
 /// - blanks around the colon, and "\n", "\r" and "\t" written out in their place;
 /// - quotes inside the value that are escaped by backslashes;
-/// - JSON text inside JSON strings, to any depth: \"token\":\"...\", \\\"token\\\":\\\"...\\\";
+/// - JSON text inside JSON strings, up to twelve levels deep: \"token\":\"...\", \\\"token\\\":\\\"...\\\";
 /// - values that are no strings: numbers and words up to the next separator, arrays and objects up to their end;
 /// - values that are cut off: a string is masked up to the end of its line, or of the string around it.
 class TokenMask {
  public:
-  /// Takes the next bytes of the text and appends the masked text to `out`. Up to a run of backslashes may be
-  /// held back until it is known whether they belong to the value.
-  void Feed(std::string_view in, std::string& out);
+  /// More backslashes in a row than that are no quoting.
+  static constexpr std::size_t kMaxBackslashes = 4096;
 
-  /// Appends what was held back. The text ends here; the object starts afresh.
-  void Finish(std::string& out);
+  /// Masks the next block of the text.
+  /// @param at_end  Whether the text ends with the block. The object starts afresh then, but for its count.
+  /// @return How many of the leading bytes are decided; all of them at the end. The others, fewer than
+  ///         kMaxBackslashes, are backslashes of which it is not known yet whether they belong to a value; they
+  ///         are to be given again, with more text behind them.
+  [[nodiscard]] std::size_t Mask(char* text, std::size_t size, bool at_end);
+
+  /// Values masked so far.
+  [[nodiscard]] std::uint64_t count() const { return count_; }
 
  private:
   enum class State {
@@ -36,19 +44,24 @@ class TokenMask {
     kContainer,   ///< Inside an array or an object.
   };
 
-  void Step(char byte, std::string& out);
-  void StepKey(char byte, std::string& out);
-  void StepValueStart(char byte, std::string& out);
-  void StepString(char byte, std::string& out);
-  void StepContainer(char byte, std::string& out);
+  void Step(char& byte);
+  void StepKey(char byte);
+  void StepValueStart(char& byte);
+  void StepString(char& byte);
+  void StepContainer(char& byte);
   bool TakesBlank(char byte);
-  void FlushRun(char as, std::size_t count, std::string& out);
+  void TakeBackslash(char* byte);
+  void MaskByte(char& byte);
+  void MaskRun(char* end, std::size_t count);
   void EnterKey();
+  [[nodiscard]] bool InQuotes() const { return state_ == State::kString || state_ == State::kContainer; }
   [[nodiscard]] bool EndsString() const;
 
   State state_ = State::kText;
-  std::size_t matched_ = 0;    ///< Letters of the name read so far.
-  std::size_t run_ = 0;        ///< Backslashes just before the next byte. In values they are held back.
+  std::uint64_t count_ = 0;
+  bool counted_ = false;     ///< The value being read is in `count_`.
+  std::size_t matched_ = 0;  ///< Letters of the name read so far.
+  std::size_t run_ = 0;      ///< Backslashes just before the next byte. In quoted values they are undecided.
   std::size_t key_level_ = 0;  ///< Backslashes before the quotes of the member's name.
   std::size_t level_ = 0;      ///< Backslashes before the opening quote of the string being read.
   std::size_t depth_ = 0;      ///< Open brackets of an array or object.

@@ -29,14 +29,44 @@ class AppDescriptionTest : public SupportLogTest {
 };
 
 TEST_F(AppDescriptionTest, ReadsAllMembers) {
-  const AppDescription demo = Load(R"({"description": "An example", "paths": ["/a/*.log", "/b"],
-      "commands": [{"argv": ["ls", "-l", ""]}, {"argv": ["/bin/df"], "time_limit_seconds": 300}]})");
+  const AppDescription demo = Load(R"({"description": "An example",
+      "paths": ["/a/*.log", {"path": "/b", "binary": true}, {"path": "/c"}],
+      "commands": [{"argv": ["ls", "-l", ""]},
+                   {"argv": ["/bin/df"], "time_limit_seconds": 300, "output_limit_bytes": 1}],
+      "units": ["ssh.service", {"unit": "web@*.service", "lines": 7, "output_limit_bytes": 8, "since_hours": 9}]})");
   EXPECT_EQ(demo.description, "An example");
-  EXPECT_THAT(demo.paths, ElementsAre("/a/*.log", "/b"));
+  ASSERT_EQ(demo.paths.size(), 3U);
+  EXPECT_EQ(demo.paths[0].pattern, "/a/*.log");
+  EXPECT_FALSE(demo.paths[0].binary);
+  EXPECT_EQ(demo.paths[1].pattern, "/b");
+  EXPECT_TRUE(demo.paths[1].binary);
+  EXPECT_FALSE(demo.paths[2].binary);
   ASSERT_EQ(demo.commands.size(), 2U);
   EXPECT_THAT(demo.commands[0].argv, ElementsAre("ls", "-l", ""));
   EXPECT_EQ(demo.commands[0].time_limit_seconds, 10U);
+  EXPECT_EQ(demo.commands[0].output_limit_bytes, 16U << 20U);
   EXPECT_EQ(demo.commands[1].time_limit_seconds, 300U);
+  EXPECT_EQ(demo.commands[1].output_limit_bytes, 1U);
+  ASSERT_EQ(demo.units.size(), 2U);
+  EXPECT_EQ(demo.units[0].unit, "ssh.service");
+  EXPECT_EQ(demo.units[0].lines, 5'000U);
+  EXPECT_EQ(demo.units[0].output_limit_bytes, 4U << 20U);
+  EXPECT_EQ(demo.units[0].since_hours, 0U);
+  EXPECT_EQ(demo.units[1].unit, "web@*.service");
+  EXPECT_EQ(demo.units[1].lines, 7U);
+  EXPECT_EQ(demo.units[1].output_limit_bytes, 8U);
+  EXPECT_EQ(demo.units[1].since_hours, 9U);
+}
+
+TEST_F(AppDescriptionTest, UnitIsAskedForWithItsLimits) {
+  EXPECT_THAT(JournalCommand({"web.service", 7, 8, 9}, limits_).argv,
+              ElementsAre("journalctl", "--quiet", "--no-pager", "--output=short-iso", "--lines=7",
+                          "--unit=web.service", "--since=-9h"));
+  const CommandDescription all = JournalCommand({"", 7, 8, 0}, limits_);
+  EXPECT_THAT(all.argv,
+              ElementsAre("journalctl", "--quiet", "--no-pager", "--output=short-iso", "--lines=7"));
+  EXPECT_EQ(all.output_limit_bytes, 8U);
+  EXPECT_EQ(all.time_limit_seconds, limits_.system_command_seconds);
 }
 
 TEST_F(AppDescriptionTest, EveryMemberMayBeAbsent) { EXPECT_EQ(ErrorOf("{}"), ""); }
@@ -58,6 +88,10 @@ TEST_F(AppDescriptionTest, TellsWhatIsWrongAndInWhichFile) {
       {R"({"paths": ["/a/../b"]})", "\"..\" part"},
       {R"({"paths": ["/a/"]})", "ends in a slash"},
       {R"({"paths": ["/a\u0000b"]})", "NUL"},
+      {R"({"paths": [{"path": "a"}]})", "paths[0].path is not an absolute path: \"a\""},
+      {R"({"paths": [{}]})", "paths[0].path is not a string"},
+      {R"({"paths": [{"path": "/a", "binary": 1}]})", "paths[0].binary is neither true nor false"},
+      {R"({"paths": [{"path": "/a", "raw": true}]})", "paths[0]: unknown member \"raw\""},
       {R"({"commands": {}})", "\"commands\" is not an array"},
       {R"({"commands": ["ls"]})", "commands[0] is not an object"},
       {R"({"commands": [{}]})", "commands[0].argv is not an array"},
@@ -72,6 +106,20 @@ TEST_F(AppDescriptionTest, TellsWhatIsWrongAndInWhichFile) {
       {R"({"commands": [{"argv": ["ls"], "time_limit_seconds": 1.5}]})", "from 1 to 300"},
       {R"({"commands": [{"argv": ["ls"], "time_limit_seconds": "5"}]})", "from 1 to 300"},
       {R"({"commands": [{"argv": ["ls"], "time_limit_seconds": true}]})", "from 1 to 300"},
+      {R"({"commands": [{"argv": ["ls"], "output_limit_bytes": 0}]})", "from 1 to 268435456"},
+      {R"({"commands": [{"argv": ["ls"], "output_limit_bytes": 268435457}]})", "from 1 to 268435456"},
+      {R"({"units": "a"})", "\"units\" is not an array"},
+      {R"({"units": [1]})", "units[0] is not a string"},
+      {R"({"units": [""]})", "units[0] is not a unit's name: \"\""},
+      {R"({"units": ["-a"]})", "units[0] is not a unit's name: \"-a\""},
+      {R"({"units": ["a b"]})", "units[0] is not a unit's name: \"a b\""},
+      {R"({"units": ["a/b"]})", "units[0] is not a unit's name: \"a/b\""},
+      {R"({"units": [{"lines": 1}]})", "units[0].unit is not a string"},
+      {R"({"units": [{"unit": "a", "line": 1}]})", "units[0]: unknown member \"line\""},
+      {R"({"units": [{"unit": "a", "lines": 0}]})", "units[0].lines is not a whole number from 1 to 1000000"},
+      {R"({"units": [{"unit": "a", "since_hours": 8785}]})",
+       "since_hours is not a whole number from 1 to 8784"},
+      {R"({"units": [{"unit": "a", "output_limit_bytes": -1}]})", "from 1 to 268435456"},
   };
   for (const auto& [json, message] : cases) {
     EXPECT_THAT(ErrorOf(json), HasSubstr(message)) << json;

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "file_util.h"
+#include "redaction_rules.h"
 #include "support_log_fixture.h"
 #include "unique_fd.h"
 
@@ -21,7 +22,7 @@ class ArchiveWriterTest : public SupportLogTest {
         writer_(archive_fd_.get(), 1, progress_) {}
 
   ArchiveContent Close() {
-    writer_.Close();
+    summary_ = writer_.Close();
     return ReadArchive(folder_ / "archive");
   }
 
@@ -39,6 +40,7 @@ class ArchiveWriterTest : public SupportLogTest {
   UniqueFd archive_fd_;
   Progress progress_;
   ArchiveWriter writer_;
+  ArchiveSummary summary_;
 };
 
 TEST_F(ArchiveWriterTest, KeepsContentAndOrder) {
@@ -104,6 +106,64 @@ TEST_F(ArchiveWriterTest, SourceThatEndsInTheLeadIsAllZeros) {
   EXPECT_EQ(Close().Of("gone"), std::string(3, '\0'));
 }
 
+TEST_F(ArchiveWriterTest, SecretsAreMaskedByTheRulesAndCounted) {
+  const RedactionRules rules(folder_ / "no-patterns");
+  const WrittenEntry first = writer_.AddText("a", "password=hunter2-and-more\n", 0, &rules);
+  writer_.AddText("b", "password=hunter2-and-more\n", 0);
+  const ArchiveContent content = Close();
+  EXPECT_EQ(first.redacted, 1U);
+  EXPECT_EQ(content.Of("a"), "password=****************\n");
+  EXPECT_EQ(first.sha256, Sha256Of(content.Of("a")));
+  EXPECT_EQ(content.Of("b"), "password=hunter2-and-more\n");
+  EXPECT_EQ(summary_.redacted, 1U);
+}
+
+TEST_F(ArchiveWriterTest, SecretAcrossBlocksIsMaskedAndNothingIsLost) {
+  const RedactionRules rules(folder_ / "no-patterns");
+  std::string text;
+  while (text.size() < 3'000'000)
+    text += "an ordinary line of a log, number " + std::to_string(text.size()) + "\n";
+  std::string expected = text;
+  for (std::size_t at = 131'072 - 20; at < text.size(); at += 131'072 - 3) {
+    text.replace(at, 26, "\npassword=hunter2-and-more");
+    expected.replace(at, 26, "\npassword=****************");
+    text[at + 26] = expected[at + 26] = '\n';
+  }
+  writer_.AddText("a", text, 0, &rules);
+  EXPECT_TRUE(Close().Of("a") == expected);
+}
+
+TEST_F(ArchiveWriterTest, SummaryTellsTheArchivesSizeSumAndContent) {
+  writer_.AddText("a", "text", 0);
+  writer_.AddText("b", std::string(1'000'000, 'x'), 0);
+  Close();
+  EXPECT_EQ(summary_.size, fs::file_size(folder_ / "archive"));
+  EXPECT_EQ(summary_.sha256, Sha256Of(ReadText(folder_ / "archive")));
+  EXPECT_EQ(summary_.entries, 2U);
+  EXPECT_EQ(summary_.bytes, 1'000'004U);
+}
+
+TEST_F(ArchiveWriterTest, GrowthBoundCoversHeadersAndTheArchivesEnd) {
+  std::uint64_t bound = writer_.GrowthBound(0);
+  for (int i = 0; i < 2'000; ++i) {
+    bound = fs::file_size(folder_ / "archive") + writer_.GrowthBound(0);
+    writer_.AddText(std::string(4'000, 'a') + std::to_string(i), "", 0);
+    EXPECT_LE(fs::file_size(folder_ / "archive"), bound);
+  }
+  Close();
+  EXPECT_LE(fs::file_size(folder_ / "archive"), bound);
+}
+
+TEST_F(ArchiveWriterTest, WriterThatIsNotClosedLeavesNoCompleteArchive) {
+  const fs::path path = folder_ / "unfinished";
+  const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  {
+    ArchiveWriter writer(fd.get(), 1, progress_);
+    writer.AddText("a", "text", 0);
+  }
+  EXPECT_EQ(fs::file_size(path), 0U);
+}
+
 TEST_F(ArchiveWriterTest, ProgressTellsBytesAndFiles) {
   writer_.AddText("a", std::string(1000, 'a'), 0);
   writer_.AddText("b", "bc", 0);
@@ -118,7 +178,7 @@ TEST_F(ArchiveWriterTest, FullDiskIsAnErrorThatNamesItsCause) {
     writer.Close();
     FAIL() << "no error";
   } catch (const ArchiveFailed& error) {
-    EXPECT_THAT(error.what(), testing::HasSubstr("archive"));
+    EXPECT_THAT(error.what(), testing::HasSubstr("archive: No space left on device"));
   }
 }
 

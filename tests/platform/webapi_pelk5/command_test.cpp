@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <set>
 #include <sstream>
@@ -23,16 +25,23 @@ class CommandTest : public SupportLogTest {
   CommandResult Run(const std::vector<std::string>& argv) {
     request_.argv = argv;
     request_.programs = paths_.programs;
-    const UniqueFd fd(open((folder_ / "output").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const UniqueFd fd(open((folder_ / "output").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     const CommandResult result = RunCommand(request_, fd.get());
     output_ = ReadText(folder_ / "output");
     return result;
   }
   CommandResult Shell(const std::string& script) { return Run({"sh", "-c", script}); }
 
-  CommandRequest request_ = {{}, {}, kDeadlineMs, 1'000'000, true};
+  CommandRequest request_ = {{}, {}, kDeadlineMs, 1'000'000, Output::kBegin};
   std::string output_;
 };
+
+/// The last bytes of what "seq 1 LAST" prints.
+std::string LastOfSeq(int last, std::size_t bytes) {
+  std::string text;
+  for (int i = 1; i <= last; ++i) text += std::to_string(i) + "\n";
+  return text.substr(text.size() - bytes);
+}
 
 /// Whether a process runs; a zombie doesn't.
 bool Runs(pid_t pid) {
@@ -50,7 +59,7 @@ TEST_F(CommandTest, OutputAndErrorsAreKeptInTheirOrder) {
 }
 
 TEST_F(CommandTest, ErrorsAreDroppedWhereTheyAreNotAskedFor) {
-  request_.with_errors = false;
+  request_.output = Output::kEndNoErrors;
   Shell("echo one; echo two >&2");
   EXPECT_EQ(output_, "one\n");
 }
@@ -146,6 +155,49 @@ TEST_F(CommandTest, OutputJustAtTheLimitIsComplete) {
   EXPECT_EQ(output_, "1234");
   EXPECT_EQ(Shell("printf 12345").end, End::kOutputLimit);
   EXPECT_EQ(output_, "1234");
+}
+
+TEST_F(CommandTest, OfALongOutputTheEndIsKeptWhereThatIsAskedFor) {
+  request_.output = Output::kEndNoErrors;
+  request_.output_limit = 100'000;
+  const CommandResult result = Run({"seq", "1", "200000"});
+  EXPECT_EQ(result.end, End::kExited);
+  EXPECT_TRUE(result.begin_lost);
+  EXPECT_GE(output_.size(), 100'000U);
+  EXPECT_LE(output_.size(), 200'000U);
+  EXPECT_EQ(output_.substr(output_.size() - 100'000), LastOfSeq(200'000, 100'000));
+}
+
+TEST_F(CommandTest, EndOfAShortOutputIsAllOfIt) {
+  request_.output = Output::kEndNoErrors;
+  const CommandResult result = Run({"seq", "1", "3"});
+  EXPECT_FALSE(result.begin_lost);
+  EXPECT_EQ(output_, "1\n2\n3\n");
+}
+
+TEST_F(CommandTest, WholeGroupEndsWithTheCallerHoweverThatEnds) {
+  const fs::path ids = folder_ / "ids";
+  const pid_t caller = fork();
+  if (caller == 0) {
+    Shell("sleep 300 & echo $! $$ >" + ids.string() + ".new; mv " + ids.string() + ".new " + ids.string() +
+          "; wait");
+    _exit(0);
+  }
+  ASSERT_TRUE(WaitUntil([&] { return fs::exists(ids); }));
+  ASSERT_EQ(kill(caller, SIGKILL), 0);
+  ASSERT_EQ(waitpid(caller, nullptr, 0), caller);
+  std::istringstream line(ReadText(ids));
+  pid_t background = 0;
+  pid_t command = 0;
+  line >> background >> command;
+  ASSERT_GT(command, 0);
+  EXPECT_TRUE(WaitUntil([&] { return !Runs(background) && !Runs(command); }));
+}
+
+TEST_F(CommandTest, NoChildIsLeft) {
+  Shell("sleep 300 & echo done");
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(CommandTest, OutputThatCanNotBeStoredIsAFailure) {

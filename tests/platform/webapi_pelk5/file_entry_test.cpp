@@ -6,6 +6,7 @@
 
 #include <fstream>
 
+#include "redaction_rules.h"
 #include "support_log_fixture.h"
 #include "unique_fd.h"
 
@@ -26,13 +27,13 @@ class FileEntryTest : public SupportLogTest {
 
   /// Opens the file, lets `change` happen to it, and then archives it.
   FileEntry Add(const std::string& text, const std::function<void()>& change,
-                std::uint64_t max_bytes = 1 << 20) {
+                std::uint64_t max_bytes = 1 << 20, const FileCheck& check = {}) {
     WriteText(path_, text);
     const UniqueFd fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status = {};
     EXPECT_EQ(fstat(fd.get(), &status), 0);
     change();
-    return AddFile(writer_, "file", fd.get(), status, max_bytes);
+    return AddFile(writer_, "file", fd.get(), status, max_bytes, check);
   }
   std::string Archived() {
     writer_.Close();
@@ -96,6 +97,65 @@ TEST_F(FileEntryTest, TailThatBeginsInsideATokenIsMasked) {
   Add(
       old + R"({"token":"secret","apps":[]})", [] {}, 15);
   EXPECT_EQ(Archived(), R"(***","apps":[]})");
+}
+
+TEST_F(FileEntryTest, LargeFileThatGrewIsCutAndNoted) {
+  const std::string text(100'000, 'x');
+  const FileEntry entry = Add(text, [&] { std::ofstream(path_, std::ios::app) << " and more"; });
+  EXPECT_THAT(entry.notes, ElementsAre(HasSubstr("grew while it was read")));
+  EXPECT_TRUE(Archived() == text);
+}
+
+TEST_F(FileEntryTest, FilesAroundTheSizeOfTheHeadAreWhole) {
+  for (const std::size_t size : {8191, 8192, 8193}) {
+    const std::string text(size, 'x');
+    const FileEntry entry = Add(text, [] {});
+    EXPECT_THAT(entry.notes, IsEmpty()) << size;
+    EXPECT_EQ(entry.sha256, Sha256Of(text)) << size;
+  }
+}
+
+TEST_F(FileEntryTest, SecretsAreMaskedAndCounted) {
+  const RedactionRules rules(folder_ / "no-patterns");
+  const FileEntry entry = Add("password=hunter2-and-more\n", [] {}, 1 << 20, {&rules, false});
+  EXPECT_EQ(entry.redacted, 1U);
+  EXPECT_EQ(Archived(), "password=****************\n");
+}
+
+TEST_F(FileEntryTest, TailThatBeginsInsideASecretIsMasked) {
+  const RedactionRules rules(folder_ / "no-patterns");
+  Add(std::string(100'000, '\n') + "password=hunter2-and-more\n", [] {}, 5, {&rules, false});
+  EXPECT_EQ(Archived(), "****\n");
+}
+
+TEST_F(FileEntryTest, WhatIsNotTextIsLeftOutWhereItWouldHaveToBeChecked) {
+  const RedactionRules rules(folder_ / "no-patterns");
+  const std::string binary("\x7F\x45LF\0\0\1\2 and more", 17);
+  const FileEntry entry = Add(binary, [] {}, 1 << 20, {&rules, false});
+  EXPECT_THAT(entry.left_out, HasSubstr("not text"));
+  writer_.Close();
+  EXPECT_THAT(ReadArchive(folder_ / "archive").Names(), IsEmpty());
+}
+
+TEST_F(FileEntryTest, WhatIsNotTextIsTakenWhereTheDescriptionAllowsIt) {
+  const RedactionRules rules(folder_ / "no-patterns");
+  const std::string binary("\x7F\x45LF\0\0\1\2 and more", 17);
+  const FileEntry entry = Add(binary, [] {}, 1 << 20, {&rules, true});
+  EXPECT_THAT(entry.left_out, IsEmpty());
+  EXPECT_THAT(entry.notes, ElementsAre(HasSubstr("taken unchecked")));
+  EXPECT_EQ(Archived(), binary);
+}
+
+TEST_F(FileEntryTest, TextIsCheckedWhereTheDescriptionAllowsWhatIsNot) {
+  const RedactionRules rules(folder_ / "no-patterns");
+  Add("password=hunter2-and-more\n", [] {}, 1 << 20, {&rules, true});
+  EXPECT_EQ(Archived(), "password=****************\n");
+}
+
+TEST_F(FileEntryTest, WithRedactionOffWhatIsNotTextIsTaken) {
+  const std::string binary("a\0b", 3);
+  EXPECT_THAT(Add(binary, [] {}).left_out, IsEmpty());
+  EXPECT_EQ(Archived(), binary);
 }
 
 TEST_F(FileEntryTest, EmptyFileIsAnEmptyEntry) {

@@ -5,6 +5,8 @@
 #include <fcntl.h>
 #include <json/reader.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <random>
 #include <sstream>
 
 #include "file_util.h"
@@ -39,6 +42,19 @@ void WriteText(const fs::path& path, const std::string& text) {
   std::ofstream file(path, std::ios::binary);
   file << text;
   ASSERT_TRUE(file.good()) << path;
+}
+
+void LimitFileSize() {
+  const rlimit limit = {16384, 16384};
+  if (signal(SIGXFSZ, SIG_IGN) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit) != 0) std::abort();
+}
+
+std::string RandomLetters(std::size_t count) {
+  static constexpr char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-\n";
+  std::minstd_rand random(4711);
+  std::string text(count, ' ');
+  for (char& c : text) c = kLetters[(random() >> 8U) % 64];
+  return text;
 }
 
 std::string Sha256Of(const std::string& text) {
@@ -159,6 +175,8 @@ SupportLogTest::SupportLogTest() {
   data_ = folder_ / "data";
   paths_.state = folder_ / "state" / "log";
   paths_.descriptions = folder_ / "descriptions";
+  paths_.redaction = folder_ / "redact";
+  paths_.audit_log = folder_ / "audit.log";
   paths_.programs = (folder_ / "bin").string() + ":" + paths_.programs;
   fs::create_directories(data_);
   fs::create_directories(paths_.descriptions);

@@ -27,6 +27,12 @@ inline constexpr int kDeadlineMs = 30'000;
 [[nodiscard]] std::string ReadText(const fs::path& path);
 void WriteText(const fs::path& path, const std::string& text);
 
+/// Lets this process write no file of more than 16 KiB from now on: its archive can't be written.
+void LimitFileSize();
+
+/// Text in which no part comes again: it compresses by a quarter.
+[[nodiscard]] std::string RandomLetters(std::size_t count);
+
 /// SHA-256 in hex digits, computed by a program of the system.
 [[nodiscard]] std::string Sha256Of(const std::string& text);
 

@@ -5,6 +5,7 @@
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "support_log_fixture.h"
 
@@ -21,18 +22,30 @@ void PrintTo(const Case& item, std::ostream* out) { *out << item.name; }
 
 class TokenMaskTest : public testing::TestWithParam<Case> {};
 
+/// Masks the text in blocks that end at the given offsets.
+std::string MaskedInBlocks(const std::string& text, const std::vector<std::size_t>& cuts) {
+  TokenMask mask;
+  std::string out;
+  std::string block;
+  std::size_t at = 0;
+  for (const std::size_t cut : cuts) {
+    block += text.substr(at, cut - at);
+    at = cut;
+    const std::size_t decided = mask.Mask(block.data(), block.size(), at == text.size());
+    EXPECT_EQ(block.substr(decided), text.substr(out.size() + decided, block.size() - decided));
+    out += block.substr(0, decided);
+    block.erase(0, decided);
+  }
+  return out;
+}
+
 TEST_P(TokenMaskTest, GivesTheMaskedTextAtEverySplitPoint) {
   const Case& item = GetParam();
   ASSERT_EQ(item.text.size(), item.masked.size());
   for (std::size_t first = 0; first <= item.text.size(); ++first) {
     for (std::size_t second = first; second <= item.text.size(); ++second) {
-      TokenMask mask;
-      std::string out;
-      mask.Feed(std::string_view(item.text).substr(0, first), out);
-      mask.Feed(std::string_view(item.text).substr(first, second - first), out);
-      mask.Feed(std::string_view(item.text).substr(second), out);
-      mask.Finish(out);
-      ASSERT_EQ(out, item.masked) << "split at " << first << " and " << second;
+      ASSERT_EQ(MaskedInBlocks(item.text, {first, second, item.text.size()}), item.masked)
+          << "split at " << first << " and " << second;
     }
   }
 }
@@ -127,14 +140,33 @@ TEST(TokenMaskNestingTest, TextQuotedAnyNumberOfTimesStaysJsonWithOnlyTheTokenMa
   }
 }
 
-TEST(TokenMaskFinishTest, StartsAfresh) {
+TEST(TokenMaskEndTest, StartsAfreshBehindTheEndOfAText) {
   TokenMask mask;
-  std::string out;
-  mask.Feed(R"("token":"ab)", out);
-  mask.Finish(out);
-  mask.Feed("plain", out);
-  mask.Finish(out);
-  EXPECT_EQ(out, R"("token":"**plain)");
+  std::string first = R"("token":"ab)";
+  std::string second = "plain";
+  EXPECT_EQ(mask.Mask(first.data(), first.size(), true), first.size());
+  EXPECT_EQ(mask.Mask(second.data(), second.size(), true), second.size());
+  EXPECT_EQ(first + second, R"("token":"**plain)");
+}
+
+TEST(TokenMaskCountTest, CountsValuesThatHoldSomething) {
+  TokenMask mask;
+  std::string text = R"({"token":"abc","x":{"token":["a","b"]},"token":"","y":"\"token\":\"d\"","token":)";
+  EXPECT_EQ(mask.Mask(text.data(), text.size(), true), text.size());
+  EXPECT_EQ(mask.count(), 3U);
+}
+
+TEST(TokenMaskBackslashTest, HoldsBackNoMoreBackslashesThanAnyQuotingNeeds) {
+  const std::string head = R"({"token":"a)";
+  const std::string text = head + std::string(3 * TokenMask::kMaxBackslashes, '\\') + "b\" c";
+  const std::string expected = R"({"token":")" + std::string(text.size() - head.size() - 2, '*') + "\" c";
+  std::vector<std::size_t> cuts;
+  for (std::size_t cut = 7; cut < text.size(); cut += 997) cuts.push_back(cut);
+  cuts.push_back(text.size());
+  EXPECT_EQ(MaskedInBlocks(text, cuts), expected);
+  TokenMask mask;
+  std::string block = text.substr(0, text.size() - 4);
+  EXPECT_GT(mask.Mask(block.data(), block.size(), false) + TokenMask::kMaxBackslashes, block.size());
 }
 
 }  // namespace

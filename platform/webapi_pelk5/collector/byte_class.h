@@ -1,0 +1,66 @@
+/// Kinds of bytes in logs and configuration files, as a table: a look-up per byte, the same in every locale.
+#pragma once
+
+#include <array>
+#include <string_view>
+
+namespace TARVO::SupportForm {
+
+/// Sets of bytes; they overlap.
+enum ByteClass : unsigned {
+  kBlank = 1U << 0,         ///< Space and tab.
+  kLineEnd = 1U << 1,       ///< "\n" and "\r".
+  kQuote = 1U << 2,         ///< '"' and "'".
+  kUpper = 1U << 3,         ///< A-Z.
+  kLower = 1U << 4,         ///< a-z.
+  kDigit = 1U << 5,         ///< 0-9.
+  kDash = 1U << 6,          ///< '_' and '-'.
+  kDot = 1U << 7,           ///< '.'.
+  kEncoding = 1U << 8,      ///< "~+/=%": with those above, what base64, percent and other encodings use.
+  kPunctuation = 1U << 9,   ///< What may stand directly behind a word of a sentence, brackets and quotes too.
+  kListEnd = 1U << 10,      ///< ',', ']' and '}'.
+  kUrlUserByte = 1U << 11,  ///< What the user's name in a URL may be written with; '@' too.
+  kUrlByte = 1U << 12,      ///< What a URL may be written with, carelessly.
+  kHashSign = 1U << 13,     ///< "./$=,+-".
+  kBase64Sign = 1U << 14,   ///< '+' and '/'.
+  kLowerDigit = kLower | kDigit,
+  kUpperDigit = kUpper | kDigit,
+  kAlnum = kUpper | kLower | kDigit,
+  kIdentifierByte = kAlnum | kDash,
+  kNameByte = kIdentifierByte | kDot,
+  kEncodedByte = kNameByte | kEncoding,
+  kHashByte = kAlnum | kHashSign,
+  kBase64Byte = kAlnum | kBase64Sign,
+};
+
+constexpr std::array<unsigned, 256> MakeByteClasses() {
+  constexpr std::string_view kNoUrl = " \t\r\n\"'<>\\";
+  std::array<unsigned, 256> table = {};
+  for (unsigned byte = 0; byte < table.size(); ++byte) {
+    const char c = static_cast<char>(byte);
+    const auto in = [c](std::string_view bytes, unsigned classes) {
+      return bytes.find(c) == std::string_view::npos ? 0U : classes;
+    };
+    unsigned classes = in(" \t", kBlank) | in("\r\n", kLineEnd) | in("\"'", kQuote) | in("_-", kDash) |
+                       in(".", kDot) | in("~+/=%", kEncoding) | in(",;.)]}\"'!?:<>\\", kPunctuation) |
+                       in(",]}", kListEnd) | in("./$=,+-", kHashSign) | in("+/", kBase64Sign);
+    if (c >= 'A' && c <= 'Z') classes |= kUpper;
+    if (c >= 'a' && c <= 'z') classes |= kLower;
+    if (c >= '0' && c <= '9') classes |= kDigit;
+    if (in(kNoUrl, 1U) == 0) classes |= kUrlByte | (in(":/?#", 1U) == 0 ? kUrlUserByte : 0U);
+    table[byte] = classes;
+  }
+  return table;
+}
+
+inline constexpr std::array<unsigned, 256> kByteClasses = MakeByteClasses();
+
+/// Whether the byte is of one of the classes.
+constexpr bool Is(char byte, unsigned classes) {
+  return (kByteClasses[static_cast<unsigned char>(byte)] & classes) != 0;
+}
+
+/// ASCII only.
+constexpr char ToLower(char byte) { return Is(byte, kUpper) ? static_cast<char>(byte + ('a' - 'A')) : byte; }
+
+}  // namespace TARVO::SupportForm

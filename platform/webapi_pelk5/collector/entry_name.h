@@ -1,0 +1,22 @@
+/// The names of an archive's entries.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace TARVO::SupportForm {
+
+/// A path as a name that every tool and JSON can show: the bytes that are not UTF-8, control characters, quotes and
+/// backslashes become %XX. So does a "%" that two hex digits follow, so that no two paths become the same name.
+[[nodiscard]] std::string PrintablePath(const std::string& path);
+
+/// "apps/APP/files/var/log/x".
+/// @param printable  A PrintablePath().
+[[nodiscard]] std::string FileEntryName(const std::string& app, const std::string& printable);
+/// "apps/APP/commands/01-ls.txt".
+[[nodiscard]] std::string CommandEntryName(const std::string& app, std::size_t number,
+                                           const std::string& program);
+/// "apps/APP/journal/01-ssh.service.txt".
+[[nodiscard]] std::string UnitEntryName(const std::string& app, std::size_t number, const std::string& unit);
+
+}  // namespace TARVO::SupportForm

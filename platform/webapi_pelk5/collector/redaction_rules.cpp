@@ -1,0 +1,164 @@
+#include "redaction_rules.h"
+
+#include <hs.h>
+#include <re2/re2.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <new>
+#include <sstream>
+#include <string_view>
+
+#include "file_util.h"
+#include "secret_finder.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+constexpr const char* kWhatToDo = "; mend the file, or remove it";
+
+/// The text of a compile error, which is freed.
+std::string TakeMessage(hs_compile_error_t* error, int& expression) {
+  std::string message = error->message;
+  expression = error->expression;
+  hs_free_compile_error(error);
+  return message;
+}
+
+/// Reads the pattern file; empty where there is none.
+std::string ReadPatternFile(const std::string& path) {
+  struct stat info = {};
+  // Asked first: a link that leads nowhere is no missing file.
+  if (lstat(path.c_str(), &info) != 0 && errno == ENOENT) return "";
+  std::string text;
+  bool more = false;
+  if (!ReadFileUpTo(path, RedactionRules::kMaxFileBytes, text, more)) {
+    throw RedactionError(path + " can't be read: " + ErrorText(errno) + kWhatToDo);
+  }
+  if (more) {
+    throw RedactionError(path + " is longer than " + std::to_string(RedactionRules::kMaxFileBytes) +
+                         " bytes" + kWhatToDo);
+  }
+  return text;
+}
+
+std::string Trimmed(const std::string& line) {
+  const std::size_t begin = line.find_first_not_of(" \t\r");
+  if (begin == std::string::npos) return "";
+  return line.substr(begin, line.find_last_not_of(" \t\r") + 1 - begin);
+}
+
+/// A pattern and the line that it stands in, from 1.
+struct PatternLine {
+  std::string pattern;
+  unsigned line = 0;
+};
+
+std::vector<PatternLine> PatternLines(const std::string& text) {
+  std::vector<PatternLine> lines;
+  std::istringstream stream(text);
+  std::string line;
+  for (unsigned number = 1; std::getline(stream, line); ++number) {
+    const std::string pattern = Trimmed(line);
+    if (!pattern.empty() && pattern.front() != '#') lines.push_back({pattern, number});
+  }
+  return lines;
+}
+
+[[noreturn]] void Refuse(const std::string& path, unsigned line, const std::string& why) {
+  throw RedactionError(path + ":" + std::to_string(line) + ": " + why + kWhatToDo);
+}
+
+/// Bytes, not characters: logs need not be valid UTF-8.
+std::unique_ptr<re2::RE2> CompileExact(const std::string& path, const PatternLine& line) {
+  re2::RE2::Options options(re2::RE2::Latin1);
+  options.set_log_errors(false);
+  auto pattern = std::make_unique<re2::RE2>(line.pattern, options);
+  if (!pattern->ok()) Refuse(path, line.line, "not a valid pattern: " + pattern->error());
+  if (pattern->NumberOfCapturingGroups() > 1) {
+    Refuse(path, line.line, "more than one group; write (?:...) for all but the one that is to be masked");
+  }
+  if (re2::RE2::PartialMatch("", *pattern)) Refuse(path, line.line, "the pattern matches an empty text");
+  return pattern;
+}
+
+}  // namespace
+
+void RedactionRules::ScratchDeleter::operator()(hs_scratch* scratch) const { hs_free_scratch(scratch); }
+void RedactionRules::DatabaseDeleter::operator()(hs_database* database) const { hs_free_database(database); }
+
+RedactionRules::RedactionRules(const std::string& pattern_file) {
+  if (hs_valid_platform() != HS_SUCCESS) {
+    throw RedactionError("this processor lacks what the pattern matcher needs (SSE4.2 on x86)");
+  }
+  CompileBuiltIn();
+  CompileFile(pattern_file);
+  AddScratchFor(built_in());
+  if (from_file()) AddScratchFor(from_file());
+}
+
+RedactionRules::~RedactionRules() = default;
+
+void RedactionRules::AddScratchFor(const hs_database* database) {
+  hs_scratch_t* scratch = scratch_.release();
+  const hs_error_t result = hs_alloc_scratch(database, &scratch);
+  scratch_.reset(scratch);
+  if (result != HS_SUCCESS) throw std::bad_alloc();
+}
+
+RedactionRules::Scratch RedactionRules::NewScratch() const {
+  hs_scratch_t* scratch = nullptr;
+  if (hs_clone_scratch(scratch_.get(), &scratch) != HS_SUCCESS) throw std::bad_alloc();
+  return Scratch(scratch);
+}
+
+void RedactionRules::CompileBuiltIn() {
+  const std::vector<FixedWord> words = FixedWords();
+  std::vector<const char*> texts;
+  std::vector<std::size_t> lengths;
+  std::vector<unsigned> flags;
+  std::vector<unsigned> numbers;
+  for (const FixedWord& word : words) {
+    numbers.push_back(static_cast<unsigned>(texts.size()));
+    texts.push_back(word.text.data());
+    lengths.push_back(word.text.size());
+    flags.push_back(word.any_case ? HS_FLAG_CASELESS : 0);
+  }
+  hs_database_t* database = nullptr;
+  hs_compile_error_t* error = nullptr;
+  if (hs_compile_lit_multi(texts.data(), flags.data(), numbers.data(), lengths.data(),
+                           static_cast<unsigned>(texts.size()), HS_MODE_BLOCK, nullptr, &database,
+                           &error) != HS_SUCCESS) {
+    int number = 0;
+    throw RedactionError("the built-in rules can't be compiled: " + TakeMessage(error, number));
+  }
+  built_in_.reset(database);
+}
+
+void RedactionRules::CompileFile(const std::string& path) {
+  const std::vector<PatternLine> lines = PatternLines(ReadPatternFile(path));
+  if (lines.empty()) return;
+  if (lines.size() > kMaxPatterns) {
+    Refuse(path, lines[kMaxPatterns].line, "more than " + std::to_string(kMaxPatterns) + " patterns");
+  }
+  std::vector<const char*> texts;
+  std::vector<unsigned> flags;
+  std::vector<unsigned> numbers;
+  for (const PatternLine& line : lines) {
+    patterns_.push_back(CompileExact(path, line));
+    numbers.push_back(static_cast<unsigned>(texts.size()));
+    texts.push_back(line.pattern.c_str());
+    flags.push_back(HS_FLAG_MULTILINE);
+  }
+  hs_database_t* database = nullptr;
+  hs_compile_error_t* error = nullptr;
+  if (hs_compile_multi(texts.data(), flags.data(), numbers.data(), static_cast<unsigned>(texts.size()),
+                       HS_MODE_BLOCK, nullptr, &database, &error) != HS_SUCCESS) {
+    int number = -1;
+    const std::string why = "the pattern can't be searched for: " + TakeMessage(error, number);
+    Refuse(path, number < 0 ? lines.front().line : lines[static_cast<std::size_t>(number)].line, why);
+  }
+  from_file_.reset(database);
+}
+
+}  // namespace TARVO::SupportForm

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+struct hs_database;
+struct hs_scratch;
+namespace re2 {
+class RE2;
+}
+
+namespace TARVO::SupportForm {
+
+/// Text can't be checked for secrets: the rules could not be read or compiled. The text tells why, and what to do.
+class RedactionError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// The patterns that betray a secret, compiled. Made once for a collection; many Redactors may use it, each in
+/// its own thread.
+///
+/// Text is checked in two steps, so that text without secrets costs little: one scan for all rules finds where a
+/// fixed word of the built-in rules or a match of a pattern ends, then the bytes around that place are looked at
+/// exactly.
+class RedactionRules {
+ public:
+  static constexpr std::size_t kMaxFileBytes = std::size_t{256} << 10;  ///< Of the pattern file.
+  static constexpr std::size_t kMaxPatterns = 1000;                     ///< In the pattern file.
+
+  struct ScratchDeleter {
+    void operator()(hs_scratch* scratch) const;
+  };
+  using Scratch = std::unique_ptr<hs_scratch, ScratchDeleter>;
+
+  /// Compiles the built-in rules and the patterns of the file; a file that does not exist adds none.
+  /// @throws RedactionError when a file that exists can't be read, a pattern is not valid, or the machine can't
+  ///         run the matcher. Nothing may be taken for checked then.
+  explicit RedactionRules(const std::string& pattern_file);
+  ~RedactionRules();
+  RedactionRules(const RedactionRules&) = delete;
+  RedactionRules& operator=(const RedactionRules&) = delete;
+
+  /// Finds FixedWords(), each under its number.
+  [[nodiscard]] const hs_database* built_in() const { return built_in_.get(); }
+  /// Finds the patterns of the file, each under its number; null where there are none.
+  [[nodiscard]] const hs_database* from_file() const { return from_file_.get(); }
+  /// Tells the exact place of a match that from_file() found, and of its group.
+  [[nodiscard]] const re2::RE2& pattern(std::size_t number) const { return *patterns_[number]; }
+  [[nodiscard]] std::size_t pattern_count() const { return patterns_.size(); }
+  /// Working memory for scans, about 3 KiB; each thread needs its own.
+  [[nodiscard]] Scratch NewScratch() const;
+
+ private:
+  struct DatabaseDeleter {
+    void operator()(hs_database* database) const;
+  };
+  using Database = std::unique_ptr<hs_database, DatabaseDeleter>;
+
+  void CompileBuiltIn();
+  void CompileFile(const std::string& path);
+  void AddScratchFor(const hs_database* database);
+
+  Database built_in_;
+  Database from_file_;
+  std::vector<std::unique_ptr<re2::RE2>> patterns_;
+  Scratch scratch_;  ///< Large enough for both databases; only cloned.
+};
+
+}  // namespace TARVO::SupportForm

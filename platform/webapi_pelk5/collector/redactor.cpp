@@ -1,0 +1,232 @@
+#include "redactor.h"
+
+#include <hs.h>
+#include <re2/re2.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <string>
+
+#include "byte_class.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+constexpr auto npos = std::string_view::npos;
+
+/// Bytes before and behind a hit that are looked at: for the finder, or for a pattern with a byte more that tells
+/// whether a word or line begins there.
+constexpr std::size_t kReach = kFinderReach + 1;
+/// The longest text form of a private key: of 16,384 bits it has 13 KB, and each of its lines may have a prefix.
+constexpr std::size_t kKeyBytes = std::size_t{32} << 10;
+/// Within so many bytes of a key's first or last line its base64 text has begun: header lines come first.
+constexpr std::size_t kKeyHeadBytes = 512;
+
+/// Masks all but line ends.
+void MaskBytes(char* begin, const char* end) {
+  for (; begin < end; ++begin) {
+    if (!Is(*begin, kLineEnd)) *begin = '*';
+  }
+}
+
+/// What an offset of this block is in the next one.
+std::size_t Carried(std::size_t offset, std::size_t decided) { return offset - std::min(offset, decided); }
+
+}  // namespace
+
+Redactor::Redactor(const RedactionRules* rules) : rules_(rules) {
+  if (!rules_) return;
+  scratch_ = rules_->NewScratch();
+  found_until_.resize(rules_->pattern_count());
+}
+
+Redactor::~Redactor() = default;
+
+std::size_t Redactor::Process(char* data, std::size_t size, bool at_end) {
+  std::size_t decided = rules_ ? FindSecrets({data, size}, at_end) : size;
+  // All secrets are found in the text as it was; only then is it masked.
+  decided = token_mask_.Mask(data, decided, at_end);
+  MaskDecided(data, decided);
+  return decided;
+}
+
+/// Finds the secrets of the block up to the horizon.
+/// @return How much of the block is decided.
+std::size_t Redactor::FindSecrets(std::string_view text, bool at_end) {
+  // Of the text's beginning so much is held back as the rest of a key may fill.
+  const std::size_t least = 2 * kReach + (begun_ ? 0 : kKeyBytes);
+  if (!at_end && text.size() <= least) return 0;
+  text_ = text;
+  at_end_ = at_end;
+  horizon_ = at_end ? text.size() : text.size() - kReach;
+  GoOnWithSecret();
+  Scan(rules_->built_in(), &Redactor::TakeWord);
+  if (rules_->from_file()) Scan(rules_->from_file(), &Redactor::TakePattern);
+  taken_ = horizon_;
+  if (in_key_ && (at_end || key_limit_ <= horizon_)) EndKey(horizon_);
+  return at_end ? text.size() : horizon_ - kReach;
+}
+
+/// Calls `take` with the number and the end of each hit that is due, in the order of their ends.
+void Redactor::Scan(const hs_database* database, void (Redactor::*take)(unsigned, std::size_t)) {
+  if (text_.empty()) return;
+  struct Context {
+    Redactor* self;
+    void (Redactor::*take)(unsigned, std::size_t);
+    std::exception_ptr error;  // Nothing may be thrown through the scanner.
+  } context = {this, take, nullptr};
+  const auto on_hit = [](unsigned number, unsigned long long /*from*/, unsigned long long to,
+                         unsigned /*flags*/, void* data) noexcept {
+    auto& [self, handler, error] = *static_cast<Context*>(data);
+    if (to > self->horizon_) return 1;
+    if (to <= self->taken_) return 0;
+    try {
+      (self->*handler)(number, static_cast<std::size_t>(to));
+    } catch (...) {
+      error = std::current_exception();
+    }
+    return error ? 1 : 0;
+  };
+  const hs_error_t result = hs_scan(database, text_.data(), static_cast<unsigned>(text_.size()), 0,
+                                    scratch_.get(), on_hit, &context);
+  if (context.error) std::rethrow_exception(context.error);
+  if (result != HS_SUCCESS && result != HS_SCAN_TERMINATED) {
+    throw RedactionError("the text can't be searched for secrets, error " + std::to_string(result));
+  }
+}
+
+void Redactor::TakeWord(unsigned word, std::size_t hit) {
+  if (IsKeyMarkerWord(word)) {
+    const std::optional<KeyMarker> marker = FindKeyMarker(text_, hit);
+    if (marker) TakeKeyMarker(*marker);
+  } else if (!open_ && hit > masked_until_) {
+    const std::optional<Secret> secret = FindSecret(word, text_, hit);
+    if (secret) TakeSecret(*secret);
+  }
+}
+
+void Redactor::TakeSecret(const Secret& secret) {
+  std::size_t end = secret.end;
+  if (secret.form != SecretForm::kFixed) {
+    SecretEnd search(secret);
+    end = search.Find(text_, secret.begin);
+    if (end == npos && !at_end_) {
+      open_ = search;
+      open_begin_ = secret.begin;
+      open_until_ = text_.size();
+      ++count_;
+      return;
+    }
+    end = std::min(end, text_.size());
+  }
+  if (end <= secret.begin) return;
+  spans_.push_back({secret.begin, end});
+  masked_until_ = end;
+  ++count_;
+}
+
+/// Looks in this block for the end of a secret that began in a former one.
+void Redactor::GoOnWithSecret() {
+  if (!open_) return;
+  const std::size_t end = open_->Find(text_, open_until_);
+  if (end == npos && !at_end_) {
+    open_until_ = text_.size();
+    return;
+  }
+  masked_until_ = std::min(end, text_.size());
+  spans_.push_back({open_begin_, masked_until_});
+  open_.reset();
+}
+
+void Redactor::TakeKeyMarker(const KeyMarker& marker) {
+  if (in_key_) {
+    EndKey(marker.begin);
+  } else if (!marker.begins_key && !key_seen_ && !begun_ && marker.begin <= kKeyBytes) {
+    // The text begins in the middle of a key.
+    const std::size_t head = std::min(marker.begin, kKeyHeadBytes);
+    if (!HasKeyMaterial(text_.substr(marker.begin - head, head))) return;
+    spans_.push_back({0, marker.begin});
+    ++count_;
+  }
+  key_seen_ = true;
+  if (marker.begins_key && HasKeyMaterial(text_.substr(marker.end, kKeyHeadBytes))) {
+    in_key_ = true;
+    key_begin_ = marker.end;
+    key_limit_ = marker.end + kKeyBytes;
+    ++count_;
+  }
+}
+
+void Redactor::EndKey(std::size_t end) {
+  spans_.push_back({key_begin_, std::min(end, key_limit_)});
+  in_key_ = false;
+}
+
+/// Finds all matches of a pattern in the line around a hit; of a long line, in what may hold a match there.
+void Redactor::TakePattern(unsigned number, std::size_t hit) {
+  if (hit <= found_until_[number]) return;
+  const std::size_t reach_begin = hit - std::min(hit, kFinderReach);
+  const std::size_t line = text_.substr(reach_begin, hit - reach_begin).rfind('\n');
+  const std::size_t line_end = text_.substr(hit, kFinderReach).find('\n');
+  const std::size_t begin = line == npos ? reach_begin : reach_begin + line + 1;
+  const std::size_t end = line_end == npos ? std::min(hit + kFinderReach, text_.size()) : hit + line_end;
+  found_until_[number] = end;
+  // A byte more where the line goes on, so that "^", "$" and "\b" don't take its cut for an end.
+  const bool cut_begin = line == npos && begin > 0;
+  const bool cut_end = line_end == npos && end < text_.size();
+  const std::size_t context = begin - (cut_begin ? 1 : 0);
+  const re2::StringPiece window(text_.data() + context, end + (cut_end ? 1 : 0) - context);
+  const re2::RE2& pattern = rules_->pattern(number);
+  std::array<re2::StringPiece, 2> groups;
+  std::size_t at = begin - context;
+  while (at <= end - context && pattern.Match(window, at, end - context, re2::RE2::UNANCHORED, groups.data(),
+                                              1 + pattern.NumberOfCapturingGroups())) {
+    const re2::StringPiece& secret = groups[1].data() ? groups[1] : groups[0];
+    const auto secret_begin = static_cast<std::size_t>(secret.data() - text_.data());
+    if (!secret.empty()) {
+      spans_.push_back({secret_begin, secret_begin + secret.size()});
+      ++count_;
+    }
+    const auto match_end = static_cast<std::size_t>(groups[0].data() - window.data()) + groups[0].size();
+    at = std::max(match_end, at + 1);
+  }
+}
+
+/// Masks what is decided, and turns the offsets of what is not into those of the next block.
+void Redactor::MaskDecided(char* data, std::size_t decided) {
+  for (const Span& span : spans_) MaskBytes(data + span.begin, data + std::min(span.end, decided));
+  if (open_) MaskBytes(data + open_begin_, data + decided);
+  if (in_key_) MaskBytes(data + key_begin_, data + decided);
+  spans_.erase(
+      std::remove_if(spans_.begin(), spans_.end(), [&](const Span& span) { return span.end <= decided; }),
+      spans_.end());
+  for (Span& span : spans_) span = {Carried(span.begin, decided), Carried(span.end, decided)};
+  for (std::size_t* offset :
+       {&taken_, &masked_until_, &open_begin_, &open_until_, &key_begin_, &key_limit_}) {
+    *offset = Carried(*offset, decided);
+  }
+  for (std::size_t& offset : found_until_) offset = Carried(offset, decided);
+  begun_ = begun_ || decided > 0;
+}
+
+bool LooksLikeText(std::string_view head) {
+  constexpr std::size_t kPadding = 16;
+  if (head.substr(0, 2) == "\xff\xfe" || head.substr(0, 2) == "\xfe\xff") return false;
+  std::size_t nuls = 0;
+  std::size_t controls = 0;
+  for (std::size_t at = 0; at < head.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(head[at]);
+    if (byte == 0) {
+      const std::size_t end = std::min(head.find_first_not_of('\0', at), head.size());
+      if (end - at < kPadding) return false;
+      nuls += end - at;
+      at = end - 1;
+    } else if (byte == 0x7f || (byte < 0x20 && std::string_view("\t\n\v\f\r\b\x1b").find(head[at]) == npos)) {
+      ++controls;
+    }
+  }
+  return (head.empty() || nuls < head.size()) && controls * 50 <= head.size();
+}
+
+}  // namespace TARVO::SupportForm

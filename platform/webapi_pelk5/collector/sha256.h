@@ -1,0 +1,29 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+struct evp_md_st;
+struct evp_md_ctx_st;
+
+namespace TARVO::SupportForm {
+
+/// SHA-256 of one text after another. Made once for many: looking the algorithm up costs more than a small text.
+class Sha256 {
+ public:
+  /// @throws std::runtime_error when the system's cryptographic library does not provide it; so do the others.
+  Sha256();
+
+  /// Takes the next bytes of the text.
+  void Add(std::string_view bytes);
+  /// Ends the text; the next one begins.
+  /// @return Its digest in lower-case hex digits.
+  std::string Finish();
+
+ private:
+  std::unique_ptr<evp_md_st, void (*)(evp_md_st*)> algorithm_;
+  std::unique_ptr<evp_md_ctx_st, void (*)(evp_md_ctx_st*)> context_;
+};
+
+}  // namespace TARVO::SupportForm

@@ -1,0 +1,125 @@
+#include "audit_log.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <thread>
+
+#include "support_log_fixture.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+using testing::HasSubstr;
+
+AuditRecord Record() {
+  AuditRecord record;
+  record.time = 1715000000;
+  record.task_id = "0123456789abcdef0123456789abcdef";
+  record.app_list = ParseJson(R"(["mail", "web"])");
+  record.archive.size = 4711;
+  record.archive.sha256 = "5d41";
+  record.archive.redacted = 3;
+  return record;
+}
+
+unsigned ModeOf(const fs::path& path) {
+  struct stat status = {};
+  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+  return status.st_mode & 07777U;
+}
+
+class AuditLogTest : public SupportLogTest {
+ protected:
+  fs::path log_ = folder_ / "audit.log";
+};
+
+TEST(AuditLineTest, TellsTimeApplicationsSizeAndSum) {
+  const std::string line = AuditLine(Record());
+  EXPECT_EQ(line.find('\n'), line.size() - 1);
+  const Json::Value value = ParseJson(line);
+  EXPECT_EQ(value["time"], "2024-05-06T12:53:20Z");
+  EXPECT_EQ(value["for"], "ticket");
+  EXPECT_EQ(value["task_id"], "0123456789abcdef0123456789abcdef");
+  EXPECT_EQ(value["apps"], ParseJson(R"(["mail", "web"])"));
+  EXPECT_EQ(value["size"].asUInt64(), 4711U);
+  EXPECT_EQ(value["sha256"], "5d41");
+  EXPECT_EQ(value["redaction"], true);
+  EXPECT_EQ(value["redacted"].asUInt64(), 3U);
+}
+
+TEST(AuditLineTest, CollectionFromTheCommandLineHasNoTask) {
+  AuditRecord record = Record();
+  record.task_id.clear();
+  record.redaction = false;
+  const Json::Value value = ParseJson(AuditLine(record));
+  EXPECT_EQ(value["for"], "command line");
+  EXPECT_FALSE(value.isMember("task_id"));
+  EXPECT_EQ(value["redaction"], false);
+}
+
+TEST(AuditLineTest, WhatIsNoApplicationNameIsCountedAndNotQuoted) {
+  AuditRecord record = Record();
+  record.app_list = ParseJson(R"(["mail", {"token": "secret"}, "token: secret\n", 7])");
+  const std::string line = AuditLine(record);
+  EXPECT_THAT(line, testing::Not(HasSubstr("secret")));
+  EXPECT_EQ(ParseJson(line)["apps"], ParseJson(R"(["mail"])"));
+  EXPECT_EQ(ParseJson(line)["no_app_names"].asUInt64(), 3U);
+}
+
+TEST_F(AuditLogTest, LinesAreAppendedToAFileOfTheOwnersAlone) {
+  AppendAuditLine(log_, 100, "one\n");
+  AppendAuditLine(log_, 100, "two\n");
+  EXPECT_EQ(ReadText(log_), "one\ntwo\n");
+  EXPECT_EQ(ModeOf(log_), 0600U);
+}
+
+TEST_F(AuditLogTest, LogThatOthersMayReadIsClosedToThem) {
+  WriteText(log_, "old\n");
+  fs::permissions(log_, static_cast<fs::perms>(0644));
+  AppendAuditLine(log_, 100, "new\n");
+  EXPECT_EQ(ReadText(log_), "old\nnew\n");
+  EXPECT_EQ(ModeOf(log_), 0600U);
+}
+
+TEST_F(AuditLogTest, LogThatWouldPassItsLimitIsKeptAndANewOneBegun) {
+  const fs::path kept = log_.string() + ".1";
+  for (const char* line : {"1234\n", "5678\n", "abcd\n"}) AppendAuditLine(log_, 10, line);
+  EXPECT_EQ(ReadText(kept), "1234\n5678\n");
+  EXPECT_EQ(ReadText(log_), "abcd\n");
+  for (const char* line : {"efgh\n", "ijkl\n"}) AppendAuditLine(log_, 10, line);
+  EXPECT_EQ(ReadText(kept), "abcd\nefgh\n");
+  EXPECT_EQ(ReadText(log_), "ijkl\n");
+}
+
+TEST_F(AuditLogTest, LineLongerThanTheLimitIsWrittenAllTheSame) {
+  AppendAuditLine(log_, 3, "1234\n");
+  EXPECT_EQ(ReadText(log_), "1234\n");
+}
+
+TEST_F(AuditLogTest, WritersAtTheSameTimeLoseNoLineAtTheRotation) {
+  constexpr int kLines = 200;
+  const auto write = [&](const std::string& line) {
+    for (int i = 0; i < kLines; ++i) AppendAuditLine(log_, kLines * 5, line);
+  };
+  std::thread one(write, "aaaa\n");
+  std::thread two(write, "bbbb\n");
+  one.join();
+  two.join();
+  const std::string text = ReadText(log_.string() + ".1") + ReadText(log_);
+  EXPECT_EQ(std::count(text.begin(), text.end(), 'a'), 4 * kLines);
+  EXPECT_EQ(std::count(text.begin(), text.end(), 'b'), 4 * kLines);
+}
+
+TEST_F(AuditLogTest, LinkInTheLogsPlaceIsNotFollowed) {
+  WriteText(data_ / "other", "intact");
+  fs::create_symlink(data_ / "other", log_);
+  EXPECT_THAT([&] { AppendAuditLine(log_, 100, "line\n"); },
+              testing::ThrowsMessage<std::runtime_error>(HasSubstr("audit.log can't be written")));
+  EXPECT_EQ(ReadText(data_ / "other"), "intact");
+}
+
+}  // namespace
+}  // namespace TARVO::SupportForm

@@ -1,0 +1,168 @@
+#include "redaction_rules.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+
+#include "redactor.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::HasSubstr;
+
+class RedactionRulesTest : public testing::Test {
+ protected:
+  RedactionRulesTest() {
+    std::string name = fs::temp_directory_path() / "redaction.XXXXXX";
+    folder_ = mkdtemp(name.data());
+    path_ = folder_ / "patterns";
+  }
+  ~RedactionRulesTest() override { fs::remove_all(folder_); }
+  RedactionRulesTest(const RedactionRulesTest&) = delete;
+  RedactionRulesTest& operator=(const RedactionRulesTest&) = delete;
+
+  void Write(const std::string& text) const { std::ofstream(path_) << text; }
+
+  [[nodiscard]] std::string Redacted(std::string text) const {
+    const RedactionRules rules(path_);
+    Redactor redactor(&rules);
+    EXPECT_EQ(redactor.Process(text.data(), text.size(), true), text.size());
+    return text;
+  }
+
+  /// What is wrong with the file; empty if nothing.
+  [[nodiscard]] std::string Complaint() const {
+    try {
+      const RedactionRules rules(path_);
+    } catch (const RedactionError& error) {
+      return error.what();
+    }
+    return "";
+  }
+
+  fs::path folder_;
+  std::string path_;
+};
+
+TEST_F(RedactionRulesTest, WithoutAFileTheBuiltInRulesHold) {
+  EXPECT_EQ(Redacted("x password=abc serial 12345678"), "x password=*** serial 12345678");
+}
+
+TEST_F(RedactionRulesTest, MasksMatchesOfTheFilesPatternsToo) {
+  Write("# numbers of our devices\n\n  SN-\\d{4}  \r\n(?i)customer: (\\w+)\n");
+  EXPECT_EQ(Redacted("SN-1234 SN-12 password=abc\nCustomer: Miller, SN-9876\n"),
+            "******* SN-12 password=***\nCustomer: ******, *******\n");
+}
+
+TEST_F(RedactionRulesTest, EachMatchOfAPatternCountsOnce) {
+  Write("id=\\w{1,40}\n");
+  const RedactionRules rules(path_);
+  Redactor redactor(&rules);
+  std::string text = "id=abcdef, id=ghijkl\nid=mno\n";
+  EXPECT_EQ(redactor.Process(text.data(), text.size(), true), text.size());
+  EXPECT_EQ(redactor.count(), 3U);
+}
+
+TEST_F(RedactionRulesTest, AFileOfCommentsAddsNothing) {
+  Write("# nothing\n\n");
+  EXPECT_EQ(Redacted("nothing"), "nothing");
+}
+
+TEST_F(RedactionRulesTest, PatternsSeeTheLineAsItIs) {
+  Write("^begin\\b\nend\\r?$\n");
+  EXPECT_EQ(Redacted("begin end begin end\r\nbegin\nxbegin beginx endx\nend"),
+            "***** end begin ***\r\n*****\nxbegin beginx endx\n***");
+}
+
+TEST_F(RedactionRulesTest, PatternsAreOfBytes) {
+  Write("n\xc3\xa4me=.\n");
+  EXPECT_EQ(Redacted("\xff n\xc3\xa4me=\xfe!"), "\xff *******!");
+}
+
+TEST_F(RedactionRulesTest, PatternsDoNotTakeTheCutOfALongLineForItsEnd) {
+  Write("^b+\nz+$\n\\bword\\b\n");
+  const std::string text = std::string(100'000, 'b') + " " + std::string(100'000, 'z') + "! aword word";
+  const std::string redacted = Redacted(text);
+  // A match is found whole up to 4,096 bytes; a longer one is found up to there.
+  EXPECT_EQ(redacted.find('z'), 100'001U);
+  EXPECT_EQ(redacted.substr(100'001), std::string(100'000, 'z') + "! aword ****");
+}
+
+TEST_F(RedactionRulesTest, PatternsFindTheSameHoweverTheTextIsCut) {
+  Write("serial \\d{8}\nid=(\\w{1,40})\n");
+  std::mt19937 random(3);
+  std::string text;
+  while (text.size() < 200'000) {
+    text +=
+        random() % 3 == 0 ? "serial 12345678 id=abc" + std::to_string(random() % 1000) : "some other words";
+    text += random() % 20 == 0 ? "\n" : " ";
+    if (random() % 1000 == 0) text.append(random() % 15'000, 'x');
+  }
+  const RedactionRules rules(path_);
+  const std::string whole = Redacted(text);
+  ASSERT_EQ(whole.find("serial 1"), std::string::npos);
+  ASSERT_EQ(whole.find("id=a"), std::string::npos);
+  Redactor redactor(&rules);
+  std::string out;
+  std::string block;
+  for (std::size_t at = 0; at < text.size();) {
+    const std::string piece = text.substr(at, random() % 9'000);
+    at += piece.size();
+    block += piece;
+    const std::size_t decided = redactor.Process(block.data(), block.size(), at == text.size());
+    out += block.substr(0, decided);
+    block.erase(0, decided);
+  }
+  EXPECT_TRUE(out == whole);
+}
+
+TEST_F(RedactionRulesTest, ABrokenPatternIsToldByItsLine) {
+  Write("good\n# a comment\nbro(ken\n");
+  EXPECT_THAT(Complaint(),
+              AllOf(HasSubstr(path_ + ":3: not a valid pattern: missing )"), HasSubstr("mend the file")));
+}
+
+TEST_F(RedactionRulesTest, APatternThatMatchesNothingAtAllIsRefused) {
+  Write("good\nx*\n");
+  EXPECT_THAT(Complaint(), HasSubstr(path_ + ":2: the pattern matches an empty text"));
+}
+
+TEST_F(RedactionRulesTest, MoreThanOneGroupIsRefused) {
+  Write("(a)(b)\n");
+  EXPECT_THAT(Complaint(), HasSubstr(path_ + ":1: more than one group"));
+}
+
+TEST_F(RedactionRulesTest, APatternThatOnlyTheMatcherRefusesIsToldByItsLine) {
+  Write("good\n(?U)a+b\n");
+  EXPECT_THAT(Complaint(), HasSubstr(path_ + ":2: the pattern can't be searched for"));
+}
+
+TEST_F(RedactionRulesTest, TooManyPatternsAreRefused) {
+  std::string text;
+  for (std::size_t i = 0; i <= RedactionRules::kMaxPatterns; ++i) text += "x\n";
+  Write(text);
+  EXPECT_THAT(Complaint(), HasSubstr(path_ + ":1001: more than 1000 patterns"));
+}
+
+TEST_F(RedactionRulesTest, AFileThatIsTooLongIsRefused) {
+  Write(std::string(RedactionRules::kMaxFileBytes + 1, '#'));
+  EXPECT_THAT(Complaint(), HasSubstr("is longer than 262144 bytes"));
+}
+
+TEST_F(RedactionRulesTest, AFileThatCannotBeReadIsNoMissingFile) {
+  fs::create_directory(path_);
+  EXPECT_THAT(Complaint(), HasSubstr(path_ + " can't be read"));
+  fs::remove(path_);
+  fs::create_symlink("nowhere", path_);
+  EXPECT_THAT(Complaint(), HasSubstr(path_ + " can't be read"));
+}
+
+}  // namespace
+}  // namespace TARVO::SupportForm

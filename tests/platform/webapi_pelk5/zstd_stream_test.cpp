@@ -1,0 +1,150 @@
+#include "zstd_stream.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sched.h>
+#include <zstd.h>
+
+#include <algorithm>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "support_log_fixture.h"
+#include "unique_fd.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+std::string RandomBytes(std::size_t count) {
+  std::mt19937 random(1);
+  std::string bytes(count, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return bytes;
+}
+
+class ZstdStreamTest : public SupportLogTest {
+ protected:
+  ZstdStreamTest() : fd_(open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)) {}
+
+  /// What the file holds, decompressed in one piece of `size` bytes.
+  std::string Decompressed(std::size_t size) const {
+    const std::string file = ReadText(path_);
+    std::string text(size + 1, '\0');
+    const std::size_t count = ZSTD_decompress(text.data(), text.size(), file.data(), file.size());
+    EXPECT_FALSE(ZSTD_isError(count)) << ZSTD_getErrorName(count);
+    text.resize(ZSTD_isError(count) ? 0 : count);
+    return text;
+  }
+
+  fs::path path_ = folder_ / "stream";
+  UniqueFd fd_;
+};
+
+TEST_F(ZstdStreamTest, PiecesOfAllSizesComeBackInTheirOrder) {
+  const std::string bytes = RandomBytes(5'000'000);
+  ZstdStream stream(fd_.get(), 1);
+  std::string_view left = bytes;
+  for (std::size_t step = 1; !left.empty(); step = step * 3 % 300'007) {
+    stream.Write(left.substr(0, step));
+    left.remove_prefix(std::min(step, left.size()));
+  }
+  stream.End();
+  EXPECT_TRUE(Decompressed(bytes.size()) == bytes);
+}
+
+TEST_F(ZstdStreamTest, SizeAndSumAreThoseOfTheFile) {
+  ZstdStream stream(fd_.get(), 1);
+  stream.Write(std::string(3'000'000, 'a') + RandomBytes(1'000'000));
+  stream.End();
+  EXPECT_EQ(stream.size(), fs::file_size(path_));
+  EXPECT_EQ(stream.Sum(), Sha256Of(ReadText(path_)));
+}
+
+TEST_F(ZstdStreamTest, FrameCarriesAChecksum) {
+  ZstdStream stream(fd_.get(), 1);
+  stream.Write("some text");
+  stream.End();
+  std::string file = ReadText(path_);
+  file.back() = static_cast<char>(file.back() ^ 1);
+  std::string text(100, '\0');
+  EXPECT_STREQ(ZSTD_getErrorName(ZSTD_decompress(text.data(), text.size(), file.data(), file.size())),
+               "Restored data doesn't match checksum");
+}
+
+TEST_F(ZstdStreamTest, EmptyStreamIsAValidFrame) {
+  ZstdStream stream(fd_.get(), 1);
+  stream.End();
+  EXPECT_EQ(Decompressed(0), "");
+}
+
+TEST_F(ZstdStreamTest, GrowthBoundHoldsForWhatCanNotBeCompressed) {
+  const std::string bytes = RandomBytes(1'000'000);
+  ZstdStream stream(fd_.get(), 1);
+  std::vector<std::uint64_t> bounds;
+  for (int i = 0; i < 40; ++i) {
+    bounds.push_back(fs::file_size(path_) + stream.GrowthBound((40 - i) * bytes.size()));
+    stream.Write(bytes);
+  }
+  bounds.push_back(fs::file_size(path_) + stream.GrowthBound(0));
+  stream.End();
+  EXPECT_LE(stream.size(), *std::min_element(bounds.begin(), bounds.end()));
+}
+
+TEST_F(ZstdStreamTest, ProcessWithOneCoreStartsNoThread) {
+  std::size_t threads = 0;
+  std::thread pinned([&] {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    const auto count = [] {
+      return static_cast<std::size_t>(
+          std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
+    };
+    const std::size_t before = count();
+    ZstdStream stream(fd_.get(), 1);
+    stream.Write(std::string(9'000'000, 'a'));
+    threads = count() - before;
+    stream.End();
+  });
+  pinned.join();
+  EXPECT_EQ(threads, 0U);
+  EXPECT_EQ(Decompressed(9'000'000), std::string(9'000'000, 'a'));
+}
+
+TEST_F(ZstdStreamTest, FullDiskIsAnErrorThatNamesItsCause) {
+  const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+  ZstdStream stream(full.get(), 1);
+  stream.Write("text");
+  EXPECT_THAT([&] { stream.End(); },
+              testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr("No space left on device")));
+}
+
+TEST_F(ZstdStreamTest, FullDiskIsFoundWhileWritingToo) {
+  const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+  const std::string bytes = RandomBytes(1'000'000);
+  ZstdStream stream(full.get(), 1);
+  EXPECT_THAT(
+      [&] {
+        for (int i = 0; i < 40; ++i) stream.Write(bytes);
+      },
+      testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr("No space left on device")));
+}
+
+TEST_F(ZstdStreamTest, StreamThatIsNotEndedStopsItsThreads) {
+  const auto threads = [] {
+    return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+  };
+  const auto before = threads();
+  {
+    ZstdStream stream(fd_.get(), 1);
+    stream.Write(RandomBytes(5'000'000));
+  }
+  EXPECT_TRUE(WaitUntil([&] { return threads() == before; }));
+}
+
+}  // namespace
+}  // namespace TARVO::SupportForm
