@@ -12,7 +12,7 @@ namespace TarvoOrvane::Internal {
 /// which stand in the same field.
 enum class ClientError : std::int32_t {
   kBadAddress = 1001,  ///< The configured address can't be used.
-  kBadCertificates,    ///< The root certificates can't be read.
+  kBadTlsFiles,        ///< A TLS file can't be used.
   kStopped,            ///< SIGTERM ended the call.
   kStreamClosed,       ///< The server ended the stream without an error.
   kUndecodable,        ///< The server sent a message that is none of the protocol's.

@@ -1,34 +1,59 @@
 // The curl helpers. Run in the transmission child. What every transfer of the daemon has in common besides
 // the daemon's own options is set here: TLS is verified, http and https only, no redirects, no proxies, no
 // signals, no .netrc.
-#include <curl/curl.h>
+#include "curl_helpers.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <strings.h>
+#include <sys/auxv.h>
+#include <sys/socket.h>
+#include <syslog.h>
+
+#include <algorithm>
 #include <new>
 #include <stdexcept>
-#include <string>
 
 #include "library_log.h"
-#include "platform/support_service_client.h"
+#include "tls_files.h"
 
-namespace TarvoOrvane::Utils {
+namespace TarvoOrvane {
 namespace {
+
+using Utils::CurlFailedException;
+using Utils::CurlHandle;
 
 constexpr size_t kMaxErrorText = 2UL * CURL_ERROR_SIZE;
 
+/// libcurl's greatest. At its default of 64 KiB an upload spends half of its time between the chunks.
+constexpr long kUploadBufferBytes = 2L << 20;
+
+/// The system's roots as a folder of hashed names: only those that are needed are read. The one file that
+/// holds them all, which libcurl would take by default, costs 27 ms to parse.
+constexpr char kSystemRootsFolder[] = "/etc/ssl/certs";
+
+/// AES with the shorter key first where the processor has instructions for it, ChaCha20 where it hasn't.
+constexpr char kCiphersForAesHardware[] =
+    "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256";
+
 template <typename Value>
-void SetOption(CurlHandle& handle, const char* name, CURLoption option, Value value) {
+void SetOption(const CurlHandle& handle, const char* name, CURLoption option, Value value) {
   const CURLcode code = curl_easy_setopt(handle.get(), option, value);
-  if (code != CURLE_OK) throw CurlFailedException(code, std::string("CurlSetupWriteToString: ") + name);
+  if (code != CURLE_OK) throw CurlFailedException(code, std::string("Setting ") + name + " failed");
 }
 #define SET_OPTION(handle, option, value) SetOption(handle, #option, option, value)
+#define SET_PEM(handle, option, pem) SetPem(handle, #option, option, pem)
 
+/// Appends what the string still may take.
 size_t AppendToString(char* data, size_t size, size_t count, void* out) {
+  auto& text = *static_cast<std::string*>(out);
   try {
-    static_cast<std::string*>(out)->append(data, size * count);
+    const size_t room = Internal::kMaxAnswerBytes - std::min(text.size(), Internal::kMaxAnswerBytes);
+    text.append(data, std::min(size * count, room));
+    return std::min(size * count, room);  // less than came ends the transfer with a write error
   } catch (const std::exception&) {
-    return 0;  // out of memory; libcurl ends the transfer with a write error
+    return 0;  // out of memory; the same
   }
-  return size * count;
 }
 
 void CheckHandle(const CurlHandle& handle, const char* caller) {
@@ -37,33 +62,117 @@ void CheckHandle(const CurlHandle& handle, const char* caller) {
   }
 }
 
+/// libcurl calls it for each new socket, before it connects.
+int PrepareSocket(void*, curl_socket_t socket, curlsocktype) {
+  return Internal::LimitDeadPeer(socket, Internal::kDeadPeerLimit) ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
+}
+
+bool HasAesHardware() {
+#if defined(__x86_64__)
+  return __builtin_cpu_supports("aes") != 0;
+#elif defined(__aarch64__)
+  return (getauxval(AT_HWCAP) & HWCAP_AES) != 0;
+#else
+  return false;
+#endif
+}
+
+bool IsPlaintext(const CurlHandle& handle) {
+  const char* url = nullptr;
+  curl_easy_getinfo(handle.get(), CURLINFO_EFFECTIVE_URL, &url);
+  return url != nullptr && strncasecmp(url, "http://", 7) == 0;
+}
+
+/// Gives libcurl a PEM text, or takes back the one of the former attempt.
+void SetPem(const CurlHandle& handle, const char* name, CURLoption option, const std::string& pem) {
+  // libcurl copies it in any case; it has no way to take a pointer to constant data.
+  curl_blob blob{const_cast<char*>(pem.data()), pem.size(), CURL_BLOB_COPY};
+  SetOption(handle, name, option, pem.empty() ? nullptr : &blob);
+}
+
+void SetTlsFiles(const CurlHandle& handle, const std::string& folder) {
+  Internal::TlsFiles files;
+  const auto problems = Internal::LoadTlsFiles(folder, files);
+  for (const auto& problem : problems) Internal::LogLine(LOG_ERR, problem);
+  if (!problems.empty()) {
+    throw CurlFailedException(CURLE_SSL_CERTPROBLEM,
+                              "CurlPerform: No connection was tried, the TLS files in " + folder +
+                                  " can't be used: " + problems.front());
+  }
+  SET_PEM(handle, CURLOPT_CAINFO_BLOB, files.authorities);
+  SET_PEM(handle, CURLOPT_SSLCERT_BLOB, files.client_certificate);
+  SET_PEM(handle, CURLOPT_SSLKEY_BLOB, files.client_key);
+  SET_OPTION(handle, CURLOPT_CAPATH, files.authorities.empty() ? kSystemRootsFolder : nullptr);
+}
+
+bool AnswerIsFull(const CurlHandle& handle) {
+  const std::string* answer = nullptr;
+  curl_easy_getinfo(handle.get(), CURLINFO_PRIVATE, &answer);
+  return answer != nullptr && answer->size() >= Internal::kMaxAnswerBytes;
+}
+
+std::string FailureText(const CurlHandle& handle, CURLcode code, const char* detail) {
+  std::string text = std::string("CurlPerform: ") + curl_easy_strerror(code);
+  if (detail[0] != '\0') text += ": " + Internal::MakePrintable(detail, kMaxErrorText);
+  if (code == CURLE_WRITE_ERROR && AnswerIsFull(handle)) {
+    text += ": the answer, with those of earlier attempts, is longer than " +
+            std::to_string(Internal::kMaxAnswerBytes) + " bytes and was cut off";
+  }
+  return text;
+}
+
 }  // namespace
+
+bool Internal::LimitDeadPeer(int socket, std::chrono::seconds limit) {
+  constexpr int kProbes = 4;  // in the second half of the limit
+  const auto seconds = static_cast<int>(limit.count());
+  const auto set = [socket](int level, int option, int value) {
+    return setsockopt(socket, level, option, &value, sizeof value) == 0;
+  };
+  return set(SOL_SOCKET, SO_KEEPALIVE, 1) && set(IPPROTO_TCP, TCP_KEEPIDLE, seconds / 2) &&
+         set(IPPROTO_TCP, TCP_KEEPINTVL, std::max(1, seconds / 2 / kProbes)) &&
+         set(IPPROTO_TCP, TCP_KEEPCNT, kProbes) && set(IPPROTO_TCP, TCP_USER_TIMEOUT, seconds * 1000);
+}
+
+void Internal::PerformTransfer(CurlHandle& handle, const std::string& tls_folder) {
+  if (!IsPlaintext(handle)) SetTlsFiles(handle, tls_folder);
+  char detail[CURL_ERROR_SIZE] = "";
+  curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, detail);
+  const CURLcode code = curl_easy_perform(handle.get());
+  curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, nullptr);
+  if (code != CURLE_OK) throw CurlFailedException(code, FailureText(handle, code, detail));
+}
+
+namespace Utils {
 
 void CurlSetupWriteToString(CurlHandle& handle, std::string& out) {
   CheckHandle(handle, "CurlSetupWriteToString");
   SET_OPTION(handle, CURLOPT_WRITEFUNCTION, &AppendToString);
   SET_OPTION(handle, CURLOPT_WRITEDATA, static_cast<void*>(&out));
+  SET_OPTION(handle, CURLOPT_PRIVATE, static_cast<void*>(&out));
   SET_OPTION(handle, CURLOPT_NOSIGNAL, 1L);
   SET_OPTION(handle, CURLOPT_PROTOCOLS_STR, "http,https");
   SET_OPTION(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   SET_OPTION(handle, CURLOPT_DEFAULT_PROTOCOL, "https");
   SET_OPTION(handle, CURLOPT_PROXY, "");
   SET_OPTION(handle, CURLOPT_FOLLOWLOCATION, 0L);
+  SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   SET_OPTION(handle, CURLOPT_SSL_VERIFYPEER, 1L);
   SET_OPTION(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+  SET_OPTION(handle, CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+  SET_OPTION(handle, CURLOPT_CAPATH, kSystemRootsFolder);
   SET_OPTION(handle, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
+  SET_OPTION(handle, CURLOPT_SOCKOPTFUNCTION, &PrepareSocket);
+  // The request still says that it would wait for "100 Continue", but it doesn't: a server that refuses an
+  // upload says so at any time, and libcurl stops sending then.
+  SET_OPTION(handle, CURLOPT_EXPECT_100_TIMEOUT_MS, 0L);
+  SET_OPTION(handle, CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferBytes);
+  if (HasAesHardware()) SET_OPTION(handle, CURLOPT_TLS13_CIPHERS, kCiphersForAesHardware);
 }
 
 void CurlPerform(CurlHandle& handle) {
   CheckHandle(handle, "CurlPerform");
-  char detail[CURL_ERROR_SIZE] = "";
-  curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, detail);
-  const CURLcode code = curl_easy_perform(handle.get());
-  curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, nullptr);
-  if (code == CURLE_OK) return;
-  std::string message = std::string("CurlPerform: ") + curl_easy_strerror(code);
-  if (detail[0] != '\0') message += ": " + Internal::MakePrintable(detail, kMaxErrorText);
-  throw CurlFailedException(code, message);
+  Internal::PerformTransfer(handle, Internal::kTlsFolder);
 }
 
 void CurlSlistAppend(CurlHeaderList& list, const std::string& line) {
@@ -102,4 +211,5 @@ void CurlHttpPostAdd(CurlHttpPost& form, const std::string& name, const CURLform
   }
 }
 
-}  // namespace TarvoOrvane::Utils
+}  // namespace Utils
+}  // namespace TarvoOrvane

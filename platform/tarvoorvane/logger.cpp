@@ -1,6 +1,7 @@
 #include "logger.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -9,7 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <limits>
+#include <mutex>
 
 #include "library_log.h"
 #include "platform/support_service_client.h"
@@ -52,8 +53,54 @@ ScopedFd OpenLogFile(const std::string& path) {
   return file;
 }
 
-/// The one logger object. It has no lock: a line is one write(), and a new file takes the old one's descriptor
-/// number atomically.
+/// What became of a line that was written to a file.
+enum class Outcome {
+  kKept,
+  kKeptAndFull,
+  kGone,    ///< The file has no name any more: it was renamed twice, or removed, since it was opened.
+  kFailed,  ///< It could not be written whole.
+};
+
+Outcome Append(int fd, const std::string& line, size_t max_file_bytes) {
+  struct stat status {};
+  if (TEMP_FAILURE_RETRY(write(fd, line.data(), line.size())) != static_cast<ssize_t>(line.size()) ||
+      fstat(fd, &status) != 0) {
+    return Outcome::kFailed;
+  }
+  if (!S_ISREG(status.st_mode) || status.st_nlink == 0) return Outcome::kGone;
+  return static_cast<size_t>(status.st_size) < max_file_bytes ? Outcome::kKept : Outcome::kKeptAndFull;
+}
+
+/// Whether `path` still names the open file.
+bool IsNamed(int fd, const std::string& path) {
+  struct stat open_file {};
+  struct stat named_file {};
+  return fstat(fd, &open_file) == 0 && lstat(path.c_str(), &named_file) == 0 &&
+         open_file.st_dev == named_file.st_dev && open_file.st_ino == named_file.st_ino;
+}
+
+/// Renames the full file, unless another process is about to or has done so. Nobody waits for the lock, so that a
+/// process that is stopped while it holds it stops no other.
+void RenameFullFile(const ScopedFd& file, const std::string& path) {
+  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) return;
+  if (IsNamed(file.get(), path)) (void)rename(path.c_str(), (path + ".1").c_str());
+  (void)flock(file.get(), LOCK_UN);
+}
+
+/// The file to go on with: the one that `path` names, or a new one in the place of a full one.
+/// @return None when it can't be opened.
+ScopedFd OpenSuccessor(const std::string& path, size_t max_file_bytes) {
+  ScopedFd file = OpenLogFile(path);
+  struct stat status {};
+  if (!file || fstat(file.get(), &status) != 0 || static_cast<size_t>(status.st_size) < max_file_bytes) {
+    return file;
+  }
+  RenameFullFile(file, path);
+  return OpenLogFile(path);
+}
+
+/// The one logger object. Writing takes no lock: each line has its own duplicate of the descriptor, so that it is
+/// known which file took it, whatever other threads do meanwhile.
 class FileLogger final : public Utils::LoggerManager {
  public:
   void Reserved1() override {}
@@ -61,30 +108,75 @@ class FileLogger final : public Utils::LoggerManager {
 
   void Log(int level, const std::string& text) override {
     const int saved_errno = errno;
-    const std::string line = FormatLoggerLine(level, text);
-    const ssize_t written = TEMP_FAILURE_RETRY(write(fd_.load(), line.data(), line.size()));
-    if (written != static_cast<ssize_t>(line.size())) syslog(level, "%s", text.c_str());
+    if (!Keep(FormatLoggerLine(level, text))) syslog(level, "%s", text.c_str());
     errno = saved_errno;
   }
 
-  bool Open(const std::string& path) {
+  /// Lets go of the former file in any case.
+  bool Open(const std::string& path, size_t max_file_bytes) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    path_ = path;
+    max_file_bytes_ = max_file_bytes;
     const ScopedFd file = OpenLogFile(path);
-    return file && Use(file);
+    const int open_errno = errno;
+    const bool opened = file && Use(file);
+    if (!opened) {
+      UseNothing();
+      errno = open_errno;
+    }
+    return opened;
   }
 
-  /// Lets go of the file. The descriptor stays: a line that another thread is just writing goes nowhere.
   void Close() {
-    const ScopedFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    if (fd_.load() >= 0 && nowhere) Use(nowhere);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    path_.clear();
+    UseNothing();
   }
 
  private:
+  /// @return Whether the line is in a file that has a name.
+  bool Keep(const std::string& line) {
+    constexpr int kMaxTries = 10;  // the file may go again while this thread is off the processor
+    for (int tries = 0; tries < kMaxTries; ++tries) {
+      const Outcome outcome = Write(line);
+      if (outcome != Outcome::kGone) return outcome != Outcome::kFailed;
+    }
+    return false;
+  }
+
+  Outcome Write(const std::string& line) {
+    const ScopedFd file(fcntl(fd_.load(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (!file) return Outcome::kFailed;
+    const Outcome outcome = Append(file.get(), line, max_file_bytes_);
+    if (outcome == Outcome::kKeptAndFull || outcome == Outcome::kGone) Follow();
+    return outcome;
+  }
+
+  /// Goes over to the file's successor; stays where it is while there is none.
+  void Follow() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (path_.empty()) return;
+    const ScopedFd successor = OpenSuccessor(path_, max_file_bytes_);
+    if (successor) Use(successor);
+  }
+
   bool Use(const ScopedFd& file) {
     if (fd_.load() >= 0) return dup3(file.get(), fd_.load(), O_CLOEXEC) >= 0;
     fd_.store(fcntl(file.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     return fd_.load() >= 0;
   }
 
+  /// The descriptor stays, on a device that keeps nothing: a line of a thread that had the logger still is found
+  /// gone there, and goes to syslog.
+  void UseNothing() {
+    const ScopedFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (fd_.load() >= 0 && nowhere) Use(nowhere);
+  }
+
+  // Held for opening and renaming only. The one process that forks, the supervisor, has one thread.
+  std::mutex mutex_;
+  std::string path_;  ///< Empty while closed.
+  std::atomic<size_t> max_file_bytes_{0};
   std::atomic<int> fd_{-1};
 };
 
@@ -103,25 +195,25 @@ std::string FormatLoggerLine(int level, const std::string& text) {
   std::string body = text;
   if (!body.empty() && body.back() == '\n') body.pop_back();
   return Now() + " " + program_invocation_short_name + "[" + std::to_string(getpid()) + "] " +
-         LevelWord(level) + ": " + MakePrintable(body, std::numeric_limits<size_t>::max()) + "\n";
+         LevelWord(level) + ": " + MakePrintable(body, kMaxLineText) + "\n";
 }
 
-void ReconfigureLogger(const LoggerPaths& paths) {
+void ReconfigureLogger(const LoggerOptions& options) {
   const bool was_on = Utils::LoggerManager::instance_ != nullptr;
-  if (access(paths.flag_file.c_str(), F_OK) != 0) {
+  if (access(options.flag_file.c_str(), F_OK) != 0) {
     SetInstance(nullptr);
     if (was_on) TheLogger().Close();
     return;
   }
-  if (!TheLogger().Open(paths.log_file)) {
+  if (!TheLogger().Open(options.log_file, options.max_file_bytes)) {
     syslog(LOG_ERR, "libtarvoorvane: The log file %s can't be opened, log lines stay in syslog: %m",
-           paths.log_file.c_str());
+           options.log_file.c_str());
     SetInstance(nullptr);
     return;
   }
   if (!was_on) {
-    syslog(LOG_NOTICE, "libtarvoorvane: Log lines go to %s for as long as %s exists", paths.log_file.c_str(),
-           paths.flag_file.c_str());
+    syslog(LOG_NOTICE, "libtarvoorvane: Log lines go to %s for as long as %s exists",
+           options.log_file.c_str(), options.flag_file.c_str());
   }
   SetInstance(&TheLogger());
 }

@@ -28,7 +28,6 @@ using tarvo::support::v1::ServerMessage;
 
 constexpr int kProtocol = 1;
 constexpr int kMaxMessageBytes = 64 * 1024;
-constexpr int kNameLookupMs = 10'000;
 constexpr size_t kMaxQueued = 8;  // of at most kMaxMessageBytes each; more stay in gRPC's flow control
 constexpr size_t kMaxStatusText = 400;
 
@@ -41,7 +40,7 @@ grpc::ChannelArguments MakeChannelArguments(const StreamLimits& limits) {
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
   arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);
   arguments.SetInt(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);
-  arguments.SetInt(GRPC_ARG_DNS_ARES_QUERY_TIMEOUT_MS, kNameLookupMs);
+  arguments.SetInt(GRPC_ARG_DNS_ARES_QUERY_TIMEOUT_MS, Milliseconds(limits.name_lookup));
   arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS,
                    Milliseconds(limits.connect));  // also the connect limit
   arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, Milliseconds(limits.keepalive));
@@ -51,13 +50,12 @@ grpc::ChannelArguments MakeChannelArguments(const StreamLimits& limits) {
   return arguments;
 }
 
-std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const std::string& root_certificates,
+std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const TlsFiles& tls,
                                            const StreamLimits& limits) {
   std::shared_ptr<grpc::ChannelCredentials> credentials = grpc::InsecureChannelCredentials();
   if (address.tls) {
-    grpc::SslCredentialsOptions options;
-    options.pem_root_certs = root_certificates;
-    credentials = grpc::SslCredentials(options);
+    // gRPC offers TLS 1.2 and 1.3 and nothing older.
+    credentials = grpc::SslCredentials({tls.authorities, tls.client_key, tls.client_certificate});
   }
   return grpc::CreateCustomChannel(address.target, credentials, MakeChannelArguments(limits));
 }
@@ -72,12 +70,12 @@ void* TagOf(Tag tag) { return &g_tags[tag]; }
 /// What the worker's thread and the completion thread share; `mutex` guards all of it but the constants and
 /// the queue of completions, which has its own.
 struct NotificationStream::Call {
-  Call(const Address& address, const std::string& root_certificates, const std::string& serial,
+  Call(const Address& address, const TlsFiles& tls, const std::string& serial,
        const StreamLimits& stream_limits)
       : limits(stream_limits),
         serial_number(serial),
         event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-        stub(NotificationService::NewStub(MakeChannel(address, root_certificates, limits))),
+        stub(NotificationService::NewStub(MakeChannel(address, tls, limits))),
         rpc(stub->PrepareAsyncOpen(&context, &completions)) {
     if (!event) throw std::system_error(errno, std::generic_category(), "eventfd");
     context.set_wait_for_ready(false);
@@ -122,6 +120,8 @@ struct NotificationStream::Call {
   std::deque<Delivery> queue;
   std::deque<ClientMessage> outgoing;                                    ///< The first one is being written.
   std::optional<std::chrono::system_clock::time_point> status_deadline;  ///< gRPC takes this clock.
+  std::optional<std::chrono::steady_clock::time_point> opened_at;
+  std::chrono::steady_clock::duration lifetime{0};
 };
 
 void NotificationStream::Call::Notify() const {
@@ -158,6 +158,7 @@ bool NotificationStream::Call::NextCompletion(void** tag, bool* ok) {
 void NotificationStream::Call::Handle(void* tag, bool ok) {
   if (tag == TagOf(kStart)) {
     if (!ok) return StartFinish();
+    opened_at = std::chrono::steady_clock::now();
     ClientMessage message;
     message.mutable_hello()->set_serial_number(serial_number);
     message.mutable_hello()->set_protocol(kProtocol);
@@ -181,6 +182,7 @@ void NotificationStream::Call::HandleRead(bool ok) {
 
 void NotificationStream::Call::HandleFinish() {
   status_deadline.reset();
+  if (opened_at) lifetime = std::chrono::steady_clock::now() - *opened_at;
   ended = true;
   completions.Shutdown();
 }
@@ -205,7 +207,10 @@ void NotificationStream::Call::Enqueue(ClientMessage message) {
   if (outgoing.size() == 1) StartWrite();
 }
 
-void NotificationStream::Call::StartWrite() { rpc->Write(outgoing.front(), TagOf(kWrite)); }
+void NotificationStream::Call::StartWrite() {
+  // Complete once the system has the bytes, not already when gRPC has queued them.
+  rpc->Write(outgoing.front(), grpc::WriteOptions().set_write_through(), TagOf(kWrite));
+}
 
 void NotificationStream::Call::StartRead() {
   paused = false;
@@ -231,9 +236,9 @@ void NotificationStream::Call::Cancel() {
   Abandon();
 }
 
-NotificationStream::NotificationStream(const Address& address, const std::string& root_certificates,
+NotificationStream::NotificationStream(const Address& address, const TlsFiles& tls,
                                        const std::string& serial_number, const StreamLimits& limits)
-    : call_(std::make_shared<Call>(address, root_certificates, serial_number, limits)),
+    : call_(std::make_shared<Call>(address, tls, serial_number, limits)),
       thread_([call = call_] { call->Run(); }) {
   call_->rpc->StartCall(TagOf(kStart));
 }
@@ -279,6 +284,11 @@ CallStatus NotificationStream::end_status() const {
   failure.error = call_->status.error_code();
   failure.errorMsg = MakePrintable(call_->status.error_message(), kMaxStatusText);
   return failure;
+}
+
+std::chrono::steady_clock::duration NotificationStream::lifetime() const {
+  const std::lock_guard<std::mutex> lock(call_->mutex);
+  return call_->lifetime;
 }
 
 NotificationStream::WriteState NotificationStream::write_state() const {

@@ -12,12 +12,15 @@
 #include "address.h"
 #include "platform/support_service_client.h"
 #include "tarvo/support/v1/notification.pb.h"
+#include "tls_files.h"
 
 namespace TarvoOrvane::Internal {
 
 /// Time limits of a stream; a test shortens them.
 struct StreamLimits {
-  std::chrono::milliseconds connect{10'000};      ///< From the first packet to the server's first frame.
+  std::chrono::milliseconds name_lookup{10'000};  ///< For the host's addresses, all name servers together.
+  std::chrono::milliseconds connect{
+      10'000};  ///< Per address, from the first packet to the server's first frame.
   std::chrono::milliseconds keepalive{20'000};    ///< Between pings on a silent connection.
   std::chrono::milliseconds ping_answer{10'000};  ///< Until an unanswered ping ends the stream.
   std::chrono::milliseconds status{1'000};        ///< Between the last message and the stream's status.
@@ -27,10 +30,10 @@ struct StreamLimits {
 class NotificationStream {
  public:
   /// Starts to connect and sends Hello as soon as that is possible; does not wait.
-  /// @param root_certificates  PEM text of the authorities to trust; used with TLS only.
+  /// @param tls  Used where the address asks for TLS; its authorities are not empty then.
   /// @throws std::system_error when a descriptor or the thread can't be had.
-  NotificationStream(const Address& address, const std::string& root_certificates,
-                     const std::string& serial_number, const StreamLimits& limits);
+  NotificationStream(const Address& address, const TlsFiles& tls, const std::string& serial_number,
+                     const StreamLimits& limits);
 
   /// Cancels the stream and ends the thread; takes StreamLimits::close at most.
   ~NotificationStream();
@@ -49,6 +52,10 @@ class NotificationStream {
 
   /// How the stream ended, once Take() has told so.
   [[nodiscard]] FastSupport::CallStatus end_status() const;
+
+  /// From the moment the connection stood to the stream's end, once Take() has told of that; zero when no
+  /// connection came about.
+  [[nodiscard]] std::chrono::steady_clock::duration lifetime() const;
 
   enum class WriteState {
     kNone,      ///< Nothing has been written yet.

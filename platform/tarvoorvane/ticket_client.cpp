@@ -1,19 +1,19 @@
 #include "ticket_client.h"
 
-#include <fcntl.h>
 #include <grpc/grpc.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <fstream>
+#include <random>
+#include <sstream>
 #include <utility>
 
 #include "client_errors.h"
 #include "library_log.h"
-#include "scoped_fd.h"
 #include "ticket_parser.h"
 
 namespace TarvoOrvane::Internal {
@@ -34,28 +34,24 @@ constexpr size_t kMaxShownId = 64;
 
 CallStatus Stopped() { return Failure(ClientError::kStopped, "SIGTERM ended the wait"); }
 
-bool ReadFile(const std::string& path, std::string& out) {
-  const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!file) return false;
-  char block[16 * 1024];
-  ssize_t size = 0;
-  while ((size = TEMP_FAILURE_RETRY(read(file.get(), block, sizeof block))) > 0) {
-    out.append(block, static_cast<size_t>(size));
+/// Read here rather than left to gRPC, which reads them once per process and says nothing when there are none.
+/// @return What is wrong; empty when all is well.
+std::string ReadSystemRoots(const std::string& path, std::string& out) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    return path + " can't be read: " + strerror(errno) + "; install ca-certificates, or put the service's " +
+           "authority into ca.pem";
   }
-  return size == 0;
+  std::ostringstream text;
+  text << file.rdbuf();
+  out = text.str();
+  if (out.find("-----BEGIN CERTIFICATE-----") != std::string::npos) return {};
+  return path + " holds no certificate; install ca-certificates";
 }
 
-/// gRPC would take an empty text for "use the built-in roots", so a file that can't be read is an error.
-CallStatus ReadRootCertificates(const std::string& path, std::string& out) {
-  if (!ReadFile(path, out)) {
-    return Failure(ClientError::kBadCertificates,
-                   "The root certificates in " + path + " can't be read: " + strerror(errno));
-  }
-  if (out.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
-    return Failure(ClientError::kBadCertificates,
-                   path + " holds no root certificate; install ca-certificates");
-  }
-  return {};
+std::chrono::milliseconds RandomPause(std::chrono::milliseconds longest) {
+  std::random_device source;
+  return std::chrono::milliseconds(std::uniform_int_distribution<long>(0, longest.count())(source));
 }
 
 /// HTTP/2's "enhance your calm" shows only in the text: the server's debug data, or gRPC's own words for it.
@@ -118,26 +114,38 @@ CallStatus TicketClient::ReceiveTicket(const SignalBlock& block, Ticket& ticket)
   for (;;) {
     Delivery delivery;
     if (auto status = AwaitDelivery(block, delivery); status.hasFail) return status;
-    const std::string fault = ParseTicket(delivery.ticket_json(), ticket);
-    if (fault.empty()) {
+    if (accepted_.Contains(delivery.ticket_id())) {
+      AcceptAgain(block, delivery.ticket_id());
+    } else if (const auto fault = ParseTicket(delivery.ticket_json(), ticket); !fault.empty()) {
+      RejectMalformed(block, delivery.ticket_id(), fault);
+    } else {
       unanswered_id_ = delivery.ticket_id();
       return {};
     }
-    auto status = RejectMalformed(block, delivery.ticket_id(), fault);
-    if (status.hasFail && status.error == static_cast<int>(ClientError::kStopped)) return status;
+    // Why an answer failed, SIGTERM or the stream's end, the next wait tells.
   }
 }
 
 CallStatus TicketClient::OpenStream() {
-  std::string root_certificates;
+  TlsFiles tls;
   if (address_->tls) {
-    auto status = ReadRootCertificates(options_.root_certificates_file, root_certificates);
-    if (status.hasFail) return status;
+    if (auto status = LoadTls(tls); status.hasFail) return status;
   }
   const auto serial = Utils::GetSerialNumber();
-  stream_ = std::make_unique<NotificationStream>(*address_, root_certificates, serial ? *serial : "",
-                                                 options_.limits);
+  stream_ = std::make_unique<NotificationStream>(*address_, tls, serial ? *serial : "", options_.limits);
   return {};
+}
+
+CallStatus TicketClient::LoadTls(TlsFiles& tls) const {
+  auto problems = LoadTlsFiles(options_.tls_folder, tls);
+  if (problems.empty() && tls.authorities.empty()) {
+    if (auto fault = ReadSystemRoots(options_.system_roots_file, tls.authorities); !fault.empty()) {
+      problems.push_back(std::move(fault));
+    }
+  }
+  if (problems.empty()) return {};
+  for (const auto& problem : problems) LogLine(LOG_ERR, problem);
+  return Failure(ClientError::kBadTlsFiles, "No TLS connection was tried: " + problems.front());
 }
 
 CallStatus TicketClient::AwaitDelivery(const SignalBlock& block, Delivery& delivery) {
@@ -147,7 +155,10 @@ CallStatus TicketClient::AwaitDelivery(const SignalBlock& block, Delivery& deliv
     stream_->DrainEvents();
     const Taken taken = stream_->Take(delivery);
     if (taken == Taken::kDelivery) return {};
-    if (taken == Taken::kEnded) return CloseEndedStream();
+    if (taken == Taken::kEnded) {
+      if (auto status = ReplaceEndedStream(block); status.hasFail) return status;
+      continue;
+    }
     if (stop_.Wait(stream_->event_fd(), block, {}) == Wake::kStop) return Stopped();
   }
 }
@@ -158,17 +169,41 @@ CallStatus TicketClient::CloseEndedStream() {
   if (ComplainsOfPings(status.errorMsg)) {
     auto& keepalive = options_.limits.keepalive;
     keepalive = std::min(2 * keepalive, std::max(keepalive, kLongestKeepalive));
+    LogLine(LOG_NOTICE, "The server complained of too many pings; from now on one is sent every " +
+                            std::to_string(keepalive.count() / 1000) + " s");
   }
   return status;
 }
 
-CallStatus TicketClient::RejectMalformed(const SignalBlock& block, const std::string& ticket_id,
-                                         const std::string& fault) {
+/// Opens a new stream if the ended one had settled. After a pause, and a random one: the devices of a server that
+/// was restarted must not come back all at once.
+CallStatus TicketClient::ReplaceEndedStream(const SignalBlock& block) {
+  const auto lived = std::chrono::duration_cast<std::chrono::milliseconds>(stream_->lifetime());
+  CallStatus failure = CloseEndedStream();
+  if (lived < options_.settled) return failure;
+  const auto pause = RandomPause(options_.longest_pause);
+  LogLine(LOG_NOTICE, "The stream ended after " + std::to_string(lived.count() / 1000) +
+                          " s: " + failure.errorMsg + "; it is opened again in " +
+                          std::to_string(pause.count()) + " ms");
+  constexpr int kNoEvent = -1;
+  if (stop_.Wait(kNoEvent, block, std::chrono::steady_clock::now() + pause) == Wake::kStop) return Stopped();
+  return OpenStream();
+}
+
+void TicketClient::RejectMalformed(const SignalBlock& block, const std::string& ticket_id,
+                                   const std::string& fault) {
   LogLine(LOG_WARNING,
           "Rejected the malformed ticket \"" + MakePrintable(ticket_id, kMaxShownId) + "\": " + fault);
   Answer answer = MakeAnswer(ticket_id, ServiceClient::kRejected);
   answer.set_reason(fault);
-  return Deliver(block, answer);
+  (void)Deliver(block, answer);
+}
+
+void TicketClient::AcceptAgain(const SignalBlock& block, const std::string& ticket_id) {
+  LogLine(LOG_NOTICE, "Accepted again the ticket \"" + MakePrintable(ticket_id, kMaxShownId) +
+                          "\": it was delivered before, and is not worked on twice");
+  accepted_.Add(ticket_id);
+  (void)Deliver(block, MakeAnswer(ticket_id, ServiceClient::kAccepted));
 }
 
 CallStatus TicketClient::Send(ServiceClient::ClientStatus status) {
@@ -178,6 +213,8 @@ CallStatus TicketClient::Send(ServiceClient::ClientStatus status) {
   }
   const std::string ticket_id = *std::exchange(unanswered_id_, std::nullopt);
   try {
+    // Before the write: the daemon works on the ticket, whether or not the service hears of it.
+    if (status == ServiceClient::kAccepted) accepted_.Add(ticket_id);
     return Deliver(block, MakeAnswer(ticket_id, status));
   } catch (const std::exception& error) {
     return Failure(ClientError::kSystem, MakePrintable(error.what(), 200));

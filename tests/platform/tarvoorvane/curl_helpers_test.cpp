@@ -1,24 +1,43 @@
+#include "curl_helpers.h"
+
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <mutex>
 
-#include "platform/support_service_client.h"
+#include "loopback_server.h"
+#include "old_tls_server.h"
+#include "syslog_recorder.h"
 #include "temp_dir.h"
 #include "test_certificate.h"
 
 namespace TarvoOrvane::Utils {
 namespace {
 
+using Internal::LimitDeadPeer;
+using Internal::PerformTransfer;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using Testing::LoopbackServer;
+using Testing::MakeTestCertificate;
 using testing::Not;
 using testing::StartsWith;
 using Testing::TempDir;
+using Testing::TestCertificate;
 
 /// A loopback HTTP server that keeps the last request and gives a fixed answer.
 class HttpServer {
@@ -104,9 +123,14 @@ CurlHandle NewHandle(const std::string& url) {
 }
 
 /// What the transfer fails with.
-CURLcode FailureOf(CurlHandle& handle, std::string* message = nullptr) {
+/// @param tls_folder  The device's own where it is missing.
+CURLcode FailureOf(CurlHandle& handle, std::string* message = nullptr, const std::string& tls_folder = "") {
   try {
-    CurlPerform(handle);
+    if (tls_folder.empty()) {
+      CurlPerform(handle);
+    } else {
+      PerformTransfer(handle, tls_folder);
+    }
     return CURLE_OK;
   } catch (const CurlFailedException& failure) {
     if (message != nullptr) *message = failure.what();
@@ -192,24 +216,181 @@ TEST(CurlPolicyTest, AProxyFromTheEnvironmentIsIgnored) {
   EXPECT_EQ(server.requests, 1);
 }
 
-TEST(CurlPolicyTest, TheServersCertificateIsVerified) {
-  const auto certificate = Testing::MakeTestCertificate();
-  HttpServer server(&certificate);
-  EXPECT_EQ(FailureOfGet("https://" + server.host_and_port()), CURLE_PEER_FAILED_VERIFICATION);
-
-  const TempDir folder;
-  CurlHandle handle = NewHandle(server.host_and_port());
-  std::string out;
+TEST(CurlAnswerTest, OneThatFillsTheLimitExactlyIsTaken) {
+  HttpServer server;
+  CurlHandle handle = NewHandle(server.url());
+  std::string out(Internal::kMaxAnswerBytes - server.answer.size(), ' ');
   CurlSetupWriteToString(handle, out);
-  curl_easy_setopt(handle.get(), CURLOPT_CAINFO, folder.Write("ca.pem", certificate.certificate).c_str());
-  EXPECT_EQ(FailureOf(handle), CURLE_OK) << "the same server, trusted";
-  EXPECT_EQ(out, "answer");
+  EXPECT_EQ(FailureOf(handle), CURLE_OK);
+  EXPECT_EQ(out.size(), Internal::kMaxAnswerBytes);
 }
 
-TEST(CurlPolicyTest, TheServersNameIsVerified) {
-  const auto certificate = Testing::MakeTestCertificate();
-  HttpServer server(&certificate);
-  const TempDir folder;
+TEST(CurlAnswerTest, OneThatExceedsTheLimitTogetherWithTheFormerAttemptsIsCutOffAndFails) {
+  HttpServer server;
+  CurlHandle handle = NewHandle(server.url());
+  std::string out(Internal::kMaxAnswerBytes - server.answer.size() + 1, ' ');
+  CurlSetupWriteToString(handle, out);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    std::string message;
+    EXPECT_EQ(FailureOf(handle, &message), CURLE_WRITE_ERROR);
+    EXPECT_THAT(message, HasSubstr("is longer than 16777216 bytes and was cut off"));
+    EXPECT_EQ(out.size(), Internal::kMaxAnswerBytes);
+  }
+  EXPECT_THAT(out, testing::EndsWith(" answe"));
+}
+
+/// A form with one part of this size.
+CurlHttpPost FormOf(size_t size) {
+  CurlHttpPost form;
+  CurlHttpPostAdd(form, "debug_file", CURLFORM_COPYCONTENTS, std::string(size, 'x'));
+  return form;
+}
+
+TEST(CurlUploadTest, AServerThatNeverSays100ContinueIsNotWaitedFor) {
+  // libcurl by itself waits a second. One of five tries below that shows that ours does not, however busy the
+  // machine is.
+  std::atomic<bool> came_sooner{false};
+  const LoopbackServer server([&came_sooner](int connection) {
+    const std::string begin = Testing::ReadHead(connection);
+    EXPECT_THAT(begin, HasSubstr("Expect: 100-continue\r\n"));
+    pollfd readable{connection, POLLIN, 0};
+    if (poll(&readable, 1, 900) == 1) came_sooner = true;
+    Testing::ReadBody(connection, begin);
+    Testing::WriteAnswer(connection);
+  });
+  const CurlHttpPost form = FormOf(2UL << 20);
+  for (int i = 0; i < 5 && !came_sooner; ++i) {
+    CurlHandle handle = NewHandle(server.url());
+    std::string out;
+    CurlSetupWriteToString(handle, out);
+    curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
+    ASSERT_EQ(FailureOf(handle), CURLE_OK);
+    ASSERT_EQ(out, "answer");
+  }
+  EXPECT_TRUE(came_sooner);
+}
+
+TEST(CurlDeadPeerTest, EveryConnectionHasTheLimitOfTwoMinutes) {
+  HttpServer server;
+  CurlHandle handle = NewHandle(server.url());
+  std::string out;
+  CurlSetupWriteToString(handle, out);
+  CurlPerform(handle);
+  curl_socket_t socket = CURL_SOCKET_BAD;
+  ASSERT_EQ(curl_easy_getinfo(handle.get(), CURLINFO_ACTIVESOCKET, &socket), CURLE_OK);
+  const auto option = [socket](int level, int name) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    getsockopt(socket, level, name, &value, &size);
+    return value;
+  };
+  EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPIDLE), 60);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPINTVL), 15);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPCNT), 4);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 120'000);
+}
+
+constexpr std::chrono::seconds kShortLimit{2};
+
+int LimitShortly(void*, curl_socket_t socket, curlsocktype) {
+  return LimitDeadPeer(socket, kShortLimit) ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
+}
+
+/// Uploads with the limit shortened to kShortLimit.
+CURLcode FailureOfUpload(const std::string& url, size_t size, std::string* message = nullptr) {
+  const CurlHttpPost form = FormOf(size);
+  CurlHandle handle = NewHandle(url);
+  std::string out;
+  CurlSetupWriteToString(handle, out);
+  curl_easy_setopt(handle.get(), CURLOPT_SOCKOPTFUNCTION, &LimitShortly);
+  curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
+  return FailureOf(handle, message);
+}
+
+/// From now on the kernel drops what comes in for this socket, as if its host were gone.
+void Die(int connection) {
+  sock_filter drop_all = BPF_STMT(BPF_RET | BPF_K, 0);
+  const sock_fprog program{1, &drop_all};
+  ASSERT_EQ(setsockopt(connection, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
+}
+
+constexpr size_t kMoreThanBuffersHold = 32UL << 20;
+
+TEST(CurlDeadPeerTest, OneThatDiesDuringTheUploadIsGivenUpBeforeTheTransfersLimit) {
+  const LoopbackServer server([](int connection) {
+    Testing::ReadHead(connection);
+    Die(connection);
+  });
+  std::string message;
+  EXPECT_THAT(FailureOfUpload(server.url(), kMoreThanBuffersHold, &message),
+              AnyOf(CURLE_SEND_ERROR, CURLE_RECV_ERROR));
+  EXPECT_THAT(message, HasSubstr("Connection timed out"));
+}
+
+TEST(CurlDeadPeerTest, OneThatDiesBeforeItAnswersIsGivenUpBeforeTheTransfersLimit) {
+  const LoopbackServer server([](int connection) {
+    Testing::ReadBody(connection, Testing::ReadHead(connection));
+    Die(connection);
+  });
+  std::string message;
+  EXPECT_EQ(FailureOfUpload(server.url(), 1000, &message), CURLE_RECV_ERROR);
+  EXPECT_THAT(message, HasSubstr("Connection timed out"));
+}
+
+TEST(CurlDeadPeerTest, OneThatLivesButReadsNothingForTheWholeLimitIsGivenUp) {
+  const LoopbackServer server([](int connection) { Testing::ReadHead(connection); });
+  std::string message;
+  EXPECT_THAT(FailureOfUpload(server.url(), kMoreThanBuffersHold, &message),
+              AnyOf(CURLE_SEND_ERROR, CURLE_RECV_ERROR));
+  EXPECT_THAT(message, HasSubstr("Connection timed out"));
+}
+
+TEST(CurlDeadPeerTest, OneThatHasEverythingAndAnswersAfterTheLimitIsLeftInPeace) {
+  const LoopbackServer server([](int connection) {
+    Testing::ReadBody(connection, Testing::ReadHead(connection));
+    std::this_thread::sleep_for(kShortLimit * 1.5);
+    Testing::WriteAnswer(connection);
+  });
+  EXPECT_EQ(FailureOfUpload(server.url(), 1000), CURLE_OK);
+}
+
+class CurlTlsTest : public testing::Test {
+ protected:
+  CurlTlsTest() { Testing::TakeSyslogLines(); }
+
+  void Trust(const TestCertificate& certificate) const { folder_.Write("ca.pem", certificate.certificate); }
+  void WriteClientFiles() const {
+    folder_.Write("client.pem", device_.certificate);
+    chmod(folder_.Write("client.key", device_.key).c_str(), 0600);
+  }
+  CURLcode FailureOfGet(const std::string& url, std::string* message = nullptr) {
+    CurlHandle handle = NewHandle(url);
+    std::string out;
+    CurlSetupWriteToString(handle, out);
+    return FailureOf(handle, message, folder_.File(""));
+  }
+
+  const TempDir folder_;
+  const TestCertificate certificate_ = MakeTestCertificate();
+  // A name of its own: OpenSSL looks an issuer up by its name, and the first one found decides.
+  const TestCertificate device_ = MakeTestCertificate({}, "device");
+};
+
+TEST_F(CurlTlsTest, TheServersCertificateIsVerified) {
+  HttpServer server(&certificate_);
+  EXPECT_EQ(FailureOfGet("https://" + server.host_and_port()), CURLE_PEER_FAILED_VERIFICATION);
+  Trust(device_);
+  EXPECT_EQ(FailureOfGet("https://" + server.host_and_port()), CURLE_PEER_FAILED_VERIFICATION);
+  EXPECT_EQ(server.requests, 0);
+  Trust(certificate_);
+  EXPECT_EQ(FailureOfGet("https://" + server.host_and_port()), CURLE_OK) << "the same server, trusted";
+  EXPECT_EQ(FailureOfGet(server.host_and_port()), CURLE_OK) << "https is the default";
+}
+
+TEST_F(CurlTlsTest, TheServersNameIsVerified) {
+  HttpServer server(&certificate_);
+  Trust(certificate_);
   const std::string port = server.host_and_port().substr(server.host_and_port().find(':'));
   CurlHandle handle = NewHandle("https://other.example" + port);
   std::string out;
@@ -217,8 +398,110 @@ TEST(CurlPolicyTest, TheServersNameIsVerified) {
   const std::unique_ptr<curl_slist, void (*)(curl_slist*)> names(
       curl_slist_append(nullptr, ("other.example" + port + ":127.0.0.1").c_str()), &curl_slist_free_all);
   curl_easy_setopt(handle.get(), CURLOPT_RESOLVE, names.get());
-  curl_easy_setopt(handle.get(), CURLOPT_CAINFO, folder.Write("ca.pem", certificate.certificate).c_str());
-  EXPECT_EQ(FailureOf(handle), CURLE_PEER_FAILED_VERIFICATION);
+  EXPECT_EQ(FailureOf(handle, nullptr, folder_.File("")), CURLE_PEER_FAILED_VERIFICATION);
+}
+
+/// Makes `folder` the system's folder of roots, for this process alone.
+bool BecomeSystemRoots(const std::string& folder) {
+  return unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWUSER | CLONE_NEWNS) == 0 &&
+         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount(folder.c_str(), "/etc/ssl/certs", nullptr, MS_BIND, nullptr) == 0;
+}
+
+TEST_F(CurlTlsTest, TheSystemsRootsAreTrustedUntilThereIsACaFile) {
+  HttpServer server(&certificate_);
+  const TempDir roots;
+  roots.Write(Testing::HashedName(certificate_.certificate), certificate_.certificate);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (!BecomeSystemRoots(roots.File(""))) _exit(99);
+    if (FailureOfGet("https://" + server.host_and_port()) != CURLE_OK) _exit(1);
+    Trust(device_);
+    _exit(FailureOfGet("https://" + server.host_and_port()) == CURLE_PEER_FAILED_VERIFICATION ? 0 : 2);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  if (status == 99 << 8) GTEST_SKIP() << "no mount namespace to be had";
+  EXPECT_EQ(status, 0) << "1: the system's root was not trusted, 2: it was beside the CA file";
+}
+
+TEST_F(CurlTlsTest, AServerThatSpeaksNothingNewerThanTls11IsRefused) {
+  Testing::OldTlsServer server(certificate_);
+  Trust(certificate_);
+  EXPECT_EQ(FailureOfGet("https://127.0.0.1:" + std::to_string(server.port())), CURLE_SSL_CONNECT_ERROR);
+  EXPECT_THAT(server.AwaitOfferedVersions(), testing::UnorderedElementsAre(TLS1_2_VERSION, TLS1_3_VERSION));
+  EXPECT_FALSE(server.shook_hands());
+}
+
+TEST_F(CurlTlsTest, EveryProblemOfTheFilesIsALogLineAndNoConnectionIsTried) {
+  const LoopbackServer server([](int) {});
+  folder_.Write("ca.pem", "no PEM");
+  folder_.Write("client.pem", device_.certificate);
+  std::string message;
+  EXPECT_EQ(FailureOfGet(server.host_and_port(), &message), CURLE_SSL_CERTPROBLEM);
+  EXPECT_THAT(message,
+              StartsWith("CurlPerform: No connection was tried, the TLS files in " + folder_.File("")));
+  EXPECT_EQ(server.connections(), 0);
+  const auto lines = Testing::TakeSyslogLines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_THAT(lines[0].text, HasSubstr("ca.pem: holds no PEM certificate"));
+  EXPECT_THAT(lines[1].text, HasSubstr("client.key: is missing"));
+}
+
+TEST_F(CurlTlsTest, APlaintextRequestDoesNotNeedTheFiles) {
+  HttpServer server;
+  folder_.Write("ca.pem", "no PEM");
+  EXPECT_EQ(FailureOfGet(server.url()), CURLE_OK);
+}
+
+/// Takes any client's certificate.
+int TakeAnyCertificate(int, X509_STORE_CTX*) { return 1; }
+
+/// A handler that answers a TLS request; `client` becomes the client's certificate, empty when it has shown none.
+std::function<void(int)> ServeTls(const TestCertificate& own, std::string& client) {
+  return [own, &client](int connection) {
+    const std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> context(SSL_CTX_new(TLS_server_method()),
+                                                               &SSL_CTX_free);
+    const auto certificate = Testing::ParseCertificate(own.certificate);
+    const auto key = Testing::ParseKey(own.key);
+    SSL_CTX_use_certificate(context.get(), certificate.get());
+    SSL_CTX_use_PrivateKey(context.get(), key.get());
+    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, &TakeAnyCertificate);
+    const std::unique_ptr<SSL, void (*)(SSL*)> ssl(SSL_new(context.get()), &SSL_free);
+    SSL_set_fd(ssl.get(), connection);
+    if (SSL_accept(ssl.get()) != 1) return;
+    const std::unique_ptr<X509, void (*)(X509*)> shown(SSL_get1_peer_certificate(ssl.get()), &X509_free);
+    client = shown ? Testing::CertificateText(shown.get()) : "";
+    char request[4096];
+    SSL_read(ssl.get(), request, sizeof request);
+    SSL_write(ssl.get(), Testing::kAnswer, sizeof Testing::kAnswer - 1);
+    SSL_shutdown(ssl.get());
+    shutdown(connection, SHUT_RDWR);
+  };
+}
+
+TEST_F(CurlTlsTest, TheFilesAreReadAfreshAtEachAttempt) {
+  std::string client;
+  const LoopbackServer server(ServeTls(certificate_, client));
+  CurlHandle handle = NewHandle(server.host_and_port());
+  std::string out;
+  CurlSetupWriteToString(handle, out);
+  const auto attempt = [&] { return FailureOf(handle, nullptr, folder_.File("")); };
+
+  folder_.Write("ca.pem", "no PEM");
+  EXPECT_EQ(attempt(), CURLE_SSL_CERTPROBLEM);
+  Trust(certificate_);
+  EXPECT_EQ(attempt(), CURLE_OK);
+  EXPECT_EQ(client, "");
+  WriteClientFiles();
+  EXPECT_EQ(attempt(), CURLE_OK);
+  EXPECT_EQ(client, device_.certificate);
+  std::filesystem::remove(folder_.File("client.pem"));
+  std::filesystem::remove(folder_.File("client.key"));
+  EXPECT_EQ(attempt(), CURLE_OK);
+  EXPECT_EQ(client, "");
+  Trust(device_);
+  EXPECT_EQ(attempt(), CURLE_PEER_FAILED_VERIFICATION);
 }
 
 TEST(CurlSlistAppendTest, LinesAreKeptInOrderAndCopied) {

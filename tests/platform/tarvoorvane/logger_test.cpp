@@ -1,7 +1,9 @@
 #include "logger.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -9,8 +11,13 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <map>
+#include <numeric>
+#include <regex>
+#include <thread>
 
 #include "platform/support_service_client.h"
+#include "scoped_fd.h"
 #include "syslog_recorder.h"
 #include "temp_dir.h"
 
@@ -22,6 +29,7 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using Testing::TakeSyslogLines;
 using Testing::TakeSyslogText;
+using testing::UnorderedElementsAre;
 using Utils::LoggerManager;
 
 class LoggerTest : public testing::Test {
@@ -31,32 +39,32 @@ class LoggerTest : public testing::Test {
 
   void TurnOn() {
     folder_.Write("flag", "");
-    ReconfigureLogger(paths_);
+    ReconfigureLogger(options_);
   }
   void TurnOff() {
-    std::filesystem::remove(paths_.flag_file);
-    ReconfigureLogger(paths_);
+    std::filesystem::remove(options_.flag_file);
+    ReconfigureLogger(options_);
   }
 
   Testing::TempDir folder_;
-  LoggerPaths paths_{folder_.File("flag"), folder_.File("log")};
+  LoggerOptions options_{folder_.File("flag"), folder_.File("log")};
 };
 
 TEST_F(LoggerTest, WithoutTheFlagFileThereIsNoLogger) {
-  ReconfigureLogger(paths_);
+  ReconfigureLogger(options_);
   EXPECT_EQ(LoggerManager::instance_, nullptr);
-  EXPECT_FALSE(std::filesystem::exists(paths_.log_file));
+  EXPECT_FALSE(std::filesystem::exists(options_.log_file));
   EXPECT_EQ(TakeSyslogText(), "");
 }
 
 TEST_F(LoggerTest, WithTheFlagFileLinesGoToTheLogFileAndSyslogIsToldOnce) {
   TurnOn();
   ASSERT_NE(LoggerManager::instance_, nullptr);
-  ReconfigureLogger(paths_);
+  ReconfigureLogger(options_);
   const auto told = TakeSyslogLines();
   ASSERT_EQ(told.size(), 1u);
   EXPECT_EQ(told[0].level, LOG_NOTICE);
-  EXPECT_THAT(told[0].text, HasSubstr("Log lines go to " + paths_.log_file));
+  EXPECT_THAT(told[0].text, HasSubstr("Log lines go to " + options_.log_file));
 
   LoggerManager::instance_->Log(LOG_ERR, "transmitter.cpp:7 Failed");
   LoggerManager::instance_->Log(LOG_WARNING, "main.cpp:8 Second");
@@ -72,6 +80,7 @@ TEST_F(LoggerTest, TheLoggerGoesAndComesWithTheFlagFileAndIsAlwaysTheSameObject)
   EXPECT_EQ(LoggerManager::instance_, nullptr);
   logger->Log(LOG_ERR, "from a thread that had the pointer still");
   EXPECT_EQ(folder_.Read("log"), "");
+  EXPECT_EQ(TakeSyslogLines().back().text, "from a thread that had the pointer still");
   TurnOn();
   EXPECT_EQ(LoggerManager::instance_, logger);
   logger->Log(LOG_ERR, "on again");
@@ -80,27 +89,27 @@ TEST_F(LoggerTest, TheLoggerGoesAndComesWithTheFlagFileAndIsAlwaysTheSameObject)
 
 TEST_F(LoggerTest, TheLogFileIsForItsOwnerAloneAndIsAppendedTo) {
   folder_.Write("log", "earlier\n");
-  chmod(paths_.log_file.c_str(), 0644);
+  chmod(options_.log_file.c_str(), 0644);
   TurnOn();
   LoggerManager::instance_->Log(LOG_ERR, "now");
   EXPECT_THAT(folder_.Read("log"), MatchesRegex("earlier\n.*now\n"));
   struct stat status {};
-  ASSERT_EQ(stat(paths_.log_file.c_str(), &status), 0);
+  ASSERT_EQ(stat(options_.log_file.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
 TEST_F(LoggerTest, AReconfigurationFollowsARotatedLogFile) {
   TurnOn();
-  std::filesystem::rename(paths_.log_file, folder_.File("log.1"));
+  std::filesystem::rename(options_.log_file, folder_.File("log.1"));
   LoggerManager::instance_->Log(LOG_ERR, "old");
-  ReconfigureLogger(paths_);
+  ReconfigureLogger(options_);
   LoggerManager::instance_->Log(LOG_ERR, "new");
   EXPECT_THAT(folder_.Read("log.1"), EndsWith("old\n"));
   EXPECT_THAT(folder_.Read("log"), EndsWith("new\n"));
 }
 
 TEST_F(LoggerTest, ALogFileThatCannotBeOpenedLeavesLinesInSyslogAndSaysSo) {
-  paths_.log_file = folder_.File("missing/log");
+  options_.log_file = folder_.File("missing/log");
   TurnOn();
   EXPECT_EQ(LoggerManager::instance_, nullptr);
   const auto told = TakeSyslogLines();
@@ -110,12 +119,12 @@ TEST_F(LoggerTest, ALogFileThatCannotBeOpenedLeavesLinesInSyslogAndSaysSo) {
 }
 
 TEST_F(LoggerTest, AFifoOrALinkIsNoLogFile) {
-  ASSERT_EQ(mkfifo(paths_.log_file.c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(options_.log_file.c_str(), 0600), 0);
   TurnOn();
   EXPECT_EQ(LoggerManager::instance_, nullptr);
-  std::filesystem::remove(paths_.log_file);
-  std::filesystem::create_symlink(folder_.File("elsewhere"), paths_.log_file);
-  ReconfigureLogger(paths_);
+  std::filesystem::remove(options_.log_file);
+  std::filesystem::create_symlink(folder_.File("elsewhere"), options_.log_file);
+  ReconfigureLogger(options_);
   EXPECT_EQ(LoggerManager::instance_, nullptr);
   EXPECT_FALSE(std::filesystem::exists(folder_.File("elsewhere")));
 }
@@ -144,23 +153,191 @@ TEST_F(LoggerTest, LogLeavesErrnoAlone) {
   EXPECT_EQ(errno, EXDEV);
 }
 
-TEST_F(LoggerTest, LinesOfProcessesThatWriteAtOnceStayWhole) {
+/// Whether this process has the file open.
+bool HasOpen(const std::string& path) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry, gone) == path) return true;
+  }
+  return false;
+}
+
+TEST_F(LoggerTest, AFileThatCannotBeReopenedIsLetGo) {
   TurnOn();
-  constexpr int kLines = 300;
-  pid_t children[2];
-  for (pid_t& child : children) {
-    child = fork();
-    if (child != 0) continue;
-    for (int i = 0; i < kLines; ++i) LoggerManager::instance_->Log(LOG_ERR, std::string(200, 'x'));
-    _exit(0);
+  const std::string renamed = folder_.File("renamed");
+  std::filesystem::rename(options_.log_file, renamed);
+  ASSERT_TRUE(HasOpen(renamed));
+  std::filesystem::create_directory(options_.log_file);
+  ReconfigureLogger(options_);
+  EXPECT_EQ(LoggerManager::instance_, nullptr);
+  EXPECT_FALSE(HasOpen(renamed));
+}
+
+TEST_F(LoggerTest, ALineThatIsTooLongIsCutAndMarked) {
+  const std::string line = FormatLoggerLine(LOG_ERR, std::string(kMaxLineText + 1, 'x'));
+  EXPECT_THAT(line, EndsWith("xxx...\n"));
+  EXPECT_THAT(FormatLoggerLine(LOG_ERR, std::string(kMaxLineText, 'x')), EndsWith("xxxx\n"));
+}
+
+TEST_F(LoggerTest, LinesThatTheRemovedFileTookAreWrittenAgain) {
+  TurnOn();
+  std::filesystem::remove(options_.log_file);
+  LoggerManager::instance_->Log(LOG_ERR, "text");
+  EXPECT_THAT(folder_.Read("log"), EndsWith(" error: text\n"));
+}
+
+TEST_F(LoggerTest, AFullFileBecomesTheFormerOneInPlaceOfTheOneBefore) {
+  options_.max_file_bytes = 1000;
+  folder_.Write("log.1", "the one before");
+  folder_.Write("log", std::string(900, 'x') + "\n");
+  TurnOn();
+  LoggerManager::instance_->Log(LOG_ERR, std::string(100, 'y'));
+  EXPECT_THAT(folder_.Read("log.1"), MatchesRegex("x+\n.* error: y+\n"));
+  EXPECT_EQ(folder_.Read("log"), "");
+  LoggerManager::instance_->Log(LOG_ERR, "text");
+  EXPECT_THAT(folder_.Read("log"), EndsWith(" error: text\n"));
+  struct stat status {};
+  ASSERT_EQ(stat(options_.log_file.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(LoggerTest, AFileThatIsNotFullYetIsKept) {
+  options_.max_file_bytes = 1000;
+  TurnOn();
+  const auto overhead = FormatLoggerLine(LOG_ERR, "").size();
+  LoggerManager::instance_->Log(LOG_ERR, std::string(999 - overhead, 'x'));
+  EXPECT_EQ(folder_.Read("log").size(), 999u);
+  EXPECT_FALSE(std::filesystem::exists(folder_.File("log.1")));
+}
+
+/// Runs `act` in a forked process.
+/// @return Whether it said that all was well.
+template <typename Act>
+bool InChild(Act act) {
+  const pid_t child = fork();
+  if (child == 0) _exit(act() ? 0 : 1);
+  int status = 1;
+  return waitpid(child, &status, 0) == child && status == 0;
+}
+
+TEST_F(LoggerTest, AProcessFollowsTheRenamingOfAnother) {
+  options_.max_file_bytes = 1000;
+  TurnOn();
+  LoggerManager::instance_->Log(LOG_ERR, "first");
+  ASSERT_TRUE(InChild([] {
+    LoggerManager::instance_->Log(LOG_ERR, std::string(1000, 'x'));
+    LoggerManager::instance_->Log(LOG_ERR, "of the child");
+    return true;
+  }));
+  LoggerManager::instance_->Log(LOG_ERR, "into the former file");
+  LoggerManager::instance_->Log(LOG_ERR, "last");
+  EXPECT_THAT(folder_.Read("log.1"), MatchesRegex(".* first\n.* x+\n.* into the former file\n"));
+  EXPECT_THAT(folder_.Read("log"), MatchesRegex(".* of the child\n.* last\n"));
+}
+
+TEST_F(LoggerTest, AProcessThatHoldsTheLockDelaysTheRenamingAndNoLine) {
+  options_.max_file_bytes = 1000;
+  TurnOn();
+  const ScopedFd other(open(options_.log_file.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+  LoggerManager::instance_->Log(LOG_ERR, std::string(1000, 'x'));
+  LoggerManager::instance_->Log(LOG_ERR, "text");
+  EXPECT_THAT(folder_.Read("log"), EndsWith(" text\n"));
+  ASSERT_EQ(flock(other.get(), LOCK_UN), 0);
+  LoggerManager::instance_->Log(LOG_ERR, "full");
+  EXPECT_THAT(folder_.Read("log.1"), EndsWith(" full\n"));
+}
+
+/// Processes, each with threads, that write lines "NAME NUMBER xxx…" at once.
+class LoggerStressTest : public LoggerTest {
+ protected:
+  static constexpr int kProcesses = 3;
+  static constexpr int kThreads = 3;
+  static constexpr int kLines = 300;
+
+  static void WriteLines(const std::string& name) {
+    for (int i = 0; i < kLines; ++i) {
+      LoggerManager::instance_->Log(
+          LOG_ERR, name + " " + std::to_string(i) + " " + std::string(static_cast<size_t>(i % 100), 'x'));
+    }
   }
-  for (const pid_t child : children) waitpid(child, nullptr, 0);
-  std::istringstream log(folder_.Read("log"));
-  int count = 0;
-  for (std::string line; std::getline(log, line); ++count) {
-    ASSERT_THAT(line, EndsWith("] error: " + std::string(200, 'x')));
+
+  /// @return Whether no line went to syslog.
+  static bool RunProcess(int process) {
+    std::vector<std::thread> threads;
+    threads.reserve(kThreads);
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back(&WriteLines, std::to_string(process) + "." + std::to_string(i));
+    }
+    for (auto& thread : threads) thread.join();
+    return TakeSyslogLines().empty();
   }
-  EXPECT_EQ(count, 2 * kLines);
+
+  static void RunAll() {
+    TakeSyslogLines();  // the children inherit what the recorder holds
+    std::vector<pid_t> children;
+    children.reserve(kProcesses);
+    for (int process = 0; process < kProcesses; ++process) {
+      const pid_t child = fork();
+      if (child == 0) _exit(RunProcess(process) ? 0 : 1);
+      children.push_back(child);
+    }
+    for (const pid_t child : children) {
+      int status = 1;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      EXPECT_EQ(status, 0);
+    }
+  }
+
+  /// Each writer's numbers, oldest first; every line must be whole.
+  std::map<std::string, std::vector<int>> ReadLines() const {
+    std::map<std::string, std::vector<int>> numbers;
+    std::istringstream log(folder_.Read("log.1") + folder_.Read("log"));
+    const std::regex whole(R"(\S+ \S+\[\d+\] error: (\d\.\d) (\d+) (x*))");
+    for (std::string line; std::getline(log, line);) {
+      std::smatch parts;
+      const bool matches = std::regex_match(line, parts, whole);
+      EXPECT_TRUE(matches) << line;
+      if (!matches) continue;
+      const int number = std::stoi(parts[2]);
+      EXPECT_EQ(parts[3].length(), number % 100) << line;
+      numbers[parts[1]].push_back(number);
+    }
+    return numbers;
+  }
+
+  [[nodiscard]] std::vector<std::string> FileNames() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.File(""))) {
+      names.push_back(entry.path().filename());
+    }
+    return names;
+  }
+};
+
+TEST_F(LoggerStressTest, NoLineIsLostOrTornWhileOneFileGetsFull) {
+  options_.max_file_bytes = 200'000;  // of about 270,000 bytes in all
+  TurnOn();
+  RunAll();
+  std::vector<int> all(kLines);
+  std::iota(all.begin(), all.end(), 0);
+  const auto numbers = ReadLines();
+  EXPECT_EQ(numbers.size(), kProcesses * kThreads);
+  for (const auto& [name, its_numbers] : numbers) EXPECT_EQ(its_numbers, all) << name;
+  EXPECT_THAT(FileNames(), UnorderedElementsAre("flag", "log", "log.1"));
+}
+
+TEST_F(LoggerStressTest, WhenManyFilesGetFullOnlyTheOldestLinesGo) {
+  options_.max_file_bytes = 20'000;
+  TurnOn();
+  RunAll();
+  for (const auto& [name, its_numbers] : ReadLines()) {
+    std::vector<int> newest(its_numbers.size());
+    std::iota(newest.begin(), newest.end(), kLines - static_cast<int>(its_numbers.size()));
+    EXPECT_EQ(its_numbers, newest) << name;
+  }
+  EXPECT_THAT(FileNames(), UnorderedElementsAre("flag", "log", "log.1"));
+  EXPECT_LT(folder_.Read("log.1").size(), 20'000u + kProcesses * kThreads * 200u);
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ int MillisecondsUntil(Clock::time_point deadline) {
 
 }  // namespace
 
-Probe::Probe(std::vector<std::string> environment) {
+Probe::Probe(std::vector<std::string> environment, std::string path) {
   int to[2];
   int from[2];
   if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
@@ -35,7 +35,6 @@ Probe::Probe(std::vector<std::string> environment) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, to[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, from[1], STDOUT_FILENO);
-  std::string path = PROBE_PATH;
   char* arguments[] = {path.data(), nullptr};
   std::vector<char*> entries;
   entries.reserve(environment.size() + 1);

@@ -16,7 +16,8 @@ class Probe {
  public:
   /// Starts it.
   /// @param environment  "NAME=value" entries; all of its environment.
-  explicit Probe(std::vector<std::string> environment = {});
+  /// @param path         The program; another one for what this one can't do.
+  explicit Probe(std::vector<std::string> environment = {}, std::string path = PROBE_PATH);
 
   /// Kills it if it still runs.
   ~Probe();

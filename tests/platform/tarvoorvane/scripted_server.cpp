@@ -159,6 +159,10 @@ ScriptedServer::ScriptedServer(const ServerOptions& options) : service_(std::mak
   std::shared_ptr<grpc::ServerCredentials> credentials = grpc::InsecureServerCredentials();
   if (options.certificate) {
     grpc::SslServerCredentialsOptions tls;
+    if (!options.client_authorities.empty()) {
+      tls.pem_root_certs = options.client_authorities;
+      tls.client_certificate_request = GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY;
+    }
     tls.pem_key_cert_pairs.push_back({options.certificate->key, options.certificate->certificate});
     credentials = grpc::SslServerCredentials(tls);
   }

@@ -38,7 +38,8 @@ class Session {
 struct ServerOptions {
   std::string listen = "127.0.0.1:0";          ///< Or unix:/PATH.
   std::optional<TestCertificate> certificate;  ///< TLS with this one; plaintext without.
-  bool strict_about_pings = false;             ///< As a server by default is.
+  std::string client_authorities;   ///< With TLS: clients must show a certificate of these; empty: none.
+  bool strict_about_pings = false;  ///< As a server by default is.
 };
 
 class ScriptedServer {

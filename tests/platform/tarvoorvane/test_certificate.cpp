@@ -4,6 +4,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include <cstdio>
 #include <memory>
 #include <stdexcept>
 
@@ -18,7 +19,7 @@ void AddExtension(X509* certificate, int nid, const char* value) {
 }
 
 template <typename Writer>
-std::string ToPem(Writer write) {
+std::string ToPem(const Writer& write) {
   const std::unique_ptr<BIO, int (*)(BIO*)> memory(BIO_new(BIO_s_mem()), &BIO_free);
   write(memory.get());
   char* data = nullptr;
@@ -26,20 +27,24 @@ std::string ToPem(Writer write) {
   return {data, size};
 }
 
+std::unique_ptr<BIO, int (*)(BIO*)> OpenText(const std::string& text) {
+  return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), &BIO_free};
+}
+
 }  // namespace
 
-TestCertificate MakeTestCertificate() {
+TestCertificate MakeTestCertificate(const Validity& validity, const std::string& subject) {
   const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"),
                                                            &EVP_PKEY_free);
   const std::unique_ptr<X509, void (*)(X509*)> certificate(X509_new(), &X509_free);
   X509_set_version(certificate.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 1);
-  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 86400);
+  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), validity.begin);
+  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), validity.end);
   X509_set_pubkey(certificate.get(), key.get());
   X509_NAME* name = X509_get_subject_name(certificate.get());
-  const unsigned char common_name[] = "localhost";
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, common_name, -1, -1, 0);
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>(subject.c_str()), -1, -1, 0);
   X509_set_issuer_name(certificate.get(), name);
   AddExtension(certificate.get(), NID_basic_constraints, "critical,CA:TRUE");
   AddExtension(certificate.get(), NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
@@ -47,10 +52,35 @@ TestCertificate MakeTestCertificate() {
     throw std::runtime_error("X509_sign failed");
 
   TestCertificate result;
-  result.certificate = ToPem([&](BIO* out) { PEM_write_bio_X509(out, certificate.get()); });
+  result.certificate = CertificateText(certificate.get());
   result.key = ToPem(
       [&](BIO* out) { PEM_write_bio_PrivateKey(out, key.get(), nullptr, nullptr, 0, nullptr, nullptr); });
   return result;
+}
+
+std::unique_ptr<X509, void (*)(X509*)> ParseCertificate(const std::string& pem) {
+  return {PEM_read_bio_X509(OpenText(pem).get(), nullptr, nullptr, nullptr), &X509_free};
+}
+
+std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> ParseKey(const std::string& pem) {
+  return {PEM_read_bio_PrivateKey(OpenText(pem).get(), nullptr, nullptr, nullptr), &EVP_PKEY_free};
+}
+
+std::string CertificateText(X509* certificate) {
+  return ToPem([certificate](BIO* out) { PEM_write_bio_X509(out, certificate); });
+}
+
+std::string EncryptKey(const std::string& key) {
+  return ToPem([parsed = ParseKey(key)](BIO* out) {
+    PEM_write_bio_PKCS8PrivateKey(out, parsed.get(), EVP_aes_128_cbc(), "passphrase", 10, nullptr, nullptr);
+  });
+}
+
+std::string HashedName(const std::string& certificate) {
+  char name[16];
+  (void)std::snprintf(name, sizeof name, "%08lx.0",
+                      X509_subject_name_hash(ParseCertificate(certificate).get()));
+  return name;
 }
 
 }  // namespace TarvoOrvane::Testing

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <openssl/x509.h>
+
+#include <memory>
 #include <string>
 
 namespace TarvoOrvane::Testing {
@@ -10,6 +13,22 @@ struct TestCertificate {
   std::string key;
 };
 
-TestCertificate MakeTestCertificate();
+/// When it is valid, in seconds from now.
+struct Validity {
+  long begin = -3600;
+  long end = 86400;
+};
+
+TestCertificate MakeTestCertificate(const Validity& validity = {}, const std::string& subject = "localhost");
+
+std::unique_ptr<X509, void (*)(X509*)> ParseCertificate(const std::string& pem);
+std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> ParseKey(const std::string& pem);
+std::string CertificateText(X509* certificate);
+
+/// The same key, encrypted under a passphrase.
+std::string EncryptKey(const std::string& key);
+
+/// The name under which OpenSSL finds the certificate in a folder of trusted ones.
+std::string HashedName(const std::string& certificate);
 
 }  // namespace TarvoOrvane::Testing

@@ -1,20 +1,20 @@
 #include "ticket_client.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <future>
+#include <set>
 #include <thread>
 
 #include "client_errors.h"
-#include "scoped_fd.h"
+#include "loopback.h"
+#include "receive_in_time.h"
 #include "scripted_server.h"
 #include "syslog_recorder.h"
+#include "tcp_relay.h"
 #include "temp_dir.h"
+#include "unread_server.h"
 
 namespace TarvoOrvane::Internal {
 namespace {
@@ -22,56 +22,22 @@ namespace {
 using FastSupport::CallStatus;
 using FastSupport::FastSupportClient;
 using FastSupport::ReceiveResult;
+using std::chrono::milliseconds;
 using tarvo::support::v1::CLIENT_STATUS_ACCEPTED;
 using tarvo::support::v1::CLIENT_STATUS_REJECTED;
 using testing::ElementsAre;
+using Testing::Failed;
 using testing::HasSubstr;
 using Testing::kDeadline;
 using testing::Not;
+using Testing::PendingReceive;
+using Testing::ReceiveInTime;
 using Testing::ScriptedServer;
 using Testing::ServerOptions;
 using Testing::Session;
-
-std::string TicketJson(const std::string& token) {
-  return R"({"token": ")" + token + R"(", "apps": ["a", "b"]})";
-}
-
-/// What a Receive() brought, in a word: the token, or "failed NUMBER".
-std::string Summary(const ReceiveResult& result) {
-  if (result.request) return result.request->token;
-  return (result.status.hasFail ? "failed " : "nothing ") + std::to_string(result.status.error);
-}
-
-std::string Failed(ClientError error) { return "failed " + std::to_string(static_cast<int>(error)); }
-
-/// Receive() in another thread, so that a test that would block for ever fails instead.
-template <typename Client>
-class PendingReceive {
- public:
-  explicit PendingReceive(Client& client)
-      : future_(std::async(std::launch::async, [&client] { return client.Receive(); })) {}
-
-  ReceiveResult Await() {
-    if (future_.wait_for(kDeadline) != std::future_status::ready) {
-      ADD_FAILURE() << "Receive() does not return";
-      std::abort();
-    }
-    return future_.get();
-  }
-
- private:
-  std::future<ReceiveResult> future_;
-};
-
-template <typename Client>
-PendingReceive<Client> StartReceive(Client& client) {
-  return PendingReceive<Client>(client);
-}
-
-template <typename Client>
-ReceiveResult ReceiveInTime(Client& client) {
-  return StartReceive(client).Await();
-}
+using Testing::StartReceive;
+using Testing::Summary;
+using Testing::TicketJson;
 
 class TicketClientTest : public testing::Test {
  protected:
@@ -80,11 +46,15 @@ class TicketClientTest : public testing::Test {
   /// Opens the first stream of `client`; the Receive() that does it waits for a ticket.
   std::shared_ptr<Session> Connect(FastSupportClient& client) {
     receive_.emplace(client);
+    return AwaitSession();
+  }
+  ReceiveResult Received() { return receive_->Await(); }
+
+  std::shared_ptr<Session> AwaitSession() {
     auto session = server_.AwaitSession();
     EXPECT_NE(session, nullptr);
     return session;
   }
-  ReceiveResult Received() { return receive_->Await(); }
 
   ScriptedServer server_;
   std::optional<PendingReceive<FastSupportClient>> receive_;
@@ -118,7 +88,7 @@ TEST_F(TicketClientTest, ATicketIsReceivedAndAnsweredOnce) {
 
   const auto second = client.Send(FastSupportClient::kAccepted);
   EXPECT_EQ(second.error, static_cast<int>(ClientError::kNothingToAnswer));
-  EXPECT_FALSE(session->AwaitAnswer(std::chrono::milliseconds(100)));
+  EXPECT_FALSE(session->AwaitAnswer(milliseconds(100)));
 }
 
 TEST_F(TicketClientTest, ARefusedTicketIsAnsweredRejected) {
@@ -205,7 +175,7 @@ TEST_F(TicketClientTest, AnAnswerAfterTheStreamDiedFailsAndTicketsQueuedFromItAr
   // The end reaches the client a moment after it left the server; an answer that is quicker still gets out.
   for (int attempt = 0; attempt < 100 && !sent.hasFail; ++attempt) {
     const auto session = Connect(client);
-    session->Deliver("id-1", TicketJson("t1"));
+    session->Deliver("id-1 of attempt " + std::to_string(attempt), TicketJson("t1"));
     ASSERT_EQ(Summary(Received()), "t1");
     session->Deliver("id-2", TicketJson("t2"));
     session->End(grpc::Status::OK);
@@ -230,7 +200,7 @@ TEST_F(TicketClientTest, AnAnswerWithoutATicketFails) {
 
 TEST_F(TicketClientTest, AnUndecodableMessageEndsTheStreamWithAFailureAndTheNextOneWorks) {
   TicketClientOptions options;
-  options.limits.status = std::chrono::milliseconds(100);
+  options.limits.status = milliseconds(100);
   TicketClient client(server_.url(), options);
   auto receive = StartReceive(client);
   auto session = server_.AwaitSession();
@@ -276,7 +246,7 @@ TEST_F(TicketClientTest, DestructionEndsTheThreadOfAStreamWhoseReadingPauses) {
   ASSERT_NE(session, nullptr);
   for (int i = 0; i < 40; ++i) session->Deliver(std::to_string(i), TicketJson(std::string(50'000, 't')));
   receive.Await();
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // for the queue to fill
+  std::this_thread::sleep_for(milliseconds(300));  // for the queue to fill
   auto destruction = std::async(std::launch::async, [&client] { client.reset(); });
   if (destruction.wait_for(kDeadline) != std::future_status::ready) {
     ADD_FAILURE() << "the destructor does not return";
@@ -340,18 +310,12 @@ TEST(TicketClientConnectionTest, ANameIsLookedUp) {
 }
 
 TEST(TicketClientConnectionTest, AServerThatAcceptsButIsSilentFailsWithinTheConnectLimit) {
-  const ScopedFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-  ASSERT_EQ(listen(listener.get(), 5), 0);
-  ASSERT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+  int port = 0;
+  const ScopedFd listener = Testing::BindLoopback(SOCK_STREAM, port);
 
   TicketClientOptions options;
-  options.limits.connect = std::chrono::milliseconds(200);
-  TicketClient client("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)), options);
+  options.limits.connect = milliseconds(200);
+  TicketClient client("http://127.0.0.1:" + std::to_string(port), options);
   EXPECT_EQ(Summary(ReceiveInTime(client)), "failed 14");
 }
 
@@ -360,83 +324,261 @@ TEST(TicketClientConnectionTest, AServerThatComplainsOfPingsIsPingedHalfAsOften)
   server_options.strict_about_pings = true;
   ScriptedServer server(server_options);
   TicketClientOptions options;
-  options.limits.keepalive = std::chrono::milliseconds(50);
+  options.limits.keepalive = milliseconds(50);
   TicketClient client(server.url(), options);
   const auto failure = ReceiveInTime(client);
   EXPECT_EQ(Summary(failure), "failed 14");
   EXPECT_THAT(failure.status.errorMsg, HasSubstr("Too many pings"));
-  EXPECT_EQ(client.keepalive(), std::chrono::milliseconds(100));
+  EXPECT_EQ(client.keepalive(), milliseconds(100));
 }
 
-class TlsTest : public testing::Test {
+/// Each ping takes a moment of gRPC's own beside the limits.
+TEST(TicketClientConnectionTest, ALinkThatDiesSilentlyIsFoundByPings) {
+  ScriptedServer server;
+  Testing::TcpRelay link(server.port());
+  TicketClientOptions options;
+  options.limits.keepalive = milliseconds(100);
+  options.limits.ping_answer = milliseconds(100);
+  TicketClient client("http://127.0.0.1:" + std::to_string(link.port()), options);
+  auto receive = StartReceive(client);
+  ASSERT_NE(server.AwaitSession(), nullptr);
+  link.Freeze();
+  const auto failure = receive.Await();
+  EXPECT_EQ(Summary(failure), "failed 14");
+  EXPECT_THAT(failure.status.errorMsg, HasSubstr("keepalive"));
+}
+
+TEST(TicketClientConnectionTest, TheDefaultLimitsFindADeadLinkIn35SecondsAndASilentServerOrNameServerIn10) {
+  const StreamLimits limits;
+  EXPECT_LE(limits.keepalive + limits.ping_answer, std::chrono::seconds(35));
+  EXPECT_LE(limits.connect, std::chrono::seconds(10));
+  EXPECT_LE(limits.name_lookup, std::chrono::seconds(10));
+}
+
+TEST(TicketClientConnectionTest, AnAnswerThatCannotBeWrittenFailsAtItsLimitAndClosesTheStream) {
+  Testing::UnreadServer server(TicketJson("t1"));
+  TicketClientOptions options;
+  options.answer_limit = milliseconds(100);
+  TicketClient client(server.url(), options);
+  ASSERT_EQ(Summary(ReceiveInTime(client)), "t1");
+  const auto sent = client.Send(FastSupportClient::kAccepted);
+  EXPECT_TRUE(sent.hasFail);
+  EXPECT_EQ(sent.error, static_cast<int>(ClientError::kAnswerNotSent));
+  EXPECT_EQ(sent.errorMsg, "The answer could not be written in time; the stream is closed");
+  EXPECT_EQ(Summary(ReceiveInTime(client)), "failed 1");
+}
+
+TEST(TicketClientConnectionTest, AnAnswerIsGivenTenSecondsByDefault) {
+  EXPECT_EQ(TicketClientOptions().answer_limit, std::chrono::seconds(10));
+}
+
+class RepeatedTicketTest : public TicketClientTest {
  protected:
-  TlsTest() {
-    ServerOptions options;
-    options.certificate = Testing::MakeTestCertificate();
-    server_.emplace(options);
-    options_.root_certificates_file = folder_.Write("ca.pem", options.certificate->certificate);
+  /// Delivers the ticket on `session`, whose Receive() is under way, and answers it.
+  void ReceiveAndSend(Session& session, const std::string& id, FastSupportClient::ClientStatus status) {
+    session.Deliver(id, TicketJson(id));
+    ASSERT_EQ(Summary(Received()), id);
+    ASSERT_FALSE(client_.Send(status).hasFail);
+    ExpectAnswer(session, id,
+                 status == FastSupportClient::kAccepted ? CLIENT_STATUS_ACCEPTED : CLIENT_STATUS_REJECTED);
   }
-  std::string HostAndPort(const std::string& host) const {
-    return host + ":" + std::to_string(server_->port());
+  void ExpectAnswer(Session& session, const std::string& id, tarvo::support::v1::ClientStatus status) {
+    const auto answer = session.AwaitAnswer();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->ticket_id(), id);
+    EXPECT_EQ(answer->status(), status);
   }
 
-  const Testing::TempDir folder_;
-  std::optional<ScriptedServer> server_;
-  TicketClientOptions options_;
+  FastSupportClient client_{server_.url()};
 };
 
-TEST_F(TlsTest, AServerWithATrustedCertificateIsUsed) {
-  for (const std::string& address : {HostAndPort("localhost"), "https://" + HostAndPort("127.0.0.1")}) {
-    TicketClient client(address, options_);
-    auto receive = StartReceive(client);
-    const auto session = server_->AwaitSession();
-    ASSERT_NE(session, nullptr);
-    session->Deliver("id", TicketJson("t"));
-    EXPECT_EQ(Summary(receive.Await()), "t");
-  }
+TEST_F(RepeatedTicketTest, AnAcceptedTicketIsAcceptedAgainAndNotReturnedTwice) {
+  const auto session = Connect(client_);
+  ReceiveAndSend(*session, "id-1", FastSupportClient::kAccepted);
+
+  receive_.emplace(client_);
+  session->Deliver("id-1", TicketJson("id-1"));
+  ExpectAnswer(*session, "id-1", CLIENT_STATUS_ACCEPTED);
+  session->Deliver("id-2", TicketJson("another"));
+  EXPECT_EQ(Summary(Received()), "another");
+  EXPECT_THAT(Testing::TakeSyslogText(), HasSubstr("Accepted again the ticket \"id-1\""));
 }
 
-TEST_F(TlsTest, AServerThatTheSystemsRootsDoNotKnowIsRefused) {
-  FastSupportClient client(HostAndPort("localhost"));
-  const auto failure = ReceiveInTime(client);
-  EXPECT_EQ(Summary(failure), "failed 14");
-  EXPECT_THAT(failure.status.errorMsg, HasSubstr("certificate verify failed"));
-  EXPECT_EQ(server_->AwaitSession(std::chrono::milliseconds(100)), nullptr);
+TEST_F(RepeatedTicketTest, ItIsRememberedOnTheNextStreamAndWhateverItNowSays) {
+  auto session = Connect(client_);
+  ReceiveAndSend(*session, "id-1", FastSupportClient::kAccepted);
+  session->End(grpc::Status::OK);
+  ASSERT_TRUE(ReceiveInTime(client_).status.hasFail);
+
+  session = Connect(client_);
+  session->Deliver("id-1", "malformed");
+  ExpectAnswer(*session, "id-1", CLIENT_STATUS_ACCEPTED);
+  session->Deliver("id-2", TicketJson("another"));
+  EXPECT_EQ(Summary(Received()), "another");
 }
 
-TEST_F(TlsTest, AServerUnderAnotherNameIsRefused) {
-  TicketClient client(HostAndPort("127.0.0.2"), options_);
-  const auto failure = ReceiveInTime(client);
-  EXPECT_TRUE(failure.status.hasFail);
-  EXPECT_EQ(server_->AwaitSession(std::chrono::milliseconds(100)), nullptr);
+TEST_F(RepeatedTicketTest, ARejectedTicketIsReturnedAgainAndCanBeAcceptedThen) {
+  const auto session = Connect(client_);
+  ReceiveAndSend(*session, "id-1", FastSupportClient::kRejected);
+  receive_.emplace(client_);
+  ReceiveAndSend(*session, "id-1", FastSupportClient::kAccepted);
 }
 
-TEST_F(TlsTest, APlaintextServerIsRefused) {
-  ScriptedServer plaintext;
-  TicketClient client("localhost:" + std::to_string(plaintext.port()), options_);
-  EXPECT_EQ(Summary(ReceiveInTime(client)), "failed 14");
+TEST_F(RepeatedTicketTest, AMalformedTicketThatComesAgainInGoodFormIsReturned) {
+  const auto session = Connect(client_);
+  session->Deliver("id-1", "malformed");
+  ExpectAnswer(*session, "id-1", CLIENT_STATUS_REJECTED);
+  ReceiveAndSend(*session, "id-1", FastSupportClient::kAccepted);
 }
 
-TEST_F(TlsTest, RootCertificatesThatCannotBeReadAreTheirOwnFailureAndAreReadAgain) {
-  const std::string good = options_.root_certificates_file;
-  options_.root_certificates_file = folder_.File("later.pem");
-  TicketClient client(HostAndPort("localhost"), options_);
-  auto failure = ReceiveInTime(client);
-  EXPECT_EQ(Summary(failure), Failed(ClientError::kBadCertificates));
-  EXPECT_THAT(failure.status.errorMsg, HasSubstr("later.pem can't be read: No such file or directory"));
+TEST_F(RepeatedTicketTest, ATicketThatNobodyAnsweredIsReturnedAgain) {
+  const auto session = Connect(client_);
+  session->Deliver("id-1", TicketJson("t1"));
+  ASSERT_EQ(Summary(Received()), "t1");
+  receive_.emplace(client_);
+  ReceiveAndSend(*session, "id-1", FastSupportClient::kAccepted);
+}
 
-  folder_.Write("later.pem", "");
-  failure = ReceiveInTime(client);
-  EXPECT_EQ(Summary(failure), Failed(ClientError::kBadCertificates));
-  EXPECT_THAT(failure.status.errorMsg, HasSubstr("holds no root certificate"));
+TEST_F(RepeatedTicketTest, TicketsWithoutAnIdAreAllReturned) {
+  const auto session = Connect(client_);
+  ReceiveAndSend(*session, "", FastSupportClient::kAccepted);
+  receive_.emplace(client_);
+  ReceiveAndSend(*session, "", FastSupportClient::kAccepted);
+}
 
-  std::filesystem::copy_file(good, folder_.File("later.pem"),
-                             std::filesystem::copy_options::overwrite_existing);
+TEST(TicketClientConnectionTest, ATicketWhoseAcceptingAnswerDidNotGetOutIsNotReturnedTwice) {
+  const Testing::TempDir folder;
+  ServerOptions server_options;
+  server_options.listen = "unix:" + folder.File("socket");
+  auto server = std::make_unique<ScriptedServer>(server_options);
+  FastSupportClient client(server_options.listen);
   auto receive = StartReceive(client);
-  const auto session = server_->AwaitSession();
+  auto session = server->AwaitSession();
   ASSERT_NE(session, nullptr);
-  session->Deliver("id", TicketJson("t"));
-  EXPECT_EQ(Summary(receive.Await()), "t");
+  session->Deliver("id-1", TicketJson("t1"));
+  ASSERT_EQ(Summary(receive.Await()), "t1");
+  session.reset();
+  server.reset();
+  CallStatus sent;
+  // The stream's end may reach the client a moment after the server is gone.
+  sent = client.Send(FastSupportClient::kAccepted);
+  ASSERT_TRUE(ReceiveInTime(client).status.hasFail);
+
+  server = std::make_unique<ScriptedServer>(server_options);
+  receive = StartReceive(client);
+  session = server->AwaitSession();
+  ASSERT_NE(session, nullptr);
+  session->Deliver("id-1", TicketJson("t1"));
+  const auto answer = session->AwaitAnswer();
+  ASSERT_TRUE(answer) << "the first Send(): " << sent.errorMsg;
+  EXPECT_EQ(answer->status(), CLIENT_STATUS_ACCEPTED);
+  session->Deliver("id-2", TicketJson("t2"));
+  EXPECT_EQ(Summary(receive.Await()), "t2");
+}
+
+class ReopeningTest : public TicketClientTest {
+ protected:
+  std::unique_ptr<TicketClient> MakeClient(milliseconds settled, milliseconds longest_pause) const {
+    TicketClientOptions options;
+    options.settled = settled;
+    options.longest_pause = longest_pause;
+    return std::make_unique<TicketClient>(server_.url(), options);
+  }
+  static void OutliveSettling(milliseconds settled) { std::this_thread::sleep_for(settled); }
+};
+
+TEST_F(ReopeningTest, AStreamThatHadSettledIsReopenedInsideTheSameReceive) {
+  const milliseconds settled(50);
+  const auto client = MakeClient(settled, milliseconds(10));
+  auto receive = StartReceive(*client);
+  for (int i = 0; i < 3; ++i) {
+    const auto session = AwaitSession();
+    OutliveSettling(settled);
+    session->End(grpc::Status(grpc::StatusCode::UNAVAILABLE, "link\nlost"));
+  }
+  AwaitSession()->Deliver("id-1", TicketJson("t1"));
+  EXPECT_EQ(Summary(receive.Await()), "t1");
+  EXPECT_THAT(Testing::TakeSyslogText(),
+              HasSubstr("The stream ended after 0 s: link\\nlost; it is opened again in "));
+}
+
+TEST_F(ReopeningTest, AReopenedStreamThatEndsBeforeItHasSettledIsAFailure) {
+  const milliseconds settled(700);
+  const auto client = MakeClient(settled, milliseconds(10));
+  auto receive = StartReceive(*client);
+  auto session = AwaitSession();
+  OutliveSettling(settled);
+  session->End(grpc::Status(grpc::StatusCode::UNAVAILABLE, "first"));
+  session = AwaitSession();
+  session->End(grpc::Status(grpc::StatusCode::UNAVAILABLE, "second"));
+  const auto failure = receive.Await();
+  EXPECT_EQ(Summary(failure), "failed 14");
+  EXPECT_EQ(failure.status.errorMsg, "second");
+}
+
+TEST_F(ReopeningTest, AReopeningThatFindsNoServerIsAFailure) {
+  const Testing::TempDir folder;
+  ServerOptions server_options;
+  server_options.listen = "unix:" + folder.File("socket");
+  auto server = std::make_unique<ScriptedServer>(server_options);
+  TicketClientOptions options;
+  options.settled = milliseconds(1);
+  options.longest_pause = milliseconds(1);
+  TicketClient client(server_options.listen, options);
+  auto receive = StartReceive(client);
+  ASSERT_NE(server->AwaitSession(), nullptr);
+  OutliveSettling(options.settled);
+  server.reset();
+  EXPECT_EQ(Summary(receive.Await()), "failed 14");
+  EXPECT_THAT(Testing::TakeSyslogText(), HasSubstr("it is opened again in "));
+}
+
+TEST_F(ReopeningTest, AStreamThatEndedBetweenTwoCallsIsReopenedByTheNext) {
+  const milliseconds settled(50);
+  const auto client = MakeClient(settled, milliseconds(10));
+  auto receive = StartReceive(*client);
+  const auto session = AwaitSession();
+  session->Deliver("id-1", TicketJson("t1"));
+  ASSERT_EQ(Summary(receive.Await()), "t1");
+  OutliveSettling(settled);
+  session->End(grpc::Status(grpc::StatusCode::UNAVAILABLE, "lost"));
+  ASSERT_TRUE(session->AwaitEnd());
+  receive = StartReceive(*client);
+  AwaitSession()->Deliver("id-2", TicketJson("t2"));
+  EXPECT_EQ(Summary(receive.Await()), "t2");
+}
+
+/// The pauses that the log tells of, in milliseconds.
+std::set<int> LoggedPauses() {
+  std::set<int> pauses;
+  const std::string before = "it is opened again in ";
+  for (const auto& line : Testing::TakeSyslogLines()) {
+    const size_t at = line.text.find(before);
+    if (at != std::string::npos) pauses.insert(std::stoi(line.text.substr(at + before.size())));
+  }
+  return pauses;
+}
+
+TEST_F(ReopeningTest, ThePauseBeforeItIsRandomAndHasALongest) {
+  const milliseconds settled(1);
+  const auto client = MakeClient(settled, milliseconds(40));
+  auto receive = StartReceive(*client);
+  for (int i = 0; i < 15; ++i) {
+    const auto session = AwaitSession();
+    OutliveSettling(settled);
+    session->End(grpc::Status::OK);
+  }
+  AwaitSession()->Deliver("id-1", TicketJson("t1"));
+  ASSERT_EQ(Summary(receive.Await()), "t1");
+  const auto pauses = LoggedPauses();
+  EXPECT_GT(pauses.size(), 3U);
+  EXPECT_LE(*pauses.rbegin(), 40);
+}
+
+TEST_F(ReopeningTest, ByDefaultAStreamSettlesInAMinuteAndIsReopenedWithinFiveSeconds) {
+  const TicketClientOptions options;
+  EXPECT_EQ(options.settled, std::chrono::seconds(60));
+  EXPECT_EQ(options.longest_pause, std::chrono::seconds(5));
 }
 
 }  // namespace

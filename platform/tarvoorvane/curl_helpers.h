@@ -1,0 +1,29 @@
+/// What the curl helpers set for every transfer, where it takes parameters.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "platform/support_service_client.h"
+
+namespace TarvoOrvane::Internal {
+
+/// How long a peer may leave everything unconfirmed before its connection is given up: long enough for a
+/// restart of a router or a change of the mobile cell, short against the half hour that a transfer may take.
+inline constexpr std::chrono::seconds kDeadPeerLimit{120};
+
+/// How much text of answers one string takes, over all attempts together. Answers are short JSON texts.
+inline constexpr size_t kMaxAnswerBytes = 16UL << 20;
+
+/// Makes the kernel end a connection whose peer is dead: probes on an idle one (the first after half the limit),
+/// and a limit on data that stays unconfirmed or, with the peer's window closed, unsent. A peer that has
+/// confirmed all data and merely does not answer yet is left in peace.
+/// @param limit  At least two seconds.
+/// @return Whether the socket took all options; errno tells why not.
+bool LimitDeadPeer(int socket, std::chrono::seconds limit);
+
+/// CurlPerform() with the TLS files of `tls_folder`.
+/// @throws Utils::CurlFailedException as CurlPerform() does.
+void PerformTransfer(Utils::CurlHandle& handle, const std::string& tls_folder);
+
+}  // namespace TarvoOrvane::Internal

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <deque>
+#include <string>
+
+namespace TarvoOrvane::Internal {
+
+/// Remembers which tickets the daemon has taken, so that one whose answer was lost is not worked on twice when
+/// the service delivers it again. In the worker's memory only: a new worker remembers nothing.
+class TicketMemory {
+ public:
+  static constexpr size_t kCapacity = 256;  ///< Older ids are forgotten.
+
+  /// Makes `id` the youngest. The empty id is not remembered: it can't tell two tickets apart.
+  void Add(const std::string& id);
+  [[nodiscard]] bool Contains(const std::string& id) const;
+
+ private:
+  std::deque<std::string> ids_;  ///< Oldest first; a message of the service bounds each to 64 KiB.
+};
+
+}  // namespace TarvoOrvane::Internal

@@ -1,0 +1,88 @@
+/// A loopback TCP server whose every move the test scripts.
+#pragma once
+
+#include <poll.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "loopback.h"
+
+namespace TarvoOrvane::Testing {
+
+class LoopbackServer {
+ public:
+  /// @param serve  Runs in the server's thread for one connection after the other. What it reads comes within ten
+  ///               seconds or fails. Connections stay open until the server goes.
+  explicit LoopbackServer(std::function<void(int)> serve)
+      : serve_(std::move(serve)), listener_(BindLoopback(SOCK_STREAM, port_)), thread_([this] { Run(); }) {}
+  ~LoopbackServer() {
+    stop_ = true;
+    thread_.join();
+  }
+  LoopbackServer(const LoopbackServer&) = delete;
+  LoopbackServer& operator=(const LoopbackServer&) = delete;
+
+  [[nodiscard]] std::string host_and_port() const { return "127.0.0.1:" + std::to_string(port_); }
+  [[nodiscard]] std::string url() const { return "http://" + host_and_port() + "/"; }
+  [[nodiscard]] int connections() const { return connections_; }
+
+ private:
+  void Run() {
+    std::vector<Internal::ScopedFd> open;
+    while (!stop_) {
+      pollfd readable{listener_.get(), POLLIN, 0};
+      if (poll(&readable, 1, 10) <= 0) continue;
+      open.emplace_back(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      ++connections_;
+      const timeval limit{10, 0};
+      setsockopt(open.back().get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+      serve_(open.back().get());
+    }
+  }
+
+  const std::function<void(int)> serve_;
+  int port_ = 0;
+  Internal::ScopedFd listener_;
+  std::atomic<int> connections_{0};
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+/// Reads a request's head, and no more of its body than came with it.
+/// @return What was read; empty when the client stopped before the head's end.
+inline std::string ReadHead(int connection) {
+  std::string text;
+  char chunk[4096];
+  while (text.find("\r\n\r\n") == std::string::npos) {
+    const ssize_t size = read(connection, chunk, sizeof chunk);
+    if (size <= 0) return {};
+    text.append(chunk, static_cast<size_t>(size));
+  }
+  return text;
+}
+
+/// Reads the rest of the body of the request whose beginning ReadHead() returned.
+inline void ReadBody(int connection, const std::string& begin) {
+  const size_t body = begin.find("\r\n\r\n") + 4;
+  const size_t length_at = begin.find("Content-Length: ");
+  size_t left = std::strtoul(begin.c_str() + length_at + 16, nullptr, 10) - (begin.size() - body);
+  std::string chunk(1 << 16, '\0');
+  while (left > 0) {
+    const ssize_t size = read(connection, chunk.data(), chunk.size());
+    if (size <= 0) return;
+    left -= static_cast<size_t>(size);
+  }
+}
+
+inline constexpr char kAnswer[] = "HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nanswer";
+
+inline void WriteAnswer(int connection) { (void)!write(connection, kAnswer, sizeof kAnswer - 1); }
+
+}  // namespace TarvoOrvane::Testing

@@ -1,0 +1,89 @@
+#include "notification_stream.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <thread>
+
+#include "name_server.h"
+#include "scripted_server.h"
+
+namespace TarvoOrvane::Internal {
+namespace {
+
+using std::chrono::steady_clock;
+using Taken = NotificationStream::Taken;
+
+/// Waits until the stream has ended, at most for the tests' deadline.
+bool AwaitEnd(NotificationStream& stream) {
+  tarvo::support::v1::Delivery delivery;
+  const auto deadline = steady_clock::now() + Testing::kDeadline;
+  while (stream.Take(delivery) != Taken::kEnded) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady_clock::now());
+    pollfd changed{stream.event_fd(), POLLIN, 0};
+    if (left.count() <= 0 || poll(&changed, 1, static_cast<int>(left.count())) <= 0) return false;
+    stream.DrainEvents();
+  }
+  return true;
+}
+
+/// The address of a host by name, to be asked of `name_server` rather than of the system's.
+Address NamedHost(const Testing::NameServer& name_server, int port) {
+  Address address;
+  address.target =
+      "dns://127.0.0.1:" + std::to_string(name_server.port()) + "/notify.test:" + std::to_string(port);
+  return address;
+}
+
+TEST(NotificationStreamTest, ASilentNameServerEndsItAtTheLimitOfTheLookUp) {
+  Testing::NameServer name_server("");
+  StreamLimits limits;
+  limits.name_lookup = std::chrono::milliseconds(200);
+  NotificationStream stream(NamedHost(name_server, 1), {}, "", limits);
+  ASSERT_TRUE(AwaitEnd(stream));
+  EXPECT_EQ(stream.end_status().error, grpc::StatusCode::UNAVAILABLE);
+  EXPECT_THAT(stream.end_status().errorMsg, testing::HasSubstr("DNS resolution failed for notify.test:1"));
+  EXPECT_GT(name_server.questions(), 0);
+}
+
+TEST(NotificationStreamTest, AHostThatMovedIsFoundByTheNextStream) {
+  Testing::ServerOptions options;
+  options.listen = "127.0.0.2:0";
+  Testing::ScriptedServer former(options);
+  options.listen = "127.0.0.3:" + std::to_string(former.port());
+  Testing::ScriptedServer present(options);
+  ASSERT_GT(present.port(), 0);
+  Testing::NameServer name_server("127.0.0.2");
+  {
+    NotificationStream stream(NamedHost(name_server, former.port()), {}, "", {});
+    ASSERT_NE(former.AwaitSession(), nullptr);
+    name_server.SetAddress("127.0.0.3");
+  }
+  NotificationStream stream(NamedHost(name_server, former.port()), {}, "", {});
+  EXPECT_NE(present.AwaitSession(), nullptr);
+}
+
+TEST(NotificationStreamTest, ItsLifetimeIsZeroWithoutAConnectionAndTheTimeItStoodWithOne) {
+  Address address;
+  address.target = "unix:/nowhere/socket";
+  NotificationStream unconnected(address, {}, "", {});
+  ASSERT_TRUE(AwaitEnd(unconnected));
+  EXPECT_EQ(unconnected.lifetime(), steady_clock::duration(0));
+
+  Testing::ScriptedServer server;
+  address.target = "ipv4:127.0.0.1:" + std::to_string(server.port());
+  const auto start = steady_clock::now();
+  NotificationStream connected(address, {}, "", {});
+  const auto session = server.AwaitSession();
+  ASSERT_NE(session, nullptr);
+  constexpr std::chrono::milliseconds kOpen(20);
+  std::this_thread::sleep_for(kOpen);
+  session->End(grpc::Status::OK);
+  ASSERT_TRUE(AwaitEnd(connected));
+  EXPECT_GE(connected.lifetime(), kOpen);
+  EXPECT_LE(connected.lifetime(), steady_clock::now() - start);
+}
+
+}  // namespace
+}  // namespace TarvoOrvane::Internal

@@ -1,0 +1,95 @@
+#include "unread_server.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "loopback.h"
+#include "tarvo/support/v1/notification.pb.h"
+
+namespace TarvoOrvane::Testing {
+namespace {
+
+constexpr int kLookMs = 10;
+constexpr size_t kPrefaceSize = 24;
+constexpr size_t kFrameHeaderSize = 9;
+
+enum FrameType : unsigned char { kData = 0, kHeaders = 1, kSettings = 4 };
+constexpr unsigned char kAck = 1;
+constexpr unsigned char kEndHeaders = 4;
+
+char Byte(size_t value) { return static_cast<char>(static_cast<unsigned char>(value & 0xff)); }
+unsigned char At(const std::string& text, size_t i) { return static_cast<unsigned char>(text[i]); }
+
+std::string Frame(FrameType type, unsigned char flags, unsigned char stream, const std::string& payload) {
+  const size_t size = payload.size();
+  return std::string({Byte(size >> 16), Byte(size >> 8), Byte(size), Byte(type), Byte(flags), 0, 0, 0,
+                      Byte(stream)}) +
+         payload;
+}
+
+std::string DeliveryFrames(const std::string& ticket_json) {
+  tarvo::support::v1::ServerMessage message;
+  message.mutable_delivery()->set_ticket_id("id-1");
+  message.mutable_delivery()->set_ticket_json(ticket_json);
+  const std::string text = message.SerializeAsString();
+  const size_t size = text.size();
+  const std::string prefix = {0, Byte(size >> 24), Byte(size >> 16), Byte(size >> 8), Byte(size)};
+  // Status 200 from the static table; "content-type" is the 31st name there.
+  const std::string headers = std::string("\x88\x0f\x10\x10") + "application/grpc";
+  return Frame(kHeaders, kEndHeaders, 1, headers) + Frame(kData, 0, 1, prefix + text);
+}
+
+void Write(int fd, const std::string& text) { (void)!write(fd, text.data(), text.size()); }
+
+}  // namespace
+
+UnreadServer::UnreadServer(std::string ticket_json)
+    : ticket_json_(std::move(ticket_json)),
+      listener_(BindLoopback(SOCK_STREAM, port_)),
+      thread_([this] { Run(); }) {}
+
+UnreadServer::~UnreadServer() {
+  stop_ = true;
+  thread_.join();
+}
+
+void UnreadServer::Run() {
+  while (!stop_) {
+    pollfd readable{listener_.get(), POLLIN, 0};
+    if (poll(&readable, 1, kLookMs) <= 0) continue;
+    const Internal::ScopedFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    Serve(connection.get());
+  }
+}
+
+bool UnreadServer::ReadExactly(int fd, std::string& out, size_t size) const {
+  out.clear();
+  while (out.size() < size && !stop_) {
+    pollfd readable{fd, POLLIN, 0};
+    if (poll(&readable, 1, kLookMs) <= 0) continue;
+    char chunk[4096];
+    const ssize_t count = read(fd, chunk, std::min(sizeof chunk, size - out.size()));
+    if (count <= 0) return false;
+    out.append(chunk, static_cast<size_t>(count));
+  }
+  return out.size() == size;
+}
+
+void UnreadServer::Serve(int fd) const {
+  // The initial window of every stream (setting 4) is zero.
+  Write(fd, Frame(kSettings, 0, 0, std::string("\x00\x04\x00\x00\x00\x00", 6)));
+  std::string header;
+  std::string payload;
+  if (!ReadExactly(fd, header, kPrefaceSize)) return;
+  while (ReadExactly(fd, header, kFrameHeaderSize)) {
+    const size_t size = size_t{At(header, 0)} << 16 | size_t{At(header, 1)} << 8 | At(header, 2);
+    if (!ReadExactly(fd, payload, size)) return;
+    if (At(header, 3) == kSettings && At(header, 4) != kAck) Write(fd, Frame(kSettings, kAck, 0, ""));
+    if (At(header, 3) == kHeaders) Write(fd, DeliveryFrames(ticket_json_));
+  }
+}
+
+}  // namespace TarvoOrvane::Testing
