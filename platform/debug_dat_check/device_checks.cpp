@@ -1,0 +1,267 @@
+#include "device_checks.h"
+
+#include <fcntl.h>
+#include <json/reader.h>
+#include <json/value.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include "app_description.h"
+#include "file_util.h"
+
+namespace DebugDatCheck {
+namespace {
+
+namespace fs = std::filesystem;
+using TARVO::SupportForm::ErrorText;
+using TARVO::SupportForm::Limits;
+using TARVO::SupportForm::Paths;
+using TarvoOrvane::Internal::LoadTlsFiles;
+using TarvoOrvane::Internal::ReadSerialNumber;
+using TarvoOrvane::Internal::SerialNumberPaths;
+using TarvoOrvane::Internal::TlsFiles;
+
+constexpr char kConfiguration[] = "configuration";
+constexpr char kTls[] = "TLS files";
+constexpr char kSerial[] = "serial number";
+constexpr char kSpace[] = "free space";
+constexpr char kApplication[] = "application";
+
+/// Far more than two addresses need.
+constexpr std::size_t kMaxConfigurationBytes = std::size_t{1} << 20;
+
+constexpr char kConfigurationForm[] =
+    R"(Write {"debug_dat_file_transmitter": {"grpc_server": {"url": "https://HOST:PORT"}, )"
+    R"("css_server": {"url": "https://HOST"}}} there, then restart the daemon)";
+
+// ---- configuration ----
+
+/// Parses as the daemon does, which takes comments.
+/// @return What is wrong and in which line; empty when nothing is.
+std::string ParseConfiguration(const std::string& text, Json::Value& root) {
+  // The successor of Json::Reader, which jsoncpp marks as deprecated, accepts other texts than the daemon.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  Json::Reader reader;
+  try {
+    if (reader.parse(text, root, true)) return {};
+  } catch (const Json::Exception& error) {  // nesting beyond the reader's limit
+    return error.what();
+  }
+  const auto errors = reader.getStructuredErrors();
+#pragma GCC diagnostic pop
+  if (errors.empty()) return "no JSON document";
+  const auto fault_begin = text.begin() + errors.front().offset_start;
+  return "line " + std::to_string(1 + std::count(text.begin(), fault_begin, '\n')) + ": " +
+         errors.front().message;
+}
+
+/// Takes the string debug_dat_file_transmitter.SERVER.url.
+/// @return What is wrong with it; empty when nothing is.
+std::string TakeUrl(const Json::Value& root, const char* server, std::string& url) {
+  const Json::Value* value = &root;
+  std::string place;
+  for (const char* key : {"debug_dat_file_transmitter", server, "url"}) {
+    if (!value->isObject()) return (place.empty() ? "the document" : place) + " is no object";
+    place += (place.empty() ? "" : ".") + std::string(key);
+    if (!value->isMember(key)) return place + " is missing";
+    value = &(*value)[key];
+  }
+  if (!value->isString()) return place + " is no string";
+  url = value->asString();
+  return url.empty() ? place + " is empty" : "";
+}
+
+// ---- serial number ----
+
+struct SerialSource {
+  std::string file;
+  SerialNumberPaths paths;  ///< This source alone.
+  std::string description;
+};
+
+std::array<SerialSource, 3> SourcesOf(const SerialNumberPaths& paths) {
+  return {{{paths.configured, {paths.configured, "", ""}, "from " + paths.configured},
+           {paths.dmi, {"", paths.dmi, ""}, "from the board's maker, " + paths.dmi},
+           {paths.machine_id, {"", "", paths.machine_id}, "a hash of " + paths.machine_id}}};
+}
+
+bool MayNotRead(const std::string& path) {
+  return faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0 && errno == EACCES;
+}
+
+// ---- free space ----
+
+/// The folder itself, or the nearest one above it that is there.
+fs::path NearestFolder(fs::path folder) {
+  std::error_code error;
+  while (!fs::exists(folder, error) && folder.has_relative_path()) folder = folder.parent_path();
+  return folder;
+}
+
+std::string SizeText(std::uint64_t bytes) {
+  std::array<char, 32> text{};
+  constexpr double kMebibyte = 1UL << 20;
+  const double mebibytes = static_cast<double>(bytes) / kMebibyte;
+  const bool large = mebibytes >= 1024;
+  (void)std::snprintf(text.data(), text.size(), large ? "%.1f GiB" : "%.0f MiB",
+                      large ? mebibytes / 1024 : mebibytes);
+  return text.data();
+}
+
+// ---- application descriptions ----
+
+std::string Counted(std::size_t count, const std::string& noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+Check CheckDescription(const Paths& paths, const Limits& limits, const std::string& file) {
+  constexpr char kSuffix[] = ".json";
+  constexpr std::size_t kSuffixSize = sizeof kSuffix - 1;
+  const std::string path = paths.descriptions + "/" + file;
+  if (file.size() < kSuffixSize || file.substr(file.size() - kSuffixSize) != kSuffix) {
+    return Warning(kApplication, path + ": is not read, its name does not end in .json",
+                   "Rename it to NAME.json, or remove it");
+  }
+  const std::string name = file.substr(0, file.size() - kSuffixSize);
+  if (!TARVO::SupportForm::IsAppName(name)) {
+    return Problem(kApplication, path + ": no ticket can ask for an application of this name",
+                   "Rename it: a letter or digit, then up to 63 of letters, digits, '.', '_' and '-', "
+                   "then .json");
+  }
+  try {
+    const auto app = LoadAppDescription(paths, limits, name);
+    return Ok(kApplication, name + ": " + Counted(app.paths.size(), "path") + ", " +
+                                Counted(app.commands.size(), "command") + ", " +
+                                Counted(app.units.size(), "journal unit"));
+  } catch (const TARVO::SupportForm::DescriptionError& error) {
+    return Problem(kApplication, error.what(),
+                   "Correct the file; until then a ticket for " + name + " gets nothing of it");
+  }
+}
+
+}  // namespace
+
+Check CheckConfiguration(const std::string& path, ServiceUrls& urls) {
+  std::string text;
+  bool more = false;
+  if (!TARVO::SupportForm::ReadFileUpTo(path, kMaxConfigurationBytes, text, more)) {
+    return Problem(kConfiguration, path + " can't be read: " + ErrorText(errno), kConfigurationForm);
+  }
+  if (more) return Problem(kConfiguration, path + " is longer than 1 MiB", kConfigurationForm);
+  Json::Value root;
+  if (const std::string fault = ParseConfiguration(text, root); !fault.empty()) {
+    return Problem(kConfiguration, path + " is not valid JSON: " + fault,
+                   "Correct it, then restart the daemon");
+  }
+  const std::string notification_fault = TakeUrl(root, "grpc_server", urls.notification);
+  std::string css_fault = TakeUrl(root, "css_server", urls.css);
+  if (css_fault == notification_fault) css_fault.clear();  // both servers lack the same thing
+  if (notification_fault.empty() && css_fault.empty()) {
+    return Ok(kConfiguration, path + " names both servers");
+  }
+  const bool both = !notification_fault.empty() && !css_fault.empty();
+  return Problem(kConfiguration, path + ": " + notification_fault + (both ? ", " : "") + css_fault,
+                 kConfigurationForm);
+}
+
+std::vector<Check> CheckTlsFiles(const std::string& folder, std::optional<TlsFiles>& out) {
+  TlsFiles files;
+  std::vector<Check> checks;
+  for (const std::string& problem : LoadTlsFiles(folder, files)) {
+    // Its lines are "what is wrong; what to do".
+    const std::size_t end = problem.find("; ");
+    std::string advice = end == std::string::npos ? "correct it" : problem.substr(end + 2);
+    advice.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(advice.front())));
+    checks.push_back(Problem(kTls, problem.substr(0, end), advice));
+  }
+  if (!checks.empty()) return checks;
+  const std::string trust = files.authorities.empty()
+                                ? "the system's authorities are trusted (no " + folder + "/ca.pem)"
+                                : "the authorities in " + folder + "/ca.pem are trusted, and no others";
+  const std::string identity =
+      files.client_key.empty() ? "" : ", and the device shows " + folder + "/client.pem";
+  out = std::move(files);
+  return {Ok(kTls, trust + identity)};
+}
+
+Check CheckSerialNumber(const SerialNumberPaths& paths) {
+  const std::string advice = "Write the number, 1 to 128 printable ASCII characters, to " + paths.configured;
+  std::string hidden;  // the first source that this process may not read
+  for (const SerialSource& source : SourcesOf(paths)) {
+    auto number = ReadSerialNumber(source.paths);
+    if (!number && hidden.empty() && MayNotRead(source.file)) hidden = source.file;
+    if (!number) continue;
+    std::string text = *number + ", " + source.description;
+    if (!hidden.empty()) {
+      return Warning(kSerial, text.append(", but this may not read ").append(hidden),
+                     "Run this as root, as the daemon runs; it may find another number");
+    }
+    if (source.file != paths.configured && access(paths.configured.c_str(), F_OK) == 0) {
+      return Warning(kSerial, text + ", because " + paths.configured + " holds no serial number", advice);
+    }
+    return Ok(kSerial, text);
+  }
+  const std::string refused = hidden.empty() ? "" : " (" + hidden + ": " + ErrorText(EACCES) + ")";
+  return Problem(kSerial, "none is found, so the service can't tell this device from others" + refused,
+                 advice);
+}
+
+Check CheckFreeSpace(const Paths& paths, const Limits& limits) {
+  const std::string folder = NearestFolder(paths.state);
+  struct statvfs status {};
+  if (statvfs(folder.c_str(), &status) != 0) {
+    return Problem(kSpace, folder + " can't be looked at: " + ErrorText(errno),
+                   "Mend the file system; archives are made in " + paths.state);
+  }
+  if ((status.f_flag & ST_RDONLY) != 0) {
+    return Problem(kSpace, folder + " is on a read-only file system",
+                   "Make " + paths.state + " writable; archives are made there");
+  }
+  const std::uint64_t available = std::uint64_t{status.f_bavail} * status.f_frsize;
+  const std::string text = SizeText(available) + " for archives in " + paths.state;
+  const std::string advice = "Make room on the file system of " + folder;
+  if (available < limits.free_bytes + limits.least_bytes) {
+    return Problem(kSpace,
+                   "only " + text + ", of which a collection leaves " + SizeText(limits.free_bytes) + " free",
+                   advice);
+  }
+  if (available < limits.free_bytes + limits.archive_bytes) {
+    return Warning(kSpace, text + ", but the largest take " + SizeText(limits.archive_bytes), advice);
+  }
+  return Ok(kSpace, text);
+}
+
+std::vector<Check> CheckApplications(const Paths& paths, const Limits& limits) {
+  const std::string advice =
+      "Describe each application whose data may be asked for in " + paths.descriptions + "/NAME.json";
+  std::error_code error;
+  std::vector<std::string> files;
+  for (fs::directory_iterator entry(paths.descriptions, error), end; !error && entry != end;
+       entry.increment(error)) {
+    files.push_back(entry->path().filename());
+  }
+  if (error == std::errc::no_such_file_or_directory || (!error && files.empty())) {
+    return {Warning(kApplication, "none is described: archives hold the system's data only", advice)};
+  }
+  if (error) {
+    return {
+        Problem(kApplication, paths.descriptions + " can't be read: " + ErrorText(error.value()), advice)};
+  }
+  std::sort(files.begin(), files.end());
+  std::vector<Check> checks;
+  checks.reserve(files.size());
+  for (const std::string& file : files) checks.push_back(CheckDescription(paths, limits, file));
+  return checks;
+}
+
+}  // namespace DebugDatCheck

@@ -1,0 +1,406 @@
+#include "server_checks.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <grpcpp/create_channel.h>
+#include <grpcpp/security/credentials.h>
+#include <netdb.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <future>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "curl_helpers.h"
+#include "file_util.h"
+#include "platform/support_service_client.h"
+#include "tarvo/support/v1/notification.grpc.pb.h"
+
+namespace DebugDatCheck {
+namespace {
+
+using std::chrono::milliseconds;
+using TarvoOrvane::Internal::Address;
+using TarvoOrvane::Internal::TlsFiles;
+using TarvoOrvane::Utils::CurlFailedException;
+using TarvoOrvane::Utils::CurlHandle;
+
+constexpr char kNotificationAddress[] = "notification address";
+constexpr char kStream[] = "notification stream";
+constexpr char kCssAddress[] = "CSS address";
+constexpr char kCssServer[] = "CSS server";
+
+/// The daemon's own path for reports.
+constexpr char kReportPath[] = "/orvane/ps_results";
+
+constexpr char kCheckServer[] =
+    "Check that the server runs, the address and port in the configuration, and firewalls in between";
+constexpr char kCheckAuthorities[] =
+    "Put the authority that signed the server's certificate into /usr/tarvo/etc/tls/ca.pem, use the host "
+    "name "
+    "that the certificate is for, and check the device's clock";
+constexpr char kCheckTls[] =
+    "Check that the server speaks TLS at this port (if not: http://), and whether it wants client.pem and "
+    "client.key of the device in /usr/tarvo/etc/tls";
+
+bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::string SecondsText(milliseconds time) { return std::to_string(time.count() / 1000) + " s"; }
+
+// ---- addresses ----
+
+bool IsLoopback(const std::string& host) {
+  return host.empty() || host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
+}
+
+/// An address that can be used; in plaintext only this machine should be talked to.
+Check UsableAddress(const std::string& name, const std::string& shown, const std::string& host, bool tls) {
+  if (tls) return Ok(name, shown + ", TLS");
+  if (host.empty()) return Ok(name, shown);
+  if (IsLoopback(host)) return Ok(name, shown + ", not encrypted, to this machine");
+  return Warning(name, shown + " is not encrypted", "Use https://: tickets and archives are confidential");
+}
+
+using CurlUrl = std::unique_ptr<CURLU, void (*)(CURLU*)>;
+
+/// Empty where the URL has no such part.
+std::string PartOf(const CurlUrl& url, CURLUPart part) {
+  char* text = nullptr;
+  if (curl_url_get(url.get(), part, &text, 0) != CURLUE_OK) return {};
+  const std::unique_ptr<char, void (*)(void*)> owner(text, &curl_free);
+  return text;
+}
+
+// ---- names ----
+
+struct Lookup {
+  int error = 0;         ///< As getaddrinfo() returns it.
+  int system_error = 0;  ///< The errno for EAI_SYSTEM.
+  std::vector<std::string> addresses;
+};
+
+std::string AddressText(const addrinfo& entry) {
+  std::array<char, NI_MAXHOST> text{};
+  const int error =
+      getnameinfo(entry.ai_addr, entry.ai_addrlen, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST);
+  return error == 0 ? text.data() : gai_strerror(error);
+}
+
+Lookup LookUp(const std::string& host, int flags) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = flags;
+  addrinfo* found = nullptr;
+  Lookup result;
+  result.error = getaddrinfo(host.c_str(), nullptr, &hints, &found);
+  result.system_error = errno;
+  const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(result.error == 0 ? found : nullptr,
+                                                             &freeaddrinfo);
+  for (const addrinfo* entry = owner.get(); entry != nullptr; entry = entry->ai_next) {
+    result.addresses.push_back(AddressText(*entry));
+  }
+  return result;
+}
+
+/// @return Nothing when it takes longer than `limit`; the lookup, which can't be ended, then goes on by itself.
+std::optional<Lookup> LookUpWithin(const std::string& host, milliseconds limit) {
+  auto promise = std::make_shared<std::promise<Lookup>>();
+  auto future = promise->get_future();
+  std::thread([promise, host] { promise->set_value(LookUp(host, 0)); }).detach();
+  if (future.wait_for(limit) != std::future_status::ready) return std::nullopt;
+  return future.get();
+}
+
+std::string Joined(const std::vector<std::string>& texts) {
+  std::string all;
+  for (const auto& text : texts) all += (all.empty() ? "" : ", ") + text;
+  return all;
+}
+
+// ---- the notification stream ----
+
+/// One call of the service without a message, ended with the object.
+class SilentCall {
+ public:
+  explicit SilentCall(const std::shared_ptr<grpc::Channel>& channel)
+      : stub_(tarvo::support::v1::NotificationService::NewStub(channel)),
+        call_(stub_->PrepareAsyncOpen(&context_, &completions_)) {}
+
+  ~SilentCall() {
+    context_.TryCancel();
+    completions_.Shutdown();
+    bool ok = false;
+    for (void* tag = nullptr; completions_.Next(&tag, &ok);) {
+    }
+  }
+  SilentCall(const SilentCall&) = delete;
+  SilentCall& operator=(const SilentCall&) = delete;
+
+  enum class Outcome { kOpen, kEnded, kTimedOut };
+
+  /// Opens the stream and waits whether it stays open.
+  Outcome Open(const ServerLimits& limits) {
+    bool ok = false;
+    call_->StartCall(nullptr);
+    if (!Await(limits.answer, ok)) return Outcome::kTimedOut;
+    if (ok) {
+      call_->Read(&message_, nullptr);
+      if (!Await(limits.settle, ok) || ok) return Outcome::kOpen;
+    }
+    call_->Finish(&status_, nullptr);
+    return Await(limits.settle, ok) ? Outcome::kEnded : Outcome::kTimedOut;
+  }
+
+  /// How the stream ended, after kEnded.
+  [[nodiscard]] const grpc::Status& status() const { return status_; }
+
+ private:
+  /// Waits for the one operation that is under way.
+  bool Await(milliseconds limit, bool& ok) {
+    void* tag = nullptr;
+    const auto deadline = std::chrono::system_clock::now() + limit;  // gRPC takes this clock
+    return completions_.AsyncNext(&tag, &ok, deadline) == grpc::CompletionQueue::GOT_EVENT;
+  }
+
+  // In the order in which they depend on each other; operations under way refer to all of them.
+  grpc::CompletionQueue completions_;
+  grpc::ClientContext context_;
+  tarvo::support::v1::ServerMessage message_;
+  grpc::Status status_;
+  std::unique_ptr<tarvo::support::v1::NotificationService::Stub> stub_;
+  std::unique_ptr<
+      grpc::ClientAsyncReaderWriter<tarvo::support::v1::ClientMessage, tarvo::support::v1::ServerMessage>>
+      call_;
+};
+
+std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const TlsFiles& tls,
+                                           const ServerLimits& limits) {
+  grpc::ChannelArguments arguments;
+  const auto answer_ms = static_cast<int>(limits.answer.count());
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);
+  arguments.SetInt(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);
+  arguments.SetInt(GRPC_ARG_DNS_ARES_QUERY_TIMEOUT_MS, answer_ms);
+  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, answer_ms);  // also the connect limit
+  const auto credentials =
+      address.tls ? grpc::SslCredentials({tls.authorities, tls.client_key, tls.client_certificate})
+                  : grpc::InsecureChannelCredentials();
+  return grpc::CreateCustomChannel(address.target, credentials, arguments);
+}
+
+/// The status's text; without gRPC's words around the cause where no connection came about.
+std::string FaultOf(const grpc::Status& status) {
+  const std::string& text = status.error_message();
+  if (status.error_code() != grpc::StatusCode::UNAVAILABLE) {
+    return "the server refused the stream: " + text + " (status " + std::to_string(status.error_code()) + ")";
+  }
+  constexpr char kBeforeCause[] = "last error: UNKNOWN: ";
+  const std::size_t cause = text.find(kBeforeCause);
+  return cause == std::string::npos ? text : text.substr(cause + sizeof kBeforeCause - 1);
+}
+
+/// What to do about a connection that did not come about, or a stream that was refused.
+std::string StreamAdvice(const grpc::Status& status) {
+  const std::string& text = status.error_message();
+  switch (status.error_code()) {
+    case grpc::StatusCode::UNIMPLEMENTED:
+      return "This server offers no notification service: put the notification server's address into the "
+             "configuration, or let the gateway before it pass the service on";
+    case grpc::StatusCode::UNAUTHENTICATED:
+    case grpc::StatusCode::PERMISSION_DENIED:
+      return "The server wants to know the device: ask its operator for client.pem and client.key, and put "
+             "them "
+             "into /usr/tarvo/etc/tls";
+    case grpc::StatusCode::UNAVAILABLE:
+      break;
+    default:
+      return "Ask the server's operator why it refuses the stream";
+  }
+  if (Contains(text, "certificate verify failed") || Contains(text, "Peer name")) return kCheckAuthorities;
+  if (Contains(text, "Ssl handshake") || Contains(text, "SSL_ERROR") || Contains(text, "Handshake")) {
+    return kCheckTls;
+  }
+  if (Contains(text, "http1")) {
+    return "This is a web server and no gRPC server: put the notification server's address into the "
+           "configuration";
+  }
+  if (Contains(text, "Socket closed") || Contains(text, "reset by peer") ||
+      Contains(text, "settings frame")) {
+    return "Check that this is a gRPC server, and whether it wants TLS (https://) instead of http://";
+  }
+  if (Contains(text, "DNS")) {
+    return "The ticket client asks /etc/hosts and the name servers in /etc/resolv.conf; check those";
+  }
+  return kCheckServer;
+}
+
+// ---- the CSS server ----
+
+std::string TransferAdvice(CURLcode code) {
+  switch (code) {
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return kCheckAuthorities;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+      return kCheckTls;
+    case CURLE_GOT_NOTHING:
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return "Check that this is a web server, and whether it wants https:// instead of http://";
+    default:
+      return kCheckServer;
+  }
+}
+
+/// @throws CurlFailedException when libcurl refuses.
+template <typename Value>
+void SetOption(const CurlHandle& handle, CURLoption option, Value value) {
+  const CURLcode code = curl_easy_setopt(handle.get(), option, value);
+  if (code != CURLE_OK) throw CurlFailedException(code, curl_easy_strerror(code));
+}
+
+/// Judges the status of an answer.
+Check AnswerCheck(const CurlHandle& handle, const CssAddress& address) {
+  long status = 0;
+  const char* redirect = nullptr;
+  curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
+  curl_easy_getinfo(handle.get(), CURLINFO_REDIRECT_URL, &redirect);
+  const std::string text = "answers a request without ticket by HTTP " + std::to_string(status);
+  if (status / 100 == 3) {
+    return Warning(kCssServer,
+                   text + (redirect == nullptr ? "" : ", a redirection to " + std::string(redirect)),
+                   "The daemon follows no redirection: put the final address into the configuration");
+  }
+  if (status >= 500) {
+    return Warning(kCssServer, text, "It may be out of order: ask the server's operator");
+  }
+  if (status == 400 && address.tls) {
+    return Warning(kCssServer, text,
+                   "It may want client.pem and client.key of the device: ask the server's operator");
+  }
+  return Ok(kCssServer, text);
+}
+
+}  // namespace
+
+Check CheckNotificationAddress(const std::string& url, std::optional<Address>& out) {
+  Address address;
+  std::string fault;
+  if (!TarvoOrvane::Internal::ParseAddress(url, address, fault)) {
+    return Problem(kNotificationAddress, fault, "Correct grpc_server.url, then restart the daemon");
+  }
+  out = address;
+  return UsableAddress(kNotificationAddress, url, HostOf(address), address.tls);
+}
+
+Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out) {
+  const std::string advice = "Correct css_server.url: https://HOST[:PORT][/PATH], or http:// for plaintext";
+  const CurlUrl parsed(curl_url(), &curl_url_cleanup);
+  const CURLUcode code = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), CURLU_DEFAULT_SCHEME);
+  if (code != CURLUE_OK) return Problem(kCssAddress, curl_url_strerror(code), advice);
+  const std::string scheme = PartOf(parsed, CURLUPART_SCHEME);
+  if (scheme != "http" && scheme != "https") {
+    return Problem(kCssAddress, "the scheme " + scheme + " is not supported", advice);
+  }
+  CssAddress address{url, PartOf(parsed, CURLUPART_HOST), scheme == "https"};
+  // Put together from its parts: a password that may stand in the address is nobody's business.
+  const std::string port = PartOf(parsed, CURLUPART_PORT);
+  const std::string path = PartOf(parsed, CURLUPART_PATH);
+  const std::string shown =
+      scheme + "://" + address.host + (port.empty() ? "" : ":" + port) + (path == "/" ? "" : path);
+  if (url.find_first_of("?#") != std::string::npos) {
+    return Problem(kCssAddress,
+                   shown + " has a query or a fragment, behind which the daemon would append its paths",
+                   advice);
+  }
+  if (address.host.front() == '[') address.host = address.host.substr(1, address.host.size() - 2);
+  out = address;
+  if (url.back() == '/') {
+    return Warning(kCssAddress, shown + " ends in a slash, and the daemon's paths begin with one",
+                   "Remove the slash from css_server.url");
+  }
+  return UsableAddress(kCssAddress, shown, address.host, address.tls);
+}
+
+std::string HostOf(const Address& address) {
+  std::string host = address.target.substr(address.target.find(':') + 1);
+  if (address.target.rfind("unix:", 0) == 0) return {};
+  host.resize(host.rfind(':'));
+  host.erase(0, host.find_first_not_of("/["));
+  if (host.back() == ']') host.pop_back();
+  return host;
+}
+
+Check CheckHost(const std::string& name, const std::string& host, const ServerLimits& limits) {
+  if (host.empty()) return Ok(name, "a unix socket, there is no name to look up");
+  if (LookUp(host, AI_NUMERICHOST).error == 0)
+    return Ok(name, host + " is an address, there is no name to look up");
+  const std::string advice =
+      "Correct the name in the configuration, or check the name servers in /etc/resolv.conf and the network";
+  const std::optional<Lookup> lookup = LookUpWithin(host, limits.answer);
+  if (!lookup) {
+    return Problem(name, host + ": no name server answered within " + SecondsText(limits.answer), advice);
+  }
+  if (lookup->error == 0) return Ok(name, host + " is " + Joined(lookup->addresses));
+  const bool is_system = lookup->error == EAI_SYSTEM;
+  return Problem(
+      name,
+      host + ": " +
+          (is_system ? TARVO::SupportForm::ErrorText(lookup->system_error) : gai_strerror(lookup->error)),
+      advice);
+}
+
+Check CheckStream(const Address& address, const TlsFiles& tls, const std::string& system_roots,
+                  const ServerLimits& limits) {
+  TlsFiles used = tls;
+  bool more = false;
+  constexpr std::size_t kMaxRoots = std::size_t{16} << 20;
+  if (address.tls && used.authorities.empty() &&
+      (!TARVO::SupportForm::ReadFileUpTo(system_roots, kMaxRoots, used.authorities, more) ||
+       !Contains(used.authorities, "-----BEGIN CERTIFICATE-----"))) {
+    return Problem(kStream, system_roots + " can't be read or holds no certificate",
+                   "Install ca-certificates, or put the service's authority into /usr/tarvo/etc/tls/ca.pem");
+  }
+  SilentCall call(MakeChannel(address, used, limits));
+  switch (call.Open(limits)) {
+    case SilentCall::Outcome::kOpen:
+      return Ok(kStream, "opens (closed again without a word; the device did not register)");
+    case SilentCall::Outcome::kTimedOut:
+      return Problem(kStream, "no answer within " + SecondsText(limits.answer), kCheckServer);
+    case SilentCall::Outcome::kEnded:
+      break;
+  }
+  const grpc::Status& status = call.status();
+  if (status.ok()) {
+    return Problem(kStream, "the server closed the stream at once",
+                   "Ask the server's operator; the daemon would try again and again");
+  }
+  return Problem(kStream, FaultOf(status), StreamAdvice(status));
+}
+
+Check CheckCssServer(const CssAddress& address, const std::string& tls_folder, const ServerLimits& limits) {
+  CurlHandle handle(curl_easy_init(), &curl_easy_cleanup);
+  std::string answer;
+  try {
+    SetOption(handle, CURLOPT_URL, (address.url + kReportPath).c_str());
+    SetOption(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.answer.count()));
+    TarvoOrvane::Utils::CurlSetupWriteToString(handle, answer);
+    TarvoOrvane::Internal::PerformTransfer(handle, tls_folder);
+    return AnswerCheck(handle, address);
+  } catch (const CurlFailedException& failure) {
+    const std::string text = failure.what();
+    constexpr char kCaller[] = "CurlPerform: ";
+    return Problem(kCssServer, text.rfind(kCaller, 0) == 0 ? text.substr(sizeof kCaller - 1) : text,
+                   TransferAdvice(failure.code));
+  }
+}
+
+}  // namespace DebugDatCheck

@@ -1,0 +1,60 @@
+/// Checks of the two servers: their addresses, names and answers. None of them has an effect on a server: no
+/// device registers, no ticket is taken, nothing is sent but a request without a token.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "address.h"
+#include "check.h"
+#include "tls_files.h"
+
+namespace DebugDatCheck {
+
+/// How long the checks of a server may take.
+struct ServerLimits {
+  std::chrono::milliseconds answer{10'000};  ///< For a name's addresses, a connection, an HTTP answer.
+  /// How long an open stream has to go unrefused. A server refuses within a round trip.
+  std::chrono::milliseconds settle{2'000};
+};
+
+/// A checked address of the CSS server.
+struct CssAddress {
+  std::string url;   ///< As configured: the daemon appends its paths to it.
+  std::string host;  ///< A name, or an IP address without brackets.
+  bool tls = false;
+};
+
+/// Judges the configured address as the ticket client does.
+/// @param out  Set when the address can be used.
+[[nodiscard]] Check CheckNotificationAddress(const std::string& url,
+                                             std::optional<TarvoOrvane::Internal::Address>& out);
+
+/// Judges the configured address as the transfers do.
+/// @param out  Set when the address can be used.
+[[nodiscard]] Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out);
+
+/// The host in an address for gRPC, without brackets; empty for a unix socket.
+[[nodiscard]] std::string HostOf(const TarvoOrvane::Internal::Address& address);
+
+/// Looks up a host's IP addresses through the system's resolver.
+/// @param name  The check's.
+/// @param host  A name or an IP address; empty for a unix socket.
+[[nodiscard]] Check CheckHost(const std::string& name, const std::string& host, const ServerLimits& limits);
+
+/// Opens a stream at the notification server and closes it without having said Hello, so that the server neither
+/// knows the device nor delivers a ticket to it.
+/// @param tls           Used where the address asks for TLS.
+/// @param system_roots  File of the authorities that are trusted when `tls` names none.
+[[nodiscard]] Check CheckStream(const TarvoOrvane::Internal::Address& address,
+                                const TarvoOrvane::Internal::TlsFiles& tls, const std::string& system_roots,
+                                const ServerLimits& limits);
+
+/// Sends the CSS server a GET without a token for the path of the reports. The daemon's own requests are POSTs, so
+/// that it has no effect; any HTTP answer shows that the server is there.
+/// @param tls_folder  Folder of the TLS files.
+[[nodiscard]] Check CheckCssServer(const CssAddress& address, const std::string& tls_folder,
+                                   const ServerLimits& limits);
+
+}  // namespace DebugDatCheck

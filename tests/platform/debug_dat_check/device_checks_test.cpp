@@ -1,0 +1,252 @@
+#include "device_checks.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "check_matchers.h"
+#include "temp_dir.h"
+#include "test_certificate.h"
+
+namespace DebugDatCheck {
+namespace {
+
+namespace fs = std::filesystem;
+using TarvoOrvane::Internal::SerialNumberPaths;
+using TarvoOrvane::Internal::TlsFiles;
+using TarvoOrvane::Testing::MakeTestCertificate;
+using TarvoOrvane::Testing::TempDir;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class ConfigurationCheckTest : public ::testing::Test {
+ protected:
+  Check CheckText(const std::string& text) { return CheckConfiguration(temp_.Write("conf", text), urls_); }
+
+  TempDir temp_;
+  ServiceUrls urls_;
+};
+
+TEST_F(ConfigurationCheckTest, BothUrlsAreTaken) {
+  EXPECT_THAT(CheckText(R"({"debug_dat_file_transmitter": {
+      "grpc_server": {"url": "https://notify:1"}, "css_server": {"url": "https://files"}}})"),
+              IsOk("names both servers"));
+  EXPECT_EQ(urls_.notification, "https://notify:1");
+  EXPECT_EQ(urls_.css, "https://files");
+}
+
+TEST_F(ConfigurationCheckTest, CommentsAreNoProblemBecauseTheDaemonTakesThem) {
+  EXPECT_THAT(CheckText(R"({"debug_dat_file_transmitter": { // servers
+      "grpc_server": {"url": "a:1"}, "css_server": {"url": "b"}}})"),
+              IsOk(""));
+}
+
+TEST_F(ConfigurationCheckTest, MissingFileIsAProblemThatShowsWhatToWrite) {
+  EXPECT_THAT(CheckConfiguration(temp_.File("none"), urls_),
+              AllOf(IsProblem("No such file"), Advises("\"css_server\": {\"url\"")));
+}
+
+TEST_F(ConfigurationCheckTest, FolderInItsPlaceIsAProblem) {
+  EXPECT_THAT(CheckConfiguration(temp_.File(""), urls_), IsProblem("can't be read"));
+}
+
+TEST_F(ConfigurationCheckTest, FileOfOverAMebibyteIsAProblem) {
+  EXPECT_THAT(CheckText(std::string((1UL << 20) + 1, ' ')), IsProblem("longer than 1 MiB"));
+}
+
+TEST_F(ConfigurationCheckTest, HiddenFileIsAProblemForAnOrdinaryUser) {
+  const std::string path = temp_.Write("conf", "{}");
+  chmod(path.c_str(), 0);
+  const AsOrdinaryUser ordinary_user;
+  EXPECT_THAT(CheckConfiguration(path, urls_), AllOf(IsProblem("Permission denied"), Advises("as root")));
+}
+
+TEST_F(ConfigurationCheckTest, FaultyJsonIsToldWithItsLine) {
+  EXPECT_THAT(CheckText("{\n\"a\": 1\n\"b\": 2}"), IsProblem("line 3: Missing ',' or '}'"));
+}
+
+TEST_F(ConfigurationCheckTest, NestingBeyondTheReadersLimitIsAProblem) {
+  EXPECT_THAT(CheckText(std::string(5000, '[')), IsProblem("not valid JSON"));
+}
+
+TEST_F(ConfigurationCheckTest, UrlOfOneServerIsTakenThoughTheOtherLacks) {
+  EXPECT_THAT(
+      CheckText(R"({"debug_dat_file_transmitter": {"grpc_server": {"url": "a:1"}, "css_server": {}}})"),
+      IsProblem(": debug_dat_file_transmitter.css_server.url is missing"));
+  EXPECT_EQ(urls_.notification, "a:1");
+  EXPECT_EQ(urls_.css, "");
+}
+
+TEST_F(ConfigurationCheckTest, EachServersFaultIsTold) {
+  EXPECT_THAT(
+      CheckText(R"({"debug_dat_file_transmitter": {"grpc_server": {"url": 5}, "css_server": {"url": ""}}})"),
+      AllOf(IsProblem("grpc_server.url is no string"), IsProblem("css_server.url is empty")));
+}
+
+TEST_F(ConfigurationCheckTest, FaultThatBothServersShareIsToldOnce) {
+  EXPECT_EQ(CheckText("{}").text, temp_.File("conf") + ": debug_dat_file_transmitter is missing");
+  EXPECT_EQ(CheckText("[]").text, temp_.File("conf") + ": the document is no object");
+}
+
+class TlsFilesCheckTest : public ::testing::Test {
+ protected:
+  TempDir temp_;
+  std::optional<TlsFiles> files_;
+};
+
+TEST_F(TlsFilesCheckTest, WithoutFilesTheSystemsAuthoritiesAreTrusted) {
+  EXPECT_THAT(CheckTlsFiles(temp_.File("none"), files_), ElementsAre(IsOk("the system's authorities")));
+  EXPECT_TRUE(files_);
+}
+
+TEST_F(TlsFilesCheckTest, GoodFilesAreNamedAndTaken) {
+  const auto certificate = MakeTestCertificate();
+  temp_.Write("ca.pem", certificate.certificate);
+  temp_.Write("client.pem", certificate.certificate);
+  chmod(temp_.Write("client.key", certificate.key).c_str(), 0600);
+
+  EXPECT_THAT(CheckTlsFiles(temp_.File(""), files_),
+              ElementsAre(AllOf(IsOk("ca.pem are trusted, and no others"), IsOk("client.pem"))));
+  ASSERT_TRUE(files_);
+  EXPECT_EQ(files_->authorities, certificate.certificate);
+}
+
+TEST_F(TlsFilesCheckTest, EachFaultIsAProblemOfItsOwnWithItsAdvice) {
+  temp_.Write("ca.pem", "no certificate");
+  temp_.Write("client.pem", MakeTestCertificate().certificate);
+
+  EXPECT_THAT(
+      CheckTlsFiles(temp_.File(""), files_),
+      ElementsAre(AllOf(IsProblem("ca.pem: holds no PEM certificate"), Advises("Put the authorities'")),
+                  AllOf(IsProblem("client.key: is missing"), Advises("or remove client.pem"))));
+  EXPECT_FALSE(files_);
+}
+
+class SerialNumberCheckTest : public ::testing::Test {
+ protected:
+  TempDir temp_;
+  SerialNumberPaths paths_{temp_.File("configured"), temp_.File("dmi"), temp_.File("machine_id")};
+};
+
+TEST_F(SerialNumberCheckTest, ConfiguredNumberComesFirst) {
+  temp_.Write("configured", "C-1\n");
+  temp_.Write("dmi", "D-1\n");
+  EXPECT_THAT(CheckSerialNumber(paths_), IsOk("C-1, from " + paths_.configured));
+}
+
+TEST_F(SerialNumberCheckTest, BoardsNumberIsNamedAsTheSource) {
+  temp_.Write("dmi", "D-1\n");
+  temp_.Write("machine_id", "0123456789abcdef0123456789abcdef\n");
+  EXPECT_THAT(CheckSerialNumber(paths_), IsOk("D-1, from the board's maker, " + paths_.dmi));
+}
+
+TEST_F(SerialNumberCheckTest, MachineIdIsNamedAsTheSourceAndNotShown) {
+  temp_.Write("machine_id", "0123456789abcdef0123456789abcdef\n");
+  const Check check = CheckSerialNumber(paths_);
+  EXPECT_THAT(check, IsOk(", a hash of " + paths_.machine_id));
+  EXPECT_THAT(check.text, Not(HasSubstr("0123456789abcdef")));
+}
+
+TEST_F(SerialNumberCheckTest, UnusableConfiguredNumberIsWarnedOf) {
+  temp_.Write("configured", "\n");
+  temp_.Write("dmi", "D-1\n");
+  EXPECT_THAT(CheckSerialNumber(paths_), Warns("because " + paths_.configured + " holds no serial number"));
+}
+
+TEST_F(SerialNumberCheckTest, NoNumberIsAProblem) {
+  EXPECT_THAT(CheckSerialNumber(paths_), AllOf(IsProblem("none is found"), Advises(paths_.configured)));
+}
+
+TEST_F(SerialNumberCheckTest, SourceThatAnOrdinaryUserMayNotReadIsWarnedOf) {
+  chmod(temp_.File("").c_str(), 0755);
+  chmod(temp_.Write("dmi", "D-1\n").c_str(), 0);
+  temp_.Write("machine_id", "0123456789abcdef0123456789abcdef\n");
+  const AsOrdinaryUser ordinary_user;
+  EXPECT_THAT(CheckSerialNumber(paths_), AllOf(Warns("this may not read " + paths_.dmi), Advises("as root")));
+}
+
+class FreeSpaceCheckTest : public ::testing::Test {
+ protected:
+  FreeSpaceCheckTest() {
+    paths_.state = temp_.File("var/lib/state");
+    limits_.free_bytes = limits_.archive_bytes = limits_.least_bytes = 1;
+  }
+
+  TempDir temp_;
+  TARVO::SupportForm::Paths paths_;
+  TARVO::SupportForm::Limits limits_;
+  const std::uint64_t all_bytes_ = fs::space(temp_.File("")).capacity;
+};
+
+TEST_F(FreeSpaceCheckTest, FolderThatIsNotThereYetIsJudgedByTheOneAboveAndNotMade) {
+  EXPECT_THAT(CheckFreeSpace(paths_, limits_), IsOk("iB for archives in " + paths_.state));
+  EXPECT_FALSE(fs::exists(temp_.File("var")));
+}
+
+TEST_F(FreeSpaceCheckTest, TooLittleForTheLargestArchiveIsWarnedOf) {
+  limits_.archive_bytes = all_bytes_;
+  EXPECT_THAT(CheckFreeSpace(paths_, limits_), AllOf(Warns("but the largest take"), Advises("Make room")));
+}
+
+TEST_F(FreeSpaceCheckTest, NoMoreThanWhatHasToStayFreeIsAProblem) {
+  limits_.free_bytes = all_bytes_;
+  EXPECT_THAT(CheckFreeSpace(paths_, limits_), AllOf(IsProblem("a collection leaves"), Advises("Make room")));
+}
+
+class ApplicationsCheckTest : public ::testing::Test {
+ protected:
+  ApplicationsCheckTest() { paths_.descriptions = temp_.File("d"); }
+
+  void Describe(const std::string& file, const std::string& text) {
+    fs::create_directory(paths_.descriptions);
+    temp_.Write("d/" + file, text);
+  }
+  std::vector<Check> CheckAll() { return CheckApplications(paths_, {}); }
+
+  TempDir temp_;
+  TARVO::SupportForm::Paths paths_;
+};
+
+TEST_F(ApplicationsCheckTest, EachDescriptionIsSummedUpInTheOrderOfTheNames) {
+  Describe("web.json", R"({"paths": ["/a"], "commands": [{"argv": ["b"]}, {"argv": ["c"]}]})");
+  Describe("mail.json", R"({"paths": ["/a", "/b"]})");
+  EXPECT_THAT(CheckAll(), ElementsAre(IsOk("mail: 2 paths, 0 commands"), IsOk("web: 1 path, 2 commands")));
+}
+
+TEST_F(ApplicationsCheckTest, FaultyDescriptionIsAProblemThatNamesTheFaultAndTheOthersAreStillRead) {
+  Describe("mail.json", R"({"path": []})");
+  Describe("web.json", "{}");
+  EXPECT_THAT(CheckAll(), ElementsAre(AllOf(IsProblem("unknown member \"path\""), IsProblem("d/mail.json")),
+                                      IsOk("web")));
+}
+
+TEST_F(ApplicationsCheckTest, NameThatNoTicketCanAskForIsAProblem) {
+  Describe("mail server.json", "{}");
+  EXPECT_THAT(CheckAll(), ElementsAre(AllOf(IsProblem("mail server.json: no ticket"), Advises("Rename it"))));
+}
+
+TEST_F(ApplicationsCheckTest, FileThatIsNotReadIsWarnedOf) {
+  Describe("mail.json.old", "{}");
+  Describe("x", "{}");
+  EXPECT_THAT(CheckAll(), ElementsAre(Warns("mail.json.old: is not read"), Warns("x: is not read")));
+}
+
+TEST_F(ApplicationsCheckTest, NoDescriptionIsWarnedOf) {
+  EXPECT_THAT(CheckAll(),
+              ElementsAre(AllOf(Warns("none is described"), Advises(paths_.descriptions + "/NAME.json"))));
+  fs::create_directory(paths_.descriptions);
+  EXPECT_THAT(CheckAll(), ElementsAre(Warns("none is described")));
+}
+
+TEST_F(ApplicationsCheckTest, HiddenFolderIsAProblemForAnOrdinaryUser) {
+  Describe("mail.json", "{}");
+  chmod(paths_.descriptions.c_str(), 0);
+  const AsOrdinaryUser ordinary_user;
+  EXPECT_THAT(CheckAll(), ElementsAre(AllOf(IsProblem("Permission denied"), Advises("as root"))));
+}
+
+}  // namespace
+}  // namespace DebugDatCheck
