@@ -1,0 +1,278 @@
+"""Rows 10 to 13: what the daemon costs while nothing happens, how soon it is there, and how soon it answers. The
+yardstick is bare_client, the least that a program can be which holds the same stream open.
+
+Another process of this machine that has gRPC or libcurl in use makes the memory of both sides look smaller, and more so
+that of the bare client, which has more of them in use."""
+
+import json
+import os
+import select
+import signal
+import socket
+import subprocess
+import threading
+import time
+from contextlib import contextmanager
+from pathlib import Path
+
+from context import Failed
+from rows import ratio_row
+
+NUMBERS = (10, 11, 12, 13)
+
+CONFIGURATION = Path("/usr/tarvo/etc/tarvomibserver.conf")
+SERIAL_NUMBER = Path("/usr/tarvo/etc/serial_number")
+PID_FILE = Path("/var/run/kestrix_debug_dat_transmitter.pid")
+TASK_FOLDERS = Path("/var/lib/tarvo/support_form_log")
+SYSLOG = "/dev/log"
+
+SWAPPABLE = "three libraries"  # the build with the platform as libraries that a maker swaps
+
+SETTLE_SECONDS = 1  # after the stream is open, until the idle state is measured; six seconds tell the same
+WATCH_SECONDS = 10  # over which wake-ups are counted
+TICKET_PAUSE_SECONDS = 1.5  # the supervisor needs up to one second to be ready for the next ticket
+SUPERVISOR_WAKEUPS = 2  # per second, by its design: half a second's wait for a ticket, half a second's sleep
+TICKET = json.dumps({"token": "bench", "apps": ["bench"]})
+
+
+class Server:
+    """The stream server, and what it printed."""
+
+    def __init__(self, context):
+        self._context = context
+        self._process = context.start([context.bin / "stream_server"], stdin=subprocess.PIPE)
+        self._text = ""
+        self.address = self.expect("listening", 5)[0]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._process.stdin.close()
+        self._context.stop(self._process)
+
+    def expect(self, beginning, seconds):
+        """The words behind `beginning` of the next line that has it."""
+        deadline = time.monotonic() + seconds
+        while True:
+            while "\n" in self._text:
+                line, self._text = self._text.split("\n", 1)
+                if line.startswith(beginning + " "):
+                    return line[len(beginning):].split()
+            rest = deadline - time.monotonic()
+            if rest <= 0 or not select.select([self._process.stdout], [], [], rest)[0]:
+                raise Failed(f"the stream server printed no line \"{beginning} ...\" within {seconds} s")
+            self._text += os.read(self._process.stdout.fileno(), 65536).decode()
+
+    def deliver(self, serial) -> float:
+        """Microseconds from the delivery of one ticket to its answer."""
+        self._process.stdin.write(f"{serial} {TICKET}\n")
+        self._process.stdin.flush()
+        nanoseconds, status = self.expect(f"answer {serial}", 5)
+        if status != "1":
+            raise Failed(f"{serial} refused the ticket; only accepted ones are compared")
+        return int(nanoseconds) / 1000
+
+
+class Device:
+    """One client of the stream server. `start_ms` is the time from exec to the server's receipt of its first
+    message."""
+
+    def __init__(self, context, server, serial, argv):
+        self._context = context
+        self.serial = serial
+        self._process = context.start([context.bin / "start", *argv], core=context.client_core)
+        started = int(self._process.stdout.readline())
+        self.start_ms = (int(server.expect(f"hello {serial}", 10)[0]) - started) / 1e6
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._context.stop(self._process)
+
+    def processes(self):
+        return [self._process.pid]
+
+
+class BareClient(Device):
+    def __init__(self, context, server):
+        super().__init__(context, server, "bare", [context.bin / "bare_client", server.address])
+
+
+class Daemon(Device):
+    """Supervisor and worker. The daemon writes where it does on a device, so this runs in a sandbox."""
+
+    def __init__(self, context, server, program):
+        if not Path("/dev/.sandbox").exists():
+            raise Failed("the daemon runs in the sandbox only")
+        CONFIGURATION.parent.mkdir(parents=True, exist_ok=True)
+        CONFIGURATION.write_text(json.dumps(
+            {"debug_dat_file_transmitter": {"grpc_server": {"url": f"http://{server.address}"}}}))
+        SERIAL_NUMBER.write_text("daemon\n")
+        super().__init__(context, server, "daemon", [program])
+        self._process.wait(timeout=5)  # the first process ends once the supervisor runs
+        supervisor = int(PID_FILE.read_text())
+        children = Path(f"/proc/{supervisor}/task/{supervisor}/children").read_text().split()
+        self._processes = [supervisor, *map(int, children)]
+        if len(self._processes) != 2:
+            raise Failed(f"expected one worker, found {children}")
+
+    def __exit__(self, *details):
+        for process in self._processes:
+            os.kill(process, signal.SIGTERM)
+        deadline = time.monotonic() + 5
+        while any(map(is_alive, self._processes)):
+            if time.monotonic() > deadline:
+                raise Failed("the daemon does not end")
+            time.sleep(0.02)
+        super().__exit__(*details)
+
+    def processes(self):
+        return self._processes
+
+
+class Syslog:
+    """Takes the daemon's log lines and forgets them, as fast as they come."""
+
+    def __init__(self, core):
+        self._core = core
+
+    def __enter__(self):
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind(SYSLOG)
+        self._thread = threading.Thread(target=self._drain, daemon=True)
+        self._thread.start()
+
+    def __exit__(self, *_):
+        self._socket.shutdown(socket.SHUT_RDWR)
+        self._thread.join()
+        self._socket.close()
+        os.unlink(SYSLOG)
+
+    def _drain(self):
+        os.sched_setaffinity(0, {self._core})
+        while self._socket.recv(8192):
+            pass
+
+
+class NoTask:
+    """Nothing can be written where the task folders belong: every collection fails at once, so that the transmission
+    child has ended before the next ticket comes. The worker, whose answer is measured, does not know of it."""
+
+    def __enter__(self):
+        TASK_FOLDERS.mkdir(parents=True, exist_ok=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "ro", "none", TASK_FOLDERS], check=True)
+
+    def __exit__(self, *_):
+        subprocess.run(["umount", TASK_FOLDERS], check=True)
+
+
+def is_alive(process) -> bool:
+    try:
+        return Path(f"/proc/{process}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z"
+    except (FileNotFoundError, ProcessLookupError):
+        return False
+
+
+def memory_mb(processes) -> float:
+    """Proportional set size: each shared page counts by the share of those who map it."""
+    kilobytes = 0
+    for process in processes:
+        for line in Path(f"/proc/{process}/smaps_rollup").read_text().splitlines():
+            if line.startswith("Pss:"):
+                kilobytes += int(line.split()[1])
+    return kilobytes / 1024
+
+
+def wakeups(processes) -> int:
+    """How often the threads have gone to sleep of their own accord."""
+    return sum(int(line.split()[1])
+               for process in processes
+               for status in Path(f"/proc/{process}/task").glob("*/status")
+               for line in status.read_text().splitlines() if line.startswith("voluntary_ctxt_switches:"))
+
+
+def idle_memory(make_device) -> float:
+    with make_device() as device:
+        time.sleep(SETTLE_SECONDS)
+        return memory_mb(device.processes())
+
+
+def start_time(make_device) -> float:
+    with make_device() as device:
+        return device.start_ms
+
+
+def idle_wakeups(devices):
+    """Wake-ups per second of each device, over the same seconds."""
+    time.sleep(SETTLE_SECONDS)
+    before = [wakeups(device.processes()) for device in devices]
+    time.sleep(WATCH_SECONDS)
+    return [(wakeups(device.processes()) - count) / WATCH_SECONDS for device, count in zip(devices, before)]
+
+
+def answer_times(server, devices, count):
+    """For each of `count` rounds the microseconds that each device's answer took."""
+    rounds = []
+    for _ in range(count + 1):
+        times = []
+        for device in devices:
+            time.sleep(TICKET_PAUSE_SECONDS / len(devices))
+            times.append(server.deliver(device.serial))
+        rounds.append(times)
+    return rounds[1:]  # the first ticket finds nothing in the processor's caches
+
+
+def rows(context):
+    with Server(context) as server, Syslog(context.server_core):
+        result = []
+        for name, program, memory_target, start_target in (
+                (SWAPPABLE, "debug_dat_transmitter", 0.90, 0.90),
+                ("one file", "debug_dat_transmitter_single", 0.75, 0.50)):
+            result += rows_of_build(context, server, name, context.bin / program, memory_target, start_target)
+        if context.wants(11):
+            result.append(row_of_wakeups(context, server))
+        if context.wants(13):
+            result.append(row_of_answers(context, server))
+    return sorted(result, key=lambda row: row.number)
+
+
+def rows_of_build(context, server, name, program, memory_target, start_target):
+    def daemon():
+        return Daemon(context, server, program)
+
+    def bare():
+        return BareClient(context, server)
+
+    result = []
+    if context.wants(10):
+        pairs = context.alternate(lambda: idle_memory(daemon), lambda: idle_memory(bare))
+        result.append(ratio_row(10, f"idle, {name}", "bare client", "PSS MB", pairs, memory_target))
+    if context.wants(12):
+        pairs = context.alternate(lambda: start_time(daemon), lambda: start_time(bare))
+        result.append(ratio_row(12, f"start to stream open, {name}", "bare client", "wall ms", pairs, start_target))
+    return result
+
+
+@contextmanager
+def both(context, server):
+    with Daemon(context, server, context.bin / "debug_dat_transmitter") as daemon:
+        with BareClient(context, server) as bare:
+            yield daemon, bare
+
+
+def row_of_wakeups(context, server):
+    # gRPC's timers come out once or twice as often, as their phases happen to lie: each pair starts afresh.
+    pairs = []
+    for _ in range(context.pairs):
+        with both(context, server) as devices:
+            ours, other = idle_wakeups(devices)
+        pairs.append((ours, other + SUPERVISOR_WAKEUPS))
+    return ratio_row(11, f"idle, {SWAPPABLE}", "bare client plus 2", "wake-ups/s", pairs, 1.1)
+
+
+def row_of_answers(context, server):
+    with both(context, server) as devices, NoTask():
+        pairs = answer_times(server, devices, 3 * context.pairs)
+    return ratio_row(13, f"ticket to answer, {SWAPPABLE}", "gRPC round trip", "wall us", pairs, 2.0)

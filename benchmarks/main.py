@@ -1,0 +1,159 @@
+#!/usr/bin/python3
+"""The harness behind ./bench, which builds, makes the folder and starts this in a sandbox."""
+
+import argparse
+import dataclasses
+import json
+import math
+import os
+import platform
+import subprocess
+import sys
+from pathlib import Path
+
+import collection
+import footprint
+import growth
+import upload
+from context import Context, Failed
+
+MODULES = (upload, collection, footprint)
+NUMBERS = sorted(number for module in MODULES for number in module.NUMBERS)
+SMALL_SCALE = 64  # of --quick
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(prog="bench", add_help=False)
+    parser.add_argument("what", nargs="*")
+    parser.add_argument("--pairs", type=int, default=7)
+    parser.add_argument("--quick", action="store_true")  # one pair over small data: tries the harness, measures nothing
+    parser.add_argument("--bin", type=Path, required=True)
+    parser.add_argument("--folder", type=Path, required=True)
+    arguments = parser.parse_args()
+    growth_wanted = "growth" in arguments.what
+    numbers = [word for word in arguments.what if word != "growth"]
+    if not all(word.isdecimal() and int(word) in NUMBERS for word in numbers):
+        parser.error(f"rows are {NUMBERS[0]} to {NUMBERS[-1]}, or 'growth'; not {' '.join(numbers)}")
+    if arguments.pairs < 1:
+        parser.error("--pairs takes a number from 1")
+    if not numbers and not growth_wanted:
+        numbers = NUMBERS
+    return arguments, frozenset(map(int, numbers)), growth_wanted
+
+
+def make_context(arguments, numbers):
+    if not Path("/dev/.sandbox").exists():
+        raise Failed("this writes below /usr and /var and belongs into a sandbox; start it by ./bench")
+    cores = sorted(os.sched_getaffinity(0))
+    if len(cores) < 2:
+        raise Failed("client and server need a core each, and there is only one here")
+    return Context(numbers, pairs=1 if arguments.quick else arguments.pairs,
+                   scale=SMALL_SCALE if arguments.quick else 1, bin=arguments.bin, folder=arguments.folder,
+                   client_core=cores[0], server_core=cores[1])
+
+
+def first_line(command, **options):
+    return subprocess.run(command, capture_output=True, text=True, check=True, **options).stdout.splitlines()[0]
+
+
+def describe_machine():
+    def value(file, name):
+        with open(file, encoding="utf-8") as lines:
+            return next((line.split(":", 1)[1].strip() for line in lines if line.startswith(name)), "unknown")
+
+    return {
+        "processor": value("/proc/cpuinfo", "model name"),
+        "cores": len(os.sched_getaffinity(0)),
+        "memory": value("/proc/meminfo", "MemTotal"),
+        "kernel": f"{platform.system()} {platform.release()}",
+        "curl": first_line(["curl", "--version"]),
+        "tar": first_line(["tar", "--version"]),
+        "zstd": first_line(["zstd", "--version"]),
+        "load before": os.getloadavg()[0],
+    }
+
+
+def measure(context):
+    """The rows of all modules; those of a module that fails are missing, and that is told."""
+    rows, complete = [], True
+    for module in MODULES:
+        wanted = [number for number in module.NUMBERS if context.wants(number)]
+        if not wanted:
+            continue
+        print(f"==> Measuring row{'s' * (len(wanted) > 1)} {', '.join(map(str, wanted))}", file=sys.stderr, flush=True)
+        try:
+            rows += module.rows(context)
+        except Failed as failure:
+            complete = False
+            print(f"bench: no rows {', '.join(map(str, wanted))}: {failure}", file=sys.stderr)
+    return rows, complete
+
+
+def show(number):
+    """Three significant digits, and all that stand before the point."""
+    magnitude = math.floor(math.log10(abs(number))) if number else 0
+    return f"{number:.{max(0, 2 - magnitude)}f}"
+
+
+def format_table(head, lines):
+    """A table that reads well as it stands and as Markdown; numbers are aligned to the right."""
+    widths = [max(len(line[column]) for line in [head, *lines]) for column in range(len(head))]
+    numeric = [all(line[column][:1].isdecimal() or line[column][:1] in "-+≤" for line in lines)
+               for column in range(len(head))]
+
+    def row(cells):
+        return "| " + " | ".join(cell.rjust(width) if right else cell.ljust(width)
+                                 for cell, width, right in zip(cells, widths, numeric)) + " |"
+
+    rule = "|" + "|".join("-" * (width + 1) + (":" if right else "-") for width, right in zip(widths, numeric)) + "|"
+    return "\n".join([row(head), rule, *map(row, lines)])
+
+
+def table_of_rows(rows):
+    return format_table(
+        ["#", "what", "against", "quantity", "ours", "other", "ratio", "target", "verdict"],
+        [[str(row.number), row.work, row.against, row.quantity, show(row.ours), show(row.other),
+          ("+" if row.is_difference and row.value >= 0 else "") + show(row.value),
+          "" if row.target is None else f"≤ {'+' if row.is_difference else ''}{row.target:.2f}", row.verdict]
+         for row in rows])
+
+
+def table_of_points(points):
+    return format_table(["what", "MiB", "wall s", "CPU s", "peak memory MiB"],
+                        [[point.work, str(point.mib), show(point.wall), show(point.cpu), show(point.memory)]
+                         for point in sorted(points, key=lambda point: (point.work, point.mib))])
+
+
+def main():
+    arguments, numbers, growth_wanted = parse_arguments()
+    context = make_context(arguments, numbers)
+    machine = describe_machine()
+    if machine["load before"] > 0.5:
+        print(f"bench: the machine is busy (load {machine['load before']:.1f}); the figures will say little",
+              file=sys.stderr)
+    rows, complete = measure(context)
+    if arguments.quick:
+        print(f"A trial of the harness with a {SMALL_SCALE}th of the data, no measurement:")
+    if rows:
+        print(table_of_rows(rows), flush=True)
+    points = []
+    if growth_wanted:
+        print("==> Measuring growth", file=sys.stderr, flush=True)
+        points = growth.points(context)
+        if rows:
+            print()
+        print(table_of_points(points))
+    report = {
+        "machine": machine, "pairs": context.pairs, "quick": arguments.quick,
+        "rows": [{**dataclasses.asdict(row), "verdict": row.verdict} for row in rows],
+        "growth": [dataclasses.asdict(point) for point in points],
+    }
+    (context.folder / "bench.json").write_text(json.dumps(report, indent=2) + "\n")
+    return 0 if complete else 1
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except Failed as failure:
+        sys.exit(f"bench: {failure}")
