@@ -19,6 +19,15 @@
 namespace {
 
 constexpr char kLibrary[] = "libcurl.so.4";
+constexpr char kClientLibrary[] = "libtarvoorvane.so";
+
+/// Handles, lists and forms go to and fro between the daemon and libtarvoorvane, so both have to call the same libcurl.
+/// Another maker's library may be linked with one, or have one in it; ours leaves it to this file.
+void* OpenLibcurl() {
+  void* const client = dlopen(kClientLibrary, RTLD_NOW | RTLD_NOLOAD);
+  if (client != nullptr && dlsym(client, "curl_easy_init") != nullptr) return client;
+  return dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
+}
 
 template <typename Function>
 Function* Find(void* library, const char* name) {
@@ -26,7 +35,7 @@ Function* Find(void* library, const char* name) {
 }
 
 struct Libcurl {
-  void* const library = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
+  void* const library = OpenLibcurl();
 #define FUNCTION(name) decltype(&::name) const name = Find<decltype(::name)>(library, #name)
   FUNCTION(curl_easy_cleanup);
   FUNCTION(curl_easy_getinfo);

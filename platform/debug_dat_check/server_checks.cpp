@@ -246,6 +246,7 @@ std::string StreamAdvice(const grpc::Status& status) {
 std::string TransferAdvice(CURLcode code) {
   switch (code) {
     case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
       return kCheckAuthorities;
     case CURLE_SSL_CONNECT_ERROR:
     case CURLE_RECV_ERROR:

@@ -54,7 +54,8 @@ bool IsHostName(std::string_view host) {
 
 bool IsIp(int family, const std::string& host) {
   unsigned char address[sizeof(in6_addr)];
-  return inet_pton(family, host.c_str(), address) == 1;
+  // inet_pton() sees nothing behind a NUL byte.
+  return host.find('\0') == std::string::npos && inet_pton(family, host.c_str(), address) == 1;
 }
 
 /// Splits "HOST[:PORT]"; `host` loses the brackets of an IPv6 address, `bracketed` tells of them.

@@ -4,12 +4,17 @@
 #include <grpc/support/log.h>
 #include <syslog.h>
 
+#include <atomic>
+#include <cstring>
+
 #include "platform/support_service_client.h"
 
 namespace TarvoOrvane::Internal {
 namespace {
 
 constexpr size_t kMaxForeignText = 512;
+
+std::atomic<unsigned> g_ping_complaints{0};
 
 std::string PrintableByte(char byte) {
   if (byte >= ' ' && byte <= '~') return {byte};
@@ -23,6 +28,7 @@ std::string PrintableByte(char byte) {
 
 void LogForGrpc(gpr_log_func_args* args) {
   if (args->severity != GPR_LOG_SEVERITY_ERROR) return;
+  if (std::strstr(args->message, "too_many_pings") != nullptr) ++g_ping_complaints;
   LogLine(LOG_ERR, "gRPC: " + MakePrintable(args->message, kMaxForeignText));
 }
 
@@ -58,5 +64,7 @@ void TakeOverForeignLogs() {
   gpr_set_log_function(&LogForGrpc);
   google::protobuf::SetLogHandler(&LogForProtobuf);
 }
+
+unsigned PingComplaints() { return g_ping_complaints; }
 
 }  // namespace TarvoOrvane::Internal

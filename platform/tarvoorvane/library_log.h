@@ -19,4 +19,8 @@ void LogLine(int level, const std::string& text);
 /// Process-wide.
 void TakeOverForeignLogs();
 
+/// How often servers have closed a connection because of too many pings. gRPC says so in its log; the stream's status
+/// tells it only where the server is built on the same gRPC core. Any thread may call it.
+[[nodiscard]] unsigned PingComplaints();
+
 }  // namespace TarvoOrvane::Internal

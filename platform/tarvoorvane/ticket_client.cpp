@@ -54,11 +54,6 @@ std::chrono::milliseconds RandomPause(std::chrono::milliseconds longest) {
   return std::chrono::milliseconds(std::uniform_int_distribution<long>(0, longest.count())(source));
 }
 
-/// HTTP/2's "enhance your calm" shows only in the text: the server's debug data, or gRPC's own words for it.
-bool ComplainsOfPings(const std::string& text) {
-  return text.find("too_many_pings") != std::string::npos || text.find("Too many pings") != std::string::npos;
-}
-
 Answer MakeAnswer(const std::string& ticket_id, ServiceClient::ClientStatus status) {
   Answer answer;
   answer.set_ticket_id(ticket_id);
@@ -132,6 +127,7 @@ CallStatus TicketClient::OpenStream() {
     if (auto status = LoadTls(tls); status.hasFail) return status;
   }
   const auto serial = Utils::GetSerialNumber();
+  former_ping_complaints_ = PingComplaints();
   stream_ = std::make_unique<NotificationStream>(*address_, tls, serial ? *serial : "", options_.limits);
   return {};
 }
@@ -166,7 +162,7 @@ CallStatus TicketClient::AwaitDelivery(const SignalBlock& block, Delivery& deliv
 CallStatus TicketClient::CloseEndedStream() {
   CallStatus status = stream_->end_status();
   stream_.reset();
-  if (ComplainsOfPings(status.errorMsg)) {
+  if (PingComplaints() != former_ping_complaints_) {
     auto& keepalive = options_.limits.keepalive;
     keepalive = std::min(2 * keepalive, std::max(keepalive, kLongestKeepalive));
     LogLine(LOG_NOTICE, "The server complained of too many pings; from now on one is sent every " +

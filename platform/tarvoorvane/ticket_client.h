@@ -73,6 +73,7 @@ class TicketClient {
   std::optional<Address> address_;  ///< None while the configured one can't be used.
   std::string address_fault_;
   std::unique_ptr<NotificationStream> stream_;  ///< Null between two attempts.
+  unsigned former_ping_complaints_ = 0;         ///< PingComplaints() before the stream was opened.
   std::optional<std::string> unanswered_id_;    ///< The ticket that Send() answers.
   TicketMemory accepted_;
 };

@@ -1,4 +1,5 @@
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -17,19 +18,32 @@ class CurlOnDemandTest : public testing::Test {
   void SetUp() override {
     // Has to run a new process and not a fork: whether libcurl is loaded is a matter of the whole process.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    char name[] = "/tmp/curl_on_demand.XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    folder_ = name;
   }
-  void TearDown() override { fs::remove_all(folder_); }
+  void TearDown() override { RemoveFolder(); }
 
-  std::string WriteFile(const std::string& name, const std::string& text) const {
+  std::string WriteFile(const std::string& name, const std::string& text) {
+    if (folder_.empty()) {
+      char folder[] = "/tmp/curl_on_demand.XXXXXX";
+      EXPECT_NE(mkdtemp(folder), nullptr);
+      folder_ = folder;
+    }
     const fs::path path = folder_ / name;
     std::ofstream(path) << text;
     return path;
   }
 
+  /// Ends the new process of a death test, in which the test has run from its begin and TearDown() will not.
+  [[noreturn]] void EndProcess(int status) const {
+    RemoveFolder();
+    _exit(status);
+  }
+
   fs::path folder_;
+
+ private:
+  void RemoveFolder() const {
+    if (!folder_.empty()) fs::remove_all(folder_);
+  }
 };
 
 bool IsLibcurlLoaded() {
@@ -58,9 +72,9 @@ Handle HandleFor(const std::string& path, std::string& received) {
 TEST_F(CurlOnDemandTest, LoadsLibcurlAtTheFirstCall) {
   EXPECT_EXIT(
       {
-        if (IsLibcurlLoaded()) _exit(1);
+        if (IsLibcurlLoaded()) EndProcess(1);
         const Handle handle(curl_easy_init(), &curl_easy_cleanup);
-        _exit(handle != nullptr && IsLibcurlLoaded() ? 0 : 2);
+        EndProcess(handle != nullptr && IsLibcurlLoaded() ? 0 : 2);
       },
       testing::ExitedWithCode(0), "");
 }
@@ -135,6 +149,17 @@ TEST_F(CurlOnDemandTest, BuildsAListOfHeaderLines) {
   curl_slist_free_all(list);
 }
 
+TEST_F(CurlOnDemandTest, CallsTheLibcurlThatAnotherMakersClientLibraryHasInIt) {
+  EXPECT_EXIT(
+      {
+        if (dlopen(VENDOR_CLIENT_PATH, RTLD_NOW | RTLD_LOCAL) == nullptr) EndProcess(1);
+        const bool is_the_makers = curl_easy_strerror(CURLE_OK) == std::string("the maker's own libcurl") &&
+                                   curl_easy_perform(nullptr) == CURLE_AGAIN && curl_easy_init() == nullptr;
+        EndProcess(is_the_makers && !IsLibcurlLoaded() ? 0 : 2);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
 TEST_F(CurlOnDemandTest, EveryCallFailsWhereLibcurlCannotBeLoaded) {
   WriteFile("libcurl.so.4", "no library");
   setenv("LD_LIBRARY_PATH", folder_.c_str(), 1);
@@ -153,7 +178,7 @@ TEST_F(CurlOnDemandTest, EveryCallFailsWhereLibcurlCannotBeLoaded) {
         curl_easy_cleanup(nullptr);
         curl_formfree(nullptr);
         curl_slist_free_all(nullptr);
-        _exit(all_failed && !IsLibcurlLoaded() ? 0 : 1);
+        EndProcess(all_failed && !IsLibcurlLoaded() ? 0 : 1);
       },
       testing::ExitedWithCode(0), "");
   unsetenv("LD_LIBRARY_PATH");

@@ -359,6 +359,13 @@ TEST(CssServerCheckTest, UntrustedServerIsAProblemOfTheAuthorities) {
   EXPECT_THAT(Css(Url("https", server.port())), AllOf(IsProblem("certificate"), Advises("ca.pem")));
 }
 
+TEST(CssServerCheckTest, UnusableAuthoritiesAreAProblemBeforeAnyConnection) {
+  const TempDir folder;
+  folder.Write("ca.pem", "none");
+  EXPECT_THAT(Css("https://127.0.0.1:9", folder.File("")),
+              AllOf(IsProblem("No connection was tried"), Advises("ca.pem")));
+}
+
 TEST(CssServerCheckTest, ServerWithoutTlsIsAProblemOfTheScheme) {
   const ScriptedServer server;
   EXPECT_THAT(Css(Url("https", server.port())), AllOf(IsProblem("SSL"), Advises("speaks TLS")));

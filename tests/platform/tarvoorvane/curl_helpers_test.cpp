@@ -18,8 +18,8 @@
 #include <filesystem>
 #include <mutex>
 
-#include "loopback_server.h"
 #include "old_tls_server.h"
+#include "scripted_tcp_server.h"
 #include "syslog_recorder.h"
 #include "temp_dir.h"
 #include "test_certificate.h"
@@ -32,9 +32,9 @@ using Internal::PerformTransfer;
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using Testing::LoopbackServer;
 using Testing::MakeTestCertificate;
 using testing::Not;
+using Testing::ScriptedTcpServer;
 using testing::StartsWith;
 using Testing::TempDir;
 using Testing::TestCertificate;
@@ -250,7 +250,7 @@ TEST(CurlUploadTest, AServerThatNeverSays100ContinueIsNotWaitedFor) {
   // libcurl by itself waits a second. One of five tries below that shows that ours does not, however busy the
   // machine is.
   std::atomic<bool> came_sooner{false};
-  const LoopbackServer server([&came_sooner](int connection) {
+  const ScriptedTcpServer server([&came_sooner](int connection) {
     const std::string begin = Testing::ReadHead(connection);
     EXPECT_THAT(begin, HasSubstr("Expect: 100-continue\r\n"));
     pollfd readable{connection, POLLIN, 0};
@@ -318,7 +318,7 @@ void Die(int connection) {
 constexpr size_t kMoreThanBuffersHold = 32UL << 20;
 
 TEST(CurlDeadPeerTest, OneThatDiesDuringTheUploadIsGivenUpBeforeTheTransfersLimit) {
-  const LoopbackServer server([](int connection) {
+  const ScriptedTcpServer server([](int connection) {
     Testing::ReadHead(connection);
     Die(connection);
   });
@@ -329,7 +329,7 @@ TEST(CurlDeadPeerTest, OneThatDiesDuringTheUploadIsGivenUpBeforeTheTransfersLimi
 }
 
 TEST(CurlDeadPeerTest, OneThatDiesBeforeItAnswersIsGivenUpBeforeTheTransfersLimit) {
-  const LoopbackServer server([](int connection) {
+  const ScriptedTcpServer server([](int connection) {
     Testing::ReadBody(connection, Testing::ReadHead(connection));
     Die(connection);
   });
@@ -339,7 +339,7 @@ TEST(CurlDeadPeerTest, OneThatDiesBeforeItAnswersIsGivenUpBeforeTheTransfersLimi
 }
 
 TEST(CurlDeadPeerTest, OneThatLivesButReadsNothingForTheWholeLimitIsGivenUp) {
-  const LoopbackServer server([](int connection) { Testing::ReadHead(connection); });
+  const ScriptedTcpServer server([](int connection) { Testing::ReadHead(connection); });
   std::string message;
   EXPECT_THAT(FailureOfUpload(server.url(), kMoreThanBuffersHold, &message),
               AnyOf(CURLE_SEND_ERROR, CURLE_RECV_ERROR));
@@ -347,7 +347,7 @@ TEST(CurlDeadPeerTest, OneThatLivesButReadsNothingForTheWholeLimitIsGivenUp) {
 }
 
 TEST(CurlDeadPeerTest, OneThatHasEverythingAndAnswersAfterTheLimitIsLeftInPeace) {
-  const LoopbackServer server([](int connection) {
+  const ScriptedTcpServer server([](int connection) {
     Testing::ReadBody(connection, Testing::ReadHead(connection));
     std::this_thread::sleep_for(kShortLimit * 1.5);
     Testing::WriteAnswer(connection);
@@ -425,6 +425,27 @@ TEST_F(CurlTlsTest, TheSystemsRootsAreTrustedUntilThereIsACaFile) {
   EXPECT_EQ(status, 0) << "1: the system's root was not trusted, 2: it was beside the CA file";
 }
 
+TEST_F(CurlTlsTest, MissingSystemRootsAreALogLineAndNoConnectionIsTried) {
+  HttpServer server(&certificate_);
+  const TempDir roots;
+  roots.Write("certificate.pem", certificate_.certificate);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (!BecomeSystemRoots(roots.File(""))) _exit(99);
+    std::string message;
+    if (FailureOfGet("https://" + server.host_and_port(), &message) != CURLE_SSL_CERTPROBLEM) _exit(1);
+    if (message.find("install ca-certificates") == std::string::npos) _exit(2);
+    if (Testing::TakeSyslogText().find("/etc/ssl/certs holds no certificate") == std::string::npos) _exit(3);
+    Trust(certificate_);
+    _exit(FailureOfGet("https://" + server.host_and_port()) == CURLE_OK ? 0 : 4);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  if (status == 99 << 8) GTEST_SKIP() << "no mount namespace to be had";
+  EXPECT_EQ(status, 0)
+      << "1: a connection was tried, 2, 3: nobody was told what to do, 4: ca.pem does not suffice";
+}
+
 TEST_F(CurlTlsTest, AServerThatSpeaksNothingNewerThanTls11IsRefused) {
   Testing::OldTlsServer server(certificate_);
   Trust(certificate_);
@@ -434,13 +455,12 @@ TEST_F(CurlTlsTest, AServerThatSpeaksNothingNewerThanTls11IsRefused) {
 }
 
 TEST_F(CurlTlsTest, EveryProblemOfTheFilesIsALogLineAndNoConnectionIsTried) {
-  const LoopbackServer server([](int) {});
+  const ScriptedTcpServer server([](int) {});
   folder_.Write("ca.pem", "no PEM");
   folder_.Write("client.pem", device_.certificate);
   std::string message;
   EXPECT_EQ(FailureOfGet(server.host_and_port(), &message), CURLE_SSL_CERTPROBLEM);
-  EXPECT_THAT(message,
-              StartsWith("CurlPerform: No connection was tried, the TLS files in " + folder_.File("")));
+  EXPECT_THAT(message, StartsWith("CurlPerform: No connection was tried: " + folder_.File("")));
   EXPECT_EQ(server.connections(), 0);
   const auto lines = Testing::TakeSyslogLines();
   ASSERT_EQ(lines.size(), 2u);
@@ -482,7 +502,7 @@ std::function<void(int)> ServeTls(const TestCertificate& own, std::string& clien
 
 TEST_F(CurlTlsTest, TheFilesAreReadAfreshAtEachAttempt) {
   std::string client;
-  const LoopbackServer server(ServeTls(certificate_, client));
+  const ScriptedTcpServer server(ServeTls(certificate_, client));
   CurlHandle handle = NewHandle(server.host_and_port());
   std::string out;
   CurlSetupWriteToString(handle, out);

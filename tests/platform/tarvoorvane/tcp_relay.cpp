@@ -34,16 +34,16 @@ void TcpRelay::Run(int server_port) {
   const sockaddr_in address = LoopbackAddress(server_port);
   if (connect(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return;
   while (!stop_) {
-    Pass(client.get(), server.get());
-    Pass(server.get(), client.get());
+    if (Pass(client.get(), server.get())) ++passed_;
+    (void)Pass(server.get(), client.get());
   }
 }
 
-void TcpRelay::Pass(int from, int to) const {
-  if (!IsReadable(from) || frozen_) return;
+bool TcpRelay::Pass(int from, int to) const {
+  if (!IsReadable(from) || frozen_) return false;
   char chunk[4096];
   const ssize_t size = read(from, chunk, sizeof chunk);
-  if (size > 0) (void)!write(to, chunk, static_cast<size_t>(size));
+  return size > 0 && write(to, chunk, static_cast<size_t>(size)) == size;
 }
 
 }  // namespace TarvoOrvane::Testing

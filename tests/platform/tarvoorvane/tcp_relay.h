@@ -18,15 +18,19 @@ class TcpRelay {
 
   [[nodiscard]] int port() const { return port_; }
 
+  /// How often something was passed on to the server.
+  [[nodiscard]] int passed() const { return passed_; }
+
   /// From now on nothing is passed on, in neither direction; both connections stay open.
   void Freeze() { frozen_ = true; }
 
  private:
   void Run(int server_port);
-  void Pass(int from, int to) const;
+  [[nodiscard]] bool Pass(int from, int to) const;
 
   int port_ = 0;
   Internal::ScopedFd listener_;
+  std::atomic<int> passed_{0};
   std::atomic<bool> frozen_{false};
   std::atomic<bool> stop_{false};
   std::thread thread_;

@@ -33,7 +33,8 @@ std::unique_ptr<BIO, int (*)(BIO*)> OpenText(const std::string& text) {
 
 }  // namespace
 
-TestCertificate MakeTestCertificate(const Validity& validity, const std::string& subject) {
+TestCertificate MakeTestCertificate(const Validity& validity, const std::string& subject,
+                                    const std::string& names) {
   const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"),
                                                            &EVP_PKEY_free);
   const std::unique_ptr<X509, void (*)(X509*)> certificate(X509_new(), &X509_free);
@@ -47,7 +48,7 @@ TestCertificate MakeTestCertificate(const Validity& validity, const std::string&
                              reinterpret_cast<const unsigned char*>(subject.c_str()), -1, -1, 0);
   X509_set_issuer_name(certificate.get(), name);
   AddExtension(certificate.get(), NID_basic_constraints, "critical,CA:TRUE");
-  AddExtension(certificate.get(), NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
+  AddExtension(certificate.get(), NID_subject_alt_name, names.c_str());
   if (X509_sign(certificate.get(), key.get(), EVP_sha256()) == 0)
     throw std::runtime_error("X509_sign failed");
 

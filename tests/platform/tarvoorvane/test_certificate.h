@@ -7,7 +7,7 @@
 
 namespace TarvoOrvane::Testing {
 
-/// A self-signed certificate for `localhost` and 127.0.0.1, as PEM texts.
+/// A self-signed certificate, as PEM texts.
 struct TestCertificate {
   std::string certificate;
   std::string key;
@@ -19,7 +19,9 @@ struct Validity {
   long end = 86400;
 };
 
-TestCertificate MakeTestCertificate(const Validity& validity = {}, const std::string& subject = "localhost");
+/// @param names  Whom it is for, as OpenSSL writes alternative names.
+TestCertificate MakeTestCertificate(const Validity& validity = {}, const std::string& subject = "localhost",
+                                    const std::string& names = "DNS:localhost,IP:127.0.0.1");
 
 std::unique_ptr<X509, void (*)(X509*)> ParseCertificate(const std::string& pem);
 std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> ParseKey(const std::string& pem);

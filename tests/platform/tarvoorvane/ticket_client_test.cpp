@@ -332,8 +332,27 @@ TEST(TicketClientConnectionTest, AServerThatComplainsOfPingsIsPingedHalfAsOften)
   EXPECT_EQ(client.keepalive(), milliseconds(100));
 }
 
-/// Each ping takes a moment of gRPC's own beside the limits.
-TEST(TicketClientConnectionTest, ALinkThatDiesSilentlyIsFoundByPings) {
+TEST(TicketClientConnectionTest, SoIsOneThatComplainsByAGoAwayAlone) {
+  Testing::UnreadServer server(Testing::UnreadServer::ComplaintOfPings{});
+  TicketClient client(server.url());
+  const auto keepalive = client.keepalive();
+  const auto failure = ReceiveInTime(client);
+  EXPECT_EQ(Summary(failure), "failed 14");
+  EXPECT_THAT(failure.status.errorMsg, Not(HasSubstr("ings"))) << "the status tells it, too";
+  EXPECT_EQ(client.keepalive(), 2 * keepalive);
+}
+
+/// Whether `link` passes so many more pings on. gRPC leaves a second between two of them.
+bool AwaitPings(const Testing::TcpRelay& link, int count) {
+  const int enough = link.passed() + count;
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  while (link.passed() < enough && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(milliseconds(10));
+  }
+  return link.passed() >= enough;
+}
+
+TEST(TicketClientConnectionTest, ALinkThatDiesSilentlyIsFoundByPingsHoweverLongItWasIdle) {
   ScriptedServer server;
   Testing::TcpRelay link(server.port());
   TicketClientOptions options;
@@ -342,6 +361,8 @@ TEST(TicketClientConnectionTest, ALinkThatDiesSilentlyIsFoundByPings) {
   TicketClient client("http://127.0.0.1:" + std::to_string(link.port()), options);
   auto receive = StartReceive(client);
   ASSERT_NE(server.AwaitSession(), nullptr);
+  std::this_thread::sleep_for(milliseconds(100));  // for what belongs to the opening
+  EXPECT_TRUE(AwaitPings(link, 3)) << "gRPC by itself sends two";
   link.Freeze();
   const auto failure = receive.Await();
   EXPECT_EQ(Summary(failure), "failed 14");

@@ -1,6 +1,7 @@
 #include "unread_server.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +17,7 @@ constexpr int kLookMs = 10;
 constexpr size_t kPrefaceSize = 24;
 constexpr size_t kFrameHeaderSize = 9;
 
-enum FrameType : unsigned char { kData = 0, kHeaders = 1, kSettings = 4 };
+enum FrameType : unsigned char { kData = 0, kHeaders = 1, kSettings = 4, kGoAway = 7 };
 constexpr unsigned char kAck = 1;
 constexpr unsigned char kEndHeaders = 4;
 
@@ -30,6 +31,17 @@ std::string Frame(FrameType type, unsigned char flags, unsigned char stream, con
          payload;
 }
 
+/// Status 200 from the static table; "content-type" is the 31st name there.
+std::string HeadersFrame() {
+  return Frame(kHeaders, kEndHeaders, 1, std::string("\x88\x0f\x10\x10") + "application/grpc");
+}
+
+std::string ComplaintFrames() {
+  // The last stream that is served, then the reason: "enhance your calm".
+  const std::string codes("\x00\x00\x00\x01\x00\x00\x00\x0b", 8);
+  return HeadersFrame() + Frame(kGoAway, 0, 0, codes + "too_many_pings");
+}
+
 std::string DeliveryFrames(const std::string& ticket_json) {
   tarvo::support::v1::ServerMessage message;
   message.mutable_delivery()->set_ticket_id("id-1");
@@ -37,17 +49,21 @@ std::string DeliveryFrames(const std::string& ticket_json) {
   const std::string text = message.SerializeAsString();
   const size_t size = text.size();
   const std::string prefix = {0, Byte(size >> 24), Byte(size >> 16), Byte(size >> 8), Byte(size)};
-  // Status 200 from the static table; "content-type" is the 31st name there.
-  const std::string headers = std::string("\x88\x0f\x10\x10") + "application/grpc";
-  return Frame(kHeaders, kEndHeaders, 1, headers) + Frame(kData, 0, 1, prefix + text);
+  return HeadersFrame() + Frame(kData, 0, 1, prefix + text);
 }
 
 void Write(int fd, const std::string& text) { (void)!write(fd, text.data(), text.size()); }
 
 }  // namespace
 
-UnreadServer::UnreadServer(std::string ticket_json)
-    : ticket_json_(std::move(ticket_json)),
+UnreadServer::UnreadServer(const std::string& ticket_json)
+    : UnreadServer(DeliveryFrames(ticket_json), false) {}
+
+UnreadServer::UnreadServer(ComplaintOfPings) : UnreadServer(ComplaintFrames(), true) {}
+
+UnreadServer::UnreadServer(std::string reply, bool is_its_last)
+    : reply_(std::move(reply)),
+      is_its_last_(is_its_last),
       listener_(BindLoopback(SOCK_STREAM, port_)),
       thread_([this] { Run(); }) {}
 
@@ -88,7 +104,9 @@ void UnreadServer::Serve(int fd) const {
     const size_t size = size_t{At(header, 0)} << 16 | size_t{At(header, 1)} << 8 | At(header, 2);
     if (!ReadExactly(fd, payload, size)) return;
     if (At(header, 3) == kSettings && At(header, 4) != kAck) Write(fd, Frame(kSettings, kAck, 0, ""));
-    if (At(header, 3) == kHeaders) Write(fd, DeliveryFrames(ticket_json_));
+    if (At(header, 3) != kHeaders) continue;
+    Write(fd, reply_);
+    if (is_its_last_) shutdown(fd, SHUT_WR);
   }
 }
 

@@ -1,4 +1,4 @@
-/// A server that delivers a ticket but never lets its client write on the stream.
+/// A server that never lets its client write on the stream, and sends one thing itself.
 #pragma once
 
 #include <atomic>
@@ -13,7 +13,11 @@ namespace TarvoOrvane::Testing {
 class UnreadServer {
  public:
   /// @param ticket_json  The one ticket, delivered when a stream is opened.
-  explicit UnreadServer(std::string ticket_json);
+  explicit UnreadServer(const std::string& ticket_json);
+
+  struct ComplaintOfPings {};
+  /// As servers that are not built on gRPC's own core complain: by a GOAWAY, then the connection's end.
+  explicit UnreadServer(ComplaintOfPings);
   ~UnreadServer();
   UnreadServer(const UnreadServer&) = delete;
   UnreadServer& operator=(const UnreadServer&) = delete;
@@ -21,11 +25,13 @@ class UnreadServer {
   [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
  private:
+  UnreadServer(std::string reply, bool is_its_last);
   void Run();
   void Serve(int fd) const;
   bool ReadExactly(int fd, std::string& out, size_t size) const;
 
-  const std::string ticket_json_;
+  const std::string reply_;  ///< The frames that are sent when a stream is opened.
+  const bool is_its_last_;   ///< No more is sent on the connection then.
   int port_ = 0;
   Internal::ScopedFd listener_;
   std::atomic<bool> stop_{false};

@@ -16,18 +16,18 @@
 
 namespace TarvoOrvane::Testing {
 
-class LoopbackServer {
+class ScriptedTcpServer {
  public:
   /// @param serve  Runs in the server's thread for one connection after the other. What it reads comes within ten
   ///               seconds or fails. Connections stay open until the server goes.
-  explicit LoopbackServer(std::function<void(int)> serve)
+  explicit ScriptedTcpServer(std::function<void(int)> serve)
       : serve_(std::move(serve)), listener_(BindLoopback(SOCK_STREAM, port_)), thread_([this] { Run(); }) {}
-  ~LoopbackServer() {
+  ~ScriptedTcpServer() {
     stop_ = true;
     thread_.join();
   }
-  LoopbackServer(const LoopbackServer&) = delete;
-  LoopbackServer& operator=(const LoopbackServer&) = delete;
+  ScriptedTcpServer(const ScriptedTcpServer&) = delete;
+  ScriptedTcpServer& operator=(const ScriptedTcpServer&) = delete;
 
   [[nodiscard]] std::string host_and_port() const { return "127.0.0.1:" + std::to_string(port_); }
   [[nodiscard]] std::string url() const { return "http://" + host_and_port() + "/"; }
