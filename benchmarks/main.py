@@ -9,6 +9,7 @@ import os
 import platform
 import subprocess
 import sys
+import time
 from pathlib import Path
 
 import collection
@@ -69,8 +70,21 @@ def describe_machine():
         "curl": first_line(["curl", "--version"]),
         "tar": first_line(["tar", "--version"]),
         "zstd": first_line(["zstd", "--version"]),
-        "load before": os.getloadavg()[0],
+        "busy cores before": round(busy_cores(), 2),
     }
+
+
+def busy_cores(seconds=3) -> float:
+    """How many cores others keep busy. The load average would still count the build before."""
+    before, started = busy_seconds(), time.monotonic()
+    time.sleep(seconds)
+    return (busy_seconds() - before) / (time.monotonic() - started)
+
+
+def busy_seconds() -> float:
+    with open("/proc/stat", encoding="ascii") as file:
+        user, nice, system, _idle, _iowait, *interrupts_and_stolen = map(int, file.readline().split()[1:9])
+    return (user + nice + system + sum(interrupts_and_stolen)) / os.sysconf("SC_CLK_TCK")
 
 
 def measure(context):
@@ -128,8 +142,8 @@ def main():
     arguments, numbers, growth_wanted = parse_arguments()
     context = make_context(arguments, numbers)
     machine = describe_machine()
-    if machine["load before"] > 0.5:
-        print(f"bench: the machine is busy (load {machine['load before']:.1f}); the figures will say little",
+    if machine["busy cores before"] > 0.2:
+        print(f"bench: others keep {machine['busy cores before']} cores busy; the figures will say little",
               file=sys.stderr)
     rows, complete = measure(context)
     if arguments.quick:
