@@ -456,6 +456,20 @@ TEST_F(DaemonProcessTest, WorkerThatHasGoneIsLoggedInEveryPassAndNotStartedAgain
   EXPECT_THAT(log_.CallsOf("TLIBCProcForkEx"), ElementsAre("TLIBCProcForkEx(65)"));
 }
 
+TEST_F(DaemonProcessTest, SupervisorWhoseWorkerHasGoneDiesOfSigpipeAtItsNextCompletion) {
+  StartAndWait();
+  DeliverAndExpect("one", 0);
+  ASSERT_TRUE(log_.WaitFor(Call(HasSubstr("status"))));
+  const pid_t worker = Worker();
+  real::Kill(worker, SIGKILL);
+  const auto end = std::chrono::steady_clock::now() + test_support::kDeadline;
+  while (!OpenDescriptors(worker).empty()) ASSERT_LT(std::chrono::steady_clock::now(), end);
+  Finish(1);
+  EXPECT_THAT(supervisor_->WaitForEnd(), KilledBy(SIGPIPE));
+  EXPECT_THAT(TextsOf(kTransmissionChild), ElementsAre(Finished("one"))) << "the child was not disturbed";
+  EXPECT_THAT(TextsOf(kSupervisor), ElementsAre(Received("one"), "Notify worker process"));
+}
+
 TEST_F(DaemonProcessTest, WorkerWhoseSupervisorHasGoneDiesOfSigpipeAtItsFirstTicket) {
   StartAndWait();
   const pid_t worker = Worker();

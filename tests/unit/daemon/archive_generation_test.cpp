@@ -82,6 +82,60 @@ TEST_F(ArchiveGenerationTest, EmptyPathIsAPath) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
+TEST_F(ArchiveGenerationTest, ApplicationsArePassedOnUnchanged) {
+  apps_ = Parse(R"([{"b":[1.5]},null,"a","a",[]])");
+  EXPECT_TRUE(Generate());
+  EXPECT_EQ(log_.calls()[0], R"(Exec(TARVO.Core.SupportForm.Log, 1, collect, )"
+                             R"({"app_list":[{"b":[1.5]},null,"a","a",[]]}, admin))");
+}
+
+TEST_F(ArchiveGenerationTest, TaskIdIsPassedOnUnchanged) {
+  for (const char* const id : {"", " 7\\n", "\\\"}"}) {
+    log_.Clear();
+    collect_answer_ = std::string(R"({"data":{"task_id":")") + id + R"("},"success":true})";
+    EXPECT_TRUE(Generate());
+    EXPECT_THAT(log_.calls(),
+                ElementsAre(kCollectCall, std::string(R"(Exec(TARVO.Core.SupportForm.Log, 1, )") +
+                                              R"(status, {"task_id":")" + id + R"("}, admin))"));
+  }
+}
+
+TEST_F(ArchiveGenerationTest, PathIsWrittenOnlyWhenOneHasBeenRead) {
+  path_ = "before";
+  collect_answer_ = "{}";
+  EXPECT_FALSE(Generate());
+  EXPECT_EQ(path_, "before");
+  collect_answer_ = kCollected;
+  for (const char* const answer : {"{}", R"({"success":true,"data":{"finished":true,"path":12}})"}) {
+    status_answers_ = {answer};
+    EXPECT_FALSE(Generate());
+    EXPECT_EQ(path_, "before");
+  }
+  status_answers_ = {kUnfinished};
+  EXPECT_TRUE(Generate());
+  EXPECT_EQ(path_, "before");
+}
+
+TEST_F(ArchiveGenerationTest, LongAnswersAreLoggedWholeInSyslogAndCutByTheLogger) {
+  const std::string answer = R"({"%s%n":")" + std::string(1500, 'x') + R"("})";
+  const std::vector<std::string> starts = {
+      R"(Failed to execute log collection webapi: app list: ["a",2], ret=[)",
+      "Failed to check log collection status: task id: task 7, ret=["};
+  for (const std::string& start : starts) {
+    log_.Clear();
+    platform_.UseLogger(false);
+    collect_answer_ = start == starts[0] ? answer : kCollected;
+    status_answers_ = {answer};
+    EXPECT_FALSE(Generate());
+    EXPECT_THAT(log_.lines(), ElementsAre(Error(start + answer + "]")));
+    log_.Clear();
+    platform_.UseLogger(true);
+    EXPECT_FALSE(Generate());
+    ASSERT_THAT(log_.lines(), ElementsAre(Error(testing::StartsWith(start + R"({"%s%n":"xxx)"))));
+    EXPECT_EQ(log_.lines()[0].text.size(), 255U);
+  }
+}
+
 /// Answers to "collect" that fail one test each.
 class BadCollectAnswerTest : public ArchiveGenerationTest, public testing::WithParamInterface<const char*> {};
 
@@ -180,6 +234,24 @@ TEST_F(ArchiveGenerationTest, TimeIsTakenFromTheAnswerOfCollectOn) {
   EXPECT_TRUE(Generate());
   EXPECT_EQ(path_, "") << "1199 + 5 seconds after the answer of collect";
   EXPECT_THAT(log_.calls(), ElementsAre(kCollectCall, kStatusCall, "sleep(5)"));
+}
+
+TEST_F(ArchiveGenerationTest, PauseThatASignalCutsShortIsFollowedByTheNextStatus) {
+  platform_.sleep = [this](unsigned seconds) {
+    now_ += 2;
+    return seconds - 2;  // the rest, as sleep() tells it
+  };
+  status_answers_ = {kUnfinished, kUnfinished, kFinished};
+  EXPECT_TRUE(Generate());
+  EXPECT_THAT(log_.calls(),
+              ElementsAre(kCollectCall, kStatusCall, "sleep(5)", kStatusCall, "sleep(5)", kStatusCall));
+}
+
+TEST_F(ArchiveGenerationTest, ClockThatIsSetBackPostponesTheLimit) {
+  oversleep_ = -3600;
+  status_answers_ = {kUnfinished, kFinished};
+  EXPECT_TRUE(Generate());
+  EXPECT_EQ(path_, "/var/debug.dat");
 }
 
 TEST_F(ArchiveGenerationTest, LimitIsNotCheckedBetweenAStatusCallAndItsAnswer) {

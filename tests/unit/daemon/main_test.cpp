@@ -74,13 +74,16 @@ TEST_F(MainTest, FailureToBecomeADaemonEndsWithStatusOne) {
 }
 
 TEST_F(MainTest, FailureToWriteThePidFileEndsWithStatusOne) {
-  platform_.pid_file_create = [](const char*) { return -1; };
-  EXPECT_THAT(Run(), ExitedWith(1));
-  EXPECT_THAT(
-      log_.events(),
-      ElementsAre(Call("daemon(0, 0)"), Call(kPidFileCall),
-                  test_support::Error("Failed to write pid file=/var/run/kestrix_debug_dat_transmitter.pid",
-                                      "main.cpp")));
+  for (const int result : {-1, -2}) {
+    log_.Clear();
+    platform_.pid_file_create = [=](const char*) { return result; };
+    EXPECT_THAT(Run(), ExitedWith(1));
+    EXPECT_THAT(
+        log_.events(),
+        ElementsAre(Call("daemon(0, 0)"), Call(kPidFileCall),
+                    test_support::Error("Failed to write pid file=/var/run/kestrix_debug_dat_transmitter.pid",
+                                        "main.cpp")));
+  }
 }
 
 TEST_F(MainTest, PidFileResultThatIsNotNegativeIsNoFailure) {

@@ -38,14 +38,26 @@ class PipeChannelTest : public DaemonTest {
     };
   }
 
-  /// Sends a ticket to a pipe whose reader has gone; runs in a child.
-  bool SendTicketWithoutReader(void (*sigpipe)(int)) {
+  /// Gives the calling child pipes that no other process holds.
+  void JoinByOwnPipes(void (*sigpipe)(int)) {
     struct sigaction action = {};
     action.sa_handler = sigpipe;
     sigaction(SIGPIPE, &action, nullptr);
-    JoinByPipes();  // pipes that no other process holds
+    JoinByPipes();
+  }
+
+  /// Sends a ticket to a pipe whose reader has gone; runs in a child.
+  bool SendTicketWithoutReader(void (*sigpipe)(int)) {
+    JoinByOwnPipes(sigpipe);
     main_.CloseDescriptor(main_.fromWorkerReadFd);
     return worker_.SendTicketToMain({"t", {}});
+  }
+
+  /// Sends a Completion to a pipe whose reader has gone; runs in a child.
+  bool SendCompletionWithoutReader(void (*sigpipe)(int)) {
+    JoinByOwnPipes(sigpipe);
+    worker_.CloseDescriptor(worker_.toWorkerReadFd);
+    return main_.SendResultToWorker();
   }
 
   static std::string Select(int fd) { return "select(" + std::to_string(fd) + ", 0, 500000)"; }
@@ -63,6 +75,11 @@ TEST_F(PipeChannelTest, TicketTravelsAsOneZeroPaddedFrame) {
 TEST_F(PipeChannelTest, TicketWithoutApplicationsHasAnEmptyArray) {
   EXPECT_TRUE(worker_.SendTicketToMain({"", {}}));
   EXPECT_THAT(TakeFrames(main_.fromWorkerReadFd), ElementsAre(R"({"apps":[],"token":""})"));
+}
+
+TEST_F(PipeChannelTest, PercentSignsOfATicketAreNoFormat) {
+  EXPECT_TRUE(worker_.SendTicketToMain({"100%s%n", {"%d"}}));
+  EXPECT_THAT(TakeFrames(main_.fromWorkerReadFd), ElementsAre(R"({"apps":["%d"],"token":"100%s%n"})"));
 }
 
 TEST_F(PipeChannelTest, CompletionIsTheConstantTrue) {
@@ -87,6 +104,13 @@ TEST_F(PipeChannelTest, TicketOf2048BytesIsRefusedBeforeAnyWrite) {
                                 ticket.token + "\"}"),
                           Error("Failed to send message to main process")));
   EXPECT_EQ(TakeAll(main_.fromWorkerReadFd), "");
+}
+
+TEST_F(PipeChannelTest, MessageToTheWorkerIsCalledATicketTooWhenItIsTooLarge) {
+  const std::string text = "\"" + std::string(2046, 'x') + "\"";
+  EXPECT_FALSE(main_.WritePipeMessage(main_.toWorkerWriteFd, Parse(text)));
+  EXPECT_THAT(log_.lines(), ElementsAre(Error("The ticket is too large, ticket content: " + text)));
+  EXPECT_EQ(TakeAll(worker_.toWorkerReadFd), "");
 }
 
 TEST_F(PipeChannelTest, TextThatSnprintfFindsTooLongIsRefusedBeforeAnyWrite) {
@@ -153,6 +177,17 @@ TEST_F(PipeChannelTest, TicketToAMainProcessThatHasGoneFailsWhereSigpipeIsIgnore
                                         Error("Failed to send message to main process")));
 }
 
+TEST_F(PipeChannelTest, CompletionToAWorkerThatHasGoneEndsTheMainProcess) {
+  EXPECT_THAT(RunInChild([this] { return SendCompletionWithoutReader(SIG_DFL) ? 1 : 0; }), KilledBy(SIGPIPE));
+  EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+TEST_F(PipeChannelTest, CompletionToAWorkerThatHasGoneFailsWhereSigpipeIsIgnored) {
+  EXPECT_THAT(RunInChild([this] { return SendCompletionWithoutReader(SIG_IGN) ? 1 : 0; }), ExitedWith(0));
+  EXPECT_THAT(log_.lines(), ElementsAre(Error("Failed to write, err=Broken pipe"),
+                                        Error("Failed to send message to worker process")));
+}
+
 // ---- Reading ----
 
 TEST_F(PipeChannelTest, TicketIsReadFromTheWorker) {
@@ -212,6 +247,14 @@ TEST_F(PipeChannelTest, FrameWhoseLastByteIsNotZeroIsRefused) {
   EXPECT_EQ(TakeAll(main_.fromWorkerReadFd), "") << "the frame is consumed";
 }
 
+TEST_F(PipeChannelTest, FrameOf2048CharactersIsRefused) {
+  Put(worker_.fromWorkerWriteFd, std::string(2048, '1'));
+  Json::Value ticket;
+  EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
+  EXPECT_THAT(log_.lines(), ElementsAre(Error("The data format is wrong"),
+                                        Error("Failed to receive message from worker process")));
+}
+
 TEST_F(PipeChannelTest, FrameThatIsNoJsonIsRefusedWithItsText) {
   for (const std::string& text : {std::string("{\"token\":"), std::string(), std::string(1200, '[')}) {
     log_.Clear();
@@ -229,6 +272,22 @@ TEST_F(PipeChannelTest, PartOfAFrameIsDropped) {
   EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
   EXPECT_THAT(log_.lines(), ElementsAre(Error("Unexpected error, expected count: 2048, real count: 100"),
                                         Error("Failed to receive message from worker process")));
+}
+
+TEST_F(PipeChannelTest, PartsOfAFrameAreNotPutTogether) {
+  Json::Value ticket(Json::arrayValue);
+  for (const std::size_t part : {100U, 1948U}) {
+    log_.Clear();
+    Put(worker_.fromWorkerWriteFd, "[1]", part);
+    EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
+    EXPECT_THAT(log_.lines(), ElementsAre(Error("Unexpected error, expected count: 2048, real count: " +
+                                                std::to_string(part)),
+                                          Error("Failed to receive message from worker process")));
+  }
+  EXPECT_EQ(ticket, Json::Value(Json::arrayValue));
+  Put(worker_.fromWorkerWriteFd, "[2]");
+  EXPECT_TRUE(main_.ReceiveTicketFromWorker(ticket));
+  EXPECT_EQ(ticket, Parse("[2]"));
 }
 
 TEST_F(PipeChannelTest, EndOfFileIsAShortRead) {
@@ -356,6 +415,14 @@ TEST_F(PollTransmissionChildTest, ChildThatHasEndedIsReapedAndTheWorkerTold) {
   EXPECT_FALSE(main_.transmitterRunning);
   EXPECT_THAT(log_.events(), ElementsAre(Call("waitpid(4711)"), Warning("Notify worker process")));
   EXPECT_THAT(TakeFrames(worker_.toWorkerReadFd), ElementsAre(R"({"success":true})"));
+}
+
+TEST_F(PollTransmissionChildTest, ChildCountsAsReapedOnceTheLoggerHearsOfIt) {
+  ScriptedPlatform::UseLogger(true);
+  ScriptWaitpid(4711);
+  platform_.log = [this](int, const std::string&) { EXPECT_FALSE(main_.transmitterRunning); };
+  EXPECT_TRUE(main_.PollTransmissionChild());
+  EXPECT_THAT(log_.lines(), ElementsAre(Warning("Notify worker process")));
 }
 
 TEST_F(PollTransmissionChildTest, HowTheChildEndedDoesNotMatter) {

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 
 #include "daemon_fixture.h"
@@ -27,6 +28,11 @@ namespace real = test_support::real;
 namespace {
 
 constexpr char kTicket[] = R"({"apps":["a","b"],"extra":1,"token":"secret"})";
+
+/// An error line of the HTTP client.
+testing::Matcher<const Event&> ClientError(const testing::Matcher<std::string>& text) {
+  return test_support::Error(text, "transmitter.cpp");
+}
 
 class RequestHandlingTest : public DaemonTest {
  protected:
@@ -64,6 +70,16 @@ TEST_F(RequestHandlingTest, RefusalThatTheWorkerCannotBeToldIsLogged) {
                                         Error("Failed to notify worker process")));
 }
 
+TEST_F(RequestHandlingTest, FailedForkThatTheWorkerCannotBeToldIsLogged) {
+  platform_.fork = [] { return -1; };
+  main_.CloseDescriptor(main_.toWorkerWriteFd);
+  EXPECT_FALSE(Start());
+  EXPECT_THAT(log_.lines(), ElementsAre(Warning(StartsWith("Receive a request(")), Error("Failed to fork()"),
+                                        Error("Failed to write, err=Bad file descriptor"),
+                                        Error("Failed to send message to worker process"),
+                                        Error("Failed to notify worker process")));
+}
+
 TEST_F(RequestHandlingTest, FailedForkIsLoggedAndTheWorkerToldAtOnce) {
   platform_.fork = [] { return -1; };
   EXPECT_FALSE(Start());
@@ -95,6 +111,45 @@ TEST_F(RequestHandlingTest, EmptyTokenAndApplicationsAreAccepted) {
   platform_.fork = [] { return 4711; };
   EXPECT_TRUE(Start(R"({"apps":[],"token":""})"));
   EXPECT_THAT(Completions(), IsEmpty());
+}
+
+TEST_F(RequestHandlingTest, TicketIsPrintedAsItStands) {
+  platform_.fork = [] { return 4711; };
+  const std::string good = R"({"apps":["%s%n"],"token":"%m%d"})";
+  const std::string bad = R"({"apps":"%s%n","token":"%m%d"})";
+  EXPECT_TRUE(Start(good));
+  EXPECT_FALSE(Start(bad));
+  EXPECT_THAT(log_.lines(), ElementsAre(Warning("Receive a request(" + good +
+                                                ") from the orvane server, start to transmit debug.dat file"),
+                                        Error("Something wrong for the ticket information: " + bad)));
+}
+
+TEST_F(RequestHandlingTest, LongTicketIsLoggedWholeInSyslogAndCutByTheLogger) {
+  const std::string ticket = R"({"token":")" + std::string(1500, 't') + R"("})";
+  EXPECT_FALSE(Start(ticket));
+  EXPECT_THAT(log_.lines(), ElementsAre(Error("Something wrong for the ticket information: " + ticket)));
+  log_.Clear();
+  platform_.UseLogger(true);
+  EXPECT_FALSE(Start(ticket));
+  ASSERT_THAT(log_.lines(),
+              ElementsAre(Error(StartsWith(R"(Something wrong for the ticket information: {"token":"ttt)"))));
+  EXPECT_EQ(log_.lines()[0].text.size(), 255U);
+  EXPECT_THAT(Completions(), ElementsAre(R"({"success":true})", R"({"success":true})"));
+}
+
+TEST_F(RequestHandlingTest, ExceptionOfThePlatformPassesOutOfTheHandlerWithoutALine) {
+  platform_.fork = []() -> int { throw std::runtime_error("fork"); };
+  EXPECT_THROW(Start(), std::runtime_error);
+  EXPECT_THAT(log_.lines(), ElementsAre(Warning(StartsWith("Receive a request("))));
+  EXPECT_FALSE(main_.transmitterRunning);
+}
+
+TEST_F(RequestHandlingTest, ExceptionOfTheLoggerPassesOutOfTheHandlerBeforeTheFork) {
+  platform_.log = [](int, const std::string&) { throw std::runtime_error("logger"); };
+  EXPECT_THROW(Start(), std::runtime_error);
+  EXPECT_THROW(Start("{}"), std::runtime_error);
+  EXPECT_THAT(log_.calls(), IsEmpty());
+  EXPECT_FALSE(main_.transmitterRunning);
 }
 
 // ---- The scope guard ----
@@ -264,6 +319,46 @@ TEST_F(TransmissionChildTest, ServesATicketInItsFixedOrder) {
   EXPECT_FALSE(ArchiveExists());
 }
 
+TEST_F(TransmissionChildTest, LeavesTheSupervisorsDescriptorsAsTheyWere) {
+  const std::set<int> before = test_support::OpenDescriptors(getpid());
+  Serve(0);
+  EXPECT_EQ(test_support::OpenDescriptors(getpid()), before);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "another child is left";
+}
+
+TEST_F(TransmissionChildTest, DoesNotLookAtTheSupervisorsFlags) {
+  EXPECT_THAT(RunInChild([this] {
+                main_.Init();
+                platform_.curl_setup_write_to_string = [] {
+                  Signal(SIGTERM);
+                  Signal(SIGHUP);
+                };
+                Serve(0);
+                return 0;
+              }),
+              ExitedWith(0));
+  EXPECT_THAT(Steps(), ElementsAre(Collect(), Status(), Call("upload"), Call("report"), Exists(), Unlink(),
+                                   Finish(), Call("ReconfigureByDebugFlag()"), Call("_exit(0)")));
+}
+
+TEST_F(TransmissionChildTest, LogsToTheLoggerWhatGoesToSyslogWithoutOne) {
+  fail_upload_ = true;
+  fail_report_ = true;
+  Serve(1);
+  const std::vector<Event> in_syslog = log_.lines(kTransmissionChild);
+  log_.Clear();
+  platform_.UseLogger(true);
+  std::ofstream(archive_) << "archive";
+  Serve(1);
+  const std::vector<Event> lines = log_.lines(kTransmissionChild);
+  ASSERT_EQ(lines.size(), in_syslog.size());
+  for (std::size_t index = 0; index < lines.size(); ++index) {
+    EXPECT_TRUE(lines[index].via_logger);
+    EXPECT_EQ(lines[index].level, in_syslog[index].level);
+    EXPECT_EQ(lines[index].text, in_syslog[index].text);
+  }
+}
+
 TEST_F(TransmissionChildTest, BuildsATransmitterFromTheTokenForEachRequest) {
   Serve(0);
   EXPECT_THAT(log_.CallsOf("GetSerialNumber").size(), 2U);
@@ -323,6 +418,33 @@ TEST_F(TransmissionChildTest, FailedUploadIsReportedAsTwoAndTheArchiveStillDelet
   EXPECT_FALSE(ArchiveExists());
 }
 
+TEST_F(TransmissionChildTest, FailuresOfBothRequestsLeaveTheirChainsInnermostFirst) {
+  platform_.SetServiceConfig("{}");
+  Serve(1);
+  EXPECT_THAT(
+      log_.lines(kTransmissionChild),
+      ElementsAre(
+          ClientError("Failed to validate data: [{}]"), ClientError("Failed to get css server url"),
+          ClientError("Failed to upload debug.dat file"), Error("Failed to upload debug.dat to CSS server"),
+          Error("Failed to transmit debug.dat"), ClientError("Failed to validate data: [{}]"),
+          ClientError("Failed to get css server url"), ClientError("Failed to update result to server"),
+          Error("Failed to update result to CSS server"), Error("Failed to update '2' to server"), Finish()));
+  EXPECT_FALSE(ArchiveExists());
+}
+
+TEST_F(TransmissionChildTest, ApplicationsOfAnyTypeAreCollectedAndThoseWithoutTextFailTheUpload) {
+  Serve(1, R"({"apps":["a",{"b":[null]}],"token":"secret"})");
+  EXPECT_THAT(Steps().front(), Collect(R"(["a",{"b":[null]}])"));
+  EXPECT_THAT(
+      log_.lines(kTransmissionChild),
+      ElementsAre(ClientError("Request failed, what=[Type is not convertible to string]"),
+                  ClientError("Failed to set opt"), ClientError("Failed to upload debug.dat file"),
+                  Error("Failed to upload debug.dat to CSS server"), Error("Failed to transmit debug.dat"),
+                  Warning(StartsWith("Finish handling the request("))));
+  EXPECT_EQ(ReportedStatus(), "Failed to upload debug file to server");
+  EXPECT_FALSE(ArchiveExists());
+}
+
 TEST_F(TransmissionChildTest, FailedReportIsLoggedWithTheResultAndTheArchiveStillDeleted) {
   fail_report_ = true;
   Serve(1);
@@ -354,6 +476,19 @@ TEST_F(TransmissionChildTest, ArchiveThatCannotBeRemovedIsAFailure) {
                                    Error("Failed to remove: " + archive_ + ", error: Permission denied"),
                                    Finish(), Call("ReconfigureByDebugFlag()"), Call("_exit(1)")));
   EXPECT_EQ(ReportedStatus(), "Success");
+}
+
+TEST_F(TransmissionChildTest, FolderInPlaceOfTheArchiveStaysAndIsAFailure) {
+  real::Unlink(archive_.c_str());
+  std::filesystem::create_directory(archive_);
+  fail_report_ = true;
+  Serve(1);
+  EXPECT_THAT(Steps(), ElementsAre(Collect(), Status(), Call("upload"), Call("report"),
+                                   Error("Failed to update result to CSS server"),
+                                   Error("Failed to update '0' to server"), Exists(), Unlink(),
+                                   Error("Failed to remove: " + archive_ + ", error: Is a directory"),
+                                   Finish(), Call("ReconfigureByDebugFlag()"), Call("_exit(1)")));
+  EXPECT_TRUE(ArchiveExists());
 }
 
 TEST_F(TransmissionChildTest, ArchiveThatHasGoneBeforeIsNoFailure) {

@@ -47,6 +47,12 @@ TEST_F(GrpcServerUrlTest, MissingFileIsLoggedWithItsPath) {
   EXPECT_THAT(log_.lines(), ElementsAre(Error(kReadFailure)));
 }
 
+TEST_F(GrpcServerUrlTest, FolderInPlaceOfTheFileIsLoggedWithItsPath) {
+  std::filesystem::create_directory(platform_.service_config_path());
+  EXPECT_EQ(main_.GetGrpcServerUrl(), "");
+  EXPECT_THAT(log_.lines(), ElementsAre(Error(kReadFailure)));
+}
+
 TEST_F(GrpcServerUrlTest, FileThatIsNoJsonIsLoggedWithItsPath) {
   for (const std::string& text : {std::string(), std::string("{"), std::string(1200, '[')}) {
     log_.Clear();

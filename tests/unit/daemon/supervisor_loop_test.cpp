@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <stdexcept>
 
 #include "daemon_fixture.h"
 
@@ -141,6 +142,27 @@ TEST_F(SupervisorLoopTest, SigtermInTheWaitEndsRunAfterThePass) {
                                               Call("usleep(500000)")));
 }
 
+TEST_F(SupervisorLoopTest, SigtermWhileATicketIsTakenEndsRunBeforeTheNextPoll) {
+  WorkerSends(kTicket);
+  platform_.fork = [] {
+    Signal(SIGTERM);
+    return 99;
+  };
+  Run();
+  EXPECT_THAT(EventsAfterSpawn(), ElementsAre(Call("ReconfigureByDebugFlag()"), Call("select()"),
+                                              Warning(kReceived), Call("TLIBCProcFork()")));
+}
+
+TEST_F(SupervisorLoopTest, SigtermGoesBeforeASighupOfTheSamePass) {
+  AtEachPause({[] {
+    Signal(SIGHUP);
+    Signal(SIGTERM);
+  }});
+  Run();
+  EXPECT_THAT(EventsAfterSpawn(),
+              ElementsAre(Call("ReconfigureByDebugFlag()"), Call("select()"), Call("usleep(500000)")));
+}
+
 TEST_F(SupervisorLoopTest, AnyNumberOfSighupsReconfiguresOncePerPass) {
   AtEachPause({[] {},
                [] {
@@ -161,6 +183,12 @@ TEST_F(SupervisorLoopTest, SighupDuringTheReconfigurationIsClearedWithIt) {
   AtEachPause({[] {}});
   Run();
   EXPECT_THAT(log_.CallsOf("ReconfigureByDebugFlag"), ElementsAre("ReconfigureByDebugFlag()"));
+}
+
+TEST_F(SupervisorLoopTest, ExceptionOfTheReconfigurationEndsTheSupervisor) {
+  platform_.reconfigure = [] { throw std::runtime_error("flag"); };
+  EXPECT_THAT(RunInChild([] { return DebugDatTransmitterDaemon().Run() ? 0 : 1; }), KilledBy(SIGABRT));
+  EXPECT_THAT(EventsAfterSpawn(), ElementsAre(Call("ReconfigureByDebugFlag()")));
 }
 
 // ---- Tickets ----
@@ -240,11 +268,14 @@ TEST_F(SupervisorLoopTest, ChildThatCannotBeAskedForHoldsUpEveryFurtherTicket) {
 // ---- When the spawn failed ----
 
 TEST_F(SupervisorLoopTest, FailedForkLeavesASilentLoop) {
-  platform_.fork_ex = [](int) { return -1; };
-  AtEachPause({[] {}, [] {}});
-  Run();
-  EXPECT_THAT(log_.lines(), ElementsAre(Error("Failed to fork()")));
-  EXPECT_EQ(log_.CallsOf("usleep").size(), 3U);
+  for (const int result : {-1, -2}) {
+    log_.Clear();
+    platform_.fork_ex = [=](int) { return result; };
+    AtEachPause({[] {}, [] {}});
+    Run();
+    EXPECT_THAT(log_.lines(), ElementsAre(Error("Failed to fork()")));
+    EXPECT_EQ(log_.CallsOf("usleep").size(), 3U);
+  }
 }
 
 TEST_F(SupervisorLoopTest, FailedPipeAbortsAtTheFirstWait) {

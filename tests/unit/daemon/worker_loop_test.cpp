@@ -14,6 +14,7 @@ using test_support::Ending;
 using test_support::Event;
 using test_support::ExitedWith;
 using test_support::KilledBy;
+using test_support::RecordCall;
 using test_support::RunInChild;
 using testing::Contains;
 using testing::ElementsAre;
@@ -90,6 +91,15 @@ class WorkerLoopTest : public DaemonTest {
     return tokens;
   }
   void MainCompletes() { Put(main_.toWorkerWriteFd, kCompletion); }
+
+  /// Each wait for a Completion is ended by a signal.
+  void InterruptTheWaitBy(int number) {
+    platform_.select = [=](int, fd_set*, fd_set*, fd_set*, timeval*) {
+      Signal(number);
+      errno = EINTR;
+      return -1;
+    };
+  }
 
   /// `step`, the main process having sent its Completion just before.
   Step AfterCompletion(const Step& step) {
@@ -178,6 +188,40 @@ TEST_F(WorkerLoopTest, EachTicketNeedsTheCompletionOfTheOneBefore) {
   Run({TicketArrives("one"), AfterCompletion(TicketArrives("two")), TicketArrives("three")});
   EXPECT_THAT(Answers(), ElementsAre("Send(0)", "Send(0)", "Send(1)"));
   EXPECT_THAT(HandedOver(), ElementsAre("one", "two"));
+}
+
+TEST_F(WorkerLoopTest, OfManyTicketsEachIsAdmittedByTheCompletionOfTheLastOneHandedOver) {
+  bool write_fails = false;
+  platform_.write = [&](int fd, const void* data, size_t size) {
+    if (fd != worker_.fromWorkerWriteFd) return test_support::real::Write(fd, data, size);
+    errno = EAGAIN;
+    if (write_fails) return ssize_t{-1};
+    RecordCall("HandedOver(" + Parse(static_cast<const char*>(data))["token"].asString() + ")");
+    return static_cast<ssize_t>(size);
+  };
+  std::vector<Step> steps;
+  std::vector<std::string> answers;
+  std::vector<std::string> handed_over;
+  std::vector<std::string> pauses;
+  bool awaited = false;
+  for (int number = 0; number < 120; ++number) {
+    const bool completes = awaited && number % 3 != 0;
+    const bool fails = number % 7 == 0;
+    steps.emplace_back([this, &write_fails, number, completes, fails] {
+      if (completes) MainCompletes();
+      write_fails = fails;
+      return Arrives({std::to_string(number), {}});
+    });
+    const bool refused = awaited && !completes;
+    if (refused) pauses.emplace_back("sleep(2)");
+    if (!refused && !fails) handed_over.push_back("HandedOver(" + std::to_string(number) + ")");
+    answers.emplace_back(refused || fails ? "Send(1)" : "Send(0)");
+    awaited = refused || !fails;
+  }
+  Run(steps);
+  EXPECT_EQ(Answers(), answers);
+  EXPECT_EQ(log_.CallsOf("HandedOver"), handed_over);
+  EXPECT_EQ(Pauses(), pauses);
 }
 
 TEST_F(WorkerLoopTest, EmptyTokenAndApplicationsAreHandedOverAsReceived) {
@@ -318,6 +362,19 @@ TEST(NextRetryDelayTest, IsTwiceTheBasePlusARandomPartUpToTheBase) {
   }
 }
 
+TEST(NextRetryDelayTest, EveryBaseReachesBothEndsOfItsRangeBelowTheCap) {
+  test_support::ScriptedPlatform platform;
+  for (std::uint32_t start = 1; start <= 512; ++start) {
+    for (const std::uint32_t random : {0U, start, start + 1}) {
+      platform.rand = [&] { return static_cast<int>(random); };
+      const std::uint32_t delay = 2 * start + (random == start ? start : 0);
+      std::uint32_t base = start;
+      EXPECT_EQ(NextRetryDelay(base), delay > 599 ? 600 : delay) << start << " " << random;
+      EXPECT_EQ(base, delay > 599 ? start : 2 * start) << start << " " << random;
+    }
+  }
+}
+
 // ---- Exceptions ----
 
 TEST_F(WorkerLoopTest, RuntimeErrorIsLoggedAndThePauseFollows) {
@@ -354,6 +411,16 @@ TEST_F(WorkerLoopTest, ExceptionAfterTheCompletionLeavesNothingAwaited) {
   EXPECT_THAT(log_.lines(), Contains(Error("catch error: logger")));
 }
 
+TEST_F(WorkerLoopTest, ExceptionOfTheLoggerInTheHandlerEndsTheWorker) {
+  test_support::ScriptedPlatform::UseLogger(true);
+  platform_.log = [](int, const std::string&) { throw std::runtime_error("logger"); };
+  steps_ = {NothingArrives()};
+  EXPECT_THAT(RunToEnd(), KilledBy(SIGABRT));
+  EXPECT_THAT(log_.lines(),
+              ElementsAre(Warning("Prepare to receive grpc request"), Error("catch error: logger")));
+  EXPECT_THAT(Pauses(), IsEmpty());
+}
+
 TEST_F(WorkerLoopTest, AnyOtherExceptionEndsTheWorker) {
   steps_ = {[]() -> ReceiveResult { throw std::logic_error("boom"); }, NothingArrives()};
   EXPECT_THAT(RunToEnd(), KilledBy(SIGABRT));
@@ -387,6 +454,37 @@ TEST_F(WorkerLoopTest, SigtermInAPauseEndsTheWorkerWithoutAnyAnswer) {
   Run({NothingArrives(), NothingArrives()});
   EXPECT_EQ(log_.CallsOf("Receive").size(), 1U);
   EXPECT_THAT(Answers(), IsEmpty());
+}
+
+TEST_F(WorkerLoopTest, SigtermGoesBeforeASighupOfTheSamePause) {
+  platform_.sleep = [](unsigned) {
+    Signal(SIGHUP);
+    Signal(SIGTERM);
+    return 1U;
+  };
+  Run({NothingArrives(), NothingArrives()});
+  EXPECT_THAT(log_.CallsOf("ReconfigureByDebugFlag"), IsEmpty());
+}
+
+TEST_F(WorkerLoopTest, SigtermInTheWaitForTheCompletionRefusesTheTicketAndEndsTheWorkerAfterThePause) {
+  InterruptTheWaitBy(SIGTERM);
+  Run({TicketArrives("one"), TicketArrives("two"), NothingArrives()});
+  const std::vector<Event> events = Iterations();
+  EXPECT_THAT(std::vector<Event>(events.begin() + 6, events.end()),
+              ElementsAre(Warning("Prepare to receive grpc request"), Call("Receive()"), Warning(kReceived),
+                          Error("Failed to do select(), err=Interrupted system call\n"),
+                          Warning("Sent grpc response: 1"), Call("Send(1)"), Call("sleep(2)")));
+}
+
+TEST_F(WorkerLoopTest, SighupInTheWaitForTheCompletionRefusesTheTicketAndReconfiguresAfterThePause) {
+  InterruptTheWaitBy(SIGHUP);
+  Run({TicketArrives("one"), TicketArrives("two"), NothingArrives()});
+  const std::vector<Event> events = Iterations();
+  ASSERT_GE(events.size(), 14U);
+  EXPECT_THAT(std::vector<Event>(events.begin() + 9, events.begin() + 14),
+              ElementsAre(Error("Failed to do select(), err=Interrupted system call\n"),
+                          Warning("Sent grpc response: 1"), Call("Send(1)"), Call("sleep(2)"),
+                          Call("ReconfigureByDebugFlag()")));
 }
 
 TEST_F(WorkerLoopTest, SighupInAPauseReconfiguresAtTheStartOfTheNextIteration) {

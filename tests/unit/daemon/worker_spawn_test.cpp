@@ -26,7 +26,10 @@ class WorkerSpawnTest : public DaemonTest {
       ends[1] = 100 + 2 * pipes_;
       return 0;
     };
-    platform_.fork_ex = [this](int) { return fork_result_; };
+    platform_.fork_ex = [this](int) {
+      at_fork_ = Descriptors();
+      return fork_result_;
+    };
     platform_.close = [](int fd) {
       RecordCall("close(" + std::to_string(fd) + ")");
       return 0;
@@ -54,6 +57,7 @@ class WorkerSpawnTest : public DaemonTest {
     return {main_.toWorkerReadFd, main_.toWorkerWriteFd, main_.fromWorkerReadFd, main_.fromWorkerWriteFd};
   }
 
+  std::vector<int> at_fork_;  ///< Descriptors() when the worker was forked.
   int pipes_ = 0;
   int failing_pipe_ = 0;
   int failing_fcntl_ = 0;
@@ -65,6 +69,7 @@ TEST_F(WorkerSpawnTest, SupervisorKeepsItsEndsNonBlocking) {
   EXPECT_THAT(log_.events(),
               ElementsAre(Call("pipe()"), Call("pipe()"), Call("TLIBCProcForkEx(65)"), Call("close(101)"),
                           Call("close(104)"), Call("nonblocking(103)"), Call("nonblocking(102)")));
+  EXPECT_THAT(at_fork_, ElementsAre(101, 102, 103, 104));
   EXPECT_THAT(Descriptors(), ElementsAre(-1, 102, 103, -1));
   EXPECT_FALSE(main_.transmitterRunning);
 }
@@ -92,11 +97,15 @@ TEST_F(WorkerSpawnTest, SecondEndThatCannotBeMadeNonBlockingIsAFailureToo) {
 }
 
 TEST_F(WorkerSpawnTest, FailedForkLeavesAllFourEndsOpen) {
-  fork_result_ = -1;
-  EXPECT_FALSE(main_.SpawnWorker());
-  EXPECT_THAT(log_.events(), ElementsAre(Call("pipe()"), Call("pipe()"), Call("TLIBCProcForkEx(65)"),
-                                         Error("Failed to fork()")));
-  EXPECT_THAT(Descriptors(), ElementsAre(101, 102, 103, 104));
+  for (const int result : {-1, -2}) {
+    log_.Clear();
+    pipes_ = 0;
+    fork_result_ = result;
+    EXPECT_FALSE(main_.SpawnWorker());
+    EXPECT_THAT(log_.events(), ElementsAre(Call("pipe()"), Call("pipe()"), Call("TLIBCProcForkEx(65)"),
+                                           Error("Failed to fork()")));
+    EXPECT_THAT(Descriptors(), ElementsAre(101, 102, 103, 104));
+  }
 }
 
 TEST_F(WorkerSpawnTest, FailedFirstPipeIsTheOnlyOneTried) {
@@ -105,6 +114,13 @@ TEST_F(WorkerSpawnTest, FailedFirstPipeIsTheOnlyOneTried) {
   EXPECT_THAT(log_.events(),
               ElementsAre(Call("pipe()"), Error("Failed to do pipe(), err=Too many open files")));
   EXPECT_THAT(Descriptors(), ElementsAre(-1, -1, -1, -1));
+}
+
+TEST_F(WorkerSpawnTest, FailedPipeIsLoggedAlikeByTheLogger) {
+  test_support::ScriptedPlatform::UseLogger(true);
+  failing_pipe_ = 1;
+  EXPECT_FALSE(main_.SpawnWorker());
+  EXPECT_THAT(log_.lines(), ElementsAre(Error("Failed to do pipe(), err=Too many open files")));
 }
 
 TEST_F(WorkerSpawnTest, FailedSecondPipeLeavesTheFirstOpenAndUnrecorded) {

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int kWaitMilliseconds = 10000;
+constexpr int kWaitMilliseconds = 60000;
 
 /// A socket bound to a loopback port of the kernel's choice, which goes to `port`.
 int BindToLoopback(std::uint16_t& port) {

@@ -1,7 +1,7 @@
 /// An HTTP server of the tests' own: it keeps every request's bytes and gives the answers it was told to.
 ///
 /// It speaks on a socket directly, so that an answer may be broken at any byte. A thread of its own serves
-/// one connection after the other, one request on each; every wait there ends after ten seconds.
+/// one connection after the other, one request on each; every wait there ends after a minute.
 #pragma once
 
 #include <chrono>

@@ -419,6 +419,47 @@ TEST_P(LongRefusalTest, IsCutByTheLoggerTo255CharactersInAll) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, LongRefusalTest, testing::Values(255, 256, 257, 2000));
 
+/// Lets the logger throw at the first `count` lines.
+void LoggerThrows(test_support::ScriptedPlatform& platform, int count) {
+  platform.log = [count](int, const std::string&) mutable {
+    if (count-- > 0) {
+      throw std::runtime_error("logger trouble");
+    }
+  };
+}
+
+TEST_F(TransmitterTest, AnExceptionOfTheLoggerInTheRequestFailsItLikeAnyOther) {
+  for (const bool logger : {false, true}) {
+    platform_.UseLogger(logger);
+    AnswerWith("{}");
+    LoggerThrows(platform_, 1);
+    EXPECT_FALSE(Request());
+    EXPECT_THAT(log_.lines(), ElementsAre(Line("Failed to send form server resp: {}"),
+                                          Line("Request failed, what=[logger trouble]")));
+    EXPECT_THAT(LastCalls(2), ElementsAre("curl_slist_free_all()", "curl_easy_cleanup()"));
+  }
+}
+
+TEST_F(TransmitterTest, AnExceptionOfTheLoggerEndsTheAttempts) {
+  platform_.curl_perform = [](CurlHandle&, std::string& response) { Refused(response); };
+  LoggerThrows(platform_, 1);
+
+  EXPECT_FALSE(Request());
+  EXPECT_THAT(log_.lines(), ElementsAre(Line("curl_easy_perform() failed: CURLcode=[7], what=[refused]"),
+                                        Line("Request failed, what=[logger trouble]")));
+  EXPECT_EQ(CountOf("CurlPerform"), 1U);
+  EXPECT_EQ(CountOf("sleep"), 0U);
+}
+
+TEST_F(TransmitterTest, AnExceptionOfTheLoggerThatReportsAnExceptionPassesOut) {
+  platform_.curl_slist_append = [](const std::string&) { throw PlainException(); };
+  LoggerThrows(platform_, 1);
+
+  EXPECT_THROW(Request(), std::runtime_error);
+  EXPECT_THAT(log_.lines(), ElementsAre(Line("Request failed, what=[plain trouble]")));
+  EXPECT_THAT(LastCalls(1), ElementsAre("curl_easy_cleanup()"));
+}
+
 TEST_F(TransmitterTest, AnExceptionOfAnotherKindPassesOutAndEverythingIsReleased) {
   platform_.curl_perform = [](CurlHandle&, std::string&) { throw 42; };
 

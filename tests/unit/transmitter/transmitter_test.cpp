@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -243,6 +244,17 @@ TEST_F(TransmitterLinesTest, GoToTheLoggerWithTheSameTexts) {
     EXPECT_EQ(lines[index].level, LOG_ERR);
     EXPECT_EQ(lines[index].text, in_syslog[index].text);
   }
+}
+
+TEST_F(TransmitterLinesTest, BearTheNumberOfTheStatementThatMetTheFailure) {
+  MeetEveryFailure();
+
+  std::map<std::string, std::set<std::string>> sites;
+  for (const Event& line : log_.lines()) {
+    sites[line.format].insert(line.text.substr(0, line.text.find(' ')));
+  }
+  EXPECT_THAT(sites["%s:%d Request failed, what=[%s]"], SizeIs(4)) << "attempt, frame, upload and report";
+  EXPECT_THAT(sites["%s:%d Request failed, CURLcode=[%d], what=[%s]"], SizeIs(2)) << "frame and report";
 }
 
 TEST_F(TransmitterLinesTest, NameTheLineOfTheirStatement) {
