@@ -44,10 +44,14 @@ struct Limits {
   unsigned manifest_errors = 1'000;
   /// Levels of folders that are walked below a folder which a pattern of a description matches.
   unsigned folder_depth = 16;
-  /// Names looked at in one folder; the others are left out. Bounds memory where some user fills a folder.
+  /// Names looked at in one folder, and half of those in it and the folders above it together; the others are left
+  /// out. Bounds memory where some user fills folders.
   std::size_t folder_names = 200'000;
   /// Names met per application, whether taken or not; the search ends there.
   std::size_t app_names = 1'000'000;
+  /// Bytes of these names with their folders; the search ends there, too. Every name may come to stand in the
+  /// manifest, which is made in memory.
+  std::size_t app_name_bytes = std::size_t{16} << 20;
   /// Symbolic links followed on the way along one pattern, as many as the kernel's own limit.
   unsigned links = 40;
   /// Bytes of an application's description file.
@@ -75,8 +79,8 @@ struct Limits {
   unsigned status_wait_ms = 5'000;  ///< How long "status" waits for a task to end.
   unsigned prepare_wait_ms =
       10'000;  ///< How long "collect" waits for another "collect" to get its task going.
-  unsigned progress_interval_ms = 100;  ///< The progress file is not replaced more often.
-  int zstd_level = 1;                   ///< Level of the archive's compression.
+  unsigned progress_interval_ms = 1000;  ///< The progress file is not replaced more often.
+  int zstd_level = 1;                    ///< Level of the archive's compression.
 };
 
 }  // namespace TARVO::SupportForm

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 #include "unique_fd.h"
 
@@ -95,10 +96,12 @@ bool ReplaceFile(int folder_fd, const std::string& name, std::string_view text) 
 }
 
 bool IsKernelFileSystem(int fd) {
+  constexpr long kConfigFsMagic = 0x62656570;  // the kernel's headers for programs lack it
   struct statfs status = {};
   if (fstatfs(fd, &status) != 0) return false;
-  for (const long type : {PROC_SUPER_MAGIC, SYSFS_MAGIC, DEBUGFS_MAGIC, TRACEFS_MAGIC, CGROUP_SUPER_MAGIC,
-                          CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC}) {
+  for (const long type : std::initializer_list<long>{
+           PROC_SUPER_MAGIC, SYSFS_MAGIC, DEBUGFS_MAGIC, TRACEFS_MAGIC, CGROUP_SUPER_MAGIC,
+           CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC, SELINUX_MAGIC, BINFMTFS_MAGIC, kConfigFsMagic}) {
     if (status.f_type == type) return true;
   }
   return false;

@@ -14,7 +14,7 @@
 namespace TARVO::SupportForm {
 namespace {
 
-/// Bytes that are read, masked, digested and compressed at a time. In the processor's second-level cache they stay
+/// Bytes that are read, masked and handed to the compressor at a time. In the processor's second-level cache they stay
 /// between these steps; much smaller ones cost system calls.
 constexpr std::size_t kBlockBytes = std::size_t{128} << 10;
 /// Bytes of the archive per entry beside its content: header, names of up to 4096 bytes, padding.
@@ -32,7 +32,7 @@ la_ssize_t WriteCompressed(archive* writer, void* stream, const void* data, std:
 
 }  // namespace
 
-/// Takes the masked content of one entry: drops the lead, counts, digests, writes.
+/// Takes the masked content of one entry: drops the lead, counts, writes.
 class ArchiveWriter::Content {
  public:
   Content(ArchiveWriter& writer, std::uint64_t lead) : writer_(writer), lead_(lead) {}
@@ -42,7 +42,6 @@ class ArchiveWriter::Content {
     lead_ -= dropped;
     bytes.remove_prefix(dropped);
     if (bytes.empty()) return;
-    writer_.sum_.Add(bytes);
     const la_ssize_t written = archive_write_data(writer_.archive_.get(), bytes.data(), bytes.size());
     if (written != static_cast<la_ssize_t>(bytes.size())) writer_.Check(ARCHIVE_FATAL, "write");
     writer_.progress_.AddBytes(bytes.size());
@@ -98,6 +97,7 @@ void ArchiveWriter::WriteHeader(const std::string& name, const EntrySource& sour
 
 WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& source) {
   WriteHeader(name, source);
+  zstd_->BeginPart();
   Content content(*this, source.lead);
   Redactor redactor(source.rules);
   std::uint64_t left = source.lead + source.size;  // bytes still to be read
@@ -117,11 +117,12 @@ WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& sour
     std::memmove(buffer_.data(), buffer_.data() + decided, held);
   }
   content.TakeZeros(left);
+  zstd_->EndPart();  // before the library pads the entry
   progress_.AddFile();
   ++summary_.entries;
   summary_.bytes += source.size;
   summary_.redacted += redactor.count();
-  return {sum_.Finish(), std::min(left, source.size), redactor.count()};
+  return {std::min(left, source.size), redactor.count()};
 }
 
 WrittenEntry ArchiveWriter::AddText(const std::string& name, std::string_view text, std::time_t modified,
@@ -136,6 +137,14 @@ WrittenEntry ArchiveWriter::AddText(const std::string& name, std::string_view te
     return static_cast<ssize_t>(count);
   };
   return Add(name, source);
+}
+
+const std::string& ArchiveWriter::Sums() {
+  try {
+    return zstd_->PartSums();
+  } catch (const std::exception& error) {
+    throw ArchiveFailed(std::string("failed to write the archive: ") + error.what());
+  }
 }
 
 ArchiveSummary ArchiveWriter::Close() {

@@ -13,7 +13,6 @@
 
 #include "progress.h"
 #include "redactor.h"
-#include "sha256.h"
 
 struct archive;
 struct archive_entry;
@@ -43,7 +42,6 @@ struct EntrySource {
 
 /// What became of an entry.
 struct WrittenEntry {
-  std::string sha256;               ///< Of the content as it lies in the archive, in lower-case hex digits.
   std::uint64_t missing_bytes = 0;  ///< Announced bytes that the source did not have; zeros stand for them.
   std::uint64_t redacted = 0;       ///< Secrets masked in it, those in the lead counted too.
 };
@@ -74,6 +72,9 @@ class ArchiveWriter {
   /// Adds a regular file that holds `text`.
   WrittenEntry AddText(const std::string& name, std::string_view text, std::time_t modified,
                        const RedactionRules* rules = nullptr);
+  /// SHA-256 of the content of each entry so far, as it lies in the archive, in the order of the entries: kSumDigits
+  /// lower-case hex digits for each. Waits for those that are still being digested.
+  [[nodiscard]] const std::string& Sums();
   /// Ends the archive. It is complete once this has returned.
   ArchiveSummary Close();
 
@@ -91,7 +92,6 @@ class ArchiveWriter {
   std::unique_ptr<archive, int (*)(archive*)> archive_;
   std::unique_ptr<archive_entry, void (*)(archive_entry*)> header_;  // used for all entries
   Progress& progress_;
-  Sha256 sum_;                // of the entry being written
   std::vector<char> buffer_;  // its part that is being read and masked
   ArchiveSummary summary_;
 };

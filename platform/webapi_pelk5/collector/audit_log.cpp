@@ -21,18 +21,26 @@ namespace {
   throw std::runtime_error("the audit log " + path + " can't be written: " + ErrorText(errno));
 }
 
+/// Refuses what somebody else may have put in the log's place: a file of his own, which he could lock for good, or
+/// a second name of a file that is no log.
+void RefuseForeign(const struct stat& file, const std::string& path) {
+  if (S_ISREG(file.st_mode) && file.st_uid == geteuid() && file.st_nlink <= 1) return;
+  throw std::runtime_error("the audit log " + path +
+                           " can't be written: it is no file of the caller's own with one name; remove it");
+}
+
 /// Opens the log and locks it. What another process renamed meanwhile is not the log any more.
 UniqueFd OpenLocked(const std::string& path) {
   for (;;) {
     UniqueFd fd(open(path.c_str(),
                      O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
-    if (!fd.valid()) Fail(path);
+    struct stat opened = {};
+    if (!fd.valid() || fstat(fd.get(), &opened) != 0) Fail(path);
+    RefuseForeign(opened, path);
     while (flock(fd.get(), LOCK_EX) != 0) {
       if (errno != EINTR) Fail(path);
     }
-    struct stat opened = {};
     struct stat named = {};
-    if (fstat(fd.get(), &opened) != 0) Fail(path);
     if (lstat(path.c_str(), &named) == 0 && named.st_dev == opened.st_dev && named.st_ino == opened.st_ino)
       return fd;
   }

@@ -32,6 +32,22 @@ std::string Redacted(std::string text, const RedactionRules* rules) {
   return text;
 }
 
+/// Whether the next argument is this option's secret value.
+bool AnnouncesSecret(const std::string& argument, const RedactionRules* rules) {
+  return argument.rfind('-', 0) == 0 && Redacted(argument + " x", rules).back() == '*';
+}
+
+std::vector<std::string> RedactedArguments(const std::vector<std::string>& argv,
+                                           const RedactionRules* rules) {
+  std::vector<std::string> result;
+  bool secret = false;
+  for (const std::string& argument : argv) {
+    result.push_back(secret ? std::string(argument.size(), '*') : Redacted(argument, rules));
+    secret = AnnouncesSecret(argument, rules);
+  }
+  return result;
+}
+
 }  // namespace
 
 Collection::Collection(const Paths& paths, const Limits& limits, const CollectionRequest& request,
@@ -44,7 +60,8 @@ Collection::Collection(const Paths& paths, const Limits& limits, const Collectio
       deadline_ms_(MonotonicMs() + std::int64_t{limits.task_seconds} * 1000),
       progress_(folder_fd, limits.progress_interval_ms),
       archive_(archive_fd, limits.zstd_level, progress_),
-      manifest_(request.task_id, request.app_list, request.redact, limits.manifest_errors) {
+      manifest_(request.task_id, request.app_list, request.redact, limits.manifest_errors),
+      met_(limits) {
   static_cast<void>(fstat(archive_fd, &own_));
 }
 
@@ -53,7 +70,7 @@ CollectionSummary Collection::Run() {
     TakeSystem();
     for (const Json::Value& asked : request_.app_list) TakeApplication(asked);
   }
-  archive_.AddText("manifest.json", manifest_.Text(), std::time(nullptr));
+  archive_.AddText("manifest.json", manifest_.Text(archive_.Sums()), std::time(nullptr));
   CollectionSummary summary{archive_.Close(), manifest_.errors()};
   progress_.Write();
   return summary;
@@ -116,12 +133,12 @@ void Collection::TakeApplication(const Json::Value& asked) {
     return manifest_.AddError("apps", NotAnAppName(asked));
   }
   app_ = asked.asString();
-  seen_.clear();
   const std::string where = "apps/" + app_;
   if (!apps_.insert(app_).second) return manifest_.AddError(where, "asked for more than once; taken once");
   try {
     const AppDescription description = LoadAppDescription(paths_, limits_, app_);
     manifest_.AddApplication(app_, Redacted(description.description, rules_.get()));
+    met_.Begin(description.paths.size());
     for (const PathDescription& path : description.paths) {
       binary_allowed_ = path.binary;
       if (!TimeIsUp(where)) VisitMatches(path.pattern, limits_, *this);
@@ -153,19 +170,19 @@ bool Collection::TakeFile(const std::string& path, UniqueFd fd, const struct sta
   } else {
     TakeRegularFile(std::move(entry), fd.get(), status);
   }
-  return seen_.size() < limits_.app_names;
+  return !met_.full();
 }
 
 bool Collection::LeaveOut(const std::string& path, const std::string& why) {
   if (FirstSight(path)) manifest_.AddError("apps/" + app_, PrintablePath(path) + ": " + why);
-  return seen_.size() < limits_.app_names && !TimeIsUp("apps/" + app_);
+  return !met_.full() && !TimeIsUp("apps/" + app_);
 }
 
 /// Whether the application's patterns meet a name for the first time.
 bool Collection::FirstSight(const std::string& path) {
-  if (!seen_.insert(path).second) return false;
-  if (seen_.size() == limits_.app_names) {
-    manifest_.AddError("apps/" + app_, "the search ends after " + std::to_string(seen_.size()) + " names");
+  if (!met_.Add(path)) return false;
+  if (met_.full()) {
+    manifest_.AddError("apps/" + app_, "the search ends after " + std::to_string(met_.count()) + " names");
   }
   return true;
 }
@@ -179,7 +196,6 @@ void Collection::TakeRegularFile(ManifestEntry entry, int fd, const struct stat&
   if (!taken.left_out.empty()) return manifest_.AddError(entry.name, "left out: " + taken.left_out);
   entry.modified = status.st_mtime;
   entry.size = taken.size;
-  entry.sha256 = taken.sha256;
   entry.redacted = taken.redacted;
   entry.notes.insert(entry.notes.end(), taken.notes.begin(), taken.notes.end());
   Record(entry);
@@ -224,7 +240,8 @@ bool Collection::TakeOutput(const std::string& name, const CommandRequest& reque
   struct stat status = {};
   const bool empty = fstat(spool_fd, &status) != 0 || status.st_size == 0;
   if (result.end == CommandResult::End::kNotStarted || (empty && request.output == Output::kEndNoErrors)) {
-    manifest_.AddError(name, request.argv.front() + " gave no output: " + result.Text());
+    manifest_.AddError(name,
+                       Redacted(request.argv.front(), rules_.get()) + " gave no output: " + result.Text());
     return false;
   }
   FileEntry taken = AddFile(archive_, name, spool_fd, status, request.output_limit, {rules_.get(), false});
@@ -234,11 +251,10 @@ bool Collection::TakeOutput(const std::string& name, const CommandRequest& reque
   }
   ManifestEntry entry;
   entry.name = name;
-  for (const std::string& argument : request.argv) entry.argv.push_back(Redacted(argument, rules_.get()));
+  entry.argv = RedactedArguments(request.argv, rules_.get());
   entry.result = result.Text();
   if (result.end == CommandResult::End::kExited) entry.exit_status = result.code;
   entry.size = taken.size;
-  entry.sha256 = taken.sha256;
   entry.redacted = taken.redacted;
   // The spool's length says nothing about the output's.
   if (result.begin_lost || taken.size < static_cast<std::uint64_t>(status.st_size)) {
@@ -261,7 +277,6 @@ void Collection::TakeText(ManifestEntry entry, const std::string& text) {
   if (!Allowance(entry.name, text.size(), text.size())) return;
   const WrittenEntry written = archive_.AddText(entry.name, text, std::time(nullptr), rules_.get());
   entry.size = text.size();
-  entry.sha256 = written.sha256;
   entry.redacted = written.redacted;
   Record(entry);
 }

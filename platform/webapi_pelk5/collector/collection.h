@@ -15,6 +15,7 @@
 #include "file_entry.h"
 #include "file_visit.h"
 #include "manifest.h"
+#include "met_names.h"
 #include "progress.h"
 #include "redaction_rules.h"
 #include "unique_fd.h"
@@ -90,7 +91,7 @@ class Collection final : private FileVisitor {
   std::unordered_set<std::string> apps_;  ///< Applications collected so far.
   std::string app_;                       ///< The application being collected.
   bool binary_allowed_ = false;           ///< Of the pattern being collected.
-  std::unordered_set<std::string> seen_;  ///< Files of the application met so far: its patterns may overlap.
+  MetNames met_;                          ///< By its patterns.
   std::uint64_t room_ = 0;                ///< Bytes of content for which there is space, as far as is known.
   std::uint64_t free_ = 0;                ///< Bytes that were free when the space was looked at.
   std::uint64_t since_look_ = 0;          ///< Bytes added since the space was looked at.

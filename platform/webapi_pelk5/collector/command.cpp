@@ -46,6 +46,7 @@ class SpawnPlan {
   SpawnPlan(int output_fd, bool with_errors, pid_t group) {
     posix_spawn_file_actions_init(&actions_);
     posix_spawnattr_init(&attributes_);
+    posix_spawn_file_actions_addchdir_np(&actions_, "/");
     posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions_, output_fd, STDOUT_FILENO);
     if (with_errors) {

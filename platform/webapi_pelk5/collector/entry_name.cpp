@@ -3,8 +3,13 @@
 #include <algorithm>
 #include <cctype>
 
+#include "sha256.h"
+
 namespace TARVO::SupportForm {
 namespace {
+
+/// The longest name that common file systems take.
+constexpr std::size_t kNameBytes = 255;
 
 unsigned ByteAt(const std::string& text, std::size_t at) {
   return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U;
@@ -31,7 +36,30 @@ bool IsHexDigit(unsigned byte) { return std::isxdigit(static_cast<int>(byte)) !=
 bool IsPlain(const std::string& text, std::size_t at, std::size_t length) {
   const unsigned byte = ByteAt(text, at);
   if (length == 0 || byte < 0x20 || byte == 0x7F || byte == '"' || byte == '\\') return false;
+  if (byte == 0xC2 && ByteAt(text, at + 1) < 0xA0) return false;  // The second set of control characters.
   return byte != '%' || !IsHexDigit(ByteAt(text, at + 1)) || !IsHexDigit(ByteAt(text, at + 2));
+}
+
+/// A name that file systems take. The digest keeps those apart that begin alike.
+std::string Shortened(const std::string& name) {
+  if (name.size() <= kNameBytes) return name;
+  Sha256 sum;
+  sum.Add(name);
+  const std::string mark = "~" + sum.Finish().substr(0, 16);
+  std::size_t kept = kNameBytes - mark.size();
+  while ((ByteAt(name, kept) & 0xC0U) == 0x80U) --kept;  // not within a character
+  return name.substr(0, kept) + mark;
+}
+
+std::string WithShortNames(const std::string& path) {
+  std::string result;
+  for (std::size_t begin = 0; begin < path.size();) {
+    const std::size_t end = std::min(path.find('/', begin), path.size());
+    result += Shortened(path.substr(begin, end - begin));
+    if (end < path.size()) result += '/';
+    begin = end + 1;
+  }
+  return result;
 }
 
 /// "01-NAME.txt", with the characters of `name` that a file name had better not have replaced.
@@ -67,7 +95,8 @@ std::string PrintablePath(const std::string& path) {
 }
 
 std::string FileEntryName(const std::string& app, const std::string& printable) {
-  return "apps/" + app + "/files" + printable;
+  const std::string prefix = "apps/" + app + "/files";
+  return prefix + (printable.size() > kNameBytes ? WithShortNames(printable) : printable);
 }
 
 std::string CommandEntryName(const std::string& app, std::size_t number, const std::string& program) {

@@ -10,7 +10,8 @@ namespace TARVO::SupportForm {
 /// backslashes become %XX. So does a "%" that two hex digits follow, so that no two paths become the same name.
 [[nodiscard]] std::string PrintablePath(const std::string& path);
 
-/// "apps/APP/files/var/log/x".
+/// "apps/APP/files/var/log/x". A name on the way that has more than 255 bytes, as escaping may make it, is cut and a
+/// digest put in the place of its end: it could not be unpacked otherwise.
 /// @param printable  A PrintablePath().
 [[nodiscard]] std::string FileEntryName(const std::string& app, const std::string& printable);
 /// "apps/APP/commands/01-ls.txt".

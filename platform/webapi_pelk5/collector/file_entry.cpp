@@ -107,7 +107,6 @@ FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const
   source.rules = is_text ? check.rules : nullptr;
   source.read = [&reader](char* buffer, std::size_t capacity) { return reader.Read(buffer, capacity); };
   const WrittenEntry written = archive.Add(name, source);
-  entry.sha256 = written.sha256;
   entry.redacted = written.redacted;
 
   if (!is_text) entry.notes.emplace_back("not text: taken unchecked, as its description allows");

@@ -22,7 +22,6 @@ struct FileCheck {
 /// A file in the archive.
 struct FileEntry {
   std::uint64_t size = 0;          ///< As archived.
-  std::string sha256;              ///< As archived.
   std::uint64_t redacted = 0;      ///< Secrets masked in it.
   std::vector<std::string> notes;  ///< What is not as it was on the disk, for people.
   /// Why the archive does not have it, for people: its content can't be checked. Empty when the archive does.

@@ -187,10 +187,12 @@ class Visit {
     if (!IsWildcard(part)) return MatchPlain(way, Below(path, part), part, parts);
     std::vector<Name> names;
     if (!List(*way.back(), path, names)) return false;
-    return std::all_of(names.begin(), names.end(), [&](const Name& name) {
+    const bool goes_on = std::all_of(names.begin(), names.end(), [&](const Name& name) {
       return fnmatch(part.c_str(), name.text.c_str(), FNM_PERIOD) != 0 ||
              Found(way, name, Below(path, name.text), parts);
     });
+    names_held_ -= names.size();
+    return goes_on;
   }
 
   /// A part without wildcards: the one place where links are followed.
@@ -268,11 +270,15 @@ class Visit {
     met_something_ = true;
     std::vector<Name> names;
     if (!List(*way.back(), path, names)) return false;
+    const std::size_t held = names.size();
     const auto links = std::stable_partition(names.begin(), names.end(),
                                              [](const Name& name) { return name.type != DT_LNK; });
-    return std::all_of(names.begin(), links,
-                       [&](const Name& name) { return At(way, name, Below(path, name.text), depth - 1); }) &&
-           LeaveOutLinks(path, {links, names.end()});
+    const bool goes_on =
+        std::all_of(names.begin(), links,
+                    [&](const Name& name) { return At(way, name, Below(path, name.text), depth - 1); }) &&
+        LeaveOutLinks(path, {links, names.end()});
+    names_held_ -= held;
+    return goes_on;
   }
 
   /// The links in a folder are one note: some folders hold nothing but hundreds of them.
@@ -285,9 +291,11 @@ class Visit {
   }
 
   bool List(const Folder& folder, const std::string& path, std::vector<Name>& names) {
-    const int error = ReadNames(folder, limits_.folder_names, names);
+    const std::size_t max = std::min(limits_.folder_names, 2 * limits_.folder_names - names_held_);
+    const int error = ReadNames(folder, max, names);
+    names_held_ += names.size();
     if (error == 0) return true;
-    return LeaveOut(path, error == E2BIG ? "more than " + std::to_string(limits_.folder_names) +
+    return LeaveOut(path, error == E2BIG ? "more than " + std::to_string(max) +
                                                " names in a folder: the others are left out"
                                          : "the folder can't be read: " + ErrorText(error));
   }
@@ -295,6 +303,7 @@ class Visit {
   const Limits& limits_;
   FileVisitor& visitor_;
   bool met_something_ = false;
+  std::size_t names_held_ = 0;  ///< Of the folders on the way, each of which is being gone through.
 };
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "entry_name.h"
 #include "file_util.h"
 #include "file_visit.h"
+#include "met_names.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -19,7 +20,7 @@ std::string Joined(const std::vector<std::string>& argv) {
 
 class Lister final : private FileVisitor {
  public:
-  Lister(const Paths& paths, const Limits& limits) : paths_(paths), limits_(limits) {}
+  Lister(const Paths& paths, const Limits& limits) : paths_(paths), limits_(limits), met_(limits) {}
 
   Listing Run(const Json::Value& app_list) {
     ListSystem();
@@ -50,7 +51,6 @@ class Lister final : private FileVisitor {
       return;
     }
     app_ = asked.asString();
-    seen_.clear();
     if (!apps_.insert(app_).second) return Note("asked for more than once; taken once");
     try {
       ListDescription(LoadAppDescription(paths_, limits_, app_));
@@ -60,6 +60,7 @@ class Lister final : private FileVisitor {
   }
 
   void ListDescription(const AppDescription& description) {
+    met_.Begin(description.paths.size());
     for (const PathDescription& path : description.paths) VisitMatches(path.pattern, limits_, *this);
     std::size_t number = 0;
     for (const CommandDescription& command : description.commands) {
@@ -73,7 +74,7 @@ class Lister final : private FileVisitor {
   }
 
   bool TakeFile(const std::string& path, UniqueFd fd, const struct stat& status) override {
-    if (!seen_.insert(path).second) return true;
+    if (!met_.Add(path)) return true;
     const std::string printable = PrintablePath(path);
     ListedEntry entry = {FileEntryName(app_, printable), std::nullopt, printable};
     if (!IsKernelFileSystem(fd.get())) {
@@ -87,12 +88,12 @@ class Lister final : private FileVisitor {
       bytes_ += *entry.size;
     }
     Add(std::move(entry));
-    return seen_.size() < limits_.app_names;
+    return !met_.full();
   }
 
   bool LeaveOut(const std::string& path, const std::string& why) override {
-    if (seen_.insert(path).second) Note(PrintablePath(path) + ": " + why);
-    return seen_.size() < limits_.app_names;
+    if (met_.Add(path)) Note(PrintablePath(path) + ": " + why);
+    return !met_.full();
   }
 
   void Add(ListedEntry entry) {
@@ -111,7 +112,7 @@ class Lister final : private FileVisitor {
   std::uint64_t bytes_ = 0;               ///< Of the files listed.
   std::unordered_set<std::string> apps_;  ///< Applications listed so far.
   std::string app_;                       ///< The application being listed.
-  std::unordered_set<std::string> seen_;  ///< Files of the application met so far.
+  MetNames met_;                          ///< By its patterns.
 };
 
 }  // namespace

@@ -3,8 +3,10 @@
 #include <json/writer.h>
 
 #include <ctime>
+#include <stdexcept>
 
 #include "file_util.h"
+#include "sha256.h"
 #include "system_report.h"
 
 namespace TARVO::SupportForm {
@@ -64,7 +66,9 @@ void Manifest::AddEntry(const ManifestEntry& entry) {
     entry_lines_.append(", \"").append(name).append("\": ").append(value);
   };
   add("size", std::to_string(entry.size));
-  add("sha256", Quoted(entry.sha256));
+  entry_lines_ += ", \"sha256\": \"";
+  sum_places_.push_back(entry_lines_.size());
+  entry_lines_.append(kSumDigits, '0').push_back('"');
   if (!entry.source.empty()) add("source", Quoted(entry.source));
   if (entry.modified) add("modified", Quoted(IsoTime(*entry.modified)));
   if (!entry.argv.empty()) add("argv", ListText(entry.argv));
@@ -90,7 +94,11 @@ std::uint64_t Manifest::TextBytes() const {
   return entry_lines_.size() + (root_["errors"].size() + root_["applications"].size() + 8) * kErrorBytes;
 }
 
-std::string Manifest::Text() {
+std::string Manifest::Text(std::string_view sums) {
+  if (sums.size() != sum_places_.size() * kSumDigits) throw std::logic_error("a digest belongs to no entry");
+  for (std::size_t i = 0; i < sum_places_.size(); ++i) {
+    entry_lines_.replace(sum_places_[i], kSumDigits, sums.substr(i * kSumDigits, kSumDigits));
+  }
   root_["ended"] = IsoTime(std::time(nullptr));
   root_["totals"]["entries"] = Json::UInt64{entries_};
   root_["totals"]["bytes"] = Json::UInt64{bytes_};

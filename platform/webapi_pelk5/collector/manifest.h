@@ -2,10 +2,12 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace TARVO::SupportForm {
@@ -19,7 +21,6 @@ struct ManifestEntry {
   std::optional<int> exit_status;       ///< Of a command that ended by itself.
   std::optional<std::time_t> modified;  ///< The file's last change.
   std::uint64_t size = 0;               ///< As archived.
-  std::string sha256;                   ///< As archived.
   std::uint64_t redacted = 0;           ///< Secrets masked in it.
   std::vector<std::string> notes;       ///< What is not as it was at the source, for people.
 };
@@ -34,7 +35,7 @@ class Manifest {
 
   /// Records an application that is being collected.
   void AddApplication(const std::string& name, const std::string& description);
-  /// Records an archive entry.
+  /// Records an archive entry. To be called for each, in their order in the archive.
   void AddEntry(const ManifestEntry& entry);
   /// Records something that was left out or went wrong.
   /// @param where  What it is about: "apps/NAME", "system/journal".
@@ -47,11 +48,13 @@ class Manifest {
   [[nodiscard]] std::uint64_t TextBytes() const;
 
   /// The manifest as it stands, as JSON. Texts in it may quote tokens: the archive writer masks them.
-  [[nodiscard]] std::string Text();
+  /// @param sums  ArchiveWriter::Sums() of the entries recorded.
+  [[nodiscard]] std::string Text(std::string_view sums);
 
  private:
-  Json::Value root_;         ///< All but the entries, which may be many,
-  std::string entry_lines_;  ///< and so are kept as text, an object a line.
+  Json::Value root_;                     ///< All but the entries, which may be many,
+  std::string entry_lines_;              ///< and so are kept as text, an object a line.
+  std::vector<std::size_t> sum_places_;  ///< Where in them the digests belong.
   unsigned max_errors_;
   std::uint64_t entries_ = 0;   ///< Entries recorded.
   std::uint64_t bytes_ = 0;     ///< Their sizes' sum.

@@ -85,6 +85,11 @@ std::vector<Rule> MakeRules() {
       Prefix("sk-ant-", SecretForm::kIdentifier, 20),
       Prefix("npm_", SecretForm::kIdentifier, 30),
       Prefix("hvs.", SecretForm::kIdentifier, 20),
+      // SendGrid, PyPI, Docker Hub, Slack's addresses.
+      Prefix("SG.", SecretForm::kDotted, 50),
+      Prefix("pypi-", SecretForm::kIdentifier, 50),
+      Prefix("dckr_pat_", SecretForm::kIdentifier, 20),
+      Prefix("hooks.slack.com/services/", SecretForm::kEncoded, 20),
       Prefix("AGE-SECRET-KEY-", SecretForm::kIdentifier, 40),
       // A JSON Web Token begins with {" in base64.
       Prefix("eyJ", SecretForm::kDotted, 20),
@@ -363,13 +368,36 @@ std::optional<Secret> FindValue(const Name& name, std::size_t at, bool quoted) {
   return FindBareValue(name, at, quoted);
 }
 
+/// The text of an XML element, behind its name and attributes.
+std::optional<Secret> FindElementText(const Name& name) {
+  const std::string_view text = name.text;
+  const char behind = At(text, name.end);
+  const std::size_t tag_end = text.substr(name.end, kNameReach).find_first_of(">\n");
+  if (name.before != '<' || (behind != '>' && !Is(behind, kBlank)) || tag_end == npos) return std::nullopt;
+  const std::size_t at = name.end + tag_end;
+  if (text[at] != '>' || Before(text, at) == '/' || Is(At(text, at + 1), kLineEnd)) return std::nullopt;
+  return Secret{at + 1, SecretForm::kElement};
+}
+
+/// The argument behind an option in a list: ["--password", "abc"].
+std::optional<Secret> FindListedArgument(const Name& name) {
+  const std::string_view text = name.text;
+  const std::size_t quote = name.end + CountBackslashes(text, name.end);
+  if (!name.IsOption() || !Is(name.before, kQuote) || At(text, quote) != name.before ||
+      At(text, quote + 1) != ',') {
+    return std::nullopt;
+  }
+  const std::size_t at = SkipForward(text, quote + 2, kBlank | kLineEnd, kBlankReach);
+  const std::size_t level = CountBackslashes(text, at);
+  if (level != name.level || At(text, at + level) != name.before) return std::nullopt;
+  return Secret{at + level + 1, SecretForm::kQuoted, 0, name.before, level};
+}
+
 /// Values that stand behind a name without a separator: of program options, in XML, in SQL.
 std::optional<Secret> FindUnseparatedValue(const Name& name) {
   const std::string_view text = name.text;
-  if (name.before == '<' && At(text, name.end) == '>') {
-    if (Is(At(text, name.end + 1), kLineEnd)) return std::nullopt;
-    return Secret{name.end + 1, SecretForm::kElement};
-  }
+  if (name.before == '<') return FindElementText(name);
+  if (const std::optional<Secret> argument = FindListedArgument(name)) return argument;
   const std::size_t at = SkipForward(text, name.end, kBlank, kBlankReach);
   if (at == name.end || Is(At(text, at), kLineEnd)) return std::nullopt;
   if (name.IsOption() && At(text, at) != '-') {
@@ -424,12 +452,22 @@ std::optional<Secret> FindPassValue(const Name& name, std::size_t word_end) {
   for (const std::string_view word : kWords) {
     if (rest.compare(0, word.size(), word) == 0) return FindNamedValue(name, word_end + word.size());
   }
-  if (!IsWholeWord(name, word_end)) return std::nullopt;
   bool quoted = false;
   const std::size_t value = SkipSeparator(name, quoted);
-  const bool alone = name.end - name.begin == word_end - name.word_begin;
   const bool equals = value != npos && name.text.substr(name.end, value - name.end).find('=') != npos;
-  if (alone && ((!quoted && !equals) || IsNumber(name.text, value, quoted))) return std::nullopt;
+  const bool number = value != npos && IsNumber(name.text, value, quoted);
+  if (!IsWholeWord(name, word_end)) {
+    // "dbpass=abc", not "bypass=1".
+    static constexpr std::array<std::string_view, 4> kOtherWords = {"bypass", "compass", "surpass",
+                                                                    "trespass"};
+    const std::string_view begin = name.text.substr(name.begin, word_end - name.begin);
+    const std::size_t word = begin.find_last_of("._-") + 1;
+    const bool ends_name = SkipForward(name.text, word_end, kDigit, kNameReach) == name.end;
+    if (!ends_name || !equals || number || IsOneOf(begin.substr(word), kOtherWords)) return std::nullopt;
+    return FindNamedValue(name, word_end);
+  }
+  const bool alone = name.end - name.begin == word_end - name.word_begin;
+  if (alone && ((!quoted && !equals) || number)) return std::nullopt;
   return FindNamedValue(name, word_end);
 }
 

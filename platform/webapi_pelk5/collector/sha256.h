@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -8,6 +9,9 @@ struct evp_md_st;
 struct evp_md_ctx_st;
 
 namespace TARVO::SupportForm {
+
+/// Digits of a digest.
+constexpr std::size_t kSumDigits = 64;
 
 /// SHA-256 of one text after another. Made once for many: looking the algorithm up costs more than a small text.
 class Sha256 {
@@ -18,7 +22,7 @@ class Sha256 {
   /// Takes the next bytes of the text.
   void Add(std::string_view bytes);
   /// Ends the text; the next one begins.
-  /// @return Its digest in lower-case hex digits.
+  /// @return Its digest: kSumDigits lower-case hex digits.
   std::string Finish();
 
  private:

@@ -167,7 +167,9 @@ void TokenMask::TakeBackslash(char* byte) {
   if (++run_ == kMaxBackslashes) MaskRun(byte + 1, run_);
 }
 
+/// Line ends stay.
 void TokenMask::MaskByte(char& byte) {
+  if (byte == '\r') return;
   byte = kMask;
   if (!counted_) ++count_;
   counted_ = true;

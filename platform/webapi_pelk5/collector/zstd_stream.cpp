@@ -50,7 +50,6 @@ ZstdStream::ZstdStream(int fd, int level)
   if (!context_) throw std::bad_alloc();
   CheckZstd(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_compressionLevel, level));
   CheckZstd(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_checksumFlag, 1));
-  filling_.reserve(kBlockBytes);
   workers_ = SetWorkers(context_.get(), WantedWorkers());
 }
 
@@ -58,31 +57,36 @@ ZstdStream::~ZstdStream() { StopThread(); }
 
 void ZstdStream::Write(std::string_view bytes) {
   while (!bytes.empty()) {
-    const std::string_view part = bytes.substr(0, kBlockBytes - filling_.size());
-    filling_ += part;
+    std::string& block = filling().bytes;
+    if (block.capacity() < kBlockBytes) block.reserve(kBlockBytes);
+    const std::string_view part = bytes.substr(0, kBlockBytes - block.size());
+    block += part;
     bytes.remove_prefix(part.size());
-    if (filling_.size() == kBlockBytes) HandOver();
+    if (block.size() == kBlockBytes) HandOver();
   }
+}
+
+const std::string& ZstdStream::PartSums() {
+  HandOver();
+  WaitUntilTaken(0);
+  return part_sums_;
 }
 
 void ZstdStream::HandOver() {
-  if (workers_ == 0) {
-    Compress(filling_);
-  } else {
-    if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
-    WaitUntilTaken();
+  if (workers_ == 0) return Take(filling());
+  if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+  {
     const std::lock_guard<std::mutex> lock(mutex_);
-    handed_over_.swap(filling_);
+    ++handed_over_;
     changed_.notify_all();
   }
-  filling_.clear();
-  filling_.reserve(kBlockBytes);
+  WaitUntilTaken(blocks_.size() - 1);
 }
 
-/// Waits until the thread has compressed what was handed over to it.
-void ZstdStream::WaitUntilTaken() {
+/// Waits until the thread has taken all blocks but that many.
+void ZstdStream::WaitUntilTaken(std::size_t but) {
   std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait(lock, [this] { return handed_over_.empty(); });
+  changed_.wait(lock, [&] { return handed_over_ - taken_ <= but; });
   if (failure_) std::rethrow_exception(failure_);
 }
 
@@ -96,25 +100,48 @@ void ZstdStream::StopThread() {
   thread_.join();
 }
 
-/// The thread's work: compresses block by block. After a failure it only takes them.
+/// The thread's work, block by block. After a failure it only says that it took them.
 void ZstdStream::Run() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return stop_ || !handed_over_.empty(); });
-    if (handed_over_.empty()) return;
+    changed_.wait(lock, [this] { return stop_ || taken_ < handed_over_; });
+    if (taken_ == handed_over_) return;
+    Block& block = blocks_[taken_ % blocks_.size()];
+    const bool failed = failure_ != nullptr;
     lock.unlock();
     std::exception_ptr failure;
     try {
-      if (!failure_)
-        Compress(handed_over_);  // The other thread leaves both alone until handed_over_ is empty.
+      if (!failed) Take(block);  // The caller leaves it alone until it is taken.
     } catch (...) {
       failure = std::current_exception();
     }
     lock.lock();
     if (failure) failure_ = failure;
-    handed_over_.clear();
+    ++taken_;
     changed_.notify_all();
   }
+}
+
+/// Digests and compresses a block, and empties it.
+void ZstdStream::Take(Block& block) {
+  DigestParts(block);
+  Compress(block.bytes);
+  block.bytes.clear();
+  block.marks.clear();
+}
+
+void ZstdStream::DigestParts(const Block& block) {
+  const std::string_view bytes = block.bytes;
+  std::size_t begin = 0;
+  for (const std::size_t mark : block.marks) {
+    if (in_part_) {
+      part_sum_.Add(bytes.substr(begin, mark - begin));
+      part_sums_ += part_sum_.Finish();
+    }
+    in_part_ = !in_part_;
+    begin = mark;
+  }
+  if (in_part_) part_sum_.Add(bytes.substr(begin));
 }
 
 void ZstdStream::Compress(std::string_view bytes) {
@@ -128,9 +155,9 @@ void ZstdStream::Compress(std::string_view bytes) {
 }
 
 void ZstdStream::End() {
-  WaitUntilTaken();
+  HandOver();
+  WaitUntilTaken(0);
   StopThread();
-  Compress(filling_);
   std::size_t left = 1;
   while (left > 0) {
     ZSTD_inBuffer input = {nullptr, 0, 0};
@@ -143,7 +170,8 @@ void ZstdStream::End() {
 
 std::uint64_t ZstdStream::GrowthBound(std::uint64_t more) const {
   // What the library holds: at most two more jobs than threads in either form, and a window of input.
-  const std::uint64_t held = (2 * std::uint64_t{workers_} + 6) * kJobBytes + output_.size() + 2 * kBlockBytes;
+  const std::uint64_t held =
+      (2 * std::uint64_t{workers_} + 6) * kJobBytes + output_.size() + blocks_.size() * kBlockBytes;
   const std::uint64_t bytes = held + more;
   return bytes + bytes / 256 + 1024;  // ZSTD_compressBound(), for sizes beyond size_t as well
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -17,9 +18,10 @@ struct ZSTD_CCtx_s;
 
 namespace TARVO::SupportForm {
 
-/// Compresses a stream of bytes into a file, as one zstd frame with a checksum, and digests the file on its way.
-/// Used in one thread. Where the process may use several cores, compressing, digesting and writing go on in threads
-/// of its own beside the caller's work; they start once there is a block's worth to compress.
+/// Compresses a stream of bytes into a file, as one zstd frame with a checksum, and digests the file and the parts
+/// of the stream that the caller marks. Used in one thread. Where the process may use several cores, compressing,
+/// digesting and writing go on in threads of its own beside the caller's work; they start once there is a block's
+/// worth to compress.
 ///
 /// Its failures, std::runtime_error, are for good: nothing more can be written then.
 class ZstdStream {
@@ -32,6 +34,12 @@ class ZstdStream {
 
   /// Takes the next bytes. They may reach the file later.
   void Write(std::string_view bytes);
+  /// What is written from here up to EndPart() is a part, and gets a digest of its own.
+  void BeginPart() { MarkHere(); }
+  void EndPart() { MarkHere(); }
+  /// SHA-256 of each part so far, in the order of the parts: kSumDigits lower-case hex digits for each. Waits until all
+  /// that was written is digested.
+  [[nodiscard]] const std::string& PartSums();
   /// Ends the frame; all of it is in the file then.
   void End();
 
@@ -43,31 +51,46 @@ class ZstdStream {
   [[nodiscard]] std::uint64_t GrowthBound(std::uint64_t more) const;
 
  private:
+  /// A stretch of the stream.
+  struct Block {
+    std::string bytes;
+    std::vector<std::size_t> marks;  ///< Offsets in it at which a part begins or ends, by turns.
+  };
+
+  void MarkHere() { filling().marks.push_back(filling().bytes.size()); }
+  Block& filling() { return blocks_[handed_over_ % blocks_.size()]; }
   void HandOver();
-  void WaitUntilTaken();
+  void WaitUntilTaken(std::size_t but);
   void StopThread();
   void Run();
+  void Take(Block& block);
+  void DigestParts(const Block& block);
   void Compress(std::string_view bytes);
   void Flush();
 
   int fd_;
   std::unique_ptr<ZSTD_CCtx_s, std::size_t (*)(ZSTD_CCtx_s*)> context_;
   unsigned workers_ = 0;  ///< Threads of the library's; 0: the caller does all the work.
-  std::string filling_;   ///< What was taken and not yet handed over.
 
+  /// A ring. The caller fills the block at handed_over_, the thread is at the one at taken_.
+  std::array<Block, 4> blocks_;
   std::mutex mutex_;                 ///< For the four below.
   std::condition_variable changed_;  ///< One of them did.
-  std::string handed_over_;          ///< The block that the thread is at; empty: it waits for one.
-  std::exception_ptr failure_;       ///< Why the thread compresses nothing more.
+  std::size_t handed_over_ = 0;      ///< Blocks given to the thread. Changed by the caller alone.
+  std::size_t taken_ = 0;            ///< Blocks that it is done with.
+  std::exception_ptr failure_;       ///< Why the thread takes nothing more.
   bool stop_ = false;                ///< The thread is to end.
 
   // While there is a thread, these are its own.
+  Sha256 part_sum_;
+  bool in_part_ = false;  ///< The stream is between a part's beginning and its end.
+  std::string part_sums_;
   Sha256 sum_;
   std::vector<char> output_;  ///< Compressed bytes on their way to the file.
   std::size_t filled_ = 0;    ///< How much of output_ is in use.
   std::uint64_t size_ = 0;
 
-  std::thread thread_;  ///< Feeds the library and writes what it gives.
+  std::thread thread_;  ///< Digests, feeds the library and writes what it gives.
 };
 
 }  // namespace TARVO::SupportForm

@@ -21,9 +21,15 @@ class ArchiveWriterTest : public SupportLogTest {
         progress_(folder_fd_.get(), 0),
         writer_(archive_fd_.get(), 1, progress_) {}
 
+  /// Ends the archive. The digests of its entries have to be those of what it holds.
   ArchiveContent Close() {
+    const std::string sums = writer_.Sums();
     summary_ = writer_.Close();
-    return ReadArchive(folder_ / "archive");
+    const ArchiveContent content = ReadArchive(folder_ / "archive");
+    std::string expected;
+    for (const std::string& name : content.Names()) expected += Sha256Of(content.Of(name));
+    EXPECT_EQ(sums, expected);
+    return content;
   }
 
   /// Gives `text` in pieces of `step` bytes.
@@ -54,15 +60,13 @@ TEST_F(ArchiveWriterTest, KeepsContentAndOrder) {
   EXPECT_EQ(content.Of("a/large"), large);
 }
 
-TEST_F(ArchiveWriterTest, MasksTokensAcrossReadsAndDigestsWhatIsArchived) {
+TEST_F(ArchiveWriterTest, MasksTokensAcrossReads) {
   EntrySource source;
   const std::string text = R"({"token":"secret","apps":[]})";
   source.size = text.size();
   source.read = InSteps(text, 3);
-  const WrittenEntry written = writer_.Add("ticket", source);
-  const std::string archived = Close().Of("ticket");
-  EXPECT_EQ(archived, R"({"token":"******","apps":[]})");
-  EXPECT_EQ(written.sha256, Sha256Of(archived));
+  writer_.Add("ticket", source);
+  EXPECT_EQ(Close().Of("ticket"), R"({"token":"******","apps":[]})");
 }
 
 TEST_F(ArchiveWriterTest, SourceThatEndsEarlyIsFilledUpWithZerosAndCounted) {
@@ -74,7 +78,6 @@ TEST_F(ArchiveWriterTest, SourceThatEndsEarlyIsFilledUpWithZerosAndCounted) {
   writer_.AddText("next", "intact", 0);
   const ArchiveContent content = Close();
   EXPECT_EQ(content.Of("short"), R"("token":"***)" + std::string(10'000 - 12, '\0'));
-  EXPECT_EQ(written.sha256, Sha256Of(content.Of("short")));
   EXPECT_EQ(content.Of("next"), "intact");
 }
 
@@ -113,7 +116,6 @@ TEST_F(ArchiveWriterTest, SecretsAreMaskedByTheRulesAndCounted) {
   const ArchiveContent content = Close();
   EXPECT_EQ(first.redacted, 1U);
   EXPECT_EQ(content.Of("a"), "password=****************\n");
-  EXPECT_EQ(first.sha256, Sha256Of(content.Of("a")));
   EXPECT_EQ(content.Of("b"), "password=hunter2-and-more\n");
   EXPECT_EQ(summary_.redacted, 1U);
 }

@@ -1,13 +1,16 @@
 #include "audit_log.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <stdexcept>
 #include <thread>
 
 #include "support_log_fixture.h"
+#include "unique_fd.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -119,6 +122,34 @@ TEST_F(AuditLogTest, LinkInTheLogsPlaceIsNotFollowed) {
   EXPECT_THAT([&] { AppendAuditLine(log_, 100, "line\n"); },
               testing::ThrowsMessage<std::runtime_error>(HasSubstr("audit.log can't be written")));
   EXPECT_EQ(ReadText(data_ / "other"), "intact");
+}
+
+TEST_F(AuditLogTest, SecondNameOfAnotherFileIsLeftAlone) {
+  WriteText(data_ / "other", "intact");
+  fs::permissions(data_ / "other", static_cast<fs::perms>(0644));
+  fs::create_hard_link(data_ / "other", log_);
+  EXPECT_THAT([&] { AppendAuditLine(log_, 100, "line\n"); },
+              testing::ThrowsMessage<std::runtime_error>(HasSubstr("with one name; remove it")));
+  EXPECT_EQ(ReadText(data_ / "other"), "intact");
+  EXPECT_EQ(ModeOf(data_ / "other"), 0644U);
+}
+
+TEST_F(AuditLogTest, FileOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
+  constexpr uid_t kNobody = 65534;
+  WriteText(log_, "his\n");
+  ASSERT_EQ(chown(log_.c_str(), kNobody, kNobody), 0);
+  EXPECT_THAT([&] { AppendAuditLine(log_, 100, "line\n"); },
+              testing::ThrowsMessage<std::runtime_error>(HasSubstr("the caller's own")));
+  EXPECT_EQ(ReadText(log_), "his\n");
+}
+
+TEST_F(AuditLogTest, PipeInTheLogsPlaceIsRefused) {
+  ASSERT_EQ(mkfifo(log_.c_str(), 0600), 0);
+  const UniqueFd reader(open(log_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  ASSERT_TRUE(reader.valid());
+  EXPECT_THAT([&] { AppendAuditLine(log_, 100, "line\n"); },
+              testing::ThrowsMessage<std::runtime_error>(HasSubstr("remove it")));
 }
 
 }  // namespace

@@ -174,7 +174,8 @@ TEST_F(CollectionTest, ThisMachinesOwnLogsAndSettingsAreTakenWholeOrNoted) {
   if (!HasTarAndZstd()) GTEST_SKIP() << "no tar or zstd";
   limits_.file_bytes = 64U << 10U;  // A machine may have logs of any size.
   limits_.manifest_errors = 1'000'000;
-  Describe("demo", R"({"paths": ["/var/log", "/etc"]})");
+  WriteText(data_ / "planted.log", LogWithPlantedSecrets());
+  Describe("demo", R"({"paths": ["/var/log", "/etc", ")" + data_.string() + R"("]})");
   const std::vector<std::string> logs = FilesBelow("/var/log");
   const std::vector<std::string> settings = FilesBelow("/etc");
   const ArchiveContent archive = Collect(R"(["demo"])");
@@ -192,7 +193,9 @@ TEST_F(CollectionTest, ThisMachinesOwnLogsAndSettingsAreTakenWholeOrNoted) {
       EXPECT_TRUE(accounted) << path;
     }
   }
+  EXPECT_GE(archive.Record(InFiles("demo", "planted.log"))["redacted"].asUInt64(), kPlantedForms);
   for (const auto& [name, content] : archive.entries) {
+    EXPECT_EQ(content.find(kPlantedSecret), std::string::npos) << name;
     EXPECT_FALSE(std::regex_search(content.substr(0, 64U << 10U),
                                    std::regex("PRIVATE KEY-----\r?\n[A-Za-z0-9+/]{16}")))
         << name;
@@ -308,6 +311,23 @@ TEST_F(CollectionTest, SearchEndsAfterSoManyNames) {
   const ArchiveContent archive = Collect(R"(["demo"])");
   EXPECT_EQ(archive.entries.size(), 9 + 4 + 1U);
   EXPECT_THAT(archive.Errors(), ElementsAre("apps/demo: the search ends after 4 names"));
+}
+
+TEST_F(CollectionTest, SearchEndsAfterSoManyBytesOfNames) {
+  for (int i = 0; i < 9; ++i) WriteText(data_ / std::to_string(i), "x");
+  DescribePaths("demo", "*");
+  limits_.app_name_bytes = 3 * (data_ / "0").string().size();
+  const ArchiveContent archive = Collect(R"(["demo"])");
+  EXPECT_EQ(archive.entries.size(), 9 + 3 + 1U);
+  EXPECT_THAT(archive.Errors(), ElementsAre("apps/demo: the search ends after 3 names"));
+}
+
+TEST_F(CollectionTest, SecretArgumentOfACommandIsMaskedInTheManifest) {
+  Describe("demo",
+           R"({"commands": [{"argv": ["echo", "--password", "s3cret E", "--name", "--token=abc1"]}]})");
+  const ArchiveContent archive = Collect(R"(["demo"])");
+  EXPECT_THAT(archive.Of("manifest.json"),
+              HasSubstr(R"("argv": ["echo", "--password", "********", "--name", "--token=****"])"));
 }
 
 TEST_F(CollectionTest, DeviceThatIsAlmostFullGetsAManifestThatSaysSo) {

@@ -76,6 +76,12 @@ TEST_F(CommandTest, EnvironmentIsPathAndLocaleOnly) {
   unsetenv("SECRET");
 }
 
+TEST_F(CommandTest, WorkingFolderIsTheRootWhereverTheCallerIs) {
+  ASSERT_NE(fs::current_path(), "/");
+  Run({"pwd"});
+  EXPECT_EQ(output_, "/\n");
+}
+
 TEST_F(CommandTest, ProgramIsLookedUpInTheGivenFoldersInTheirOrder) {
   Program("df", "echo ours");
   Run({"df"});

@@ -98,6 +98,17 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"WordBeforeAWrittenOutLineEnd", R"({"msg":"x password=«abc»\nuser=bob"})"}),
     NameOf);
 
+INSTANTIATE_TEST_SUITE_P(
+    Joined, SecretFinderTest,
+    testing::Values(
+        Case{"PasswordAtTheEndOfAWord", "x dbpass=«abc1» SSHPASS=«abc2» bypass=abc3 trespass=abc4 y"},
+        Case{"OptionInAList", R"({"argv": ["mysql", "--password", "«abc»", "--name", "x"]})"},
+        Case{"ElementWithAttributes", "<Password type=\"x\">«abc»</Password><Password type=\"x\"/>y"},
+        Case{"PrefixesOfServices",
+             "x pypi-«AgEIcHlwaS5vcmcCJDAwMDAwMDAwLTAwMDAtMDAwMC0wMDAwLTAwMDAwMDAw» dckr_pat_«"
+             "abcdefghijklmnopqrst01» y"}),
+    NameOf);
+
 INSTANTIATE_TEST_SUITE_P(Json, SecretFinderTest,
                          testing::Values(Case{"String", R"({"user":"bob","password":"«abc»","n":1})"},
                                          Case{"Blanks", "{\"password\" :\n  \"«abc»\"}"},

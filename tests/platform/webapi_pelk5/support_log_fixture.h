@@ -33,6 +33,12 @@ void LimitFileSize();
 /// Text in which no part comes again: it compresses by a quarter.
 [[nodiscard]] std::string RandomLetters(std::size_t count);
 
+/// What no archive may hold.
+inline constexpr const char* kPlantedSecret = "Pl4ntedS3cretx9QzAB";
+/// A log with that secret in the forms that the redaction promises to find, a line or a key each.
+[[nodiscard]] std::string LogWithPlantedSecrets();
+inline constexpr unsigned kPlantedForms = 30;
+
 /// SHA-256 in hex digits, computed by a program of the system.
 [[nodiscard]] std::string Sha256Of(const std::string& text);
 
@@ -64,7 +70,7 @@ class CallerProcess {
   CallerProcess(const CallerProcess&) = delete;
   CallerProcess& operator=(const CallerProcess&) = delete;
 
-  /// What the code returned; empty when it failed.
+  /// What the code returned, or "exception: " and the text of what it threw.
   [[nodiscard]] const std::string& Answer() const { return answer_; }
   /// Lets the process end and waits for it.
   void End();

@@ -57,6 +57,8 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"NoToken", R"(plain text with "quotes" and \ in it)", R"(plain text with "quotes" and \ in it)"},
         Case{"Compact", R"({"apps":["a"],"token":"abc"} tail)", R"({"apps":["a"],"token":"***"} tail)"},
         Case{"Blanks", "\"token\" \t: \n \"abc\"", "\"token\" \t: \n \"***\""},
+        Case{"LineEndsStay", "\"token\":[\"ab\",\r\n\"cd\"] \"token\":\"a\rb",
+             "\"token\":******\r\n***** \"token\":\"*\r*"},
         Case{"Empty", R"("token":"","x":"y")", R"("token":"","x":"y")"},
         Case{"TwoInOneLine", R"("token":"a" "token":"bc" "d")", R"("token":"*" "token":"**" "d")"},
         Case{"EscapedQuoteInside", R"("token":"a\"b" "c")", R"("token":"****" "c")"},

@@ -63,6 +63,26 @@ TEST_F(ZstdStreamTest, SizeAndSumAreThoseOfTheFile) {
   EXPECT_EQ(stream.Sum(), Sha256Of(ReadText(path_)));
 }
 
+TEST_F(ZstdStreamTest, EachPartHasItsDigestHoweverItIsCutIntoBlocks) {
+  ZstdStream stream(fd_.get(), 1);
+  std::string expected;
+  for (const std::size_t size : {0, 1, 3'000'000, 262'144, 0, 100'000, 700'001}) {
+    const std::string bytes = RandomBytes(size);
+    stream.Write("between the parts");
+    stream.BeginPart();
+    stream.Write(std::string_view(bytes).substr(0, size / 3));
+    stream.Write(std::string_view(bytes).substr(size / 3));
+    stream.EndPart();
+    expected += Sha256Of(bytes);
+    if (size == 262'144) {
+      EXPECT_EQ(stream.PartSums(), expected) << "asked for in between";
+    }
+  }
+  stream.Write("behind the last one");
+  EXPECT_EQ(stream.PartSums(), expected);
+  stream.End();
+}
+
 TEST_F(ZstdStreamTest, FrameCarriesAChecksum) {
   ZstdStream stream(fd_.get(), 1);
   stream.Write("some text");

@@ -1,0 +1,96 @@
+/// The program as people and as the library start it, in a sandbox in which the device's folders are the test's.
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <sstream>
+
+#include "support_log_fixture.h"
+
+namespace TARVO::SupportForm {
+namespace {
+
+using testing::HasSubstr;
+
+class ProgramTest : public SupportLogTest {
+ protected:
+  /// Runs a script for bash, in which "collect" is the program, "out" this test's folder and "described" the device's
+  /// folder of descriptions; the first command that fails ends it. Fails the test then.
+  void RunInSandbox(const std::string& script) const {
+    WriteText(folder_ / "script",
+              "set -e\ncollect() { '" PROGRAM_PATH "' \"$@\"; }\nout=" + folder_.string() +
+                  "\ndescribed=/usr/tarvo/etc/support_form_log.d\nmkdir -p $described\n" + script);
+    const std::string command = "timeout 120 '" SANDBOX_PATH "' --keep " + folder_.string() + " bash " +
+                                (folder_ / "script").string() + " >" + (folder_ / "printed").string() +
+                                " 2>&1";
+    ASSERT_EQ(system(command.c_str()), 0) << ReadText(folder_ / "printed");
+  }
+};
+
+/// The lines of a text, each parsed as JSON.
+std::vector<Json::Value> JsonLines(const std::string& text) {
+  std::vector<Json::Value> values;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) values.push_back(ParseJson(line));
+  return values;
+}
+
+TEST_F(ProgramTest, PeopleGetTheVeryArchiveThatATicketGetsAndItsListBeforehand) {
+  WriteText(data_ / "planted.log", LogWithPlantedSecrets());
+  WriteText(folder_ / "demo.json",
+            R"({"paths": [")" + data_.string() +
+                R"(", "/etc/passwd"], "commands": [{"argv": ["pwd"]}, {"argv": ["env"]},
+                                       {"argv": ["cat", ")" +
+                (data_ / "planted.log").string() + R"("]}]})");
+  RunInSandbox(
+      "cp $out/demo.json $described\n"
+      "mkdir $out/elsewhere\n"
+      "cd $out/elsewhere\n"
+      "PATH=/usr/bin:/bin collect --apps demo,unknown --dry-run >$out/list\n"
+      "LEFT_OVER=1 collect --apps demo,unknown --out ../people.dat\n"
+      "task=/var/lib/tarvo/support_form_log/0123456789abcdef0123456789abcdef\n"
+      "mkdir -p $task\n"
+      "exec 3>$task/lock\n"
+      "echo '[\"demo\", \"unknown\"]' | collect --task ${task##*/}\n"
+      "cp $task/debug.dat $out/ticket.dat\n"
+      "cp /var/log/debug_dat_collect.log $out/audit.log\n");
+
+  const ArchiveContent people = ReadArchive(folder_ / "people.dat");
+  const ArchiveContent ticket = ReadArchive(folder_ / "ticket.dat");
+  EXPECT_EQ(people.Names(), ticket.Names());
+  EXPECT_EQ(people.Errors(), ticket.Errors());
+  const std::string list = ReadText(folder_ / "list");
+  for (const auto& [name, content] : ticket.entries) {
+    EXPECT_EQ(content.find(kPlantedSecret), std::string::npos) << name;
+    if (name.rfind("apps/", 0) != 0) continue;
+    EXPECT_EQ(people.Of(name), content) << name;
+    EXPECT_THAT(list, HasSubstr("  " + name + "  ("));
+  }
+  EXPECT_EQ(ticket.Of("apps/demo/commands/01-pwd.txt"), "/\n");
+  EXPECT_EQ(ticket.Of("apps/demo/commands/02-env.txt").find("LEFT_OVER"), std::string::npos);
+  EXPECT_GE(ticket.Record("apps/demo/commands/03-cat.txt")["redacted"].asUInt64(), kPlantedForms);
+  EXPECT_THAT(list, HasSubstr("left out  apps/unknown: "));
+
+  const std::vector<Json::Value> audit = JsonLines(ReadText(folder_ / "audit.log"));
+  ASSERT_EQ(audit.size(), 2U);
+  EXPECT_EQ(audit[0]["for"], "command line");
+  EXPECT_EQ(audit[0]["sha256"], Sha256Of(ReadText(folder_ / "people.dat")));
+  EXPECT_EQ(audit[1]["for"], "ticket");
+  EXPECT_EQ(audit[1]["sha256"], Sha256Of(ReadText(folder_ / "ticket.dat")));
+}
+
+TEST_F(ProgramTest, WrongCommandLineAndFailureHaveTheirExitStatus) {
+  RunInSandbox(
+      "touch $out/there\n"
+      "collect --apps '' 2>$out/none || status=$?\n"
+      "[ $status = 2 ]\n"
+      "collect --apps '' --out $out/there 2>$out/why || status=$?\n"
+      "[ $status = 1 ]\n"
+      "! collect --task 0123456789abcdef0123456789abcdef </dev/null 3>&- 2>$out/no_lock\n"
+      "[ ! -e /var/log/debug_dat_collect.log ]\n");
+  EXPECT_THAT(ReadText(folder_ / "none"), HasSubstr("--out FILE"));
+  EXPECT_THAT(ReadText(folder_ / "why"), HasSubstr("there can't be written: File exists; remove it"));
+  EXPECT_THAT(ReadText(folder_ / "no_lock"), HasSubstr("only the library starts a task"));
+}
+
+}  // namespace
+}  // namespace TARVO::SupportForm
