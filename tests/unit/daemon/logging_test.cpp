@@ -125,6 +125,15 @@ TEST_P(LogTest, ExceptionOfTheLoggerReachesTheCaller) {
   EXPECT_THROW(GetParam().log(LOG_ERR, "line"), std::runtime_error);
 }
 
+TEST_F(ScriptedPlatformTest, StatementNamesItsOwnFileAndLineOnBothPaths) {
+  for (const bool use_logger : {false, true}) {
+    ScriptedPlatform::UseLogger(use_logger);
+    const int number = __LINE__ + 1;
+    DAEMON_LOG(LOG_ERR, "%s:%d here");
+    EXPECT_EQ(log_.lines().back().text, "logging_test.cpp:" + std::to_string(number) + " here");
+  }
+}
+
 TEST(FormatLogText, EmptyTextStaysEmpty) { EXPECT_EQ(FormatLogText("%s", ""), ""); }
 
 TEST_F(ScriptedPlatformTest, ZeroFromSnprintfIsNoFailure) {

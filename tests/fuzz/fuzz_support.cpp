@@ -1,0 +1,53 @@
+#include "fuzz_support.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+namespace fuzz {
+
+void Require(bool holds, const char* promise) {
+  if (holds) return;
+  static_cast<void>(fprintf(stderr, "Broken: %s\n", promise));
+  abort();
+}
+
+std::string_view AsText(const std::uint8_t* data, std::size_t size) {
+  return {reinterpret_cast<const char*>(data), size};
+}
+
+std::vector<std::string> Records(std::string_view input) {
+  std::vector<std::string> records;
+  while (true) {
+    const std::size_t end = input.find('\x1e');
+    records.emplace_back(input.substr(0, end));
+    if (end == std::string_view::npos) return records;
+    input.remove_prefix(end + 1);
+  }
+}
+
+bool IsPrintableAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+TempFolder::TempFolder() {
+  std::string name = std::filesystem::temp_directory_path() / "ddt-fuzz-XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) abort();
+  path_ = name;
+}
+
+TempFolder::~TempFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::string TempFolder::Write(const std::string& name, std::string_view text) const {
+  std::ofstream file(path_ / name, std::ios::binary);
+  file << text;
+  file.close();
+  Require(file.good(), "the file can be written");
+  return path_ / name;
+}
+
+}  // namespace fuzz

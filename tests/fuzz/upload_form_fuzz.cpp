@@ -1,0 +1,16 @@
+/// The body of an upload at the support service, as the device's form has it: multipart, with the boundary XX. The
+/// byte 0x1E tells where the network cuts it.
+#include "in_process_css.h"
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using fuzz::Require;
+  static fuzz::InProcessCss css;
+  const std::string_view body = fuzz::AsText(data, size);
+  const std::string answer = css.Send(css.Post("/orvane/ps_files", "multipart/form-data; boundary=XX", body));
+  Require(answer.rfind("HTTP/1.1 ", 0) == 0, "an upload that is complete has an answer");
+  if (answer.rfind("HTTP/1.1 200 ", 0) != 0) return 0;
+  const auto upload = css.Ticket().upload;
+  Require(upload && upload->size_bytes <= size, "an archive has no more bytes than came");
+  Require(upload->serial_number.size() <= size && upload->apps.size() <= size, "nor has what belongs to it");
+  return 0;
+}

@@ -1,0 +1,58 @@
+/// What the tests' servers share: sockets on loopback ports that the kernel chooses.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <stdexcept>
+
+inline sockaddr_in LoopbackAddressOf(int port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  return address;
+}
+
+/// A TCP socket bound to that loopback port, 0 for one of the kernel's choice. It doesn't listen yet.
+/// @throws std::runtime_error when that fails.
+inline int BindTcpTo(int port) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  const sockaddr_in address = LoopbackAddressOf(port);
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
+    throw std::runtime_error("no loopback port");
+  }
+  return fd;
+}
+
+/// The same on a port of the kernel's choice, which goes to `port`.
+inline int BindTcpToLoopback(int& port) {
+  const int chooser = BindTcpTo(0);
+  sockaddr_in address = {};
+  socklen_t size = sizeof(address);
+  getsockname(chooser, reinterpret_cast<sockaddr*>(&address), &size);
+  port = ntohs(address.sin_port);
+  // A socket that was not bound to a certain port loses it when it stops to listen.
+  const int fd = BindTcpTo(port);
+  close(chooser);
+  return fd;
+}
+
+/// Waits until one of `events` holds of `fd`.
+inline bool WaitFor(int fd, short events, int milliseconds) {
+  pollfd wait = {fd, events, 0};
+  return poll(&wait, 1, milliseconds) == 1;
+}
+
+/// Closes the connection by a reset.
+inline void CloseByReset(int fd) {
+  const linger at_once = {1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+  close(fd);
+}
