@@ -25,7 +25,7 @@ class ArchiveWriterTest : public SupportLogTest {
   ArchiveContent Close() {
     const std::string sums = writer_.Sums();
     summary_ = writer_.Close();
-    const ArchiveContent content = ReadArchive(folder_ / "archive");
+    ArchiveContent content = ReadArchive(folder_ / "archive");
     std::string expected;
     for (const std::string& name : content.Names()) expected += Sha256Of(content.Of(name));
     EXPECT_EQ(sums, expected);

@@ -103,17 +103,17 @@ TEST_F(AuditLogTest, LineLongerThanTheLimitIsWrittenAllTheSame) {
 }
 
 TEST_F(AuditLogTest, WritersAtTheSameTimeLoseNoLineAtTheRotation) {
-  constexpr int kLines = 200;
+  constexpr unsigned kLines = 200;
   const auto write = [&](const std::string& line) {
-    for (int i = 0; i < kLines; ++i) AppendAuditLine(log_, kLines * 5, line);
+    for (unsigned i = 0; i < kLines; ++i) AppendAuditLine(log_, std::uint64_t{kLines} * 5, line);
   };
   std::thread one(write, "aaaa\n");
   std::thread two(write, "bbbb\n");
   one.join();
   two.join();
   const std::string text = ReadText(log_.string() + ".1") + ReadText(log_);
-  EXPECT_EQ(std::count(text.begin(), text.end(), 'a'), 4 * kLines);
-  EXPECT_EQ(std::count(text.begin(), text.end(), 'b'), 4 * kLines);
+  EXPECT_EQ(std::count(text.begin(), text.end(), 'a'), std::ptrdiff_t{4} * kLines);
+  EXPECT_EQ(std::count(text.begin(), text.end(), 'b'), std::ptrdiff_t{4} * kLines);
 }
 
 TEST_F(AuditLogTest, LinkInTheLogsPlaceIsNotFollowed) {

@@ -117,7 +117,7 @@ TEST_F(CommandLineTest, SignalThatEndsTheProgramLeavesNothing) {
                        R"(; sleep 20"], "time_limit_seconds": 60}]})");
   const pid_t pid = fork();
   if (pid == 0) {
-    signal(SIGINT, SIG_DFL);
+    static_cast<void>(signal(SIGINT, SIG_DFL));
     try {
       Write();
     } catch (const std::exception&) {  // must not leave the forked process; its status tells

@@ -106,7 +106,7 @@ TEST_F(FileEntryTest, LargeFileThatGrewIsCutAndNoted) {
 }
 
 TEST_F(FileEntryTest, FilesAroundTheSizeOfTheHeadAreWhole) {
-  for (const std::size_t size : {8191, 8192, 8193}) {
+  for (const std::size_t size : {8191U, 8192U, 8193U}) {
     const std::string text(size, 'x');
     const FileEntry entry = Add(text, [] {});
     EXPECT_THAT(entry.notes, IsEmpty()) << size;
