@@ -407,8 +407,11 @@ void Soak::AwaitSettled() {
 }
 
 void Soak::DeliverGood(const SoakTicket& ticket) {
+  const std::size_t before = watch_->HandedOver();
   Deliver(ticket);
   ExpectAnswer(ticket.id, CLIENT_STATUS_ACCEPTED);
+  // The daemon's lines take another road, and may come later than its answer.
+  Await("line of a ticket that is handed over", [&] { return watch_->HandedOver() > before; });
   ++good_;
 }
 
