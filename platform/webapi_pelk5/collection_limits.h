@@ -80,7 +80,8 @@ struct Limits {
   unsigned prepare_wait_ms =
       10'000;  ///< How long "collect" waits for another "collect" to get its task going.
   unsigned progress_interval_ms = 1000;  ///< The progress file is not replaced more often.
-  int zstd_level = 1;                    ///< Level of the archive's compression.
+  /// Level of the archive's compression. Negative: faster than the library's usual ones.
+  int zstd_level = -2;
 };
 
 }  // namespace TARVO::SupportForm

@@ -55,6 +55,16 @@ TEST_F(ZstdStreamTest, PiecesOfAllSizesComeBackInTheirOrder) {
   EXPECT_TRUE(Decompressed(bytes.size()) == bytes);
 }
 
+TEST_F(ZstdStreamTest, TextWithoutRepetitionIsCompressedAtNegativeLevelsToo) {
+  std::string digits = RandomBytes(3'000'000);  // of 3.3 bits each
+  for (char& digit : digits) digit = static_cast<char>('0' + static_cast<unsigned char>(digit) % 10);
+  ZstdStream stream(fd_.get(), -2);
+  stream.Write(digits);
+  stream.End();
+  EXPECT_LT(stream.size(), digits.size() / 2);
+  EXPECT_TRUE(Decompressed(digits.size()) == digits);
+}
+
 TEST_F(ZstdStreamTest, SizeAndSumAreThoseOfTheFile) {
   ZstdStream stream(fd_.get(), 1);
   stream.Write(std::string(3'000'000, 'a') + RandomBytes(1'000'000));
