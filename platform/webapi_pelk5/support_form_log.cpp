@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::size_t kSmallFileBytes = 4096;
 constexpr std::int64_t kFirstPauseMs = 5;
-constexpr std::int64_t kLongestPauseMs = 200;
+constexpr std::int64_t kLongestPauseMs = 20;
 
 /// The text of a small file in a task folder; false when there is none.
 bool ReadTaskFile(int folder_fd, const char* name, std::string& text) {

@@ -17,9 +17,9 @@ namespace {
 /// More threads would only wait for the caller's own work, which is of the same order as theirs.
 constexpr unsigned kMaxWorkers = 4;
 /// Bytes that a thread compresses at a time. Memory is a few times that; what is smaller compresses worse.
-constexpr std::size_t kJobBytes = std::size_t{1} << 20;
-/// Bytes that are handed over at a time. Small enough for the processor's second-level cache.
-constexpr std::size_t kBlockBytes = std::size_t{1} << 18;
+constexpr std::size_t kJobBytes = std::size_t{1} << 21;
+/// Bytes that are handed over at a time. Smaller ones cost wake-ups, larger ones leave the second-level cache.
+constexpr std::size_t kBlockBytes = std::size_t{1} << 19;
 constexpr std::size_t kOutputBytes = std::size_t{1} << 18;
 
 std::size_t CheckZstd(std::size_t result) {

@@ -73,7 +73,7 @@ class ZstdStream {
   unsigned workers_ = 0;  ///< Threads of the library's; 0: the caller does all the work.
 
   /// A ring. The caller fills the block at handed_over_, the thread is at the one at taken_.
-  std::array<Block, 4> blocks_;
+  std::array<Block, 8> blocks_;
   std::mutex mutex_;                 ///< For the four below.
   std::condition_variable changed_;  ///< One of them did.
   std::size_t handed_over_ = 0;      ///< Blocks given to the thread. Changed by the caller alone.
