@@ -95,11 +95,6 @@ class ConfigGate {
   int fd_ = -1;
 };
 
-bool HasEnded(pid_t pid) {
-  const char state = LookAt(pid).state;
-  return state == 0 || state == 'Z';
-}
-
 class DeviceFaultTest : public TransmissionTest {};
 
 // ---- The archive's folder. ----

@@ -39,11 +39,6 @@ bool IsLine(const std::string& line, const std::string& pattern) {
 
 MATCHER_P(IsLineLike, pattern, "is like \"" + std::string(pattern) + '"') { return IsLine(arg, pattern); }
 
-bool HasEnded(pid_t pid) {
-  const char state = LookAt(pid).state;
-  return state == 0 || state == 'Z';
-}
-
 /// The folders of collection tasks, each with the files in it.
 std::vector<std::string> TaskFolders() {
   std::vector<std::string> folders;

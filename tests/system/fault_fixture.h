@@ -16,6 +16,7 @@
 
 inline constexpr char kUploadPath[] = "/orvane/ps_files";
 inline constexpr char kReportPath[] = "/orvane/ps_results";
+inline constexpr char kSocket[] = "/run/system_test/grpc.sock";
 
 /// Log lines of one process, as FaultTest::LinesOf() returns them, or patterns of such lines.
 using Lines = std::vector<std::string>;

@@ -29,7 +29,6 @@ using TarvoOrvane::Testing::TestCertificate;
 using testing::SizeIs;
 
 constexpr char kAuthorities[] = "/usr/tarvo/etc/tls/ca.pem";
-constexpr char kSocket[] = "/run/system_test/grpc.sock";
 
 // What the worker logs.
 const Lines kPrepares = Daemon(Lines{"W Prepare to receive grpc request"});

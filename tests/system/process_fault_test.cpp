@@ -38,7 +38,6 @@ bool HasTicket(State state) {
   return state != State::kIdle && state != State::kServed && state != State::kPausing;
 }
 
-constexpr char kSocket[] = "/run/system_test/grpc.sock";
 constexpr int kEndedBySigpipe = 128 + SIGPIPE;
 
 // What the processes log.

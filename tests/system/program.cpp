@@ -147,6 +147,11 @@ ProcessState LookAt(pid_t pid) {
   return result;
 }
 
+bool HasEnded(pid_t pid) {
+  const char state = LookAt(pid).state;
+  return state == 0 || state == 'Z';
+}
+
 std::vector<pid_t> AllProcesses() {
   std::vector<pid_t> pids;
   for (const auto& entry : fs::directory_iterator("/proc")) {

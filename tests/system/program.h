@@ -67,6 +67,8 @@ struct ProcessState {
 };
 
 ProcessState LookAt(pid_t pid);
+/// Whether it is gone or a zombie.
+bool HasEnded(pid_t pid);
 std::vector<pid_t> AllProcesses();
 std::vector<pid_t> ChildrenOf(pid_t parent);
 /// The numbers of the descriptors that the process holds open.

@@ -12,15 +12,15 @@
 namespace TARVO::SupportForm {
 namespace {
 
-struct Case {
+struct TokenCase {
   const char* name;
   std::string text;
   std::string masked;
 };
 
-void PrintTo(const Case& item, std::ostream* out) { *out << item.name; }
+void PrintTo(const TokenCase& item, std::ostream* out) { *out << item.name; }
 
-class TokenMaskTest : public testing::TestWithParam<Case> {};
+class TokenMaskTest : public testing::TestWithParam<TokenCase> {};
 
 /// Masks the text in blocks that end at the given offsets.
 std::string MaskedInBlocks(const std::string& text, const std::vector<std::size_t>& cuts) {
@@ -40,7 +40,7 @@ std::string MaskedInBlocks(const std::string& text, const std::vector<std::size_
 }
 
 TEST_P(TokenMaskTest, GivesTheMaskedTextAtEverySplitPoint) {
-  const Case& item = GetParam();
+  const TokenCase& item = GetParam();
   ASSERT_EQ(item.text.size(), item.masked.size());
   for (std::size_t first = 0; first <= item.text.size(); ++first) {
     for (std::size_t second = first; second <= item.text.size(); ++second) {
@@ -53,62 +53,62 @@ TEST_P(TokenMaskTest, GivesTheMaskedTextAtEverySplitPoint) {
 INSTANTIATE_TEST_SUITE_P(
     Texts, TokenMaskTest,
     testing::Values(
-        Case{"Nothing", "", ""},
-        Case{"NoToken", R"(plain text with "quotes" and \ in it)", R"(plain text with "quotes" and \ in it)"},
-        Case{"Compact", R"({"apps":["a"],"token":"abc"} tail)", R"({"apps":["a"],"token":"***"} tail)"},
-        Case{"Blanks", "\"token\" \t: \n \"abc\"", "\"token\" \t: \n \"***\""},
-        Case{"LineEndsStay", "\"token\":[\"ab\",\r\n\"cd\"] \"token\":\"a\rb",
+        TokenCase{"Nothing", "", ""},
+        TokenCase{"NoToken", R"(plain text with "quotes" and \ in it)", R"(plain text with "quotes" and \ in it)"},
+        TokenCase{"Compact", R"({"apps":["a"],"token":"abc"} tail)", R"({"apps":["a"],"token":"***"} tail)"},
+        TokenCase{"Blanks", "\"token\" \t: \n \"abc\"", "\"token\" \t: \n \"***\""},
+        TokenCase{"LineEndsStay", "\"token\":[\"ab\",\r\n\"cd\"] \"token\":\"a\rb",
              "\"token\":******\r\n***** \"token\":\"*\r*"},
-        Case{"Empty", R"("token":"","x":"y")", R"("token":"","x":"y")"},
-        Case{"TwoInOneLine", R"("token":"a" "token":"bc" "d")", R"("token":"*" "token":"**" "d")"},
-        Case{"EscapedQuoteInside", R"("token":"a\"b" "c")", R"("token":"****" "c")"},
-        Case{"EscapedBackslashAtTheEnd", R"("token":"a\\" "c")", R"("token":"***" "c")"},
-        Case{"EscapedBackslashAndQuote", R"("token":"a\\\"b" "c")", R"("token":"******" "c")"},
-        Case{"OneLevelDown", R"("msg":"{\"token\":\"abc\",\"apps\":[]}" "c")",
+        TokenCase{"Empty", R"("token":"","x":"y")", R"("token":"","x":"y")"},
+        TokenCase{"TwoInOneLine", R"("token":"a" "token":"bc" "d")", R"("token":"*" "token":"**" "d")"},
+        TokenCase{"EscapedQuoteInside", R"("token":"a\"b" "c")", R"("token":"****" "c")"},
+        TokenCase{"EscapedBackslashAtTheEnd", R"("token":"a\\" "c")", R"("token":"***" "c")"},
+        TokenCase{"EscapedBackslashAndQuote", R"("token":"a\\\"b" "c")", R"("token":"******" "c")"},
+        TokenCase{"OneLevelDown", R"("msg":"{\"token\":\"abc\",\"apps\":[]}" "c")",
              R"("msg":"{\"token\":\"***\",\"apps\":[]}" "c")"},
-        Case{"OneLevelDownWithBlanks", R"(\"token\" : \"abc\" x)", R"(\"token\" : \"***\" x)"},
-        Case{"OneLevelDownWithWrittenOutLineEnd", R"(\"token\":\n\t\"abc\" x)", R"(\"token\":\n\t\"***\" x)"},
-        Case{"OneLevelDownQuoteInside", R"(\"token\":\"a\\\"b\" \"c\")", R"(\"token\":\"******\" \"c\")"},
-        Case{"OneLevelDownBackslashAtTheEnd", R"(\"token\":\"a\\\\\" \"c\")", R"(\"token\":\"*****\" \"c\")"},
-        Case{"TwoLevelsDown", R"(\\\"token\\\":\\\"abc\\\" d)", R"(\\\"token\\\":\\\"***\\\" d)"},
-        Case{"TwoLevelsDownQuoteInside", R"(\\\"token\\\":\\\"a\\\\\\\"b\\\" d)",
+        TokenCase{"OneLevelDownWithBlanks", R"(\"token\" : \"abc\" x)", R"(\"token\" : \"***\" x)"},
+        TokenCase{"OneLevelDownWithWrittenOutLineEnd", R"(\"token\":\n\t\"abc\" x)", R"(\"token\":\n\t\"***\" x)"},
+        TokenCase{"OneLevelDownQuoteInside", R"(\"token\":\"a\\\"b\" \"c\")", R"(\"token\":\"******\" \"c\")"},
+        TokenCase{"OneLevelDownBackslashAtTheEnd", R"(\"token\":\"a\\\\\" \"c\")", R"(\"token\":\"*****\" \"c\")"},
+        TokenCase{"TwoLevelsDown", R"(\\\"token\\\":\\\"abc\\\" d)", R"(\\\"token\\\":\\\"***\\\" d)"},
+        TokenCase{"TwoLevelsDownQuoteInside", R"(\\\"token\\\":\\\"a\\\\\\\"b\\\" d)",
              R"(\\\"token\\\":\\\"**********\\\" d)"},
-        Case{"ThreeLevelsDown", R"(\\\\\\\"token\\\\\\\":\\\\\\\"abc\\\\\\\" d)",
+        TokenCase{"ThreeLevelsDown", R"(\\\\\\\"token\\\\\\\":\\\\\\\"abc\\\\\\\" d)",
              R"(\\\\\\\"token\\\\\\\":\\\\\\\"***\\\\\\\" d)"},
-        Case{"CutByTheEndOfTheText", R"({"token":"abc)", R"({"token":"***)"},
-        Case{"CutInsideAnEscape", R"({"token":"abc\)", R"({"token":"****)"},
-        Case{"CutByTheEndOfTheLine", "\"token\":\"abc\nnext \"line\"", "\"token\":\"***\nnext \"line\""},
-        Case{"CutEscapeByTheEndOfTheLine", "\"token\":\"abc\\\nnext", "\"token\":\"****\nnext"},
-        Case{"CutByTheStringAround", R"("{\"token\":\"abc","next":"x")", R"("{\"token\":\"***","next":"x")"},
-        Case{"CutBeforeTheValueByTheStringAround", R"("{\"token\":","token":"x")",
+        TokenCase{"CutByTheEndOfTheText", R"({"token":"abc)", R"({"token":"***)"},
+        TokenCase{"CutInsideAnEscape", R"({"token":"abc\)", R"({"token":"****)"},
+        TokenCase{"CutByTheEndOfTheLine", "\"token\":\"abc\nnext \"line\"", "\"token\":\"***\nnext \"line\""},
+        TokenCase{"CutEscapeByTheEndOfTheLine", "\"token\":\"abc\\\nnext", "\"token\":\"****\nnext"},
+        TokenCase{"CutByTheStringAround", R"("{\"token\":\"abc","next":"x")", R"("{\"token\":\"***","next":"x")"},
+        TokenCase{"CutBeforeTheValueByTheStringAround", R"("{\"token\":","token":"x")",
              R"("{\"token\":","token":"*")"},
-        Case{"Number", R"({"token":12345,"a":1})", R"({"token":*****,"a":1})"},
-        Case{"NumberAtTheEnd", R"("token":12)", R"("token":**)"},
-        Case{"NumberBeforeABracket", R"({"token": -1.5} x)", R"({"token": ****} x)"},
-        Case{"NumberOneLevelDown", R"("{\"token\":12" x)", R"("{\"token\":**" x)"},
-        Case{"Null", R"({"token":null})", R"({"token":****})"},
-        Case{"Array", R"({"token":["a]",{"b":"c\"}"}],"d":"e"})", R"({"token":*******************,"d":"e"})"},
-        Case{"ObjectOverLines", "{\"token\" : \n{\"a\":\n\"b\"},\"d\":1}",
+        TokenCase{"Number", R"({"token":12345,"a":1})", R"({"token":*****,"a":1})"},
+        TokenCase{"NumberAtTheEnd", R"("token":12)", R"("token":**)"},
+        TokenCase{"NumberBeforeABracket", R"({"token": -1.5} x)", R"({"token": ****} x)"},
+        TokenCase{"NumberOneLevelDown", R"("{\"token\":12" x)", R"("{\"token\":**" x)"},
+        TokenCase{"Null", R"({"token":null})", R"({"token":****})"},
+        TokenCase{"Array", R"({"token":["a]",{"b":"c\"}"}],"d":"e"})", R"({"token":*******************,"d":"e"})"},
+        TokenCase{"ObjectOverLines", "{\"token\" : \n{\"a\":\n\"b\"},\"d\":1}",
              "{\"token\" : \n*****\n****,\"d\":1}"},
-        Case{"ArrayOneLevelDown", R"("{\"token\":[\"a\"],\"b\":\"c\"}")",
+        TokenCase{"ArrayOneLevelDown", R"("{\"token\":[\"a\"],\"b\":\"c\"}")",
              R"("{\"token\":*******,\"b\":\"c\"}")"},
-        Case{"ArrayCutByTheStringAround", R"("{\"token\":[\"ab","next":["x"])",
+        TokenCase{"ArrayCutByTheStringAround", R"("{\"token\":[\"ab","next":["x"])",
              R"("{\"token\":*****","next":["x"])"},
-        Case{"ArrayCutByTheEndOfTheLine", "\"token\":[\"ab\nnext \"line\"", "\"token\":****\nnext \"line\""},
-        Case{"OtherNames", R"("tokens":"a","auth_token":"b","toke":"c","Token":"d")",
+        TokenCase{"ArrayCutByTheEndOfTheLine", "\"token\":[\"ab\nnext \"line\"", "\"token\":****\nnext \"line\""},
+        TokenCase{"OtherNames", R"("tokens":"a","auth_token":"b","toke":"c","Token":"d")",
              R"("tokens":"a","auth_token":"b","toke":"c","Token":"d")"},
-        Case{"TokenAsAValue", R"("x":"token","y":"z")", R"("x":"token","y":"z")"},
-        Case{"QuoteBeforeTheName", R"(""token":"a")", R"(""token":"*")"},
-        Case{"NameAfterAHalfName", R"("tok"token":"a")", R"("tok"token":"*")"},
-        Case{"NameAfterAName", R"("token""token":"a")", R"("token""token":"*")"},
-        Case{"NoValue", R"({"token":,"a":"b"})", R"({"token":,"a":"b"})"},
-        Case{"NoColon", R"("token" "a":"b")", R"("token" "a":"b")"},
-        Case{"LineOfADaemon",
+        TokenCase{"TokenAsAValue", R"("x":"token","y":"z")", R"("x":"token","y":"z")"},
+        TokenCase{"QuoteBeforeTheName", R"(""token":"a")", R"(""token":"*")"},
+        TokenCase{"NameAfterAHalfName", R"("tok"token":"a")", R"("tok"token":"*")"},
+        TokenCase{"NameAfterAName", R"("token""token":"a")", R"("token""token":"*")"},
+        TokenCase{"NoValue", R"({"token":,"a":"b"})", R"({"token":,"a":"b"})"},
+        TokenCase{"NoColon", R"("token" "a":"b")", R"("token" "a":"b")"},
+        TokenCase{"LineOfADaemon",
              "Receive a request({\"apps\":[\"a\"],\"token\":\"s3cr\\u00e9t\"}) from the server\nnext",
              "Receive a request({\"apps\":[\"a\"],\"token\":\"***********\"}) from the server\nnext"},
-        Case{"OtherBytes", std::string("\0\"token\":\"\0\xff\"\0", 14),
+        TokenCase{"OtherBytes", std::string("\0\"token\":\"\0\xff\"\0", 14),
              std::string("\0\"token\":\"**\"\0", 14)}),
-    [](const testing::TestParamInfo<Case>& item) { return item.param.name; });
+    [](const testing::TestParamInfo<TokenCase>& item) { return item.param.name; });
 
 /// What "token" holds in a text that was wrapped as a string so many times; the other member must be whole.
 std::string Unwrap(std::string text, int levels) {

@@ -70,8 +70,8 @@ class SupervisorLoopTest : public DaemonTest {
   void WorkerSends(const std::string& text) { Put(worker_.fromWorkerWriteFd, text); }
 };
 
-constexpr char kTicket[] = R"({"apps":["a"],"token":"t"})";
-constexpr char kReceived[] =
+constexpr char kHandedTicket[] = R"({"apps":["a"],"token":"t"})";
+constexpr char kReceivedFrame[] =
     R"(Receive a request({"apps":["a"],"token":"t"}) from the orvane server, start to transmit debug.dat file)";
 
 // ---- Init and the handler ----
@@ -143,14 +143,14 @@ TEST_F(SupervisorLoopTest, SigtermInTheWaitEndsRunAfterThePass) {
 }
 
 TEST_F(SupervisorLoopTest, SigtermWhileATicketIsTakenEndsRunBeforeTheNextPoll) {
-  WorkerSends(kTicket);
+  WorkerSends(kHandedTicket);
   platform_.fork = [] {
     Signal(SIGTERM);
     return 99;
   };
   Run();
   EXPECT_THAT(EventsAfterSpawn(), ElementsAre(Call("ReconfigureByDebugFlag()"), Call("select()"),
-                                              Warning(kReceived), Call("TLIBCProcFork()")));
+                                              Warning(kReceivedFrame), Call("TLIBCProcFork()")));
 }
 
 TEST_F(SupervisorLoopTest, SigtermGoesBeforeASighupOfTheSamePass) {
@@ -194,13 +194,13 @@ TEST_F(SupervisorLoopTest, ExceptionOfTheReconfigurationEndsTheSupervisor) {
 // ---- Tickets ----
 
 TEST_F(SupervisorLoopTest, AfterATicketTheLoopPollsAgainAtOnce) {
-  WorkerSends(kTicket);
+  WorkerSends(kHandedTicket);
   platform_.fork = [] { return 99; };
   platform_.waitpid = [](pid_t, int*, int) { return 99; };
   AtEachPause({});
   Run();
   EXPECT_THAT(EventsAfterSpawn(),
-              ElementsAre(Call("ReconfigureByDebugFlag()"), Call("select()"), Warning(kReceived),
+              ElementsAre(Call("ReconfigureByDebugFlag()"), Call("select()"), Warning(kReceivedFrame),
                           Call("TLIBCProcFork()"), Warning("Notify worker process"), Call("select()"),
                           Call("usleep(500000)")));
 }
@@ -230,8 +230,8 @@ TEST_F(SupervisorLoopTest, MalformedMessageIsDroppedAndTheLoopPausesAndGoesOn) {
 }
 
 TEST_F(SupervisorLoopTest, NoTicketIsReadUntilTheRunningChildWasReapedAndTheWorkerTold) {
-  WorkerSends(kTicket);
-  WorkerSends(kTicket);
+  WorkerSends(kHandedTicket);
+  WorkerSends(kHandedTicket);
   platform_.fork = [pid = 99]() mutable { return pid++; };
   platform_.waitpid = [asked = 0](pid_t pid, int*, int) mutable {
     RecordCall("waitpid(" + std::to_string(pid) + ")");
@@ -240,19 +240,19 @@ TEST_F(SupervisorLoopTest, NoTicketIsReadUntilTheRunningChildWasReapedAndTheWork
   AtEachPause({[] {}, [] {}});
   Run();
   EXPECT_THAT(EventsAfterSpawn(),
-              ElementsAre(Call("ReconfigureByDebugFlag()"), Call("select()"), Warning(kReceived),
+              ElementsAre(Call("ReconfigureByDebugFlag()"), Call("select()"), Warning(kReceivedFrame),
                           Call("TLIBCProcFork()"),                                                   //
                           Call("waitpid(99)"), Call("usleep(500000)"),                               //
                           Call("waitpid(99)"), Call("usleep(500000)"),                               //
                           Call("waitpid(99)"), Warning("Notify worker process"), Call("select()"),   //
-                          Warning(kReceived), Call("TLIBCProcFork()"),                               //
+                          Warning(kReceivedFrame), Call("TLIBCProcFork()"),                               //
                           Call("waitpid(100)"), Warning("Notify worker process"), Call("select()"),  //
                           Call("usleep(500000)")));
 }
 
 TEST_F(SupervisorLoopTest, ChildThatCannotBeAskedForHoldsUpEveryFurtherTicket) {
-  WorkerSends(kTicket);
-  WorkerSends(kTicket);
+  WorkerSends(kHandedTicket);
+  WorkerSends(kHandedTicket);
   platform_.fork = [] { return 99; };
   platform_.waitpid = [](pid_t, int*, int) {
     errno = ECHILD;
