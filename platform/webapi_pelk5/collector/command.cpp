@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -182,7 +183,7 @@ class Guardian {
     const UniqueFd read_end(ends[0]);
     write_end_ = UniqueFd(ends[1]);
     pid_ = fork();
-    if (pid_ == 0) Watch(ends[0], ends[1]);
+    if (pid_ == 0) Watch(ends[0]);
     // Here and there: the group must be there before anything is started in it, and before this process can end.
     if (pid_ > 0) setpgid(pid_, pid_);
   }
@@ -200,11 +201,14 @@ class Guardian {
 
  private:
   /// Only what is safe in a process forked from one with several threads.
-  [[noreturn]] static void Watch(int read_fd, int write_fd) {
+  [[noreturn]] static void Watch(int read_fd) {
     setpgid(0, 0);
-    close(write_fd);
+    // Neither the pipe's other end stays open, nor the task's lock, by which a killed task would look alive.
+    dup2(read_fd, STDIN_FILENO);
+    close_range(STDIN_FILENO + 1, ~0U, 0);
+    setpriority(PRIO_PROCESS, 0, 0);  // where it may; what is busy is not to put off the group's end
     char byte = 0;
-    while (read(read_fd, &byte, 1) < 0 && errno == EINTR) {
+    while (read(STDIN_FILENO, &byte, 1) < 0 && errno == EINTR) {
     }
     kill(0, SIGKILL);
     _exit(1);

@@ -200,6 +200,15 @@ TEST_F(CommandTest, WholeGroupEndsWithTheCallerHoweverThatEnds) {
   EXPECT_TRUE(WaitUntil([&] { return !Runs(background) && !Runs(command); }));
 }
 
+TEST_F(CommandTest, LeaderOfTheGroupHoldsNothingOfTheCallersOpen) {
+  const UniqueFd fd(open("/dev/null", O_RDONLY));
+  const CommandResult result = Shell(
+      "read -r _ _ _ _ leader _ </proc/$$/stat; until ls /proc/$leader/fd | tr '\\n' ' ' | grep -x '0 '; do "
+      ":; done");
+  EXPECT_EQ(result.Text(), "exit status 0");
+  EXPECT_EQ(output_, "0 \n");
+}
+
 TEST_F(CommandTest, NoChildIsLeft) {
   Shell("sleep 300 & echo done");
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
