@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 
 #include "library_log.h"
 #include "scoped_fd.h"
@@ -56,8 +58,9 @@ constexpr const char* kPlaceholders[] = {"to be filled by o.e.m.",
                                          "123456789",
                                          "1234567890"};
 
-/// The file's first line, trimmed; empty when the file can't be read.
+/// The file's first line, trimmed; empty when the file can't be read, with the reason in errno.
 std::string FirstLine(const std::string& path) {
+  errno = 0;
   const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) return {};
   std::string text(kMaxFileText, '\0');
@@ -118,7 +121,10 @@ std::string HashOfMachineId(const std::string& digits) {
 Utils::Optional<std::string> ReadSerialNumber(const SerialNumberPaths& paths) {
   const std::string configured = FirstLine(paths.configured);
   if (IsUsable(configured)) return configured;
-  if (access(paths.configured.c_str(), F_OK) == 0) {
+  if (errno != 0 && errno != ENOENT) {
+    LogLine(LOG_WARNING,
+            paths.configured + " can't be read: " + strerror(errno) + "; other sources are asked");
+  } else if (errno == 0) {
     LogLine(LOG_WARNING,
             "The first line of " + paths.configured +
                 " is no serial number of 1 to 128 printable ASCII characters; other sources are asked");

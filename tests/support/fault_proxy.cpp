@@ -1,6 +1,5 @@
 #include "fault_proxy.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -12,7 +11,6 @@
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr int kLookMs = 5;  // between two looks at what the test wants
 
@@ -20,10 +18,8 @@ constexpr int kLookMs = 5;  // between two looks at what the test wants
 struct Flow {
   int from = -1;
   int to = -1;
-  std::size_t left = 0;  ///< Bytes that may still be passed on.
   std::string pending = {};
   bool ended = false;  ///< `from` sends no more, and `to` was told so.
-  steady_clock::time_point next_drip = {};
 };
 
 bool IsOver(const Flow& flow) { return flow.ended && flow.pending.empty(); }
@@ -41,43 +37,36 @@ bool Receive(Flow& flow) {
   return count >= 0 || errno == EAGAIN;
 }
 
-/// @return false when the connection is broken, or to be.
-bool Deliver(Flow& flow, std::size_t most) {
-  const std::size_t size = std::min({flow.pending.size(), flow.left, most});
-  const ssize_t count = send(flow.to, flow.pending.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
+/// @return false when the connection is broken.
+bool Deliver(Flow& flow) {
+  const ssize_t count = send(flow.to, flow.pending.data(), flow.pending.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   if (count < 0) {
     return errno == EAGAIN;
   }
   flow.pending.erase(0, static_cast<std::size_t>(count));
-  flow.left -= static_cast<std::size_t>(count);
-  return flow.left > 0;
+  return true;
 }
 
-/// @param drip_interval_ms  0 to pass on all there is.
-bool PassOn(Flow& flow, int drip_interval_ms) {
+/// @return false when the connection is broken.
+bool PassOn(Flow& flow) {
   if (flow.pending.empty() && !flow.ended && !Receive(flow)) {
     return false;
   }
-  if (flow.pending.empty() || (drip_interval_ms > 0 && steady_clock::now() < flow.next_drip)) {
-    return true;
-  }
-  flow.next_drip = steady_clock::now() + milliseconds(drip_interval_ms);
-  return Deliver(flow, drip_interval_ms > 0 ? 1 : flow.pending.size());
+  return flow.pending.empty() || Deliver(flow);
 }
 
-void AddInterests(const Flow& flow, bool drips, std::vector<pollfd>& interests) {
-  if (flow.pending.empty() && !flow.ended) {
-    interests.push_back({flow.from, POLLIN, 0});
-  } else if (!flow.pending.empty() && !drips) {
+void AddInterest(const Flow& flow, std::vector<pollfd>& interests) {
+  if (!flow.pending.empty()) {
     interests.push_back({flow.to, POLLOUT, 0});
+  } else if (!flow.ended) {
+    interests.push_back({flow.from, POLLIN, 0});
   }
 }
 
 }  // namespace
 
 struct FaultProxy::Link {
-  Link(int client, int server, std::size_t client_bytes, std::size_t server_bytes)
-      : up{client, server, client_bytes}, down{server, client, server_bytes} {}
+  Link(int client, int server) : up{client, server}, down{server, client} {}
   ~Link() {
     const bool over = IsOver(up) && IsOver(down);
     for (const int fd : {up.from, up.to}) {
@@ -123,7 +112,9 @@ void FaultProxy::Run() {
     }
     Wait();
     Accept();
-    links_.remove_if([this](Link& link) { return !Pass(link); });
+    links_.remove_if([](Link& link) {
+      return !PassOn(link.up) || !PassOn(link.down) || (IsOver(link.up) && IsOver(link.down));
+    });
   }
 }
 
@@ -136,8 +127,8 @@ void FaultProxy::Wait() {
     interests.push_back({listener_, POLLIN, 0});
   }
   for (const Link& link : links_) {
-    AddInterests(link.up, false, interests);
-    AddInterests(link.down, drip_interval_ms_ > 0, interests);
+    AddInterest(link.up, interests);
+    AddInterest(link.down, interests);
   }
   poll(interests.data(), interests.size(), kLookMs);
 }
@@ -153,14 +144,8 @@ void FaultProxy::Accept() {
   const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const sockaddr_in address = LoopbackAddressOf(server_port_);
   ++accepted_;
-  links_.emplace_back(client, server, client_byte_limit_, server_byte_limit_);
+  links_.emplace_back(client, server);
   if (connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     links_.pop_back();
   }
-}
-
-/// @return false when the link is over.
-bool FaultProxy::Pass(Link& link) const {
-  return PassOn(link.up, 0) && PassOn(link.down, drip_interval_ms_) &&
-         !(IsOver(link.up) && IsOver(link.down));
 }

@@ -12,8 +12,6 @@
 
 class FaultProxy {
  public:
-  static constexpr std::size_t kUnlimited = static_cast<std::size_t>(-1);
-
   /// Listens on a loopback port of the kernel's choice and passes each connection on to 127.0.0.1:`server_port`.
   /// A client whose connection the server refuses is reset.
   explicit FaultProxy(int server_port);
@@ -44,23 +42,12 @@ class FaultProxy {
   /// Ends every connection by a reset, towards client and server.
   void Reset() { ++resets_; }
 
-  /// Each connection made from now on is reset, both ways, once that many bytes have been passed on from its
-  /// client, or from the server.
-  void ResetAfter(std::size_t client_bytes, std::size_t server_bytes = kUnlimited) {
-    client_byte_limit_ = client_bytes;
-    server_byte_limit_ = server_bytes;
-  }
-
-  /// From now on one byte is passed on to each client every `interval_ms` milliseconds; 0 ends that.
-  void DripToClient(int interval_ms) { drip_interval_ms_ = interval_ms; }
-
  private:
   struct Link;
 
   void Run();
   void Wait();
   void Accept();
-  bool Pass(Link& link) const;
 
   int port_ = 0;  ///< Before the listener, whose initialisation sets it.
   int listener_ = -1;
@@ -68,9 +55,6 @@ class FaultProxy {
   std::atomic<bool> frozen_{false};
   std::atomic<bool> stop_{false};
   std::atomic<unsigned> resets_{0};
-  std::atomic<int> drip_interval_ms_{0};
-  std::atomic<std::size_t> client_byte_limit_{kUnlimited};
-  std::atomic<std::size_t> server_byte_limit_{kUnlimited};
   std::atomic<std::size_t> accepted_{0};
   std::list<Link> links_;  ///< Only the thread's.
   std::thread thread_;

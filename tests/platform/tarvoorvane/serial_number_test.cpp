@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "syslog_recorder.h"
 #include "temp_dir.h"
 
@@ -54,6 +56,14 @@ TEST_F(SerialNumberTest, ThenAHashThatDoesNotTellTheMachineId) {
 }
 
 TEST_F(SerialNumberTest, NothingWithoutAUsableSource) { EXPECT_EQ(Serial(), "(none)"); }
+
+TEST_F(SerialNumberTest, AConfiguredOneThatCanNotBeReadIsToldAndTheNextSourceAsked) {
+  std::filesystem::create_directory(folder_.File("configured"));
+  SetDmi("DMI1");
+  EXPECT_EQ(Serial(), "DMI1");
+  EXPECT_THAT(Testing::TakeSyslogText(),
+              HasSubstr("configured can't be read: Is a directory; other sources"));
+}
 
 TEST_F(SerialNumberTest, AnUnusableConfiguredOneIsToldAndTheNextSourceAsked) {
   SetDmi("DMI1");
