@@ -18,12 +18,14 @@ using TarvoOrvane::FastSupport::CallStatus;
 using TarvoOrvane::FastSupport::ReceiveResult;
 using TarvoOrvane::Utils::LoggerManager;
 
-// The linker's names for the replacements and for what they replace, and the mangled name of FromFile().
+// The linker's names for the replacements and for what they replace, and the mangled names of FromFile() and Run().
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 #define WRAP(name) __wrap_##name
 #define REAL(name) __real_##name
 #define FROM_FILE(prefix) \
   prefix##_ZN11TarvoOrvane5Utils8FromFileERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERN4Json5ValueE
+
+#define RUN(prefix) prefix##_ZN25DebugDatTransmitterDaemon3RunEv
 
 extern "C" {
 unsigned REAL(sleep)(unsigned);
@@ -50,6 +52,7 @@ void REAL(curl_easy_cleanup)(CURL*);
 void REAL(curl_slist_free_all)(curl_slist*);
 void REAL(curl_formfree)(curl_httppost*);
 bool FROM_FILE(__real_)(const std::string&, Json::Value&);
+bool RUN(__real_)(void*);
 }
 
 namespace test_support {
@@ -143,6 +146,7 @@ void Exit(int status) { REAL(_exit)(status); }
 namespace {
 
 void RecordSyslog(int level, const char* format, va_list arguments) {
+  if (LogRecorder::current() == nullptr) return;
   const int saved_errno = errno;
   va_list again;
   va_copy(again, arguments);
@@ -151,7 +155,7 @@ void RecordSyslog(int level, const char* format, va_list arguments) {
   errno = saved_errno;
   static_cast<void>(vsnprintf(text.data(), text.size() + 1, format, again));
   va_end(again);
-  if (LogRecorder::current() != nullptr) LogRecorder::current()->AddLine(false, level, text, format);
+  LogRecorder::current()->AddLine(false, level, text, format);
   Perform(
       &ScriptedPlatform::log, [](int, const std::string&) {}, level, text);
 }
@@ -302,7 +306,7 @@ void CurlHttpPostAdd(CurlHttpPost& form, const std::string& name, const CURLform
 
 }  // namespace TarvoOrvane::Utils
 
-// ======== C library, libcurl and FromFile(), in place of the real ones through the linker's --wrap ========
+// ======== C library, libcurl, FromFile() and Run(), in place of the real ones through the linker's --wrap ========
 
 extern "C" {
 
@@ -312,6 +316,8 @@ void WRAP(syslog)(int level, const char* format, ...) {
   test_support::RecordSyslog(level, format, arguments);
   va_end(arguments);
 }
+
+void WRAP(openlog)(const char*, int, int) { RecordCall("openlog()"); }
 
 unsigned WRAP(sleep)(unsigned seconds) {
   RecordCall("sleep(" + Number(seconds) + ")");
@@ -456,6 +462,10 @@ bool FROM_FILE(__wrap_)(const std::string& path, Json::Value& value) {
   if (path != test_support::kServiceConfigPath) return FROM_FILE(__real_)(path, value);
   RecordCall("FromFile(" + path + ")");
   return current_platform != nullptr && FROM_FILE(__real_)(current_platform->service_config_path(), value);
+}
+
+bool RUN(__wrap_)(void* daemon) {
+  return Perform(&ScriptedPlatform::run, [daemon] { return RUN(__real_)(daemon); });
 }
 
 }  // extern "C"

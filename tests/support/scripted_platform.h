@@ -89,6 +89,9 @@ class ScriptedPlatform {
   /// Whether LoggerManager::instance_ is set. It starts cleared: lines go to syslog().
   static void UseLogger(bool use);
 
+  /// DebugDatTransmitterDaemon::Run(), as main() calls it. Unscripted: the real one.
+  std::function<bool()> run;
+
   // ---- Core library; all recorded ----
   std::function<int(const char* path)> pid_file_create;  ///< Unscripted: 0.
   std::function<int()> fork;              ///< TLIBCProcFork(). Unscripted: ForkAs(kTransmissionChild).
@@ -126,7 +129,7 @@ class ScriptedPlatform {
   std::function<CURL*()> curl_easy_init;                              ///< Unscripted: libcurl's.
 
   // ---- C library ----
-  // Recorded: sleep, usleep, srand, daemon, unlink, signal, kill, _exit, abort.
+  // Recorded: sleep, usleep, srand, daemon, openlog, unlink, signal, kill, _exit, abort.
   std::function<unsigned(unsigned)> sleep;  ///< Unscripted: 0, at once.
   std::function<int(useconds_t)> usleep;    ///< Unscripted: 0, at once.
   std::function<time_t()> time;

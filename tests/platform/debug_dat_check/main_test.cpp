@@ -65,7 +65,10 @@ TEST(ProgramTest, HealthyDeviceGivesExitStatusZeroAndIsLeftUnchanged) {
 
 TEST(ProgramTest, UnconfiguredDeviceGivesExitStatusOneAndALineForEachCheck) {
   std::string output;
-  EXPECT_EQ(RunInSandbox("mkdir -p /usr/tarvo/etc; " + std::string(kProgram), output), 1);
+  EXPECT_EQ(RunInSandbox(
+                "mkdir -p /usr/tarvo/etc; echo SN1 >/usr/tarvo/etc/serial_number; " + std::string(kProgram),
+                output),
+            1);
   EXPECT_THAT(output,
               StartsWith("problem  configuration         /usr/tarvo/etc/tarvomibserver.conf can't be read"));
   EXPECT_THAT(output, HasSubstr("\nskipped  CSS server"));

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <stdexcept>
 
 #include "daemon_fixture.h"
 
@@ -115,6 +116,22 @@ TEST_F(DescriptorTest, DestructorClosesTheFourInFieldOrderPastAFailure) {
   EXPECT_THAT(log_.events(), ElementsAre(Call("close(101)"), Call("close(102)"),
                                          Error("Failed to do close(), err=Input/output error"),
                                          Call("close(103)"), Call("close(104)")));
+}
+
+TEST_F(DescriptorTest, ExceptionInTheDestructorEndsTheProcess) {
+  EXPECT_THAT(RunInChild([this] {
+                ScriptedPlatform::UseLogger(true);
+                platform_.log = [](int, const std::string&) { throw std::runtime_error("logger"); };
+                platform_.close = [](int) { return -1; };
+                try {
+                  DebugDatTransmitterDaemon daemon;
+                  daemon.fromWorkerReadFd = 101;
+                } catch (const std::runtime_error&) {
+                  return 1;
+                }
+                return 0;
+              }),
+              KilledBy(SIGABRT));
 }
 
 TEST_F(DescriptorTest, DestructorClosesNothingWhereNothingIsOpen) {

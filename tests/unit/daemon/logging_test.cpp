@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 #include "scripted_platform.h"
@@ -18,6 +20,29 @@ using testing::Field;
 using testing::IsEmpty;
 
 namespace {
+
+std::size_t allocations = 0;
+
+}  // namespace
+
+// Count what the statements under test, and everything else in this program, take from the heap.
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* const memory = malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { free(memory); }
+
+namespace {
+
+/// Leaves nothing on the heap.
+class SilentLogger final : public TarvoOrvane::Utils::LoggerManager {
+ public:
+  void Reserved1() override {}
+  void Reserved2() override {}
+  void Log(int, const std::string&) override {}
+};
 
 void LogByStatement(int level, const char* text) { DAEMON_LOG(level, "%s:%d text: %s", text); }
 void LogByFunction(int level, const char* text) {
@@ -91,6 +116,30 @@ TEST_P(LogTest, LoggerGetsAtMost255Characters) {
     EXPECT_EQ(Last().text.size(), whole < 255 ? whole : 255);
     EXPECT_EQ(LastText(), ("text: " + text).substr(0, LastText().size()));
   }
+}
+
+// Without the fixture nobody records a line, which would take memory.
+class LogMemoryTest : public testing::TestWithParam<Way> {
+ protected:
+  static std::size_t AllocationsOf(void (*log)(int, const char*)) {
+    const std::string text(300, 'x');
+    const std::size_t before = allocations;
+    log(LOG_ERR, text.c_str());
+    return allocations - before;
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(, LogMemoryTest,
+                         testing::Values(Way{"Statement", LogByStatement, nullptr, nullptr},
+                                         Way{"Function", LogByFunction, nullptr, nullptr}),
+                         [](const auto& way) { return way.param.name; });
+
+TEST_P(LogMemoryTest, SyslogCostsNoHeapAndALoggerOneString) {
+  EXPECT_EQ(AllocationsOf(GetParam().log), 0U);
+  SilentLogger logger;
+  TarvoOrvane::Utils::LoggerManager::instance_ = &logger;
+  EXPECT_EQ(AllocationsOf(GetParam().log), 1U);
+  TarvoOrvane::Utils::LoggerManager::instance_ = nullptr;
 }
 
 TEST_P(LogTest, ErrnoAndNewlineStandOnBothPaths) {

@@ -1,7 +1,9 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 
 #include "daemon_fixture.h"
 
@@ -90,6 +92,30 @@ TEST_F(MainTest, PidFileResultThatIsNotNegativeIsNoFailure) {
   platform_.pid_file_create = [](const char*) { return 1; };
   EXPECT_THAT(Run(), ExitedWith(0));
   EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+TEST_F(MainTest, WhatTheSupervisorReturnsIsIgnored) {
+  platform_.run = [] { return false; };
+  EXPECT_THAT(Run(), ExitedWith(0));
+  EXPECT_THAT(log_.events(), ElementsAre(Call("daemon(0, 0)"), Call(kPidFileCall)));
+}
+
+TEST_F(MainTest, FailuresGoToTheLogAndNeverToATerminal) {
+  const std::string terminal = platform_.folder() / "terminal";
+  platform_.daemon = [](int, int) { return -1; };
+  for (const bool use_logger : {false, true}) {
+    log_.Clear();
+    EXPECT_THAT(RunInChild([&] {
+                  test_support::ScriptedPlatform::UseLogger(use_logger);
+                  const int file = creat(terminal.c_str(), 0600);
+                  dup2(file, STDOUT_FILENO);
+                  dup2(file, STDERR_FILENO);
+                  return DaemonMain();
+                }),
+                ExitedWith(1));
+    EXPECT_THAT(log_.lines(), ElementsAre(testing::Field(&test_support::Event::via_logger, use_logger)));
+    EXPECT_EQ(std::filesystem::file_size(terminal), 0U);
+  }
 }
 
 TEST_F(MainTest, FailureOfTheSupervisorsStartStillEndsWithStatusZero) {

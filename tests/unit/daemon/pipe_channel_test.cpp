@@ -30,11 +30,12 @@ class PipeChannelTest : public DaemonTest {
     return {std::string(size - rest.size(), 't'), {}};
   }
 
-  /// What write() returns from now on, and its errno.
+  /// What write() returns once, and its errno; afterwards it takes everything. Counted in writes_.
   void ScriptWrite(ssize_t result, int error = 0) {
-    platform_.write = [result, error](int, const void*, size_t) {
+    writes_ = 0;
+    platform_.write = [this, result, error](int, const void*, size_t size) {
       errno = error;
-      return result;
+      return ++writes_ == 1 ? result : static_cast<ssize_t>(size);
     };
   }
 
@@ -61,6 +62,8 @@ class PipeChannelTest : public DaemonTest {
   }
 
   static std::string Select(int fd) { return "select(" + std::to_string(fd) + ", 0, 500000)"; }
+
+  int writes_ = 0;
 };
 
 // ---- Writing ----
@@ -145,18 +148,42 @@ TEST_F(PipeChannelTest, ShortWriteIsAFailureAndNotRepeated) {
     EXPECT_THAT(log_.lines(), ElementsAre(Error("Unexpected error, expected count: 2048, real count: " +
                                                 std::to_string(count)),
                                           Error("Failed to send message to main process")));
+    EXPECT_EQ(writes_, 1);
   }
 }
 
 TEST_F(PipeChannelTest, FailedWriteIsLoggedWithItsErrorOnBothLogPaths) {
-  ScriptWrite(-1, EIO);
   for (const bool use_logger : {false, true}) {
+    ScriptWrite(-1, EIO);
     ScriptedPlatform::UseLogger(use_logger);
     log_.Clear();
     EXPECT_FALSE(main_.SendResultToWorker());
     EXPECT_THAT(log_.lines(), ElementsAre(Error("Failed to write, err=Input/output error"),
                                           Error("Failed to send message to worker process")));
   }
+}
+
+TEST_F(PipeChannelTest, FailedWriteIsNotRepeatedWhateverItsError) {
+  for (const int error : {EINTR, EAGAIN}) {
+    ScriptWrite(-1, error);
+    EXPECT_FALSE(worker_.SendTicketToMain({"t", {}}));
+    EXPECT_EQ(writes_, 1);
+  }
+}
+
+TEST_F(PipeChannelTest, InterruptedReadIsNotRepeated) {
+  Put(worker_.fromWorkerWriteFd, "{}");
+  int reads = 0;
+  platform_.read = [&reads](int fd, void* buffer, size_t size) {
+    if (++reads > 1) return real::Read(fd, buffer, size);
+    errno = EINTR;
+    return ssize_t{-1};
+  };
+  Json::Value ticket;
+  EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
+  EXPECT_EQ(reads, 1);
+  EXPECT_THAT(log_.lines(), ElementsAre(Error("Failed to do read(), err=Interrupted system call\n"),
+                                        Error("Failed to receive message from worker process")));
 }
 
 TEST_F(PipeChannelTest, FullPipeLosesTheMessageAtOnce) {
@@ -349,6 +376,12 @@ TEST_F(PipeChannelTest, CompletionIsReadByTheWorker) {
   ASSERT_TRUE(main_.SendResultToWorker());
   EXPECT_TRUE(worker_.ReceiveResultFromMain());
   EXPECT_THAT(log_.events(), ElementsAre(Call(Select(worker_.toWorkerReadFd))));
+}
+
+TEST_F(PipeChannelTest, FurtherMembersOfACompletionDoNotMatter) {
+  Put(main_.toWorkerWriteFd, R"({"success":true,"x":1})");
+  EXPECT_TRUE(worker_.ReceiveResultFromMain());
+  EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
 TEST_F(PipeChannelTest, NoCompletionIsNoLine) {

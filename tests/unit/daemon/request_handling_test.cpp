@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <stdexcept>
 
@@ -81,14 +82,17 @@ TEST_F(RequestHandlingTest, FailedForkThatTheWorkerCannotBeToldIsLogged) {
 }
 
 TEST_F(RequestHandlingTest, FailedForkIsLoggedAndTheWorkerToldAtOnce) {
-  platform_.fork = [] { return -1; };
-  EXPECT_FALSE(Start());
-  EXPECT_THAT(log_.events(),
-              ElementsAre(Warning(std::string("Receive a request(") + kTicket +
-                                  ") from the orvane server, start to transmit debug.dat file"),
-                          Call("TLIBCProcFork()"), Error("Failed to fork()")));
-  EXPECT_THAT(Completions(), ElementsAre(R"({"success":true})"));
-  EXPECT_FALSE(main_.transmitterRunning);
+  for (const int result : {-1, -2}) {
+    log_.Clear();
+    platform_.fork = [=] { return result; };
+    EXPECT_FALSE(Start());
+    EXPECT_THAT(log_.events(),
+                ElementsAre(Warning(std::string("Receive a request(") + kTicket +
+                                    ") from the orvane server, start to transmit debug.dat file"),
+                            Call("TLIBCProcFork()"), Error("Failed to fork()")));
+    EXPECT_THAT(Completions(), ElementsAre(R"({"success":true})"));
+    EXPECT_FALSE(main_.transmitterRunning);
+  }
 }
 
 TEST_F(RequestHandlingTest, ChildThatWasStartedIsRecordedAndTheWorkerNotToldYet) {
@@ -161,6 +165,17 @@ TEST(ScopeGuardTest, CallsItsCallableOnceAtTheEndOfItsScope) {
     EXPECT_EQ(calls, 0);
   }
   EXPECT_EQ(calls, 1);
+}
+
+TEST(ScopeGuardTest, HoldsItsCallableToItsEndAndReleasesIt) {
+  const auto held = std::make_shared<int>();
+  long during_the_call = 0;
+  {
+    const ScopeGuard guard([held, &during_the_call] { during_the_call = held.use_count(); });
+    EXPECT_EQ(held.use_count(), 2);
+  }
+  EXPECT_EQ(during_the_call, 2);
+  EXPECT_EQ(held.use_count(), 1);
 }
 
 TEST(ScopeGuardTest, MayHoldNothing) {

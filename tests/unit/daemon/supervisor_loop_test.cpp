@@ -153,6 +153,20 @@ TEST_F(SupervisorLoopTest, SigtermWhileATicketIsTakenEndsRunBeforeTheNextPoll) {
                                               Warning(kReceivedFrame), Call("TLIBCProcFork()")));
 }
 
+TEST_F(SupervisorLoopTest, SighupWhileATicketIsTakenReconfiguresBeforeTheNextPoll) {
+  WorkerSends(kHandedTicket);
+  platform_.fork = [] {
+    Signal(SIGHUP);
+    return 99;
+  };
+  AtEachPause({});
+  platform_.waitpid = [](pid_t, int*, int) { return 0; };
+  Run();
+  EXPECT_THAT(EventsAfterSpawn(),
+              ElementsAre(Call("ReconfigureByDebugFlag()"), Call("select()"), Warning(kReceivedFrame),
+                          Call("TLIBCProcFork()"), Call("ReconfigureByDebugFlag()"), Call("usleep(500000)")));
+}
+
 TEST_F(SupervisorLoopTest, SigtermGoesBeforeASighupOfTheSamePass) {
   AtEachPause({[] {
     Signal(SIGHUP);
@@ -245,7 +259,7 @@ TEST_F(SupervisorLoopTest, NoTicketIsReadUntilTheRunningChildWasReapedAndTheWork
                           Call("waitpid(99)"), Call("usleep(500000)"),                               //
                           Call("waitpid(99)"), Call("usleep(500000)"),                               //
                           Call("waitpid(99)"), Warning("Notify worker process"), Call("select()"),   //
-                          Warning(kReceivedFrame), Call("TLIBCProcFork()"),                               //
+                          Warning(kReceivedFrame), Call("TLIBCProcFork()"),                          //
                           Call("waitpid(100)"), Warning("Notify worker process"), Call("select()"),  //
                           Call("usleep(500000)")));
 }

@@ -30,9 +30,10 @@ class WorkerSpawnTest : public DaemonTest {
       at_fork_ = Descriptors();
       return fork_result_;
     };
-    platform_.close = [](int fd) {
+    platform_.close = [this](int fd) {
       RecordCall("close(" + std::to_string(fd) + ")");
-      return 0;
+      errno = EIO;
+      return fd == failing_close_ ? -1 : 0;
     };
     platform_.fcntl = [this](int fd, int command, long argument) {
       if (command == F_GETFL) return 0;
@@ -61,6 +62,7 @@ class WorkerSpawnTest : public DaemonTest {
   int pipes_ = 0;
   int failing_pipe_ = 0;
   int failing_fcntl_ = 0;
+  int failing_close_ = 0;
   int fork_result_ = 4711;
 };
 
@@ -72,6 +74,25 @@ TEST_F(WorkerSpawnTest, SupervisorKeepsItsEndsNonBlocking) {
   EXPECT_THAT(at_fork_, ElementsAre(101, 102, 103, 104));
   EXPECT_THAT(Descriptors(), ElementsAre(-1, 102, 103, -1));
   EXPECT_FALSE(main_.transmitterRunning);
+}
+
+TEST_F(WorkerSpawnTest, EndThatTheSupervisorCannotCloseHoldsNothingUp) {
+  failing_close_ = 101;
+  EXPECT_TRUE(main_.SpawnWorker());
+  EXPECT_THAT(log_.events(),
+              ElementsAre(Call("pipe()"), Call("pipe()"), Call("TLIBCProcForkEx(65)"), Call("close(101)"),
+                          Error("Failed to do close(), err=Input/output error"), Call("close(104)"),
+                          Call("nonblocking(103)"), Call("nonblocking(102)")));
+  EXPECT_THAT(Descriptors(), ElementsAre(101, 102, 103, -1));
+}
+
+TEST_F(WorkerSpawnTest, EndThatTheWorkerCannotCloseHoldsNothingUp) {
+  fork_result_ = 0;
+  failing_close_ = 103;
+  EXPECT_TRUE(main_.SpawnWorker());
+  EXPECT_THAT(log_.lines(), ElementsAre(Error("Failed to do close(), err=Input/output error"), testing::_,
+                                        Error("Failed to get grpc server url")));
+  EXPECT_THAT(Descriptors(), ElementsAre(101, -1, 103, 104));
 }
 
 TEST_F(WorkerSpawnTest, AnyPositiveResultOfTheForkIsTheSupervisors) {
