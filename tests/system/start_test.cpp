@@ -46,6 +46,19 @@ TEST_F(StartTest, SecondStartFailsWithItsLineAndExitStatus1WhileTheFirstRunsOn) 
   EXPECT_TRUE(WaitForTicket(id, "report received: \"Success\"")) << WholeLog();
 }
 
+TEST_F(StartTest, ArgumentsAreIgnored) {
+  Program start({BinaryPath("debug_dat_transmitter"), "--help", "x"},
+                std::string(kTestFolder) + "/daemon.out");
+  EXPECT_EQ(start.Wait(), 0);
+  ASSERT_TRUE(Eventually([] { return ReadFile(kPidFile).find('\n') != std::string::npos; })) << WholeLog();
+  supervisor_ = std::stoi(ReadFile(kPidFile));
+  worker_ = WorkerOf(supervisor_);
+  EXPECT_EQ(start.Output(), "");
+  kill(worker_, SIGTERM);
+  kill(supervisor_, SIGTERM);
+  EXPECT_EQ(WaitForProcess(supervisor_), 0);
+}
+
 TEST_F(StartTest, AfterTheSupervisorsEndANewStartSucceedsThoughTheOldWorkerSurvives) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   const pid_t former = supervisor_;

@@ -121,6 +121,7 @@ TEST_F(StopTest, SigtermEndsTheIdleSupervisorWithStatus0) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   kill(supervisor_, SIGTERM);
   EXPECT_EQ(WaitForProcess(supervisor_), 0);
+  EXPECT_EQ(ReadFile(kPidFile), std::to_string(supervisor_) + "\n") << "the file stays";
 }
 
 TEST_F(StopTest, TransmissionChildFinishesItsWorkAfterTheSupervisorsEnd) {

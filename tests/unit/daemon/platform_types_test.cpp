@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
+#include <type_traits>
 
 #include "debug_dat_transmitter.h"
 #include "scripted_platform.h"
@@ -17,6 +19,9 @@ using TarvoOrvane::FastSupport::ReceiveResult;
 using TarvoOrvane::FastSupport::Ticket;
 using TarvoOrvane::Utils::CurlFailedException;
 using TarvoOrvane::Utils::CurlFormFailedException;
+using TarvoOrvane::Utils::CurlHandle;
+using TarvoOrvane::Utils::CurlHeaderList;
+using TarvoOrvane::Utils::CurlHttpPost;
 using TarvoOrvane::Utils::LoggerManager;
 using TarvoOrvane::Utils::Optional;
 using test_support::ScriptedPlatform;
@@ -78,6 +83,16 @@ template <typename Record, typename First, typename Second>
 bool Precedes(First Record::*first, Second Record::*second) {
   const Record record{};
   return static_cast<const void*>(&(record.*first)) < static_cast<const void*>(&(record.*second));
+}
+
+TEST(CurlTypesTest, AreWhatTheLibrarysFunctionsTake) {
+  static_assert(std::is_same_v<CurlHandle, std::unique_ptr<void, void (*)(void*)>>);
+  static_assert(std::is_same_v<CurlHeaderList, std::unique_ptr<curl_slist, void (*)(curl_slist*)>>);
+  static_assert(std::is_convertible_v<CurlFailedException*, std::runtime_error*>);
+  static_assert(std::is_convertible_v<CurlFormFailedException*, std::runtime_error*>);
+  EXPECT_TRUE(Precedes(&CurlHttpPost::first, &CurlHttpPost::last));
+  EXPECT_EQ(sizeof(CurlHttpPost),
+            sizeof(std::unique_ptr<curl_httppost, void (*)(curl_httppost*)>) + sizeof(void*));
 }
 
 TEST(RecordTest, FieldsKeepTheirOrder) {

@@ -46,14 +46,14 @@ class WorkerLoopTest : public DaemonTest {
     JoinByPipes();
     platform_.SetServiceConfig(R"({"debug_dat_file_transmitter":{"grpc_server":{"url":"http://h:1"}}})");
     platform_.rand = [] { return 0; };
+  }
+
+  Ending RunToEnd() {
     platform_.receive = [this, next = std::size_t{0}]() mutable {
       const Step& step = steps_.at(next++);
       if (next == steps_.size()) Signal(SIGTERM);
       return step();
     };
-  }
-
-  Ending RunToEnd() {
     return RunInChild([this] {
       worker_.Init();
       log_.Clear();
@@ -91,6 +91,22 @@ class WorkerLoopTest : public DaemonTest {
     return tokens;
   }
   void MainCompletes() { Put(main_.toWorkerWriteFd, kCompletion); }
+
+  /// The logger throws at the line of this text that is the `number`th one.
+  void LoggerThrowsAt(const std::string& line, int number) {
+    test_support::ScriptedPlatform::UseLogger(true);
+    platform_.log = [line, number, count = 0](int, const std::string& text) mutable {
+      if (text.find(" " + line) != std::string::npos && ++count == number) throw std::runtime_error("logger");
+    };
+  }
+
+  /// Send() throws at its `number`th call.
+  void SendThrowsAt(int number) {
+    platform_.send = [number, count = 0](FastSupportClient::ClientStatus) mutable {
+      if (++count == number) throw std::runtime_error("boom");
+      return Sent();
+    };
+  }
 
   /// Each wait for a Completion is ended by a signal.
   void InterruptTheWaitBy(int number) {
@@ -135,6 +151,67 @@ TEST_F(WorkerLoopTest, ExceptionOfTheClientsConstructorEndsTheWorker) {
   platform_.construct_client = [](const std::string&) { throw std::runtime_error("no client"); };
   EXPECT_THAT(RunToEnd(), KilledBy(SIGABRT));
   EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+// In the process that becomes the worker nothing between main() and the loop catches anything.
+TEST_F(WorkerLoopTest, WhatLeavesTheLoopEndsTheProcessAndNotOnlyTheLoop) {
+  platform_.fork_ex = [](int) { return 0; };
+  platform_.receive = []() -> ReceiveResult { throw std::logic_error("boom"); };
+  for (const bool constructor_throws : {false, true}) {
+    log_.Clear();
+    if (constructor_throws) {
+      platform_.construct_client = [](const std::string&) { throw std::runtime_error("no client"); };
+    }
+    EXPECT_THAT(RunInChild([] { return DebugDatTransmitterDaemon().Run() ? 0 : 1; }), KilledBy(SIGABRT));
+    EXPECT_EQ(log_.CallsOf("ReconfigureByDebugFlag").size(), constructor_throws ? 0U : 1U)
+        << "the worker's own; a supervisor's loop would add one";
+  }
+}
+
+TEST_F(WorkerLoopTest, AddressReachesTheClientAsItIsStored) {
+  platform_.SetServiceConfig(R"({"debug_dat_file_transmitter":{"grpc_server":{"url":" h:1/p/ "}}})");
+  Run({NothingArrives()});
+  EXPECT_THAT(log_.calls(), Contains("FastSupportClient( h:1/p/ )"));
+}
+
+TEST_F(WorkerLoopTest, NoDescriptorIsClosedAtTheEnd) {
+  platform_.construct_client = [this](const std::string&) {
+    platform_.close = [](int fd) {
+      RecordCall("close(" + std::to_string(fd) + ")");
+      return 0;
+    };
+  };
+  Run({TicketArrives("one")});
+  EXPECT_THAT(log_.CallsOf("close"), IsEmpty());
+}
+
+TEST_F(WorkerLoopTest, StopRequestDuringTheReconfigurationLetsTheIterationFinish) {
+  platform_.construct_client = [](const std::string&) { Signal(SIGHUP); };
+  platform_.reconfigure = [] { Signal(SIGTERM); };
+  Run({TicketArrives("one"), TicketArrives("two")});
+  EXPECT_EQ(log_.CallsOf("Receive").size(), 1U);
+  EXPECT_THAT(Answers(), ElementsAre("Send(0)"));
+  EXPECT_THAT(HandedOver(), ElementsAre("one"));
+}
+
+TEST_F(WorkerLoopTest, LinesAreTheSameOnBothLogPaths) {
+  std::vector<std::pair<int, std::string>> lines[2];
+  for (const bool use_logger : {false, true}) {
+    log_.Clear();
+    test_support::ScriptedPlatform::UseLogger(use_logger);
+    platform_.send = [count = 0](FastSupportClient::ClientStatus) mutable {
+      return ++count == 1 ? Sent() : CallStatus{true, 14, "gone"};
+    };
+    Run({TicketArrives("one"), TicketArrives("two"), AfterCompletion(TicketArrives("three")),
+         []() -> ReceiveResult { throw std::runtime_error("boom"); }, NothingArrives()});
+    TakeAll(main_.fromWorkerReadFd);
+    for (const Event& line : log_.lines()) {
+      EXPECT_EQ(line.via_logger, use_logger) << line.text;
+      lines[use_logger ? 1 : 0].emplace_back(line.level, line.text);
+    }
+  }
+  EXPECT_GT(lines[0].size(), 15U);
+  EXPECT_EQ(lines[0], lines[1]);
 }
 
 TEST_F(WorkerLoopTest, StopRequestBeforeTheFirstIterationEndsTheWorkerWithoutOne) {
@@ -259,6 +336,20 @@ TEST_F(WorkerLoopTest, AnswerOtherThanSuccessRefusesThisTicketAndEveryOneAfter) 
   EXPECT_THAT(log_.lines(), Contains(Error("Something wrong in the main process")));
   EXPECT_THAT(Answers(), ElementsAre("Send(0)", "Send(1)", "Send(1)"));
   EXPECT_THAT(Pauses(), ElementsAre("sleep(2)", "sleep(2)"));
+}
+
+TEST_F(WorkerLoopTest, GoodCompletionAfterABadOneAdmitsTheNextTicket) {
+  for (const char* const bad : {"nonsense", R"({"success":false})"}) {
+    log_.Clear();
+    Run({TicketArrives("one"),
+         [this, bad] {
+           Put(main_.toWorkerWriteFd, bad);
+           return Arrives({"two", {}});
+         },
+         AfterCompletion(TicketArrives("three"))});
+    EXPECT_THAT(Answers(), ElementsAre("Send(0)", "Send(1)", "Send(0)")) << bad;
+    EXPECT_THAT(HandedOver(), ElementsAre("one", "three")) << bad;
+  }
 }
 
 TEST_F(WorkerLoopTest, TicketThatCannotBeWrittenIsRefusedWithoutAPauseAndNothingIsAwaited) {
@@ -389,26 +480,53 @@ TEST_F(WorkerLoopTest, RuntimeErrorIsLoggedAndThePauseFollows) {
 }
 
 TEST_F(WorkerLoopTest, ExceptionOfTheSendKeepsWhatWasAssignedBefore) {
-  platform_.send = [first = true](FastSupportClient::ClientStatus) mutable {
-    if (!first) return Sent();
-    first = false;
-    throw std::runtime_error("boom");
-  };
+  SendThrowsAt(1);
   Run({NothingArrives(), TicketArrives("one"), TicketArrives("two")});
   EXPECT_THAT(Pauses(), ElementsAre("sleep(2)", "sleep(2)", "sleep(2)")) << "the ticket had reset the base";
   EXPECT_THAT(Answers(), ElementsAre("Send(0)", "Send(1)")) << "the first ticket's Completion is awaited";
 }
 
 TEST_F(WorkerLoopTest, ExceptionAfterTheCompletionLeavesNothingAwaited) {
-  test_support::ScriptedPlatform::UseLogger(true);
-  platform_.log = [count = 0](int, const std::string& text) mutable {
-    const bool notifies = text.find(" Notify main process") != std::string::npos;
-    if (notifies && ++count == 2) throw std::runtime_error("logger");
-  };
+  LoggerThrowsAt("Notify main process", 2);
   Run({TicketArrives("one"), AfterCompletion(TicketArrives("two")), TicketArrives("three")});
   EXPECT_THAT(HandedOver(), ElementsAre("one", "three"));
   EXPECT_THAT(Answers(), ElementsAre("Send(0)", "Send(0)"));
   EXPECT_THAT(log_.lines(), Contains(Error("catch error: logger")));
+}
+
+TEST_F(WorkerLoopTest, ExceptionAtTheCompletionsOwnLineLeavesItAwaited) {
+  LoggerThrowsAt("Finish waiting main process to respond", 1);
+  Run({TicketArrives("one"), AfterCompletion(TicketArrives("two")), TicketArrives("three")});
+  EXPECT_THAT(Answers(), ElementsAre("Send(0)", "Send(1)"));
+  EXPECT_THAT(Pauses(), ElementsAre("sleep(2)", "sleep(2)")) << "each ticket had reset the base";
+  EXPECT_THAT(HandedOver(), ElementsAre("one"));
+}
+
+TEST_F(WorkerLoopTest, ExceptionBeforeTheTicketIsLookedAtKeepsTheBase) {
+  LoggerThrowsAt(kReceived, 3);
+  Run({NothingArrives(), NothingArrives(), TicketArrives("one")});
+  EXPECT_THAT(Answers(), IsEmpty());
+  EXPECT_THAT(Pauses(), ElementsAre("sleep(2)", "sleep(4)", "sleep(8)"));
+}
+
+TEST_F(WorkerLoopTest, ExceptionOfARefusalsSendHasOnePauseAndKeepsTheCompletionAwaited) {
+  SendThrowsAt(2);
+  Run({TicketArrives("one"), TicketArrives("two"), NothingArrives(), TicketArrives("three")});
+  EXPECT_THAT(log_.lines(), Contains(Error("catch error: boom")));
+  EXPECT_THAT(Answers(), ElementsAre("Send(0)", "Send(1)", "Send(1)"));
+  EXPECT_THAT(Pauses(), ElementsAre("sleep(2)", "sleep(4)", "sleep(2)"));
+}
+
+TEST_F(WorkerLoopTest, ExceptionOfTheSendAfterAFailedWriteLeavesNothingAwaited) {
+  SendThrowsAt(1);
+  platform_.write = [count = 0](int fd, const void* data, size_t size) mutable {
+    errno = EAGAIN;
+    return ++count == 1 ? ssize_t{-1} : test_support::real::Write(fd, data, size);
+  };
+  Run({TicketArrives("one"), TicketArrives("two")});
+  EXPECT_THAT(Answers(), ElementsAre("Send(1)", "Send(0)"));
+  EXPECT_THAT(Pauses(), ElementsAre("sleep(2)"));
+  EXPECT_THAT(HandedOver(), ElementsAre("two"));
 }
 
 TEST_F(WorkerLoopTest, ExceptionOfTheLoggerInTheHandlerEndsTheWorker) {

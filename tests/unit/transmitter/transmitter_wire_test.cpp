@@ -147,6 +147,19 @@ TEST_F(TransmitterWireTest, UploadSendsThePartsInOrder) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
+// libcurl sends no header line without a value.
+TEST_F(TransmitterWireTest, WithoutATokenThereIsARequestWithoutACredential) {
+  LoopbackServer server({HttpAnswer("200 OK", kSuccessAnswer)});
+  UseServer(server.Url());
+
+  EXPECT_TRUE(DebugFileTransmitter("").UpdateResult(kSuccess));
+
+  ASSERT_THAT(server.Requests(), SizeIs(1));
+  EXPECT_EQ(server.Requests()[0].request_line, "POST /orvane/ps_results HTTP/1.1");
+  EXPECT_THAT(server.Requests()[0].header, testing::Each(testing::Key(testing::Not("AUTH-TOKEN"))));
+  EXPECT_EQ(server.Requests()[0].body, R"({"serial_number":"SN123","status":"Success"})");
+}
+
 TEST_F(TransmitterWireTest, UploadCarriesTheCredentialAsItsOnlyOwnHeaderLine) {
   LoopbackServer server({HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
@@ -252,6 +265,7 @@ TEST_F(TransmitterWireTest, EveryAttemptOfAReportSendsTheSameBody) {
   ASSERT_THAT(server.Requests(), SizeIs(3));
   for (const ReceivedRequest& request : server.Requests()) {
     EXPECT_EQ(request.body, R"({"serial_number":"SN123","status":"Success"})");
+    EXPECT_EQ(request.header, server.Requests()[0].header);
   }
 }
 
