@@ -15,6 +15,7 @@
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl50-cpp,cert-dcl51-cpp)
 namespace {
 MHD_Daemon* the_daemon = nullptr;
+constexpr unsigned kIdleLimitSeconds = 1;
 }  // namespace
 
 extern "C" {
@@ -43,10 +44,10 @@ MHD_Daemon* __wrap_MHD_start_daemon(unsigned /*flags*/, std::uint16_t /*port*/,
     }
   }
   va_end(options);
-  the_daemon =
-      __real_MHD_start_daemon(MHD_USE_EPOLL | MHD_USE_NO_LISTEN_SOCKET, 0, nullptr, nullptr, handler, context,
-                              MHD_OPTION_CONNECTION_MEMORY_LIMIT, connection_bytes,
-                              MHD_OPTION_NOTIFY_COMPLETED, completed, completed_context, MHD_OPTION_END);
+  the_daemon = __real_MHD_start_daemon(
+      MHD_USE_EPOLL | MHD_USE_NO_LISTEN_SOCKET, 0, nullptr, nullptr, handler, context,
+      MHD_OPTION_CONNECTION_MEMORY_LIMIT, connection_bytes, MHD_OPTION_CONNECTION_TIMEOUT, kIdleLimitSeconds,
+      MHD_OPTION_NOTIFY_COMPLETED, completed, completed_context, MHD_OPTION_END);
   return the_daemon;
 }
 
@@ -67,6 +68,9 @@ namespace fs = std::filesystem;
 
 /// So often the server is let go on for one request; a body of many pieces needs a few hundred times.
 constexpr int kMaxTurns = 10'000;
+/// Where it then still waits for more, its idle limit has to end the connection within so many further, longer turns.
+constexpr int kIdleTurns = 200;
+constexpr useconds_t kIdleTurnMicroseconds = 20'000;
 
 /// One end of a connection to the server.
 class Client {
@@ -103,7 +107,8 @@ class Client {
 
  private:
   void Turn() {
-    Require(++turns_ <= kMaxTurns, "the server comes to an end");
+    Require(++turns_ <= kMaxTurns + kIdleTurns, "the server comes to an end");
+    if (turns_ > kMaxTurns) usleep(kIdleTurnMicroseconds);
     Require(MHD_run(the_daemon) == MHD_YES, "the server runs");
     std::array<char, 4096> buffer;
     ssize_t count = 0;
