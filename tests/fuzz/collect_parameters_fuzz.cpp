@@ -18,7 +18,6 @@
 #include "task_folder.h"
 
 // In place of StartDetached(): the task works in this process.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" void __wrap__ZN5TARVO11SupportForm13StartDetachedEiRKSt8functionIFivEE(
     int /*lock_fd*/, const std::function<int()>& work) {
   work();

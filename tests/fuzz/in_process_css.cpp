@@ -12,7 +12,6 @@
 
 // In place of the real ones: the server starts without a listener and without threads, and keeps its own handlers;
 // nothing waits for a disk.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl50-cpp,cert-dcl51-cpp)
 namespace {
 MHD_Daemon* the_daemon = nullptr;
 constexpr unsigned kIdleLimitSeconds = 1;
@@ -58,7 +57,6 @@ __attribute__((visibility("default"))) const char* __lsan_default_suppressions()
 // Of a form with a second multipart/mixed part the library loses the copy of that part's boundary.
 const char* __lsan_default_suppressions() { return "leak:MHD_post_process\n"; }
 }
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl50-cpp,cert-dcl51-cpp)
 
 namespace fuzz {
 namespace {

@@ -7,7 +7,6 @@
 #include "fuzz_support.h"
 #include "listen_address.h"
 
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 int __real_getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** found);
 
@@ -17,7 +16,6 @@ int __wrap_getaddrinfo(const char* host, const char* port, const addrinfo* hints
   return __real_getaddrinfo(host, port, &numeric, found);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace {
 

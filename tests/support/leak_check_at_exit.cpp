@@ -7,7 +7,6 @@
 #include <cstdlib>
 
 // The names are the sanitizer's and the C library's.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 
 int __lsan_do_recoverable_leak_check();
@@ -18,4 +17,3 @@ __attribute__((visibility("default"))) void _exit(int status) {
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -1,7 +1,6 @@
 /// Linked into every program of the sanitized build: where its reports go.
 
 // The names are the sanitizers'; a program's own functions come before theirs.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 #define EXPORTED __attribute__((visibility("default")))
 
 extern "C" {
@@ -16,4 +15,3 @@ EXPORTED const char* __ubsan_default_options() {
 EXPORTED const char* __lsan_default_options() { return "print_suppressions=0"; }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -19,7 +19,6 @@ using TarvoOrvane::FastSupport::ReceiveResult;
 using TarvoOrvane::Utils::LoggerManager;
 
 // The linker's names for the replacements and for what they replace, and the mangled names of FromFile() and Run().
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 #define WRAP(name) __wrap_##name
 #define REAL(name) __real_##name
 #define FROM_FILE(prefix) \
@@ -469,4 +468,3 @@ bool RUN(__wrap_)(void* daemon) {
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

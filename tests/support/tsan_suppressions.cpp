@@ -6,7 +6,6 @@
 /// log lines.
 
 // The names are TSan's.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 #define EXPORTED __attribute__((visibility("default")))
 
 extern "C" {
@@ -30,4 +29,3 @@ EXPORTED const char* __tsan_default_suppressions() {
 EXPORTED const char* __tsan_default_options() { return "atexit_sleep_ms=0"; }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -1,8 +1,6 @@
 // LeakSanitizer asks for this by name; other builds never call it.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" const char* __lsan_default_suppressions() {
   return "leak:libcares\n";  // gRPC's name lookup through c-ares loses a copy of the host's name
 }

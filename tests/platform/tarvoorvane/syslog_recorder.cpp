@@ -42,9 +42,7 @@ __attribute__((format(printf, 2, 3))) void syslog(int level, const char* format,
   va_end(arguments);
 }
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 __attribute__((format(printf, 3, 4))) void __syslog_chk(int level, int /*flag*/, const char* format, ...);
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 void __syslog_chk(int level, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
