@@ -31,6 +31,7 @@ using TarvoOrvane::Transmitter::kFailedToGenerateDebugFile;
 using TarvoOrvane::Transmitter::kFailedToUploadDebugFile;
 using TarvoOrvane::Transmitter::kSuccess;
 using TarvoOrvane::Transmitter::Result;
+using TarvoOrvane::Utils::Comments;
 using TarvoOrvane::Utils::FromFile;
 using TarvoOrvane::Utils::FromString;
 using TarvoOrvane::Utils::HasMember;
@@ -162,7 +163,7 @@ bool DebugDatTransmitterDaemon::ReadPipeMessage(int& fd, Json::Value& message) {
     return false;
   }
   const std::string text = frame;
-  if (!FromString(text, message)) {
+  if (!FromString(text, message, Comments::kCollect)) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to parse pipe data: %s", text.c_str());
     return false;
   }

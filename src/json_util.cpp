@@ -18,13 +18,13 @@ bool FromFile(const std::string& path, Json::Value& value) {
   return FromString(text.str(), value);
 }
 
-bool FromString(const std::string& text, Json::Value& value) {
+bool FromString(const std::string& text, Json::Value& value, Comments comments) {
   // jsoncpp marks Json::Reader as deprecated; its successor accepts other texts (for instance "[1,]"), and
   // what the pipes and the servers' answers accept is not to change.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
   try {
-    return Json::Reader().parse(text, value, true);
+    return Json::Reader().parse(text, value, comments == Comments::kCollect);
   } catch (const Json::Exception&) {  // nesting beyond the reader's limit
     return false;
   }

@@ -12,9 +12,14 @@ namespace TarvoOrvane::Utils {
 /// @return false when the file can't be read or does not parse.
 [[nodiscard]] bool FromFile(const std::string& path, Json::Value& value);
 
-/// Parses `text` into `value`, as Json::Reader does, comments collected.
+/// What becomes of a text's comments. They are accepted either way, and to collect them changes nothing but what the
+/// value's hasComment() tells. It takes time that grows with the square of the text's length, so it is for short texts.
+enum class Comments { kDrop, kCollect };
+
+/// Parses `text` into `value`, as Json::Reader does.
 /// @return false when it does not parse; `value` is then unspecified.
-[[nodiscard]] bool FromString(const std::string& text, Json::Value& value);
+[[nodiscard]] bool FromString(const std::string& text, Json::Value& value,
+                              Comments comments = Comments::kDrop);
 
 /// The value as JSON text on one line: no newline at its end, no comments, members sorted by key, ASCII only
 /// (other characters as \uXXXX; a byte that is no UTF-8 as \ufffd).

@@ -45,7 +45,7 @@ constexpr char kConfigurationForm[] =
 
 // ---- configuration ----
 
-/// Parses as the daemon does, which takes comments.
+/// Parses as the daemon does, which takes comments and drops them.
 /// @return What is wrong and in which line; empty when nothing is.
 std::string ParseConfiguration(const std::string& text, Json::Value& root) {
   // The successor of Json::Reader, which jsoncpp marks as deprecated, accepts other texts than the daemon.
@@ -53,7 +53,7 @@ std::string ParseConfiguration(const std::string& text, Json::Value& root) {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
   Json::Reader reader;
   try {
-    if (reader.parse(text, root, true)) return {};
+    if (reader.parse(text, root, false)) return {};
   } catch (const Json::Exception& error) {  // nesting beyond the reader's limit
     return error.what();
   }

@@ -3,10 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <fstream>
+#include <map>
+#include <random>
 
 #include "scripted_platform.h"
 
+using TarvoOrvane::Utils::Comments;
 using TarvoOrvane::Utils::FromFile;
 using TarvoOrvane::Utils::FromString;
 using TarvoOrvane::Utils::HasMember;
@@ -26,11 +30,89 @@ TEST(FromStringTest, ReplacesTheValue) {
   EXPECT_EQ(ToString(value), R"({"a":null,"b":[1,"x"]})");
 }
 
-TEST(FromStringTest, CollectsComments) {
-  Json::Value value;
-  EXPECT_TRUE(FromString("// note\n{\"a\": 1}", value));
-  EXPECT_TRUE(value.hasComment(Json::commentBefore));
-  EXPECT_EQ(value["a"].asInt(), 1);
+TEST(FromStringTest, TakesCommentsAndDropsThemUnlessToldToCollect) {
+  for (const Comments comments : {Comments::kDrop, Comments::kCollect}) {
+    Json::Value value;
+    EXPECT_TRUE(FromString("// note\n{\"a\": 1}", value, comments));
+    EXPECT_EQ(value.hasComment(Json::commentBefore), comments == Comments::kCollect);
+    EXPECT_EQ(value["a"].asInt(), 1);
+  }
+}
+
+double CpuSeconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+std::string Repeated(const std::string& text, std::size_t bytes) {
+  std::string all;
+  while (all.size() < bytes) all += text;
+  return all;
+}
+
+// The parser that collects them takes seconds for each of these.
+TEST(FromStringTest, CommentsCostNoMoreThanTheirBytes) {
+  constexpr std::size_t kBytes = std::size_t{256} << 10;
+  constexpr double kSecondsPerMebibyte =
+      0.5;  // fifty times what it may be; a quadratic search takes a thousand
+  for (const char* const comment : {"/**/", "/*\n*/", "//\r", "/**/ ", "/*x*/\n"}) {
+    for (const auto& [before, after] :
+         std::map<std::string, std::string>{{"{\"success\": true}", ""},
+                                            {"[0", "]"},
+                                            {"[0" + std::string(kBytes / 2, ' '), "]"},
+                                            {"[0, ]", "]"},
+                                            {"{\"a\": 1", ", \"success\": true}"}}) {
+      const std::string text = before + Repeated(comment, kBytes) + after;
+      Json::Value value;
+      const double begin = CpuSeconds();
+      static_cast<void>(FromString(text, value));
+      EXPECT_LT(CpuSeconds() - begin, kSecondsPerMebibyte * static_cast<double>(text.size()) / (1 << 20))
+          << before.substr(0, 20) << comment;
+    }
+  }
+}
+
+/// A text of pieces of JSON, comments and rubbish; some of them are valid.
+std::string RandomText(std::minstd_rand& random) {
+  static const std::vector<std::string> kPieces = {
+      "{",          "}",     "[",      "]",         ",",      ":",       "\"a\"",      "\"b\":",
+      "\"a\":[0],", "0",     "-1.5e3", "true",      "null",   " ",       "\n",         "\r\n",
+      "\r",         "/*c*/", "/*\n*/", "/*c\r\n*/", "//c\n",  "//c\r",   "//",         "/*",
+      "*/",         "/",     "\"",     "\\",        "\"/*\"", "[1,[2]]", "{\"c\":{}}", std::string(1, '\0'),
+      "tru",        "1e999", "\xff",   "[]"};
+  std::string text;
+  for (auto count = 1 + random() % 14; count > 0; --count) text += kPieces[random() % kPieces.size()];
+  switch (random() % 4) {  // most texts without a frame are no JSON
+    case 0:
+      return "[" + text + "]";
+    case 1:
+      return "{\"a\":" + text + "}";
+    case 2:
+      return "[0/*c*/," + text + "//c\n]//c";
+    default:
+      return text;
+  }
+}
+
+TEST(FromStringTest, AcceptsTheSameTextsAsTheSameValuesWhetherItDropsCommentsOrCollectsThem) {
+  std::minstd_rand random(1);
+  int accepted = 0;
+  int commented = 0;
+  for (int count = 0; count < 60'000; ++count) {
+    const std::string text = RandomText(random);
+    Json::Value dropped;
+    Json::Value collected;
+    const bool accepts = FromString(text, dropped, Comments::kDrop);
+    ASSERT_EQ(FromString(text, collected, Comments::kCollect), accepts) << text;
+    if (!accepts) continue;
+    ++accepted;
+    commented += text.find("/*c") != std::string::npos || text.find("//c") != std::string::npos ? 1 : 0;
+    ASSERT_EQ(dropped, collected) << text;
+    ASSERT_EQ(ToString(dropped), ToString(collected)) << text;
+  }
+  EXPECT_GT(accepted, 5000);
+  EXPECT_GT(commented, 2000);
 }
 
 TEST(FromStringTest, AcceptsWhatJsonReaderAcceptsAndNotWhatItsSuccessorDoes) {
@@ -94,7 +176,8 @@ TEST(ToStringTest, WritesAsciiOnly) { EXPECT_EQ(ToString(Json::Value("\u00e9\xff
 
 TEST(ToStringTest, DropsComments) {
   Json::Value value;
-  ASSERT_TRUE(FromString("// one\n{\"a\": 1 // two\n} // three\n", value));
+  ASSERT_TRUE(FromString("// one\n{\"a\": 1 // two\n} // three\n", value, Comments::kCollect));
+  ASSERT_TRUE(value["a"].hasComment(Json::commentAfterOnSameLine));
   EXPECT_EQ(ToString(value), R"({"a":1})");
 }
 
