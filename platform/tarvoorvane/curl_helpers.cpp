@@ -1,10 +1,10 @@
 // The curl helpers. Run in the transmission child. What every transfer of the daemon has in common besides
-// the daemon's own options is set here: TLS is verified, http and https only, no redirects, no proxies, no
-// signals, no .netrc.
+// the daemon's own options is set here: TLS is verified, http and https only, HTTP/1.1, no redirects, no proxies, no
+// signals, no .netrc; and whatever the server sends is bounded.
 #include "curl_helpers.h"
 
+#include <linux/tcp.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <strings.h>
 #include <sys/auxv.h>
 #include <sys/socket.h>
@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -65,9 +66,66 @@ void CheckHandle(const CurlHandle& handle, const char* caller) {
   }
 }
 
+/// What a server has sent in one attempt besides the answer's body; libcurl's callbacks look at it.
+struct Attempt {
+  curl_socket_t socket = CURL_SOCKET_BAD;  ///< libcurl's.
+  size_t header_bytes = 0;
+  size_t header_lines = 0;
+  std::string fault;  ///< Why a callback has ended the attempt; empty when none has.
+};
+
 /// libcurl calls it for each new socket, before it connects.
-int PrepareSocket(void*, curl_socket_t socket, curlsocktype) {
+int PrepareSocket(void* attempt, curl_socket_t socket, curlsocktype) {
+  if (attempt != nullptr) static_cast<Attempt*>(attempt)->socket = socket;
   return Internal::LimitDeadPeer(socket, Internal::kDeadPeerLimit) ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
+}
+
+/// Whether a header line names another transfer coding than "chunked". libcurl undoes the others unasked, up to five
+/// inside one another, and so some kilobytes keep it busy for hours, without a look at its time limits.
+bool IsUnaskedCoding(std::string_view line) {
+  constexpr std::string_view kName = "transfer-encoding:";
+  if (line.size() < kName.size() || strncasecmp(line.data(), kName.data(), kName.size()) != 0) return false;
+  line.remove_prefix(kName.size());
+  constexpr std::string_view kBlanks = " \t\r\n";
+  line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
+  line = line.substr(0, line.find_last_not_of(kBlanks) + 1);
+  const auto is = [line](std::string_view coding) {
+    return line.size() == coding.size() && strncasecmp(line.data(), coding.data(), coding.size()) == 0;
+  };
+  return !is("chunked") && !is("identity");
+}
+
+std::string FaultOfHeaderLine(Attempt& attempt, std::string_view line) {
+  attempt.header_bytes += line.size();
+  ++attempt.header_lines;
+  if (attempt.header_bytes > Internal::kMaxHeaderBytes || attempt.header_lines > Internal::kMaxHeaderLines) {
+    return "the answer's head lines, with interim answers and trailers, are more than " +
+           std::to_string(Internal::kMaxHeaderBytes) + " bytes or " +
+           std::to_string(Internal::kMaxHeaderLines) + " lines";
+  }
+  return IsUnaskedCoding(line) ? "the answer has another transfer coding than chunked" : "";
+}
+
+/// libcurl calls it for each line of a head, of an interim answer's head and of the trailers. It keeps them all, some
+/// hundred bytes more for each, and has no bound of its own for trailers.
+size_t CheckHeaderLine(char* line, size_t size, size_t count, void* data) {
+  auto& attempt = *static_cast<Attempt*>(data);
+  attempt.fault = FaultOfHeaderLine(attempt, {line, size * count});
+  return attempt.fault.empty() ? size * count : 0;
+}
+
+/// libcurl calls it again and again. What libcurl reads and drops (the extensions of chunks, TLS records without
+/// content) passes no other callback.
+int CheckReceivedBytes(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  auto& attempt = *static_cast<Attempt*>(data);
+  tcp_info info{};
+  socklen_t size = sizeof info;
+  if (getsockopt(attempt.socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0 ||
+      info.tcpi_bytes_received <= Internal::kMaxReceivedBytes) {
+    return 0;
+  }
+  attempt.fault = "the server has sent more than " + std::to_string(Internal::kMaxReceivedBytes) + " bytes";
+  return 1;
 }
 
 bool HasAesHardware() {
@@ -128,9 +186,25 @@ bool AnswerIsFull(const CurlHandle& handle) {
   return answer != nullptr && answer->size() >= Internal::kMaxAnswerBytes;
 }
 
-std::string FailureText(const CurlHandle& handle, CURLcode code, const char* detail) {
+/// For the coming transfer; null when it is over.
+void SetAttempt(const CurlHandle& handle, Attempt* attempt) {
+  const bool is_on = attempt != nullptr;
+  SET_OPTION(handle, CURLOPT_SOCKOPTDATA, static_cast<void*>(attempt));
+  SET_OPTION(handle, CURLOPT_HEADERDATA, static_cast<void*>(attempt));
+  SET_OPTION(handle, CURLOPT_HEADERFUNCTION, is_on ? &CheckHeaderLine : nullptr);
+  SET_OPTION(handle, CURLOPT_XFERINFODATA, static_cast<void*>(attempt));
+  SET_OPTION(handle, CURLOPT_XFERINFOFUNCTION, is_on ? &CheckReceivedBytes : nullptr);
+  SET_OPTION(handle, CURLOPT_NOPROGRESS, is_on ? 0L : 1L);
+}
+
+std::string FailureText(const CurlHandle& handle, CURLcode code, const char* detail,
+                        const std::string& fault) {
   std::string text = std::string("CurlPerform: ") + curl_easy_strerror(code);
   if (detail[0] != '\0') text += ": " + Internal::MakePrintable(detail, kMaxErrorText);
+  if (!fault.empty()) return text + ": " + fault;
+  if (text.find("Out of memory") != std::string::npos) {
+    text += ", or one line of the answer's head or trailers was longer than libcurl takes";
+  }
   if (code == CURLE_WRITE_ERROR && AnswerIsFull(handle)) {
     text += ": the answer, with those of earlier attempts, is longer than " +
             std::to_string(Internal::kMaxAnswerBytes) + " bytes and was cut off";
@@ -154,10 +228,13 @@ bool Internal::LimitDeadPeer(int socket, std::chrono::seconds limit) {
 void Internal::PerformTransfer(CurlHandle& handle, const std::string& tls_folder) {
   if (!IsPlaintext(handle)) SetTlsFiles(handle, tls_folder);
   char detail[CURL_ERROR_SIZE] = "";
+  Attempt attempt;
   curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, detail);
+  SetAttempt(handle, &attempt);
   const CURLcode code = curl_easy_perform(handle.get());
   curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, nullptr);
-  if (code != CURLE_OK) throw CurlFailedException(code, FailureText(handle, code, detail));
+  SetAttempt(handle, nullptr);
+  if (code != CURLE_OK) throw CurlFailedException(code, FailureText(handle, code, detail, attempt.fault));
 }
 
 namespace Utils {
@@ -171,6 +248,7 @@ void CurlSetupWriteToString(CurlHandle& handle, std::string& out) {
   SET_OPTION(handle, CURLOPT_PROTOCOLS_STR, "http,https");
   SET_OPTION(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   SET_OPTION(handle, CURLOPT_DEFAULT_PROTOCOL, "https");
+  SET_OPTION(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   SET_OPTION(handle, CURLOPT_PROXY, "");
   SET_OPTION(handle, CURLOPT_FOLLOWLOCATION, 0L);
   SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));

@@ -148,7 +148,7 @@ CURLcode FailureOfGet(const std::string& url, std::string* message = nullptr) {
 TEST(CurlPerformTest, TheAnswersBodyIsAppendedToTheString) {
   HttpServer server;
   CurlHandle handle = NewHandle(server.url());
-  server.answer = std::string(300'000, 'a') + '\0' + "end";
+  server.answer = std::string(100'000, 'a') + '\0' + "end";
   std::string out = "before ";
   CurlSetupWriteToString(handle, out);
   CurlPerform(handle);
@@ -233,10 +233,116 @@ TEST(CurlAnswerTest, OneThatExceedsTheLimitTogetherWithTheFormerAttemptsIsCutOff
   for (int attempt = 0; attempt < 2; ++attempt) {
     std::string message;
     EXPECT_EQ(FailureOf(handle, &message), CURLE_WRITE_ERROR);
-    EXPECT_THAT(message, HasSubstr("is longer than 16777216 bytes and was cut off"));
+    EXPECT_THAT(message, HasSubstr("is longer than 262144 bytes and was cut off"));
     EXPECT_EQ(out.size(), Internal::kMaxAnswerBytes);
   }
   EXPECT_THAT(out, testing::EndsWith(" answe"));
+}
+
+// ---- What else a server may send. ----
+
+void Send(int connection, const std::string& bytes) {
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    const ssize_t count = send(connection, &bytes[sent], bytes.size() - sent, MSG_NOSIGNAL);
+    if (count <= 0) return;
+    sent += static_cast<size_t>(count);
+  }
+}
+
+/// How a request ends that is answered by these bytes, after which the connection is closed.
+class AnsweredBy {
+ public:
+  explicit AnsweredBy(std::string bytes)
+      : bytes_(std::move(bytes)), server_([this](int connection) {
+          Testing::ReadHead(connection);
+          Send(connection, bytes_);
+          shutdown(connection, SHUT_WR);
+        }) {
+    CurlSetupWriteToString(handle_, out_);
+  }
+
+  /// One attempt.
+  /// @return "good", or why it failed.
+  std::string Attempt() {
+    curl_easy_setopt(handle_.get(), CURLOPT_URL, server_.url().c_str());
+    std::string message;
+    return FailureOf(handle_, &message) == CURLE_OK ? "good" : message;
+  }
+
+ private:
+  const std::string bytes_;
+  const ScriptedTcpServer server_;
+  CurlHandle handle_ = NewHandle("");
+  std::string out_;
+};
+
+std::string Repeated(const std::string& text, size_t times) {
+  std::string all;
+  for (size_t i = 0; i < times; ++i) all += text;
+  return all;
+}
+
+const std::string kStatusLine = "HTTP/1.1 200 OK\r\n";
+const std::string kChunked = kStatusLine + "Transfer-Encoding: chunked\r\n\r\n";
+const std::string kLastChunk = "6\r\nanswer\r\n0\r\n";
+const auto kTooMuchHead = HasSubstr(
+    ": the answer's head lines, with interim answers and trailers, are more than 65536 bytes or 1000 lines");
+
+TEST(CurlHeadTest, AsManyLinesAsTheLimitAreTakenAndOneMoreIsNot) {
+  // The status line and the empty line count.
+  const std::string lines = Repeated("A: b\r\n", Internal::kMaxHeaderLines - 2);
+  EXPECT_EQ(AnsweredBy(kStatusLine + lines + "\r\n").Attempt(), "good");
+  EXPECT_THAT(AnsweredBy(kStatusLine + "C: d\r\n" + lines + "\r\n").Attempt(), kTooMuchHead);
+}
+
+TEST(CurlHeadTest, AsManyBytesAsTheLimitAreTakenAndOneMoreIsNot) {
+  const size_t others = kStatusLine.size() + std::string("A: \r\n\r\n").size();
+  const std::string value(Internal::kMaxHeaderBytes - others, 'x');
+  EXPECT_EQ(AnsweredBy(kStatusLine + "A: " + value + "\r\n\r\n").Attempt(), "good");
+  EXPECT_THAT(AnsweredBy(kStatusLine + "A: " + value + "x\r\n\r\n").Attempt(), kTooMuchHead);
+}
+
+TEST(CurlHeadTest, TrailersAndInterimAnswersCountToo) {
+  const std::string half = Repeated("A: b\r\n", Internal::kMaxHeaderLines / 2);
+  const std::string interim = "HTTP/1.1 103 Early Hints\r\n" + half + "\r\n";
+  const std::string trailers = kLastChunk + half + "\r\n";
+  EXPECT_EQ(AnsweredBy(interim + kChunked + kLastChunk + "\r\n").Attempt(), "good");
+  EXPECT_EQ(AnsweredBy(kChunked + trailers).Attempt(), "good");
+  EXPECT_THAT(AnsweredBy(interim + kChunked + trailers).Attempt(), kTooMuchHead);
+  EXPECT_THAT(AnsweredBy(interim + interim + kChunked + kLastChunk + "\r\n").Attempt(), kTooMuchHead);
+}
+
+TEST(CurlHeadTest, EachAttemptBeginsAfresh) {
+  AnsweredBy server(kStatusLine + Repeated("A: b\r\n", Internal::kMaxHeaderLines - 2) + "\r\n");
+  for (int attempt = 0; attempt < 5; ++attempt) EXPECT_EQ(server.Attempt(), "good");
+}
+
+TEST(CurlHeadTest, ATransferCodingThatNobodyAskedForIsRefused) {
+  for (const char* const coding :
+       {"gzip", "gzip, chunked", "chunked, gzip", "zstd", "identity, gzip", "", "chunked;q=1"}) {
+    const std::string head = kStatusLine + "transfer-ENCODING: " + coding + "\r\n";
+    EXPECT_THAT(AnsweredBy(head + "\r\n" + kLastChunk + "\r\n").Attempt(),
+                HasSubstr(": the answer has another transfer coding than chunked"))
+        << coding;
+  }
+  EXPECT_EQ(AnsweredBy(kStatusLine + "Transfer-Encoding:\t ChunkeD \r\n\r\n" + kLastChunk + "\r\n").Attempt(),
+            "good");
+}
+
+TEST(CurlHeadTest, OneLineWithoutAnEndIsNotTakenForAMissingMemoryAlone) {
+  const std::string line = "A: " + std::string(200'000, 'x');
+  for (const std::string& answer : {kStatusLine + line, kChunked + "0\r\n" + line}) {
+    EXPECT_THAT(AnsweredBy(answer).Attempt(),
+                HasSubstr(", or one line of the answer's head or trailers was longer than libcurl takes"));
+  }
+}
+
+TEST(CurlHeadTest, WhatIsDroppedUnseenIsBoundedByTheBytesThatCome) {
+  const std::string extension(Internal::kMaxReceivedBytes / 2, 'x');
+  EXPECT_EQ(AnsweredBy(kChunked + "1;" + extension + "\r\n1\r\n0\r\n\r\n").Attempt(), "good");
+  EXPECT_THAT(AnsweredBy(kChunked + "1;" + Repeated(extension, 16)).Attempt(),
+              HasSubstr(": the server has sent more than 4194304 bytes"));
 }
 
 /// A form with one part of this size.
@@ -268,6 +374,25 @@ TEST(CurlUploadTest, AServerThatNeverSays100ContinueIsNotWaitedFor) {
     ASSERT_EQ(out, "answer");
   }
   EXPECT_TRUE(came_sooner);
+}
+
+/// More than the sockets' buffers hold: who reads nothing of it stops the client.
+constexpr size_t kMoreThanBuffersHold = 32UL << 20;
+constexpr char kRefusal[] = "HTTP/1.1 403 Forbidden\r\nContent-Length: 7\r\n\r\nrefused";
+
+TEST(CurlUploadTest, ARefusalIsHeardWhileTheBodyIsSentThoughTheServerReadsNoneOfIt) {
+  const ScriptedTcpServer server([](int connection) {
+    Testing::ReadHead(connection);
+    Send(connection, kRefusal);
+  });
+  const CurlHttpPost form = FormOf(kMoreThanBuffersHold);
+  CurlHandle handle = NewHandle(server.url());
+  std::string out;
+  CurlSetupWriteToString(handle, out);
+  curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
+  curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, 60L);  // while the server keeps the connection
+  EXPECT_EQ(FailureOf(handle), CURLE_OK);
+  EXPECT_EQ(out, "refused");
 }
 
 TEST(CurlDeadPeerTest, EveryConnectionHasTheLimitOfTwoMinutes) {
@@ -314,8 +439,6 @@ void Die(int connection) {
   const sock_fprog program{1, &drop_all};
   ASSERT_EQ(setsockopt(connection, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
 }
-
-constexpr size_t kMoreThanBuffersHold = 32UL << 20;
 
 TEST(CurlDeadPeerTest, OneThatDiesDuringTheUploadIsGivenUpBeforeTheTransfersLimit) {
   const ScriptedTcpServer server([](int connection) {
@@ -477,9 +600,29 @@ TEST_F(CurlTlsTest, APlaintextRequestDoesNotNeedTheFiles) {
 /// Takes any client's certificate.
 int TakeAnyCertificate(int, X509_STORE_CTX*) { return 1; }
 
-/// A handler that answers a TLS request; `client` becomes the client's certificate, empty when it has shown none.
-std::function<void(int)> ServeTls(const TestCertificate& own, std::string& client) {
-  return [own, &client](int connection) {
+/// Takes HTTP/2 where it is offered, and keeps what is.
+int PreferHttp2(SSL*, const unsigned char** out, unsigned char* size, const unsigned char* offered,
+                unsigned offered_size, void* kept) {
+  static_cast<std::string*>(kept)->assign(reinterpret_cast<const char*>(offered), offered_size);
+  static constexpr unsigned char kPreferred[] = "\x02h2\x08http/1.1";
+  return SSL_select_next_proto(const_cast<unsigned char**>(out), size, kPreferred, sizeof kPreferred - 1,
+                               offered, offered_size) == OPENSSL_NPN_NEGOTIATED
+             ? SSL_TLSEXT_ERR_OK
+             : SSL_TLSEXT_ERR_NOACK;
+}
+
+constexpr char kLastAnswer[] = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 6\r\n\r\nanswer";
+
+/// What a client of ServeTls() has shown.
+struct TlsClient {
+  std::string certificate;  ///< Empty when it has none.
+  std::string protocols;    ///< As they stand in its greeting, a length before each.
+};
+
+/// A handler that gives a TLS request's head that answer.
+std::function<void(int)> ServeTls(const TestCertificate& own, TlsClient& client,
+                                  const std::string& answer = kLastAnswer) {
+  return [own, &client, answer](int connection) {
     const std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> context(SSL_CTX_new(TLS_server_method()),
                                                                &SSL_CTX_free);
     const auto certificate = Testing::ParseCertificate(own.certificate);
@@ -487,21 +630,35 @@ std::function<void(int)> ServeTls(const TestCertificate& own, std::string& clien
     SSL_CTX_use_certificate(context.get(), certificate.get());
     SSL_CTX_use_PrivateKey(context.get(), key.get());
     SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, &TakeAnyCertificate);
+    SSL_CTX_set_alpn_select_cb(context.get(), &PreferHttp2, &client.protocols);
     const std::unique_ptr<SSL, void (*)(SSL*)> ssl(SSL_new(context.get()), &SSL_free);
     SSL_set_fd(ssl.get(), connection);
     if (SSL_accept(ssl.get()) != 1) return;
     const std::unique_ptr<X509, void (*)(X509*)> shown(SSL_get1_peer_certificate(ssl.get()), &X509_free);
-    client = shown ? Testing::CertificateText(shown.get()) : "";
+    client.certificate = shown ? Testing::CertificateText(shown.get()) : "";
     char request[4096];
     SSL_read(ssl.get(), request, sizeof request);
-    SSL_write(ssl.get(), Testing::kAnswer, sizeof Testing::kAnswer - 1);
-    SSL_shutdown(ssl.get());
-    shutdown(connection, SHUT_RDWR);
+    SSL_write(ssl.get(), answer.data(), static_cast<int>(answer.size()));
   };
 }
 
+TEST_F(CurlTlsTest, OnlyHttp11IsOfferedAndARefusalIsHeardWhileTheBodyIsSent) {
+  TlsClient client;
+  const ScriptedTcpServer server(ServeTls(certificate_, client, kRefusal));
+  Trust(certificate_);
+  const CurlHttpPost form = FormOf(kMoreThanBuffersHold);
+  CurlHandle handle = NewHandle("https://" + server.host_and_port());
+  std::string out;
+  CurlSetupWriteToString(handle, out);
+  curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
+  curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, 60L);  // while the server keeps the connection
+  EXPECT_EQ(FailureOf(handle, nullptr, folder_.File("")), CURLE_OK);
+  EXPECT_EQ(out, "refused");
+  EXPECT_EQ(client.protocols, "\x08http/1.1");
+}
+
 TEST_F(CurlTlsTest, TheFilesAreReadAfreshAtEachAttempt) {
-  std::string client;
+  TlsClient client;
   const ScriptedTcpServer server(ServeTls(certificate_, client));
   CurlHandle handle = NewHandle(server.host_and_port());
   std::string out;
@@ -512,14 +669,14 @@ TEST_F(CurlTlsTest, TheFilesAreReadAfreshAtEachAttempt) {
   EXPECT_EQ(attempt(), CURLE_SSL_CERTPROBLEM);
   Trust(certificate_);
   EXPECT_EQ(attempt(), CURLE_OK);
-  EXPECT_EQ(client, "");
+  EXPECT_EQ(client.certificate, "");
   WriteClientFiles();
   EXPECT_EQ(attempt(), CURLE_OK);
-  EXPECT_EQ(client, device_.certificate);
+  EXPECT_EQ(client.certificate, device_.certificate);
   std::filesystem::remove(folder_.File("client.pem"));
   std::filesystem::remove(folder_.File("client.key"));
   EXPECT_EQ(attempt(), CURLE_OK);
-  EXPECT_EQ(client, "");
+  EXPECT_EQ(client.certificate, "");
   Trust(device_);
   EXPECT_EQ(attempt(), CURLE_PEER_FAILED_VERIFICATION);
 }
