@@ -1,28 +1,35 @@
 // The platform core library for an ordinary Linux machine: pid file, forks, a look for a file.
 //
-// One process holds the pid file at a time. What tells is a record lock on the file, not its content: the
-// kernel drops the lock with the process, however it ends, so a stale file never keeps a daemon from
-// starting.
+// One process holds the pid file at a time. What tells is a write lock on the file, not its content: the kernel
+// drops the lock with the process, however it ends, so a stale file never keeps a daemon from starting.
+//
+// Any user could lock a file that he once might read, and keep that lock. So every daemon makes a file of its own,
+// which nobody else ever could open: first beside the pid file, with ".new" behind its name, then renamed to it. Who
+// holds the lock of the file with that name may look at the pid file and replace it; no two processes do at a time.
 
 #include "platform/core.h"
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
-#include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-/// The locked pid file; -1 when this process holds none. It stays open for the life of the process: closing
-/// any descriptor of the file would drop the lock.
+/// The locked pid file; -1 when this process holds none. It stays open for the life of the process: closing any
+/// descriptor of the file would drop the lock.
 int pid_file_fd = -1;
 
-bool IsRegularFile(int fd) {
-  struct stat status = {};
-  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-}
+constexpr mode_t kOwnersMode = 0600;
+
+/// Several daemons that start at once may put each other off; each time one of them gets further.
+constexpr int kMaxTries = 100;
+
+/// Keeps tokens that the process will hold out of core dumps, and processes of the same user out of its memory.
+void ShieldMemory() { (void)prctl(PR_SET_DUMPABLE, 0); }
 
 /// Takes the lock on the whole file without waiting for a holder.
 bool LockWholeFile(int fd) {
@@ -32,11 +39,35 @@ bool LockWholeFile(int fd) {
   return fcntl(fd, F_SETLK, &lock) == 0;
 }
 
-/// Replaces the file's content in place, so that its inode, and the lock with it, stays.
+/// Whether `path` names the open file.
+bool IsNamed(int fd, const char* path) {
+  struct stat opened = {};
+  struct stat named = {};
+  return fstat(fd, &opened) == 0 && lstat(path, &named) == 0 && opened.st_dev == named.st_dev &&
+         opened.st_ino == named.st_ino;
+}
+
+/// Whether only this user can have opened the file.
+bool IsPrivate(const struct stat& file) {
+  return S_ISREG(file.st_mode) && file.st_uid == geteuid() && file.st_nlink <= 1 &&
+         (file.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+}
+
+/// Whether a daemon holds the file: only who may write to a file can have a write lock on it.
+bool HasDaemonsLock(int fd, const struct stat& file) {
+  const bool is_a_daemons =
+      (file.st_uid == geteuid() || file.st_uid == 0) && (file.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;  // which others' read locks don't keep away
+  lock.l_whence = SEEK_SET;
+  return is_a_daemons && fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_WRLCK;
+}
+
 bool WriteOwnPid(int fd) {
   char text[16];
   const int length = snprintf(text, sizeof(text), "%d\n", static_cast<int>(getpid()));
-  return ftruncate(fd, 0) == 0 && pwrite(fd, text, static_cast<size_t>(length), 0) == length;
+  return fchmod(fd, kOwnersMode) == 0 && ftruncate(fd, 0) == 0 &&
+         pwrite(fd, text, static_cast<size_t>(length), 0) == length;
 }
 
 int CloseFailed(int fd) {
@@ -46,12 +77,62 @@ int CloseFailed(int fd) {
   return -1;
 }
 
+/// Opens and locks the file that may become the pid file.
+/// @return -1, with errno set, on failure: EAGAIN or EACCES when another daemon is starting.
+int OpenFresh(const char* fresh) {
+  for (int tries = 0; tries < kMaxTries; ++tries) {
+    const int fd = open(fresh, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kOwnersMode);
+    struct stat status = {};
+    if (fd < 0 || fstat(fd, &status) != 0) return fd < 0 ? -1 : CloseFailed(fd);
+    if (!IsPrivate(status)) {
+      errno = EPERM;
+      return CloseFailed(fd);
+    }
+    if (!LockWholeFile(fd)) return CloseFailed(fd);
+    if (IsNamed(fd, fresh)) return fd;
+    close(fd);  // its former holder has renamed or removed it
+  }
+  errno = EAGAIN;
+  return -1;
+}
+
+/// Whether the pid file, if there is one, may be replaced. errno tells why not.
+bool IsFree(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return errno == ENOENT;
+  struct stat status = {};
+  errno = EINVAL;
+  bool is_free = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  if (is_free && HasDaemonsLock(fd, status)) {
+    is_free = false;
+    errno = EAGAIN;
+  }
+  const int error = errno;
+  close(fd);
+  errno = error;
+  return is_free;
+}
+
+/// Gives up the file that is not to become the pid file.
+int DropFresh(int fd, const char* fresh) {
+  const int error = errno;
+  unlink(fresh);
+  errno = error;
+  return CloseFailed(fd);
+}
+
 }  // namespace
 
 /// A process records itself once: a further call fails with EALREADY as long as the process holds a pid file.
-/// The file must be a regular file, or not exist yet; a symbolic link in its place is refused. errno tells
-/// the cause of a failure: EAGAIN or EACCES when another process holds the file.
+/// What has its place must be a regular file, or not exist yet; a symbolic link is refused. errno tells the cause
+/// of a failure: EAGAIN or EACCES when another daemon has the file or is about to take it, EPERM when the file
+/// that is to become it is there already and is not this user's alone.
+///
+/// From here on the process leaves no core dump, and none but root may trace it or look into its memory; nor its
+/// children.
 int TLIBCProcPidFileCreate(const char* path) {
+  ShieldMemory();
+  char fresh[PATH_MAX];
   if (path == nullptr || *path == '\0') {
     errno = EINVAL;
     return -1;
@@ -60,24 +141,24 @@ int TLIBCProcPidFileCreate(const char* path) {
     errno = EALREADY;
     return -1;
   }
-  // O_NONBLOCK: a pipe or a device in the file's place must not hold the start.
-  const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
-  if (fd < 0) return -1;
-  if (!IsRegularFile(fd)) {
-    errno = EINVAL;
-    return CloseFailed(fd);
+  if (snprintf(fresh, sizeof(fresh), "%s.new", path) >= static_cast<int>(sizeof(fresh))) {
+    errno = ENAMETOOLONG;
+    return -1;
   }
-  if (!LockWholeFile(fd) || !WriteOwnPid(fd)) return CloseFailed(fd);
+  const int fd = OpenFresh(fresh);
+  if (fd < 0) return -1;
+  if (!WriteOwnPid(fd) || !IsFree(path) || rename(fresh, path) != 0) return DropFresh(fd, fresh);
   pid_file_fd = fd;
   return 0;
 }
 
-/// The child doesn't inherit the lock on the pid file, and its copy of the descriptor is closed, so that it
-/// keeps nothing of its parent's pid file.
+/// The child doesn't inherit the lock on the pid file, and its copy of the descriptor is closed, so that it keeps
+/// nothing of its parent's pid file. It leaves no core dump and can't be traced, whether or not its parent is so.
 int TLIBCProcFork() {
   const pid_t pid = fork();
-  if (pid == 0 && pid_file_fd >= 0) {
-    close(pid_file_fd);
+  if (pid == 0) {
+    ShieldMemory();
+    if (pid_file_fd >= 0) close(pid_file_fd);
     pid_file_fd = -1;
   }
   return pid;

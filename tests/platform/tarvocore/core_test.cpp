@@ -1,9 +1,14 @@
 #include "platform/core.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,14 +18,17 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kDeadlineMs = 10'000;
+constexpr int kDeadlineMs = 30'000;
 
 /// A process forked by a test. It runs one piece of code, which the constructor waits for,
 /// then stays until it is told to end.
@@ -69,12 +77,63 @@ class Process {
     End();
   }
 
+  /// Ends the process by a signal. Returns its wait status.
+  int EndBy(int signal) {
+    int status = 0;
+    kill(pid_, signal);
+    waitpid(pid_, &status, 0);
+    close(to_);
+    to_ = -1;
+    return status;
+  }
+
   [[nodiscard]] pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
   int answer_ = -1000;
   int to_ = -1;
+};
+
+/// A process forked by a test that waits for the gate, a pipe, to be closed before it runs its code, and then stays.
+class AtOnce {
+ public:
+  AtOnce(const int (&gate)[2], const std::function<int()>& work) {
+    int up[2];
+    if (pipe2(up, O_CLOEXEC) != 0) abort();
+    pid_ = fork();
+    if (pid_ == 0) {
+      char byte = 0;
+      close(gate[1]);
+      if (read(gate[0], &byte, 1) != 0) _exit(1);
+      const int answer = work();
+      if (write(up[1], &answer, sizeof(answer)) == sizeof(answer)) pause();
+      _exit(0);
+    }
+    close(up[1]);
+    from_ = up[0];
+  }
+  AtOnce(const AtOnce&) = delete;
+  AtOnce& operator=(const AtOnce&) = delete;
+  ~AtOnce() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    close(from_);
+  }
+
+  /// What the process's work returned; -1000 when it gave no answer in time. To be asked once.
+  [[nodiscard]] int Answer() const {
+    int answer = -1000;
+    pollfd wait = {from_, POLLIN, 0};
+    if (poll(&wait, 1, kDeadlineMs) != 1 || read(from_, &answer, sizeof(answer)) != sizeof(answer))
+      return -1000;
+    return answer;
+  }
+  [[nodiscard]] pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_ = -1;
+  int from_ = -1;
 };
 
 std::string Content(const fs::path& path) {
@@ -97,6 +156,42 @@ bool HasOpen(const fs::path& path) {
   return false;
 }
 
+constexpr uid_t kNobody = 65534;
+
+/// As the processes of an ordinary user are, whoever runs the test. What changed its user can't be traced.
+void BecomeOrdinaryUser() {
+  if (geteuid() == 0 &&
+      (setresgid(kNobody, kNobody, kNobody) != 0 || setresuid(kNobody, kNobody, kNobody) != 0))
+    abort();
+  if (prctl(PR_SET_DUMPABLE, 1) != 0) abort();
+}
+
+/// All locks that a reader can have. They last as long as the process.
+int LockForReading(const fs::path& path) {
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;
+  const int first = open(path.c_str(), O_RDONLY);
+  const int second = open(path.c_str(), O_RDONLY);
+  return fcntl(first, F_SETLK, &lock) == 0 && fcntl(second, F_OFD_SETLK, &lock) == 0 &&
+                 flock(first, LOCK_EX) == 0
+             ? 0
+             : -errno;
+}
+
+int LockForWriting(const fs::path& path) {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  return fcntl(open(path.c_str(), O_RDWR), F_SETLK, &lock) == 0 ? 0 : -errno;
+}
+
+bool MayLookInto(pid_t pid, const std::string& file) {
+  const int fd = open(("/proc/" + std::to_string(pid) + "/" + file).c_str(), O_RDONLY | O_CLOEXEC);
+  char byte = 0;
+  const bool may = fd >= 0 && (read(fd, &byte, 1) == 1 || file == "mem");
+  close(fd);
+  return may;
+}
+
 class TarvoCoreTest : public testing::Test {
  protected:
   TarvoCoreTest() {
@@ -116,6 +211,8 @@ class TarvoCoreTest : public testing::Test {
   std::function<int()> Creation() {
     return [this] { return Create(); };
   }
+  /// Lets an ordinary user into the folder, and lets him write there.
+  void LetOthersIn() const { fs::permissions(folder_, static_cast<fs::perms>(0777)); }
 
   fs::path folder_;
   fs::path pid_file_;
@@ -127,7 +224,7 @@ TEST_F(TarvoCoreTest, PidFileHoldsTheCallersIdAndANewline) {
   EXPECT_EQ(Content(pid_file_), std::to_string(daemon.pid()) + "\n");
   struct stat status = {};
   ASSERT_EQ(stat(pid_file_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07133U, 0U) << "not executable, written by nobody else";
+  EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
 TEST_F(TarvoCoreTest, PidFileOfALiveHolderIsRefusedAndLeftAsItIs) {
@@ -155,16 +252,147 @@ TEST_F(TarvoCoreTest, PidFileOfAnEndedHolderIsTaken) {
   EXPECT_EQ(Content(pid_file_), std::to_string(second.pid()) + "\n");
 }
 
-TEST_F(TarvoCoreTest, PidFileIsRewrittenInPlace) {
+TEST_F(TarvoCoreTest, PidFileIsAFreshOneOfTheOwnersAlone) {
   Write(pid_file_, "a much longer content than any process id\nand a second line\n");
-  struct stat before = {};
-  ASSERT_EQ(stat(pid_file_.c_str(), &before), 0);
-  const Process daemon(Creation());
+  fs::permissions(pid_file_, static_cast<fs::perms>(0644));
+  fs::create_hard_link(pid_file_, folder_ / "second name");
+  const Process daemon([this] {
+    umask(0);
+    return Create();
+  });
   ASSERT_EQ(daemon.Answer(), 0);
-  struct stat after = {};
-  ASSERT_EQ(stat(pid_file_.c_str(), &after), 0);
-  EXPECT_EQ(after.st_ino, before.st_ino);
+  struct stat status = {};
+  ASSERT_EQ(stat(pid_file_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0600U);
+  EXPECT_EQ(status.st_nlink, 1U);
   EXPECT_EQ(Content(pid_file_), std::to_string(daemon.pid()) + "\n");
+  EXPECT_THAT(Content(folder_ / "second name"), testing::EndsWith("second line\n"));
+  EXPECT_FALSE(fs::exists(folder_ / "daemon.pid.new"));
+}
+
+TEST_F(TarvoCoreTest, LocksOfOthersOnAPidFileThatTheyMightReadDoNotCount) {
+  Write(pid_file_, "1\n");
+  fs::permissions(pid_file_, static_cast<fs::perms>(0644));
+  LetOthersIn();
+  const Process neighbour([this] {
+    BecomeOrdinaryUser();
+    return LockForReading(pid_file_);
+  });
+  ASSERT_EQ(neighbour.Answer(), 0);
+  Process first(Creation());
+  EXPECT_EQ(first.Answer(), 0);
+  EXPECT_LT(Process(Creation()).Answer(), 0) << "the neighbour's lock must not hide the daemon's";
+  first.Kill();
+  EXPECT_EQ(Process(Creation()).Answer(), 0);
+}
+
+TEST_F(TarvoCoreTest, WriteLockOnAFileOfAnotherUserOrOneThatOthersMayWriteToDoesNotCount) {
+  Write(pid_file_, "1\n");
+  fs::permissions(pid_file_, static_cast<fs::perms>(0666));
+  LetOthersIn();
+  const Process neighbour([this] {
+    BecomeOrdinaryUser();
+    return LockForWriting(pid_file_);
+  });
+  ASSERT_EQ(neighbour.Answer(), 0);
+  EXPECT_EQ(Process(Creation()).Answer(), 0);
+
+  fs::remove(pid_file_);
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
+  Write(pid_file_, "1\n");
+  ASSERT_EQ(chown(pid_file_.c_str(), kNobody, kNobody), 0);
+  const Process other([this] {
+    BecomeOrdinaryUser();
+    return LockForWriting(pid_file_);
+  });
+  ASSERT_EQ(other.Answer(), 0);
+  EXPECT_EQ(Process(Creation()).Answer(), 0);
+}
+
+TEST_F(TarvoCoreTest, LockOfADaemonThatMadeItsFileReadableToAllCounts) {
+  Write(pid_file_, "1\n");
+  fs::permissions(pid_file_, static_cast<fs::perms>(0644));
+  const Process daemon([this] { return LockForWriting(pid_file_); });
+  ASSERT_EQ(daemon.Answer(), 0);
+  EXPECT_EQ(Process(Creation()).Answer(), -EAGAIN);
+  EXPECT_EQ(Content(pid_file_), "1\n");
+}
+
+TEST_F(TarvoCoreTest, WhatAStartThatWasCutShortLeftIsTaken) {
+  Write(folder_ / "daemon.pid.new", "123456789\n");
+  fs::permissions(folder_ / "daemon.pid.new", static_cast<fs::perms>(0600));
+  const Process daemon(Creation());
+  EXPECT_EQ(daemon.Answer(), 0);
+  EXPECT_EQ(Content(pid_file_), std::to_string(daemon.pid()) + "\n");
+  EXPECT_FALSE(fs::exists(folder_ / "daemon.pid.new"));
+}
+
+TEST_F(TarvoCoreTest, FileInItsWayThatOthersMayOpenIsRefusedAndLeftAlone) {
+  Write(folder_ / "daemon.pid.new", "precious");
+  fs::permissions(folder_ / "daemon.pid.new", static_cast<fs::perms>(0644));
+  EXPECT_EQ(Process(Creation()).Answer(), -EPERM);
+  EXPECT_EQ(Content(folder_ / "daemon.pid.new"), "precious");
+  EXPECT_FALSE(fs::exists(pid_file_));
+}
+
+TEST_F(TarvoCoreTest, OfManyThatStartAtOnceExactlyOneRuns) {
+  constexpr int kRounds = 30;
+  constexpr int kStarters = 6;
+  for (int round = 0; round < kRounds; ++round) {
+    // In every third round there is what a start that was cut short left.
+    if (round % 3 == 1) fs::rename(pid_file_, folder_ / "daemon.pid.new");
+    int gate[2];
+    ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
+    std::vector<std::unique_ptr<AtOnce>> starters;
+    for (int i = 0; i < kStarters; ++i) starters.push_back(std::make_unique<AtOnce>(gate, Creation()));
+    close(gate[0]);
+    close(gate[1]);  // now they all begin
+    std::string holder;
+    int running = 0;
+    for (const auto& starter : starters) {
+      const int answer = starter->Answer();
+      if (answer == 0) {
+        ++running;
+        holder = std::to_string(starter->pid()) + "\n";
+      } else {
+        EXPECT_TRUE(answer == -EAGAIN || answer == -EACCES) << answer;
+      }
+    }
+    ASSERT_EQ(running, 1) << "round " << round;
+    EXPECT_EQ(Content(pid_file_), holder);
+    EXPECT_FALSE(fs::exists(folder_ / "daemon.pid.new"));
+  }
+}
+
+TEST_F(TarvoCoreTest, DaemonsLeaveNoCoreAndCannotBeLookedIntoByTheirUser) {
+  LetOthersIn();
+  using ForkCall = std::function<int()>;
+  const std::pair<std::function<int()>, ForkCall> kinds[] = {
+      {Creation(), fork},
+      {[] { return 0; }, TLIBCProcFork},
+      {[] { return 0; }, [] { return TLIBCProcForkEx(0x41); }}};
+  for (const auto& [work, fork_call] : kinds) {
+    // All of them run as the same ordinary user, and as one whose processes may be traced.
+    const Process tracer([&, &made = work, &call = fork_call] {
+      BecomeOrdinaryUser();
+      rlimit core = {};
+      if (chdir(folder_.c_str()) != 0 || getrlimit(RLIMIT_CORE, &core) != 0) return -1;
+      core.rlim_cur = core.rlim_max;
+      if (setrlimit(RLIMIT_CORE, &core) != 0) return -2;
+      Process open_one([] { return 0; });
+      if (!MayLookInto(open_one.pid(), "environ")) return -3;
+      Process daemon(made, call);
+      if (daemon.Answer() != 0) return -4;
+      if (MayLookInto(daemon.pid(), "environ") || MayLookInto(daemon.pid(), "mem")) return -5;
+      if (ptrace(PTRACE_SEIZE, daemon.pid(), nullptr, nullptr) == 0 || errno != EPERM) return -6;
+      const int status = daemon.EndBy(SIGSEGV);
+      return WIFSIGNALED(status) && !WCOREDUMP(status) ? 0 : -7;
+    });
+    EXPECT_EQ(tracer.Answer(), 0);
+  }
+  for (const auto& entry : fs::directory_iterator(folder_)) {
+    EXPECT_EQ(entry.path().filename().string().find("core"), std::string::npos) << entry.path();
+  }
 }
 
 TEST_F(TarvoCoreTest, SecondCallOfTheHolderFailsAndKeepsTheLock) {
