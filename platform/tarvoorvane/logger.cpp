@@ -8,9 +8,12 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
+#include <system_error>
+#include <utility>
 
 #include "library_log.h"
 #include "platform/support_service_client.h"
@@ -39,17 +42,25 @@ std::string Now() {
   return text;
 }
 
-/// Opens the log file for appending. Lines quote tickets, so nobody but the owner may read it.
-ScopedFd OpenLogFile(const std::string& path) {
-  ScopedFd file(
-      open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+/// Opens the log file for appending. Lines quote tickets, so nobody but the owner may read it, and it must not be what
+/// somebody else may have put there: a file of his own, or a second name of a file that is no log.
+/// @param fault  Why it can't be opened; untouched otherwise.
+ScopedFd OpenLogFile(const std::string& path, std::string& fault) {
+  ScopedFd file(open(path.c_str(),
+                     O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
   struct stat status {};
-  if (!file || fstat(file.get(), &status) != 0) return ScopedFd();
-  if (!S_ISREG(status.st_mode)) {
-    errno = EINVAL;
+  if (!file || fstat(file.get(), &status) != 0) {
+    fault = std::generic_category().message(errno);
     return ScopedFd();
   }
-  if (fchmod(file.get(), 0600) != 0) return ScopedFd();
+  if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || status.st_nlink > 1) {
+    fault = "it is no file of the daemon's own with one name; remove it";
+    return ScopedFd();
+  }
+  if (fchmod(file.get(), 0600) != 0) {
+    fault = std::generic_category().message(errno);
+    return ScopedFd();
+  }
   return file;
 }
 
@@ -81,22 +92,27 @@ bool IsNamed(int fd, const std::string& path) {
 
 /// Renames the full file, unless another process is about to or has done so. Nobody waits for the lock, so that a
 /// process that is stopped while it holds it stops no other.
-void RenameFullFile(const ScopedFd& file, const std::string& path) {
-  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) return;
+/// @param locked_or_not  Somebody has held the lock for too long; he may have opened the file when its mode let him.
+void RenameFullFile(const ScopedFd& file, const std::string& path, bool locked_or_not) {
+  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 && !locked_or_not) return;
   if (IsNamed(file.get(), path)) (void)rename(path.c_str(), (path + ".1").c_str());
   (void)flock(file.get(), LOCK_UN);
 }
 
-/// The file to go on with: the one that `path` names, or a new one in the place of a full one.
-/// @return None when it can't be opened.
-ScopedFd OpenSuccessor(const std::string& path, size_t max_file_bytes) {
-  ScopedFd file = OpenLogFile(path);
+size_t SizeOf(const ScopedFd& file) {
   struct stat status {};
-  if (!file || fstat(file.get(), &status) != 0 || static_cast<size_t>(status.st_size) < max_file_bytes) {
-    return file;
-  }
-  RenameFullFile(file, path);
-  return OpenLogFile(path);
+  return file && fstat(file.get(), &status) == 0 ? static_cast<size_t>(status.st_size) : 0;
+}
+
+/// The file to go on with: the one that `path` names, or a new one in the place of a full one.
+/// @return None when it can't be opened, or when a file twice as large as it may be can't be renamed.
+ScopedFd OpenSuccessor(const std::string& path, size_t max_file_bytes) {
+  std::string fault;
+  ScopedFd file = OpenLogFile(path, fault);
+  if (SizeOf(file) < max_file_bytes) return file;
+  RenameFullFile(file, path, SizeOf(file) >= 2 * max_file_bytes);
+  ScopedFd next = OpenLogFile(path, fault);
+  return SizeOf(next) < 2 * max_file_bytes ? std::move(next) : ScopedFd();
 }
 
 /// The one logger object. Writing takes no lock: each line has its own duplicate of the descriptor, so that it is
@@ -113,17 +129,14 @@ class FileLogger final : public Utils::LoggerManager {
   }
 
   /// Lets go of the former file in any case.
-  bool Open(const std::string& path, size_t max_file_bytes) {
+  /// @param fault  Why it can't be opened.
+  bool Open(const std::string& path, size_t max_file_bytes, std::string& fault) {
     const std::lock_guard<std::mutex> lock(mutex_);
     path_ = path;
     max_file_bytes_ = max_file_bytes;
-    const ScopedFd file = OpenLogFile(path);
-    const int open_errno = errno;
+    const ScopedFd file = OpenLogFile(path, fault);
     const bool opened = file && Use(file);
-    if (!opened) {
-      UseNothing();
-      errno = open_errno;
-    }
+    if (!opened) UseNothing();
     return opened;
   }
 
@@ -152,12 +165,17 @@ class FileLogger final : public Utils::LoggerManager {
     return outcome;
   }
 
-  /// Goes over to the file's successor; stays where it is while there is none.
+  /// Goes over to the file's successor. While there is none lines go to syslog: a file that stays full, or has no
+  /// name, would take the disk unseen.
   void Follow() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (path_.empty()) return;
     const ScopedFd successor = OpenSuccessor(path_, max_file_bytes_);
-    if (successor) Use(successor);
+    if (successor) {
+      Use(successor);
+    } else {
+      UseNothing();
+    }
   }
 
   bool Use(const ScopedFd& file) {
@@ -205,9 +223,10 @@ void ReconfigureLogger(const LoggerOptions& options) {
     if (was_on) TheLogger().Close();
     return;
   }
-  if (!TheLogger().Open(options.log_file, options.max_file_bytes)) {
-    syslog(LOG_ERR, "libtarvoorvane: The log file %s can't be opened, log lines stay in syslog: %m",
-           options.log_file.c_str());
+  std::string fault;
+  if (!TheLogger().Open(options.log_file, options.max_file_bytes, fault)) {
+    syslog(LOG_ERR, "libtarvoorvane: The log file %s can't be opened, log lines stay in syslog: %s",
+           options.log_file.c_str(), fault.c_str());
     SetInstance(nullptr);
     return;
   }
@@ -215,6 +234,8 @@ void ReconfigureLogger(const LoggerOptions& options) {
     syslog(LOG_NOTICE, "libtarvoorvane: Log lines go to %s for as long as %s exists",
            options.log_file.c_str(), options.flag_file.c_str());
   }
+  // A limit on the size of files, inherited from who started the daemon, is an error of a write and no end.
+  (void)std::signal(SIGXFSZ, SIG_IGN);
   SetInstance(&TheLogger());
 }
 

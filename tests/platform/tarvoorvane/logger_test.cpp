@@ -4,12 +4,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <map>
 #include <numeric>
@@ -127,6 +129,89 @@ TEST_F(LoggerTest, AFifoOrALinkIsNoLogFile) {
   ReconfigureLogger(options_);
   EXPECT_EQ(LoggerManager::instance_, nullptr);
   EXPECT_FALSE(std::filesystem::exists(folder_.File("elsewhere")));
+}
+
+/// The log lines of a logger that may not use its file go to syslog, and the file stays as it is.
+void ExpectRefused(const std::string& content, const std::string& file) {
+  EXPECT_EQ(LoggerManager::instance_, nullptr);
+  EXPECT_THAT(TakeSyslogText(), HasSubstr("no file of the daemon's own with one name; remove it"));
+  EXPECT_EQ(content, "his\n");
+  struct stat status {};
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0644u);
+}
+
+TEST_F(LoggerTest, AFileOfAnotherUserIsNoLogFile) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
+  constexpr uid_t kNobody = 65534;
+  folder_.Write("log", "his\n");
+  ASSERT_EQ(chmod(options_.log_file.c_str(), 0644), 0);
+  ASSERT_EQ(chown(options_.log_file.c_str(), kNobody, kNobody), 0);
+  TurnOn();
+  ExpectRefused(folder_.Read("log"), options_.log_file);
+}
+
+TEST_F(LoggerTest, ASecondNameOfAFileIsNoLogFile) {
+  ASSERT_EQ(chmod(folder_.Write("other", "his\n").c_str(), 0644), 0);
+  std::filesystem::create_hard_link(folder_.File("other"), options_.log_file);
+  TurnOn();
+  ExpectRefused(folder_.Read("other"), folder_.File("other"));
+}
+
+TEST_F(LoggerTest, WhileTheRemovedFileHasNoSuccessorLinesGoToSyslogAndNowhereElse) {
+  TurnOn();
+  const ScopedFd removed(open(options_.log_file.c_str(), O_RDONLY | O_CLOEXEC));
+  std::filesystem::remove(options_.log_file);
+  std::filesystem::create_directory(options_.log_file);
+  TakeSyslogLines();
+  for (int i = 0; i < 3; ++i) LoggerManager::instance_->Log(LOG_ERR, "text");
+  EXPECT_EQ(TakeSyslogText(), "text\ntext\ntext\n");
+  struct stat status {};
+  ASSERT_EQ(fstat(removed.get(), &status), 0);
+  EXPECT_LT(status.st_size, 200) << "lines that nobody can read take the disk";
+  std::filesystem::remove(options_.log_file);
+  LoggerManager::instance_->Log(LOG_ERR, "again");
+  EXPECT_THAT(folder_.Read("log"), EndsWith(" again\n"));
+}
+
+TEST_F(LoggerTest, AFullFileThatCannotBeRenamedTakesNoMoreThanTwiceItsLimit) {
+  options_.max_file_bytes = 1000;
+  std::filesystem::create_directory(folder_.File("log.1"));
+  TurnOn();
+  TakeSyslogLines();
+  for (int i = 0; i < 50; ++i) LoggerManager::instance_->Log(LOG_ERR, std::string(100, 'x'));
+  EXPECT_LT(folder_.Read("log").size(), 2300u);
+  EXPECT_GT(TakeSyslogLines().size(), 30u);
+  std::filesystem::remove(folder_.File("log.1"));
+  LoggerManager::instance_->Log(LOG_ERR, "again");
+  EXPECT_THAT(folder_.Read("log"), EndsWith(" again\n"));
+}
+
+TEST_F(LoggerTest, ALockThatANeighbourKeepsDoesNotLetTheFileGrow) {
+  options_.max_file_bytes = 1000;
+  TurnOn();
+  // He opened it when its mode let him.
+  const ScopedFd neighbour(open(options_.log_file.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(neighbour.get(), LOCK_EX), 0);
+  for (int i = 0; i < 50; ++i) LoggerManager::instance_->Log(LOG_ERR, std::string(100, 'x'));
+  EXPECT_LT(folder_.Read("log").size(), 2300u);
+  EXPECT_LT(folder_.Read("log.1").size(), 2300u);
+}
+
+TEST_F(LoggerTest, ALimitOnTheSizeOfFilesEndsNoProcess) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit limit = {300, 300};
+    if (signal(SIGXFSZ, SIG_DFL) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(1);
+    TurnOn();
+    TakeSyslogLines();
+    LoggerManager::instance_->Log(LOG_ERR, std::string(1000, 'x'));  // up to the limit
+    LoggerManager::instance_->Log(LOG_ERR, "beyond it");
+    _exit(TakeSyslogText() == std::string(1000, 'x') + "\nbeyond it\n" ? 0 : 2);
+  }
+  int status = 1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(LoggerTest, ALineCarriesTimeWithOffsetProcessAndLevel) {
