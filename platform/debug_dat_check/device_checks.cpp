@@ -13,17 +13,22 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <set>
 #include <system_error>
 
 #include "app_description.h"
 #include "file_util.h"
+#include "redaction_rules.h"
+#include "trusted_path.h"
 
 namespace DebugDatCheck {
 namespace {
 
 namespace fs = std::filesystem;
+using TARVO::SupportForm::Distrust;
 using TARVO::SupportForm::ErrorText;
 using TARVO::SupportForm::Limits;
+using TARVO::SupportForm::OpenTrusted;
 using TARVO::SupportForm::Paths;
 using TarvoOrvane::Internal::LoadTlsFiles;
 using TarvoOrvane::Internal::ReadSerialNumber;
@@ -34,6 +39,8 @@ constexpr char kConfiguration[] = "configuration";
 constexpr char kTls[] = "TLS files";
 constexpr char kSerial[] = "serial number";
 constexpr char kSpace[] = "free space";
+constexpr char kPatterns[] = "pattern file";
+constexpr char kDebugLog[] = "debug log";
 constexpr char kApplication[] = "application";
 
 /// Far more than two addresses need.
@@ -42,6 +49,20 @@ constexpr std::size_t kMaxConfigurationBytes = std::size_t{1} << 20;
 constexpr char kConfigurationForm[] =
     R"(Write {"debug_dat_file_transmitter": {"grpc_server": {"url": "https://HOST:PORT"}, )"
     R"("css_server": {"url": "https://HOST"}}} there, then restart the daemon)";
+
+/// What others could change in a path's place, be anything there or not.
+Distrust DistrustOf(const std::string& path) { return OpenTrusted(path, O_PATH).distrust; }
+
+Check Distrusted(const std::string& name, const Distrust& distrust) {
+  return Problem(name, distrust.text, distrust.advice);
+}
+
+/// `check`, unless it is no problem and others could change what lies under the path.
+Check UnlessDistrusted(const Check& check, const std::string& path) {
+  if (check.state == State::kProblem) return check;
+  const Distrust distrust = DistrustOf(path);
+  return distrust ? Distrusted(check.name, distrust) : check;
+}
 
 // ---- configuration ----
 
@@ -167,7 +188,7 @@ Check CheckConfiguration(const std::string& path, ServiceUrls& urls) {
   std::string css_fault = TakeUrl(root, "css_server", urls.css);
   if (css_fault == notification_fault) css_fault.clear();  // both servers lack the same thing
   if (notification_fault.empty() && css_fault.empty()) {
-    return Ok(kConfiguration, path + " names both servers");
+    return UnlessDistrusted(Ok(kConfiguration, path + " names both servers"), path);
   }
   const bool both = !notification_fault.empty() && !css_fault.empty();
   return Problem(kConfiguration, path + ": " + notification_fault + (both ? ", " : "") + css_fault,
@@ -185,13 +206,19 @@ std::vector<Check> CheckTlsFiles(const std::string& folder, std::optional<TlsFil
     checks.push_back(Problem(kTls, problem.substr(0, end), advice));
   }
   if (!checks.empty()) return checks;
+  std::set<std::string> told;
+  for (const char* name : {"/ca.pem", "/client.pem", "/client.key"}) {
+    const Distrust distrust = DistrustOf(folder + name);
+    if (distrust && told.insert(distrust.text).second) checks.push_back(Distrusted(kTls, distrust));
+  }
   const std::string trust = files.authorities.empty()
                                 ? "the system's authorities are trusted (no " + folder + "/ca.pem)"
                                 : "the authorities in " + folder + "/ca.pem are trusted, and no others";
   const std::string identity =
       files.client_key.empty() ? "" : ", and the device shows " + folder + "/client.pem";
   out = std::move(files);
-  return {Ok(kTls, trust + identity)};
+  if (checks.empty()) checks.push_back(Ok(kTls, trust + identity));
+  return checks;
 }
 
 Check CheckSerialNumber(const SerialNumberPaths& paths) {
@@ -209,7 +236,7 @@ Check CheckSerialNumber(const SerialNumberPaths& paths) {
     if (source.file != paths.configured && access(paths.configured.c_str(), F_OK) == 0) {
       return Warning(kSerial, text + ", because " + paths.configured + " holds no serial number", advice);
     }
-    return Ok(kSerial, text);
+    return UnlessDistrusted(Ok(kSerial, text), paths.configured);
   }
   const std::string refused = hidden.empty() ? "" : " (" + hidden + ": " + ErrorText(EACCES) + ")";
   return Problem(kSerial, "none is found, so the service can't tell this device from others" + refused,
@@ -217,6 +244,7 @@ Check CheckSerialNumber(const SerialNumberPaths& paths) {
 }
 
 Check CheckFreeSpace(const Paths& paths, const Limits& limits) {
+  if (const Distrust distrust = DistrustOf(paths.state)) return Distrusted(kSpace, distrust);
   const std::string folder = NearestFolder(paths.state);
   struct statvfs status {};
   if (statvfs(folder.c_str(), &status) != 0) {
@@ -241,7 +269,36 @@ Check CheckFreeSpace(const Paths& paths, const Limits& limits) {
   return Ok(kSpace, text);
 }
 
+Check CheckPatterns(const Paths& paths) {
+  constexpr std::size_t kMaxBytes = TARVO::SupportForm::RedactionRules::kMaxFileBytes;
+  const std::string advice = "Mend the file, or remove it; until then nothing is collected";
+  std::string text;
+  bool more = false;
+  Distrust distrust;
+  if (TARVO::SupportForm::ReadTrustedFile(paths.redaction, kMaxBytes, text, more, distrust)) {
+    return more ? Problem(kPatterns,
+                          paths.redaction + " is longer than " + std::to_string(kMaxBytes) + " bytes", advice)
+                : Ok(kPatterns, paths.redaction + " can be read");
+  }
+  const int error = errno;
+  if (distrust) return Distrusted(kPatterns, distrust);
+  std::error_code ignored;
+  if (error == ENOENT && !fs::is_symlink(paths.redaction, ignored)) {
+    return Ok(kPatterns, "none (no " + paths.redaction + "): the built-in rules hold");
+  }
+  return Problem(kPatterns, paths.redaction + " can't be read: " + ErrorText(error), advice);
+}
+
+Check CheckDebugFlag(const TarvoOrvane::Internal::LoggerOptions& logger) {
+  const bool on = access(logger.flag_file.c_str(), F_OK) == 0;
+  return UnlessDistrusted(
+      Ok(kDebugLog, on ? "log lines go to " + logger.log_file + ", because there is " + logger.flag_file
+                       : "off: log lines go to syslog (no " + logger.flag_file + ")"),
+      logger.flag_file);
+}
+
 std::vector<Check> CheckApplications(const Paths& paths, const Limits& limits) {
+  if (const Distrust distrust = DistrustOf(paths.descriptions)) return {Distrusted(kApplication, distrust)};
   const std::string advice =
       "Describe each application whose data may be asked for in " + paths.descriptions + "/NAME.json";
   std::error_code error;

@@ -1,4 +1,5 @@
-/// Checks of what lies on the device. None of them changes anything.
+/// Checks of what lies on the device. None of them changes anything. What others than root could change, there or in a
+/// folder above, is a problem.
 #pragma once
 
 #include <optional>
@@ -7,6 +8,7 @@
 
 #include "check.h"
 #include "collection_limits.h"
+#include "logger.h"
 #include "serial_number.h"
 #include "tls_files.h"
 
@@ -33,6 +35,12 @@ struct ServiceUrls {
 /// Looks at the file system that archives are made on, which need not have their folder yet.
 [[nodiscard]] Check CheckFreeSpace(const TARVO::SupportForm::Paths& paths,
                                    const TARVO::SupportForm::Limits& limits);
+
+/// Reads the file of further patterns as a collection does, but does not compile them.
+[[nodiscard]] Check CheckPatterns(const TARVO::SupportForm::Paths& paths);
+
+/// Tells where log lines go.
+[[nodiscard]] Check CheckDebugFlag(const TarvoOrvane::Internal::LoggerOptions& logger);
 
 /// Reads every application description as a collection does.
 /// @return One check for each entry of the folder, or a single one, in the order of their names.

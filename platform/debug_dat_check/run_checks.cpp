@@ -74,6 +74,8 @@ void RunChecks(const Places& places, const ServerLimits& limits, const Report& r
   const TARVO::SupportForm::Limits collection_limits;
   report(CheckSerialNumber(places.serial_number));
   report(CheckFreeSpace(places.collection, collection_limits));
+  report(CheckPatterns(places.collection));
+  report(CheckDebugFlag(places.logger));
   for (const Check& check : CheckApplications(places.collection, collection_limits)) report(check);
 }
 

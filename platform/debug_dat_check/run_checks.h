@@ -6,6 +6,7 @@
 
 #include "check.h"
 #include "collection_limits.h"
+#include "logger.h"
 #include "serial_number.h"
 #include "server_checks.h"
 #include "ticket_client.h"
@@ -19,6 +20,7 @@ struct Places {
   std::string tls_folder = TarvoOrvane::Internal::kTlsFolder;
   std::string system_roots = TarvoOrvane::Internal::TicketClientOptions().system_roots_file;
   TarvoOrvane::Internal::SerialNumberPaths serial_number;
+  TarvoOrvane::Internal::LoggerOptions logger;
   TARVO::SupportForm::Paths collection;
 };
 

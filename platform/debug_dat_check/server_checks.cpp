@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <grpcpp/create_channel.h>
 #include <grpcpp/security/credentials.h>
 #include <netdb.h>
@@ -12,6 +13,7 @@
 #include <cerrno>
 #include <future>
 #include <memory>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -20,6 +22,7 @@
 #include "file_util.h"
 #include "platform/support_service_client.h"
 #include "tarvo/support/v1/notification.grpc.pb.h"
+#include "trusted_path.h"
 
 namespace DebugDatCheck {
 namespace {
@@ -31,6 +34,7 @@ using TarvoOrvane::Utils::CurlFailedException;
 using TarvoOrvane::Utils::CurlHandle;
 
 constexpr char kNotificationAddress[] = "notification address";
+constexpr std::string_view kUnixScheme = "unix:";
 constexpr char kStream[] = "notification stream";
 constexpr char kCssAddress[] = "CSS address";
 constexpr char kCssServer[] = "CSS server";
@@ -299,6 +303,13 @@ Check CheckNotificationAddress(const std::string& url, std::optional<Address>& o
     return Problem(kNotificationAddress, fault, "Correct grpc_server.url, then restart the daemon");
   }
   out = address;
+  if (address.target.rfind(kUnixScheme, 0) == 0) {
+    // gRPC does not ask who listens: it is who may put a socket there.
+    const std::string path = address.target.substr(kUnixScheme.size());
+    const auto distrust =
+        TARVO::SupportForm::OpenTrusted(path.substr(0, path.rfind('/') + 1), O_PATH | O_DIRECTORY).distrust;
+    if (distrust) return Warning(kNotificationAddress, url + ": " + distrust.text, distrust.advice);
+  }
   return UsableAddress(kNotificationAddress, url, HostOf(address), address.tls);
 }
 
@@ -333,7 +344,7 @@ Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out) {
 
 std::string HostOf(const Address& address) {
   std::string host = address.target.substr(address.target.find(':') + 1);
-  if (address.target.rfind("unix:", 0) == 0) return {};
+  if (address.target.rfind(kUnixScheme, 0) == 0) return {};
   host.resize(host.rfind(':'));
   host.erase(0, host.find_first_not_of("/["));
   if (host.back() == ']') host.pop_back();

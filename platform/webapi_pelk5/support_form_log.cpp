@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <json/reader.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,11 +47,11 @@ Json::Value SupportFormLog::Collect(const Json::Value& params) {
                    R"("app_list" is missing or not an array of application names)");
   }
   const UniqueFd state = OpenStateFolder(paths_.state);
-  LockStateFolder(state.get(), limits_.prepare_wait_ms);
+  UniqueFd starting = LockStateFolder(paths_.state, limits_.prepare_wait_ms);
   RemoveLeftovers(state.get());
   ForgetRemoved(state.get());
   NewTask task = CreateTask(state.get());
-  flock(state.get(), LOCK_UN);  // From here on the task's own locks tell that it is alive.
+  starting.Close();  // From here on the task's own locks tell that it is alive.
 
   try {
     StartDetached(task.lock.get(), [&] { return work_(paths_, task.id, app_list); });

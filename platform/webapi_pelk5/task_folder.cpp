@@ -14,6 +14,7 @@
 
 #include "api_error.h"
 #include "file_util.h"
+#include "trusted_path.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -32,6 +33,15 @@ void MakeParents(const std::string& path) {
     const std::string parent = path.substr(0, slash);
     if (mkdir(parent.c_str(), 0755) != 0 && errno != EEXIST) Fail("the folder " + parent + " can't be made");
   }
+}
+
+std::string ParentOf(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
+
+/// Refuses a folder, which need not be there, if somebody else has a say in what lies there: he could put a folder of
+/// his in the place of ours, and have the caller upload and delete what is his choice.
+void RefuseForeign(const std::string& folder) {
+  const OpenedPath judged = OpenTrusted(folder, O_PATH | O_DIRECTORY);
+  if (judged.distrust) throw ApiError(ApiErrorCode::kSystem, judged.distrust.Line());
 }
 
 std::string RandomId() {
@@ -78,8 +88,10 @@ bool IsTaskId(const std::string& text) {
 }
 
 UniqueFd OpenStateFolder(const std::string& path) {
+  RefuseForeign(ParentOf(path));
   MakeParents(path);
   if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) Fail("the folder " + path + " can't be made");
+  RefuseForeign(ParentOf(path));
   UniqueFd fd(open(path.c_str(), kFolderFlags));
   struct stat status = {};
   if (!fd.valid() || fstat(fd.get(), &status) != 0) Fail("the folder " + path + " can't be opened");
@@ -96,9 +108,12 @@ UniqueFd OpenTaskFolder(const std::string& state_path, const std::string& task_i
   return UniqueFd(open((state_path + "/" + task_id).c_str(), kFolderFlags));
 }
 
-void LockStateFolder(int state_fd, unsigned wait_ms) {
+UniqueFd LockStateFolder(const std::string& path, unsigned wait_ms) {
+  UniqueFd lock(open((path + ".lock").c_str(),
+                     O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
+  if (!lock.valid()) Fail("the file " + path + ".lock can't be opened");
   const std::int64_t deadline = MonotonicMs() + wait_ms;
-  while (flock(state_fd, LOCK_EX | LOCK_NB) != 0) {
+  while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) Fail("the state folder can't be locked");
     if (MonotonicMs() >= deadline) {
       throw ApiError(ApiErrorCode::kSystem,
@@ -106,6 +121,7 @@ void LockStateFolder(int state_fd, unsigned wait_ms) {
     }
     SleepMs(kLockLookMs);
   }
+  return lock;
 }
 
 NewTask CreateTask(int state_fd) {

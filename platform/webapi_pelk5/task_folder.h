@@ -8,8 +8,9 @@
 /// kernel drops them with their holder, however it ends. Probing takes a shared lock, so that two that probe at the
 /// same moment don't take each other for the holder.
 ///
-/// The state folder itself is locked by "collect" while it removes leftovers and makes its own folder, so
-/// that no folder is looked at whose locks are not taken yet.
+/// The state folder is locked by "collect" while it removes leftovers and makes its own folder, so that no folder is
+/// looked at whose locks are not taken yet. The lock is that of the file <state>.lock, which nobody else can open, and not
+/// the folder's own: where an operator lets others read that, they could keep it locked.
 #pragma once
 
 #include <string>
@@ -39,15 +40,15 @@ struct NewTask {
 [[nodiscard]] bool IsTaskId(const std::string& text);
 
 /// Opens the state folder, and makes it where it is missing.
-/// @throws ApiError when that fails, or when the folder is one that others may write to.
+/// @throws ApiError when that fails, or when others may write to the folder or have a say in one above it.
 [[nodiscard]] UniqueFd OpenStateFolder(const std::string& path);
 
 /// Opens a task's folder. Invalid, with errno set, when there is none.
 [[nodiscard]] UniqueFd OpenTaskFolder(const std::string& state_path, const std::string& task_id);
 
-/// Locks the state folder until `state_fd` is closed or unlocked.
-/// @throws ApiError when another process holds it for longer than `wait_ms`.
-void LockStateFolder(int state_fd, unsigned wait_ms);
+/// Locks the state folder for as long as the result is kept.
+/// @throws ApiError when another process holds the lock for longer than `wait_ms`.
+[[nodiscard]] UniqueFd LockStateFolder(const std::string& path, unsigned wait_ms);
 
 /// Makes a folder for a new task and takes both its locks. The state folder is locked.
 /// @throws ApiError when that fails.

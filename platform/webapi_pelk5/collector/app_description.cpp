@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "file_util.h"
+#include "trusted_path.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -185,8 +186,10 @@ AppDescription LoadAppDescription(const Paths& paths, const Limits& limits, cons
   const std::string path = paths.descriptions + "/" + name + ".json";
   std::string text;
   bool more = false;
-  if (!ReadFileUpTo(path, limits.description_bytes, text, more)) {
+  Distrust distrust;
+  if (!ReadTrustedFile(path, limits.description_bytes, text, more, distrust)) {
     const int error = errno;
+    if (distrust) throw DescriptionError(path + " is not used: " + distrust.Line());
     throw DescriptionError(error == ENOENT ? "unknown application: there is no description " + path
                                            : path + " can't be read: " + ErrorText(error));
   }

@@ -16,6 +16,7 @@
 
 #include "archive_writer.h"
 #include "file_util.h"
+#include "trusted_path.h"
 #include "unique_fd.h"
 
 namespace TARVO::SupportForm {
@@ -259,7 +260,7 @@ CommandResult WaitForEnd(pid_t group, pid_t pid, const CommandRequest& request, 
 std::string CommandResult::Text() const {
   switch (end) {
     case End::kNotStarted:
-      return "not started: " + ErrorText(code);
+      return "not started: " + (distrust.empty() ? ErrorText(code) : distrust);
     case End::kExited:
       return "exit status " + std::to_string(code);
     case End::kSignalled:
@@ -273,11 +274,12 @@ std::string CommandResult::Text() const {
 }
 
 CommandResult RunCommand(const CommandRequest& request, int output_fd) {
-  const auto not_started = [](int error) {
-    return CommandResult{CommandResult::End::kNotStarted, error, false};
-  };
+  const auto not_started = [](int error) { return CommandResult{CommandResult::End::kNotStarted, error}; };
   const std::string program = FindProgram(request.argv.front(), request.programs);
   if (program.empty()) return not_started(ENOENT);
+  const OpenedPath judged = OpenTrusted(program, O_PATH);
+  if (judged.distrust) return {CommandResult::End::kNotStarted, EPERM, false, judged.distrust.Line()};
+  if (judged.error != 0) return not_started(judged.error);
   const Guardian guardian;  // before the pipe, so that it holds no end of it
   if (guardian.group() <= 0) return not_started(errno);
   int ends[2];
@@ -291,7 +293,7 @@ CommandResult RunCommand(const CommandRequest& request, int output_fd) {
                         .Spawn(pid, program, request);
   if (error != 0) return not_started(error);
   write_end.Close();
-  const CommandResult result = WaitForEnd(guardian.group(), pid, request, output);
+  CommandResult result = WaitForEnd(guardian.group(), pid, request, output);
   if (output.write_error() != 0) {
     throw ArchiveFailed("a command's output can't be stored: " + ErrorText(output.write_error()));
   }

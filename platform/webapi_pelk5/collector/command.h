@@ -34,6 +34,8 @@ struct CommandResult {
   End end = End::kNotStarted;
   int code = 0;
   bool begin_lost = false;  ///< The output was longer than its kept end.
+  std::string
+      distrust{};  ///< Why it was not started, though it could have been: others can change the program.
 
   /// One line for people, "exit status 1".
   [[nodiscard]] std::string Text() const;

@@ -11,6 +11,7 @@
 
 #include "file_util.h"
 #include "secret_finder.h"
+#include "trusted_path.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -27,13 +28,17 @@ std::string TakeMessage(hs_compile_error_t* error, int& expression) {
 
 /// Reads the pattern file; empty where there is none.
 std::string ReadPatternFile(const std::string& path) {
-  struct stat info = {};
-  // Asked first: a link that leads nowhere is no missing file.
-  if (lstat(path.c_str(), &info) != 0 && errno == ENOENT) return "";
   std::string text;
   bool more = false;
-  if (!ReadFileUpTo(path, RedactionRules::kMaxFileBytes, text, more)) {
-    throw RedactionError(path + " can't be read: " + ErrorText(errno) + kWhatToDo);
+  Distrust distrust;
+  if (!ReadTrustedFile(path, RedactionRules::kMaxFileBytes, text, more, distrust)) {
+    const int error = errno;
+    // Also where there is no file: who may write to a folder above may have removed it.
+    if (distrust) throw RedactionError(path + " is not used: " + distrust.Line());
+    struct stat info = {};
+    // A link that leads nowhere is no missing file.
+    if (error == ENOENT && lstat(path.c_str(), &info) != 0 && errno == ENOENT) return "";
+    throw RedactionError(path + " can't be read: " + ErrorText(error) + kWhatToDo);
   }
   if (more) {
     throw RedactionError(path + " is longer than " + std::to_string(RedactionRules::kMaxFileBytes) +

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -91,6 +92,28 @@ TEST_F(ConfigurationCheckTest, FaultThatBothServersShareIsToldOnce) {
   EXPECT_EQ(CheckText("[]").text, temp_.File("conf") + ": the document is no object");
 }
 
+TEST_F(ConfigurationCheckTest, FileOrFolderAboveThatOthersCanChangeIsAProblemThoughItsContentIsGood) {
+  const std::string good =
+      R"({"debug_dat_file_transmitter": {"grpc_server": {"url": "a:1"}, "css_server": {"url": "b"}}})";
+  const std::string path = temp_.Write("conf", good);
+  for (const mode_t mode : {mode_t{0664}, mode_t{0646}}) {
+    chmod(path.c_str(), mode);
+    EXPECT_THAT(CheckConfiguration(path, urls_),
+                AllOf(IsProblem("conf (owner "), IsProblem(mode == 0664 ? "mode 0664" : "mode 0646"),
+                      Advises("chmod go-w " + path)));
+    EXPECT_EQ(urls_.css, "b") << "the servers can be looked at all the same";
+  }
+  chmod(path.c_str(), 0644);
+  chmod(temp_.File("").c_str(), 0777);
+  EXPECT_THAT(CheckConfiguration(path, urls_), IsProblem("mode 0777) can be changed by others"));
+  chmod(temp_.File("").c_str(), 0700);
+  EXPECT_THAT(CheckConfiguration(path, urls_), IsOk("names both servers"));
+  if (geteuid() != 0) return;  // only root can give a file away
+  ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
+  EXPECT_THAT(CheckConfiguration(path, urls_),
+              AllOf(IsProblem("(owner user 65534, mode 0644)"), Advises("chown root " + path)));
+}
+
 class TlsFilesCheckTest : public ::testing::Test {
  protected:
   TempDir temp_;
@@ -123,6 +146,13 @@ TEST_F(TlsFilesCheckTest, EachFaultIsAProblemOfItsOwnWithItsAdvice) {
       ElementsAre(AllOf(IsProblem("ca.pem: holds no PEM certificate"), Advises("Put the authorities'")),
                   AllOf(IsProblem("client.key: is missing"), Advises("or remove client.pem"))));
   EXPECT_FALSE(files_);
+}
+
+TEST_F(TlsFilesCheckTest, FolderThatOthersCanChangeIsOneProblem) {
+  chmod(temp_.File("").c_str(), 0777);
+  EXPECT_THAT(CheckTlsFiles(temp_.File(""), files_),
+              ElementsAre(AllOf(IsProblem("mode 0777"), Advises("chmod go-w"))));
+  EXPECT_TRUE(files_);
 }
 
 class SerialNumberCheckTest : public ::testing::Test {
@@ -168,6 +198,11 @@ TEST_F(SerialNumberCheckTest, SourceThatAnOrdinaryUserMayNotReadIsWarnedOf) {
   EXPECT_THAT(CheckSerialNumber(paths_), AllOf(Warns("this may not read " + paths_.dmi), Advises("as root")));
 }
 
+TEST_F(SerialNumberCheckTest, NumberThatOthersCanChangeIsAProblem) {
+  chmod(temp_.Write("configured", "C-1\n").c_str(), 0666);
+  EXPECT_THAT(CheckSerialNumber(paths_), IsProblem("configured (owner "));
+}
+
 class FreeSpaceCheckTest : public ::testing::Test {
  protected:
   FreeSpaceCheckTest() {
@@ -196,6 +231,52 @@ TEST_F(FreeSpaceCheckTest, NoMoreThanWhatHasToStayFreeIsAProblem) {
   EXPECT_THAT(CheckFreeSpace(paths_, limits_), AllOf(IsProblem("a collection leaves"), Advises("Make room")));
 }
 
+TEST_F(FreeSpaceCheckTest, FolderAboveThatOthersCanChangeIsAProblem) {
+  fs::create_directories(temp_.File("var/lib"));
+  chmod(temp_.File("var").c_str(), 0775);
+  EXPECT_THAT(CheckFreeSpace(paths_, limits_), AllOf(IsProblem("/var (owner "), Advises("chmod go-w")));
+}
+
+class PatternsCheckTest : public ::testing::Test {
+ protected:
+  PatternsCheckTest() { paths_.redaction = temp_.File("patterns"); }
+
+  TempDir temp_;
+  TARVO::SupportForm::Paths paths_;
+};
+
+TEST_F(PatternsCheckTest, FileThatIsThereOrNotIsOk) {
+  EXPECT_THAT(CheckPatterns(paths_), IsOk("none"));
+  temp_.Write("patterns", "SN-1\n");
+  EXPECT_THAT(CheckPatterns(paths_), IsOk("patterns can be read"));
+}
+
+TEST_F(PatternsCheckTest, FileThatACollectionWouldNotUseIsAProblem) {
+  chmod(temp_.Write("patterns", "SN-1\n").c_str(), 0666);
+  EXPECT_THAT(CheckPatterns(paths_),
+              AllOf(IsProblem("mode 0666"), Advises("chmod go-w " + paths_.redaction)));
+  fs::remove(paths_.redaction);
+  fs::create_symlink("nowhere", paths_.redaction);
+  EXPECT_THAT(CheckPatterns(paths_), IsProblem("can't be read: No such file"));
+  fs::remove(paths_.redaction);
+  temp_.Write("patterns", std::string((256UL << 10) + 1, '#'));
+  EXPECT_THAT(CheckPatterns(paths_), IsProblem("is longer than 262144 bytes"));
+  fs::remove(paths_.redaction);
+  chmod(temp_.File("").c_str(), 0777);
+  EXPECT_THAT(CheckPatterns(paths_), IsProblem("mode 0777")) << "somebody may have removed it";
+}
+
+TEST(DebugFlagCheckTest, TellsWhereLinesGoAndWhoElseMayDecideThat) {
+  const TempDir temp;
+  TarvoOrvane::Internal::LoggerOptions logger;
+  logger.flag_file = temp.File("debug");
+  EXPECT_THAT(CheckDebugFlag(logger), IsOk("off: log lines go to syslog"));
+  temp.Write("debug", "");
+  EXPECT_THAT(CheckDebugFlag(logger), IsOk("log lines go to /var/log/debug_dat_transmitter.log"));
+  chmod(temp.File("").c_str(), 0777);
+  EXPECT_THAT(CheckDebugFlag(logger), IsProblem("mode 0777"));
+}
+
 class ApplicationsCheckTest : public ::testing::Test {
  protected:
   ApplicationsCheckTest() { paths_.descriptions = temp_.File("d"); }
@@ -221,6 +302,17 @@ TEST_F(ApplicationsCheckTest, FaultyDescriptionIsAProblemThatNamesTheFaultAndThe
   Describe("web.json", "{}");
   EXPECT_THAT(CheckAll(), ElementsAre(AllOf(IsProblem("unknown member \"path\""), IsProblem("d/mail.json")),
                                       IsOk("web")));
+}
+
+TEST_F(ApplicationsCheckTest, DescriptionThatOthersCanChangeIsAProblem) {
+  Describe("mail.json", "{}");
+  chmod(temp_.File("d/mail.json").c_str(), 0666);
+  Describe("web.json", "{}");
+  EXPECT_THAT(CheckAll(),
+              ElementsAre(AllOf(IsProblem("mode 0666"), IsProblem("d/mail.json (owner ")), IsOk("web")));
+  chmod(paths_.descriptions.c_str(), 0777);
+  EXPECT_THAT(CheckAll(),
+              ElementsAre(AllOf(IsProblem("mode 0777"), Advises("chmod go-w " + paths_.descriptions))));
 }
 
 TEST_F(ApplicationsCheckTest, NameThatNoTicketCanAskForIsAProblem) {

@@ -27,6 +27,8 @@ class RunChecksTest : public ::testing::Test {
     places_.serial_number = {temp_.Write("serial", "SN-1\n"), "", ""};
     places_.collection.state = temp_.File("state");
     places_.collection.descriptions = temp_.File("d");
+    places_.collection.redaction = temp_.File("patterns");
+    places_.logger.flag_file = temp_.File("debug");
     std::filesystem::create_directory(temp_.File("d"));
     temp_.Write("d/mail.json", "{}");
   }
@@ -61,11 +63,11 @@ TEST_F(RunChecksTest, HealthySetupIsOkThroughout) {
   RunAll();
   std::vector<std::string> names;
   for (const Check& check : checks_) names.push_back(check.name);
-  EXPECT_THAT(names,
-              ::testing::ElementsAre("configuration", "notification address", "CSS address", "TLS files",
-                                     "notification host", "notification stream", "CSS host", "CSS server",
-                                     "serial number", "free space", "application"));
-  checks_.erase(checks_.end() - 2);  // how full the test machine is
+  EXPECT_THAT(names, ::testing::ElementsAre("configuration", "notification address", "CSS address",
+                                            "TLS files", "notification host", "notification stream",
+                                            "CSS host", "CSS server", "serial number", "free space",
+                                            "pattern file", "debug log", "application"));
+  checks_.erase(checks_.end() - 4);  // how full the test machine is
   EXPECT_THAT(checks_, Each(Field(&Check::state, State::kOk)));
 }
 

@@ -64,6 +64,14 @@ TEST(NotificationAddressCheckTest, UsableAddressesAreToldWithTheirProtection) {
   EXPECT_THAT(NotificationAddress("unix:/run/notify"), IsOk("unix:/run/notify"));
 }
 
+TEST(NotificationAddressCheckTest, SocketThatOthersCouldPutThereIsWarnedOf) {
+  const TarvoOrvane::Testing::TempDir temp;
+  EXPECT_THAT(NotificationAddress("unix:" + temp.File("socket")), IsOk("socket"));
+  chmod(temp.File("").c_str(), 01777);
+  EXPECT_THAT(NotificationAddress("unix:" + temp.File("socket")),
+              AllOf(Warns("mode 1777"), Advises("chmod go-w")));
+}
+
 TEST(NotificationAddressCheckTest, PlaintextToAnotherMachineIsWarnedOf) {
   EXPECT_THAT(NotificationAddress("http://notify.example.com:80"),
               AllOf(Warns("not encrypted"), Advises("https://")));

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +15,7 @@ namespace TarvoOrvane::Testing {
 class TempDir {
  public:
   TempDir() {
+    umask(022);  // what others may write to is not trusted
     std::string name = std::filesystem::temp_directory_path() / "tarvoorvane_test_XXXXXX";
     if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     path_ = name;

@@ -137,6 +137,21 @@ TEST_F(AppDescriptionTest, FileThatIsMissingTooLongOrNoFileIsAnError) {
   EXPECT_THROW(static_cast<void>(LoadAppDescription(paths_, limits_, "pipe")), DescriptionError);
 }
 
+TEST_F(AppDescriptionTest, FileOrFolderAboveThatOthersCanChangeIsAnErrorThatTellsWhatToDo) {
+  const std::string path = paths_.descriptions + "/demo.json";
+  Describe("demo", "{}");
+  chmod(path.c_str(), 0666);
+  const auto load = [&] { static_cast<void>(LoadAppDescription(paths_, limits_, "demo")); };
+  EXPECT_THAT(load, testing::ThrowsMessage<DescriptionError>(
+                        testing::AllOf(HasSubstr("demo.json is not used: "), HasSubstr("mode 0666"),
+                                       HasSubstr("; chmod go-w " + path))));
+  chmod(path.c_str(), 0644);
+  chmod(paths_.descriptions.c_str(), 0775);
+  EXPECT_THAT(load, testing::ThrowsMessage<DescriptionError>(HasSubstr(paths_.descriptions + " (owner ")));
+  chmod(paths_.descriptions.c_str(), 0755);
+  EXPECT_NO_THROW(load());
+}
+
 TEST(AppNameTest, BeginsWithALetterOrDigitAndHasAtMost64PlainCharacters) {
   for (const std::string& name : {std::string("a"), std::string("9.log_x-Y"), std::string(64, 'z')}) {
     EXPECT_TRUE(IsAppName(name)) << name;

@@ -405,6 +405,17 @@ TEST_F(CollectionTest, EmptyApplicationListGivesTheSystemsPart) {
   EXPECT_THAT(archive.Errors(), IsEmpty());
 }
 
+TEST_F(CollectionTest, DescriptionThatOthersCanChangeIsALineInTheManifestAndNothingOfItIsRun) {
+  Describe("mine", R"({"commands": [{"argv": ["pwd"]}]})");
+  Describe("theirs", R"({"commands": [{"argv": ["touch", ")" + (data_ / "touched").string() + R"("]}]})");
+  fs::permissions(fs::path(paths_.descriptions) / "theirs.json", static_cast<fs::perms>(0666));
+  const ArchiveContent archive = Collect(R"(["mine", "theirs"])");
+  EXPECT_TRUE(archive.Has("apps/mine/commands/01-pwd.txt"));
+  EXPECT_FALSE(fs::exists(data_ / "touched"));
+  EXPECT_THAT(archive.Errors(), testing::Contains(AllOf(StartsWith("apps/theirs: "), HasSubstr("mode 0666"),
+                                                        HasSubstr("chmod go-w"))));
+}
+
 TEST_F(CollectionTest, NamesThatAreInvalidUnknownOrRepeatedAreLinesInTheManifest) {
   WriteText(data_ / "a", "x");
   DescribePaths("demo", "a");

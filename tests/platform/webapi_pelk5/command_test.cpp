@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,6 +49,23 @@ bool Runs(pid_t pid) {
   const std::string stat = ReadText("/proc/" + std::to_string(pid) + "/stat");
   const std::size_t name_end = stat.rfind(')');
   return name_end != std::string::npos && stat.substr(name_end).find(" Z ") == std::string::npos;
+}
+
+TEST_F(CommandTest, ProgramThatOthersCanChangeIsNotStarted) {
+  Program("tool", "echo ran");
+  const std::string path = (folder_ / "bin" / "tool").string();
+  chmod(path.c_str(), 0777);
+  for (const std::string& name : {std::string("tool"), path}) {
+    const CommandResult result = Run({name});
+    EXPECT_EQ(result.end, End::kNotStarted);
+    EXPECT_THAT(result.Text(), HasSubstr("not started: " + path + " (owner "));
+    EXPECT_THAT(result.Text(), HasSubstr("; chmod go-w " + path));
+    EXPECT_EQ(output_, "");
+  }
+  chmod(path.c_str(), 0755);
+  EXPECT_EQ(Run({"tool"}).end, End::kExited);
+  chmod((folder_ / "bin").c_str(), 0775);
+  EXPECT_THAT(Run({"tool"}).Text(), HasSubstr("bin (owner "));
 }
 
 TEST_F(CommandTest, OutputAndErrorsAreKeptInTheirOrder) {

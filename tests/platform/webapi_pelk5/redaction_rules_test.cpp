@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -20,6 +21,7 @@ using testing::HasSubstr;
 class RedactionRulesTest : public testing::Test {
  protected:
   RedactionRulesTest() {
+    umask(022);  // what others may write to is not trusted
     std::string name = fs::temp_directory_path() / "redaction.XXXXXX";
     folder_ = mkdtemp(name.data());
     path_ = folder_ / "patterns";
@@ -59,6 +61,17 @@ TEST_F(RedactionRulesTest, MasksMatchesOfTheFilesPatternsToo) {
   Write("# numbers of our devices\n\n  SN-\\d{4}  \r\n(?i)customer: (\\w+)\n");
   EXPECT_EQ(Redacted("SN-1234 SN-12 password=abc\nCustomer: Miller, SN-9876\n"),
             "******* SN-12 password=***\nCustomer: ******, *******\n");
+}
+
+TEST_F(RedactionRulesTest, FileOrFolderAboveThatOthersCanChangeFailsClosed) {
+  Write("SN-\\d{4}\n");
+  fs::permissions(path_, static_cast<fs::perms>(0666));
+  EXPECT_THAT(Complaint(),
+              AllOf(HasSubstr("patterns is not used: "), HasSubstr("mode 0666"), HasSubstr("; chmod go-w ")));
+  fs::remove(path_);
+  EXPECT_EQ(Complaint(), "");
+  fs::permissions(folder_, static_cast<fs::perms>(0777));
+  EXPECT_THAT(Complaint(), HasSubstr("mode 0777")) << "somebody may have removed it";
 }
 
 TEST_F(RedactionRulesTest, EachMatchOfAPatternCountsOnce) {

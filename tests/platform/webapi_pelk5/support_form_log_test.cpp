@@ -345,8 +345,8 @@ TEST_F(SupportFormLogTest, ManySimultaneousCallersAllGetTheirArchives) {
 }
 
 TEST_F(SupportFormLogTest, CollectWaitsForAnotherThatIsStillStartingButNotForever) {
-  const UniqueFd other = OpenStateFolder(paths_.state);
-  LockStateFolder(other.get(), 0);
+  static_cast<void>(OpenStateFolder(paths_.state));
+  UniqueFd other = LockStateFolder(paths_.state, 0);
   limits_.prepare_wait_ms = 100;
   SupportFormLog second(paths_, limits_, Forked(limits_));
   EXPECT_THROW(Start(second, "quick"), ApiError);
@@ -354,7 +354,7 @@ TEST_F(SupportFormLogTest, CollectWaitsForAnotherThatIsStillStartingButNotForeve
 
   std::thread starter([&] {
     SleepMs(200);
-    flock(other.get(), LOCK_UN);
+    other.Close();
   });
   const std::string task = Start("quick");
   starter.join();

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -218,6 +219,7 @@ void CallerProcess::End() {
 }
 
 SupportLogTest::SupportLogTest() {
+  umask(022);  // what others may write to is not trusted
   std::string name = (fs::temp_directory_path() / "support_log_test.XXXXXX").string();
   if (mkdtemp(name.data()) == nullptr) std::abort();
   folder_ = name;

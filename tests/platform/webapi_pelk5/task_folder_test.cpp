@@ -1,6 +1,8 @@
 #include "task_folder.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,6 +52,23 @@ TEST_F(TaskFolderTest, StateFolderThatOthersMayWriteToOrThatIsALinkIsRefused) {
   fs::remove(paths_.state);
   fs::create_symlink(data_, paths_.state);
   EXPECT_THROW(static_cast<void>(OpenStateFolder(paths_.state)), ApiError);
+}
+
+TEST_F(TaskFolderTest, StateFolderBelowOneThatOthersMayChangeIsRefusedAndNothingMadeThere) {
+  ASSERT_EQ(chmod(folder_.c_str(), 0777), 0);
+  EXPECT_THAT([&] { static_cast<void>(OpenStateFolder(paths_.state)); },
+              testing::ThrowsMessage<ApiError>(testing::HasSubstr("; chmod go-w " + folder_.string())));
+  EXPECT_FALSE(fs::exists(fs::path(paths_.state).parent_path()));
+}
+
+TEST_F(TaskFolderTest, NeighbourWhoMayReadTheStateFolderCannotLockIt) {
+  fs::create_directories(paths_.state);
+  ASSERT_EQ(chmod(paths_.state.c_str(), 0755), 0);
+  const UniqueFd neighbour(open(paths_.state.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(flock(neighbour.get(), LOCK_EX), 0);
+  static_cast<void>(OpenStateFolder(paths_.state));
+  EXPECT_TRUE(LockStateFolder(paths_.state, 0).valid());
+  EXPECT_EQ(Mode(paths_.state + ".lock"), 0600U);
 }
 
 TEST_F(TaskFolderTest, NewTaskHasItsOwnFolderAndBothLocks) {
@@ -147,10 +166,9 @@ TEST_F(TaskFolderTest, LinkInPlaceOfTheArchiveIsRemovedAndNotItsTarget) {
 }
 
 TEST_F(TaskFolderTest, LockedStateFolderIsWaitedForAndNotForever) {
-  const UniqueFd holder = OpenStateFolder(paths_.state);
-  LockStateFolder(holder.get(), 0);
-  const UniqueFd second = OpenStateFolder(paths_.state);
-  EXPECT_THROW(LockStateFolder(second.get(), 50), ApiError);
+  static_cast<void>(OpenStateFolder(paths_.state));
+  const UniqueFd holder = LockStateFolder(paths_.state, 0);
+  EXPECT_THROW(static_cast<void>(LockStateFolder(paths_.state, 50)), ApiError);
 }
 
 TEST(TaskIdTest, Is32LowerCaseHexDigits) {
