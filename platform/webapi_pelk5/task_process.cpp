@@ -65,8 +65,7 @@ bool ResetDescriptors(int lock_fd) {
 /// The task process, from its first instruction to its last.
 [[noreturn]] void RunTask(int lock_fd, const std::function<int()>& work) {
   ResetSignals();
-  const rlimit no_core = {0, 0};
-  setrlimit(RLIMIT_CORE, &no_core);
+  ShieldMemory();
   umask(077);
   prctl(PR_SET_NAME, "support_log");
   if (chdir("/") != 0 || !ResetDescriptors(lock_fd)) _exit(1);
@@ -93,6 +92,12 @@ int Reap(pid_t pid) {
 }
 
 }  // namespace
+
+void ShieldMemory() {
+  const rlimit no_core = {0, 0};
+  setrlimit(RLIMIT_CORE, &no_core);
+  prctl(PR_SET_DUMPABLE, 0);
+}
 
 void StartDetached(int lock_fd, const std::function<int()>& work) {
   int error = 0;

@@ -17,6 +17,8 @@
 namespace TARVO::SupportForm {
 namespace {
 
+constexpr std::int64_t kLockLookMs = 1;
+
 [[noreturn]] void Fail(const std::string& path) {
   throw std::runtime_error("the audit log " + path + " can't be written: " + ErrorText(errno));
 }
@@ -29,17 +31,28 @@ void RefuseForeign(const struct stat& file, const std::string& path) {
                            " can't be written: it is no file of the caller's own with one name; remove it");
 }
 
+/// Waits for the lock, but not for ever: who had the file open when its mode let him can keep it.
+void Lock(int fd, const std::string& path, unsigned wait_ms) {
+  const std::int64_t deadline = MonotonicMs() + wait_ms;
+  while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) Fail(path);
+    if (MonotonicMs() >= deadline) {
+      throw std::runtime_error("the audit log " + path +
+                               " can't be written: somebody keeps it locked; rename it");
+    }
+    SleepMs(kLockLookMs);
+  }
+}
+
 /// Opens the log and locks it. What another process renamed meanwhile is not the log any more.
-UniqueFd OpenLocked(const std::string& path) {
+UniqueFd OpenLocked(const std::string& path, unsigned wait_ms) {
   for (;;) {
     UniqueFd fd(open(path.c_str(),
                      O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
     struct stat opened = {};
     if (!fd.valid() || fstat(fd.get(), &opened) != 0) Fail(path);
     RefuseForeign(opened, path);
-    while (flock(fd.get(), LOCK_EX) != 0) {
-      if (errno != EINTR) Fail(path);
-    }
+    Lock(fd.get(), path, wait_ms);
     struct stat named = {};
     if (lstat(path.c_str(), &named) == 0 && named.st_dev == opened.st_dev && named.st_ino == opened.st_ino)
       return fd;
@@ -77,12 +90,13 @@ std::string AuditLine(const AuditRecord& record) {
   return Json::writeString(builder, line) + "\n";
 }
 
-void AppendAuditLine(const std::string& path, std::uint64_t max_bytes, const std::string& line) {
-  UniqueFd fd = OpenLocked(path);
+void AppendAuditLine(const std::string& path, std::uint64_t max_bytes, const std::string& line,
+                     unsigned wait_ms) {
+  UniqueFd fd = OpenLocked(path, wait_ms);
   const std::uint64_t size = SizeOf(fd.get());
   if (size > 0 && size + line.size() > max_bytes) {
     if (std::rename(path.c_str(), (path + ".1").c_str()) != 0) Fail(path);
-    fd = OpenLocked(path);
+    fd = OpenLocked(path, wait_ms);
   }
   if (fchmod(fd.get(), 0600) != 0 || !WriteAll(fd.get(), line)) Fail(path);
 }

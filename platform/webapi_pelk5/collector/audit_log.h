@@ -26,7 +26,9 @@ struct AuditRecord {
 
 /// Appends the line to the log file in one write, under a lock that all processes share. A log that would pass
 /// `max_bytes` is kept as `path`.1 in the place of a former one, and a new one begun. Both have mode 0600.
+/// @param wait_ms  For how long a lock that somebody else holds is waited for; each of us holds it for one write.
 /// @throws std::runtime_error
-void AppendAuditLine(const std::string& path, std::uint64_t max_bytes, const std::string& line);
+void AppendAuditLine(const std::string& path, std::uint64_t max_bytes, const std::string& line,
+                     unsigned wait_ms = 5'000);
 
 }  // namespace TARVO::SupportForm

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <json/reader.h>
 #include <openssl/crypto.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,8 +56,7 @@ int RunTaskOfLibrary(const std::string& task_id) {
 void SetUpProcess() {
   clearenv();
   umask(077);
-  const rlimit no_core = {0, 0};  // memory holds unmasked text
-  setrlimit(RLIMIT_CORE, &no_core);
+  ShieldMemory();
   OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
 }
 

@@ -58,6 +58,7 @@ int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id
   clearenv();
   alarm(limits.task_seconds_hard);
   LowerPriority();
+  ShieldMemory();  // what it writes to in /proc/self would be root's afterwards
   static_cast<void>(WriteAll(kTaskLockFd, std::to_string(getpid()) + "\n"));
   // SHA-256 needs no configuration, and the search for one would look at the environment.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -142,6 +143,14 @@ TEST_F(AuditLogTest, FileOfAnotherUserIsRefused) {
   EXPECT_THAT([&] { AppendAuditLine(log_, 100, "line\n"); },
               testing::ThrowsMessage<std::runtime_error>(HasSubstr("the caller's own")));
   EXPECT_EQ(ReadText(log_), "his\n");
+}
+
+TEST_F(AuditLogTest, LockThatANeighbourKeepsIsNotWaitedForForEver) {
+  WriteText(log_, "one\n");
+  const UniqueFd neighbour(open(log_.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(neighbour.get(), LOCK_EX), 0);
+  EXPECT_THAT([&] { AppendAuditLine(log_, 100, "line\n", 50); },
+              testing::ThrowsMessage<std::runtime_error>(HasSubstr("keeps it locked; rename it")));
 }
 
 TEST_F(AuditLogTest, PipeInTheLogsPlaceIsRefused) {

@@ -1,5 +1,6 @@
 /// The program as people and as the library start it, in a sandbox in which the device's folders are the test's.
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <sstream>
@@ -76,6 +77,31 @@ TEST_F(ProgramTest, PeopleGetTheVeryArchiveThatATicketGetsAndItsListBeforehand) 
   EXPECT_EQ(audit[0]["sha256"], Sha256Of(ReadText(folder_ / "people.dat")));
   EXPECT_EQ(audit[1]["for"], "ticket");
   EXPECT_EQ(audit[1]["sha256"], Sha256Of(ReadText(folder_ / "ticket.dat")));
+}
+
+TEST_F(ProgramTest, ItsUsersOtherProcessesCannotLookIntoItsMemory) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can run it as another user than himself";
+  WriteText(folder_ / "demo.json", R"({"commands": [
+      {"argv": ["sh", "-c", "cat /proc/$PPID/environ 2>&1 && echo open"]},
+      {"argv": ["cat", "/proc/self/oom_score_adj"]}]})");
+  RunInSandbox(
+      "cp $out/demo.json $described\n"
+      "chmod 777 $out\n"
+      "as_user() { setpriv --reuid 65534 --regid 65534 --clear-groups \"$@\"; }\n"
+      "as_user '" PROGRAM_PATH
+      "' --apps demo --out $out/people.dat\n"
+      "task=/var/lib/tarvo/support_form_log/0123456789abcdef0123456789abcdef\n"
+      "mkdir -p $task\n"
+      "exec 3>$task/lock\n"
+      "chown -R 65534 /var/lib/tarvo\n"
+      "echo '[\"demo\"]' | as_user '" PROGRAM_PATH
+      "' --task ${task##*/}\n"
+      "cp $task/debug.dat $out/ticket.dat\n");
+  for (const char* name : {"people.dat", "ticket.dat"}) {
+    EXPECT_THAT(ReadArchive(folder_ / name).Of("apps/demo/commands/01-sh.txt"),
+                HasSubstr("Permission denied"));
+  }
+  EXPECT_EQ(ReadArchive(folder_ / "ticket.dat").Of("apps/demo/commands/02-cat.txt"), "1000\n");
 }
 
 TEST_F(ProgramTest, WrongCommandLineAndFailureHaveTheirExitStatus) {
