@@ -61,17 +61,15 @@ void Execute(const std::string& program, const std::string& task_id, const std::
 
 }  // namespace
 
-int BecomeProgram(const std::string& program, const Paths& paths, const std::string& task_id,
-                  const Json::Value& app_list) {
+int BecomeProgram(const std::string& program, const std::string& task_id, const Json::Value& app_list) {
   Execute(program, task_id, CompactText(app_list));
   const std::string failure = "the collector " + program + " can't be started: " + ErrorText(errno);
-  const UniqueFd folder = OpenTaskFolder(paths.state, task_id);
-  if (folder.valid()) static_cast<void>(ReplaceFile(folder.get(), kFailureFile, failure));
+  WriteTaskRecord(kTaskLockFd, failure);
   return 1;
 }
 
-int BecomeCollector(const Paths& paths, const std::string& task_id, const Json::Value& app_list) {
-  return BecomeProgram(CollectorPath(), paths, task_id, app_list);
+int BecomeCollector(const Paths& /*paths*/, const std::string& task_id, const Json::Value& app_list) {
+  return BecomeProgram(CollectorPath(), task_id, app_list);
 }
 
 }  // namespace TARVO::SupportForm

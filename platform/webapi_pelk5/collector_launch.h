@@ -14,11 +14,10 @@ namespace TARVO::SupportForm {
 ///
 /// The program finds the list of applications at its standard input, the task's lock at kTaskLockFd, and an
 /// empty environment: the caller's would let it choose locales, converters and zones.
-/// @return Only when that fails: the exit status for the process. The reason is left in the task's folder.
+/// @return Only when that fails: the exit status for the process. The reason is left in the task's lock file.
 int BecomeCollector(const Paths& paths, const std::string& task_id, const Json::Value& app_list);
 
 /// The same with the program at `program`.
-int BecomeProgram(const std::string& program, const Paths& paths, const std::string& task_id,
-                  const Json::Value& app_list);
+int BecomeProgram(const std::string& program, const std::string& task_id, const Json::Value& app_list);
 
 }  // namespace TARVO::SupportForm

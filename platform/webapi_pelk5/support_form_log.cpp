@@ -118,8 +118,8 @@ Json::Value SupportFormLog::EndedStatus(int folder_fd, const std::string& task_i
     data["path"] = paths_.state + "/" + task_id + "/" + kArchiveFile;
     return data;
   }
-  std::string failure;
-  if (ReadTaskFile(folder_fd, kFailureFile, failure)) throw ApiError(ApiErrorCode::kTaskFailed, failure);
+  const std::string failure = ReadFailure(folder_fd);
+  if (!failure.empty()) throw ApiError(ApiErrorCode::kTaskFailed, failure);
   throw ApiError(ApiErrorCode::kTaskKilled, "task " + task_id + " was killed, or its archive was taken away");
 }
 

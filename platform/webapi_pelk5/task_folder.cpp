@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -22,6 +23,8 @@ namespace {
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::size_t kIdBytes = 16;
 constexpr std::int64_t kLockLookMs = 10;
+/// Bytes of the text in a task's lock file, which lie on the device from the beginning.
+constexpr std::size_t kRecordBytes = 4096;
 
 [[noreturn]] void Fail(const std::string& what) {
   throw ApiError(ApiErrorCode::kSystem, what + ": " + ErrorText(errno));
@@ -56,6 +59,34 @@ UniqueFd CreateLock(int folder_fd, const char* name) {
   UniqueFd fd(openat(folder_fd, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd.valid() || flock(fd.get(), LOCK_EX | LOCK_NB) != 0) Fail("the task's lock can't be taken");
   return fd;
+}
+
+/// Keeps the signal for a file that would pass the process's size limit from the caller: its default is to end the
+/// process.
+class FileSizeSignalBlocked {
+ public:
+  FileSizeSignalBlocked() {
+    sigemptyset(&signal_);
+    sigaddset(&signal_, SIGXFSZ);
+    sigprocmask(SIG_BLOCK, &signal_, &before_);
+  }
+  FileSizeSignalBlocked(const FileSizeSignalBlocked&) = delete;
+  FileSizeSignalBlocked& operator=(const FileSizeSignalBlocked&) = delete;
+  ~FileSizeSignalBlocked() {
+    const timespec now = {};
+    static_cast<void>(sigtimedwait(&signal_, nullptr, &now));  // takes the one that is pending, if any
+    sigprocmask(SIG_SETMASK, &before_, nullptr);
+  }
+
+ private:
+  sigset_t signal_;
+  sigset_t before_;
+};
+
+/// Takes the room for the task's record.
+void FillRecord(int lock_fd) {
+  const FileSizeSignalBlocked blocked;
+  if (!WriteAll(lock_fd, std::string(kRecordBytes, '\0'))) Fail("there is no room for the task's state");
 }
 
 /// The names of the task folders.
@@ -132,12 +163,28 @@ NewTask CreateTask(int state_fd) {
     const UniqueFd folder(openat(state_fd, task.id.c_str(), kFolderFlags));
     if (!folder.valid()) Fail("the task's folder can't be opened");
     task.lock = CreateLock(folder.get(), kLockFile);
+    FillRecord(task.lock.get());
     task.owner = CreateLock(folder.get(), kOwnerFile);
   } catch (...) {
     RemoveTask(state_fd, task.id);
     throw;
   }
   return task;
+}
+
+void WriteTaskRecord(int lock_fd, const std::string& failure) {
+  const std::string text = (std::to_string(getpid()) + "\n" + failure).substr(0, kRecordBytes - 1);
+  static_cast<void>(!pwrite(lock_fd, text.data(), text.size(), 0));
+}
+
+std::string ReadFailure(int folder_fd) {
+  const UniqueFd fd(openat(folder_fd, kLockFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  std::string text;
+  bool more = false;
+  if (!fd.valid() || !ReadUpTo(fd.get(), kRecordBytes, text, more)) return {};
+  text.resize(std::min(text.find('\0'), text.size()));
+  const std::size_t line_end = text.find('\n');
+  return line_end == std::string::npos ? std::string() : text.substr(line_end + 1);
 }
 
 std::vector<std::string> RemoveLeftovers(int state_fd) {
@@ -156,10 +203,9 @@ bool RemoveTask(int state_fd, const std::string& task_id) {
   const UniqueFd folder(openat(state_fd, task_id.c_str(), kFolderFlags));
   if (!folder.valid()) return errno == ENOENT;
   const std::string fresh = ".new";
-  for (const std::string& name :
-       {std::string(kProgressFile), kProgressFile + fresh, std::string(kFailureFile), kFailureFile + fresh,
-        std::string(kSpoolFile), std::string(kUnfinishedFile), std::string(kArchiveFile),
-        std::string(kLockFile), std::string(kOwnerFile)}) {
+  for (const std::string& name : {std::string(kProgressFile), kProgressFile + fresh, std::string(kSpoolFile),
+                                  std::string(kUnfinishedFile), std::string(kArchiveFile),
+                                  std::string(kLockFile), std::string(kOwnerFile)}) {
     unlinkat(folder.get(), name.c_str(), 0);
   }
   return unlinkat(state_fd, task_id.c_str(), AT_REMOVEDIR) == 0;

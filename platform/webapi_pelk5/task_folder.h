@@ -1,7 +1,8 @@
 /// The task folders below the state folder, and the locks that tell who still needs them.
 ///
 /// Each collection has a folder <state>/<task>/. Two flock()s in it tell of two lives:
-/// - `lock` is held by the task process: as long as it is, the task is running. Its text is the process's id.
+/// - `lock` is held by the task process: as long as it is, the task is running. Its text is the process's id and, once
+///   the task has failed, why: room for that is taken with the file, so that a full device can't hide the cause.
 /// - `owner` is held by the process that called "collect": as long as it lives, a finished archive is its own.
 ///
 /// These locks belong to open file descriptions, so a process can probe the locks that it holds itself, and the
@@ -23,7 +24,6 @@ namespace TARVO::SupportForm {
 
 inline constexpr const char* kLockFile = "lock";
 inline constexpr const char* kOwnerFile = "owner";
-inline constexpr const char* kFailureFile = "failure";            ///< Why a task made no archive, for people.
 inline constexpr const char* kProgressFile = "progress";          ///< A JSON object {"bytes", "files"}.
 inline constexpr const char* kSpoolFile = "spool";                ///< Output of a command, unlinked at once.
 inline constexpr const char* kUnfinishedFile = "debug.dat.part";  ///< The archive while it is being made.
@@ -53,6 +53,13 @@ struct NewTask {
 /// Makes a folder for a new task and takes both its locks. The state folder is locked.
 /// @throws ApiError when that fails.
 [[nodiscard]] NewTask CreateTask(int state_fd);
+
+/// Writes the calling process's id and, of a task that has failed, why, into the task's lock file. Needs no room on the
+/// device, no descriptor and no name. A long text is cut.
+void WriteTaskRecord(int lock_fd, const std::string& failure = {});
+
+/// Why the task has failed, as its process recorded it. Empty when it did not, or was killed.
+[[nodiscard]] std::string ReadFailure(int folder_fd);
 
 /// Removes the folders of tasks that have ended and whose archive is gone, failed, or nobody's any more. The
 /// state folder is locked. Anything that is no task folder stays.

@@ -43,6 +43,8 @@ void ResetSignals() {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
+  // A file-size limit is met like a full device: by an error. Programs that are executed keep this.
+  static_cast<void>(signal(SIGXFSZ, SIG_IGN));
 }
 
 /// Runs in the task process.

@@ -16,8 +16,8 @@ void ShieldMemory();
 /// be called from a process with one thread.
 ///
 /// The new process has nothing of the caller's but its memory: a session of its own, /dev/null at 0, 1 and 2,
-/// the lock at kTaskLockFd and no other descriptor, default signals and an empty mask, umask 077, the root as
-/// working folder, ShieldMemory(), a name of its own. It runs `work` and ends
+/// the lock at kTaskLockFd and no other descriptor, default signals (but a file-size limit is an error, not a signal) and
+/// an empty mask, umask 077, the root as working folder, ShieldMemory(), a name of its own. It runs `work` and ends
 /// with its result as exit status, without running destructors or exit handlers.
 /// @param lock_fd  The lock; the caller closes its own copy. It is held until the process ends.
 /// @param work     Must not throw.

@@ -22,10 +22,9 @@ struct Tasks {
   Tasks() {
     for (const char digit : {'0', '1', '2', '3'}) {
       fs::create_directory(folder.path() / TaskId(digit));
-      static_cast<void>(folder.Write(TaskId(digit) + "/" + kLockFile, "1\n"));
+      static_cast<void>(folder.Write(TaskId(digit) + "/" + kLockFile, digit == '1' ? "1\nno room" : "1\n"));
     }
     static_cast<void>(folder.Write(TaskId('0') + "/" + kArchiveFile, "archive"));
-    static_cast<void>(folder.Write(TaskId('1') + "/" + kFailureFile, "no room"));
     // Beside a task folder, where a status must not look.
     static_cast<void>(folder.Write(kArchiveFile, "not a task's"));
     lock = UniqueFd(open((folder.path() / TaskId('3') / kLockFile).c_str(), O_RDWR | O_CLOEXEC));

@@ -14,8 +14,9 @@ namespace {
 ApiRegistry* MakeMethods() {
   SupportForm::Limits limits;
   limits.status_wait_ms = 100;
-  const auto work = [](const SupportForm::Paths& paths, const std::string& task_id, const Json::Value& apps) {
-    return SupportForm::BecomeProgram(COLLECTOR_PATH, paths, task_id, apps);
+  const auto work = [](const SupportForm::Paths& /*paths*/, const std::string& task_id,
+                       const Json::Value& apps) {
+    return SupportForm::BecomeProgram(COLLECTOR_PATH, task_id, apps);
   };
   auto* registry = new ApiRegistry;
   (new SupportForm::SupportFormLog({}, limits, work))->Register(*registry);

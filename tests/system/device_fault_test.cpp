@@ -128,7 +128,9 @@ INSTANTIATE_TEST_SUITE_P(
         FolderRow{"BelowTheRoomThatMustStay", "size=1m,mode=700", {kFinish}, "Success"},
         FolderRow{
             "WithoutRoomForTheManifest", "size=8k,mode=700",
-            Lines{Daemon("E Failed to check log collection status: task id: *, ret=[*]")} + kNotGenerated,
+            Lines{Daemon(
+                "E Failed to check log collection status: task id: *, ret=[*No space left on device*]")} +
+                kNotGenerated,
             "Failed to generate debug file"},
         FolderRow{"WithoutRoomForATask", "size=1m,mode=700,nr_inodes=2",
                   Lines{Daemon("E Failed to execute log collection webapi: app list: [\"demo\"], ret=[*]")} +

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 
 namespace {
@@ -155,9 +156,10 @@ pid_t FaultTest::WaitForChild() const {
 pid_t FaultTest::CollectionTask() {
   std::error_code none;
   for (const auto& folder : fs::directory_iterator(kTaskFolder, none)) {
-    const std::string pid = ReadFile(folder.path() / "lock");
-    if (!pid.empty()) {
-      return std::stoi(pid);
+    // The file has its size before it has a text.
+    const int pid = std::atoi(ReadFile(folder.path() / "lock").c_str());
+    if (pid > 0) {
+      return pid;
     }
   }
   return 0;

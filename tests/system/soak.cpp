@@ -695,10 +695,10 @@ void Soak::CollectionIsKilled() {
   DeliverGood(ticket);
   Await("gate", [] { return fs::exists("/run/system_test/gate_is_reached"); });
   for (const auto& folder : fs::directory_iterator(kTaskFolder)) {
-    const std::string pid = ReadFile(folder.path() / "lock");
+    const int pid = std::atoi(ReadFile(folder.path() / "lock").c_str());
     // The last task's folder is still there, too.
-    if (!pid.empty() && LookAt(std::stoi(pid)).state != 0) {
-      kill(std::stoi(pid), SIGKILL);
+    if (pid > 0 && LookAt(pid).state != 0) {
+      kill(pid, SIGKILL);
     }
   }
   CheckServed(ticket, kNotCollected);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <json/reader.h>
 #include <openssl/crypto.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +58,8 @@ void SetUpProcess() {
   clearenv();
   umask(077);
   ShieldMemory();
+  // A file-size limit is met like a full device: by an error.
+  static_cast<void>(signal(SIGXFSZ, SIG_IGN));
   OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
 }
 

@@ -7,9 +7,11 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
+#include <stdexcept>
 
 #include "audit_log.h"
 #include "collection.h"
@@ -59,13 +61,13 @@ int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id
   alarm(limits.task_seconds_hard);
   LowerPriority();
   ShieldMemory();  // what it writes to in /proc/self would be root's afterwards
-  static_cast<void>(WriteAll(kTaskLockFd, std::to_string(getpid()) + "\n"));
+  WriteTaskRecord(kTaskLockFd);
   // SHA-256 needs no configuration, and the search for one would look at the environment.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
   const UniqueFd folder = OpenTaskFolder(paths.state, task_id);
-  std::string failure = "out of memory";
+  std::string failure;
   try {
-    if (!folder.valid()) return 1;
+    if (!folder.valid()) throw std::runtime_error("the task's folder can't be opened: " + ErrorText(errno));
     const CollectionRequest request = {task_id, app_list, true};
     const CollectionSummary summary = MakeArchive(paths, limits, folder.get(), request);
     Audit(paths, limits, {std::time(nullptr), task_id, app_list, request.redact, summary.archive});
@@ -75,7 +77,7 @@ int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id
   } catch (...) {
     failure = "unknown error";
   }
-  static_cast<void>(ReplaceFile(folder.get(), kFailureFile, failure));
+  WriteTaskRecord(kTaskLockFd, failure);
   return 1;
 }
 

@@ -14,7 +14,7 @@ namespace TARVO::SupportForm {
 void LowerPriority();
 
 /// The whole work of a task process: makes the archive of the task `task_id`, or leaves the reason why not in its
-/// folder. The process holds the task's lock at kTaskLockFd. It has lowered its priority afterwards, and the kernel
+/// lock file. The process holds the task's lock at kTaskLockFd. It has lowered its priority afterwards, and the kernel
 /// ends it at `limits.task_seconds_hard`.
 /// @return The process's exit status.
 int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id,

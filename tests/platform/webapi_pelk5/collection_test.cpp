@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -350,14 +348,8 @@ TEST_F(CollectionTest, WhatMustRemainFreeOnTheDeviceRemainsFree) {
            R"({"commands": [{"argv": ["yes"], "output_limit_bytes": 20000000}], "paths": [{"path": ")" +
                (data_ / "*").string() + R"(", "binary": true}]})");
   limits_.free_bytes = kFreeBytes;
-  fs::create_directories(paths_.state);
   const CallerProcess caller([&]() -> std::string {
-    if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0 ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("none", paths_.state.c_str(), "tmpfs", 0,
-              ("mode=0700,size=" + std::to_string(kDeviceBytes)).c_str()) != 0) {
-      return "no namespace";
-    }
+    if (!MountOwnTmpfs(paths_.state, "mode=0700,size=" + std::to_string(kDeviceBytes))) return "no namespace";
     const ArchiveContent archive = Collect(R"(["demo"])");
     const std::uint64_t left = fs::space(paths_.state).available;
     const std::string a_log = archive.Of(InFiles("demo", "a.log"));

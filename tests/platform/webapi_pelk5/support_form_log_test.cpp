@@ -2,10 +2,8 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -90,8 +88,9 @@ class SupportFormLogTest : public SupportLogTest {
   }
   /// The process of a task, once it has begun.
   [[nodiscard]] pid_t Pid(const std::string& task) const {
-    EXPECT_TRUE(WaitUntil([&] { return !ReadText(Folder(task) / kLockFile).empty(); }));
-    return std::stoi(ReadText(Folder(task) / kLockFile));
+    int pid = 0;
+    EXPECT_TRUE(WaitUntil([&] { return (pid = std::atoi(ReadText(Folder(task) / kLockFile).c_str())) > 0; }));
+    return pid;
   }
   void Kill(const std::string& task) const {
     ASSERT_EQ(kill(Pid(task), SIGKILL), 0);
@@ -209,8 +208,8 @@ TEST_F(SupportFormLogTest, FailedTaskIsAnErrorWithItsReason) {
 TEST_F(SupportFormLogTest, CollectorThatCantBeStartedIsAFailedTask) {
   const std::string program = (folder_ / "no-such-program").string();
   SupportFormLog lost(paths_, limits_,
-                      [&](const Paths& paths, const std::string& id, const Json::Value& list) {
-                        return BecomeProgram(program, paths, id, list);
+                      [&](const Paths& /*paths*/, const std::string& id, const Json::Value& list) {
+                        return BecomeProgram(program, id, list);
                       });
   const std::string task = Start(lost, "quick");
   std::string message;
@@ -230,8 +229,8 @@ TEST_F(SupportFormLogTest, CollectorFindsItsTaskTheListAndNothingOfTheCallers) {
               seen.string() + ".part " + seen.string());
   setenv("LEFT_OVER", "1", 1);
   SupportFormLog log(paths_, limits_,
-                     [&](const Paths& paths, const std::string& id, const Json::Value& list) {
-                       return BecomeProgram(program.string(), paths, id, list);
+                     [&](const Paths& /*paths*/, const std::string& id, const Json::Value& list) {
+                       return BecomeProgram(program.string(), id, list);
                      });
   const std::string task = Start(log, "quick");
   ASSERT_TRUE(WaitUntil([&] { return fs::exists(seen); }));
@@ -246,23 +245,40 @@ TEST_F(SupportFormLogTest, HangingTaskIsEndedByTheKernel) {
   EXPECT_EQ(StatusError(task), static_cast<int>(ApiErrorCode::kTaskKilled));
 }
 
-TEST_F(SupportFormLogTest, FullDiskGivesAManifestThatSaysSo) {
-  fs::create_directories(paths_.state);
+TEST_F(SupportFormLogTest, CauseIsToldThoughNoByteIsFreeOnTheDevice) {
   const CallerProcess caller([&]() -> std::string {
-    const uid_t user = geteuid();
-    const gid_t group = getegid();
-    if (unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWUSER | CLONE_NEWNS) != 0) return "no namespace";
-    if (user != 0) {
-      for (const auto& [file, text] : std::initializer_list<std::pair<const char*, std::string>>{
-               {"/proc/self/setgroups", "deny"},
-               {"/proc/self/uid_map", "0 " + std::to_string(user) + " 1"},
-               {"/proc/self/gid_map", "0 " + std::to_string(group) + " 1"}}) {
-        const UniqueFd map(open(file, O_WRONLY | O_CLOEXEC));
-        if (!WriteAll(map.get(), text)) return "no namespace";
-      }
-    }
-    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-    if (mount("none", paths_.state.c_str(), "tmpfs", 0, "size=1m,mode=0700") != 0) return "no namespace";
+    if (!MountOwnTmpfs(paths_.state, "size=1m,mode=0700")) return "no namespace";
+    SupportFormLog full(paths_, limits_,
+                        [&](const Paths& paths, const std::string& id, const Json::Value& list) {
+                          FillDevice(paths.state);
+                          return RunTask(paths, limits_, id, list);
+                        });
+    std::string message;
+    const std::string task = Start(full, "quick");
+    const int code = StatusError(task, &message);
+    return std::to_string(code) + " " + message + (fs::exists(Folder(task) / kUnfinishedFile) ? " left" : "");
+  });
+  if (caller.Answer() == "no namespace") GTEST_SKIP() << "no private mounts here";
+  EXPECT_THAT(caller.Answer(), testing::MatchesRegex("7 .*No space left on device"));
+}
+
+TEST_F(SupportFormLogTest, FileSizeLimitIsAnErrorInTheCallerAndInTheTaskAndNoSignal) {
+  for (const rlim_t bytes : {0U, 100U, 4096U}) {
+    const CallerProcess caller([&]() -> std::string {
+      const rlimit limit = {bytes, bytes};
+      setrlimit(RLIMIT_FSIZE, &limit);
+      std::string message;
+      const int code = StatusError(Start("quick"), &message);
+      return "status " + std::to_string(code) + " " + message;
+    });
+    EXPECT_THAT(caller.Answer(), HasSubstr("File too large")) << bytes;
+    EXPECT_THAT(caller.Answer(), StartsWith(bytes < 4096 ? "exception: " : "status 7 "));
+  }
+}
+
+TEST_F(SupportFormLogTest, FullDiskGivesAManifestThatSaysSo) {
+  const CallerProcess caller([&]() -> std::string {
+    if (!MountOwnTmpfs(paths_.state, "size=1m,mode=0700")) return "no namespace";
     const ArchiveContent archive = ReadArchive(WaitForArchive(Start("quick")));
     return std::to_string(archive.entries.size()) + " " + archive.Of("manifest.json");
   });

@@ -30,6 +30,14 @@ void WriteText(const fs::path& path, const std::string& text);
 /// Lets this process write no file of more than 16 KiB from now on: its archive can't be written.
 void LimitFileSize();
 
+/// Gives this process a file system of its own at `path`, of which nobody else knows.
+/// @param options  "size=1m,mode=0700"
+/// @return false where the machine doesn't allow that.
+[[nodiscard]] bool MountOwnTmpfs(const std::string& path, const std::string& options);
+
+/// Fills the file system of a folder to its last byte.
+void FillDevice(const fs::path& folder);
+
 /// Text in which no part comes again: it compresses by a quarter.
 [[nodiscard]] std::string RandomLetters(std::size_t count);
 

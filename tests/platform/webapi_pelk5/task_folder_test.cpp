@@ -121,8 +121,19 @@ TEST_F(TaskFolderTest, EndedTaskWithoutAnArchiveIsRemovedThoughItsOwnerLives) {
   NewTask task = CreateTask(state.get());
   task.lock.Close();
   WriteText(Folder(task.id) / "debug.dat.part", "half an archive");
-  WriteText(Folder(task.id) / "failure", "why");
   EXPECT_THAT(Sweep(), ElementsAre(task.id));
+}
+
+TEST_F(TaskFolderTest, RecordTellsWhyATaskFailedAndALongTextIsCut) {
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  const NewTask task = CreateTask(state.get());
+  const UniqueFd folder = OpenTaskFolder(paths_.state, task.id);
+  EXPECT_EQ(ReadFailure(folder.get()), "") << "the process has not begun";
+  WriteTaskRecord(task.lock.get());
+  EXPECT_EQ(ReadFailure(folder.get()), "");
+  WriteTaskRecord(task.lock.get(), "no room:\n" + std::string(10'000, 'x'));
+  EXPECT_THAT(ReadFailure(folder.get()), testing::MatchesRegex("no room:\nx+"));
+  EXPECT_EQ(fs::file_size(Folder(task.id) / kLockFile), 4096U);
 }
 
 TEST_F(TaskFolderTest, HalfRemovedFolderIsRemoved) {
@@ -134,7 +145,7 @@ TEST_F(TaskFolderTest, HalfRemovedFolderIsRemoved) {
 
 TEST_F(TaskFolderTest, EveryFileThatATaskMayLeaveIsRemoved) {
   const std::string id = EndedTask("debug.dat");
-  for (const char* name : {"debug.dat.part", "progress", "progress.new", "failure", "failure.new", "spool"}) {
+  for (const char* name : {"debug.dat.part", "progress", "progress.new", "spool"}) {
     WriteText(Folder(id) / name, "x");
   }
   EXPECT_THAT(Sweep(), ElementsAre(id));
@@ -180,8 +191,8 @@ TEST(TaskIdTest, Is32LowerCaseHexDigits) {
 }
 
 TEST_F(TaskFolderTest, FolderThatCantBeJudgedStaysAndDoesNotKeepOthersFromBeingRemoved) {
-  const std::string broken = EndedTask(kFailureFile);
-  const std::string other = EndedTask(kFailureFile);
+  const std::string broken = EndedTask(kProgressFile);
+  const std::string other = EndedTask(kProgressFile);
   // A socket can't be opened, so nobody can tell whether it is locked.
   ASSERT_EQ(unlink((Folder(broken) / kLockFile).c_str()), 0);
   ASSERT_EQ(mknod((Folder(broken) / kLockFile).c_str(), S_IFSOCK | 0600, 0), 0);

@@ -1,5 +1,6 @@
 #include "task.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 
 #include "support_log_fixture.h"
 #include "task_folder.h"
+#include "task_process.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -49,6 +51,7 @@ class TaskTest : public SupportLogTest {
       prepare();
       const UniqueFd state = OpenStateFolder(paths_.state);
       const NewTask task = CreateTask(state.get());
+      dup2(task.lock.get(), kTaskLockFd);
       static_cast<void>(RunTask(paths_, limits_, task.id, ParseJson(app_list)));
       return task.id;
     });
@@ -84,7 +87,8 @@ TEST_F(TaskTest, FailedTaskLeavesItsReasonAndNoLine) {
   WriteText(data_ / "a.log", RandomLetters(100'000));
   Describe("demo", R"({"paths": [")" + (data_ / "a.log").string() + R"("]})");
   const fs::path folder = Run(R"(["demo"])", LimitFileSize);
-  EXPECT_THAT(ReadText(folder / kFailureFile), HasSubstr("File too large"));
+  const UniqueFd folder_fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  EXPECT_THAT(ReadFailure(folder_fd.get()), HasSubstr("File too large"));
   EXPECT_FALSE(fs::exists(folder / kArchiveFile));
   EXPECT_FALSE(fs::exists(paths_.audit_log));
 }
