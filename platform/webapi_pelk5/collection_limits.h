@@ -30,6 +30,10 @@ struct Limits {
   std::uint64_t file_bytes = std::uint64_t{256} << 20;
   /// Bytes taken of a file of a kernel file system (proc, sysfs, ...), whose size is known only once it is read.
   std::size_t kernel_file_bytes = std::size_t{4} << 20;
+  /// Bytes that one compressed file may unpack to; one with more is left out. Bounds time.
+  std::uint64_t unpacked_file_bytes = std::uint64_t{1} << 30;
+  /// The same of all compressed files of an archive together, what is read of them counted, too.
+  std::uint64_t unpacked_archive_bytes = std::uint64_t{4} << 30;
   /// Bytes of content per archive, before compression, the manifest not counted. Of a file that would pass it the
   /// end that fits is taken.
   std::uint64_t archive_bytes = std::uint64_t{4} << 30;

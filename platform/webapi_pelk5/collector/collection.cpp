@@ -191,14 +191,38 @@ void Collection::TakeRegularFile(ManifestEntry entry, int fd, const struct stat&
   const std::uint64_t size = std::min(static_cast<std::uint64_t>(status.st_size), limits_.file_bytes);
   const std::optional<std::uint64_t> allowed = Allowance(entry.name, size, limits_.least_bytes);
   if (!allowed) return;
-  const FileEntry taken =
-      AddFile(archive_, entry.name, fd, status, *allowed, {rules_.get(), binary_allowed_});
+  FileEntry taken =
+      AddFile(archive_, entry.name, fd, status, *allowed, {rules_.get(), binary_allowed_, true});
+  if (taken.packing != Packing::kNone) {
+    std::optional<FileEntry> unpacked = TakePackedFile(entry.name, fd, status, taken.packing);
+    if (!unpacked) return;
+    taken = std::move(*unpacked);
+  }
   if (!taken.left_out.empty()) return manifest_.AddError(entry.name, "left out: " + taken.left_out);
   entry.modified = status.st_mtime;
   entry.size = taken.size;
   entry.redacted = taken.redacted;
   entry.notes.insert(entry.notes.end(), taken.notes.begin(), taken.notes.end());
   Record(entry);
+}
+
+/// Unpacks a compressed file into the archive. Returns nothing where there is no room for what it unpacks to; the manifest
+/// says so then.
+std::optional<FileEntry> Collection::TakePackedFile(const std::string& name, int fd,
+                                                    const struct stat& status, Packing packing) {
+  const std::uint64_t left = limits_.unpacked_archive_bytes - unpacked_;
+  const UnpackLimits unpack = {limits_.file_bytes, std::min(left, limits_.unpacked_file_bytes), deadline_ms_};
+  const PackedFile packed = MeasurePacked(fd, status, packing, unpack);
+  unpacked_ += std::min(packed.cost, left);
+  if (!packed.left_out.empty()) {
+    FileEntry none;
+    none.left_out = packed.left_out;
+    return none;
+  }
+  const std::uint64_t size = std::min(packed.size, limits_.file_bytes);
+  const std::optional<std::uint64_t> allowed = Allowance(name, size, limits_.least_bytes);
+  if (!allowed) return std::nullopt;
+  return AddUnpacked(archive_, name, fd, status, packed, *allowed, rules_.get(), unpack);
 }
 
 /// A file of the kernel's tells its size only by being read.
@@ -244,7 +268,8 @@ bool Collection::TakeOutput(const std::string& name, const CommandRequest& reque
                        Redacted(request.argv.front(), rules_.get()) + " gave no output: " + result.Text());
     return false;
   }
-  FileEntry taken = AddFile(archive_, name, spool_fd, status, request.output_limit, {rules_.get(), false});
+  FileEntry taken =
+      AddFile(archive_, name, spool_fd, status, request.output_limit, {rules_.get(), false, false});
   if (!taken.left_out.empty()) {
     manifest_.AddError(name, "left out: " + taken.left_out);
     return true;

@@ -63,6 +63,8 @@ class Collection final : private FileVisitor {
   bool LeaveOut(const std::string& path, const std::string& why) override;
   bool FirstSight(const std::string& path);
   void TakeRegularFile(ManifestEntry entry, int fd, const struct stat& status);
+  std::optional<FileEntry> TakePackedFile(const std::string& name, int fd, const struct stat& status,
+                                          Packing packing);
   void TakeKernelFile(ManifestEntry entry, int fd);
 
   bool TakeCommand(const std::string& name, const CommandDescription& command, Output output);
@@ -95,6 +97,7 @@ class Collection final : private FileVisitor {
   std::uint64_t room_ = 0;                ///< Bytes of content for which there is space, as far as is known.
   std::uint64_t free_ = 0;                ///< Bytes that were free when the space was looked at.
   std::uint64_t since_look_ = 0;          ///< Bytes added since the space was looked at.
+  std::uint64_t unpacked_ = 0;            ///< Bytes that compressed files have cost.
   dev_t device_ = 0;                      ///< The last file's device, and
   bool device_is_kernels_ = false;        ///< whether its files are made by the kernel as they are read.
 };

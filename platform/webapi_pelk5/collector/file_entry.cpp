@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <string_view>
+#include <utility>
 
 #include "file_util.h"
 
@@ -16,6 +17,8 @@ namespace {
 constexpr std::uint64_t kLeadBytes = 65536;
 /// Bytes at the beginning of what is read of a file that tell whether it is text.
 constexpr std::size_t kHeadBytes = 8192;
+/// Bytes that are unpacked at a time where they are only counted.
+constexpr std::size_t kUnpackBytes = std::size_t{128} << 10;
 
 ssize_t ReadAt(int fd, char* buffer, std::size_t capacity, std::uint64_t offset) {
   ssize_t count = -1;
@@ -25,14 +28,14 @@ ssize_t ReadAt(int fd, char* buffer, std::size_t capacity, std::uint64_t offset)
   return count;
 }
 
-/// Reads a file from an offset on. Its head may be looked at before; no byte is read twice.
-class FileReader {
+/// Reads a content whose head may be looked at before; no byte is read twice.
+class HeadReader {
  public:
-  FileReader(int fd, std::uint64_t offset) : fd_(fd), offset_(offset) {}
+  explicit HeadReader(std::function<ssize_t(char*, std::size_t)> source) : source_(std::move(source)) {}
 
   /// @param size  How many bytes are wanted, at most kHeadBytes.
   std::string_view Head(std::size_t size) {
-    head_ = {head_bytes_.data(), ReadFile(head_bytes_.data(), size)};
+    head_ = {head_bytes_.data(), ReadSource(head_bytes_.data(), size)};
     return head_;
   }
 
@@ -40,7 +43,7 @@ class FileReader {
   ssize_t Read(char* buffer, std::size_t capacity) {
     const std::size_t copied = head_.copy(buffer, capacity);
     head_.remove_prefix(copied);
-    const std::size_t count = copied < capacity ? ReadFile(buffer + copied, capacity - copied) : 0;
+    const std::size_t count = copied < capacity ? ReadSource(buffer + copied, capacity - copied) : 0;
     return static_cast<ssize_t>(copied + count);
   }
 
@@ -49,16 +52,13 @@ class FileReader {
 
  private:
   /// Returns 0 at the end and on failure.
-  std::size_t ReadFile(char* buffer, std::size_t capacity) {
-    const ssize_t count = ReadAt(fd_, buffer, capacity, offset_);
+  std::size_t ReadSource(char* buffer, std::size_t capacity) {
+    const ssize_t count = source_(buffer, capacity);
     if (count < 0) error_ = errno;
-    const std::size_t taken = count < 0 ? 0 : static_cast<std::size_t>(count);
-    offset_ += taken;
-    return taken;
+    return count < 0 ? 0 : static_cast<std::size_t>(count);
   }
 
-  int fd_;
-  std::uint64_t offset_;  ///< Where reading goes on.
+  std::function<ssize_t(char*, std::size_t)> source_;
   std::array<char, kHeadBytes> head_bytes_;
   std::string_view head_;  ///< What of head_bytes_ is still to be given.
   int error_ = 0;
@@ -69,10 +69,54 @@ bool IsLonger(int fd, off_t size) {
   return fstat(fd, &now) == 0 && now.st_size > size;
 }
 
-std::string ZerosNote(std::uint64_t missing_bytes, int read_error) {
-  const std::string why = read_error == 0 ? "shrank while it was read"
-                                          : "could not be read to its end (" + ErrorText(read_error) + ")";
+std::string ZerosNote(std::uint64_t missing_bytes, const std::string& read_error) {
+  const std::string why =
+      read_error.empty() ? "shrank while it was read" : "could not be read to its end (" + read_error + ")";
   return why + ": zeros stand for its last " + std::to_string(missing_bytes) + " bytes";
+}
+
+std::string TailNote(std::uint64_t taken, std::uint64_t whole) {
+  return "longer than the limit: the last " + std::to_string(taken) + " of its " + std::to_string(whole) +
+         " bytes";
+}
+
+/// Which compression the file has, some of which was read already.
+/// @param begin  What was read begins with the file's beginning.
+Packing PackingOfFile(int fd, std::string_view head, bool begin) {
+  if (begin) return PackingOf(head);
+  std::array<char, kPackingMarkBytes> mark = {};
+  const ssize_t count = ReadAt(fd, mark.data(), mark.size(), 0);
+  return PackingOf({mark.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))});
+}
+
+/// A compressed file's bytes, up to the size that it had when it was opened, for as long as there is time.
+Unpacker::Input PackedInput(int fd, const struct stat& status, const UnpackLimits& limits) {
+  return [fd, size = static_cast<std::uint64_t>(status.st_size), deadline = limits.deadline_ms,
+          offset = std::uint64_t{0}](char* buffer, std::size_t capacity) mutable {
+    if (MonotonicMs() >= deadline) {
+      errno = ETIME;
+      return ssize_t{-1};
+    }
+    const ssize_t count = ReadAt(
+        fd, buffer, static_cast<std::size_t>(std::min<std::uint64_t>(capacity, size - offset)), offset);
+    if (count > 0) offset += static_cast<std::uint64_t>(count);
+    return count;
+  };
+}
+
+/// Why a compressed content that begins so is not taken; empty when it is.
+std::string WhyNotUnpacked(std::string_view head) {
+  constexpr std::size_t kTarMarkOffset = 257;
+  if (head.size() > kTarMarkOffset && head.substr(kTarMarkOffset, 5) == "ustar")
+    return "a tar archive inside";
+  if (PackingOf(head) != Packing::kNone) return "compressed twice";
+  return LooksLikeText(head) ? "" : "no text inside";
+}
+
+/// @param packing  kNone: the file is not compressed.
+std::string NotText(Packing packing, const std::string& why) {
+  const std::string text = "not text, so it can't be checked for secrets";
+  return packing == Packing::kNone ? text : text + " (" + NameOf(packing) + " data: " + why + ")";
 }
 
 }  // namespace
@@ -95,13 +139,17 @@ FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const
   source.size = entry.size;
   source.lead = std::min(skipped, kLeadBytes);
   source.modified = status.st_mtime;
-  FileReader reader(fd, skipped - source.lead);
+  HeadReader reader(ReaderOf(fd, skipped - source.lead));
   const std::uint64_t wanted = source.lead + source.size;
   // One byte more is asked for than the file had: of a small file this tells whether it grew.
   const std::string_view head = reader.Head(std::min<std::uint64_t>(wanted + 1, kHeadBytes));
+  if (check.rules != nullptr && check.unpacks && !check.binary_allowed) {
+    entry.packing = PackingOfFile(fd, head, skipped == source.lead);
+    if (entry.packing != Packing::kNone) return entry;
+  }
   const bool is_text = check.rules == nullptr || LooksLikeText(head);
   if (!is_text && !check.binary_allowed) {
-    entry.left_out = "not text, so it can't be checked for secrets";
+    entry.left_out = NotText(Packing::kNone, {});
     return entry;
   }
   source.rules = is_text ? check.rules : nullptr;
@@ -110,15 +158,87 @@ FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const
   entry.redacted = written.redacted;
 
   if (!is_text) entry.notes.emplace_back("not text: taken unchecked, as its description allows");
-  if (skipped > 0) {
-    entry.notes.push_back("longer than the limit: the last " + std::to_string(entry.size) + " of its " +
-                          std::to_string(file_size) + " bytes");
+  if (skipped > 0) entry.notes.push_back(TailNote(entry.size, file_size));
+  if (written.missing_bytes > 0) {
+    const std::string error = reader.error() == 0 ? std::string() : ErrorText(reader.error());
+    entry.notes.push_back(ZerosNote(written.missing_bytes, error));
   }
-  if (written.missing_bytes > 0) entry.notes.push_back(ZerosNote(written.missing_bytes, reader.error()));
   if (wanted < kHeadBytes ? head.size() > wanted : IsLonger(fd, status.st_size)) {
     entry.notes.push_back("grew while it was read: cut at the " + std::to_string(file_size) +
                           " bytes that it had when it was opened");
   }
+  return entry;
+}
+
+PackedFile MeasurePacked(int fd, const struct stat& status, Packing packing, const UnpackLimits& limits) {
+  PackedFile packed;
+  packed.packing = packing;
+  const auto leave_out = [&](const std::string& why) { packed.left_out = NotText(packing, why); };
+  if (static_cast<std::uint64_t>(status.st_size) > limits.packed_bytes) {
+    leave_out("longer than " + std::to_string(limits.packed_bytes) + " bytes");
+    return packed;
+  }
+  Unpacker unpacker(packing, PackedInput(fd, status, limits));
+  std::vector<char> buffer(kUnpackBytes);
+  std::size_t wanted = kHeadBytes;  // What is no text is seen there, and costs no more.
+  for (;;) {
+    const ssize_t count = unpacker.Read(buffer.data(), wanted);
+    packed.cost = unpacker.bytes_read() + packed.size;
+    if (count <= 0) break;
+    if (packed.size == 0) {
+      const std::string why = WhyNotUnpacked({buffer.data(), static_cast<std::size_t>(count)});
+      if (!why.empty() && unpacker.failure().empty()) {
+        leave_out(why);
+        return packed;
+      }
+    }
+    packed.size += static_cast<std::uint64_t>(count);
+    if (packed.size > limits.unpacked_bytes) {
+      leave_out("it unpacks to more than " + std::to_string(limits.unpacked_bytes) + " bytes");
+      return packed;
+    }
+    wanted = buffer.size();
+  }
+  packed.has_tail = unpacker.has_tail();
+  if (!unpacker.failure().empty()) leave_out(unpacker.failure());
+  return packed;
+}
+
+FileEntry AddUnpacked(ArchiveWriter& archive, const std::string& name, int fd, const struct stat& status,
+                      const PackedFile& packed, std::uint64_t max_bytes, const RedactionRules* rules,
+                      const UnpackLimits& limits) {
+  FileEntry entry;
+  entry.size = std::min(packed.size, max_bytes);
+  const std::uint64_t skipped = packed.size - entry.size;
+  EntrySource source;
+  source.size = entry.size;
+  source.lead = std::min(skipped, kLeadBytes);
+  source.modified = status.st_mtime;
+  source.rules = rules;
+  Unpacker unpacker(packed.packing, PackedInput(fd, status, limits));
+  std::vector<char> buffer(kUnpackBytes);
+  for (std::uint64_t left = skipped - source.lead; left > 0;) {
+    const ssize_t count = unpacker.Read(buffer.data(), std::min<std::uint64_t>(left, buffer.size()));
+    if (count <= 0) break;
+    left -= static_cast<std::uint64_t>(count);
+  }
+  HeadReader reader([&unpacker](char* to, std::size_t capacity) { return unpacker.Read(to, capacity); });
+  const std::uint64_t wanted = source.lead + source.size;
+  // The file may be another one than it was, and its end another kind of content than its beginning.
+  const std::string why = WhyNotUnpacked(reader.Head(std::min<std::uint64_t>(wanted, kHeadBytes)));
+  if (!why.empty()) {
+    entry.left_out = NotText(packed.packing, why);
+    return entry;
+  }
+  source.read = [&reader](char* to, std::size_t capacity) { return reader.Read(to, capacity); };
+  const WrittenEntry written = archive.Add(name, source);
+  entry.redacted = written.redacted;
+
+  entry.notes.push_back("unpacked: " + std::to_string(status.st_size) + " bytes of " +
+                        NameOf(packed.packing) + " data on the device");
+  if (packed.has_tail) entry.notes.emplace_back("what follows the compressed data is left out");
+  if (skipped > 0) entry.notes.push_back(TailNote(entry.size, packed.size));
+  if (written.missing_bytes > 0) entry.notes.push_back(ZerosNote(written.missing_bytes, unpacker.failure()));
   return entry;
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "archive_writer.h"
+#include "unpacker.h"
 
 namespace TARVO::SupportForm {
 
@@ -17,6 +18,8 @@ struct FileCheck {
   const RedactionRules* rules = nullptr;
   /// Whether a file that is not text is taken all the same, though it can't be checked by the rules.
   bool binary_allowed = false;
+  /// Whether a compressed file is to be unpacked: AddFile() takes nothing of one, but says that it is.
+  bool unpacks = false;
 };
 
 /// A file in the archive.
@@ -26,6 +29,24 @@ struct FileEntry {
   std::vector<std::string> notes;  ///< What is not as it was on the disk, for people.
   /// Why the archive does not have it, for people: its content can't be checked. Empty when the archive does.
   std::string left_out;
+  /// Not kNone: it is compressed, and the archive does not have it; MeasurePacked() and AddUnpacked() are to be asked.
+  Packing packing = Packing::kNone;
+};
+
+/// What a compressed file may cost.
+struct UnpackLimits {
+  std::uint64_t packed_bytes = 0;    ///< One that is longer is not read.
+  std::uint64_t unpacked_bytes = 0;  ///< One that unpacks to more is given up.
+  std::int64_t deadline_ms = 0;      ///< When there is no more time, monotonic.
+};
+
+/// What a compressed file unpacks to.
+struct PackedFile {
+  Packing packing = Packing::kNone;
+  std::uint64_t size = 0;  ///< Bytes that it unpacks to.
+  std::uint64_t cost = 0;  ///< Bytes read and unpacked to find out, also where that failed.
+  bool has_tail = false;   ///< Something behind the compressed bytes is something else.
+  std::string left_out;    ///< Why it can't be taken, for people; empty when it can.
 };
 
 /// Reads `fd` from `offset` on, for EntrySource::read.
@@ -40,5 +61,17 @@ struct FileEntry {
 /// @throws ArchiveFailed
 FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const struct stat& status,
                   std::uint64_t max_bytes, const FileCheck& check = {});
+
+/// Unpacks a compressed file for the first time, to learn its size, which an archive wants to know first, and whether
+/// it is a text: what is not can't be taken. That it is damaged, too, shows before anything of it is in the archive.
+[[nodiscard]] PackedFile MeasurePacked(int fd, const struct stat& status, Packing packing,
+                                       const UnpackLimits& limits);
+
+/// Unpacks it for the second time, into the archive, as AddFile() adds a file of that size.
+/// @param rules  Not null.
+/// @throws ArchiveFailed
+FileEntry AddUnpacked(ArchiveWriter& archive, const std::string& name, int fd, const struct stat& status,
+                      const PackedFile& packed, std::uint64_t max_bytes, const RedactionRules* rules,
+                      const UnpackLimits& limits);
 
 }  // namespace TARVO::SupportForm

@@ -267,6 +267,92 @@ TEST_F(CollectionTest, FilesThatAreNoTextAreLeftOutUnlessTheDescriptionVouchesFo
                                             AllOf(HasSubstr("01-printf.txt: left out: not text"))));
 }
 
+TEST_F(CollectionTest, CompressedLogsAreUnpackedCheckedAndStoredAsTextUnderTheirNames) {
+  const std::string log = "a line\npassword=s3cretB\n" + RandomLetters(300'000);
+  std::string masked = log;
+  masked.replace(masked.find("s3cretB"), 7, "*******");
+  const std::vector<std::pair<std::string, Packing>> rows = {
+      {"a.log.1.gz", Packing::kGzip}, {"a.log.2.xz", Packing::kXz}, {"a.log.3", Packing::kZstd}};
+  for (const auto& [name, packing] : rows) WriteText(data_ / name, Packed(packing, log));
+  DescribePaths("demo", "*");
+  const ArchiveContent archive = Collect(R"(["demo"])");
+  EXPECT_THAT(archive.Errors(), IsEmpty());
+  for (const auto& [name, packing] : rows) {
+    EXPECT_TRUE(archive.Of(InFiles("demo", name)) == masked) << name;
+    const Json::Value record = archive.Record(InFiles("demo", name));
+    EXPECT_EQ(record["size"].asUInt64(), log.size());
+    EXPECT_EQ(record["redacted"].asUInt64(), 1U);
+    EXPECT_EQ(record["sha256"].asString(), Sha256Of(masked));
+    EXPECT_EQ(record["notes"][0].asString(), "unpacked: " + std::to_string(fs::file_size(data_ / name)) +
+                                                 " bytes of " + NameOf(packing) + " data on the device");
+  }
+}
+
+TEST_F(CollectionTest, CompressedFilesThatDoNotUnpackToTextAreLeftOutWithTheReason) {
+  const std::string gzip = Packed(Packing::kGzip, RandomLetters(100'000));
+  std::string tar(2048, '\0');
+  tar.replace(257, 5, "ustar");
+  WriteText(data_ / "1-cut.gz", gzip.substr(0, gzip.size() - 4));
+  WriteText(data_ / "2-core.gz", Packed(Packing::kGzip, RandomBytes(100'000)));
+  WriteText(data_ / "3-tar.gz", Packed(Packing::kGzip, tar));
+  WriteText(data_ / "4-twice.gz", Packed(Packing::kGzip, gzip));
+  WriteText(data_ / "5-bomb.gz", Packed(Packing::kGzip, std::string(3'000'000, 'x')));
+  WriteText(data_ / "6-long.gz", Packed(Packing::kGzip, RandomLetters(900'000)));
+  WriteText(data_ / "7-mark.gz", "\x1f\x8b\x08 and text");
+  WriteText(data_ / "8-tail.gz", gzip + "behind it: password=s3cret");
+  limits_.unpacked_file_bytes = 2'000'000;
+  limits_.file_bytes = 500'000;
+  DescribePaths("demo", "*");
+  const ArchiveContent archive = Collect(R"(["demo"])");
+  const auto error = [&](const char* name, const char* data) {
+    return InFiles("demo", name) +
+           ": left out: not text, so it can't be checked for secrets (gzip data: " + data + ")";
+  };
+  EXPECT_THAT(archive.Errors(),
+              ElementsAre(error("1-cut.gz", "it ends too early: damaged, or still being written"),
+                          error("2-core.gz", "no text inside"), error("3-tar.gz", "a tar archive inside"),
+                          error("4-twice.gz", "compressed twice"),
+                          error("5-bomb.gz", "it unpacks to more than 2000000 bytes"),
+                          error("6-long.gz", "longer than 500000 bytes"), error("7-mark.gz", "damaged")));
+  EXPECT_TRUE(archive.Of(InFiles("demo", "8-tail.gz")) == RandomLetters(100'000));
+  EXPECT_EQ(archive.Record(InFiles("demo", "8-tail.gz"))["notes"][1].asString(),
+            "what follows the compressed data is left out");
+}
+
+TEST_F(CollectionTest, CompressedFilesOfAnArchiveUnpackToSoMuchTogether) {
+  for (const char* name : {"1", "2", "3"})
+    WriteText(data_ / name, Packed(Packing::kZstd, std::string(400'000, 'x')));
+  limits_.unpacked_archive_bytes = 1'000'000;
+  DescribePaths("demo", "*");
+  const ArchiveContent archive = Collect(R"(["demo"])");
+  EXPECT_THAT(archive.Errors(),
+              ElementsAre(AllOf(HasSubstr("/3: left out: "), HasSubstr("unpacks to more than"))));
+  EXPECT_EQ(archive.ManifestJson()["totals"]["bytes"].asUInt64() > 800'000, true);
+}
+
+TEST_F(CollectionTest, OfALongCompressedLogTheEndIsTakenAndNoSecretThatBeginsBeforeIt) {
+  const std::string log = RandomLetters(1'000'000) + "\npassword=hunter2-and-more\nnew";
+  WriteText(data_ / "a.log.gz", Packed(Packing::kGzip, log));
+  DescribePaths("demo", "*");
+  limits_.file_bytes = 800'000;
+  const ArchiveContent archive = Collect(R"(["demo"])");
+  const std::string text = archive.Of(InFiles("demo", "a.log.gz"));
+  EXPECT_EQ(text.size(), 800'000U);
+  EXPECT_THAT(text.substr(text.size() - 30), HasSubstr("=****************\nnew"));
+  EXPECT_THAT(archive.Record(InFiles("demo", "a.log.gz"))["notes"][1].asString(),
+              HasSubstr("the last 800000 of its 1000030 bytes"));
+}
+
+TEST_F(CollectionTest, CompressedFilesStayAsTheyAreWhereTheDescriptionVouchesForThemOrNothingIsChecked) {
+  const std::string packed = Packed(Packing::kGzip, "a line\n");
+  WriteText(data_ / "a.gz", packed);
+  Describe("demo", R"({"paths": [{"path": ")" + (data_ / "*").string() + R"(", "binary": true}]})");
+  EXPECT_EQ(Collect(R"(["demo"])").Of(InFiles("demo", "a.gz")), packed);
+  DescribePaths("demo", "*");
+  redact_ = false;
+  EXPECT_EQ(Collect(R"(["demo"])").Of(InFiles("demo", "a.gz")), packed);
+}
+
 TEST_F(CollectionTest, UnitsAreAskedOfTheJournalWithTheirLimits) {
   Program("journalctl", "echo \"$*\"");
   Describe("demo", R"({"units": ["web.service", {"unit": "db@*.service", "lines": 7, "since_hours": 2}]})");

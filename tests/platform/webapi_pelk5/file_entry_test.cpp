@@ -6,6 +6,7 @@
 
 #include <fstream>
 
+#include "file_util.h"
 #include "redaction_rules.h"
 #include "support_log_fixture.h"
 #include "unique_fd.h"
@@ -154,6 +155,41 @@ TEST_F(FileEntryTest, WithRedactionOffWhatIsNotTextIsTaken) {
   const std::string binary("a\0b", 3);
   EXPECT_THAT(Add(binary, [] {}).left_out, IsEmpty());
   EXPECT_EQ(Archived(), binary);
+}
+
+TEST_F(FileEntryTest, CompressedFileThatChangedSinceItWasMeasuredIsCutOrFilledUpAndCheckedAgain) {
+  const RedactionRules rules(folder_ / "no-patterns");
+  const UnpackLimits limits = {1 << 20, 1 << 20, MonotonicMs() + kDeadlineMs};
+  const auto add = [&](const std::string& name, const std::string& now) {
+    WriteText(path_, Packed(Packing::kGzip, "some text, of which there is enough"));
+    const UniqueFd fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status = {};
+    EXPECT_EQ(fstat(fd.get(), &status), 0);
+    const PackedFile packed = MeasurePacked(fd.get(), status, Packing::kGzip, limits);
+    EXPECT_EQ(packed.left_out, "");
+    EXPECT_EQ(packed.size, 35U);
+    WriteText(path_, now);
+    return AddUnpacked(writer_, name, fd.get(), status, packed, 1 << 20, &rules, limits);
+  };
+  const FileEntry shorter = add("shorter", Packed(Packing::kGzip, "password=hunter2\n"));
+  EXPECT_THAT(shorter.notes, testing::Contains(HasSubstr("zeros stand for its last 18 bytes")));
+  EXPECT_THAT(add("binary", Packed(Packing::kGzip, std::string("\0\1\2", 3))).left_out,
+              HasSubstr("no text inside"));
+  EXPECT_THAT(add("gone", "").notes, testing::Contains(HasSubstr("could not be read to its end (damaged)")));
+  writer_.Close();
+  const ArchiveContent content = ReadArchive(folder_ / "archive");
+  EXPECT_EQ(content.Of("shorter"), "password=*******\n" + std::string(18, '\0'));
+  EXPECT_EQ(content.Of("gone"), std::string(35, '\0'));
+  EXPECT_FALSE(content.Has("binary"));
+}
+
+TEST_F(FileEntryTest, UnpackingEndsWhenTheTimeIsOver) {
+  WriteText(path_, Packed(Packing::kGzip, "some text"));
+  const UniqueFd fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status = {};
+  ASSERT_EQ(fstat(fd.get(), &status), 0);
+  EXPECT_THAT(MeasurePacked(fd.get(), status, Packing::kGzip, {1 << 20, 1 << 20, 0}).left_out,
+              HasSubstr("Timer expired"));
 }
 
 TEST_F(FileEntryTest, EmptyFileIsAnEmptyEntry) {

@@ -80,6 +80,23 @@ void FillDevice(const fs::path& folder) {
   }
 }
 
+std::string Packed(Packing packing, const std::string& text) {
+  const std::unique_ptr<archive, int (*)(archive*)> writer(archive_write_new(), &archive_write_free);
+  const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(),
+                                                                       &archive_entry_free);
+  std::string packed(text.size() + 100'000, '\0');
+  std::size_t size = 0;
+  EXPECT_EQ(archive_write_add_filter_by_name(writer.get(), NameOf(packing).c_str()), ARCHIVE_OK);
+  archive_write_set_format_raw(writer.get());
+  archive_write_set_bytes_per_block(writer.get(), 0);
+  archive_write_open_memory(writer.get(), packed.data(), packed.size(), &size);
+  archive_entry_set_filetype(entry.get(), AE_IFREG);
+  EXPECT_EQ(archive_write_header(writer.get(), entry.get()), ARCHIVE_OK);
+  EXPECT_EQ(archive_write_data(writer.get(), text.data(), text.size()), static_cast<la_ssize_t>(text.size()));
+  EXPECT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
+  return packed.substr(0, size);
+}
+
 std::string RandomLetters(std::size_t count) {
   static constexpr char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-\n";
   std::minstd_rand random(4711);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "collection_limits.h"
+#include "unpacker.h"
 
 namespace TARVO::SupportForm {
 
@@ -37,6 +38,9 @@ void LimitFileSize();
 
 /// Fills the file system of a folder to its last byte.
 void FillDevice(const fs::path& folder);
+
+/// The text, compressed.
+[[nodiscard]] std::string Packed(Packing packing, const std::string& text);
 
 /// Text in which no part comes again: it compresses by a quarter.
 [[nodiscard]] std::string RandomLetters(std::size_t count);
