@@ -1,7 +1,8 @@
-/// libsleep_shim.so, for LD_PRELOAD: the daemon's pauses, its calls of sleep() and usleep(), cut short by files in
-/// /run/sleep_shim while it runs. Nothing else that waits is touched.
+/// libsleep_shim.so, for LD_PRELOAD: the daemon's pauses, its calls of sleep() and usleep(), cut short or held by files
+/// in /run/sleep_shim while it runs. Nothing else that waits is touched.
 ///
 /// - `instant`: as long as it exists, every sleep() ends at once.
+/// - `hold`: as long as it exists, no sleep() ends but by a signal; one that has begun then ends with it.
 /// - `scale`: every pause is divided by the number that stands in it.
 
 #include <dlfcn.h>
@@ -39,6 +40,8 @@ unsigned Scale() {
   return static_cast<unsigned>(std::max(1L, std::strtol(text.data(), nullptr, 10)));
 }
 
+bool IsHeld() { return access("/run/sleep_shim/hold", F_OK) == 0; }
+
 int RealUsleep(unsigned microseconds) {
   static const auto real_usleep = reinterpret_cast<int (*)(useconds_t)>(dlsym(RTLD_NEXT, "usleep"));
   return real_usleep(microseconds);
@@ -51,6 +54,14 @@ extern "C" __attribute__((visibility("default"))) unsigned sleep(unsigned second
   const bool instant = access("/run/sleep_shim/instant", F_OK) == 0;
   RecordSleep(seconds, instant);
   if (instant) {
+    return 0;
+  }
+  if (IsHeld()) {
+    while (IsHeld()) {
+      if (RealUsleep(20'000) != 0) {
+        return seconds;
+      }
+    }
     return 0;
   }
   const unsigned scale = Scale();

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 
 #include "loopback_socket.h"
@@ -12,7 +14,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr int kLookMs = 10;  // between two looks at whether the server is to end
-constexpr int kPatienceMs = 10'000;
+constexpr int kPatienceMs = 60'000;
 /// Small, so that a body that nobody reads soon fills it.
 constexpr int kReceiveBufferBytes = 64 * 1024;
 
@@ -73,6 +75,36 @@ void ReadBody(int fd, ReceivedRequest& request, std::size_t most) {
   const std::size_t wanted = std::min(announced, most);
   while (request.body.size() < wanted && ReadSome(fd, request.body, wanted - request.body.size())) {
   }
+}
+
+int PortOf(int connection, int (*name)(int, sockaddr*, socklen_t*)) {
+  sockaddr_in address = {};
+  socklen_t size = sizeof(address);
+  name(connection, reinterpret_cast<sockaddr*>(&address), &size);
+  return ntohs(address.sin_port);
+}
+
+/// Whether the client, which is on this machine, has read all that was sent to it, or has gone.
+bool HasReadAll(int connection) {
+  const int own = PortOf(connection, getsockname);
+  const int peers = PortOf(connection, getpeername);
+  std::ifstream connections("/proc/net/tcp");
+  for (std::string line; std::getline(connections, line);) {
+    // "sl: ADDRESS:PORT ADDRESS:PORT STATE UNSENT:UNREAD", all in hexadecimal.
+    unsigned from = 0;
+    unsigned to = 0;
+    unsigned unsent = 0;
+    unsigned unread = 0;
+    if (std::sscanf(line.c_str(), "%*d: %*8x:%x %*8x:%x %*x %x:%x", &from, &to, &unsent, &unread) != 4) {
+      continue;
+    }
+    const bool is_ours = from == static_cast<unsigned>(own) && to == static_cast<unsigned>(peers);
+    const bool is_peers = from == static_cast<unsigned>(peers) && to == static_cast<unsigned>(own);
+    if ((is_ours && unsent > 0) || (is_peers && unread > 0)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace
@@ -210,6 +242,12 @@ void SteerableServer::Give(int connection, const Treatment& treatment) {
       return;
     }
     Pause(treatment.pause_between);
+  }
+  if (treatment.after_answer) {
+    while (!stop_ && !HasReadAll(connection)) {
+      Pause(milliseconds(kLookMs));
+    }
+    treatment.after_answer();
   }
   while (treatment.ending == Treatment::Ending::kRepeat && Send(connection, treatment.pieces.back())) {
     Pause(treatment.pause_between);

@@ -37,6 +37,8 @@ struct Treatment {
   std::size_t midway_bytes = 0;
   /// Called in the server's thread once the request was read, before the answer; may steer the server.
   std::function<void()> before_answer = {};
+  /// Called in the server's thread once the client has read the whole answer.
+  std::function<void()> after_answer = {};
 };
 
 /// An answer with `status` (such as "200 OK"), `body` and its length, in one piece.

@@ -33,6 +33,7 @@ using testing::IsEmpty;
 constexpr char kVendorArchive[] = "/run/vendor/debug.dat";
 constexpr char kForkFails[] = "/run/fault_shim/fork";
 constexpr char kClock[] = "/run/fault_shim/clock";
+constexpr char kDeadPeer[] = "/run/curl_limit_shim/dead_peer_ms";
 const std::string kFinish = Daemon("W Finish handling the request(*)");
 const Lines kNotGenerated = {Daemon("E Failed to generagte debug.dat"), kFinish};
 
@@ -161,7 +162,6 @@ TEST_P(ArchiveFaultTest, EndsItsUploadAndTheNextOneIsServed) {
   first.midway_bytes = 100'000;
   first.midway = row.midway;
   css_.Steer(kUploadPath, {first, Success()});
-  LimitAttempts(kUploadPath, 1500);
   StartWithInstantCollection();
   ConfigGate gate;
   TakeTicket();
@@ -207,7 +207,11 @@ INSTANTIATE_TEST_SUITE_P(
                    "Success"},
         ArchiveRow{"Shrinks",
                    [] { WriteFile(kVendorArchive, kBig); },
-                   [] { fs::resize_file(kVendorArchive, 1000); },
+                   [] {
+                     fs::resize_file(kVendorArchive, 1000);
+                     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // for any other end of it
+                     LetAttemptTimeOut();
+                   },
                    {Attempts(1, 28)},
                    "Success"},
         ArchiveRow{"VanishesMidway",
@@ -223,7 +227,7 @@ TEST_F(DeviceFaultTest, ServerThatReadsNothingOfABigArchiveIsGivenUpAsADeadPeerB
   unread.says_continue = false;
   unread.body_bytes = 0;
   css_.Steer(kUploadPath, {unread, Success()});
-  LimitAttempts(kUploadPath, 4000);
+  WriteFile(kDeadPeer, "2000");
   StartWithInstantCollection();
   ConfigGate gate;
   TakeTicket();
@@ -448,7 +452,7 @@ class SignalTest : public DeviceFaultTest, public testing::WithParamInterface<Si
         ASSERT_NO_FATAL_FAILURE(HoldAt(kUploadPath));
         break;
       case State::kPausing:
-        PauseForReal();
+        HoldPauses();
         css_.Steer(kUploadPath, {Treatment{}, Success()});
         StartWithInstantCollection();
         TakeTicket();
@@ -474,6 +478,7 @@ class SignalTest : public DeviceFaultTest, public testing::WithParamInterface<Si
   void GoOn() {
     released_ = true;
     OpenGate();
+    LetPausesEnd();
   }
 
   [[nodiscard]] pid_t Receiver() const {

@@ -14,6 +14,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kPauseScale[] = "/run/sleep_shim/scale";
+constexpr char kPauseHold[] = "/run/sleep_shim/hold";
+constexpr char kCurlClock[] = "/run/curl_limit_shim/clock";
 constexpr char kVendorFolder[] = "/run/vendor";
 constexpr char kGate[] = "/run/system_test/gate_is_open";
 constexpr char kGateReached[] = "/run/system_test/gate_is_reached";
@@ -82,6 +84,13 @@ testing::Matcher<Lines> AreLines(const Lines& patterns) {
   return testing::ElementsAreArray(matchers);
 }
 
+void LetAttemptTimeOut() {
+  const std::string passed = ReadFile(kCurlClock);
+  const std::string next = std::string(kCurlClock) + ".new";
+  WriteFile(next, std::to_string((passed.empty() ? 0 : std::stol(passed)) + 1800));
+  fs::rename(next, kCurlClock);
+}
+
 void FaultTest::SetUp() {
   SystemTest::SetUp();
   if (HasFatalFailure()) {
@@ -96,7 +105,8 @@ void FaultTest::SetUp() {
                             "; do sleep 0.05; done"});
 }
 
-void FaultTest::PauseForReal() { fs::remove(kPauseScale); }
+void FaultTest::HoldPauses() { WriteFile(kPauseHold, ""); }
+void FaultTest::LetPausesEnd() { fs::remove(kPauseHold); }
 void FaultTest::PauseShorter(int divisor) { WriteFile(kPauseScale, std::to_string(divisor)); }
 
 void FaultTest::StartScaledDaemon(const Environment& extra) {

@@ -33,6 +33,9 @@ testing::Matcher<std::string> LooksLike(const std::string& pattern);
 /// Exactly the lines that `patterns` describe, in their order.
 testing::Matcher<Lines> AreLines(const Lines& patterns);
 
+/// Lets the 1800 s pass that a request's present attempt may last, where the daemon runs with libcurl_limit_shim.so.
+void LetAttemptTimeOut();
+
 /// The daemon's own pauses, its sleep() and usleep(), take a tenth of their time unless the test says otherwise.
 class FaultTest : public SystemTest {
  protected:
@@ -50,9 +53,11 @@ class FaultTest : public SystemTest {
   /// Ends what is left of the daemon as an operator does, by SIGTERM, and starts it anew as before.
   void RestartDaemon();
 
-  /// From now on the daemon's pauses take their time, or so small a part of it.
-  static void PauseForReal();
+  /// From now on the daemon's pauses take so small a part of their time.
   static void PauseShorter(int divisor = 10);
+  /// From now on its calls of sleep() don't end, but by a signal, until LetPausesEnd().
+  static void HoldPauses();
+  static void LetPausesEnd();
 
   /// With another maker's collection, which is over at once whatever else this machine has to do: ours gives way to
   /// everything. It knows no gate.

@@ -74,7 +74,7 @@ class ProcessFaultTest : public FaultTest {
   void Reach(State state, const Environment& environment, void (*sigpipe)(int) = SIG_DFL) {
     static_cast<void>(signal(SIGPIPE, sigpipe));
     if (state == State::kPausing || state == State::kRetrying || state == State::kLooking) {
-      PauseForReal();
+      HoldPauses();
     }
     if (state == State::kPausing) {
       StartDaemonFor(std::string("unix:") + kSocket, environment);
@@ -96,18 +96,20 @@ class ProcessFaultTest : public FaultTest {
     if (!service_) {
       StartService(std::string("unix:") + kSocket);
     }
+    LetPausesEnd();
   }
 
   /// Lets go on what was held in its state.
   void Release() {
     OpenGate();
     *is_released_ = true;
+    LetPausesEnd();
   }
 
   /// Lets the child end its work after the supervisor or the worker was killed.
   void ExpectChildFinishes(State state) {
-    Release();
     css_.Steer(kUploadPath, {});
+    Release();
     ASSERT_TRUE(WaitForResults(1)) << WholeLog();
     const bool tried_before = state == State::kRetrying;
     EXPECT_TRUE(Logs(child_, (tried_before ? kChildFails : Lines{}) + kChildFinishes));
@@ -367,7 +369,6 @@ TEST_P(ChildKilledTest, CostsItsTicketTheResultAndTheNextTicketIsServedAndRemove
   EXPECT_EQ(Results(), row.results);
   const std::set<int> descriptors = OpenDescriptors(supervisor_);
 
-  PauseShorter();
   Release();  // the task works on without its child
   ASSERT_TRUE(WaitForOtherProcessesEnd({supervisor_, worker_}));
   EXPECT_THAT(ArchivesOnDevice(), testing::SizeIs(1));

@@ -11,7 +11,7 @@
 #include <vector>
 
 constexpr std::chrono::milliseconds kPatience{
-    20'000};  ///< For what takes well under a second when all is idle.
+    60'000};  ///< For what takes well under a second when all is idle.
 
 /// Looks every 20 ms until `condition` holds.
 /// @return false when it did not within `limit`.

@@ -50,7 +50,6 @@ constexpr char kNotCollected[] = "Failed to generate debug file";
 
 constexpr char kForkFails[] = "/run/fault_shim/fork";
 constexpr char kClock[] = "/run/fault_shim/clock";
-constexpr char kRequestLimits[] = "/run/curl_limit_shim";
 constexpr char kAuditLog[] = "/var/log/debug_dat_collect.log";
 
 struct SoakTicket {
@@ -74,7 +73,6 @@ struct CssFault {
   const char* name;
   std::vector<Treatment> treatments;
   bool succeeds = false;
-  int limit_ms = 0;  ///< In the place of the 1800 s that an attempt may last; 0 keeps them.
 };
 
 Treatment Sends(std::vector<std::string> pieces, Treatment::Ending ending = Treatment::Ending::kClose) {
@@ -90,6 +88,12 @@ Treatment Resets(std::size_t body_bytes) {
   return treatment;
 }
 
+Treatment IsSilent() {
+  Treatment treatment = Sends({}, Treatment::Ending::kKeepOpen);
+  treatment.before_answer = LetAttemptTimeOut;
+  return treatment;
+}
+
 Treatment Succeeds(milliseconds pause = milliseconds(0), bool says_continue = true) {
   Treatment treatment = HttpAnswer("200 OK", R"({"success": true})");
   treatment.pause_before = pause;
@@ -100,7 +104,7 @@ Treatment Succeeds(milliseconds pause = milliseconds(0), bool says_continue = tr
 const std::vector<CssFault>& CssFaults() {
   static const std::string half = "HTTP/1.1 200 OK\r\nContent-Length: 17\r\n\r\n{\"suc";
   static const std::vector<CssFault> faults = {
-      {"is silent", {Sends({}, Treatment::Ending::kKeepOpen)}, false, 100},
+      {"is silent", {IsSilent()}},
       {"resets at once", {Resets(0)}},
       {"resets within the body", {Resets(40)}},
       {"closes", {Sends({})}},
@@ -529,20 +533,13 @@ void Soak::UploadFails() {
   const SoakTicket ticket = DrawTicket();
   const CssFault& fault = CssFaults()[Draw(CssFaults().size())];
   server_->Steer(kUploadPath, fault.treatments);
-  if (fault.limit_ms != 0) {
-    WriteFile(kRequestLimits + std::string(kUploadPath), std::to_string(fault.limit_ms));
-  }
   Serve(ticket, fault.succeeds ? kSuccess : kNotUploaded);
-  fs::remove_all(kRequestLimits);
 }
 
 void Soak::ReportFails() {
   const SoakTicket ticket = DrawTicket();
   const CssFault& fault = CssFaults()[Draw(CssFaults().size())];
   server_->Steer(kReportPath, fault.treatments);
-  if (fault.limit_ms != 0) {
-    WriteFile(kRequestLimits + std::string(kReportPath), std::to_string(fault.limit_ms));
-  }
   DeliverGood(ticket);
   AwaitSettled();
   // What the server then does with the report, the ticket has its archive; of a report that is reset, more or less may
@@ -550,7 +547,6 @@ void Soak::ReportFails() {
   if (CheckArchives(ticket) != 1 || server_->RequestsFor(kReportPath).empty()) {
     throw BrokenInvariant("ticket " + ticket.id + " has not one upload and a report");
   }
-  fs::remove_all(kRequestLimits);
 }
 
 void Soak::CssServerRefuses() {

@@ -6,13 +6,6 @@
 #include <set>
 #include <sstream>
 
-namespace {
-
-/// Where curl_limit_shim looks for shorter limits.
-const std::string kLimits = "/run/curl_limit_shim";
-
-}  // namespace
-
 std::string Transmitter(const std::string& text) { return "E transmitter.cpp " + text; }
 
 Lines Attempts(int times, int code, const std::string& what) {
@@ -52,8 +45,7 @@ void TransmissionTest::SetUp() {
   if (HasFatalFailure()) {
     return;
   }
-  WriteFile(kPauseScaleFile, "20");
-  std::filesystem::remove_all(kLimits);
+  PauseShorter(20);
   std::filesystem::create_directories("/run/vendor");
   ASSERT_NO_FATAL_FAILURE(StartService());
 }
@@ -66,10 +58,6 @@ void TransmissionTest::StartDaemonWith(const std::string& webapi_library_folder)
   // The worker has read the configuration then.
   ASSERT_TRUE(Eventually([&] { return service_->Output().find("device connected") != std::string::npos; }))
       << WholeLog();
-}
-
-void TransmissionTest::LimitAttempts(const std::string& path, int milliseconds) {
-  WriteFile(kLimits + path, std::to_string(milliseconds));
 }
 
 std::string TransmissionTest::ConfigWith(const std::string& css_url) const {
@@ -111,7 +99,6 @@ bool TransmissionTest::WaitForRequests(const std::string& path, std::size_t coun
 void TransmissionTest::ExpectTheNextIsServedAndNothingLeft() {
   const std::set<int> supervisors = OpenDescriptors(supervisor_);
   const std::set<int> workers = OpenDescriptors(worker_);
-  std::filesystem::remove_all(kLimits);
   WriteConfig(ConfigWith(css_.Url()));
   ExpectNextTicketIsServed();
   ExpectNothingIsLeft();

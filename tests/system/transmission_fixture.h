@@ -6,9 +6,6 @@
 
 #include "fault_fixture.h"
 
-/// By what sleep_shim divides the daemon's pauses.
-inline constexpr char kPauseScaleFile[] = "/run/sleep_shim/scale";
-
 /// A line of the HTTP client.
 std::string Transmitter(const std::string& text);
 /// The line of a failed attempt, `times` times.
@@ -36,15 +33,12 @@ class TransmissionTest : public FaultTest {
   /// Starts the support service.
   void SetUp() override;
 
-  /// Starts the daemon. Its pauses take a twentieth of their time, and requests may be given a shorter limit.
+  /// Starts the daemon. Its pauses take a twentieth of their time, and LetAttemptTimeOut() has its effect.
   void StartDaemonWith(const std::string& webapi_library_folder);
   /// With another maker's collection, which is over at once whatever else this machine has to do.
   void StartWithInstantCollection() { StartDaemonWith("vendor/webapi-Pelk5"); }
   /// With the host platform's collection, whose "status" waits a tenth of a second instead of five.
   void StartWithScaledCollection() { StartDaemonWith("scaled"); }
-
-  /// From now on an attempt of a request for `path` may last so long, instead of 1800 s.
-  static void LimitAttempts(const std::string& path, int milliseconds);
 
   /// The configuration with that address of the CSS server.
   [[nodiscard]] std::string ConfigWith(const std::string& css_url) const;

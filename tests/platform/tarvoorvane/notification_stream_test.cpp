@@ -39,7 +39,7 @@ Address NamedHost(const Testing::NameServer& name_server, int port) {
 TEST(NotificationStreamTest, ASilentNameServerEndsItAtTheLimitOfTheLookUp) {
   Testing::NameServer name_server("");
   StreamLimits limits;
-  limits.name_lookup = std::chrono::milliseconds(200);
+  limits.name_lookup = std::chrono::milliseconds(1000);
   NotificationStream stream(NamedHost(name_server, 1), {}, "", limits);
   ASSERT_TRUE(AwaitEnd(stream));
   EXPECT_EQ(stream.end_status().error, grpc::StatusCode::UNAVAILABLE);
