@@ -11,7 +11,7 @@
 
 namespace test_support {
 
-constexpr std::chrono::milliseconds kDeadline = std::chrono::seconds(10);
+constexpr std::chrono::milliseconds kDeadline = std::chrono::seconds(60);
 
 /// How a process ended.
 struct Ending {

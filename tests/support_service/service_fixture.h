@@ -23,7 +23,7 @@
 
 namespace TarvoOrvane::SupportService {
 
-constexpr std::chrono::seconds kDeadline{20};
+constexpr std::chrono::seconds kDeadline{60};
 
 /// Tries a condition until it holds. @return whether it did before the deadline.
 template <typename Condition>

@@ -28,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kDeadlineMs = 30'000;
+constexpr int kDeadlineMs = 60'000;
 
 /// A process forked by a test. It runs one piece of code, which the constructor waits for,
 /// then stays until it is told to end.

@@ -13,7 +13,7 @@
 
 namespace TarvoOrvane::Testing {
 
-constexpr std::chrono::seconds kDeadline{10};
+constexpr std::chrono::seconds kDeadline{60};
 
 /// One stream that a client has opened.
 class Session {

@@ -18,8 +18,8 @@ namespace TarvoOrvane::Testing {
 
 class ScriptedTcpServer {
  public:
-  /// @param serve  Runs in the server's thread for one connection after the other. What it reads comes within ten
-  ///               seconds or fails. Connections stay open until the server goes.
+  /// @param serve  Runs in the server's thread for one connection after the other. What it reads comes within a
+  ///               minute or fails. Connections stay open until the server goes.
   explicit ScriptedTcpServer(std::function<void(int)> serve)
       : serve_(std::move(serve)), listener_(BindLoopback(SOCK_STREAM, port_)), thread_([this] { Run(); }) {}
   ~ScriptedTcpServer() {
@@ -41,7 +41,7 @@ class ScriptedTcpServer {
       if (poll(&readable, 1, 10) <= 0) continue;
       open.emplace_back(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
       ++connections_;
-      const timeval limit{10, 0};
+      const timeval limit{60, 0};
       setsockopt(open.back().get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
       serve_(open.back().get());
     }

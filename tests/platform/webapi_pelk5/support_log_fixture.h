@@ -20,7 +20,7 @@ namespace TARVO::SupportForm {
 namespace fs = std::filesystem;
 
 /// No wait in a test lasts longer.
-inline constexpr int kDeadlineMs = 30'000;
+inline constexpr int kDeadlineMs = 60'000;
 
 /// Waits until `condition` holds. Returns false when it does not in time.
 [[nodiscard]] bool WaitUntil(const std::function<bool()>& condition);
