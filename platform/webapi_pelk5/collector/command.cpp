@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <sstream>
 #include <string_view>
 
 #include "archive_writer.h"
@@ -25,21 +26,43 @@ namespace {
 /// How often the end of a command is looked for while it keeps silent.
 constexpr std::int64_t kLookMs = 20;
 
-/// The program's path: as given with a slash in it, otherwise in the first of the folders that holds it.
-/// Empty when none does. posix_spawnp() would search the caller's own PATH.
-std::string FindProgram(const std::string& name, const std::string& folders) {
-  if (name.find('/') != std::string::npos) return name;
-  std::size_t begin = 0;
-  while (begin <= folders.size()) {
-    const std::size_t end = std::min(folders.find(':', begin), folders.size());
-    std::string path = folders.substr(begin, end - begin) + "/" + name;
-    struct stat status = {};
-    if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0) {
-      return path;
-    }
-    begin = end + 1;
+std::vector<std::string> Folders(const std::string& folders) {
+  std::vector<std::string> list;
+  std::istringstream stream(folders);
+  for (std::string folder; std::getline(stream, folder, ':');) list.push_back(folder);
+  return list;
+}
+
+/// The folders of the look-up in which nobody else can put programs: a command, too, finds its programs in no other.
+std::string TrustedFolders(const std::string& folders) {
+  std::string trusted;
+  for (const std::string& folder : Folders(folders)) {
+    if (!OpenTrusted(folder, O_PATH | O_DIRECTORY).fd.valid()) continue;
+    trusted += (trusted.empty() ? "" : ":") + folder;
   }
-  return {};
+  return trusted;
+}
+
+struct FoundProgram {
+  std::string path;   ///< Empty when there is none that may be run.
+  Distrust distrust;  ///< Set when the only ones are such as others can change.
+};
+
+/// The program as given with a slash in it, otherwise in the first of the folders that holds one which others can't
+/// change. posix_spawnp() would search the caller's own PATH.
+FoundProgram FindProgram(const std::string& name, const std::string& folders) {
+  if (name.find('/') != std::string::npos) return {name, OpenTrusted(name, O_PATH).distrust};
+  FoundProgram found;
+  for (const std::string& folder : Folders(folders)) {
+    const std::string path = folder + "/" + name;
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0)
+      continue;
+    const Distrust distrust = OpenTrusted(path, O_PATH).distrust;
+    if (!distrust) return {path, {}};
+    if (!found.distrust) found.distrust = distrust;
+  }
+  return found;
 }
 
 /// Owns what posix_spawn() is told.
@@ -75,7 +98,7 @@ class SpawnPlan {
   /// Returns 0 or an errno value.
   int Spawn(pid_t& pid, const std::string& program, const CommandRequest& request) {
     std::vector<std::string> arguments = request.argv;
-    std::vector<std::string> environment = {"PATH=" + request.programs, "LC_ALL=C"};
+    std::vector<std::string> environment = {"PATH=" + TrustedFolders(request.programs), "LC_ALL=C"};
     return posix_spawn(&pid, program.c_str(), &actions_, &attributes_, Pointers(arguments).data(),
                        Pointers(environment).data());
   }
@@ -275,11 +298,9 @@ std::string CommandResult::Text() const {
 
 CommandResult RunCommand(const CommandRequest& request, int output_fd) {
   const auto not_started = [](int error) { return CommandResult{CommandResult::End::kNotStarted, error}; };
-  const std::string program = FindProgram(request.argv.front(), request.programs);
-  if (program.empty()) return not_started(ENOENT);
-  const OpenedPath judged = OpenTrusted(program, O_PATH);
-  if (judged.distrust) return {CommandResult::End::kNotStarted, EPERM, false, judged.distrust.Line()};
-  if (judged.error != 0) return not_started(judged.error);
+  const FoundProgram program = FindProgram(request.argv.front(), request.programs);
+  if (program.distrust) return {CommandResult::End::kNotStarted, EPERM, false, program.distrust.Line()};
+  if (program.path.empty()) return not_started(ENOENT);
   const Guardian guardian;  // before the pipe, so that it holds no end of it
   if (guardian.group() <= 0) return not_started(errno);
   int ends[2];
@@ -290,7 +311,7 @@ CommandResult RunCommand(const CommandRequest& request, int output_fd) {
 
   pid_t pid = -1;
   const int error = SpawnPlan(write_end.get(), request.output == Output::kBegin, guardian.group())
-                        .Spawn(pid, program, request);
+                        .Spawn(pid, program.path, request);
   if (error != 0) return not_started(error);
   write_end.Close();
   CommandResult result = WaitForEnd(guardian.group(), pid, request, output);

@@ -16,7 +16,9 @@ enum class Output {
 /// A command to be run.
 struct CommandRequest {
   std::vector<std::string> argv;  ///< Program and arguments; a program without a slash is looked up.
-  std::string programs;           ///< Folders for the look-up, separated by colons; also the command's PATH.
+  std::string
+      programs;  ///< Folders for the look-up, separated by colons; also the command's PATH. Those in which
+                 ///< others can put programs don't count.
   std::int64_t time_limit_ms = 0;
   std::uint64_t output_limit = 0;  ///< Bytes of output that are kept; of the end up to twice as many.
   Output output = Output::kBegin;

@@ -68,6 +68,17 @@ TEST_F(CommandTest, ProgramThatOthersCanChangeIsNotStarted) {
   EXPECT_THAT(Run({"tool"}).Text(), HasSubstr("bin (owner "));
 }
 
+TEST_F(CommandTest, ProgramThatOthersPutBeforeAnotherOnTheWayIsPassedOver) {
+  Program("tool", "echo planted");
+  Program("../safe/tool", "echo ran");
+  chmod((folder_ / "bin").c_str(), 0777);
+  paths_.programs = (folder_ / "bin").string() + ":" + (folder_ / "safe").string() + ":/usr/bin:/bin";
+  EXPECT_EQ(Run({"tool"}).end, End::kExited);
+  EXPECT_EQ(output_, "ran\n");
+  Shell("tool; echo $PATH");
+  EXPECT_EQ(output_, "ran\n" + (folder_ / "safe").string() + ":/usr/bin:/bin\n");
+}
+
 TEST_F(CommandTest, OutputAndErrorsAreKeptInTheirOrder) {
   const CommandResult result = Shell("echo one; echo two >&2; echo three; exit 3");
   EXPECT_EQ(result.end, End::kExited);
