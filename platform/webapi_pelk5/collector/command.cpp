@@ -54,7 +54,7 @@ FoundProgram FindProgram(const std::string& name, const std::string& folders) {
   if (name.find('/') != std::string::npos) return {name, OpenTrusted(name, O_PATH).distrust};
   FoundProgram found;
   for (const std::string& folder : Folders(folders)) {
-    const std::string path = folder + "/" + name;
+    const std::string path = std::string(folder).append("/").append(name);
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0)
       continue;
