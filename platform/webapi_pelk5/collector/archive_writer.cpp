@@ -19,6 +19,9 @@ namespace {
 constexpr std::size_t kBlockBytes = std::size_t{128} << 10;
 /// Bytes of the archive per entry beside its content: header, names of up to 4096 bytes, padding.
 constexpr std::uint64_t kEntryBytes = 16384;
+/// Bytes of the archive for the zeros in the place of the rest of an entry, of which there may be some 100 MiB, and for
+/// its end.
+constexpr std::uint64_t kEndBytes = std::uint64_t{256} << 10;
 
 la_ssize_t WriteCompressed(archive* writer, void* stream, const void* data, std::size_t size) {
   try {
@@ -66,6 +69,7 @@ ArchiveWriter::ArchiveWriter(int fd, int zstd_level, Progress& progress)
       archive_(archive_write_new(), &archive_write_free),
       header_(archive_entry_new(), &archive_entry_free),
       progress_(progress),
+      room_(fd),
       buffer_(kBlockBytes) {
   if (!archive_ || !header_) throw ArchiveFailed("out of memory");
   // It records names of any length as the bytes that they are. The library's pax takes four times as long for a
@@ -95,7 +99,20 @@ void ArchiveWriter::WriteHeader(const std::string& name, const EntrySource& sour
   Check(archive_write_header(archive_.get(), entry), "write");
 }
 
+/// Reserves room for so many further bytes of content, and for the archive's end.
+/// @return false, with errno set, when there is none.
+bool ArchiveWriter::TakeRoom(std::uint64_t more) {
+  const std::uint64_t size = zstd_->size();  // before what is still to be added to it
+  return room_.Reserve(size + GrowthBound(more + kept_ + kEndBytes));
+}
+
 WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& source) {
+  WrittenEntry written;
+  if (!source.last && !TakeRoom(std::min<std::uint64_t>(source.size, buffer_.size()))) {
+    written.no_room = errno;
+    written.left_out = true;
+    return written;
+  }
   WriteHeader(name, source);
   zstd_->BeginPart();
   Content content(*this, source.lead);
@@ -105,7 +122,9 @@ WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& sour
   bool at_end = false;
   while (!at_end) {
     const std::size_t room = std::min<std::uint64_t>(left, buffer_.size() - held);
-    const ssize_t count = room == 0 ? 0 : source.read(buffer_.data() + held, room);
+    if (!source.last && room > 0 && !TakeRoom(held + room)) written.no_room = errno;
+    const bool reads = room > 0 && written.no_room == 0;
+    const ssize_t count = reads ? source.read(buffer_.data() + held, room) : 0;
     if (count > 0) {
       left -= static_cast<std::uint64_t>(count);
       held += static_cast<std::size_t>(count);
@@ -122,12 +141,15 @@ WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& sour
   ++summary_.entries;
   summary_.bytes += source.size;
   summary_.redacted += redactor.count();
-  return {std::min(left, source.size), redactor.count()};
+  written.missing_bytes = std::min(left, source.size);
+  written.redacted = redactor.count();
+  return written;
 }
 
 WrittenEntry ArchiveWriter::AddText(const std::string& name, std::string_view text, std::time_t modified,
-                                    const RedactionRules* rules) {
+                                    const RedactionRules* rules, bool last) {
   EntrySource source;
+  source.last = last;
   source.size = text.size();
   source.modified = modified;
   source.rules = rules;
@@ -155,12 +177,23 @@ ArchiveSummary ArchiveWriter::Close() {
     throw ArchiveFailed(std::string("failed to finish the archive: ") + error.what());
   }
   summary_.size = zstd_->size();
+  room_.Release(summary_.size);
   summary_.sha256 = zstd_->Sum();
   return summary_;
 }
 
 std::uint64_t ArchiveWriter::GrowthBound(std::uint64_t more) const {
   return zstd_->GrowthBound(more + kEntryBytes);
+}
+
+std::uint64_t ArchiveWriter::ReservedAhead() const {
+  const std::uint64_t size = zstd_->size();
+  return room_.reserved() - std::min(size, room_.reserved());
+}
+
+std::uint64_t ArchiveWriter::LimitAhead() const {
+  const std::uint64_t size = zstd_->size();
+  return room_.limit() - std::min(size, room_.limit());
 }
 
 }  // namespace TARVO::SupportForm

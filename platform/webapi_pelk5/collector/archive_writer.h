@@ -13,6 +13,7 @@
 
 #include "progress.h"
 #include "redactor.h"
+#include "reserved_room.h"
 
 struct archive;
 struct archive_entry;
@@ -38,12 +39,18 @@ struct EntrySource {
   /// Reads the next bytes into a buffer of the given capacity. 0 at the end, negative on failure; both end
   /// the content.
   std::function<ssize_t(char*, std::size_t)> read;
+  /// Whether the entry is the archive's last one, for which room was kept.
+  bool last = false;
 };
 
 /// What became of an entry.
 struct WrittenEntry {
   std::uint64_t missing_bytes = 0;  ///< Announced bytes that the source did not have; zeros stand for them.
   std::uint64_t redacted = 0;       ///< Secrets masked in it, those in the lead counted too.
+  /// Not 0: there was no room on the device for all of the entry, and this errno value says why; zeros stand for what
+  /// is missing. With `left_out` the archive has nothing of it.
+  int no_room = 0;
+  bool left_out = false;
 };
 
 /// A finished archive.
@@ -56,7 +63,9 @@ struct ArchiveSummary {
 };
 
 /// Writes a zstd-compressed GNU tar to a descriptor, entry by entry, each through a Redactor. Content is
-/// streamed; memory does not grow with it. Every failure to write throws ArchiveFailed. Made and used in one
+/// streamed; memory does not grow with it. Nothing is taken for which there is no room, whatever it compresses to, beside
+/// what is needed to complete the archive: that room is reserved as the archive grows, and so the archive can be
+/// completed on a device that others fill up. Every failure to write throws ArchiveFailed. Made and used in one
 /// thread; the compression runs in threads of its own where the process may use more than one core.
 class ArchiveWriter {
  public:
@@ -67,11 +76,13 @@ class ArchiveWriter {
   ArchiveWriter(const ArchiveWriter&) = delete;
   ArchiveWriter& operator=(const ArchiveWriter&) = delete;
 
+  /// Keeps room for so many bytes of the last entry.
+  void KeepRoom(std::uint64_t bytes) { kept_ = bytes; }
   /// Adds a regular file of exactly `source.size` bytes, mode 0600.
   WrittenEntry Add(const std::string& name, const EntrySource& source);
   /// Adds a regular file that holds `text`.
   WrittenEntry AddText(const std::string& name, std::string_view text, std::time_t modified,
-                       const RedactionRules* rules = nullptr);
+                       const RedactionRules* rules = nullptr, bool last = false);
   /// SHA-256 of the content of each entry so far, as it lies in the archive, in the order of the entries: kSumDigits
   /// lower-case hex digits for each. Waits for those that are still being digested.
   [[nodiscard]] const std::string& Sums();
@@ -81,10 +92,15 @@ class ArchiveWriter {
   /// The most bytes by which the archive's file may still grow through what was added so far and `more` bytes of
   /// further content, its end included. The worst case: content that can't be compressed.
   [[nodiscard]] std::uint64_t GrowthBound(std::uint64_t more) const;
+  /// Bytes that are reserved on the device for the archive's growth.
+  [[nodiscard]] std::uint64_t ReservedAhead() const;
+  /// The most bytes by which the archive may grow under the process's file-size limit.
+  [[nodiscard]] std::uint64_t LimitAhead() const;
 
  private:
   class Content;
 
+  bool TakeRoom(std::uint64_t more);
   void WriteHeader(const std::string& name, const EntrySource& source);
   void Check(int result, const char* what);
 
@@ -92,6 +108,8 @@ class ArchiveWriter {
   std::unique_ptr<archive, int (*)(archive*)> archive_;
   std::unique_ptr<archive_entry, void (*)(archive_entry*)> header_;  // used for all entries
   Progress& progress_;
+  ReservedRoom room_;
+  std::uint64_t kept_ = 0;    // for the last entry
   std::vector<char> buffer_;  // its part that is being read and masked
   ArchiveSummary summary_;
 };

@@ -70,7 +70,16 @@ CollectionSummary Collection::Run() {
     TakeSystem();
     for (const Json::Value& asked : request_.app_list) TakeApplication(asked);
   }
-  archive_.AddText("manifest.json", manifest_.Text(archive_.Sums()), std::time(nullptr));
+  return Finish();
+}
+
+CollectionSummary Collection::RunWithout(const std::string& why) {
+  manifest_.AddError("archive", "nothing could be kept of what was taken: " + why);
+  return Finish();
+}
+
+CollectionSummary Collection::Finish() {
+  archive_.AddText("manifest.json", manifest_.Text(archive_.Sums()), std::time(nullptr), nullptr, true);
   CollectionSummary summary{archive_.Close(), manifest_.errors()};
   progress_.Write();
   return summary;
@@ -199,6 +208,8 @@ void Collection::TakeRegularFile(ManifestEntry entry, int fd, const struct stat&
     taken = std::move(*unpacked);
   }
   if (!taken.left_out.empty()) return manifest_.AddError(entry.name, "left out: " + taken.left_out);
+  if (taken.no_room != 0)
+    manifest_.AddError(entry.name, "cut for want of space: " + ErrorText(taken.no_room));
   entry.modified = status.st_mtime;
   entry.size = taken.size;
   entry.redacted = taken.redacted;
@@ -251,10 +262,11 @@ bool Collection::TakeCommand(const std::string& name, const CommandDescription& 
   request.time_limit_ms = std::min<std::int64_t>(std::int64_t{command.time_limit_seconds} * 1000,
                                                  std::max<std::int64_t>(deadline_ms_ - MonotonicMs(), 0));
   // The spool may take twice the limit, and the archive once more.
-  request.output_limit = std::min(*allowed, Room(3 * wanted) / 3);
+  request.output_limit = std::min({*allowed, Room(3 * wanted) / 3, FileSizeLimit() / 3});
   request.output = output;
   progress_.Write();  // Nothing is counted while the command runs.
-  const UniqueFd spool = OpenSpool();
+  const UniqueFd spool = OpenSpool(name);
+  if (!spool.valid()) return false;
   const CommandResult result = RunCommand(request, spool.get());
   return TakeOutput(name, request, result, spool.get());
 }
@@ -263,6 +275,10 @@ bool Collection::TakeOutput(const std::string& name, const CommandRequest& reque
                             const CommandResult& result, int spool_fd) {
   struct stat status = {};
   const bool empty = fstat(spool_fd, &status) != 0 || status.st_size == 0;
+  if (result.end == CommandResult::End::kNotStored) {
+    manifest_.AddError(name, "left out: " + result.Text());
+    return true;
+  }
   if (result.end == CommandResult::End::kNotStarted || (empty && request.output == Output::kEndNoErrors)) {
     manifest_.AddError(name,
                        Redacted(request.argv.front(), rules_.get()) + " gave no output: " + result.Text());
@@ -275,6 +291,10 @@ bool Collection::TakeOutput(const std::string& name, const CommandRequest& reque
     return true;
   }
   ManifestEntry entry;
+  if (taken.no_room != 0) {
+    manifest_.AddError(name, "cut for want of space: " + ErrorText(taken.no_room));
+    entry.notes.push_back(taken.notes.back());
+  }
   entry.name = name;
   entry.argv = RedactedArguments(request.argv, rules_.get());
   entry.result = result.Text();
@@ -289,11 +309,13 @@ bool Collection::TakeOutput(const std::string& name, const CommandRequest& reque
   return true;
 }
 
-/// A file without a name in the task folder, which goes with its descriptor.
-UniqueFd Collection::OpenSpool() const {
+/// A file without a name in the task folder, which goes with its descriptor. Invalid where there is no room for one; the
+/// manifest says so then.
+UniqueFd Collection::OpenSpool(const std::string& where) {
   UniqueFd fd(openat(folder_fd_, kSpoolFile, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd.valid() || unlinkat(folder_fd_, kSpoolFile, 0) != 0) {
-    throw ArchiveFailed("no room for the output of commands: " + ErrorText(errno));
+    manifest_.AddError(where, "left out: there is no room for its output: " + ErrorText(errno));
+    fd.Close();
   }
   return fd;
 }
@@ -301,6 +323,11 @@ UniqueFd Collection::OpenSpool() const {
 void Collection::TakeText(ManifestEntry entry, const std::string& text) {
   if (!Allowance(entry.name, text.size(), text.size())) return;
   const WrittenEntry written = archive_.AddText(entry.name, text, std::time(nullptr), rules_.get());
+  if (written.no_room != 0) {
+    const std::string what = written.left_out ? "left out" : "cut, with zeros at its end,";
+    manifest_.AddError(entry.name, what + " for want of space: " + ErrorText(written.no_room));
+  }
+  if (written.left_out) return;
   entry.size = text.size();
   entry.redacted = written.redacted;
   Record(entry);
@@ -312,6 +339,7 @@ void Collection::TakeText(ManifestEntry entry, const std::string& text) {
 /// @param least  Where fewer than these, and fewer than all, may be taken, nothing is, and the manifest says why.
 std::optional<std::uint64_t> Collection::Allowance(const std::string& where, std::uint64_t size,
                                                    std::uint64_t least) {
+  archive_.KeepRoom(manifest_.TextBytes() + kLookBytes);
   const std::uint64_t left = limits_.archive_bytes - manifest_.bytes();
   const std::uint64_t room = Room(size);
   if (manifest_.entries() >= limits_.archive_entries) {
@@ -320,6 +348,9 @@ std::optional<std::uint64_t> Collection::Allowance(const std::string& where, std
   } else if (left < std::min(size, least)) {
     manifest_.AddError(where, "left out: with its " + std::to_string(size) +
                                   " bytes the archive would pass " + std::to_string(limits_.archive_bytes));
+  } else if (limit_is_less_ && (room < std::min(size, least) || room == 0)) {
+    manifest_.AddError(where, "left out for want of space: the collection may write no file of more than " +
+                                  std::to_string(FileSizeLimit()) + " bytes");
   } else if (room < std::min(size, least) || room == 0) {
     manifest_.AddError(where, "left out for want of space: " + std::to_string(free_) +
                                   " bytes are free on the device, and " + std::to_string(limits_.free_bytes) +
@@ -337,10 +368,13 @@ std::uint64_t Collection::Room(std::uint64_t wanted) {
   since_look_ = 0;
   struct statvfs space = {};
   if (fstatvfs(archive_fd_, &space) != 0) return room_ = std::numeric_limits<std::uint64_t>::max() / 4;
-  free_ = std::uint64_t{space.f_bavail} * space.f_frsize;
-  const std::uint64_t taken =
-      limits_.free_bytes + archive_.GrowthBound(manifest_.TextBytes() + kLookBytes) + kLookBytes;
+  free_ = std::uint64_t{space.f_bavail} * space.f_frsize + archive_.ReservedAhead();
+  const std::uint64_t end = archive_.GrowthBound(manifest_.TextBytes() + kLookBytes) + kLookBytes;
+  const std::uint64_t taken = limits_.free_bytes + end;
   room_ = free_ > taken ? free_ - taken : 0;
+  const std::uint64_t under_limit = archive_.LimitAhead() > end ? archive_.LimitAhead() - end : 0;
+  limit_is_less_ = under_limit < room_;
+  room_ = std::min(room_, under_limit);
   room_ -= room_ / 64;  // more than zstd adds to what it can't compress
   return room_;
 }
@@ -371,8 +405,17 @@ CollectionSummary MakeArchive(const Paths& paths, const Limits& limits, int fold
                               const CollectionRequest& request) {
   UniqueFd fd(openat(folder_fd, kUnfinishedFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd.valid()) throw ArchiveFailed("the archive can't be created: " + ErrorText(errno));
+  const auto run = [&] {
+    try {
+      return Collection(paths, limits, request, folder_fd, fd.get()).Run();
+    } catch (const ArchiveFailed& failure) {
+      // What is written goes, and the manifest may find room in its place.
+      if (ftruncate(fd.get(), 0) != 0 || lseek(fd.get(), 0, SEEK_SET) != 0) throw;
+      return Collection(paths, limits, request, folder_fd, fd.get()).RunWithout(failure.what());
+    }
+  };
   try {
-    CollectionSummary summary = Collection(paths, limits, request, folder_fd, fd.get()).Run();
+    CollectionSummary summary = run();
     // A file system may tell only at the end that it had no room.
     if (close(fd.Release()) != 0 || renameat(folder_fd, kUnfinishedFile, folder_fd, kArchiveFile) != 0) {
       throw ArchiveFailed("the archive can't be completed: " + ErrorText(errno));

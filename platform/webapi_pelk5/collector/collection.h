@@ -50,6 +50,8 @@ class Collection final : private FileVisitor {
   /// Writes the whole archive.
   /// @throws ArchiveFailed, or another std::exception, when it can't be made.
   CollectionSummary Run();
+  /// Writes an archive of the manifest alone, which tells why there is nothing else.
+  CollectionSummary RunWithout(const std::string& why);
 
  private:
   bool LoadRules();
@@ -70,11 +72,12 @@ class Collection final : private FileVisitor {
   bool TakeCommand(const std::string& name, const CommandDescription& command, Output output);
   bool TakeOutput(const std::string& name, const CommandRequest& request, const CommandResult& result,
                   int spool_fd);
-  [[nodiscard]] UniqueFd OpenSpool() const;
+  [[nodiscard]] UniqueFd OpenSpool(const std::string& where);
   void TakeText(ManifestEntry entry, const std::string& text);
 
   std::optional<std::uint64_t> Allowance(const std::string& where, std::uint64_t size, std::uint64_t least);
   std::uint64_t Room(std::uint64_t wanted);
+  CollectionSummary Finish();
   bool TimeIsUp(const std::string& where);
   bool IsKernelFile(int fd, const struct stat& status);
   void Record(const ManifestEntry& entry);
@@ -96,6 +99,7 @@ class Collection final : private FileVisitor {
   MetNames met_;                          ///< By its patterns.
   std::uint64_t room_ = 0;                ///< Bytes of content for which there is space, as far as is known.
   std::uint64_t free_ = 0;                ///< Bytes that were free when the space was looked at.
+  bool limit_is_less_ = false;            ///< There is room, but not under the process's file-size limit.
   std::uint64_t since_look_ = 0;          ///< Bytes added since the space was looked at.
   std::uint64_t unpacked_ = 0;            ///< Bytes that compressed files have cost.
   dev_t device_ = 0;                      ///< The last file's device, and

@@ -15,7 +15,6 @@
 #include <sstream>
 #include <string_view>
 
-#include "archive_writer.h"
 #include "file_util.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
@@ -272,6 +271,7 @@ CommandResult WaitForEnd(pid_t group, pid_t pid, const CommandRequest& request, 
   const int status = KillGroupAndReap(group, pid);
   output.Drain();
   const bool begin_lost = output.begin_lost();
+  if (output.write_error() != 0) return {CommandResult::End::kNotStored, output.write_error(), begin_lost};
   if (timed_out) return {CommandResult::End::kTimeLimit, 0, begin_lost};
   if (output.over()) return {CommandResult::End::kOutputLimit, 0, begin_lost};
   if (WIFSIGNALED(status)) return {CommandResult::End::kSignalled, WTERMSIG(status), begin_lost};
@@ -290,6 +290,8 @@ std::string CommandResult::Text() const {
       return "ended by signal " + std::to_string(code);
     case End::kTimeLimit:
       return "killed at its time limit";
+    case End::kNotStored:
+      return "its output can't be stored: " + ErrorText(code);
     case End::kOutputLimit:
       return "killed because its output passed the limit; the output is cut there";
   }
@@ -314,11 +316,7 @@ CommandResult RunCommand(const CommandRequest& request, int output_fd) {
                         .Spawn(pid, program.path, request);
   if (error != 0) return not_started(error);
   write_end.Close();
-  CommandResult result = WaitForEnd(guardian.group(), pid, request, output);
-  if (output.write_error() != 0) {
-    throw ArchiveFailed("a command's output can't be stored: " + ErrorText(output.write_error()));
-  }
-  return result;
+  return WaitForEnd(guardian.group(), pid, request, output);
 }
 
 }  // namespace TARVO::SupportForm

@@ -32,6 +32,7 @@ struct CommandResult {
     kSignalled,    ///< `code` is the signal.
     kTimeLimit,    ///< Killed at its time limit.
     kOutputLimit,  ///< Killed because it wrote more than is kept.
+    kNotStored,    ///< Killed because its output can't be stored; `code` is an errno value.
   };
   End end = End::kNotStarted;
   int code = 0;
@@ -48,7 +49,6 @@ struct CommandResult {
 /// group is killed; so it is when the calling process ends meanwhile, however that happens. A process that left
 /// the group is beyond reach, and its output is not waited for.
 /// @param output_fd  A file that receives the output, empty before and open for reading, too; borrowed.
-/// @throws ArchiveFailed when the output can't be written.
 [[nodiscard]] CommandResult RunCommand(const CommandRequest& request, int output_fd);
 
 }  // namespace TARVO::SupportForm

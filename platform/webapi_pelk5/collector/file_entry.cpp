@@ -75,6 +75,14 @@ std::string ZerosNote(std::uint64_t missing_bytes, const std::string& read_error
   return why + ": zeros stand for its last " + std::to_string(missing_bytes) + " bytes";
 }
 
+std::string NoRoom(int error) { return "there is no room for it any more: " + ErrorText(error); }
+
+std::string MissingNote(const WrittenEntry& written, const std::string& read_error) {
+  if (written.no_room == 0) return ZerosNote(written.missing_bytes, read_error);
+  return "there was no room for all of it (" + ErrorText(written.no_room) + "): zeros stand for its last " +
+         std::to_string(written.missing_bytes) + " bytes";
+}
+
 std::string TailNote(std::uint64_t taken, std::uint64_t whole) {
   return "longer than the limit: the last " + std::to_string(taken) + " of its " + std::to_string(whole) +
          " bytes";
@@ -155,13 +163,18 @@ FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const
   source.rules = is_text ? check.rules : nullptr;
   source.read = [&reader](char* buffer, std::size_t capacity) { return reader.Read(buffer, capacity); };
   const WrittenEntry written = archive.Add(name, source);
+  if (written.left_out) {
+    entry.left_out = NoRoom(written.no_room);
+    return entry;
+  }
   entry.redacted = written.redacted;
+  entry.no_room = written.no_room;
 
   if (!is_text) entry.notes.emplace_back("not text: taken unchecked, as its description allows");
   if (skipped > 0) entry.notes.push_back(TailNote(entry.size, file_size));
   if (written.missing_bytes > 0) {
     const std::string error = reader.error() == 0 ? std::string() : ErrorText(reader.error());
-    entry.notes.push_back(ZerosNote(written.missing_bytes, error));
+    entry.notes.push_back(MissingNote(written, error));
   }
   if (wanted < kHeadBytes ? head.size() > wanted : IsLonger(fd, status.st_size)) {
     entry.notes.push_back("grew while it was read: cut at the " + std::to_string(file_size) +
@@ -232,13 +245,18 @@ FileEntry AddUnpacked(ArchiveWriter& archive, const std::string& name, int fd, c
   }
   source.read = [&reader](char* to, std::size_t capacity) { return reader.Read(to, capacity); };
   const WrittenEntry written = archive.Add(name, source);
+  if (written.left_out) {
+    entry.left_out = NoRoom(written.no_room);
+    return entry;
+  }
   entry.redacted = written.redacted;
+  entry.no_room = written.no_room;
 
   entry.notes.push_back("unpacked: " + std::to_string(status.st_size) + " bytes of " +
                         NameOf(packed.packing) + " data on the device");
   if (packed.has_tail) entry.notes.emplace_back("what follows the compressed data is left out");
   if (skipped > 0) entry.notes.push_back(TailNote(entry.size, packed.size));
-  if (written.missing_bytes > 0) entry.notes.push_back(ZerosNote(written.missing_bytes, unpacker.failure()));
+  if (written.missing_bytes > 0) entry.notes.push_back(MissingNote(written, unpacker.failure()));
   return entry;
 }
 

@@ -60,6 +60,7 @@ ZstdStream::ZstdStream(int fd, int level)
 ZstdStream::~ZstdStream() { StopThread(); }
 
 void ZstdStream::Write(std::string_view bytes) {
+  given_ += bytes.size();
   while (!bytes.empty()) {
     std::string& block = filling().bytes;
     if (block.capacity() < kBlockBytes) block.reserve(kBlockBytes);
@@ -176,7 +177,7 @@ std::uint64_t ZstdStream::GrowthBound(std::uint64_t more) const {
   // What the library holds: at most two more jobs than threads in either form, and a window of input.
   const std::uint64_t held =
       (2 * std::uint64_t{workers_} + 6) * kJobBytes + output_.size() + blocks_.size() * kBlockBytes;
-  const std::uint64_t bytes = held + more;
+  const std::uint64_t bytes = std::min(held, given_) + more;
   return bytes + bytes / 256 + 1024;  // ZSTD_compressBound(), for sizes beyond size_t as well
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -43,7 +44,7 @@ class ZstdStream {
   /// Ends the frame; all of it is in the file then.
   void End();
 
-  /// Bytes of the file. To be called after End().
+  /// Bytes of the file so far; all of them after End().
   [[nodiscard]] std::uint64_t size() const { return size_; }
   /// SHA-256 of the file, in lower-case hex digits. To be called once, after End().
   [[nodiscard]] std::string Sum() { return sum_.Finish(); }
@@ -70,7 +71,8 @@ class ZstdStream {
 
   int fd_;
   std::unique_ptr<ZSTD_CCtx_s, std::size_t (*)(ZSTD_CCtx_s*)> context_;
-  unsigned workers_ = 0;  ///< Threads of the library's; 0: the caller does all the work.
+  std::uint64_t given_ = 0;  ///< Bytes of the stream so far. The caller's alone.
+  unsigned workers_ = 0;     ///< Threads of the library's; 0: the caller does all the work.
 
   /// A ring. The caller fills the block at handed_over_, the thread is at the one at taken_.
   std::array<Block, 8> blocks_;
@@ -88,7 +90,7 @@ class ZstdStream {
   Sha256 sum_;
   std::vector<char> output_;  ///< Compressed bytes on their way to the file.
   std::size_t filled_ = 0;    ///< How much of output_ is in use.
-  std::uint64_t size_ = 0;
+  std::atomic<std::uint64_t> size_ = 0;
 
   std::thread thread_;  ///< Digests, feeds the library and writes what it gives.
 };

@@ -166,6 +166,54 @@ TEST_F(ArchiveWriterTest, WriterThatIsNotClosedLeavesNoCompleteArchive) {
   EXPECT_EQ(fs::file_size(path), 0U);
 }
 
+TEST_F(ArchiveWriterTest, DeviceThatFillsUpWithinAnEntryIsMetByZerosAndTheArchiveCanBeEnded) {
+  const std::string text = RandomLetters(3'000'000);
+  const fs::path device = folder_ / "device";
+  const CallerProcess caller([&]() -> std::string {
+    if (!MountOwnTmpfs(device, "size=40m")) return "no namespace";
+    const fs::path path = device / "archive";
+    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    ArchiveWriter writer(fd.get(), 1, progress_);
+    writer.KeepRoom(1 << 20);
+    EntrySource source;
+    source.size = 20'000'000;
+    source.read = [&, filled = false, step = InSteps(text, 131'072)](char* buffer,
+                                                                     std::size_t capacity) mutable {
+      const ssize_t count = step(buffer, capacity);
+      if (count > 0 || filled) return count;
+      filled = true;
+      FillDevice(device);
+      step = InSteps(std::string(17'000'000, '.'), 131'072);
+      return step(buffer, capacity);
+    };
+    writer.AddText("before", "text", 0);
+    const WrittenEntry cut = writer.Add("cut", source);
+    if (cut.no_room != ENOSPC || cut.left_out) return "not cut";
+    const WrittenEntry refused = writer.AddText("refused", std::string(100'000, 'x'), 0);
+    if (refused.no_room != ENOSPC || !refused.left_out) return "not refused";
+    writer.AddText("last", RandomLetters(1 << 20), 0, nullptr, true);
+    writer.Close();
+    const ArchiveContent content = ReadArchive(path);
+    if (content.Names() != std::vector<std::string>{"before", "cut", "last"}) return "not its entries";
+    const std::string there = content.Of("cut");
+    if (there.compare(0, text.size(), text) != 0) return "not what came before";
+    const std::size_t zeros = there.size() - there.find_last_not_of('\0') - 1;
+    return zeros == cut.missing_bytes ? "fine" : "not its zeros";
+  });
+  if (caller.Answer() == "no namespace") GTEST_SKIP() << "no private mounts here";
+  EXPECT_EQ(caller.Answer(), "fine");
+}
+
+TEST_F(ArchiveWriterTest, RoomThatWasReservedIsGivenBackAtTheEnd) {
+  struct stat status = {};
+  writer_.AddText("a", RandomLetters(1'000'000), 0);
+  ASSERT_EQ(fstat(archive_fd_.get(), &status), 0);
+  EXPECT_GT(status.st_blocks * 512, 1'000'000) << "nothing was reserved";
+  Close();
+  ASSERT_EQ(fstat(archive_fd_.get(), &status), 0);
+  EXPECT_LT(status.st_blocks * 512, status.st_size + 65'536);
+}
+
 TEST_F(ArchiveWriterTest, ProgressTellsBytesAndFiles) {
   writer_.AddText("a", std::string(1000, 'a'), 0);
   writer_.AddText("b", "bc", 0);

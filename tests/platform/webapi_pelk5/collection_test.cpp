@@ -677,6 +677,68 @@ TEST_F(CollectionTest, ArchiveThatIsBeingWrittenIsNotTakenIntoItself) {
     EXPECT_THAT(name, Not(HasSubstr("debug.dat")));
 }
 
+TEST_F(CollectionTest, DeviceThatSomebodyFillsMeanwhileCostsWhatFollowsAndNothingThatWasTaken) {
+  const std::string log = RandomLetters(4'000'000);
+  WriteText(data_ / "1" / "a.log", log);
+  // Of the second one the end that fits into the room which is reserved by then is taken.
+  for (const char* name : {"b.log", "c.log"}) WriteText(data_ / "2" / name, RandomLetters(10'000'000));
+  Describe("first", R"({"paths": [")" + (data_ / "1").string() + R"("], "commands": [{"argv": ["sh", "-c",
+      "cat /dev/zero >)" +
+                        paths_.state + R"(/filler 2>/dev/null"], "time_limit_seconds": 60}]})");
+  DescribePaths("second", "2");
+  limits_.free_bytes = 1U << 20U;
+  const CallerProcess caller([&]() -> std::string {
+    if (!MountOwnTmpfs(paths_.state, "mode=0700,size=60m")) return "no namespace";
+    const ArchiveContent archive = Collect(R"(["first", "second"])");
+    if (archive.Of(InFiles("first", "1/a.log")) != log) return "the log is not whole";
+    if (archive.Record(InFiles("first", "1/a.log"))["sha256"].asString() != Sha256Of(log))
+      return "not its digest";
+    if (archive.Has(InFiles("second", "2/c.log"))) return "the device was not full";
+    fs::remove(fs::path(paths_.state) / "filler");
+    const std::uint64_t used = fs::space(paths_.state).capacity - fs::space(paths_.state).free;
+    if (used > fs::file_size(Task() / kArchiveFile) + (64U << 10U)) return "room is left reserved";
+    std::string errors;
+    for (const std::string& error : archive.Errors()) errors += error + "\n";
+    return errors;
+  });
+  if (caller.Answer() == "no namespace") GTEST_SKIP() << "no private mounts here";
+  EXPECT_THAT(caller.Answer(), HasSubstr(InFiles("second", "2/c.log") + ": left out for want of space"));
+}
+
+TEST_F(CollectionTest, UnderAFileSizeLimitTheEndThatFitsIsTaken) {
+  const std::string log = RandomLetters(7'000'000);
+  WriteText(data_ / "a.log", log);
+  WriteText(data_ / "b.log", std::string(7'000'000, 'b'));
+  Describe("demo", R"({"commands": [{"argv": ["yes"]}], "paths": [")" + (data_ / "*").string() + R"("]})");
+  const CallerProcess caller([&]() -> std::string {
+    LimitFileSize(6'000'000);
+    const ArchiveContent archive = Collect(R"(["demo"])");
+    const std::string taken = archive.Of(InFiles("demo", "a.log"));
+    if (taken.size() < 1'000'000 || log.substr(log.size() - taken.size()) != taken)
+      return "not the log's end";
+    std::string errors = std::to_string(fs::file_size(Task() / kArchiveFile) <= 6'000'000) + "\n";
+    for (const std::string& error : archive.Errors()) errors += error + "\n";
+    return errors;
+  });
+  EXPECT_THAT(caller.Answer(), StartsWith("1\n"));
+  EXPECT_THAT(caller.Answer(),
+              HasSubstr("01-yes.txt: left out for want of space: the collection may write no file of "
+                        "more than 6000000 bytes"));
+}
+
+TEST_F(CollectionTest, WriteErrorThatNothingForetoldLeavesAnArchiveThatSaysSo) {
+  // A limit that comes while the archive is written, for one that no file system tells before.
+  WriteText(data_ / "1", RandomLetters(1'000'000));
+  Describe("demo", R"({"paths": [")" + (data_ / "*").string() +
+                       R"("], "commands": [{"argv": ["sh", "-c", "prlimit --fsize=20000 --pid $PPID"]}]})");
+  const CallerProcess caller([&]() -> std::string {
+    LimitFileSize(1U << 30U);
+    const ArchiveContent archive = Collect(R"(["demo"])");
+    return std::to_string(archive.entries.size()) + " " + archive.Errors().at(0);
+  });
+  EXPECT_THAT(caller.Answer(), testing::MatchesRegex("1 archive: nothing could be kept .*File too large"));
+}
+
 TEST_F(CollectionTest, FailureLeavesNoArchiveAndNoUnfinishedOne) {
   WriteText(data_ / "a.log", RandomLetters(100'000));
   DescribePaths("demo", "*");

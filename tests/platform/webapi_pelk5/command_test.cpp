@@ -244,11 +244,13 @@ TEST_F(CommandTest, NoChildIsLeft) {
   EXPECT_EQ(errno, ECHILD);
 }
 
-TEST_F(CommandTest, OutputThatCanNotBeStoredIsAFailure) {
+TEST_F(CommandTest, OutputThatCanNotBeStoredEndsTheCommandAndIsTold) {
   request_.argv = {"yes"};
   request_.programs = paths_.programs;
   const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
-  EXPECT_THROW(static_cast<void>(RunCommand(request_, full.get())), ArchiveFailed);
+  const CommandResult result = RunCommand(request_, full.get());
+  EXPECT_EQ(result.end, CommandResult::End::kNotStored);
+  EXPECT_EQ(result.Text(), "its output can't be stored: No space left on device");
 }
 
 }  // namespace

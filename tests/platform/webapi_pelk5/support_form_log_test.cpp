@@ -262,18 +262,22 @@ TEST_F(SupportFormLogTest, CauseIsToldThoughNoByteIsFreeOnTheDevice) {
   EXPECT_THAT(caller.Answer(), testing::MatchesRegex("7 .*No space left on device"));
 }
 
-TEST_F(SupportFormLogTest, FileSizeLimitIsAnErrorInTheCallerAndInTheTaskAndNoSignal) {
-  for (const rlim_t bytes : {0U, 100U, 4096U}) {
-    const CallerProcess caller([&]() -> std::string {
-      const rlimit limit = {bytes, bytes};
-      setrlimit(RLIMIT_FSIZE, &limit);
-      std::string message;
-      const int code = StatusError(Start("quick"), &message);
-      return "status " + std::to_string(code) + " " + message;
-    });
-    EXPECT_THAT(caller.Answer(), HasSubstr("File too large")) << bytes;
-    EXPECT_THAT(caller.Answer(), StartsWith(bytes < 4096 ? "exception: " : "status 7 "));
+TEST_F(SupportFormLogTest, FileSizeLimitOfTheCallerIsMetLikeAFullDeviceAndByNoSignal) {
+  const auto collect = [&](rlim_t bytes) {
+    return CallerProcess([&]() -> std::string {
+             const rlimit limit = {bytes, bytes};
+             setrlimit(RLIMIT_FSIZE, &limit);
+             const ArchiveContent archive = ReadArchive(WaitForArchive(Start("quick")));
+             return std::to_string(archive.entries.size()) + " " + archive.Of("manifest.json");
+           })
+        .Answer();
+  };
+  for (const rlim_t bytes : {0U, 100U, 4095U}) {
+    EXPECT_THAT(collect(bytes), AllOf(StartsWith("exception: "), HasSubstr("File too large"))) << bytes;
+    EXPECT_TRUE(fs::is_empty(paths_.state)) << "something is left";
   }
+  EXPECT_THAT(collect(4096), AllOf(StartsWith("1 {"), HasSubstr("may write no file of more than 4096 bytes"),
+                                   HasSubstr("a.log")));
 }
 
 TEST_F(SupportFormLogTest, FullDiskGivesAManifestThatSaysSo) {

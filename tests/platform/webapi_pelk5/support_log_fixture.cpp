@@ -49,8 +49,8 @@ void WriteText(const fs::path& path, const std::string& text) {
   ASSERT_TRUE(file.good()) << path;
 }
 
-void LimitFileSize() {
-  const rlimit limit = {16384, 16384};
+void LimitFileSize(rlim_t bytes) {
+  const rlimit limit = {bytes, bytes};
   if (signal(SIGXFSZ, SIG_IGN) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit) != 0) std::abort();
 }
 

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <json/value.h>
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <filesystem>
@@ -28,8 +29,8 @@ inline constexpr int kDeadlineMs = 60'000;
 [[nodiscard]] std::string ReadText(const fs::path& path);
 void WriteText(const fs::path& path, const std::string& text);
 
-/// Lets this process write no file of more than 16 KiB from now on: its archive can't be written.
-void LimitFileSize();
+/// Lets this process write no file of more than so many bytes from now on; of 200 no archive can be made.
+void LimitFileSize(rlim_t bytes = 200);
 
 /// Gives this process a file system of its own at `path`, of which nobody else knows.
 /// @param options  "size=1m,mode=0700"

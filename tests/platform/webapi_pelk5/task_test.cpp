@@ -48,9 +48,10 @@ class TaskTest : public SupportLogTest {
   fs::path Run(
       const std::string& app_list, const std::function<void()>& prepare = [] {}) {
     const CallerProcess process([&]() -> std::string {
-      prepare();
+      setsid();  // The session of whoever runs the tests keeps its own priority.
       const UniqueFd state = OpenStateFolder(paths_.state);
       const NewTask task = CreateTask(state.get());
+      prepare();
       dup2(task.lock.get(), kTaskLockFd);
       static_cast<void>(RunTask(paths_, limits_, task.id, ParseJson(app_list)));
       return task.id;
@@ -86,7 +87,7 @@ TEST_F(TaskTest, AuditLogThatCanNotBeWrittenCostsNoArchive) {
 TEST_F(TaskTest, FailedTaskLeavesItsReasonAndNoLine) {
   WriteText(data_ / "a.log", RandomLetters(100'000));
   Describe("demo", R"({"paths": [")" + (data_ / "a.log").string() + R"("]})");
-  const fs::path folder = Run(R"(["demo"])", LimitFileSize);
+  const fs::path folder = Run(R"(["demo"])", [] { LimitFileSize(); });
   const UniqueFd folder_fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   EXPECT_THAT(ReadFailure(folder_fd.get()), HasSubstr("File too large"));
   EXPECT_FALSE(fs::exists(folder / kArchiveFile));
