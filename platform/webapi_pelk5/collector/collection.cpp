@@ -103,9 +103,11 @@ void Collection::TakeSystem() {
   TakeSystemFile("os-release", paths_.os_release);
   TakeSystemText("uname", "uname(2)", UnameText());
   TakeSystemText("uptime", paths_.proc, UptimeText(paths_.proc));
-  TakeSystemText("df", "statvfs(3)", DiskText(paths_.proc));
+  const BoundedText disks = DiskText(paths_.proc, limits_.kernel_file_bytes);
+  TakeSystemText("df", "statvfs(3)", disks.text, disks.note);
   TakeSystemFile("meminfo", paths_.proc + "/meminfo");
-  TakeSystemText("ps", paths_.proc, ProcessText(paths_.proc));
+  const BoundedText processes = ProcessText(paths_.proc, limits_.kernel_file_bytes);
+  TakeSystemText("ps", paths_.proc, processes.text, processes.note);
   TakeSystemFile("mounts", paths_.proc + "/self/mounts");
   TakeSystemText("network", "getifaddrs(3)", NetworkText());
   TakeSystemLog();
@@ -121,8 +123,10 @@ void Collection::TakeSystemFile(const std::string& name, const std::string& path
   TakeSystemText(name, path, text);
 }
 
-void Collection::TakeSystemText(const std::string& name, const std::string& source, const std::string& text) {
+void Collection::TakeSystemText(const std::string& name, const std::string& source, const std::string& text,
+                                const std::string& note) {
   ManifestEntry entry;
+  if (!note.empty()) entry.notes.push_back(note);
   entry.name = "system/" + name;
   entry.source = source;
   TakeText(std::move(entry), text);

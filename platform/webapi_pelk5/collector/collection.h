@@ -57,7 +57,8 @@ class Collection final : private FileVisitor {
   bool LoadRules();
   void TakeSystem();
   void TakeSystemFile(const std::string& name, const std::string& path);
-  void TakeSystemText(const std::string& name, const std::string& source, const std::string& text);
+  void TakeSystemText(const std::string& name, const std::string& source, const std::string& text,
+                      const std::string& note = {});
   void TakeSystemLog();
 
   void TakeApplication(const Json::Value& asked);

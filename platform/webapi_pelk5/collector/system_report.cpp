@@ -19,6 +19,7 @@
 #include <memory>
 #include <set>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 #include "file_util.h"
@@ -50,6 +51,74 @@ std::string LineValue(const std::string& text, const std::string& key) {
 
 std::string FirstWord(const std::string& text) { return text.substr(0, text.find_first_of(" \t\n")); }
 
+/// Lines of which the longest are cut as far as is needed for all of them to fit: so many short ones tell more than a few
+/// long ones.
+class BoundedLines {
+ public:
+  explicit BoundedLines(std::size_t max_bytes) : max_bytes_(max_bytes) {}
+
+  /// @param line  Without its end.
+  void Add(std::string line) {
+    if (lines_.size() >= max_bytes_ / kLeastLineBytes) {
+      ++left_out_;
+      return;
+    }
+    if (longest_ != 0 && line.size() > longest_) line.resize(longest_);
+    line.shrink_to_fit();
+    bytes_ += line.size() + 1;
+    lines_.push_back(std::move(line));
+    if (bytes_ > 2 * max_bytes_) Cut();
+  }
+
+  BoundedText Text() {
+    if (bytes_ > max_bytes_) Cut();
+    BoundedText result;
+    result.text.reserve(bytes_);
+    for (const std::string& line : lines_) result.text.append(line).push_back('\n');
+    if (longest_ != 0) {
+      result.note = "longer than " + std::to_string(max_bytes_) + " bytes: the longest lines are cut at " +
+                    std::to_string(longest_) + " bytes";
+    }
+    if (left_out_ > 0) {
+      result.note +=
+          (result.note.empty() ? "" : ", and ") + std::to_string(left_out_) + " lines are left out";
+    }
+    return result;
+  }
+
+ private:
+  /// Of lines of this length there is room for all that are kept.
+  static constexpr std::size_t kLeastLineBytes = 64;
+
+  [[nodiscard]] std::size_t BytesWith(std::size_t longest) const {
+    std::size_t bytes = 0;
+    for (const std::string& line : lines_) bytes += std::min(line.size(), longest) + 1;
+    return bytes;
+  }
+
+  void Cut() {
+    std::size_t fits = 0;
+    std::size_t too_long = 2 * max_bytes_;
+    while (fits + 1 < too_long) {
+      const std::size_t middle = fits + (too_long - fits) / 2;
+      (BytesWith(middle) <= max_bytes_ ? fits : too_long) = middle;
+    }
+    longest_ = fits;
+    for (std::string& line : lines_) {
+      if (line.size() <= longest_) continue;
+      line.resize(longest_);
+      line.shrink_to_fit();
+    }
+    bytes_ = BytesWith(longest_);
+  }
+
+  std::size_t max_bytes_;
+  std::vector<std::string> lines_;
+  std::size_t bytes_ = 0;     ///< Of the lines with their ends.
+  std::size_t longest_ = 0;   ///< Longer ones are cut; 0: none was.
+  std::size_t left_out_ = 0;  ///< Lines for which there was no room at all.
+};
+
 bool MayHang(const std::string& type) {
   static const std::set<std::string> kTypes = {"nfs",   "nfs4", "cifs",   "smb3",    "smbfs",     "9p",
                                                "ceph",  "afs",  "coda",   "ncpfs",   "glusterfs", "lustre",
@@ -57,21 +126,23 @@ bool MayHang(const std::string& type) {
   return kTypes.count(type) != 0 || type.compare(0, 4, "fuse") == 0;
 }
 
-void DiskLine(const mntent& mount, std::ostream& out) {
+void DiskLine(const mntent& mount, BoundedLines& lines) {
+  std::ostringstream out;
   struct statvfs space = {};
   if (MayHang(mount.mnt_type)) {
-    out << mount.mnt_dir << ' ' << mount.mnt_type << " not asked\n";
-    return;
+    out << mount.mnt_dir << ' ' << mount.mnt_type << " not asked";
+    return lines.Add(out.str());
   }
   if (statvfs(mount.mnt_dir, &space) != 0 || space.f_blocks == 0) return;
   const auto kib = [&](std::uint64_t blocks) { return blocks * space.f_frsize / 1024; };
   out << mount.mnt_fsname << ' ' << mount.mnt_type << ' ' << kib(space.f_blocks) << ' '
       << kib(space.f_blocks - space.f_bfree) << ' ' << kib(space.f_bavail) << ' ' << space.f_files << ' '
-      << space.f_ffree << ' ' << mount.mnt_dir << '\n';
+      << space.f_ffree << ' ' << mount.mnt_dir;
+  lines.Add(out.str());
 }
 
 /// One process; nothing when it has ended meanwhile.
-void ProcessLine(const std::string& folder, std::ostream& out) {
+void ProcessLine(const std::string& folder, BoundedLines& lines) {
   const std::string stat = ReadSmall(folder + "/stat");
   const std::string status = ReadSmall(folder + "/status");
   // The name stands in parentheses and may itself hold some, and blanks.
@@ -91,8 +162,10 @@ void ProcessLine(const std::string& folder, std::ostream& out) {
   std::replace(command.begin(), command.end(), '\n', ' ');
   if (command.empty()) command = "[" + stat.substr(open + 1, close - open - 1) + "]";
   const std::string memory = FirstWord(LineValue(status, "VmRSS:"));
+  std::ostringstream out;
   out << FirstWord(stat) << ' ' << parent << ' ' << FirstWord(LineValue(status, "Uid:")) << ' ' << state
-      << ' ' << (memory.empty() ? "0" : memory) << ' ' << start << ' ' << command << '\n';
+      << ' ' << (memory.empty() ? "0" : memory) << ' ' << start << ' ' << command;
+  lines.Add(out.str());
 }
 
 std::vector<unsigned long> ProcessIds(const std::string& proc) {
@@ -175,25 +248,25 @@ std::string UptimeText(const std::string& proc) {
          "time: " + IsoTime(std::time(nullptr)) + "\n";
 }
 
-std::string DiskText(const std::string& proc) {
-  std::ostringstream out;
-  out << "FILESYSTEM TYPE SIZE_KIB USED_KIB AVAILABLE_KIB INODES INODES_FREE MOUNTED_ON\n";
+BoundedText DiskText(const std::string& proc, std::size_t max_bytes) {
+  BoundedLines lines(max_bytes);
+  lines.Add("FILESYSTEM TYPE SIZE_KIB USED_KIB AVAILABLE_KIB INODES INODES_FREE MOUNTED_ON");
   const std::unique_ptr<FILE, int (*)(FILE*)> mounts(setmntent((proc + "/self/mounts").c_str(), "re"),
                                                      &endmntent);
   mntent mount = {};
   std::vector<char> buffer(kMountLineBytes);
   while (mounts &&
          getmntent_r(mounts.get(), &mount, buffer.data(), static_cast<int>(buffer.size())) != nullptr) {
-    DiskLine(mount, out);
+    DiskLine(mount, lines);
   }
-  return out.str();
+  return lines.Text();
 }
 
-std::string ProcessText(const std::string& proc) {
-  std::ostringstream out;
-  out << "PID PPID UID STATE RSS_KIB START_TICKS COMMAND\n";
-  for (const unsigned long id : ProcessIds(proc)) ProcessLine(proc + "/" + std::to_string(id), out);
-  return out.str();
+BoundedText ProcessText(const std::string& proc, std::size_t max_bytes) {
+  BoundedLines lines(max_bytes);
+  lines.Add("PID PPID UID STATE RSS_KIB START_TICKS COMMAND");
+  for (const unsigned long id : ProcessIds(proc)) ProcessLine(proc + "/" + std::to_string(id), lines);
+  return lines.Text();
 }
 
 std::string NetworkText() {

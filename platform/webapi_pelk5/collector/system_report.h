@@ -2,9 +2,16 @@
 /// Each is a table for people, with a head line where it has columns.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace TARVO::SupportForm {
+
+/// A text of bounded length.
+struct BoundedText {
+  std::string text;
+  std::string note;  ///< What is missing in it, for people; empty when nothing is.
+};
 
 [[nodiscard]] std::string HostName();
 
@@ -15,9 +22,11 @@ namespace TARVO::SupportForm {
 [[nodiscard]] std::string UptimeText(const std::string& proc);
 /// Space and inodes of the mounted file systems. Network and user-space ones are listed but not asked: asking a
 /// dead server would hang.
-[[nodiscard]] std::string DiskText(const std::string& proc);
+/// @param max_bytes  Where there is more to tell, the longest lines are cut; also below. Memory is at most three times
+///                   as much.
+[[nodiscard]] BoundedText DiskText(const std::string& proc, std::size_t max_bytes);
 /// The processes: ids, user, state, memory, start, command line.
-[[nodiscard]] std::string ProcessText(const std::string& proc);
+[[nodiscard]] BoundedText ProcessText(const std::string& proc, std::size_t max_bytes);
 /// The network interfaces with their state and addresses.
 [[nodiscard]] std::string NetworkText();
 

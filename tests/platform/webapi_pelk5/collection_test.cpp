@@ -566,6 +566,14 @@ TEST_F(CollectionTest, FilesOfTheKernelAreTakenThoughTheirSizeIsNotKnown) {
   EXPECT_TRUE(archive.Record("apps/demo/files/proc/version")["notes"].isNull());
 }
 
+TEST_F(CollectionTest, ListsOfTheSystemAreBoundedWithANote) {
+  limits_.kernel_file_bytes = 1'000;
+  const ArchiveContent archive = Collect("[]");
+  EXPECT_LE(archive.Of("system/ps").size(), 1'000U);
+  EXPECT_THAT(archive.Record("system/ps")["notes"][0].asString(), HasSubstr("lines are left out"));
+  EXPECT_LE(archive.Of("system/df").size(), 1'000U);
+}
+
 TEST_F(CollectionTest, LongFileIsCutToItsTailWithANote) {
   WriteText(data_ / "a.log", "old old old new");
   DescribePaths("demo", "a.log");
