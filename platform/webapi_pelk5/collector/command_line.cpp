@@ -114,6 +114,17 @@ Json::Value AppList(const CollectOptions& options) {
   return list;
 }
 
+/// The text without what a terminal would take for orders: control characters, those of the second set, too.
+std::string ForTerminal(std::string text) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const unsigned next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0U;
+    const bool second_set = byte == 0xC2 && next >= 0x80 && next < 0xA0;
+    if (byte < 0x20 || byte == 0x7F || second_set) text.replace(i, second_set ? 2 : 1, "?");
+  }
+  return text;
+}
+
 void Print(const CollectionSummary& summary, const CollectOptions& options, std::ostream& out) {
   const ArchiveSummary& archive = summary.archive;
   out << options.out << "\n"
@@ -150,12 +161,12 @@ void ListContents(const Paths& paths, const Limits& limits, const CollectOptions
   std::uint64_t bytes = 0;
   for (const ListedEntry& entry : listing.entries) {
     out << std::setw(12) << (entry.size ? std::to_string(*entry.size) : "?") << "  " << entry.name << "  ("
-        << entry.origin << ")\n";
+        << ForTerminal(entry.origin) << ")\n";
     bytes += entry.size.value_or(0);
   }
   for (const std::string& line : listing.left_out)
     out << std::setw(12) << "left out"
-        << "  " << line << "\n";
+        << "  " << ForTerminal(line) << "\n";
   out << listing.entries.size() << " entries and the manifest; " << bytes << " bytes in those of known size; "
       << listing.left_out.size() << " left out\n";
 }

@@ -143,6 +143,15 @@ TEST_F(CommandLineTest, DryRunListsNamesAndSizesAndMakesNothing) {
   EXPECT_FALSE(fs::exists(paths_.audit_log));
 }
 
+TEST_F(CommandLineTest, DryRunGivesTheTerminalNoOrders) {
+  Describe("mail",
+           R"({"paths": ["/no/\u001b]0;x\u0007"], "commands": [{"argv": ["echo", "\u001b[2J\u009b.\n"]}]})");
+  ListContents(paths_, limits_, options_, printed_);
+  EXPECT_THAT(printed_.str(), HasSubstr("(echo ?[2J?.?)\n"));
+  for (const char* order : {"\x1b", "\x07", "\x9b"})
+    EXPECT_THAT(printed_.str(), testing::Not(HasSubstr(order)));
+}
+
 TEST_F(CommandLineTest, DryRunTellsWhatWouldBeLeftOut) {
   options_.apps = {"unknown"};
   ListContents(paths_, limits_, options_, printed_);
