@@ -1,6 +1,7 @@
 #include "ticket_memory.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 namespace TarvoOrvane::Internal {
 namespace {
@@ -52,6 +53,16 @@ TEST(TicketMemoryTest, TheEmptyIdIsNotRemembered) {
   TicketMemory memory;
   memory.Add("");
   EXPECT_FALSE(memory.Contains(""));
+}
+
+TEST(TicketMemoryTest, LongIdsTakeNoMoreRoomThanShortOnes) {
+  TicketMemory memory;
+  const std::size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
+  const std::string long_part(60UL * 1024, 'x');
+  for (int i = 0; i < 256; ++i) memory.Add(long_part + std::to_string(i));
+  EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + (1UL << 20));
+  EXPECT_TRUE(memory.Contains(long_part + "0"));
+  EXPECT_FALSE(memory.Contains(long_part));
 }
 
 }  // namespace
