@@ -6,7 +6,10 @@
 
 #include <atomic>
 #include <cstring>
+#include <mutex>
+#include <utility>
 
+#include "allowance.h"
 #include "platform/support_service_client.h"
 
 namespace TarvoOrvane::Internal {
@@ -15,6 +18,37 @@ namespace {
 constexpr size_t kMaxForeignText = 512;
 
 std::atomic<unsigned> g_ping_complaints{0};
+
+std::mutex g_lines_mutex;  // guards the two below; nothing is written while it is held
+const Allowance kLines(30, std::chrono::seconds(2));
+Allowance g_lines = kLines;
+unsigned long g_left_out = 0;
+
+/// @param left_out  Set to how many lines were left out since the last one that was written.
+/// @return Whether a line may be written now.
+bool MayWrite(unsigned long& left_out) {
+  const std::lock_guard<std::mutex> lock(g_lines_mutex);
+  if (!g_lines.Take()) {
+    ++g_left_out;
+    return false;
+  }
+  left_out = std::exchange(g_left_out, 0);
+  return true;
+}
+
+void Write(int level, const std::string& text) {
+  const std::string line = "libtarvoorvane: " + text;
+  // gRPC's threads log too, while the worker may be reconfiguring the logger.
+  if (auto* logger = __atomic_load_n(&Utils::LoggerManager::instance_, __ATOMIC_ACQUIRE)) {
+    logger->Log(level, line);
+  } else {
+    syslog(level, "%s", line.c_str());
+  }
+}
+
+void WriteLeftOut(unsigned long count) {
+  if (count > 0) Write(LOG_WARNING, std::to_string(count) + " log lines were left out: they came too fast");
+}
 
 std::string PrintableByte(char byte) {
   if (byte >= ' ' && byte <= '~') return {byte};
@@ -40,13 +74,24 @@ void LogForProtobuf(google::protobuf::LogLevel level, const char*, int, const st
 }  // namespace
 
 void LogLine(int level, const std::string& text) {
-  const std::string line = "libtarvoorvane: " + text;
-  // gRPC's threads log too, while the worker may be reconfiguring the logger.
-  if (auto* logger = __atomic_load_n(&Utils::LoggerManager::instance_, __ATOMIC_ACQUIRE)) {
-    logger->Log(level, line);
-  } else {
-    syslog(level, "%s", line.c_str());
+  unsigned long left_out = 0;
+  if (!MayWrite(left_out)) return;
+  WriteLeftOut(left_out);
+  Write(level, text);
+}
+
+void LogHowManyWereLeftOut() {
+  unsigned long left_out = 0;
+  {
+    const std::lock_guard<std::mutex> lock(g_lines_mutex);
+    left_out = std::exchange(g_left_out, 0);
   }
+  WriteLeftOut(left_out);
+}
+
+void ForgetLoggedLines() {
+  const std::lock_guard<std::mutex> lock(g_lines_mutex);
+  g_lines = kLines;
 }
 
 std::string MakePrintable(std::string_view text, size_t max_length) {

@@ -6,10 +6,18 @@
 
 namespace TarvoOrvane::Internal {
 
-/// Writes one line to the logger when there is one, to syslog otherwise. Any thread may call it.
+/// Writes one line to the logger when there is one, to syslog otherwise: of what comes at once 30, of what goes on one
+/// every two seconds. Others can cause lines as fast as they like, so more are left out, and counted. Any thread may
+/// call it.
 /// @param level  A syslog priority.
 /// @param text   The line; what came from elsewhere went through MakePrintable().
 void LogLine(int level, const std::string& text);
+
+/// Tells how many lines were left out, if any were. LogLine() does so too, before the next line that it writes.
+void LogHowManyWereLeftOut();
+
+/// As if nothing had been logged for a long time; for tests.
+void ForgetLoggedLines();
 
 /// Makes text from elsewhere fit for a log line: every byte that is no printable ASCII character becomes
 /// \n, \r, \t or \xHH, and what exceeds `max_length` characters is cut and marked by "...".

@@ -67,5 +67,21 @@ TEST(LibraryLogTest, ErrorsOfGrpcComeToTheLibrarysLogAndNothingElseOfIt) {
   EXPECT_EQ(lines[0].text, "libtarvoorvane: gRPC: broken\\n7");
 }
 
+TEST(LibraryLogTest, LinesThatComeTooFastAreLeftOutAndCounted) {
+  LogHowManyWereLeftOut();
+  TakeSyslogLines();
+  for (int i = 0; i < 10'000; ++i) LogLine(LOG_WARNING, "flood");
+  const std::size_t written = TakeSyslogLines().size();
+  EXPECT_GE(written, 30u);
+  EXPECT_LT(written, 100u) << "one each two seconds, and what tells how many were left out";
+  LogHowManyWereLeftOut();
+  const auto lines = TakeSyslogLines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, LOG_WARNING);
+  EXPECT_THAT(lines[0].text, testing::MatchesRegex("libtarvoorvane: 99[0-9]+ log lines were left out: .*"));
+  LogHowManyWereLeftOut();
+  EXPECT_TRUE(TakeSyslogLines().empty());
+}
+
 }  // namespace
 }  // namespace TarvoOrvane::Internal

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <mutex>
 
+#include "library_log.h"
+
 namespace TarvoOrvane::Testing {
 namespace {
 
@@ -20,6 +22,7 @@ void Record(int level, const char* format, va_list arguments) {
 }  // namespace
 
 std::vector<SyslogLine> TakeSyslogLines() {
+  Internal::ForgetLoggedLines();
   const std::lock_guard<std::mutex> lock(g_mutex);
   return std::move(g_lines);
 }

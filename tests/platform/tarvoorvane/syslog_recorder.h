@@ -12,6 +12,7 @@ struct SyslogLine {
 };
 
 /// The lines since the last call, from all threads.
+/// Also lets the library log as if it had logged nothing for a long time.
 std::vector<SyslogLine> TakeSyslogLines();
 
 /// The same as one text, a line per line.
