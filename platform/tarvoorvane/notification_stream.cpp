@@ -1,6 +1,8 @@
 #include "notification_stream.h"
 
+#include <grpc/compression.h>
 #include <grpcpp/create_channel.h>
+#include <grpcpp/resource_quota.h>
 #include <grpcpp/security/credentials.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -13,6 +15,7 @@
 #include <system_error>
 
 #include "client_errors.h"
+#include "connection_control.h"
 #include "library_log.h"
 #include "scoped_fd.h"
 #include "tarvo/support/v1/notification.grpc.pb.h"
@@ -29,7 +32,10 @@ using tarvo::support::v1::ServerMessage;
 constexpr int kProtocol = 1;
 constexpr int kMaxMessageBytes = 64 * 1024;
 constexpr size_t kMaxQueued = 8;  // of at most kMaxMessageBytes each; more stay in gRPC's flow control
+constexpr int kMaxHeaderBytes = 8 * 1024;
+constexpr int kMaxReadBytes = 64 * 1024;  // at a time from the connection
 constexpr size_t kMaxStatusText = 400;
+constexpr size_t kQuotaBytes = 8UL << 20;
 
 int Milliseconds(std::chrono::milliseconds value) { return static_cast<int>(value.count()); }
 
@@ -47,6 +53,15 @@ grpc::ChannelArguments MakeChannelArguments(const StreamLimits& limits) {
   arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, Milliseconds(limits.ping_answer));
   arguments.SetInt(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);  // no limit: a ticket may be days away
   arguments.SetMaxReceiveMessageSize(kMaxMessageBytes);
+  arguments.SetInt(GRPC_ARG_MAX_METADATA_SIZE, kMaxHeaderBytes);
+  // Nothing is compressed: what is small on the wire may be large in memory.
+  arguments.SetInt(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
+  arguments.SetInt(GRPC_COMPRESSION_CHANNEL_ENABLED_ALGORITHMS_BITSET, 1 << GRPC_COMPRESS_NONE);
+  // Left to itself, gRPC reads as much at once, and lets as much come, as the connection can carry.
+  arguments.SetInt(GRPC_ARG_TCP_MAX_READ_CHUNK_SIZE, kMaxReadBytes);
+  arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
+  grpc::ResourceQuota quota;
+  arguments.SetResourceQuota(quota.Resize(kQuotaBytes));
   return arguments;
 }
 
@@ -70,9 +85,10 @@ void* TagOf(Tag tag) { return &g_tags[tag]; }
 /// What the worker's thread and the completion thread share; `mutex` guards all of it but the constants and
 /// the queue of completions, which has its own.
 struct NotificationStream::Call {
-  Call(const Address& address, const TlsFiles& tls, const std::string& serial,
+  Call(const Address& server, const TlsFiles& tls, const std::string& serial,
        const StreamLimits& stream_limits)
       : limits(stream_limits),
+        address(server),
         serial_number(serial),
         event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
         stub(NotificationService::NewStub(MakeChannel(address, tls, limits))),
@@ -96,6 +112,7 @@ struct NotificationStream::Call {
   void Notify() const;
 
   const StreamLimits limits;
+  const Address address;
   const std::string serial_number;
   const ScopedFd event;
 
@@ -116,6 +133,7 @@ struct NotificationStream::Call {
   bool finishing = false;  ///< Nothing more is read or written.
   bool undecodable = false;
   bool ended = false;
+  std::string given_up;  ///< What it cost; empty unless it was given up for that.
   WriteState write_state = WriteState::kNone;
   std::deque<Delivery> queue;
   std::deque<ClientMessage> outgoing;                                    ///< The first one is being written.
@@ -263,7 +281,7 @@ void NotificationStream::DrainEvents() {
 
 NotificationStream::Taken NotificationStream::Take(Delivery& out) {
   const std::lock_guard<std::mutex> lock(call_->mutex);
-  if (call_->ended) return Taken::kEnded;
+  if (call_->ended || !call_->given_up.empty()) return Taken::kEnded;
   if (call_->queue.empty()) return Taken::kNothingYet;
   out = std::move(call_->queue.front());
   call_->queue.pop_front();
@@ -273,6 +291,9 @@ NotificationStream::Taken NotificationStream::Take(Delivery& out) {
 
 CallStatus NotificationStream::end_status() const {
   const std::lock_guard<std::mutex> lock(call_->mutex);
+  if (!call_->given_up.empty()) {
+    return Failure(ClientError::kTooCostly, "The stream was ended because it took " + call_->given_up);
+  }
   if (call_->undecodable) {
     return Failure(ClientError::kUndecodable, "The server sent a message that could not be decoded");
   }
@@ -281,14 +302,15 @@ CallStatus NotificationStream::end_status() const {
   }
   CallStatus failure;
   failure.hasFail = true;
-  failure.error = call_->status.error_code();
+  const int code = call_->status.error_code();  // the server's own number: any
+  failure.error = code >= 0 && code <= grpc::StatusCode::UNAUTHENTICATED ? code : grpc::StatusCode::UNKNOWN;
   failure.errorMsg = MakePrintable(call_->status.error_message(), kMaxStatusText);
   return failure;
 }
 
 std::chrono::steady_clock::duration NotificationStream::lifetime() const {
   const std::lock_guard<std::mutex> lock(call_->mutex);
-  return call_->lifetime;
+  return call_->given_up.empty() ? call_->lifetime : std::chrono::steady_clock::duration(0);
 }
 
 NotificationStream::WriteState NotificationStream::write_state() const {
@@ -310,6 +332,15 @@ void NotificationStream::StartAnswer(const tarvo::support::v1::Answer& answer) {
 void NotificationStream::Cancel() {
   const std::lock_guard<std::mutex> lock(call_->mutex);
   call_->Cancel();
+}
+
+void NotificationStream::GiveUp(const std::string& what) {
+  const std::lock_guard<std::mutex> lock(call_->mutex);
+  if (call_->ended) return;
+  call_->given_up = what;
+  CutConnections(call_->address);
+  call_->Cancel();
+  call_->Notify();
 }
 
 }  // namespace TarvoOrvane::Internal

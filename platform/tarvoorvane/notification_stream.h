@@ -54,7 +54,7 @@ class NotificationStream {
   [[nodiscard]] FastSupport::CallStatus end_status() const;
 
   /// From the moment the connection stood to the stream's end, once Take() has told of that; zero when no
-  /// connection came about.
+  /// connection came about, and when the stream was given up.
   [[nodiscard]] std::chrono::steady_clock::duration lifetime() const;
 
   enum class WriteState {
@@ -70,6 +70,11 @@ class NotificationStream {
 
   /// Ends the stream from this side; it then ends like any other.
   void Cancel();
+
+  /// The same because of what it costs. For Take() and end_status() it has ended at once, whatever gRPC still does. Any
+  /// thread may call it.
+  /// @param what  Was too much.
+  void GiveUp(const std::string& what);
 
  private:
   struct Call;

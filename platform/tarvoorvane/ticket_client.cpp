@@ -1,6 +1,7 @@
 #include "ticket_client.h"
 
 #include <grpc/grpc.h>
+#include <malloc.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <utility>
 
 #include "client_errors.h"
+#include "connection_control.h"
 #include "library_log.h"
 #include "ticket_parser.h"
 
@@ -31,6 +33,7 @@ using WriteState = NotificationStream::WriteState;
 
 constexpr std::chrono::milliseconds kLongestKeepalive = std::chrono::hours(1);
 constexpr size_t kMaxShownId = 64;
+constexpr int kLargestKeptBlock = 32 * 1024;
 
 CallStatus Stopped() { return Failure(ClientError::kStopped, "SIGTERM ended the wait"); }
 
@@ -65,6 +68,8 @@ Answer MakeAnswer(const std::string& ticket_id, ServiceClient::ClientStatus stat
 }  // namespace
 
 GrpcRuntime::GrpcRuntime() {
+  // What gRPC receives into goes back to the system as soon as it is freed.
+  mallopt(M_MMAP_THRESHOLD, kLargestKeptBlock);
   TakeOverForeignLogs();
   const SignalBlock block;
   grpc_init();
@@ -83,7 +88,7 @@ TicketClient::TicketClient(const std::string& address, TicketClientOptions optio
 
 TicketClient::~TicketClient() {
   const SignalBlock block;
-  stream_.reset();
+  CloseStream();
 }
 
 ReceiveResult TicketClient::Receive() {
@@ -114,11 +119,22 @@ CallStatus TicketClient::ReceiveTicket(const SignalBlock& block, Ticket& ticket)
     } else if (const auto fault = ParseTicket(delivery.ticket_json(), ticket); !fault.empty()) {
       RejectMalformed(block, delivery.ticket_id(), fault);
     } else {
+      if (!PaceTickets(block)) return Stopped();
       unanswered_id_ = delivery.ticket_id();
       return {};
     }
     // Why an answer failed, SIGTERM or the stream's end, the next wait tells.
   }
+}
+
+/// The daemon may log several lines for each ticket, so they come no faster than a device can ever need them.
+/// @return false when SIGTERM came meanwhile.
+bool TicketClient::PaceTickets(const SignalBlock& block) {
+  constexpr int kNoEvent = -1;
+  while (!options_.tickets.Take()) {
+    if (stop_.Wait(kNoEvent, block, options_.tickets.Next()) == Wake::kStop) return false;
+  }
+  return true;
 }
 
 CallStatus TicketClient::OpenStream() {
@@ -128,7 +144,10 @@ CallStatus TicketClient::OpenStream() {
   }
   const auto serial = Utils::GetSerialNumber();
   former_ping_complaints_ = PingComplaints();
+  if (!watch_) watch_ = std::make_unique<CostWatch>(options_.cost);
   stream_ = std::make_unique<NotificationStream>(*address_, tls, serial ? *serial : "", options_.limits);
+  watch_->Begin([stream = stream_.get()](const std::string& what) { stream->GiveUp(what); },
+                [address = *address_] { return BytesReceived(address); });
   return {};
 }
 
@@ -159,9 +178,20 @@ CallStatus TicketClient::AwaitDelivery(const SignalBlock& block, Delivery& deliv
   }
 }
 
+void TicketClient::CloseStream() {
+  if (!stream_) return;
+  watch_->End();
+  stream_.reset();
+  malloc_trim(0);
+  // gRPC goes on with a connection for as long as bytes come, whether or not there is a stream on it.
+  watch_->Begin([address = *address_](const std::string& /*what*/) { CutConnections(address); },
+                [address = *address_] { return BytesReceived(address); });
+}
+
 CallStatus TicketClient::CloseEndedStream() {
   CallStatus status = stream_->end_status();
-  stream_.reset();
+  CloseStream();
+  LogHowManyWereLeftOut();
   if (PingComplaints() != former_ping_complaints_) {
     auto& keepalive = options_.limits.keepalive;
     keepalive = std::min(2 * keepalive, std::max(keepalive, kLongestKeepalive));

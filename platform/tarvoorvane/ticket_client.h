@@ -7,6 +7,8 @@
 #include <string>
 
 #include "address.h"
+#include "allowance.h"
+#include "cost_watch.h"
 #include "notification_stream.h"
 #include "platform/support_service_client.h"
 #include "stop_signal.h"
@@ -21,6 +23,8 @@ struct TicketClientOptions {
   std::string tls_folder = kTlsFolder;
   std::string system_roots_file = "/etc/ssl/certs/ca-certificates.crt";  ///< Trusted without a ca.pem.
   StreamLimits limits;
+  CostLimits cost;
+  Allowance tickets{100, std::chrono::milliseconds(200)};  ///< To be returned.
   std::chrono::milliseconds answer_limit{10'000};  ///< For writing one answer.
   std::chrono::milliseconds settled{60'000};       ///< A stream that lived so long is reopened when it ends.
   std::chrono::milliseconds longest_pause{5'000};  ///< Before that; the pause is random.
@@ -61,7 +65,9 @@ class TicketClient {
   CallStatus LoadTls(TlsFiles& tls) const;
   CallStatus AwaitDelivery(const SignalBlock& block, tarvo::support::v1::Delivery& delivery);
   CallStatus CloseEndedStream();
+  void CloseStream();
   CallStatus ReplaceEndedStream(const SignalBlock& block);
+  bool PaceTickets(const SignalBlock& block);
   CallStatus Deliver(const SignalBlock& block, const tarvo::support::v1::Answer& answer);
   void RejectMalformed(const SignalBlock& block, const std::string& ticket_id, const std::string& fault);
   void AcceptAgain(const SignalBlock& block, const std::string& ticket_id);
@@ -72,6 +78,7 @@ class TicketClient {
   GrpcRuntime grpc_;
   std::optional<Address> address_;  ///< None while the configured one can't be used.
   std::string address_fault_;
+  std::unique_ptr<CostWatch> watch_;            ///< Null before the first attempt.
   std::unique_ptr<NotificationStream> stream_;  ///< Null between two attempts.
   unsigned former_ping_complaints_ = 0;         ///< PingComplaints() before the stream was opened.
   std::optional<std::string> unanswered_id_;    ///< The ticket that Send() answers.

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 #include <set>
 #include <thread>
@@ -161,6 +162,13 @@ TEST_F(TicketClientTest, AStreamEndIsToldOnceWithItsCodeAndTextAndTheNextCallOpe
   EXPECT_EQ(Summary(Received()), "t1");
 }
 
+TEST_F(TicketClientTest, AStatusThatIsNoneOfGrpcsIsUnknownAndNotTakenForTheClientsOwn) {
+  FastSupportClient client(server_.url());
+  int code = static_cast<int>(ClientError::kStopped);
+  Connect(client)->End(grpc::Status(static_cast<grpc::StatusCode>(code), "by the server"));
+  EXPECT_EQ(Summary(Received()), "failed " + std::to_string(grpc::StatusCode::UNKNOWN));
+}
+
 TEST_F(TicketClientTest, AStreamEndedWithoutAnErrorIsAFailureToo) {
   FastSupportClient client(server_.url());
   Connect(client)->End(grpc::Status::OK);
@@ -224,6 +232,60 @@ TEST_F(TicketClientTest, AMessageAbove64KiBEndsTheStreamWithAFailure) {
   FastSupportClient client(server_.url());
   Connect(client)->Deliver("id-1", TicketJson(std::string(65UL * 1024, 't')));
   EXPECT_EQ(Summary(Received()), "failed 8");
+}
+
+TEST_F(TicketClientTest, AStreamThatCostsTooMuchEndsAtOnceWithAFailureAndTheNextOneWorks) {
+  TicketClientOptions options;
+  options.settled = milliseconds(1);  // not even one that had settled is opened again without a pause
+  options.cost.memory_bytes = 1UL << 40;  // the server is in this process
+  options.cost.cpu = milliseconds(300);
+  options.cost.cpu_percent = 0;
+  TicketClient client(server_.url(), options);
+  auto receive = StartReceive(client);
+  auto session = server_.AwaitSession();
+  ASSERT_NE(session, nullptr);
+  std::atomic<bool> stop{false};
+  std::thread server([&] {
+    for (int i = 0; i < 1'000'000 && !stop; ++i) {
+      session->Deliver("bad", "no json");
+      if (i % 100 == 0) (void)session->AwaitAnswer(milliseconds(10));
+    }
+  });
+  const auto failure = receive.Await();
+  stop = true;
+  server.join();
+  EXPECT_EQ(Summary(failure), Failed(ClientError::kTooCostly));
+  EXPECT_EQ(failure.status.errorMsg, "The stream was ended because it took 300 ms of processor time");
+  EXPECT_TRUE(session->AwaitEnd());
+  EXPECT_THAT(Testing::TakeSyslogText(), HasSubstr(" log lines were left out"));
+}
+
+TEST_F(TicketClientTest, ManyLargeTicketsAtOnceCostNotTooMuch) {
+  TicketClient client(server_.url());
+  auto receive = StartReceive(client);
+  const auto session = server_.AwaitSession();
+  ASSERT_NE(session, nullptr);
+  constexpr int kCount = 40;
+  for (int i = 0; i < kCount; ++i) {
+    session->Deliver("id-" + std::to_string(i),
+                     TicketJson(std::to_string(i) + std::string(60UL * 1024, 't')));
+  }
+  for (int i = 0; i < kCount; ++i) {
+    const ReceiveResult result = i == 0 ? receive.Await() : ReceiveInTime(client);
+    ASSERT_TRUE(result.request) << i << ": " << result.status.errorMsg;
+    EXPECT_FALSE(client.Send(FastSupportClient::kRejected).hasFail);
+  }
+}
+
+TEST_F(TicketClientTest, TicketsBeyondTheFirstHundredComeFiveASecond) {
+  FastSupportClient client(server_.url());
+  const auto session = Connect(client);
+  constexpr int kCount = 110;
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < kCount; ++i) session->Deliver("id-" + std::to_string(i), TicketJson(std::to_string(i)));
+  EXPECT_EQ(Summary(Received()), "0");
+  for (int i = 1; i < kCount; ++i) EXPECT_EQ(Summary(ReceiveInTime(client)), std::to_string(i));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(1'800));
 }
 
 TEST_F(TicketClientTest, DestructionEndsTheStream) {
