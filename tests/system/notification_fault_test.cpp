@@ -13,6 +13,7 @@
 
 #include "answerless_server.h"
 #include "fault_fixture.h"
+#include "http2_attacker.h"
 #include "scripted_server.h"
 #include "test_certificate.h"
 
@@ -58,6 +59,12 @@ bool EndsLike(const Lines& lines, const Lines& patterns) {
 const char* const kAcceptedAgain =
     "N libtarvoorvane: Accepted again the ticket \"ticket-1\": it was delivered before, and is not worked on "
     "twice";
+
+/// The most that the process ever had resident, in KiB.
+long MemoryOf(pid_t pid) {
+  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+  return std::stol(status.substr(status.find("VmHWM:") + 6));
+}
 
 int PortOf(const std::string& url) { return std::stoi(url.substr(url.rfind(':') + 1)); }
 
@@ -246,6 +253,53 @@ TEST_P(OpeningFaultTest, IsLoggedAtEachAttemptAndTheFirstGoodServerServesTheNext
 
 INSTANTIATE_TEST_SUITE_P(NotificationServer, OpeningFaultTest, testing::ValuesIn(OpeningRows()),
                          [](const testing::TestParamInfo<OpeningRow>& row) { return row.param.name; });
+
+// ======== A stream that costs too much ========
+
+struct FloodRow {
+  const char* attack;  ///< Its name in tests/hostile/http2_attacks.cpp.
+  const char* cost;    ///< What the failure's text says of it.
+};
+
+class FloodTest : public NotificationFaultTest, public testing::WithParamInterface<FloodRow> {};
+
+TEST_P(FloodTest, IsEndedWithAFailureAndTheNextTicketIsServed) {
+  constexpr long kMostMemoryKiB = 64 * 1024;
+  ScriptedServer good;
+  hostile::Http2Attacker flood(hostile::Http2AttackNamed(GetParam().attack));
+  FaultProxy link(good.port());
+  StartDaemonFor(link.Url(), WithInstantCollection());
+  ExpectServed(*Await(good), "first");
+  const std::size_t descriptors = OpenDescriptors(worker_).size();
+
+  link.SetServer(PortOf(flood.url()));
+  link.Reset();
+  const Lines before = kPrepares + kTakesFirstTicket + Fails(14, "*");
+  const Lines failure = Fails(1009, std::string("The stream was ended because it took ") + GetParam().cost);
+  const Lines expected = before + failure + failure;
+  ASSERT_TRUE(Eventually([&] { return WorkerLines().size() >= expected.size(); }, milliseconds(60'000)))
+      << WholeLog();
+  link.SetServer(good.port());
+  ExpectServed(*Await(good), "second");
+
+  Lines lines = WorkerLines();
+  lines.resize(std::min(lines.size(), expected.size()));
+  EXPECT_THAT(lines, AreLines(expected));
+#ifndef __SANITIZE_ADDRESS__
+  EXPECT_LT(MemoryOf(worker_), kMostMemoryKiB);
+#else
+  static_cast<void>(kMostMemoryKiB);  // the sanitizer keeps what is freed
+#endif
+  EXPECT_TRUE(Eventually([&] { return OpenDescriptors(worker_).size() == descriptors; }))
+      << testing::PrintToString(OpenDescriptors(worker_)) << " instead of " << descriptors;
+  ExpectNothingIsLeft();
+}
+
+const std::vector<FloodRow> kFloodRows = {{"EndlessLines", "* MiB *"},
+                                          {"LargeUnknownFrames", "* MiB from the server"}};
+
+INSTANTIATE_TEST_SUITE_P(NotificationServer, FloodTest, testing::ValuesIn(kFloodRows),
+                         [](const testing::TestParamInfo<FloodRow>& row) { return row.param.attack; });
 
 // ======== The server is killed, restarted, stopped ========
 

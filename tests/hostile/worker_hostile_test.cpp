@@ -1,0 +1,217 @@
+/// A hostile notification server against the ticket client, in a process that stands for the worker
+/// (hostile_worker_main.cpp): each attack of http2_attacks.cpp, in plaintext and over TLS.
+///
+/// HOSTILE_SECONDS in the environment is how long each attack lasts, with the limits that a device has. Without it the
+/// attacks are short, and so is the processor time that they may take.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "http2_attacker.h"
+#include "temp_dir.h"
+
+namespace hostile {
+namespace {
+
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience{60};  // for what takes milliseconds
+
+// What holds whatever the server sends.
+constexpr long kMostMemoryKiB = 64L * 1024;
+constexpr long kMostDescriptors = 40;
+constexpr milliseconds kMostCpuToStop{1'000};
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMemoryIsOurs = false;  // a sanitizer keeps what is freed
+#else
+constexpr bool kMemoryIsOurs = true;
+#endif
+
+/// How long, and with which limit of processor time.
+struct Plan {
+  milliseconds duration{400};
+  milliseconds cpu_at_once{50};
+
+  static Plan Make() {
+    const char* seconds = std::getenv("HOSTILE_SECONDS");
+    if (seconds == nullptr) return {};
+    return {std::chrono::seconds(std::atol(seconds)), milliseconds(3'000)};
+  }
+
+  /// Startup, what a look comes late, and a busy machine's dearer time included.
+  [[nodiscard]] milliseconds most_cpu() const {
+    return 2 * (cpu_at_once + duration / 20) + milliseconds(400);
+  }
+};
+
+struct Case {
+  const Http2Attack* attack;
+  bool tls;
+};
+
+void PrintTo(const Case& which, std::ostream* out) { *out << which.attack->name; }
+
+std::vector<Case> AllCases() {
+  std::vector<Case> cases;
+  for (const Http2Attack& attack : Http2Attacks()) {
+    const bool tls_only = attack.tls_flood != TlsFlood::kNone;
+    if (!tls_only) cases.push_back({&attack, false});
+    if (tls_only || std::getenv("HOSTILE_SECONDS") != nullptr || attack.also_over_tls)
+      cases.push_back({&attack, true});
+  }
+  return cases;
+}
+
+/// The process that is attacked.
+class Worker {
+ public:
+  Worker(const std::string& url, const std::string& folder, milliseconds cpu_at_once)
+      : output_(folder + "output") {
+    pid_ = fork();
+    if (pid_ != 0) return;
+    (void)signal(SIGPIPE, SIG_DFL);  // as the daemon has it
+    if (freopen(output_.c_str(), "w", stdout) == nullptr || dup2(STDOUT_FILENO, STDERR_FILENO) < 0) _exit(3);
+    execl(HOSTILE_WORKER_PATH, HOSTILE_WORKER_PATH, url.c_str(), folder.c_str(),
+          std::to_string(cpu_at_once.count()).c_str(), nullptr);
+    _exit(4);
+  }
+  ~Worker() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  /// A number in /proc/PID/status.
+  [[nodiscard]] long Status(const std::string& name) const {
+    std::ifstream file("/proc/" + std::to_string(pid_) + "/status");
+    for (std::string line; std::getline(file, line);) {
+      if (line.rfind(name + ":", 0) == 0) return std::atol(line.c_str() + name.size() + 1);
+    }
+    return -1;
+  }
+
+  [[nodiscard]] milliseconds Cpu() const {
+    clockid_t clock{};
+    timespec time{};
+    if (clock_getcpuclockid(pid_, &clock) != 0 || clock_gettime(clock, &time) != 0) return milliseconds(-1);
+    return milliseconds(time.tv_sec * 1000 + time.tv_nsec / 1'000'000);
+  }
+
+  [[nodiscard]] long Descriptors() const {
+    long count = 0;
+    std::error_code ignored;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/fd", ignored)) {
+      static_cast<void>(entry);
+      ++count;
+    }
+    return count;
+  }
+
+  /// SIGTERM; the status of waitpid() and the processor time that the process then used, of all that it did.
+  std::optional<int> Terminate(milliseconds& cpu) {
+    const milliseconds before = Cpu();
+    kill(pid_, SIGTERM);
+    const auto deadline = steady_clock::now() + kPatience;
+    do {
+      int status = 0;
+      rusage usage{};
+      if (wait4(pid_, &status, WNOHANG, &usage) == pid_) {
+        pid_ = -1;
+        const auto all = std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                         std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+        cpu = duration_cast<milliseconds>(all) - before;
+        return status;
+      }
+      std::this_thread::sleep_for(milliseconds(5));
+    } while (steady_clock::now() < deadline);
+    return std::nullopt;
+  }
+
+  /// The lines it has written that begin like this.
+  [[nodiscard]] long Count(const std::string& begin) const {
+    std::ifstream file(output_);
+    long count = 0;
+    for (std::string line; std::getline(file, line);) count += line.rfind(begin, 0) == 0 ? 1 : 0;
+    return count;
+  }
+  [[nodiscard]] std::string Output() const {
+    std::ostringstream text;
+    text << std::ifstream(output_).rdbuf();
+    return text.str().substr(0, 4000);
+  }
+
+ private:
+  std::string output_;
+  pid_t pid_ = -1;
+};
+
+class WorkerUnderAttack : public testing::TestWithParam<Case> {};
+
+TEST_P(WorkerUnderAttack, StaysWithinItsBoundsAndEndsBySigterm) {
+  (void)signal(SIGPIPE, SIG_IGN);  // OpenSSL writes without MSG_NOSIGNAL
+  const Plan plan = Plan::Make();
+  const TarvoOrvane::Testing::TempDir folder;
+  std::optional<TarvoOrvane::Testing::TestCertificate> certificate;
+  if (GetParam().tls) {
+    certificate = TarvoOrvane::Testing::MakeTestCertificate();
+    std::ofstream(folder.File("ca.pem")) << certificate->certificate;
+  }
+  Http2Attacker attacker(*GetParam().attack, certificate);
+  Worker worker(attacker.url(), folder.File(""), plan.cpu_at_once);
+  const auto patience = steady_clock::now() + kPatience;
+  while (attacker.sent() == 0 && steady_clock::now() < patience) std::this_thread::sleep_for(milliseconds(5));
+  ASSERT_GT(attacker.sent(), 0u) << worker.Output();
+  std::this_thread::sleep_for(plan.duration);
+
+  const long memory = worker.Status("VmHWM");
+  const long descriptors = worker.Descriptors();
+  const milliseconds cpu = worker.Cpu();
+  const long failures = worker.Count("failed ");
+  const long lines = worker.Count("libtarvoorvane: ");
+  milliseconds cpu_to_stop{0};
+  const std::optional<int> ending = worker.Terminate(cpu_to_stop);
+
+  if (std::getenv("HOSTILE_SECONDS") != nullptr) {
+    std::cout << "memory " << memory / 1024 << " MiB, processor time " << cpu.count() << " ms, descriptors "
+              << descriptors << ", streams ended " << failures << ", log lines " << lines << std::endl;
+  }
+  EXPECT_GT(memory, 0) << "it has ended";
+  if (kMemoryIsOurs) {
+    EXPECT_LE(memory, kMostMemoryKiB);
+    EXPECT_LE(cpu.count(), plan.most_cpu().count());
+    EXPECT_LT(cpu_to_stop.count(), kMostCpuToStop.count());
+  }
+  EXPECT_LE(descriptors, kMostDescriptors);
+  const long may_be_logged = 30 + duration_cast<std::chrono::seconds>(plan.duration).count() / 2 + 1;
+  EXPECT_LE(lines, may_be_logged + 2 * failures + 2) << "besides those that tell how many were left out";
+  ASSERT_TRUE(ending) << "it does not end";
+  EXPECT_TRUE(WIFEXITED(*ending) && WEXITSTATUS(*ending) == 0) << *ending;
+  if (HasFailure()) std::cout << worker.Output() << std::endl;
+}
+
+std::string NameOf(const testing::TestParamInfo<Case>& which) {
+  return which.param.attack->name + (which.param.tls ? "OverTls" : "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Hostile, WorkerUnderAttack, testing::ValuesIn(AllCases()), &NameOf);
+
+}  // namespace
+}  // namespace hostile
