@@ -23,6 +23,8 @@ enum ByteClass : unsigned {
   kUrlByte = 1U << 12,      ///< What a URL may be written with, carelessly.
   kHashSign = 1U << 13,     ///< "./$=,+-".
   kBase64Sign = 1U << 14,   ///< '+' and '/'.
+  kColon = 1U << 16,        ///< ':'.
+  kHigh = 1U << 15,         ///< Beyond ASCII: of a letter in UTF-8, or of another character set.
   kLowerDigit = kLower | kDigit,
   kUpperDigit = kUpper | kDigit,
   kAlnum = kUpper | kLower | kDigit,
@@ -47,6 +49,8 @@ constexpr std::array<unsigned, 256> MakeByteClasses() {
     if (c >= 'A' && c <= 'Z') classes |= kUpper;
     if (c >= 'a' && c <= 'z') classes |= kLower;
     if (c >= '0' && c <= '9') classes |= kDigit;
+    if (c == ':') classes |= kColon;
+    if (byte >= 0x80) classes |= kHigh;
     if (in(kNoUrl, 1U) == 0) classes |= kUrlByte | (in(":/?#", 1U) == 0 ? kUrlUserByte : 0U);
     table[byte] = classes;
   }

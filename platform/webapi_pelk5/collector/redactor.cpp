@@ -30,6 +30,13 @@ void MaskBytes(char* begin, const char* end) {
   }
 }
 
+/// What the finder may look at around a hit: the same however the text is cut.
+std::size_t WindowBegin(std::size_t hit) { return hit - std::min(hit, kFinderReach); }
+std::string_view Window(std::string_view text, std::size_t hit) {
+  const std::size_t begin = WindowBegin(hit);
+  return text.substr(begin, hit - begin + kFinderReach);
+}
+
 /// What an offset of this block is in the next one.
 std::size_t Carried(std::size_t offset, std::size_t decided) { return offset - std::min(offset, decided); }
 
@@ -70,7 +77,7 @@ std::size_t Redactor::FindSecrets(std::string_view text, bool at_end) {
   text_ = text;
   at_end_ = at_end;
   horizon_ = at_end ? text.size() : text.size() - kReach;
-  GoOnWithSecret();
+  GoOnWithSecrets();
   Scan(rules_->built_in(), &Redactor::TakeWord);
   if (rules_->from_file()) Scan(rules_->from_file(), &Redactor::TakePattern);
   taken_ = horizon_;
@@ -108,45 +115,62 @@ void Redactor::Scan(const hs_database* database, void (Redactor::*take)(unsigned
 
 void Redactor::TakeWord(unsigned word, std::size_t hit) {
   if (IsKeyMarkerWord(word)) {
-    const std::optional<KeyMarker> marker = FindKeyMarker(text_, hit);
-    if (marker) TakeKeyMarker(*marker);
-  } else if (!open_ && hit > masked_until_) {
-    const std::optional<Secret> secret = FindSecret(word, text_, hit);
-    if (secret) TakeSecret(*secret);
+    const std::optional<KeyMarker> marker = FindKeyMarker(Window(text_, hit), hit - WindowBegin(hit));
+    if (marker) TakeKeyMarker({marker->begins_key, marker->begin + WindowBegin(hit), hit});
+    return;
   }
+  taken_secrets_.erase(std::remove_if(taken_secrets_.begin(), taken_secrets_.end(),
+                                      [&](const Span& span) { return span.end < hit; }),
+                       taken_secrets_.end());
+  if (IsTaken(hit)) return;
+  const std::size_t begin = WindowBegin(hit);
+  found_.clear();
+  finder_.Find(word, Window(text_, hit), hit - begin, position_ + begin, found_);
+  for (Secret& secret : found_) {
+    secret.begin += begin;
+    secret.end += begin;
+    TakeSecret(secret);
+  }
+}
+
+/// Whether a word that ends there is in a secret that is known.
+bool Redactor::IsTaken(std::size_t offset) const {
+  return std::any_of(taken_secrets_.begin(), taken_secrets_.end(),
+                     [&](const Span& span) { return span.begin < offset && offset <= span.end; }) ||
+         std::any_of(open_.begin(), open_.end(), [&](const OpenSecret& open) { return open.begin < offset; });
 }
 
 void Redactor::TakeSecret(const Secret& secret) {
+  if (IsTaken(secret.begin + 1)) return;
   std::size_t end = secret.end;
   if (secret.form != SecretForm::kFixed) {
     SecretEnd search(secret);
-    end = search.Find(text_, secret.begin);
-    if (end == npos && !at_end_) {
-      open_ = search;
-      open_begin_ = secret.begin;
-      open_until_ = text_.size();
+    end = search.Find(text_, secret.begin, at_end_);
+    if (end == npos) {
+      open_.push_back({search, secret.begin, text_.size()});
       ++count_;
       return;
     }
-    end = std::min(end, text_.size());
   }
   if (end <= secret.begin) return;
   spans_.push_back({secret.begin, end});
-  masked_until_ = end;
+  taken_secrets_.push_back({secret.begin, end});
   ++count_;
 }
 
-/// Looks in this block for the end of a secret that began in a former one.
-void Redactor::GoOnWithSecret() {
-  if (!open_) return;
-  const std::size_t end = open_->Find(text_, open_until_);
-  if (end == npos && !at_end_) {
-    open_until_ = text_.size();
-    return;
+/// Looks in this block for the ends of secrets that began in a former one.
+void Redactor::GoOnWithSecrets() {
+  for (OpenSecret& open : open_) {
+    const std::size_t end = open.search.Find(text_, open.until, at_end_);
+    open.until = text_.size();
+    if (end == npos) continue;
+    spans_.push_back({open.begin, end});
+    taken_secrets_.push_back({open.begin, end});
+    open.until = npos;
   }
-  masked_until_ = std::min(end, text_.size());
-  spans_.push_back({open_begin_, masked_until_});
-  open_.reset();
+  open_.erase(
+      std::remove_if(open_.begin(), open_.end(), [](const OpenSecret& open) { return open.until == npos; }),
+      open_.end());
 }
 
 void Redactor::TakeKeyMarker(const KeyMarker& marker) {
@@ -206,16 +230,20 @@ void Redactor::TakePattern(unsigned number, std::size_t hit) {
 /// Masks what is decided, and turns the offsets of what is not into those of the next block.
 void Redactor::MaskDecided(char* data, std::size_t decided) {
   for (const Span& span : spans_) MaskBytes(data + span.begin, data + std::min(span.end, decided));
-  if (open_) MaskBytes(data + open_begin_, data + decided);
+  for (const OpenSecret& open : open_) MaskBytes(data + open.begin, data + decided);
   if (in_key_) MaskBytes(data + key_begin_, data + decided);
   spans_.erase(
       std::remove_if(spans_.begin(), spans_.end(), [&](const Span& span) { return span.end <= decided; }),
       spans_.end());
-  for (Span& span : spans_) span = {Carried(span.begin, decided), Carried(span.end, decided)};
-  for (std::size_t* offset :
-       {&taken_, &masked_until_, &open_begin_, &open_until_, &key_begin_, &key_limit_}) {
-    *offset = Carried(*offset, decided);
+  for (std::vector<Span>* spans : {&spans_, &taken_secrets_}) {
+    for (Span& span : *spans) span = {Carried(span.begin, decided), Carried(span.end, decided)};
   }
+  for (OpenSecret& open : open_) {
+    open.begin = Carried(open.begin, decided);
+    open.until = Carried(open.until, decided);
+  }
+  for (std::size_t* offset : {&taken_, &key_begin_, &key_limit_}) *offset = Carried(*offset, decided);
+  position_ += decided;
   for (std::size_t& offset : found_until_) offset = Carried(offset, decided);
   begun_ = begun_ || decided > 0;
 }

@@ -44,38 +44,47 @@ class Redactor {
     std::size_t end;
   };
 
+  /// A secret that goes on behind the block.
+  struct OpenSecret {
+    SecretEnd search;
+    std::size_t begin;
+    std::size_t until;  ///< Up to here its end was looked for.
+  };
+
   std::size_t FindSecrets(std::string_view text, bool at_end);
   void Scan(const hs_database* database, void (Redactor::*take)(unsigned, std::size_t));
   void TakeWord(unsigned word, std::size_t hit);
   void TakePattern(unsigned number, std::size_t hit);
   void TakeKeyMarker(const KeyMarker& marker);
   void TakeSecret(const Secret& secret);
-  void GoOnWithSecret();
+  void GoOnWithSecrets();
+  [[nodiscard]] bool IsTaken(std::size_t offset) const;
   void EndKey(std::size_t end);
   void MaskDecided(char* data, std::size_t decided);
 
   const RedactionRules* rules_;
   RedactionRules::Scratch scratch_;
+  SecretFinder finder_;
   TokenMask token_mask_;
   std::uint64_t count_ = 0;
 
   // The block in work.
   std::string_view text_;
+  std::uint64_t position_ = 0;  ///< Of the block in the whole text.
+  std::vector<Secret> found_;   ///< At one word.
   bool at_end_ = false;
   std::size_t horizon_ = 0;  ///< Hits up to here are taken; behind it too little of the text is known.
 
   // What is carried from block to block.
-  bool begun_ = false;             ///< A part of the text is decided.
-  std::size_t taken_ = 0;          ///< Hits up to here were taken.
-  std::vector<Span> spans_;        ///< To be masked.
-  std::size_t masked_until_ = 0;   ///< End of the last secret of a built-in rule: hits in it are no news.
-  std::optional<SecretEnd> open_;  ///< The secret whose end is not known yet, ...
-  std::size_t open_begin_ = 0;     ///< ... where it begins ...
-  std::size_t open_until_ = 0;     ///< ... and up to where its end was looked for.
-  bool in_key_ = false;            ///< In a private key's text form, ...
-  std::size_t key_begin_ = 0;      ///< ... which begins here ...
-  std::size_t key_limit_ = 0;      ///< ... and ends here at the latest.
-  bool key_seen_ = false;          ///< A key's first line was seen.
+  bool begun_ = false;                    ///< A part of the text is decided.
+  std::size_t taken_ = 0;                 ///< Hits up to here were taken.
+  std::vector<Span> spans_;               ///< To be masked.
+  std::vector<Span> taken_secrets_;       ///< Of the built-in rules: words in them betray nothing more.
+  std::vector<OpenSecret> open_;          ///< Those whose end is not known yet.
+  bool in_key_ = false;                   ///< In a private key's text form, ...
+  std::size_t key_begin_ = 0;             ///< ... which begins here ...
+  std::size_t key_limit_ = 0;             ///< ... and ends here at the latest.
+  bool key_seen_ = false;                 ///< A key's first line was seen.
   std::vector<std::size_t> found_until_;  ///< Of each pattern: up to here all of its matches are found.
 };
 

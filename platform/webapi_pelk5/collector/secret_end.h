@@ -4,30 +4,49 @@
 #include <optional>
 #include <string_view>
 
-#include "secret_finder.h"
+#include "secret.h"
 
 namespace TARVO::SupportForm {
 
 /// Finds where a secret ends, over any blocks of the text.
 class SecretEnd {
  public:
+  /// Forms that go over lines end here at the latest, found or not.
+  static constexpr std::size_t kMaxLinesBytes = std::size_t{32} << 10;
+
   explicit SecretEnd(const Secret& secret) : secret_(secret) {}
 
   /// Goes on at text[at].
+  /// @param at_end  Whether the text ends here: so does the secret then.
   /// @return Offset of the end; npos if the secret goes on behind the text. The next call goes on there. The end
   ///         may lie up to TokenMask::kMaxBackslashes before `at`.
-  [[nodiscard]] std::size_t Find(std::string_view text, std::size_t at);
+  [[nodiscard]] std::size_t Find(std::string_view text, std::size_t at, bool at_end);
 
  private:
+  /// What was read behind a closing quote, of what makes a shell or SQL go on with the value: a quote once more, or a
+  /// quote in other quoting and a quote that opens again.
+  enum class Tail { kNone, kClosed, kEscapedQuote, kOtherQuote, kOtherQuoted, kOtherClosed };
+
   [[nodiscard]] std::optional<std::size_t> Ends(char byte);
   [[nodiscard]] std::optional<std::size_t> EndsWord(char byte) const;
-  [[nodiscard]] std::optional<std::size_t> EndsQuoted(char byte) const;
+  [[nodiscard]] std::optional<std::size_t> EndsQuoted(char byte);
+  [[nodiscard]] std::optional<std::size_t> EndsTail(char byte);
+  [[nodiscard]] std::optional<std::size_t> EndsDoubled(char byte);
   [[nodiscard]] std::optional<std::size_t> EndsList(char byte);
+  [[nodiscard]] std::optional<std::size_t> EndsHereDocument(char byte);
+  [[nodiscard]] std::optional<std::size_t> EndsBlock(char byte);
+  [[nodiscard]] bool EndsDelimiter(char byte);
   [[nodiscard]] bool IsClosingQuote(char byte) const;
 
   Secret secret_;
-  std::size_t run_ = 0;     ///< Backslashes just before the next byte.
-  bool in_string_ = false;  ///< In a string of a list.
+  std::size_t run_ = 0;          ///< Backslashes just before the next byte.
+  std::size_t matched_ = 0;      ///< Bytes of the delimiter, or quotes, just before the next byte.
+  std::size_t indent_ = 0;       ///< Blanks read since the line began.
+  bool in_indent_ = true;        ///< Only blanks were read since the line began.
+  std::size_t lines_bytes_ = 0;  ///< Bytes read of a form that goes over lines.
+  Tail tail_ = Tail::kNone;
+  std::size_t tail_size_ = 0;  ///< Bytes read since the closing quote and with it.
+  bool in_string_ = false;     ///< In a string of a list.
 };
 
 }  // namespace TARVO::SupportForm

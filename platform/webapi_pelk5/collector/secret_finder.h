@@ -2,41 +2,16 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "secret.h"
+#include "secret_name.h"
+
 namespace TARVO::SupportForm {
-
-/// How a secret goes on, and so where it ends. None but kList goes beyond its line.
-enum class SecretForm {
-  kFixed,        ///< Ends at `end`.
-  kUpperDigits,  ///< A run of A-Z and 0-9.
-  kIdentifier,   ///< A run of letters, digits, '_' and '-'.
-  kDotted,       ///< The same and '.'.
-  kEncoded,      ///< The same and "~+/=%".
-  kHash,         ///< A run of letters, digits and "./$=,+-", as password hashes have.
-  kWord,         ///< Up to a blank, a '"', `mark`, or an escaped quote or line end.
-  kPhrase,       ///< Up to a '"', a backslash or `mark`.
-  kLine,         ///< Up to the end of the line, or to `mark`.
-  kScalar,       ///< A JSON number or word.
-  kElement,      ///< Up to a '<'.
-  kQuoted,       ///< Up to the closing quote, which is `mark` with `level` backslashes before it.
-  kList,         ///< Up to the ']' or '}' that is in no string; strings are quoted as with kQuoted.
-};
-
-/// Of the forms that are runs of bytes: which bytes. 0 for the others.
-[[nodiscard]] unsigned ClassesOf(SecretForm form);
-
-/// A secret that was found in a text. Its bytes are to be masked.
-struct Secret {
-  std::size_t begin = 0;  ///< Offset of its first byte.
-  SecretForm form = SecretForm::kFixed;
-  std::size_t end = 0;    ///< Offset behind its last byte; of kFixed only.
-  char mark = '\0';       ///< See SecretForm; '\0' where there is none.
-  std::size_t level = 0;  ///< See SecretForm.
-};
 
 /// A fixed word to look for; its number is its place in FixedWords().
 struct FixedWord {
@@ -47,14 +22,45 @@ struct FixedWord {
 /// The words of the built-in rules. No word is the end of another.
 [[nodiscard]] std::vector<FixedWord> FixedWords();
 
-/// Bytes before and behind a fixed word that the functions below look at.
+/// Bytes before and behind a fixed word that are looked at.
 constexpr std::size_t kFinderReach = 4096;
 
-/// The secret that a fixed word betrays, if any.
-/// @param word  Its number.
-/// @param text  At least kFinderReach bytes before and behind the word, unless the text begins or ends there.
-/// @param hit   Offset behind the word.
-[[nodiscard]] std::optional<Secret> FindSecret(unsigned word, std::string_view text, std::size_t hit);
+/// Tells the secrets that fixed words betray, in one text. Remembers what it looked at, so that no byte is looked at
+/// often: a text of nothing but such words costs as much for each byte, however long it is.
+class SecretFinder {
+ public:
+  /// To be called for the words in the order of their ends.
+  /// @param word      Its number.
+  /// @param text      kFinderReach bytes before and behind the word, unless the whole text begins or ends there.
+  /// @param hit       Offset behind the word.
+  /// @param position  Offset of `text` in the whole text.
+  /// @param found     Gets the secrets; some may lie before the word, or behind others' words.
+  void Find(unsigned word, std::string_view text, std::size_t hit, std::uint64_t position,
+            std::vector<Secret>& found);
+
+ private:
+  void FindNamed(unsigned word, std::string_view text, std::size_t begin, std::size_t hit,
+                 std::uint64_t position, std::vector<Secret>& found);
+  Name NameOf(std::string_view text, std::size_t begin, std::size_t hit, std::uint64_t position);
+  void FindInEntry(std::string_view text, std::size_t mark, std::uint64_t position,
+                   std::vector<Secret>& found);
+  void FindInUrl(std::string_view text, std::size_t word, std::size_t at, std::uint64_t position,
+                 std::vector<Secret>& found);
+  std::size_t UrlEnd(std::string_view text, std::size_t at, std::uint64_t position);
+  std::size_t NextAt(std::string_view text, std::size_t at, std::size_t end, std::uint64_t position);
+
+  // Offsets in the whole text.
+  Name name_;                        ///< The last name, with offsets in the text it was found in, ...
+  std::uint64_t name_position_ = 0;  ///< ... which began here.
+  bool has_name_ = false;
+  std::uint64_t names_until_ = 0;     ///< Names that end up to here are judged.
+  std::uint64_t commands_until_ = 0;  ///< Command lines are looked through up to here.
+  std::uint64_t entry_mark_ = 0;      ///< The last mark of an entry in a list of users.
+  std::uint64_t url_until_ = 0;       ///< Up to here there are bytes of a URL only, ...
+  bool url_ends_ = false;             ///< ... and none behind.
+  std::uint64_t no_at_from_ = 0;      ///< From here ...
+  std::uint64_t no_at_until_ = 0;     ///< ... up to here there is no '@'.
+};
 
 /// The first or last line of a private key's text form.
 struct KeyMarker {
@@ -63,7 +69,7 @@ struct KeyMarker {
   std::size_t end = 0;      ///< Offset behind its dashes.
 };
 
-/// Whether the fixed word belongs to key markers: FindKeyMarker() is to be asked then, not FindSecret().
+/// Whether the fixed word belongs to key markers: FindKeyMarker() is to be asked then, not a SecretFinder.
 [[nodiscard]] bool IsKeyMarkerWord(unsigned word);
 [[nodiscard]] std::optional<KeyMarker> FindKeyMarker(std::string_view text, std::size_t hit);
 

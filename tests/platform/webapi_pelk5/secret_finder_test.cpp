@@ -109,6 +109,20 @@ INSTANTIATE_TEST_SUITE_P(
              "abcdefghijklmnopqrst01» y"}),
     NameOf);
 
+INSTANTIATE_TEST_SUITE_P(OtherForms, SecretFinderTest,
+                         testing::Values(Case{"Namespace", "<a:password>«abc»</a:password>"},
+                                         Case{"ShellEscapedQuote", R"(x PASSWORD='«it'\''s»' y)"},
+                                         Case{"DoubledQuote", "x PASSWORD '«it''s»' y"},
+                                         Case{"Colours", "\x1b[1mpassword\x1b[0m: \x1b[32m«abc1\x1b[0m»"},
+                                         Case{"Entity", "x &quot;password&quot;:&quot;«abc»&quot; y"},
+                                         Case{"Pair", R"({"name":"DB_PASSWORD","value":"«abc»"})"},
+                                         Case{"Block", "password: |\n«  abc\n  def\n»host: x"},
+                                         Case{"Command", "mysql -u root -p«abc» app"},
+                                         Case{"Curl", "curl -u bob:«abc» http://x/"},
+                                         Case{"Statement", "requirepass «abc»\n"},
+                                         Case{"Call", "define('DB_PASSWORD', '«abc»');"}),
+                         NameOf);
+
 INSTANTIATE_TEST_SUITE_P(Json, SecretFinderTest,
                          testing::Values(Case{"String", R"({"user":"bob","password":"«abc»","n":1})"},
                                          Case{"Blanks", "{\"password\" :\n  \"«abc»\"}"},

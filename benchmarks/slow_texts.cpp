@@ -1,0 +1,177 @@
+/// slow_texts [COUNT [EVERY]]: makes texts that could be slow to search for secrets: each fixed word of the built-in rules, with
+/// each kind of neighbour, again and again. Prints the CPU seconds per GiB of the COUNT (10) slowest ones, and of the
+/// median. With EVERY only each so manieth of the words is taken.
+#include <time.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "redactor.h"
+
+namespace {
+
+using TARVO::SupportForm::RedactionRules;
+using TARVO::SupportForm::Redactor;
+
+constexpr std::size_t kTextBytes = std::size_t{1} << 20;
+constexpr std::size_t kFirstBytes = std::size_t{1} << 14;  ///< So much is enough to sort out what is fast.
+constexpr double kGiB = 1024.0 * 1024 * 1024;
+
+/// What is repeated; "@" stands for a word.
+const std::vector<std::string>& Shapes() {
+  static const std::string blanks(250, ' ');
+  static const std::string letters(190, 'x');
+  static const std::vector<std::string> shapes = {"@",
+                                                  "@ ",
+                                                  "@=",
+                                                  "@: ",
+                                                  "@=x ",
+                                                  "@ x ",
+                                                  "\"@\":",
+                                                  "\"@\":\"",
+                                                  "\"@\",",
+                                                  ":\"@\",",
+                                                  "=\"@\" ",
+                                                  "'@'",
+                                                  "@\n",
+                                                  "@: x\n",
+                                                  "\n@ x y\n",
+                                                  "\n@:\n",
+                                                  "@" + blanks,
+                                                  "@" + blanks + "=",
+                                                  "@" + letters,
+                                                  letters + "@",
+                                                  "-@ ",
+                                                  "--@ a ",
+                                                  "--@=",
+                                                  "<@>",
+                                                  "<x:@ ",
+                                                  "<@ a=\"",
+                                                  "/@",
+                                                  "@://",
+                                                  "://@",
+                                                  "@://a:",
+                                                  "a@:",
+                                                  "@'",
+                                                  "='@",
+                                                  "@=\"",
+                                                  "@=\\\"",
+                                                  "\\\"@\\\":\\\"",
+                                                  "@=[",
+                                                  "@: |\n",
+                                                  "\n @:\n   x\n",
+                                                  "@ is ",
+                                                  "@ for a ",
+                                                  "@ to 'x",
+                                                  "@(\"",
+                                                  "('@', '",
+                                                  "{\"name\":\"@\",",
+                                                  "@=${",
+                                                  "@=$(",
+                                                  "@=<",
+                                                  "@={{",
+                                                  "@=xx",
+                                                  "@%3D",
+                                                  "&quot;@&quot;:",
+                                                  "\\u0022@",
+                                                  "%22@%22",
+                                                  "\x1b[31m@\x1b[0m=",
+                                                  "@=<<E\n",
+                                                  "@=\"\"\"",
+                                                  "@ 7 ",
+                                                  "login x @ ",
+                                                  "# @: ",
+                                                  "@ a:b ",
+                                                  "@;",
+                                                  "|@ ",
+                                                  "@,",
+                                                  "@@@=",
+                                                  "x@",
+                                                  "_@",
+                                                  "@_",
+                                                  "@.",
+                                                  ".@",
+                                                  "A@",
+                                                  "1@",
+                                                  "@1",
+                                                  "@abc123DEF456ghi789"};
+  return shapes;
+}
+
+std::string Repeated(const std::string& shape, const std::string& word, std::size_t size) {
+  std::string unit = shape;
+  for (std::size_t at = unit.find('@'); at != std::string::npos; at = unit.find('@', at + word.size())) {
+    unit.replace(at, 1, word);
+  }
+  std::string text;
+  while (text.size() < size) text += unit;
+  return text;
+}
+
+double CpuSeconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+/// Of one run, in blocks as the collector reads them.
+double SecondsPerGiB(const RedactionRules& rules, const std::string& text) {
+  constexpr std::size_t kBlock = std::size_t{256} << 10;
+  Redactor redactor(&rules);
+  std::string block;
+  std::size_t read = 0;
+  const double begin = CpuSeconds();
+  while (read < text.size()) {
+    const std::size_t size = std::min(kBlock - std::min(kBlock, block.size()) + 1, text.size() - read);
+    block.append(text, read, size);
+    read += size;
+    block.erase(0, redactor.Process(block.data(), block.size(), read == text.size()));
+  }
+  return (CpuSeconds() - begin) * kGiB / static_cast<double>(text.size());
+}
+
+struct Text {
+  std::string shape;
+  std::string word;
+  double seconds = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::size_t count = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 10;
+  const RedactionRules rules("/nonexistent/patterns");
+  std::vector<Text> texts;
+  const std::size_t every = argc > 2 ? std::max(std::strtoul(argv[2], nullptr, 10), 1UL) : 1;
+  const std::vector<TARVO::SupportForm::FixedWord> words = TARVO::SupportForm::FixedWords();
+  for (std::size_t number = 0; number < words.size(); number += every) {
+    const TARVO::SupportForm::FixedWord& word = words[number];
+    for (const std::string& shape : Shapes()) {
+      texts.push_back({shape, word.text, SecondsPerGiB(rules, Repeated(shape, word.text, kFirstBytes))});
+    }
+  }
+  const auto slower = [](const Text& a, const Text& b) { return a.seconds > b.seconds; };
+  std::sort(texts.begin(), texts.end(), slower);
+  const double median = texts[texts.size() / 2].seconds;
+  texts.resize(std::min(texts.size(), 3 * count));
+  for (Text& text : texts) {
+    const std::string repeated = Repeated(text.shape, text.word, kTextBytes);
+    // The least of three: what is more was somebody else's.
+    text.seconds = SecondsPerGiB(rules, repeated);
+    for (int again = 0; again < 2; ++again)
+      text.seconds = std::min(text.seconds, SecondsPerGiB(rules, repeated));
+  }
+  std::sort(texts.begin(), texts.end(), slower);
+  texts.resize(std::min(texts.size(), count));
+  std::printf("CPU s per GiB  repeated text\n");
+  for (const Text& text : texts) {
+    std::string shown;
+    for (const char byte : Repeated(text.shape, text.word, 1).substr(0, 60)) shown += byte < ' ' ? '.' : byte;
+    std::printf("%13.1f  %s\n", text.seconds, shown.c_str());
+  }
+  std::printf("%13.1f  (median)\n", median);
+  return 0;
+}

@@ -1,0 +1,20 @@
+/// Values that stand behind a name without a sign between: of options, elements, pairs, calls, statements, sentences.
+#pragma once
+
+#include <vector>
+
+#include "secret.h"
+#include "secret_name.h"
+
+namespace TARVO::SupportForm {
+
+/// How much the name's word itself tells.
+enum class Telling {
+  kPassword,  ///< "password" and its likes: hardly anything else stands behind it.
+  kOther,     ///< "token", "secret", "key": words of many sentences.
+};
+
+/// Finds what stands behind the name.
+void FindPhrase(const Name& name, Telling telling, std::vector<Secret>& found);
+
+}  // namespace TARVO::SupportForm

@@ -1,0 +1,47 @@
+/// What stands where a secret would: whether it is one, and how far it goes.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include "secret.h"
+#include "secret_name.h"
+
+namespace TARVO::SupportForm {
+
+/// The value behind a name and its separator.
+std::optional<Secret> FindValue(const Name& name, const Separator& separator);
+
+/// The value in quotes that begins at `at`, with what languages write before a quote; nothing where none does, or where
+/// it is empty or a placeholder.
+std::optional<Secret> FindQuoted(std::string_view text, std::size_t at);
+
+/// Whether the value is in quotes.
+bool IsQuotedAt(std::string_view text, std::size_t at);
+
+/// The item of a list of strings, or the value of another member: in quotes, or up to a blank.
+std::optional<Secret> FindItem(std::string_view text, std::size_t at);
+
+/// Whether the value is a number: "tokens: 512", "password: 12 bytes".
+bool IsNumber(std::string_view text, std::size_t at, bool in_list);
+
+/// Whether what begins there stands for a value: "${DB_PASSWORD}", "<password>", "%s", "********".
+bool IsPlaceholder(std::string_view text, std::size_t at);
+
+/// Whether the word tells only what became of a secret: "expired".
+bool IsOutcome(std::string_view word);
+
+/// Whether the word is one of sentences about secrets.
+bool IsProse(std::string_view word);
+
+/// Whether a word of a sentence is hardly one of a language: letters with digits or signs, no name, time or address.
+bool LooksLikePassword(std::string_view word);
+
+/// Whether it looks like a key: long, letters and digits mixed, no UUID, no name of parts.
+bool LooksLikeKey(std::string_view word);
+
+/// Offset of the quote that closes what begins at `at`; npos where none does within `most` bytes of the line.
+std::size_t ClosingQuote(std::string_view text, std::size_t at, char quote, std::size_t most);
+
+}  // namespace TARVO::SupportForm

@@ -1,0 +1,76 @@
+/// Looks at the bytes around a place in a text. Nothing here remembers anything or looks further than it says.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "byte_class.h"
+
+namespace TARVO::SupportForm {
+
+constexpr std::size_t kBlankReach = 256;  ///< Blanks and colours between name, sign and value.
+constexpr std::size_t kEscapeReach = 32;  ///< Backslashes that escape one byte.
+
+/// The byte at `at`, or a line end beyond the text.
+inline char At(std::string_view text, std::size_t at) { return at < text.size() ? text[at] : '\n'; }
+/// The byte before `at`.
+inline char Before(std::string_view text, std::size_t at) { return at > 0 ? text[at - 1] : '\n'; }
+/// The part of the text from `at` on, empty beyond its end; at most `most` bytes.
+inline std::string_view From(std::string_view text, std::size_t at,
+                             std::size_t most = std::string_view::npos) {
+  return at < text.size() ? text.substr(at, most) : std::string_view();
+}
+inline bool Contains(std::string_view bytes, char byte) { return bytes.find(byte) != std::string_view::npos; }
+/// The same of a literal, without a call.
+template <std::size_t size>
+constexpr bool Contains(const char (&bytes)[size], char byte) {
+  for (std::size_t at = 0; at + 1 < size; ++at) {
+    if (bytes[at] == byte) return true;
+  }
+  return false;
+}
+inline bool StartsWith(std::string_view text, std::string_view start) {
+  return text.substr(0, start.size()) == start;
+}
+inline bool EndsWith(std::string_view text, std::string_view end) {
+  return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+/// Whether the words are the same but for the case; `lower` is in lower case.
+bool IsSameWord(std::string_view word, std::string_view lower);
+/// Whether `text` begins with the word, in any case.
+bool StartsWithWord(std::string_view text, std::string_view lower);
+
+/// Offset of the first byte at or behind `at` that is not of `classes`, `most` bytes further on at the latest.
+std::size_t SkipForward(std::string_view text, std::size_t at, unsigned classes,
+                        std::size_t most = std::string_view::npos);
+std::size_t SkipBack(std::string_view text, std::size_t at, unsigned classes, std::size_t most);
+/// Offset behind blanks and a terminal's colours.
+std::size_t SkipBlanks(std::string_view text, std::size_t at);
+/// Offset behind blanks, colours and line ends.
+std::size_t SkipBlanksAndLines(std::string_view text, std::size_t at);
+/// Offset before blanks and colours.
+std::size_t SkipBlanksBack(std::string_view text, std::size_t at);
+std::size_t CountBackslashes(std::string_view text, std::size_t at);
+/// The word up to a blank or line end, at most `most` bytes.
+std::string_view WordAt(std::string_view text, std::size_t at, std::size_t most);
+/// The rest of the line, at most `most` bytes.
+std::string_view RestOfLine(std::string_view text, std::size_t at, std::size_t most);
+
+/// A byte of punctuation, as it is, behind backslashes that escape a quote, or in another spelling: \u0022, \x22,
+/// &quot;, &#34; and %22 all mean '"'.
+struct Sign {
+  char meaning = '\n';
+  std::size_t size = 1;   ///< Bytes of the text.
+  std::size_t level = 0;  ///< Backslashes before a quote.
+  bool coded = false;     ///< In another spelling.
+};
+
+Sign SignAt(std::string_view text, std::size_t at);
+Sign SignBefore(std::string_view text, std::size_t at);
+
+/// Offset behind a terminal's colour that begins at `at`; `at` where none does. ESC may be written out, as loggers do.
+std::size_t SkipColour(std::string_view text, std::size_t at);
+/// Offset where a colour begins that ends at `at`; `at` where none does.
+std::size_t SkipColourBack(std::string_view text, std::size_t at);
+
+}  // namespace TARVO::SupportForm

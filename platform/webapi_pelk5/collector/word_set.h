@@ -1,0 +1,45 @@
+/// A set of words that are looked up in any case, without copying them.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string_view>
+
+#include "byte_class.h"
+
+namespace TARVO::SupportForm {
+
+/// Of words in lower case, at most a quarter of `slots`, which is a power of two.
+template <std::size_t slots>
+class WordSet {
+ public:
+  WordSet(std::initializer_list<std::string_view> words) {
+    for (const std::string_view word : words) words_[Find(word)] = word;
+  }
+
+  [[nodiscard]] bool Has(std::string_view word) const { return !word.empty() && !words_[Find(word)].empty(); }
+
+ private:
+  /// Where the word is, or would be.
+  [[nodiscard]] std::size_t Find(std::string_view word) const {
+    std::uint32_t hash = 2166136261U;
+    for (const char byte : word) hash = (hash ^ static_cast<unsigned char>(ToLower(byte))) * 16777619U;
+    std::size_t slot = (hash ^ (hash >> 15)) % slots;
+    while (!words_[slot].empty() && !IsSame(words_[slot], word)) slot = (slot + 1) % slots;
+    return slot;
+  }
+
+  static bool IsSame(std::string_view lower, std::string_view word) {
+    if (lower.size() != word.size()) return false;
+    for (std::size_t at = 0; at < lower.size(); ++at) {
+      if (lower[at] != ToLower(word[at])) return false;
+    }
+    return true;
+  }
+
+  std::array<std::string_view, slots> words_;
+};
+
+}  // namespace TARVO::SupportForm
