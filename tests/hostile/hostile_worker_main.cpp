@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
   TarvoOrvane::Utils::LoggerManager::instance_ = &logger;
   TicketClientOptions options;
   options.tls_folder = argv[2];
-  options.cost.cpu = std::chrono::milliseconds(std::atol(argv[3]));
+  options.cost.cpu = std::chrono::milliseconds(std::strtol(argv[3], nullptr, 10));
   // Nobody waits for a stream that does not end: such a wait is found by the test, which does not take so long.
   options.limits.close = std::chrono::hours(1);
   TicketClient client(argv[1], options);

@@ -12,7 +12,7 @@ namespace {
 
 using Frames = std::function<std::string(std::uint64_t)>;
 
-constexpr std::size_t kBatch = 64 * 1024;  // of small frames, for one round
+constexpr std::size_t kBatch = 64UL * 1024;  // of small frames, for one round
 constexpr std::size_t kFrame = 16384;
 constexpr std::uint32_t kMaxStream = 0x7fffffff;
 constexpr char kGoodTicket[] = R"({"token": "t", "apps": ["a"]})";
@@ -133,7 +133,7 @@ std::string GoAway(const std::string& text) {
 
 std::vector<Http2Attack> MakeAttacks() {
   const std::string eight_bytes(8, 'p');
-  const std::string long_id(60 * 1024, 'i');
+  const std::string long_id(60UL * 1024, 'i');
   const std::string headers = ResponseHeaders();
   std::vector<Http2Attack> attacks = {
       // Frames that cost the sender next to nothing.

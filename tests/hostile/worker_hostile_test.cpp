@@ -50,7 +50,7 @@ struct Plan {
   static Plan Make() {
     const char* seconds = std::getenv("HOSTILE_SECONDS");
     if (seconds == nullptr) return {};
-    return {std::chrono::seconds(std::atol(seconds)), milliseconds(3'000)};
+    return {std::chrono::seconds(std::strtol(seconds, nullptr, 10)), milliseconds(3'000)};
   }
 
   /// Startup, what a look comes late, and a busy machine's dearer time included.
@@ -102,7 +102,7 @@ class Worker {
   [[nodiscard]] long Status(const std::string& name) const {
     std::ifstream file("/proc/" + std::to_string(pid_) + "/status");
     for (std::string line; std::getline(file, line);) {
-      if (line.rfind(name + ":", 0) == 0) return std::atol(line.c_str() + name.size() + 1);
+      if (line.rfind(name + ":", 0) == 0) return std::strtol(line.c_str() + name.size() + 1, nullptr, 10);
     }
     return -1;
   }

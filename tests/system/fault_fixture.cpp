@@ -167,7 +167,7 @@ pid_t FaultTest::CollectionTask() {
   std::error_code none;
   for (const auto& folder : fs::directory_iterator(kTaskFolder, none)) {
     // The file has its size before it has a text.
-    const int pid = std::atoi(ReadFile(folder.path() / "lock").c_str());
+    const auto pid = static_cast<pid_t>(std::strtol(ReadFile(folder.path() / "lock").c_str(), nullptr, 10));
     if (pid > 0) {
       return pid;
     }

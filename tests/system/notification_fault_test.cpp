@@ -265,7 +265,7 @@ struct FloodRow {
 class FloodTest : public NotificationFaultTest, public testing::WithParamInterface<FloodRow> {};
 
 TEST_P(FloodTest, IsEndedWithAFailureAndTheNextTicketIsServed) {
-  constexpr long kMostMemoryKiB = 64 * 1024;
+  constexpr long kMostMemoryKiB = 64L * 1024;
   ScriptedServer good;
   hostile::Http2Attacker flood(hostile::Http2AttackNamed(GetParam().attack));
   FaultProxy link(good.port());

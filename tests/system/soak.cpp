@@ -691,7 +691,7 @@ void Soak::CollectionIsKilled() {
   DeliverGood(ticket);
   Await("gate", [] { return fs::exists("/run/system_test/gate_is_reached"); });
   for (const auto& folder : fs::directory_iterator(kTaskFolder)) {
-    const int pid = std::atoi(ReadFile(folder.path() / "lock").c_str());
+    const auto pid = static_cast<pid_t>(std::strtol(ReadFile(folder.path() / "lock").c_str(), nullptr, 10));
     // The last task's folder is still there, too.
     if (pid > 0 && LookAt(pid).state != 0) {
       kill(pid, SIGKILL);

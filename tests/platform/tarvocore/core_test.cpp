@@ -344,6 +344,7 @@ TEST_F(TarvoCoreTest, OfManyThatStartAtOnceExactlyOneRuns) {
     int gate[2];
     ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
     std::vector<std::unique_ptr<AtOnce>> starters;
+    starters.reserve(kStarters);
     for (int i = 0; i < kStarters; ++i) starters.push_back(std::make_unique<AtOnce>(gate, Creation()));
     close(gate[0]);
     close(gate[1]);  // now they all begin

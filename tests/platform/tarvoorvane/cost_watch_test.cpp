@@ -176,7 +176,7 @@ TEST_F(CostWatchTest, AQuietProcessIsNotWokenUp) {
       std::ifstream status(task.path() / "status");
       for (std::string line; std::getline(status, line);) {
         const std::string name = "voluntary_ctxt_switches:";
-        if (line.rfind(name, 0) == 0) count += std::atol(line.c_str() + name.size());
+        if (line.rfind(name, 0) == 0) count += std::strtol(line.c_str() + name.size(), nullptr, 10);
       }
     }
     return count;

@@ -321,8 +321,9 @@ TEST(CurlHeadTest, EachAttemptBeginsAfresh) {
 TEST(CurlHeadTest, ATransferCodingThatNobodyAskedForIsRefused) {
   for (const char* const coding :
        {"gzip", "gzip, chunked", "chunked, gzip", "zstd", "identity, gzip", "", "chunked;q=1"}) {
-    const std::string head = kStatusLine + "transfer-ENCODING: " + coding + "\r\n";
-    EXPECT_THAT(AnsweredBy(head + "\r\n" + kLastChunk + "\r\n").Attempt(),
+    std::string answer = kStatusLine;
+    answer.append("transfer-ENCODING: ").append(coding).append("\r\n\r\n").append(kLastChunk).append("\r\n");
+    EXPECT_THAT(AnsweredBy(answer).Attempt(),
                 HasSubstr(": the answer has another transfer coding than chunked"))
         << coding;
   }
@@ -331,8 +332,9 @@ TEST(CurlHeadTest, ATransferCodingThatNobodyAskedForIsRefused) {
 }
 
 TEST(CurlHeadTest, OneLineWithoutAnEndIsNotTakenForAMissingMemoryAlone) {
-  const std::string line = "A: " + std::string(200'000, 'x');
-  for (const std::string& answer : {kStatusLine + line, kChunked + "0\r\n" + line}) {
+  for (const std::string& before : {kStatusLine, kChunked + "0\r\n"}) {
+    std::string answer = before;
+    answer.append("A: ").append(200'000, 'x');
     EXPECT_THAT(AnsweredBy(answer).Attempt(),
                 HasSubstr(", or one line of the answer's head or trailers was longer than libcurl takes"));
   }

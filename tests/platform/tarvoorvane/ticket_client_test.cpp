@@ -236,7 +236,7 @@ TEST_F(TicketClientTest, AMessageAbove64KiBEndsTheStreamWithAFailure) {
 
 TEST_F(TicketClientTest, AStreamThatCostsTooMuchEndsAtOnceWithAFailureAndTheNextOneWorks) {
   TicketClientOptions options;
-  options.settled = milliseconds(1);  // not even one that had settled is opened again without a pause
+  options.settled = milliseconds(1);      // not even one that had settled is opened again without a pause
   options.cost.memory_bytes = 1UL << 40;  // the server is in this process
   options.cost.cpu = milliseconds(300);
   options.cost.cpu_percent = 0;

@@ -175,6 +175,8 @@ TEST_F(ArchiveWriterTest, DeviceThatFillsUpWithinAnEntryIsMetByZerosAndTheArchiv
     const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     ArchiveWriter writer(fd.get(), 1, progress_);
     writer.KeepRoom(1 << 20);
+    std::string dots;
+    dots.resize(17'000'000, '.');
     EntrySource source;
     source.size = 20'000'000;
     source.read = [&, filled = false, step = InSteps(text, 131'072)](char* buffer,
@@ -183,7 +185,7 @@ TEST_F(ArchiveWriterTest, DeviceThatFillsUpWithinAnEntryIsMetByZerosAndTheArchiv
       if (count > 0 || filled) return count;
       filled = true;
       FillDevice(device);
-      step = InSteps(std::string(17'000'000, '.'), 131'072);
+      step = InSteps(dots, 131'072);
       return step(buffer, capacity);
     };
     writer.AddText("before", "text", 0);

@@ -27,7 +27,7 @@ class CommandTest : public SupportLogTest {
     request_.argv = argv;
     request_.programs = paths_.programs;
     const UniqueFd fd(open((folder_ / "output").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    const CommandResult result = RunCommand(request_, fd.get());
+    CommandResult result = RunCommand(request_, fd.get());
     output_ = ReadText(folder_ / "output");
     return result;
   }

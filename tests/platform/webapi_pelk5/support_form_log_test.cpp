@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <thread>
 
 #include "api_error.h"
@@ -88,9 +89,10 @@ class SupportFormLogTest : public SupportLogTest {
   }
   /// The process of a task, once it has begun.
   [[nodiscard]] pid_t Pid(const std::string& task) const {
-    int pid = 0;
-    EXPECT_TRUE(WaitUntil([&] { return (pid = std::atoi(ReadText(Folder(task) / kLockFile).c_str())) > 0; }));
-    return pid;
+    long pid = 0;
+    EXPECT_TRUE(WaitUntil(
+        [&] { return (pid = std::strtol(ReadText(Folder(task) / kLockFile).c_str(), nullptr, 10)) > 0; }));
+    return static_cast<pid_t>(pid);
   }
   void Kill(const std::string& task) const {
     ASSERT_EQ(kill(Pid(task), SIGKILL), 0);

@@ -63,7 +63,8 @@ TEST(FromStringTest, CommentsCostNoMoreThanTheirBytes) {
                                             {"[0" + std::string(kBytes / 2, ' '), "]"},
                                             {"[0, ]", "]"},
                                             {"{\"a\": 1", ", \"success\": true}"}}) {
-      const std::string text = before + Repeated(comment, kBytes) + after;
+      std::string text = before;
+      text.append(Repeated(comment, kBytes)).append(after);
       Json::Value value;
       const double begin = CpuSeconds();
       static_cast<void>(FromString(text, value));
