@@ -63,7 +63,10 @@ Redactor::~Redactor() = default;
 std::size_t Redactor::Process(char* data, std::size_t size, bool at_end) {
   std::size_t decided = rules_ ? FindSecrets({data, size}, at_end) : size;
   // All secrets are found in the text as it was; only then is it masked.
-  decided = token_mask_.Mask(data, decided, at_end);
+  // The scan has found each "token" that begins in what is decided, so a second search is needed only behind one.
+  if (!rules_ || token_until_ > 0 || !token_mask_.IsOutside()) {
+    decided = token_mask_.Mask(data, decided, at_end);
+  }
   MaskDecided(data, decided);
   return decided;
 }
@@ -114,14 +117,17 @@ void Redactor::Scan(const hs_database* database, void (Redactor::*take)(unsigned
 }
 
 void Redactor::TakeWord(unsigned word, std::size_t hit) {
+  if (IsTokenWord(word)) token_until_ = hit;
   if (IsKeyMarkerWord(word)) {
     const std::optional<KeyMarker> marker = FindKeyMarker(Window(text_, hit), hit - WindowBegin(hit));
     if (marker) TakeKeyMarker({marker->begins_key, marker->begin + WindowBegin(hit), hit});
     return;
   }
-  taken_secrets_.erase(std::remove_if(taken_secrets_.begin(), taken_secrets_.end(),
-                                      [&](const Span& span) { return span.end < hit; }),
-                       taken_secrets_.end());
+  if (!taken_secrets_.empty()) {
+    taken_secrets_.erase(std::remove_if(taken_secrets_.begin(), taken_secrets_.end(),
+                                        [&](const Span& span) { return span.end < hit; }),
+                         taken_secrets_.end());
+  }
   if (IsTaken(hit)) return;
   const std::size_t begin = WindowBegin(hit);
   found_.clear();
@@ -242,7 +248,8 @@ void Redactor::MaskDecided(char* data, std::size_t decided) {
     open.begin = Carried(open.begin, decided);
     open.until = Carried(open.until, decided);
   }
-  for (std::size_t* offset : {&taken_, &key_begin_, &key_limit_}) *offset = Carried(*offset, decided);
+  for (std::size_t* offset : {&taken_, &key_begin_, &key_limit_, &token_until_})
+    *offset = Carried(*offset, decided);
   position_ += decided;
   for (std::size_t& offset : found_until_) offset = Carried(offset, decided);
   begun_ = begun_ || decided > 0;

@@ -84,6 +84,7 @@ class Redactor {
   bool in_key_ = false;                   ///< In a private key's text form, ...
   std::size_t key_begin_ = 0;             ///< ... which begins here ...
   std::size_t key_limit_ = 0;             ///< ... and ends here at the latest.
+  std::size_t token_until_ = 0;           ///< Behind the last "token"; 0 where all of it is decided.
   bool key_seen_ = false;                 ///< A key's first line was seen.
   std::vector<std::size_t> found_until_;  ///< Of each pattern: up to here all of its matches are found.
 };

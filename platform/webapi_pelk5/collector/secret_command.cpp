@@ -158,7 +158,7 @@ class Commands {
     for (const CommandRule& rule : kRules) {
       ForEachWord(rule.commands, [&](std::string_view name) {
         if (name.back() == '*') {
-          families_.push_back({name.substr(0, name.size() - 1), &rule});
+          families_.emplace_back(name.substr(0, name.size() - 1), &rule);
         } else {
           rules_[name].push_back(&rule);
         }
@@ -492,6 +492,7 @@ class Line {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-size): nothing but the words.
 const std::vector<std::string_view>& CommandWords() {
   static const std::vector<std::string_view> words = {"mysql",
                                                       "mariadb",

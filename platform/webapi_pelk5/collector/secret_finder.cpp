@@ -5,6 +5,7 @@
 
 #include "secret_command.h"
 #include "secret_phrase.h"
+#include "secret_place.h"
 #include "secret_value.h"
 #include "text_look.h"
 #include "word_set.h"
@@ -16,6 +17,7 @@ constexpr std::size_t kUrlReach = 1024;      ///< Bytes of "user:password" in a 
 constexpr std::size_t kMarkerReach = 64;     ///< Bytes between a key marker's dashes and its last words.
 constexpr std::size_t kWebTokenReach = 512;  ///< Bytes of a JSON Web Token up to its first '.'.
 constexpr std::size_t kEntryReach = 256;     ///< Bytes of an entry in a file of users before its mark.
+constexpr std::size_t kKeyReach = 64;        ///< Bytes of a value that tell whether it looks like a key.
 constexpr std::size_t kArgumentReach = 64;   ///< Bytes of the first argument of a call.
 constexpr std::size_t kMinEncoded = 8;   ///< Bytes of the shortest credentials taken for such without a name.
 constexpr std::size_t kMinLetters = 24;  ///< The same without any digit in it.
@@ -25,6 +27,7 @@ constexpr auto npos = std::string_view::npos;
 
 enum class Kind {
   kName,           ///< Part of a telling name.
+  kToken,          ///< The same: "token".
   kWholeName,      ///< A telling name, or a word of one: "psk".
   kShortName,      ///< The same with what follows it.
   kLastName,       ///< The end of a telling name: "rootpw".
@@ -60,6 +63,7 @@ enum class Kind {
   kItem,           ///< Nothing but a secret stands behind it.
   kSnmpUser,       ///< createUser bob SHA "x" AES "y"
   kCommand,        ///< A command that takes secrets as arguments.
+  kPlace,          ///< One of PlaceWords(), which `least` numbers.
 };
 
 /// A fixed word, and what has to stand around it.
@@ -158,7 +162,19 @@ void AddPrefixes(std::vector<Rule>& rules) {
   }
 }
 
+/// What secret_place.h knows.
+void AddPlaces(std::vector<Rule>& rules) {
+  for (const KeyPrefix& prefix : KeyPrefixes()) {
+    rules.push_back({std::string(prefix.text), Kind::kPrefix, false, prefix.form, prefix.least});
+  }
+  for (std::size_t place = 0; place < PlaceWords().size(); ++place) {
+    const PlaceWord& word = PlaceWords()[place];
+    rules.push_back({std::string(word.text), Kind::kPlace, word.any_case, SecretForm::kFixed, place});
+  }
+}
+
 /// The built-in rules. No word is the end of another, so no two hits end at the same byte.
+// NOLINTNEXTLINE(readability-function-size): nothing but the rules.
 std::vector<Rule> MakeRules() {
   std::vector<Rule> rules = {
       {"pass", Kind::kPass},
@@ -194,7 +210,7 @@ std::vector<Rule> MakeRules() {
       {"\u30d1\u30b9\u30ef\u30fc\u30c9", Kind::kName, false},
       {"\ube44\ubc00\ubc88\ud638", Kind::kName, false},
       {"secret", Kind::kName},
-      {"token", Kind::kName},
+      {"token", Kind::kToken},
       {"credential", Kind::kName},
       {"authtok", Kind::kName},
       {"mnemonic", Kind::kWholeName},
@@ -244,6 +260,8 @@ std::vector<Rule> MakeRules() {
       {"PRIVATE KEY ----", Kind::kMarker, false},
       {"Static key V1-----", Kind::kMarker, false},
       {"TUNNEL TOKEN-----", Kind::kMarker, false},
+      {"client key-----", Kind::kMarker, false},
+      {"server key-----", Kind::kMarker, false},
       {"NKEY SEED-----", Kind::kMarker, false},
       {"Private-Lines: ", Kind::kPuttyKey, false},
       {"{SSHA", Kind::kScheme},
@@ -273,7 +291,6 @@ std::vector<Rule> MakeRules() {
       {":AAH", Kind::kBotToken, false},
       {"AUTH PLAIN ", Kind::kProtocolLogin},
       {"AUTHENTICATE PLAIN ", Kind::kProtocolLogin},
-      {"AUTH LOGIN ", Kind::kProtocolLogin},
       {"XOAUTH2 ", Kind::kProtocolLogin},
       {"<auth-user-pass>", Kind::kUserList},
       {"hexdump", Kind::kHexDump},
@@ -284,14 +301,11 @@ std::vector<Rule> MakeRules() {
       {"--add-key ", Kind::kItem},
       {"key-string ", Kind::kItem},
       {" ascii 0 ", Kind::kItem},
-      {"> PASS ", Kind::kItem, false},
-      {"C: PASS ", Kind::kItem, false},
-      {"\"PASS ", Kind::kItem, false},
-      {"\"AUTH\" ", Kind::kItem},
       {"createuser ", Kind::kSnmpUser},
       {"_cak", Kind::kLastName},
   };
   AddPrefixes(rules);
+  AddPlaces(rules);
   for (const std::string_view command : CommandWords())
     rules.push_back({std::string(command), Kind::kCommand});
   return rules;
@@ -368,7 +382,8 @@ void FindNamedValue(const Name& name, Telling telling, std::vector<Secret>& foun
       IsSize(name.text, separator->value)) {
     return;
   }
-  Take(FindValue(name, *separator), found);
+  const std::optional<Secret> inner = FindInnerValue(name, *separator);
+  Take(inner ? inner : FindValue(name, *separator), found);
 }
 
 /// "pwd", "creds", "pin". A shell's PWD is a folder; a pin of four digits and more is no pin of a chip.
@@ -394,13 +409,15 @@ void FindLastNamedValue(const Name& name, std::vector<Secret>& found) {
 
 /// "pass", which begins many words. By itself it needs '=' or quotes, and no number: "PASS: 15".
 /// @return Whether the name was judged for good.
-bool FindPassValue(Name name, std::vector<Secret>& found) {
+bool FindPassValue(const Name& name, std::vector<Secret>& found) {
   static constexpr std::array<std::string_view, 10> kWords = {"word",   "w0rd", "wort", "wd",  "phrase",
                                                               "phrsae", "code", "key",  "wrd", "ess"};
-  for (const std::string_view word : kWords) {
+  for (std::size_t number = 0; number < kWords.size() && name.end > name.word_end; ++number) {
+    const std::string_view word = kWords[number];
     if (StartsWithWord(name.tail(), word)) {
-      name.word_end += word.size();
-      FindNamedValue(name, Telling::kPassword, found);
+      Name whole = name;
+      whole.word_end += word.size();
+      FindNamedValue(whole, Telling::kPassword, found);
       return true;
     }
   }
@@ -444,7 +461,7 @@ bool IsKeyItself(const Name& name) {
   if (!separator || (head.empty() && Before(name.text, name.begin) == ' ' && !BeginsLine(name))) return false;
   const std::size_t at = separator->value;
   const std::size_t value = IsQuotedAt(name.text, at) ? at + SignAt(name.text, at).size : at;
-  const std::size_t end = SkipForward(name.text, value, kEncodedByte | kBase64Sign, kEntryReach);
+  const std::size_t end = SkipForward(name.text, value, kEncodedByte | kBase64Sign, kKeyReach);
   return end - value >= 32 && LooksLikeKey(From(name.text, value, end - value));
 }
 
@@ -459,7 +476,8 @@ bool FindKeyValue(const Name& name, std::vector<Secret>& found) {
     return true;
   }
   const std::string_view text = name.text;
-  const bool wireless = StartsWith(name.whole(), "wireless.") && EndsName(name);  // OpenWrt's "uci show".
+  if (At(text, name.end) == ' ' && Is(At(text, name.end + 1), kAlnum)) return false;  // A sentence.
+  const bool wireless = StartsWith(name.whole(), "wireless.") && EndsName(name);      // OpenWrt's "uci show".
   if (wireless || IsKeyItself(name)) {
     if (const std::optional<Separator> separator = FindSeparator(name))
       Take(FindValue(name, *separator), found);
@@ -470,8 +488,16 @@ bool FindKeyValue(const Name& name, std::vector<Secret>& found) {
     if (!separator) return false;
     const std::size_t value =
         separator->value + (IsQuotedAt(text, separator->value) ? SignAt(text, separator->value).size : 0);
-    const std::size_t end = SkipForward(text, value, kEncodedByte | kBase64Sign, kEntryReach);
-    if (LooksLikeKey(From(text, value, end - value))) Take(FindValue(name, *separator), found);
+    const std::size_t end = SkipForward(text, value, kEncodedByte | kBase64Sign, kKeyReach);
+    const std::size_t list = Contains("[{", At(text, value)) ? SkipBlanksAndLines(text, value + 1) : value;
+    if (LooksLikeKey(From(text, value, end - value)) || BehindHexKey(text, list) != npos) {
+      Take(FindValue(name, *separator), found);
+    }
+    return true;
+  }
+  if (IsInTellingSection(name)) {
+    if (const std::optional<Separator> separator = FindSeparator(name))
+      Take(FindValue(name, *separator), found);
     return true;
   }
   if (name.begin != name.word_begin || !EndsName(name)) return false;
@@ -518,7 +544,7 @@ void FindSession(const Name& name, std::vector<Secret>& found) {
   if (!separator) return;
   const std::size_t at = separator->value;
   const std::size_t value = IsQuotedAt(name.text, at) ? at + SignAt(name.text, at).size : at;
-  const std::size_t end = SkipForward(name.text, value, kEncodedByte | kBase64Sign, kEntryReach);
+  const std::size_t end = SkipForward(name.text, value, kEncodedByte | kBase64Sign, kKeyReach);
   if (LooksLikeKey(From(name.text, value, end - value))) Take(FindValue(name, *separator), found);
 }
 
@@ -662,6 +688,7 @@ void FindCommunity(const Name& name, std::vector<Secret>& found) {
     return Take(FindItem(text, at), found);
   }
   if (!EndsName(name)) return;
+  if (name.before.meaning == '<') return FindPhrase(name, Telling::kOther, found);
   const std::optional<Separator> separator = FindSeparator(name);
   if (separator) {
     const std::string_view value = WordAt(text, separator->value, kMarkerReach);
@@ -813,9 +840,15 @@ void FindHexDump(std::string_view text, std::size_t word, std::size_t at, std::v
 
 /// "WIFI:T:WPA;S:name;P:x;;"
 void FindWifiCode(std::string_view text, std::size_t at, std::vector<Secret>& found) {
-  const std::size_t password = RestOfLine(text, at, kEntryReach).find("P:");
-  if (password == npos || !Contains(":;", Before(text, at + password))) return;
-  found.push_back({at + password + 2, SecretForm::kWord, 0, ';'});
+  const std::string_view line = RestOfLine(text, at, kEntryReach);
+  std::size_t password = line.find("P:");
+  while (password != npos && password > 0 && line[password - 1] != ';')
+    password = line.find("P:", password + 1);
+  if (password == npos) return;
+  std::size_t end = password + 2;
+  while (end < line.size() && line[end] != ';') end += line[end] == '\\' ? 2 : 1;
+  if (end < line.size() && end > password + 2)
+    found.push_back({at + password + 2, SecretForm::kFixed, at + end});
 }
 
 /// "u=bob&p=abc"
@@ -848,7 +881,8 @@ bool IsUrlPlaceholder(std::string_view password) {
 void FindPrefixed(const Rule& rule, std::string_view text, std::size_t word_begin, std::size_t at,
                   std::vector<Secret>& found) {
   const bool begins_word = Is(rule.word.front(), kAlnum);
-  if (begins_word && Is(Before(text, word_begin), kAlnum)) return;
+  const bool coloured = SkipColourBack(text, word_begin) != word_begin;
+  if (begins_word && Is(Before(text, word_begin), kAlnum) && !coloured) return;
   const std::size_t end = SkipForward(text, at, ClassesOf(rule.form),
                                       rule.form == SecretForm::kDotted ? kWebTokenReach : rule.least);
   if (end - at < rule.least) return;
@@ -877,6 +911,7 @@ void SecretFinder::Find(unsigned word, std::string_view text, std::size_t hit, s
   const std::size_t begin = hit - rule.word.size();
   switch (rule.kind) {
     case Kind::kName:
+    case Kind::kToken:
     case Kind::kWholeName:
     case Kind::kShortName:
     case Kind::kLastName:
@@ -937,13 +972,16 @@ void SecretFinder::Find(unsigned word, std::string_view text, std::size_t hit, s
       if (position + hit <= commands_until_) return;
       commands_until_ = position + FindCommandSecrets(text, begin, found);
       return;
+    case Kind::kPlace:
+      return FindAtPlace(rule.least, text, begin, hit, found);
     case Kind::kMarker:
       return;
   }
 }
 
 /// The name around a word: often the one in which the last word stood.
-Name SecretFinder::NameOf(std::string_view text, std::size_t begin, std::size_t hit, std::uint64_t position) {
+const Name& SecretFinder::NameOf(std::string_view text, std::size_t begin, std::size_t hit,
+                                 std::uint64_t position) {
   const std::uint64_t moved = position - name_position_;
   const bool same = has_name_ && position + begin >= name_position_ + name_.begin &&
                     position + hit <= name_position_ + name_.end && name_position_ + name_.start >= position;
@@ -966,10 +1004,11 @@ void SecretFinder::FindNamed(unsigned word, std::string_view text, std::size_t b
                              std::uint64_t position, std::vector<Secret>& found) {
   if (position + begin < names_until_) return;
   const Kind kind = Rules()[word].kind;
-  Name name = NameOf(text, begin, hit, position);
+  const Name& name = NameOf(text, begin, hit, position);
   bool judged = true;
   switch (kind) {
     case Kind::kName:
+    case Kind::kToken:
       FindNamedValue(name, IsSameWord(name.word(), "pswd") ? Telling::kPassword : Telling::kOther, found);
       break;
     case Kind::kWholeName:
@@ -977,8 +1016,7 @@ void SecretFinder::FindNamed(unsigned word, std::string_view text, std::size_t b
       judged = IsWholeWord(name);
       break;
     case Kind::kShortName:
-      name = NameAround(text, begin, begin + 2);
-      FindLastNamedValue(name, found);
+      FindLastNamedValue(NameAround(text, begin, begin + 2), found);
       judged = false;
       break;
     case Kind::kLastName:
@@ -1094,6 +1132,8 @@ void SecretFinder::FindInUrl(std::string_view text, std::size_t word, std::size_
 }
 
 // ---- Private keys ----
+
+bool IsTokenWord(unsigned word) { return Rules()[word].kind == Kind::kToken; }
 
 bool IsKeyMarkerWord(unsigned word) { return Rules()[word].kind == Kind::kMarker; }
 

@@ -41,7 +41,7 @@ class SecretFinder {
  private:
   void FindNamed(unsigned word, std::string_view text, std::size_t begin, std::size_t hit,
                  std::uint64_t position, std::vector<Secret>& found);
-  Name NameOf(std::string_view text, std::size_t begin, std::size_t hit, std::uint64_t position);
+  const Name& NameOf(std::string_view text, std::size_t begin, std::size_t hit, std::uint64_t position);
   void FindInEntry(std::string_view text, std::size_t mark, std::uint64_t position,
                    std::vector<Secret>& found);
   void FindInUrl(std::string_view text, std::size_t word, std::size_t at, std::uint64_t position,
@@ -61,6 +61,9 @@ class SecretFinder {
   std::uint64_t no_at_from_ = 0;      ///< From here ...
   std::uint64_t no_at_until_ = 0;     ///< ... up to here there is no '@'.
 };
+
+/// Whether the fixed word is "token", the name that TokenMask looks for.
+[[nodiscard]] bool IsTokenWord(unsigned word);
 
 /// The first or last line of a private key's text form.
 struct KeyMarker {

@@ -13,6 +13,7 @@ constexpr std::size_t kNameWordReach = 24;  ///< Bytes of one word of a name.
 constexpr std::size_t kCloserReach = 32;    ///< Quotes and brackets that end a name.
 
 /// What stands at the end of names that only speak of secrets.
+// NOLINTNEXTLINE(readability-function-size): nothing but the words.
 const WordSet<1024>& HarmlessEnds() {
   static const WordSet<1024> words = {"file",
                                       "files",
@@ -391,27 +392,31 @@ const WordSet<512>& SecretKeys() {
       "network",       "wireless",     "certificate", "jwt",        "cookie",  "session",
       "csrf",          "xsrf",         "token",       "static",     "cluster", "gossip",
       "erlang",        "bot",          "deploy",      "service",    "storage", "tls",
-      "ssl",           "server"};
+      "ssl",           "server",       "apps",        "nwks",       "nwk",     "fnwksint",
+      "snwksint",      "nwksenc",      "apptsk",      "join",       "pan",     "ltk",
+      "mesh",          "wifi",         "wlan",        "hotspot",    "unlock",  "volume",
+      "disk",          "luks",         "bootstrap",   "enrollment", "pairing", "vpn",
+      "device",        "provisioning"};
   return words;
 }
 
 /// Before "key": it names or finds something.
 const WordSet<512>& HarmlessKeys() {
   static const WordSet<512> words = {
-      "public",    "pub",       "primary", "foreign",  "sort",        "partition",    "cache",
-      "routing",   "host",      "row",     "index",    "lookup",      "unique",       "registry",
-      "hash",      "map",       "hot",     "kms",      "idempotency", "websocket",    "search",
-      "group",     "order",     "trusted", "known",    "translation", "object",       "record",
-      "natural",   "candidate", "parent",  "join",     "shift",       "mon",          "don",
-      "tur",       "whis",      "hoc",     "jo",       "co",          "dict",         "json",
-      "yaml",      "config",    "message", "event",    "sequence",    "duplicate",    "composite",
-      "surrogate", "range",     "shard",   "bucket",   "redis",       "cert",         "ssh",
-      "gpg",       "pgp",       "apt",     "release",  "verify",      "verification", "verifying",
-      "peer",      "remote",    "dnskey",  "dns",      "data",        "s3",           "field",
-      "name",      "label",     "tag",     "i18n",     "answer",      "metric",       "attribute",
-      "minisign",  "author",    "signed",  "function", "arrow",       "delete",       "home",
-      "end",       "enter",     "return",  "any",      "power",       "media",        "volume",
-      "scan"};
+      "public",  "pub",       "primary",  "foreign",  "sort",         "partition", "cache",
+      "routing", "host",      "row",      "index",    "lookup",       "unique",    "registry",
+      "hash",    "map",       "hot",      "kms",      "idempotency",  "websocket", "search",
+      "group",   "order",     "trusted",  "known",    "translation",  "object",    "record",
+      "natural", "candidate", "parent",   "shift",    "mon",          "don",       "tur",
+      "whis",    "hoc",       "jo",       "co",       "dict",         "json",      "yaml",
+      "config",  "message",   "event",    "sequence", "duplicate",    "composite", "surrogate",
+      "range",   "shard",     "bucket",   "redis",    "cert",         "ssh",       "gpg",
+      "pgp",     "apt",       "release",  "verify",   "verification", "verifying", "peer",
+      "remote",  "dnskey",    "dns",      "data",     "s3",           "field",     "name",
+      "label",   "tag",       "i18n",     "answer",   "metric",       "attribute", "minisign",
+      "author",  "signed",    "function", "arrow",    "delete",       "home",      "end",
+      "enter",   "return",    "any",      "power",    "media",        "scan",      "kernel",
+      "etag"};
   return words;
 }
 
@@ -436,7 +441,8 @@ bool IsHighPunctuation(std::string_view text, std::size_t at) {
 
 std::size_t FindNameEnd(std::string_view text, std::size_t at) {
   const std::size_t limit = at + kNameReach;
-  while (at < limit && IsNameByte(At(text, at)) && !IsHighPunctuation(text, at)) ++at;
+  while (at < limit && IsNameByte(At(text, at)) && !(Is(text[at], kHigh) && IsHighPunctuation(text, at)))
+    ++at;
   while (Before(text, at) == '.') --at;  // Of a sentence, or a row of dots.
   return at;
 }
@@ -444,7 +450,7 @@ std::size_t FindNameEnd(std::string_view text, std::size_t at) {
 std::size_t FindNameBegin(std::string_view text, std::size_t word) {
   std::size_t at = SkipBack(text, word, kNameByte | kHigh, kNameReach);
   for (std::size_t high = at; high < word; ++high) {
-    if (IsHighPunctuation(text, high)) at = high + (text[high] == '\xc2' ? 2 : 3);
+    if (Is(text[high], kHigh) && IsHighPunctuation(text, high)) at = high + (text[high] == '\xc2' ? 2 : 3);
   }
   return std::min(at, word);
 }
@@ -523,7 +529,9 @@ Name NameAround(std::string_view text, std::size_t word_begin, std::size_t word_
   name.end = std::max(FindNameEnd(text, word_end), word_end);
   CutBeginning(name);
   std::size_t behind = name.begin;
-  for (std::size_t colours = 0; colours < 4; ++colours) behind = SkipColourBack(text, behind);
+  for (std::size_t colours = 0; colours < 4 && Contains("mK", Before(text, behind)); ++colours) {
+    behind = SkipColourBack(text, behind);
+  }
   name.before = SignBefore(text, behind);
   name.start = name.IsQuoted() || name.before.coded ? behind - name.before.size : behind;
   return name;
@@ -531,7 +539,12 @@ Name NameAround(std::string_view text, std::size_t word_begin, std::size_t word_
 
 std::size_t SkipClosers(const Name& name, bool& quoted) {
   std::size_t at = name.end;
-  while (at < name.end + kCloserReach) {
+  while (at < name.end + kCloserReach && !Is(At(name.text, at), kAlnum | kBlank | kLineEnd)) {
+    if (Is(At(name.text, at), kQuote)) {
+      quoted = true;
+      ++at;
+      continue;
+    }
     const Sign sign = SignAt(name.text, at);
     const bool bracket = (sign.meaning == ']' && (quoted || name.before.meaning == '[')) ||
                          (sign.meaning == '}' && (quoted || name.before.meaning == '{'));
@@ -550,17 +563,23 @@ std::size_t SkipClosers(const Name& name, bool& quoted) {
 
 std::optional<Separator> FindSeparator(const Name& name) {
   const std::string_view text = name.text;
+  if (At(text, name.end) == ' ' && Is(At(text, name.end + 1), kAlnum)) return std::nullopt;  // A sentence.
   Separator separator;
   std::size_t at = SkipClosers(name, separator.quoted);
-  if (From(text, at, 2) == "..") at = SkipForward(text, at, kDot, kBlankReach);
+  if (StandsAt(text, at, "..")) at = SkipForward(text, at, kDot, kBlankReach);
+  if (At(text, at) == '[' && !separator.quoted) {  // Of C: "key[16] = {".
+    const std::size_t close = SkipForward(text, at + 1, kAlnum | kDash, 24);
+    const std::size_t sign = SkipBlanks(text, close + 1);
+    if (At(text, close) == ']' && At(text, sign) == '=' && At(text, sign + 1) != '=') at = sign;
+  }
   at = SkipBlanks(text, at);
   // "PASSWORD ?= x", "TOKEN += x", "x ||= y"
-  const bool alternative = From(text, at, 2) == "||" || From(text, at, 2) == "??";
+  const bool alternative = StandsAt(text, at, "||") || StandsAt(text, at, "??");
   if (Contains("?+|:!", At(text, at))) {
     const std::size_t equals = at + (alternative ? 2 : 1);
     if (At(text, equals) == '=') at = equals;
     // FreeRADIUS: "Tunnel-Password:0 = x".
-    if (Is(At(text, equals), kDigit) && From(text, equals + 1, 2) == " =") at = equals + 2;
+    if (Is(At(text, equals), kDigit) && StandsAt(text, equals + 1, " =")) at = equals + 2;
   }
   if (alternative && At(text, at) != '=' && Is(At(text, SkipBlanks(text, at + 2)), kQuote)) {
     // "ENV['PASSWORD'] || 'abc'"
@@ -570,7 +589,7 @@ std::optional<Separator> FindSeparator(const Name& name) {
     return separator;
   }
   const Sign sign = SignAt(text, at);
-  const bool arrow = From(text, at, 2) == "->";
+  const bool arrow = StandsAt(text, at, "->");
   if (!arrow && sign.meaning != '=' && sign.meaning != ':') return std::nullopt;
   separator.sign = arrow ? '=' : sign.meaning;
   if (sign.coded) separator.coded = text.substr(at, sign.size);
@@ -614,6 +633,27 @@ std::size_t ColumnOf(const Name& name) {
     if (byte != ' ' && !(byte == '-' && column > 0)) return npos;
   }
   return column < kNameReach ? column : npos;
+}
+
+bool IsInTellingSection(const Name& name) {
+  constexpr std::size_t kSectionReach = 256;
+  if (name.begin != name.word_begin || name.end != name.word_end || At(name.text, name.end) != '=')
+    return false;
+  if (!Is(Before(name.text, name.begin), kLineEnd)) return false;
+  const std::size_t from = name.begin - std::min(name.begin, kSectionReach);
+  const std::string_view above = name.text.substr(from, name.begin - from);
+  const std::size_t head = above.rfind("\n[");
+  const std::size_t begin = head != npos ? head + 2 : from == 0 && StartsWith(above, "[") ? 1 : npos;
+  if (begin == npos) return false;
+  const std::string_view section = above.substr(begin, above.find_first_of("]\n", begin) - begin);
+  static constexpr std::array<std::string_view, 12> kWords = {
+      "key", "security", "wifi", "wi-fi", "wlan", "lora", "zigbee", "crypt", "psk", "wep", "mesh", "auth"};
+  for (std::size_t at = 0; at < section.size(); ++at) {
+    for (const std::string_view word : kWords) {
+      if (StartsWithWord(section.substr(at), word)) return true;
+    }
+  }
+  return false;
 }
 
 bool EndsName(const Name& name) {
@@ -681,7 +721,7 @@ KeyName KindOfKeyName(const Name& name) {
       })) {
     return KeyName::kSecret;
   }
-  const bool parted = head.size() < name.head().size() || Is(name.text[name.word_begin], kUpper);
+  const bool parted = head.size() != name.head().size() || Is(name.text[name.word_begin], kUpper);
   return parted ? KeyName::kPerhaps : KeyName::kNoSecret;
 }
 

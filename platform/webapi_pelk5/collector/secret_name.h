@@ -56,6 +56,9 @@ std::size_t ColumnOf(const Name& name);
 /// Whether the word stands for itself in the name: "db_psk" and "dbPsk", not "upskill". Digits may follow it.
 bool IsWholeWord(const Name& name);
 
+/// Whether the name begins a line below a head such as "[wifi-security]".
+bool IsInTellingSection(const Name& name);
+
 /// Whether the word ends the name; digits may follow it.
 bool EndsName(const Name& name);
 

@@ -65,8 +65,14 @@ std::optional<Secret> FindListedArgument(const Name& name) {
   const std::string_view text = name.text;
   if (!name.IsOption() || !name.IsQuoted()) return std::nullopt;
   const Sign close = SignAt(text, name.end);
-  if (close.meaning != name.before.meaning || At(text, name.end + close.size) != ',') return std::nullopt;
-  const std::size_t at = SkipBlanksAndLines(text, name.end + close.size + 1);
+  // Of an audit record: a1="--password" a2="abc".
+  const bool record = At(text, name.end + close.size) == ' ' && At(text, name.end + close.size + 1) == 'a' &&
+                      Is(At(text, name.end + close.size + 2), kDigit);
+  if (close.meaning != name.before.meaning || (At(text, name.end + close.size) != ',' && !record)) {
+    return std::nullopt;
+  }
+  std::size_t at = SkipBlanksAndLines(text, name.end + close.size + 1);
+  if (record) at = SkipForward(text, at + 1, kDigit, 3) + 1;
   const Sign open = SignAt(text, at);
   if (open.meaning != name.before.meaning || open.level != name.before.level) return std::nullopt;
   return FindQuoted(text, at);
@@ -100,7 +106,7 @@ std::optional<Secret> FindOptionArgument(const Name& name) {
 bool IsValueWord(std::string_view word) {
   static const WordSet<64> words = {"value",          "val",         "default",      "stringvalue", "content",
                                     "parametervalue", "optionvalue", "defaultvalue", "data",        "v",
-                                    "string_value"};
+                                    "string_value",   "new",         "newvalue",     "new_value"};
   return words.Has(word);
 }
 
@@ -124,13 +130,30 @@ std::optional<Secret> FindMemberValue(std::string_view text, std::size_t at) {
 }
 
 /// The text of the element that begins at `at`: <value>abc</value>.
-std::optional<Secret> FindNextElement(std::string_view text, std::size_t at) {
+/// @param nested  It may hold the element with the text: <value><string>abc</string></value>.
+std::optional<Secret> FindNextElement(std::string_view text, std::size_t at, bool nested = true) {
   static const WordSet<64> words = {"value", "string", "val", "data", "text", "password"};
   if (At(text, at) != '<') return std::nullopt;
   const std::size_t end = SkipForward(text, at + 1, kNameByte, 24);
-  if (!words.Has(From(text, at + 1, end - at - 1)) || At(text, end) != '>') return std::nullopt;
-  if (IsPlaceholder(text, end + 1)) return std::nullopt;
-  return Secret{end + 1, SecretForm::kElement};
+  const std::string_view element = From(text, at + 1, end - at - 1);
+  const std::size_t close = end + From(text, end, kPairReach).find('>');
+  if (At(text, close) != '>' || Before(text, close) == '/') return std::nullopt;
+  if (nested && At(text, close + 1) == '<') return FindNextElement(text, close + 1, false);
+  const bool value = EndsWith(From(text, at, close - at), "value\"");  // <stringProp name="Argument.value">
+  if ((!words.Has(element.substr(element.rfind(':') + 1)) && !value) || IsPlaceholder(text, close + 1)) {
+    return std::nullopt;
+  }
+  return Secret{close + 1, SecretForm::kElement};
+}
+
+/// Whether the attribute that the name is the value of refers to something else: <label for="password">Password</label>.
+bool IsReferring(const Name& name) {
+  static const WordSet<64> words = {"for",          "class", "type",  "href", "htmlfor",
+                                    "autocomplete", "rel",   "style", "src"};
+  const std::size_t sign = SkipBlanksBack(name.text, name.start);
+  const std::size_t end = sign > 0 ? sign - 1 : 0;
+  const std::size_t begin = SkipBack(name.text, end, kNameByte, 24);
+  return words.Has(name.text.substr(begin, end - begin));
 }
 
 /// Offset behind attributes or members between a name and its value; each has a name and a value in quotes.
@@ -157,7 +180,7 @@ std::optional<Secret> FindPair(const Name& name) {
     // <key>Password</key> <string>abc</string>, <property name="password">abc</property>
     if (!element) {
       const std::size_t value = SkipForward(text, at + 1, kBlank | kLineEnd, kBlankReach);
-      if (!Contains("=", sign) || Is(At(text, value), kLineEnd)) return std::nullopt;
+      if (!Contains("=", sign) || Is(At(text, value), kLineEnd) || IsReferring(name)) return std::nullopt;
       if (IsPlaceholder(text, value)) return std::nullopt;
       if (At(text, value) == '<') return FindNextElement(text, value);
       return Secret{value, SecretForm::kElement};
@@ -207,7 +230,60 @@ std::optional<Secret> FindPairBefore(const Name& name) {
   return std::nullopt;
 }
 
+/// Whether the name is made of more than its telling word, as "requirepass" and "auth_pass" are.
+bool IsCompound(const Name& name) {
+  const std::string_view head = name.head();
+  return std::any_of(head.begin(), head.end(), [](char byte) { return Is(byte, kAlnum); });
+}
+
+/// The next string of what PHP writes: s:8:"password";s:3:"abc";
+std::optional<Secret> FindSerialised(const Name& name) {
+  const std::string_view text = name.text;
+  const std::size_t at = name.end + SignAt(text, name.end).size;
+  if (!name.IsQuoted() || From(text, at, 3) != ";s:") return std::nullopt;
+  const std::size_t end = SkipForward(text, at + 3, kDigit, 6);
+  if (end == at + 3 || At(text, end) != ':') return std::nullopt;
+  return FindQuoted(text, end + 1);
+}
+
+/// The next cell of a table: | smtp_password | abc |
+std::optional<Secret> FindCell(const Name& name) {
+  const std::string_view text = name.text;
+  const std::size_t bar = SkipBlanks(text, name.end);
+  if (At(text, bar) != '|' || bar == name.end || name.IsQuoted()) return std::nullopt;
+  if (!Contains("|", Before(text, SkipBlanksBack(text, name.start))) && !BeginsLine(name))
+    return std::nullopt;
+  const std::size_t at = SkipBlanks(text, bar + 1);
+  const std::string_view rest = RestOfLine(text, at, kValueReach);
+  const std::size_t next = rest.find('|');
+  const std::size_t end = SkipBlanksBack(text, at + std::min(next, rest.size()));
+  if (end <= at || IsPlaceholder(text, at)) return std::nullopt;
+  const std::string_view value = text.substr(at, end - at);
+  const std::string_view first = value.substr(0, value.find(' '));
+  // The row of a table's head names columns.
+  const std::string_view below = From(text, at + RestOfLine(text, at, kTagReach).size(), 4);
+  if (below.find("--") != npos || below.find("+-") != npos) return std::nullopt;
+  const bool words = IsProse(first) || IsOutcome(first) || first.find_first_of("_(") != npos;
+  return words ? std::nullopt : std::optional<Secret>({at, SecretForm::kFixed, end});
+}
+
 // ---- Calls ----
+
+/// Whether the last bracket before is a round one: of a row of values, not of a list of names.
+bool IsInBrackets(std::string_view text, std::size_t at) {
+  const std::size_t from = at - std::min(at, kPairReach);
+  const std::string_view before = text.substr(from, at - from);
+  const std::size_t open = before.find_last_of("([{");
+  return open != npos && before[open] == '(';
+}
+
+/// Whether ", 'x']" stands there: two strings in a list are a name and its value.
+bool IsPairOfStrings(std::string_view text, std::size_t at) {
+  const std::size_t item = SkipBlanks(text, at + 1);
+  if (At(text, at) != ',' || !Is(At(text, item), kQuote)) return false;
+  const std::size_t close = ClosingQuote(text, item + 1, At(text, item), kValueReach);
+  return close != npos && At(text, close + 1) == ']';
+}
 
 /// The strings of a call: setPassword("x"), define('DB_PASSWORD', 'x'), {password, "x"}.
 bool FindCall(const Name& name, std::vector<Secret>& found) {
@@ -218,14 +294,33 @@ bool FindCall(const Name& name, std::vector<Secret>& found) {
   } else {
     bool quoted = false;
     at = SkipClosers(name, quoted);
-    const bool opened = Contains("({", quoted ? Before(text, name.start) : name.before.meaning);
+    const char before = quoted ? Before(text, SkipBlanksBack(text, name.start)) : name.before.meaning;
+    // VALUES (1, 'smtp_password', 'x')
+    const bool telling = IsCompound(name) || StartsWithWord(name.word(), "passw");
+    const bool row =
+        quoted && ((before == ',' && telling && IsInBrackets(text, name.start)) ||
+                   (before == '[' && IsCompound(name) && EndsName(name) && IsPairOfStrings(text, at)));
+    const bool opened = Contains("({", before) || row;
     at = SkipBlanks(text, at);
     const bool dotted = At(text, at) == '.' && At(text, at + 1) == ' ';
     if (!opened || (At(text, at) != ',' && !dotted)) return false;
     at = SkipBlanks(text, at + 1);
   }
   if (!IsQuotedAt(text, at) || IsSameWord(name.word(), "credential")) return false;
-  if (std::optional<Secret> secret = FindQuoted(text, at)) found.push_back(*secret);
+  const std::optional<Secret> secret = FindQuoted(text, at);
+  if (secret) found.push_back(*secret);
+  // setPassword("bob", "x")
+  const std::size_t close = ClosingQuote(text, at + 1, At(text, at), kValueReach);
+  if (secret && name.whole().size() > name.word().size() && At(text, name.end) == '(' && close != npos &&
+      At(text, close + 1) == ',') {
+    std::size_t next = SkipBlanks(text, close + 2);
+    const std::size_t second = ClosingQuote(text, next + 1, At(text, next), kValueReach);
+    if (IsQuotedAt(text, next) && second != npos && At(text, second + 1) == ',' &&
+        IsQuotedAt(text, SkipBlanks(text, second + 2))) {
+      next = SkipBlanks(text, second + 2);
+    }
+    if (const std::optional<Secret> other = FindQuoted(text, next)) found.push_back(*other);
+  }
   return true;
 }
 
@@ -233,13 +328,13 @@ bool FindCall(const Name& name, std::vector<Secret>& found) {
 
 /// Words between a name and its value that tell how it is written: "password 7 0822455D0A16".
 bool IsValueKind(std::string_view word) {
-  static const WordSet<128> words = {
+  static const WordSet<256> words = {
       "0",           "4",          "5",          "6",          "7",         "8",
       "9",           "enc",        "encrypted",  "cipher",     "simple",    "irreversible-cipher",
       "plain",       "plaintext",  "ascii-text", "hashed",     "hash",      "hex",
       "ascii",       "plain-text", "clear",      "clear-text", "cleartext", "scrypt",
       "localized",   "--md5",      "md5",        "sha",        "sha256",    "sha512",
-      "hexadecimal", "ntlm"};
+      "hexadecimal", "ntlm",       "reg_sz"};
   return words.Has(word);
 }
 
@@ -260,7 +355,13 @@ std::string_view WordBefore(std::string_view text, std::size_t at) {
 bool HasOwner(const Name& name) {
   const std::string_view owner = WordBefore(name.text, name.start);
   if (owner.empty()) return false;
-  const auto begin = static_cast<std::size_t>(owner.data() - name.text.data());
+  auto begin = static_cast<std::size_t>(owner.data() - name.text.data());
+  if (IsSameWord(owner, "and") || IsSameWord(owner, "with") || owner == "/") {
+    // "user bob and password abc"
+    const std::string_view user = WordBefore(name.text, begin);
+    if (user.empty()) return false;
+    begin = static_cast<std::size_t>(user.data() - name.text.data());
+  }
   return IsOwnerWord(WordBefore(name.text, begin));
 }
 
@@ -276,12 +377,6 @@ bool EndsStatement(std::string_view text, std::size_t at, std::string_view word)
   return Is(next, kLineEnd) || Contains("};#", next) || (!word.empty() && word.back() == ';');
 }
 
-/// Whether the name is made of more than its telling word, as "requirepass" and "auth_pass" are.
-bool IsCompound(const Name& name) {
-  const std::string_view head = name.head();
-  return std::any_of(head.begin(), head.end(), [](char byte) { return Is(byte, kAlnum); });
-}
-
 std::optional<Secret> FindTypedValue(const Name& name, std::size_t at, std::string_view kind) {
   const std::size_t value = SkipBlanks(name.text, at + kind.size());
   const std::string_view word = WordAt(name.text, value, kValueReach);
@@ -291,6 +386,21 @@ std::optional<Secret> FindTypedValue(const Name& name, std::size_t at, std::stri
       std::any_of(word.begin(), word.end(), [](char byte) { return Is(byte, kDigit) || byte == '$'; });
   if (digit && !hashed && !EndsStatement(name.text, value, word)) return std::nullopt;
   return FindItem(name.text, value);
+}
+
+/// Commands of boot loaders, shells and configuration: "setenv NAME VALUE".
+bool IsSetter(std::string_view word) {
+  static const WordSet<64> words = {"set",        "setenv", "fw_setenv", "env_set", "nvram_set", "confset",
+                                    "config-set", "put",    "bl_setenv", "setx",    "setvar"};
+  return words.Has(word);
+}
+
+/// Whether a word has letters and digits or signs.
+bool LooksMixed(std::string_view word) {
+  const auto has = [&](unsigned classes) {
+    return std::any_of(word.begin(), word.end(), [&](char byte) { return Is(byte, classes); });
+  };
+  return has(kUpper | kLower) && (has(kDigit) || word.find_first_of("!#$^*+?@%") != npos);
 }
 
 std::optional<Secret> FindStatement(const Name& name, Telling telling) {
@@ -310,8 +420,6 @@ std::optional<Secret> FindStatement(const Name& name, Telling telling) {
   if (!Is(name.before.meaning, kBlank | kLineEnd) && !Contains("({;$", name.before.meaning))
     return std::nullopt;
   const bool begins_line = BeginsLine(name);
-  const bool capitals =
-      std::none_of(name.whole().begin(), name.whole().end(), [](char c) { return Is(c, kLower); });
   if (IsQuotedAt(text, at)) {
     std::optional<Secret> secret = FindQuoted(text, at);
     if (At(text, at + 1) == '/') return std::nullopt;  // proxy_pass "/api"
@@ -330,16 +438,25 @@ std::optional<Secret> FindStatement(const Name& name, Telling telling) {
   if (From(text, at, 2) == "$$" && telling == Telling::kPassword) {
     return Secret{at + 2, SecretForm::kDelimited, 0, '\0', 0, "$$"};
   }
-  if (IsValueKind(word)) {
+  const bool kind = IsValueKind(word);
+  if (kind) {
     if (std::optional<Secret> typed = FindTypedValue(name, at, word)) return typed;
   }
-  // "PASSWORD kibana_system = abc"
   const std::size_t behind = SkipBlanks(text, at + word.size());
+  const bool ends = EndsStatement(text, at, word);
+  const bool likely = telling == Telling::kPassword ? LooksLikePassword(word) : LooksLikeKey(word);
+  // Most words of sentences are told by this much.
+  if (!begins_line && !ends && !likely && (telling != Telling::kPassword || !HasOwner(name))) {
+    return std::nullopt;
+  }
+  const bool capitals =
+      std::none_of(name.whole().begin(), name.whole().end(), [](char c) { return Is(c, kLower); });
+  // "PASSWORD kibana_system = abc"
   if (capitals && begins_line && telling == Telling::kPassword && From(text, behind, 2) == "= ") {
     return RestOfStatement(name, SkipBlanks(text, behind + 1));
   }
   const std::string_view first = word.substr(0, word.find_first_of(";,"));
-  if (IsProse(first) || IsOutcome(first) || IsPlaceholder(text, at) || IsValueKind(word) ||
+  if (kind || IsProse(first) || IsOutcome(first) || IsPlaceholder(text, at) ||
       Contains("=:<|>&/(-,[{}])\"", word.front()) || word.find("://") != npos) {
     return std::nullopt;
   }
@@ -347,10 +464,20 @@ std::optional<Secret> FindStatement(const Name& name, Telling telling) {
       telling == Telling::kOther) {
     return std::nullopt;
   }
+  if (IsVersionNumber(word)) return std::nullopt;  // "password-hash v0.5.0"
+  if (IsSetter(WordBefore(text, name.start)) && (telling == Telling::kPassword || IsCompound(name)) &&
+      !name.IsOption()) {
+    return RestOfStatement(name, at);
+  }
+  // "password bob abc", "auth-pass mymaster abc"
+  const std::string_view second = WordAt(text, behind, kValueReach);
+  if (begins_line && telling == Telling::kPassword && behind > at + word.size() && second.size() > 3 &&
+      EndsStatement(text, behind, second) && LooksMixed(second) && !LooksMixed(word) && !capitals) {
+    return Secret{behind, SecretForm::kWord, 0, ';'};
+  }
   // A column of a table.
-  if (at > name.end + 1 && !EndsStatement(text, at, word) && !capitals) return std::nullopt;
+  if (at > name.end + 1 && !ends && !capitals) return std::nullopt;
   const bool with_prefix = begins_line && !Is(Before(text, SkipBlanksBack(text, name.start)), kLineEnd);
-  const bool ends = EndsStatement(text, at, word);
   const bool bare = !IsCompound(name);
   if (begins_line && !bare && (!with_prefix || capitals || ends)) return RestOfStatement(name, at);
   if (begins_line && ends) return Secret{at, SecretForm::kWord, 0, ';'};
@@ -358,7 +485,6 @@ std::optional<Secret> FindStatement(const Name& name, Telling telling) {
     return Secret{at, SecretForm::kWord, 0, ';'};
   }
   if (telling == Telling::kPassword && HasOwner(name)) return Secret{at, SecretForm::kWord};
-  const bool likely = telling == Telling::kPassword ? LooksLikePassword(word) : LooksLikeKey(word);
   return likely ? std::optional<Secret>({at, SecretForm::kWord}) : std::nullopt;
 }
 
@@ -383,7 +509,8 @@ std::optional<Secret> FindSentence(const Name& name, Telling telling) {
   if (at == name.end) return std::nullopt;
   bool introduced = false;
   bool from = false;
-  bool about = false;  // "for ...": any words may follow.
+  bool about = false;    // "for ...": any words may follow.
+  bool changed = false;  // Names of other things are not changed to strings in quotes.
   for (std::size_t count = 0; count < kWordCount; ++count) {
     const std::string_view word = WordAt(text, at, kValueReach);
     if (word.empty()) return std::nullopt;
@@ -392,7 +519,7 @@ std::optional<Secret> FindSentence(const Name& name, Telling telling) {
       if (IsQuotedAt(text, at)) {
         std::optional<Secret> secret = FindQuoted(text, at);
         const bool key = secret && LooksLikeKey(WordAt(text, secret->begin, 17).substr(0, 16));
-        return telling == Telling::kPassword || key ? secret : std::nullopt;
+        return telling == Telling::kPassword || key || changed ? secret : std::nullopt;
       }
       if (!IsPlaceholder(text, at) && likely && !from && !IsFiller(word))
         return Secret{at, SecretForm::kWord};
@@ -404,7 +531,13 @@ std::optional<Secret> FindSentence(const Name& name, Telling telling) {
     if (!filler && !about) return std::nullopt;
     introduced = introduced || colon || IsIntroducer(bare);
     from = IsSameWord(bare, "from");
+    changed = changed || IsSameWord(bare, "changed") || IsSameWord(bare, "set") || IsSameWord(bare, "reset");
     const std::size_t next = SkipBlanks(text, at + word.size());
+    const std::string_view last = WordAt(text, next, kValueReach);
+    if (colon && IsSameWord(bare, "is") && telling == Telling::kPassword && EndsStatement(text, next, last) &&
+        !last.empty() && !IsProse(last) && !IsOutcome(last) && !IsPlaceholder(text, next)) {
+      return Secret{next, SecretForm::kWord};  // "your new password is: abc"
+    }
     if (colon && about && !Is(At(text, next), kLineEnd)) {
       // "token for kibana: +ox4nt"
       const std::string_view value = WordAt(text, next, kValueReach);
@@ -424,12 +557,65 @@ std::optional<Secret> FindSentenceMember(const Name& name, Telling telling) {
   return FindQuoted(name.text, SkipBlanks(name.text, close + 2));
 }
 
+/// Whether the name stands in the middle of a sentence and a plain word behind it, so that none of the forms is met:
+/// "the password was wrong". Most words are told by this.
+bool IsInSentence(const Name& name, Telling telling) {
+  static constexpr std::size_t kPlainReach = 16;
+  const std::string_view text = name.text;
+  if (name.before.meaning != ' ' || name.before.coded || name.IsOption() || At(text, name.end) != ' ')
+    return false;
+  const std::size_t at = name.end + 1;
+  const std::size_t end = SkipForward(text, at, kUpper | kLower, kPlainReach);
+  if (end == at || At(text, end) != ' ' || !Is(At(text, end + 1), kAlnum)) return false;
+  const std::string_view word = text.substr(at, end - at);
+  if (IsFiller(word) || IsValueKind(word) || IsSameWord(word, "for")) return false;
+  if (Contains("=:", Before(text, SkipBlanksBack(text, name.start))) || BeginsLine(name)) return false;
+  if (IsSetter(WordBefore(text, name.start))) return false;
+  return telling != Telling::kPassword || !HasOwner(name);
+}
+
+/// The other value of a sentence: expected password "x" but got "y", password changed from 'x' to 'y'.
+std::optional<Secret> FindOtherValue(std::string_view text, const Secret& secret) {
+  static const WordSet<64> words = {"but",   "got",     "was", "received", "to",
+                                    "found", "instead", "of",  "not",      "!="};
+  if (secret.form != SecretForm::kQuoted || secret.level > 0) return std::nullopt;
+  const std::size_t close = ClosingQuote(text, secret.begin, secret.mark, kValueReach);
+  if (close == npos) return std::nullopt;
+  std::size_t at = SkipBlanks(text, close + (At(text, close + 1) == ',' ? 2 : 1));
+  for (unsigned count = 0; count < 4; ++count) {
+    const std::string_view word = WordAt(text, at, 16);
+    if (count > 0 && IsQuotedAt(text, at)) return FindQuoted(text, at);
+    if (!words.Has(word)) return std::nullopt;
+    at = SkipBlanks(text, at + word.size());
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
+std::optional<Secret> FindInnerValue(const Name& name, const Separator& separator) {
+  const std::string_view text = name.text;
+  if (!separator.quoted || At(text, separator.value) != '{') return std::nullopt;
+  std::size_t at = separator.value + 1;
+  const std::size_t limit = at + kPairReach;
+  for (unsigned members = 0; members < 3 && at < limit; ++members) {
+    at = SkipBlanksAndLines(text, at);
+    if (std::optional<Secret> value = FindMemberValue(text, at)) return value;
+    at = SkipMember(text, at, limit);
+    if (at == npos) return std::nullopt;
+  }
+  return std::nullopt;
+}
+
 void FindPhrase(const Name& name, Telling telling, std::vector<Secret>& found) {
+  if (IsInSentence(name, telling)) return;
   const auto take = [&](const std::optional<Secret>& secret) {
     if (secret) found.push_back(*secret);
     return secret.has_value();
+  };
+  const auto take_both = [&](const std::optional<Secret>& secret) {
+    if (secret) take(FindOtherValue(name.text, *secret));
+    return take(secret);
   };
   if (name.before.meaning == '<' || name.before.meaning == ':') {
     if (take(FindElementText(name))) return;
@@ -439,9 +625,10 @@ void FindPhrase(const Name& name, Telling telling, std::vector<Secret>& found) {
     take(FindOptionArgument(name));
     return;
   }
+  if (take(FindSerialised(name)) || take(FindCell(name))) return;
   if (take(FindPair(name)) || take(FindPairBefore(name))) return;
-  if (take(FindStatement(name, telling)) || take(FindSentenceMember(name, telling))) return;
-  take(FindSentence(name, telling));
+  if (take_both(FindStatement(name, telling)) || take(FindSentenceMember(name, telling))) return;
+  take_both(FindSentence(name, telling));
 }
 
 }  // namespace TARVO::SupportForm

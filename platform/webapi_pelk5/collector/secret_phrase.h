@@ -1,6 +1,7 @@
 /// Values that stand behind a name without a sign between: of options, elements, pairs, calls, statements, sentences.
 #pragma once
 
+#include <optional>
 #include <vector>
 
 #include "secret.h"
@@ -16,5 +17,8 @@ enum class Telling {
 
 /// Finds what stands behind the name.
 void FindPhrase(const Name& name, Telling telling, std::vector<Secret>& found);
+
+/// The value of the object that is the name's value: {"db_password": {"value": "abc"}}.
+std::optional<Secret> FindInnerValue(const Name& name, const Separator& separator);
 
 }  // namespace TARVO::SupportForm

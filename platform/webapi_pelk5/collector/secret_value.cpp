@@ -10,7 +10,9 @@ namespace {
 
 constexpr auto npos = std::string_view::npos;
 constexpr std::size_t kPlaceholderReach = 128;  ///< Bytes of a placeholder.
+constexpr std::size_t kExampleWords = 8;        ///< Words of an example.
 constexpr std::size_t kWordReach = 256;         ///< Bytes of a value that are looked at to judge it.
+constexpr std::size_t kKeyReach = 512;          ///< Bytes of a key that is written as numbers.
 
 /// Values that tell only what became of a secret, as in "token: expired", or where names are looked up, as in
 /// "passwd: files". Such a word is no secret.
@@ -53,6 +55,7 @@ const WordSet<512>& Outcomes() {
 }
 
 /// Words of sentences and help texts about secrets.
+// NOLINTNEXTLINE(readability-function-size): nothing but the words.
 const WordSet<1024>& Prose() {
   static const WordSet<1024> words = {"a",
                                       "an",
@@ -457,7 +460,8 @@ const WordSet<128>& Technical() {
 }
 
 std::string_view WithoutPunctuation(std::string_view word) {
-  while (!word.empty() && Contains(".,;:!?)]}\"'>", word.back())) word.remove_suffix(1);
+  while (!word.empty() && Is(word.back(), kPunctuation) && !Contains("<\\", word.back()))
+    word.remove_suffix(1);
   return word;
 }
 
@@ -485,6 +489,7 @@ bool HasFolderOfSystem(std::string_view text, std::size_t at) {
   static constexpr std::array<std::string_view, 17> kFolders = {
       "/etc/",  "/var/", "/run/", "/usr/",  "/home/", "/opt/", "/root/", "/tmp/",    "/dev/",
       "/proc/", "/srv/", "/mnt/", "/path/", "./",     "../",   "file:/", "/secrets/"};
+  if (!Contains("/.f", At(text, at))) return false;
   return std::any_of(kFolders.begin(), kFolders.end(),
                      [&](std::string_view folder) { return From(text, at, folder.size()) == folder; });
 }
@@ -585,7 +590,7 @@ std::size_t BehindTemplate(std::string_view text, std::size_t at) {
 /// Offset behind a row of one sign that stands for a hidden value: "****", "xxxx", "...", "--".
 std::size_t BehindRow(std::string_view text, std::size_t at) {
   const char sign = At(text, at);
-  if (From(text, at, 3) == "\u2022" || From(text, at, 3) == "\u2026" || From(text, at, 3) == "\u25cf") {
+  if (StandsAt(text, at, "\u2022") || StandsAt(text, at, "\u2026") || StandsAt(text, at, "\u25cf")) {
     std::size_t end = at;
     while (end < at + kPlaceholderReach && From(text, end, 3) == text.substr(at, 3)) end += 3;
     return end;
@@ -600,6 +605,7 @@ std::size_t BehindRow(std::string_view text, std::size_t at) {
 
 /// Offset behind a word in capitals that speaks of the value: "YOUR_PASSWORD", "__REDACTED__".
 std::size_t BehindCapitals(std::string_view text, std::size_t at) {
+  if (Is(At(text, at), kLower)) return npos;
   const std::size_t end = SkipForward(text, at, kUpper | kDash, 48);
   std::string_view word = From(text, at, end - at);
   while (!word.empty() && Is(word.back(), kDash)) word.remove_suffix(1);
@@ -645,11 +651,12 @@ std::size_t BehindReference(std::string_view text, std::size_t at) {
 std::size_t BehindPlaceholder(std::string_view text, std::size_t at, bool quoted) {
   static constexpr std::array<std::string_view, 6> kReferences = {
       "hmac-sha256:", "sha256:", "embed:", "hash:/", "env:", "$p$"};
+  const char first = At(text, at);
   for (const std::string_view reference : kReferences) {
-    if (From(text, at, reference.size()) == reference) return SkipForward(text, at, kUrlByte, kWordReach);
+    if (first == reference.front() && From(text, at, reference.size()) == reference)
+      return SkipForward(text, at, kUrlByte, kWordReach);
   }
   std::size_t end = npos;
-  const char first = At(text, at);
   const char second = At(text, at + 1);
   if ((first == '$' && second == '{') || (first == '#' && second == '{')) {
     end = At(text, at + 2) == '{' ? BehindBrackets(text, at, "${{", "}}") : BehindShellBraces(text, at);
@@ -740,6 +747,7 @@ bool IsExample(const Name& name, std::size_t at) {
   std::size_t words = 0;
   for (std::size_t begin = 0; begin < rest.size(); ++words) {
     const std::size_t word = SkipForward(rest, begin, kUpper | kLower | kDigit);
+    if (words == kExampleWords) return false;
     if (word > begin && !Examples().Has(rest.substr(begin, word - begin)) &&
         !IsProse(rest.substr(begin, word - begin))) {
       return false;
@@ -784,6 +792,7 @@ bool IsFlag(std::string_view text, std::size_t at) {
 std::optional<Secret> FindTypographic(std::string_view text, std::size_t at) {
   static constexpr std::array<std::array<std::string_view, 2>, 4> kQuotes = {
       {{"\u201c", "\u201d"}, {"\u2018", "\u2019"}, {"\u201e", "\u201c"}, {"\u00ab", "\u00bb"}}};
+  if (!Is(At(text, at), kHigh)) return std::nullopt;
   for (const auto& [open, close] : kQuotes) {
     if (From(text, at, open.size()) == open) {
       return Secret{at + open.size(), SecretForm::kDelimited, 0, '\0', 0, std::string(close)};
@@ -794,7 +803,7 @@ std::optional<Secret> FindTypographic(std::string_view text, std::size_t at) {
 
 /// Where a quote begins, behind what languages write before it: b'', N'', $'', @"", <<"">>.
 std::size_t SkipQuotePrefix(std::string_view text, std::size_t at) {
-  if (From(text, at, 2) == "<<" && Is(At(text, at + 2), kQuote)) return at + 2;
+  if (StandsAt(text, at, "<<") && Is(At(text, at + 2), kQuote)) return at + 2;
   std::size_t begin = at;
   while (begin < at + 2 && Contains("bBuUrRfFEN$@", At(text, begin))) ++begin;
   return Is(At(text, begin), kQuote) ? begin : at;
@@ -846,7 +855,7 @@ std::optional<Secret> FindQuotedValue(const Name& name, const Separator& separat
 
 /// The lines of a here-document: <<EOF, <<-'EOF', <<<"EOF".
 std::optional<Secret> FindHereDocument(std::string_view text, std::size_t at) {
-  if (From(text, at, 2) != "<<") return std::nullopt;
+  if (!StandsAt(text, at, "<<")) return std::nullopt;
   std::size_t begin = at + 2;
   while (begin < at + 6 && Contains("<-~ ", At(text, begin))) ++begin;
   const char quote = Is(At(text, begin), kQuote) ? At(text, begin) : '\0';
@@ -885,7 +894,8 @@ std::optional<Secret> FindBelow(const Name& name, const Separator& separator) {
   if (separator.quoted) return std::nullopt;
   const std::string_view rest = RestOfLine(text, first, kWordReach);
   const bool item = StartsWith(rest, "- ");
-  if (item && indent >= column && IsListName(name)) {
+  const std::size_t number = item ? SkipForward(rest, 2, kDigit) : 0;  // The bytes of a key.
+  if (item && indent >= column && (IsListName(name) || (number > 2 && number >= rest.size()))) {
     const std::string_view value = rest.substr(2);
     const bool mapping = value.find(": ") != npos || EndsWith(value, ":") || Contains("{[", value[0]);
     if (!mapping) return Secret{line, SecretForm::kBlock, 0, '-', column};
@@ -894,6 +904,67 @@ std::optional<Secret> FindBelow(const Name& name, const Separator& separator) {
   const bool one_word = rest.find_first_of(" \t:={[<") == npos && !rest.empty();
   if (item || indent <= column || (!one_word && !Is(rest.front(), kQuote))) return std::nullopt;
   return Secret{line, SecretForm::kBlock, 0, '\0', column};
+}
+
+bool IsHexDigit(char byte) { return Is(byte, kDigit) || (ToLower(byte) >= 'a' && ToLower(byte) <= 'f'); }
+
+/// 32 hexadecimal digits and more, joined or parted after each two.
+std::size_t BehindHexBytes(std::string_view text, std::size_t at) {
+  const char parting = At(text, at + 2);
+  const bool parted = Contains(" :-", parting);
+  std::size_t digits = 0;
+  std::size_t end = at;
+  while (end < at + kKeyReach && IsHexDigit(At(text, end))) {
+    ++digits;
+    ++end;
+    const bool goes_on = IsHexDigit(At(text, end + 1)) && IsHexDigit(At(text, end + 2));
+    if (parted && digits % 2 == 0 && At(text, end) == parting && goes_on) ++end;
+  }
+  return digits >= 32 && !Is(At(text, end), kAlnum) ? end : npos;
+}
+
+/// 8 numbers of a byte and more, parted by commas.
+std::size_t BehindNumbers(std::string_view text, std::size_t at) {
+  std::size_t numbers = 0;
+  std::size_t end = at;
+  for (std::size_t next = at; next < at + kKeyReach; next = SkipBlanksAndLines(text, end + 1)) {
+    const bool hex = At(text, next) == '0' && ToLower(At(text, next + 1)) == 'x';
+    const std::size_t begin = hex ? next + 2 : next;
+    std::size_t digits = begin;
+    while (digits < begin + 4 && (hex ? IsHexDigit(At(text, digits)) : Is(At(text, digits), kDigit)))
+      ++digits;
+    if (digits == begin || digits > begin + 3) break;
+    ++numbers;
+    end = digits;
+    if (At(text, end) != ',') break;
+  }
+  return numbers >= 8 && !Is(At(text, end), kNameByte) ? end : npos;
+}
+
+/// Where the quote begins in what languages write around a string: Some("x"), Secret.fromString("x"), string(3) "x".
+std::size_t InsideCall(std::string_view text, std::size_t at) {
+  static const WordSet<128> names = {
+      "some", "secret", "secretstring",      "password",    "ok",           "just",  "string",   "redacted",
+      "str",  "value",  "secretstr",         "newsecret",   "securestring", "text",  "optional", "bytes",
+      "s",    "b",      "secret.fromstring", "optional.of", "secretstr.of", "token", "right"};
+  const std::size_t end = SkipForward(text, at, kNameByte, 32);
+  if (end == at || At(text, end) != '(' || !names.Has(From(text, at, end - at))) return npos;
+  std::size_t quote = SkipForward(text, end + 1, kDigit, 6);
+  if (quote > end + 1) quote = At(text, quote) == ')' ? SkipBlanks(text, quote + 1) : text.size();
+  return Is(SignAt(text, quote).meaning, kQuote) ? quote : npos;
+}
+
+/// A value in braces, "Password={a!b}", unlike "{user: x}". In ODBC's strings "}}" is one brace, and any byte may stand.
+std::optional<Secret> FindInBraces(const Name& name, std::size_t at) {
+  const std::string_view text = name.text;
+  std::size_t close = ClosingQuote(text, at + 1, '}', kWordReach);
+  while (close != npos && At(text, close + 1) == '}') close = ClosingQuote(text, close + 2, '}', kWordReach);
+  if (close == npos || close == at + 1 || IsPlaceholder(text, at)) return std::nullopt;
+  const std::string_view inside = text.substr(at + 1, close - at - 1);
+  const bool odbc = Contains("?;,", name.before.meaning) || At(text, close + 1) == ';';
+  const bool bare = inside.find_first_of(" :=,\"'{") == npos && Is(At(text, close + 1), kBlank | kLineEnd);
+  if (odbc) return Secret{at + 1, SecretForm::kFixed, close};
+  return bare ? std::optional<Secret>({at, SecretForm::kFixed, close + 1}) : std::nullopt;
 }
 
 /// A value without quotes.
@@ -949,11 +1020,12 @@ bool IsPlaceholder(std::string_view text, std::size_t at) {
 
 bool LooksLikePassword(std::string_view word) {
   word = WithoutPunctuation(word);
-  if (word.size() < 6 || Technical().Has(word) || Contains("/<([{$%-", word.front())) return false;
+  if (word.size() < 6 || Contains("/<([{$%-", word.front())) return false;
   const std::size_t digits = DigitCount(word);
   const std::size_t letters = LetterCount(word);
+  if (letters == 0 || letters == word.size()) return false;
   const bool signs = word.find_first_of("!#$^*+?") != npos;
-  if (letters == 0 || (digits == 0 && !signs)) return false;
+  if ((digits == 0 && !signs) || Technical().Has(word)) return false;
   // A date, an address, a name with a value, a call.
   if (digits > 3 && Is(word.front(), kDigit) && Contains("-.:", word[4 < word.size() ? 4 : 0])) return false;
   return word.find("::") == npos && word.find("://") == npos && word.find_first_of("=()[]{}<>\\") == npos;
@@ -975,6 +1047,19 @@ bool LooksLikeKey(std::string_view word) {
   }
   const bool uuid = word.size() == 36 && word[8] == '-' && word[13] == '-' && word[18] == '-';
   return !uuid && longest >= 14 && turns >= 3 && DigitCount(word) >= 2 && LetterCount(word) >= 2;
+}
+
+std::size_t BehindHexKey(std::string_view text, std::size_t at) {
+  const std::size_t joined = BehindHexBytes(text, From(text, at, 2) == "0x" ? at + 2 : at);
+  return joined != npos ? joined : BehindNumbers(text, at);
+}
+
+bool IsVersionNumber(std::string_view word) {
+  if (!word.empty() && ToLower(word.front()) == 'v') word.remove_prefix(1);
+  const std::size_t major = SkipForward(word, 0, kDigit, 4);
+  const std::size_t minor = SkipForward(word, major + 1, kDigit, 4);
+  return major > 0 && At(word, major) == '.' && minor > major + 1 &&
+         (minor >= word.size() || Contains(".-+,);~", word[minor]));
 }
 
 std::size_t ClosingQuote(std::string_view text, std::size_t at, char quote, std::size_t most) {
@@ -1008,13 +1093,22 @@ std::optional<Secret> FindValue(const Name& name, const Separator& separator) {
   if (std::optional<Secret> lines = FindHereDocument(text, at)) return lines;
   if (std::optional<Secret> typographic = FindTypographic(text, at)) return typographic;
   std::size_t quote = SkipQuotePrefix(text, at);
-  if (From(text, at, 2) == "0x") {
+  if (StandsAt(text, at, "0x")) {
     // A debugger: password = 0x55e0 "abc".
     const std::size_t behind = SkipForward(text, at, kAlnum, 20);
     if (At(text, behind) == ' ' && At(text, behind + 1) == '"') quote = behind + 1;
   }
+  if (const std::size_t inside = InsideCall(text, at); inside != npos) quote = inside;
   const Sign sign = SignAt(text, quote);
   if (Is(sign.meaning, kQuote)) return FindQuotedValue(name, separator, quote);
+  // "tiktoken==0.7.0"
+  if (EndsWith(text.substr(0, separator.behind), "==") && IsVersionNumber(WordAt(text, at, 24))) {
+    return std::nullopt;
+  }
+  const std::size_t bytes = Contains("[{", At(text, at)) ? SkipBlanksAndLines(text, at + 1) : at;
+  if (const std::size_t end = BehindHexKey(text, bytes); end != npos && (bytes == at || !IsListName(name))) {
+    return Secret{bytes, SecretForm::kFixed, end};
+  }
   if (sign.meaning == '`' && ClosingQuote(text, at + 1, '`', kWordReach) != npos) {
     return Secret{at + 1, SecretForm::kQuoted, 0, '`'};
   }
@@ -1030,11 +1124,12 @@ std::optional<Secret> FindValue(const Name& name, const Separator& separator) {
     }
     return Secret{at + 1, SecretForm::kList, 0, '"', name.before.level};
   }
-  // ODBC: Pwd={a;b}.
-  if (separator.sign == '=' && sign.meaning == '{' && Contains("?;,", name.before.meaning)) {
-    if (ClosingQuote(text, at + 1, '}', kWordReach) != npos && !IsPlaceholder(text, at)) {
-      return Secret{at + 1, SecretForm::kDelimited, 0, '\0', 0, "}"};
-    }
+  if (separator.sign == '=' && sign.meaning == '{' && !separator.quoted) {
+    if (std::optional<Secret> braces = FindInBraces(name, at)) return braces;
+  }
+  // A password that begins with the sign of a comment.
+  if (separator.sign == '=' && sign.meaning == ';' && BeginsLine(name) && Is(At(text, at + 1), kAlnum)) {
+    return Secret{at, SecretForm::kLine};
   }
   return FindBareValue(name, separator);
 }

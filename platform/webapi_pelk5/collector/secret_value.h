@@ -41,6 +41,13 @@ bool LooksLikePassword(std::string_view word);
 /// Whether it looks like a key: long, letters and digits mixed, no UUID, no name of parts.
 bool LooksLikeKey(std::string_view word);
 
+/// Offset behind a key that is written as bytes: 32 hexadecimal digits and more, joined or parted by one of " :-", or 8
+/// numbers and more parted by commas; npos where none begins. Brackets around the bytes do not belong to it.
+std::size_t BehindHexKey(std::string_view text, std::size_t at);
+
+/// Whether it is the number of a version: "v0.5.0".
+bool IsVersionNumber(std::string_view word);
+
 /// Offset of the quote that closes what begins at `at`; npos where none does within `most` bytes of the line.
 std::size_t ClosingQuote(std::string_view text, std::size_t at, char quote, std::size_t most);
 

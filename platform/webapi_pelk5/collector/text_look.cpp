@@ -1,6 +1,5 @@
 #include "text_look.h"
 
-#include <algorithm>
 #include <array>
 
 namespace TARVO::SupportForm {
@@ -67,30 +66,7 @@ Sign PercentSign(std::string_view text, std::size_t at) {
 
 }  // namespace
 
-bool IsSameWord(std::string_view word, std::string_view lower) {
-  return word.size() == lower.size() && StartsWithWord(word, lower);
-}
-
-bool StartsWithWord(std::string_view text, std::string_view lower) {
-  return text.size() >= lower.size() &&
-         std::equal(lower.begin(), lower.end(), text.begin(), [](char a, char b) { return a == ToLower(b); });
-}
-
-std::size_t SkipForward(std::string_view text, std::size_t at, unsigned classes, std::size_t most) {
-  if (at >= text.size()) return at;
-  const std::size_t limit = at + std::min(most, text.size() - at);
-  while (at < limit && Is(text[at], classes)) ++at;
-  return at;
-}
-
-std::size_t SkipBack(std::string_view text, std::size_t at, unsigned classes, std::size_t most) {
-  const std::size_t limit = at - std::min(most, at);
-  while (at > limit && Is(text[at - 1], classes)) --at;
-  return at;
-}
-
-std::size_t SkipColour(std::string_view text, std::size_t at) {
-  if (!Contains("\x1b^#\\", At(text, at))) return at;
+std::size_t SkipColourThere(std::string_view text, std::size_t at) {
   for (const std::string_view begin : kColourBegins) {
     if (From(text, at, begin.size()) != begin) continue;
     std::size_t end = at + begin.size();
@@ -112,10 +88,12 @@ std::size_t SkipColourBack(std::string_view text, std::size_t at) {
   return at;
 }
 
-std::size_t SkipBlanks(std::string_view text, std::size_t at) {
+std::size_t SkipBlanksAndColours(std::string_view text, std::size_t at) {
   const std::size_t limit = at + kBlankReach;
   while (at < limit) {
-    const std::size_t next = Is(At(text, at), kBlank) ? at + 1 : SkipColour(text, at);
+    const char byte = At(text, at);
+    if (Is(byte, kAlnum)) break;
+    const std::size_t next = Is(byte, kBlank) ? at + 1 : SkipColour(text, at);
     if (next == at) break;
     at = next;
   }
@@ -132,7 +110,7 @@ std::size_t SkipBlanksAndLines(std::string_view text, std::size_t at) {
   return at;
 }
 
-std::size_t SkipBlanksBack(std::string_view text, std::size_t at) {
+std::size_t SkipBlanksAndColoursBack(std::string_view text, std::size_t at) {
   const std::size_t limit = at - std::min(at, kBlankReach);
   while (at > limit) {
     const std::size_t next = Is(text[at - 1], kBlank) ? at - 1 : SkipColourBack(text, at);
@@ -161,7 +139,7 @@ std::string_view RestOfLine(std::string_view text, std::size_t at, std::size_t m
   return rest.substr(0, end);
 }
 
-Sign SignAt(std::string_view text, std::size_t at) {
+Sign CodedSignAt(std::string_view text, std::size_t at) {
   const char byte = At(text, at);
   switch (byte) {
     case '\\':

@@ -35,21 +35,61 @@ inline bool StartsWith(std::string_view text, std::string_view start) {
 inline bool EndsWith(std::string_view text, std::string_view end) {
   return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
-/// Whether the words are the same but for the case; `lower` is in lower case.
-bool IsSameWord(std::string_view word, std::string_view lower);
-/// Whether `text` begins with the word, in any case.
-bool StartsWithWord(std::string_view text, std::string_view lower);
+/// Whether the literal stands at `at`.
+template <std::size_t size>
+bool StandsAt(std::string_view text, std::size_t at, const char (&literal)[size]) {
+  for (std::size_t offset = 0; offset + 1 < size; ++offset) {
+    if (At(text, at + offset) != literal[offset]) return false;
+  }
+  return true;
+}
+/// Whether `text` begins with the word, in any case; `lower` is in lower case.
+inline bool StartsWithWord(std::string_view text, std::string_view lower) {
+  if (text.size() < lower.size()) return false;
+  for (std::size_t at = 0; at < lower.size(); ++at) {
+    if (lower[at] != ToLower(text[at])) return false;
+  }
+  return true;
+}
+/// Whether the words are the same but for the case.
+inline bool IsSameWord(std::string_view word, std::string_view lower) {
+  return word.size() == lower.size() && StartsWithWord(word, lower);
+}
 
 /// Offset of the first byte at or behind `at` that is not of `classes`, `most` bytes further on at the latest.
-std::size_t SkipForward(std::string_view text, std::size_t at, unsigned classes,
-                        std::size_t most = std::string_view::npos);
-std::size_t SkipBack(std::string_view text, std::size_t at, unsigned classes, std::size_t most);
+inline std::size_t SkipForward(std::string_view text, std::size_t at, unsigned classes,
+                               std::size_t most = std::string_view::npos) {
+  if (at >= text.size()) return at;
+  const std::size_t limit = at + (most < text.size() - at ? most : text.size() - at);
+  while (at < limit && Is(text[at], classes)) ++at;
+  return at;
+}
+inline std::size_t SkipBack(std::string_view text, std::size_t at, unsigned classes, std::size_t most) {
+  const std::size_t limit = at - (most < at ? most : at);
+  while (at > limit && Is(text[at - 1], classes)) --at;
+  return at;
+}
+/// Offset behind a terminal's colour that begins at `at`; `at` where none does. ESC may be written out, as loggers do.
+std::size_t SkipColourThere(std::string_view text, std::size_t at);
+inline std::size_t SkipColour(std::string_view text, std::size_t at) {
+  return Contains("\x1b^#\\", At(text, at)) ? SkipColourThere(text, at) : at;
+}
+/// Offset where a colour begins that ends at `at`; `at` where none does.
+std::size_t SkipColourBack(std::string_view text, std::size_t at);
 /// Offset behind blanks and a terminal's colours.
-std::size_t SkipBlanks(std::string_view text, std::size_t at);
+std::size_t SkipBlanksAndColours(std::string_view text, std::size_t at);
+inline std::size_t SkipBlanks(std::string_view text, std::size_t at) {
+  return Is(At(text, at), kAlnum | kQuote | kLineEnd) ? at : SkipBlanksAndColours(text, at);
+}
 /// Offset behind blanks, colours and line ends.
 std::size_t SkipBlanksAndLines(std::string_view text, std::size_t at);
 /// Offset before blanks and colours.
-std::size_t SkipBlanksBack(std::string_view text, std::size_t at);
+std::size_t SkipBlanksAndColoursBack(std::string_view text, std::size_t at);
+inline std::size_t SkipBlanksBack(std::string_view text, std::size_t at) {
+  const std::size_t word = Before(text, at) == ' ' ? at - 1 : at;
+  const char byte = Before(text, word);
+  return Is(byte, kBlank) || Contains("mK", byte) ? SkipBlanksAndColoursBack(text, at) : word;
+}
 std::size_t CountBackslashes(std::string_view text, std::size_t at);
 /// The word up to a blank or line end, at most `most` bytes.
 std::string_view WordAt(std::string_view text, std::size_t at, std::size_t most);
@@ -65,12 +105,11 @@ struct Sign {
   bool coded = false;     ///< In another spelling.
 };
 
-Sign SignAt(std::string_view text, std::size_t at);
+Sign CodedSignAt(std::string_view text, std::size_t at);
+inline Sign SignAt(std::string_view text, std::size_t at) {
+  const char byte = At(text, at);
+  return Contains("\\%&\xef", byte) ? CodedSignAt(text, at) : Sign{byte, 1, 0, false};
+}
 Sign SignBefore(std::string_view text, std::size_t at);
-
-/// Offset behind a terminal's colour that begins at `at`; `at` where none does. ESC may be written out, as loggers do.
-std::size_t SkipColour(std::string_view text, std::size_t at);
-/// Offset where a colour begins that ends at `at`; `at` where none does.
-std::size_t SkipColourBack(std::string_view text, std::size_t at);
 
 }  // namespace TARVO::SupportForm

@@ -29,6 +29,10 @@ class TokenMask {
   ///         are to be given again, with more text behind them.
   [[nodiscard]] std::size_t Mask(char* text, std::size_t size, bool at_end);
 
+  /// Whether a block in which "token" does not stand, not even the beginning of it, would stay as it is. Such a
+  /// block need not be given.
+  [[nodiscard]] bool IsOutside() const { return state_ == State::kText; }
+
   /// Values masked so far.
   [[nodiscard]] std::uint64_t count() const { return count_; }
 

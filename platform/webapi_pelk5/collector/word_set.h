@@ -16,12 +16,24 @@ template <std::size_t slots>
 class WordSet {
  public:
   WordSet(std::initializer_list<std::string_view> words) {
-    for (const std::string_view word : words) words_[Find(word)] = word;
+    for (const std::string_view word : words) {
+      words_[Find(word)] = word;
+      looks_[LookOf(word)] = true;
+    }
   }
 
-  [[nodiscard]] bool Has(std::string_view word) const { return !word.empty() && !words_[Find(word)].empty(); }
+  [[nodiscard]] bool Has(std::string_view word) const {
+    return !word.empty() && looks_[LookOf(word)] && !words_[Find(word)].empty();
+  }
 
  private:
+  /// Tells most words apart by their ends and their length.
+  static std::size_t LookOf(std::string_view word) {
+    const auto first = static_cast<unsigned char>(ToLower(word.front()));
+    const auto last = static_cast<unsigned char>(ToLower(word.back()));
+    return (first * 37U + last * 5U + word.size()) % (2 * slots);
+  }
+
   /// Where the word is, or would be.
   [[nodiscard]] std::size_t Find(std::string_view word) const {
     std::uint32_t hash = 2166136261U;
@@ -40,6 +52,7 @@ class WordSet {
   }
 
   std::array<std::string_view, slots> words_;
+  std::array<bool, 2 * slots> looks_ = {};  ///< Of the words.
 };
 
 }  // namespace TARVO::SupportForm

@@ -30,7 +30,7 @@ constexpr std::array<std::string_view, 15> kPromised = {
     "url",   "jwt",    "hash",     "cloudkey", "privatekey", "authorization", "harmlessword"};
 constexpr std::string_view kInnocent = "innocent";
 constexpr double kPromisedFloor = 0.98;
-constexpr double kSecretsFloor = 0.83;
+constexpr double kSecretsFloor = 0.87;
 constexpr double kInnocentFloor = 0.97;
 
 struct Case {

@@ -233,6 +233,91 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"Options", "tool --password --token-ttl 5 --secret-name x"}),
     NameOf);
 
+INSTANTIATE_TEST_SUITE_P(
+    Devices, SecretFinderTest,
+    testing::Values(
+        Case{"ModemJoinsANetwork", R"(AT+CWJAP_DEF="cabin","«wood stove 7»","aa:bb:cc:dd:ee:ff")"},
+        Case{"ModemDials", R"(12:00:01 TX: AT+QICSGP=1,1,"internet","sim","«s1mpw»",1)"},
+        Case{"ModemUnlocks", R"(AT+CLCK="SC",1,"«0907»")"},
+        Case{"ModemGetsAKey", "AT+APPKEY=«2B7E151628AED2A6ABF7158809CF4F3C»\nAT+DEVEUI=0011223344556677\n"},
+        Case{"ModemAnswers", "AT+CREG=1,\"00C3\",\"0123\"\nAT+CPIN?\n"},
+        Case{"KeyAsBytes", "AppKey: «2B 7E 15 16 28 AE D2 A6 AB F7 15 88 09 CF 4F 3C» ok"},
+        Case{"KeyAsAnArray",
+             "uint8_t NwkSKey[16] = { «0x2B, 0x7E, 0x15, 0x16, 0x28, 0xAE, 0xD2, 0xA6, 0xAB, 0xF7» };"},
+        Case{"KeyAsNumbers", "  network_key: [«1, 3, 5, 7, 9, 11, 13, 15, 0, 2»]"},
+        Case{"KeyBelowASection", "[LinkKey]\nKey=«1F2E3D4C»\nType=4\n[Icons]\nKey=folder\n"},
+        Case{"BluetoothKeys",
+             "Link key: «7cfd007c8786f90eddc4057affbf92ef» LTK: «0x1f2e3d4c5b6a79880011223344556677»"},
+        Case{"BootLoader", "=> setenv wpa_psk «harbour9»\n=> setenv bootdelay 3\n"},
+        Case{"Codes",
+             "Setup code is «493-18-224», pairing code: «34970112332»\n\"unlock_code\": \"«98127634»\"\n"
+             "exit code: 1200, pairing code expired, verification code sent to bob"},
+        Case{"RecoveryCodes", "Recovery codes: «8f3k-92hd» «77dk-10sl»"},
+        Case{"DiskKeyInATable",
+             "crypt aes-xts-plain64 «a81b26ced8d15cbb1678e512f1958a9ad51b1051de97b2a52500a5dc5ac9437d» 0 8:3 "
+             "0"},
+        Case{"WifiCode", "WIFI:T:WPA;S:MY AP:1;P:«two words»;;"}),
+    NameOf);
+
+INSTANTIATE_TEST_SUITE_P(
+    Sentences, SecretFinderTest,
+    testing::Values(Case{"Changed", "the secret for app7 was changed to '«river bend»'"},
+                    Case{"UserAndPassword",
+                         "login with user ada and password «engine» failed, username and password wrong"},
+                    Case{"Expected", R"(expected password "«alpha»" but got "«beta»" in 3 ms)"},
+                    Case{"OneTime", "code: verification code for ada: «482913»"}),
+    NameOf);
+
+INSTANTIATE_TEST_SUITE_P(
+    Pairs, SecretFinderTest,
+    testing::Values(
+        Case{"Table", "| name | value |\n+----+\n| smtp_password | «abcd» |\n"},
+        Case{"TableHead", "| password | created_at |\n|----|----|\n"},
+        Case{"Row", "INSERT INTO settings VALUES (1, 'smtp_password', '«abcd»');"},
+        Case{"NamesInAList", R"(["client_secret_basic","private_key_jwt","user_password","x"])"},
+        Case{"ObjectAsValue", R"({"smtp_password": {"type": "string", "value": "«abcd»"}})"},
+        Case{"Serialised", R"(s:8:"password";s:6:"«engine»";s:4:"user";s:3:"ada";)"},
+        Case{"VarDump", R"('password' => string(6) "«engine»")"},
+        Case{"Rust", R"(Config { user: Some("ada"), password: Some("«engine»") })"},
+        Case{"Calls",
+             R"(client.login("ada", "«engine»"); set("db.password", "«abc»"); connect("h.x", "eth0"))"},
+        Case{"PairInAList", R"(["smtp_password", "«abc»"])"},
+        Case{"NameAmongArguments", R"(config.set('smtp', 'password', '«abc»'))"},
+        Case{"RegistryValue", "    DefaultPassword    REG_SZ    «abcd»\n"},
+        Case{"Label", R"(<label for="password">Password</label>)"},
+        Case{"Versions", "tiktoken==0.7.0\n password-hash v0.5.0\n"},
+        Case{"Braces", "Password=«{a!b}»\nx={b}\n"}, Case{"Semicolon", "x_password = «;abc»\ny = 1\n"}),
+    NameOf);
+
+INSTANTIATE_TEST_SUITE_P(
+    Traces, SecretFinderTest,
+    testing::Values(Case{"Imap", "C: a001 LOGIN ada «engine»\nS: a001 OK LOGIN completed now\n"},
+                    Case{"Pop", "USER ada\nPASS «engine»\n+OK\n"},
+                    Case{"TestOutcomes", "ok 1\nPASS src/a.test.js\nPASS b\n"},
+                    Case{"Smtp", "S: 334 UGFzc3dvcmQ6\nC: «ZW5naW5l»\nS: 235 ok"},
+                    Case{"Redis", R"("CONFIG" "SET" "requirepass" "«engine»")"},
+                    Case{"RedisUser", "user ada on >«engine» ~* +@all\n"},
+                    Case{"Nick", "PRIVMSG NickServ :IDENTIFY «engine»\n"},
+                    Case{"TunnelGroup", "tunnel-group x ikev1 pre-shared-key «abcdef»\n"},
+                    Case{"SnmpUser",
+                         "snmp-server user ada grp v3 auth sha «authpw77» priv aes 128 «privpw77»\n"}),
+    NameOf);
+
+INSTANTIATE_TEST_SUITE_P(
+    KeysOfOtherForms, SecretFinderTest,
+    testing::Values(
+        Case{
+            "WebKey",
+            R"({"kty":"OKP","d":"«nWGxne_9WmC6hEr0kuwsxERJxWl7MmkZcDusAxyuf2A»","x":"11qYAYKxCrfVS_7TyWQHOg7h"})"},
+        Case{"RawHex", "private key hex: «9d61b19deffd5a60ba844af492ec2cc44449c5697b326919703bac031cae7f60»"},
+        Case{"HashOfADatabase", "| ada | % | *«F62ADFAF48C292C2FB77A8CAF72228C1DFD7D5B6» |"},
+        Case{"HashOfWindows", "aad3b435b51404eeaad3b435b51404ee:«8846f7eaee8fb117ad06bdd830b7586c»"},
+        Case{"PasswordFile", "db.example.com:5432:app:ada:«engine»\n"},
+        Case{"TimeKeys", "1 MD5 «hyperbole»\n20 SHA1 HEX:«F3E988175303A222»\nsum SHA1 0123\n"},
+        Case{"WebTokenInColour", "\x1b[32meyJ«hbGciOiJIUzI1NiJ9.eyJzdWIiOiIxIn0.c2lnbmF0dXJl»\x1b[0m"},
+        Case{"MoreServices", "squ_«1c34307476799714b9bb9332df7342d5429c0cfd» rnd_value y0_x"}),
+    NameOf);
+
 TEST(FixedWordsTest, NoneIsTheEndOfAnother) {
   const std::vector<FixedWord> words = FixedWords();
   const auto ends_with = [](const std::string& text, const std::string& end) {

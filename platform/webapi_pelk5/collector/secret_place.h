@@ -1,0 +1,35 @@
+/// Secrets that stand at a fixed place behind a fixed beginning, with no name of their own: arguments of commands of
+/// modems and mail servers, of calls and directives, fields of entries, members of keys.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+#include <vector>
+
+#include "secret.h"
+
+namespace TARVO::SupportForm {
+
+/// The fixed beginnings; each is known by its place here.
+struct PlaceWord {
+  std::string_view text;
+  bool any_case = false;  ///< Upper and lower case letters are the same.
+};
+[[nodiscard]] const std::vector<PlaceWord>& PlaceWords();
+
+/// Finds what stands behind the beginning.
+/// @param place  Its number in PlaceWords().
+/// @param begin  Offset of the beginning.
+/// @param hit    Offset behind it.
+void FindAtPlace(std::size_t place, std::string_view text, std::size_t begin, std::size_t hit,
+                 std::vector<Secret>& found);
+
+/// The beginnings of keys of services, and how the keys go on.
+struct KeyPrefix {
+  std::string_view text;
+  SecretForm form;
+  std::size_t least;  ///< Bytes of the shortest key behind the beginning.
+};
+[[nodiscard]] const std::vector<KeyPrefix>& KeyPrefixes();
+
+}  // namespace TARVO::SupportForm
