@@ -98,7 +98,7 @@ std::string Packed(Packing packing, const std::string& text) {
 }
 
 std::string RandomLetters(std::size_t count) {
-  static constexpr char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-\n";
+  static constexpr char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+\n";
   std::minstd_rand random(4711);
   std::string text(count, ' ');
   for (char& c : text) c = kLetters[(random() >> 8U) % 64];
