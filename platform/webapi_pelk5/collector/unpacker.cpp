@@ -201,7 +201,7 @@ std::size_t Unpacker::Step(char* buffer, std::size_t capacity) {
 bool Unpacker::Refill() {
   if (input_ended_) return true;
   const std::size_t kept = left_.size();
-  std::memmove(buffer_.data(), left_.data(), kept);
+  if (kept > 0) std::memmove(buffer_.data(), left_.data(), kept);
   const ssize_t count = input_(buffer_.data() + kept, buffer_.size() - kept);
   if (count < 0) {
     Fail("it could not be read to its end: " + ErrorText(errno));
