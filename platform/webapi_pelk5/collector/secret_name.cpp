@@ -329,7 +329,6 @@ const WordSet<1024>& HarmlessEnds() {
                                       "exception",
                                       "test",
                                       "tests",
-                                      "spec",
                                       "model",
                                       "entity",
                                       "bean",
