@@ -24,7 +24,8 @@ enum ByteClass : unsigned {
   kHashSign = 1U << 13,     ///< "./$=,+-".
   kBase64Sign = 1U << 14,   ///< '+' and '/'.
   kColon = 1U << 16,        ///< ':'.
-  kHigh = 1U << 15,         ///< Beyond ASCII: of a letter in UTF-8, or of another character set.
+  kSpelled = 1U << 17,  ///< What punctuation in another spelling begins with: "\\%&", and ':' of full width.
+  kHigh = 1U << 15,     ///< Beyond ASCII: of a letter in UTF-8, or of another character set.
   kLowerDigit = kLower | kDigit,
   kUpperDigit = kUpper | kDigit,
   kAlnum = kUpper | kLower | kDigit,
@@ -45,7 +46,8 @@ constexpr std::array<unsigned, 256> MakeByteClasses() {
     };
     unsigned classes = in(" \t", kBlank) | in("\r\n", kLineEnd) | in("\"'", kQuote) | in("_-", kDash) |
                        in(".", kDot) | in("~+/=%", kEncoding) | in(",;.)]}\"'!?:<>\\", kPunctuation) |
-                       in(",]}", kListEnd) | in("./$=,+-", kHashSign) | in("+/", kBase64Sign);
+                       in(",]}", kListEnd) | in("./$=,+-", kHashSign) | in("+/", kBase64Sign) |
+                       in("\\%&\xef", kSpelled);
     if (c >= 'A' && c <= 'Z') classes |= kUpper;
     if (c >= 'a' && c <= 'z') classes |= kLower;
     if (c >= '0' && c <= '9') classes |= kDigit;

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "byte_class.h"
+#include "look_cost.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -22,6 +23,15 @@ constexpr std::size_t kReach = kFinderReach + 1;
 constexpr std::size_t kKeyBytes = std::size_t{32} << 10;
 /// Within so many bytes of a key's first or last line its base64 text has begun: header lines come first.
 constexpr std::size_t kKeyHeadBytes = 512;
+/// Where the allowance is spent, so much text is masked as a whole, and the rest of its last line.
+constexpr std::size_t kCoveredBytes = std::size_t{16} << 10;
+/// Nanoseconds of processor time, about: of a word that is found, and of a secret.
+constexpr std::uint64_t kWordCost = 75;
+constexpr std::uint64_t kSecretCost = 100;
+/// Words in a secret betray nothing more: the scan passes over so much of it and more, up to its last bytes.
+constexpr std::size_t kLeastSkipped = 1024;
+constexpr std::size_t kSecretTail = 1024;
+constexpr std::size_t kTokenBytes = 5;  ///< Of the word "token".
 
 /// Masks all but line ends.
 void MaskBytes(char* begin, const char* end) {
@@ -88,66 +98,112 @@ std::size_t Redactor::FindSecrets(std::string_view text, bool at_end) {
   return at_end ? text.size() : horizon_ - kReach;
 }
 
-/// Calls `take` with the number and the end of each hit that is due, in the order of their ends.
-void Redactor::Scan(const hs_database* database, void (Redactor::*take)(unsigned, std::size_t)) {
-  if (text_.empty()) return;
+/// Calls `take` with the number and the end of each hit that is due, in the order of their ends. It returns up to where
+/// no hit is due then.
+void Redactor::Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t)) {
   struct Context {
     Redactor* self;
-    void (Redactor::*take)(unsigned, std::size_t);
+    std::size_t (Redactor::*take)(unsigned, std::size_t);
+    std::size_t begin;         // Of what is scanned.
+    std::size_t taken;         // Hits up to here are not due.
+    bool stopped;              // There is much of that.
     std::exception_ptr error;  // Nothing may be thrown through the scanner.
-  } context = {this, take, nullptr};
+  } context = {this, take, 0, taken_, true, nullptr};
   const auto on_hit = [](unsigned number, unsigned long long /*from*/, unsigned long long to,
                          unsigned /*flags*/, void* data) noexcept {
-    auto& [self, handler, error] = *static_cast<Context*>(data);
-    if (to > self->horizon_) return 1;
-    if (to <= self->taken_) return 0;
+    auto& scan = *static_cast<Context*>(data);
+    const std::size_t hit = scan.begin + static_cast<std::size_t>(to);
+    if (hit > scan.self->horizon_) return 1;
+    if (hit <= scan.taken) return 0;
     try {
-      (self->*handler)(number, static_cast<std::size_t>(to));
+      scan.taken = (scan.self->*scan.take)(number, hit);
+      scan.stopped = scan.taken > hit;
     } catch (...) {
-      error = std::current_exception();
+      scan.error = std::current_exception();
     }
-    return error ? 1 : 0;
+    return scan.error || scan.stopped ? 1 : 0;
   };
-  const hs_error_t result = hs_scan(database, text_.data(), static_cast<unsigned>(text_.size()), 0,
-                                    scratch_.get(), on_hit, &context);
-  if (context.error) std::rethrow_exception(context.error);
-  if (result != HS_SUCCESS && result != HS_SCAN_TERMINATED) {
-    throw RedactionError("the text can't be searched for secrets, error " + std::to_string(result));
+  while (context.stopped && context.taken < horizon_) {
+    context.stopped = false;
+    context.begin = context.taken - std::min(context.taken, kReach);
+    const std::string_view rest = text_.substr(context.begin);
+    const hs_error_t result = hs_scan(database, rest.data(), static_cast<unsigned>(rest.size()), 0,
+                                      scratch_.get(), on_hit, &context);
+    if (context.error) std::rethrow_exception(context.error);
+    if (result != HS_SUCCESS && result != HS_SCAN_TERMINATED) {
+      throw RedactionError("the text can't be searched for secrets, error " + std::to_string(result));
+    }
   }
 }
 
-void Redactor::TakeWord(unsigned word, std::size_t hit) {
+std::size_t Redactor::TakeWord(unsigned word, std::size_t hit) {
   if (IsTokenWord(word)) token_until_ = hit;
   if (IsKeyMarkerWord(word)) {
     const std::optional<KeyMarker> marker = FindKeyMarker(Window(text_, hit), hit - WindowBegin(hit));
     if (marker) TakeKeyMarker({marker->begins_key, marker->begin + WindowBegin(hit), hit});
-    return;
+    return hit;
   }
   if (!taken_secrets_.empty()) {
     taken_secrets_.erase(std::remove_if(taken_secrets_.begin(), taken_secrets_.end(),
                                         [&](const Span& span) { return span.end < hit; }),
                          taken_secrets_.end());
   }
-  if (IsTaken(hit)) return;
-  const std::size_t begin = WindowBegin(hit);
-  found_.clear();
-  finder_.Find(word, Window(text_, hit), hit - begin, position_ + begin, found_);
-  for (Secret& secret : found_) {
-    secret.begin += begin;
-    secret.end += begin;
-    TakeSecret(secret);
+  if (TakenUntil(hit) == 0) {
+    const std::size_t begin = WindowBegin(hit);
+    found_.clear();
+    const std::uint64_t before = look_cost;
+    finder_.Find(word, Window(text_, hit), hit - begin, position_ + begin, found_);
+    allowance_.Spend(position_ + hit, look_cost - before + kSecretCost * found_.size());
+    for (Secret& secret : found_) {
+      secret.begin += begin;
+      secret.end += begin;
+      if (TakenUntil(secret.begin + 1) == 0) TakeSecret(secret);
+    }
+  }
+  std::size_t until = TakenUntil(hit + 1);
+  if (until < hit + kSecretTail) {
+    allowance_.Spend(position_ + hit, kWordCost);
+    if (!allowance_.IsSpent()) return hit;
+    TakeSecret({hit, SecretForm::kLines, 0, '\0', kCoveredBytes});
+    ++covered_;
+    allowance_.Renew();
+    until = TakenUntil(hit + 1);
+  }
+  // The tail is scanned, and costs, wherever the text's cut lets the next word be found.
+  until = std::min(until - std::min(until, kSecretTail), horizon_);
+  if (until < hit + kLeastSkipped) return hit;
+  LookInSecret(hit, until);
+  return until;
+}
+
+/// Finds what the scan, which passes over the secret, would find in it.
+void Redactor::LookInSecret(std::size_t begin, std::size_t end) {
+  const std::string_view text = text_.substr(0, end);
+  if (text.find("token", begin - std::min(begin, kTokenBytes)) != npos) token_until_ = end;
+  std::size_t dashes = text.substr(0, begin).find_last_not_of('-') + 1;
+  while ((dashes = text.find("----", dashes)) != npos) {
+    const std::size_t window = WindowBegin(dashes);
+    const std::optional<KeyMarker> marker = FindKeyMarkerAt(text.substr(window), dashes - window);
+    if (marker && marker->end + window > begin) {
+      TakeKeyMarker({marker->begins_key, marker->begin + window, marker->end + window});
+    }
+    dashes = std::min(text.find_first_not_of('-', dashes), end);
   }
 }
 
-/// Whether a word that ends there is in a secret that is known.
-bool Redactor::IsTaken(std::size_t offset) const {
-  return std::any_of(taken_secrets_.begin(), taken_secrets_.end(),
-                     [&](const Span& span) { return span.begin < offset && offset <= span.end; }) ||
-         std::any_of(open_.begin(), open_.end(), [&](const OpenSecret& open) { return open.begin < offset; });
+/// Where the secret ends that holds the byte before `offset`: 0 where none does, npos where that is not known yet.
+std::size_t Redactor::TakenUntil(std::size_t offset) const {
+  std::size_t until = 0;
+  for (const Span& span : taken_secrets_) {
+    if (span.begin < offset && offset <= span.end) until = std::max(until, span.end);
+  }
+  for (const OpenSecret& open : open_) {
+    if (open.begin < offset) until = npos;
+  }
+  return until;
 }
 
 void Redactor::TakeSecret(const Secret& secret) {
-  if (IsTaken(secret.begin + 1)) return;
   std::size_t end = secret.end;
   if (secret.form != SecretForm::kFixed) {
     SecretEnd search(secret);
@@ -204,8 +260,8 @@ void Redactor::EndKey(std::size_t end) {
 }
 
 /// Finds all matches of a pattern in the line around a hit; of a long line, in what may hold a match there.
-void Redactor::TakePattern(unsigned number, std::size_t hit) {
-  if (hit <= found_until_[number]) return;
+std::size_t Redactor::TakePattern(unsigned number, std::size_t hit) {
+  if (hit <= found_until_[number]) return hit;
   const std::size_t reach_begin = hit - std::min(hit, kFinderReach);
   const std::size_t line = text_.substr(reach_begin, hit - reach_begin).rfind('\n');
   const std::size_t line_end = text_.substr(hit, kFinderReach).find('\n');
@@ -231,6 +287,7 @@ void Redactor::TakePattern(unsigned number, std::size_t hit) {
     const auto match_end = static_cast<std::size_t>(groups[0].data() - window.data()) + groups[0].size();
     at = std::max(match_end, at + 1);
   }
+  return hit;
 }
 
 /// Masks what is decided, and turns the offsets of what is not into those of the next block.

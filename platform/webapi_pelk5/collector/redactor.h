@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "redaction_rules.h"
+#include "search_allowance.h"
 #include "secret_end.h"
 #include "secret_finder.h"
 #include "token_mask.h"
@@ -37,6 +38,9 @@ class Redactor {
   /// rule find counts twice.
   [[nodiscard]] std::uint64_t count() const { return count_ + token_mask_.count(); }
 
+  /// Parts of the text that were masked as a whole, as to search them would have cost too much. Each counts as a secret.
+  [[nodiscard]] std::uint64_t covered() const { return covered_; }
+
  private:
   /// Offsets into the block; those behind what is decided stay for the next one.
   struct Span {
@@ -52,21 +56,24 @@ class Redactor {
   };
 
   std::size_t FindSecrets(std::string_view text, bool at_end);
-  void Scan(const hs_database* database, void (Redactor::*take)(unsigned, std::size_t));
-  void TakeWord(unsigned word, std::size_t hit);
-  void TakePattern(unsigned number, std::size_t hit);
+  void Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t));
+  std::size_t TakeWord(unsigned word, std::size_t hit);
+  std::size_t TakePattern(unsigned number, std::size_t hit);
+  void LookInSecret(std::size_t begin, std::size_t end);
   void TakeKeyMarker(const KeyMarker& marker);
   void TakeSecret(const Secret& secret);
   void GoOnWithSecrets();
-  [[nodiscard]] bool IsTaken(std::size_t offset) const;
+  [[nodiscard]] std::size_t TakenUntil(std::size_t offset) const;
   void EndKey(std::size_t end);
   void MaskDecided(char* data, std::size_t decided);
 
   const RedactionRules* rules_;
   RedactionRules::Scratch scratch_;
   SecretFinder finder_;
+  SearchAllowance allowance_;
   TokenMask token_mask_;
   std::uint64_t count_ = 0;
+  std::uint64_t covered_ = 0;
 
   // The block in work.
   std::string_view text_;

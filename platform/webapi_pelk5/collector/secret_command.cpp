@@ -293,6 +293,7 @@ class Line {
   void Take(const Argument& argument) {
     const std::string_view word = text_.substr(argument.begin, argument.end - argument.begin);
     if (word.empty()) return;
+    look_cost += 40 + word.size();
     const std::string_view base = word.substr(word.rfind('/') + 1);
     if (rules_ == nullptr || !takes_next_) {
       if (const Commands::Rules* rules = KnownCommands().Find(base)) return BeginCommand(rules);
@@ -317,6 +318,8 @@ class Line {
     rules_ = rules;
     words_.clear();
     takes_next_ = nullptr;
+    needed_at_.clear();
+    for (const CommandRule* rule : *rules) needed_at_.push_back(*rule->needs == '\0' ? 0 : npos);
   }
 
   void EndCommand(char byte) {
@@ -348,24 +351,36 @@ class Line {
         return;
       }
     }
-    for (const CommandRule* rule : *rules_) {
-      if (rule->place == Place::kOption || rule->place == Place::kJoined) {
-        if (TakeOption(*rule, argument, word)) break;
+    for (std::size_t number = 0; number < rules_->size(); ++number) {
+      const CommandRule& rule = *(*rules_)[number];
+      if ((rule.place == Place::kOption || rule.place == Place::kJoined) && needed_at_[number] != npos) {
+        if (TakeOption(rule, argument, word)) break;
       }
     }
-    words_.push_back(argument);
+    AddWord(argument, word);
     if (word.front() == '-') return;
-    for (const CommandRule* rule : *rules_) {
-      const bool any = rule->place == Place::kAny && Has(*rule);
-      if (any || (rule->place == Place::kPositional && Position(*rule) == rule->nth)) {
-        AddPart(*rule, argument.begin, argument.end);
+    for (std::size_t number = 0; number < rules_->size(); ++number) {
+      const CommandRule& rule = *(*rules_)[number];
+      const bool any = rule.place == Place::kAny && needed_at_[number] != npos;
+      if (any || (rule.place == Place::kPositional && Position(number) == rule.nth)) {
+        AddPart(rule, argument.begin, argument.end);
       }
     }
   }
 
+  /// Notes the word, and which rules need it.
+  void AddWord(const Argument& argument, std::string_view word) {
+    constexpr std::size_t kNeedReach = 32;
+    for (std::size_t number = 0; number < rules_->size() && words_.size() < kNeedReach; ++number) {
+      if (needed_at_[number] == npos && IsNeeded(*(*rules_)[number], word))
+        needed_at_[number] = words_.size();
+    }
+    words_.push_back(argument);
+  }
+
   /// @return Whether the word is one of the rule's options.
   bool TakeOption(const CommandRule& rule, const Argument& argument, std::string_view word) {
-    if (!Has(rule)) return false;
+    look_cost += 20;
     bool taken = false;
     ForEachWord(rule.options, [&](std::string_view option) {
       if (taken || !StartsWith(word, option)) return;
@@ -391,20 +406,12 @@ class Line {
     return taken;
   }
 
-  /// Whether the word that the rule needs was met.
-  [[nodiscard]] bool Has(const CommandRule& rule) const {
-    return *rule.needs == '\0' || NeededAt(rule) != npos;
-  }
-
-  [[nodiscard]] std::size_t NeededAt(const CommandRule& rule) const {
+  /// Whether it is the word that the rule needs.
+  static bool IsNeeded(const CommandRule& rule, std::string_view word) {
     const std::string_view needs = rule.needs;
-    for (std::size_t at = 0; at < words_.size() && at < 32; ++at) {
-      const std::string_view word = WordOf(words_[at]);
-      const bool begins = needs.back() == '.' && StartsWith(word, needs);
-      const bool letter = needs.front() == '-' && word.front() == '-' && Contains(word, needs.back());
-      if (word == needs || begins || letter) return at;
-    }
-    return npos;
+    const bool begins = needs.back() == '.' && StartsWith(word, needs);
+    const bool letter = needs.front() == '-' && word.front() == '-' && Contains(word, needs.back());
+    return word == needs || begins || letter;
   }
 
   [[nodiscard]] std::string_view WordOf(const Argument& argument) const {
@@ -412,9 +419,9 @@ class Line {
   }
 
   /// The number of the last word among those that are no options, from 1; 0 if the rule's need is not met.
-  [[nodiscard]] unsigned Position(const CommandRule& rule) const {
-    const bool free = *rule.needs == '\0';
-    const std::size_t needed = free ? 0 : NeededAt(rule);
+  [[nodiscard]] unsigned Position(std::size_t number) const {
+    const bool free = *(*rules_)[number]->needs == '\0';
+    const std::size_t needed = needed_at_[number];
     if (needed == npos) return 0;
     unsigned position = 0;
     for (std::size_t at = free ? 0 : needed + 1; at < words_.size() && position < 8; ++at) {
@@ -425,10 +432,11 @@ class Line {
 
   void EndLast() {
     if (rules_ == nullptr || words_.empty()) return;
-    for (const CommandRule* rule : *rules_) {
-      if (rule->place == Place::kLast && Has(*rule) && WordOf(words_.back()).front() != '-' &&
+    for (std::size_t number = 0; number < rules_->size(); ++number) {
+      const CommandRule& rule = *(*rules_)[number];
+      if (rule.place == Place::kLast && needed_at_[number] != npos && WordOf(words_.back()).front() != '-' &&
           words_.size() > 2) {
-        AddPart(*rule, words_.back().begin, words_.back().end);
+        AddPart(rule, words_.back().begin, words_.back().end);
       }
     }
   }
@@ -485,8 +493,10 @@ class Line {
   const Commands::Rules* rules_ = nullptr;   ///< Of the command whose arguments are read.
   const CommandRule* takes_next_ = nullptr;  ///< Takes the next word.
   std::vector<Argument> words_;              ///< Of the command.
-  bool echoes_ = false;                      ///< The command writes its arguments.
-  bool piped_ = false;                       ///< The command reads what the one before it wrote.
+  std::vector<std::size_t>
+      needed_at_;        ///< Of each rule: the place of the word it needs; npos until it is met.
+  bool echoes_ = false;  ///< The command writes its arguments.
+  bool piped_ = false;   ///< The command reads what the one before it wrote.
   std::vector<Argument> echoed_;
 };
 
@@ -621,6 +631,7 @@ const std::vector<std::string_view>& CommandWords() {
 }
 
 std::size_t FindCommandSecrets(std::string_view text, std::size_t word, std::vector<Secret>& found) {
+  look_cost += 100;
   const std::size_t begin = SkipBack(text, word, kNameByte, 32);
   const std::size_t end = begin + RestOfLine(text, begin, kCommandReach).size();
   Line(text, begin, end, found).Find();

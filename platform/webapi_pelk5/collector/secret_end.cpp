@@ -1,6 +1,8 @@
 #include "secret_end.h"
 
-#include "byte_class.h"
+#include <algorithm>
+
+#include "text_look.h"
 #include "token_mask.h"
 
 namespace TARVO::SupportForm {
@@ -12,7 +14,7 @@ bool Escapes(SecretForm form) {
 
 bool GoesOverLines(SecretForm form) {
   return form == SecretForm::kDelimitedLines || form == SecretForm::kHereDocument ||
-         form == SecretForm::kBlock;
+         form == SecretForm::kBlock || form == SecretForm::kLines;
 }
 
 }  // namespace
@@ -40,6 +42,8 @@ std::size_t SecretEnd::Find(std::string_view text, std::size_t at, bool at_end) 
   const bool escapes = Escapes(secret_.form);
   const bool over_lines = GoesOverLines(secret_.form);
   for (; at < text.size(); ++at) {
+    at = SkipInside(text, at);
+    if (at == text.size()) break;
     if (over_lines && ++lines_bytes_ > kMaxLinesBytes) return at;
     if (escapes && text[at] == '\\') {
       run_ = run_ + 1 < TokenMask::kMaxBackslashes ? run_ + 1 : 0;
@@ -53,6 +57,28 @@ std::size_t SecretEnd::Find(std::string_view text, std::size_t at, bool at_end) 
   if (!at_end) return std::string_view::npos;
   if (secret_.form == SecretForm::kDoubled) return text.size() - matched_ % 4;
   return text.size() - (tail_ == Tail::kNone ? 0 : tail_size_ + run_);
+}
+
+/// Offset of the next byte that may matter for the end.
+std::size_t SecretEnd::SkipInside(std::string_view text, std::size_t at) {
+  if (const unsigned classes = ClassesOf(secret_.form)) return SkipForward(text, at, classes);
+  const SecretForm form = secret_.form;
+  const bool over_lines = GoesOverLines(form);
+  const bool indented = (form == SecretForm::kHereDocument || form == SecretForm::kBlock) && in_indent_;
+  if (indented || run_ > 0 || matched_ > 0 || tail_ != Tail::kNone) return at;
+  // Of here-documents and blocks the delimiter and the mark matter at the beginning of a line only.
+  const bool line_end_only = over_lines && form != SecretForm::kDelimitedLines;
+  const bool one_word = form == SecretForm::kWord || form == SecretForm::kScalar;
+  const unsigned ends =
+      kLineEnd | (line_end_only ? 0U : kQuote | kListEnd | kSpelled) | (one_word ? 0U + kBlank : 0U);
+  const char mark = line_end_only ? '\n' : form == SecretForm::kElement ? '<' : secret_.mark;
+  const char first = line_end_only || secret_.delimiter.empty() ? mark : secret_.delimiter[0];
+  const std::size_t most = over_lines ? kMaxLinesBytes - lines_bytes_ : text.size();
+  const std::size_t limit = at + std::min(most, text.size() - at);
+  std::size_t next = at;
+  while (next < limit && !Is(text[next], ends) && text[next] != mark && text[next] != first) ++next;
+  if (over_lines) lines_bytes_ += next - at;
+  return next;
 }
 
 /// Whether the secret ends before the byte; and how many of the bytes before do not belong to it.
@@ -85,6 +111,8 @@ std::optional<std::size_t> SecretEnd::Ends(char byte) {
       return EndsHereDocument(byte);
     case SecretForm::kBlock:
       return EndsBlock(byte);
+    case SecretForm::kLines:
+      return ends_at(lines_bytes_ > secret_.level && Is(byte, kLineEnd));
     default:
       return ends_at(!Is(byte, ClassesOf(secret_.form)));
   }

@@ -27,6 +27,7 @@ class SecretEnd {
   /// quote in other quoting and a quote that opens again.
   enum class Tail { kNone, kClosed, kEscapedQuote, kOtherQuote, kOtherQuoted, kOtherClosed };
 
+  [[nodiscard]] std::size_t SkipInside(std::string_view text, std::size_t at);
   [[nodiscard]] std::optional<std::size_t> Ends(char byte);
   [[nodiscard]] std::optional<std::size_t> EndsWord(char byte) const;
   [[nodiscard]] std::optional<std::size_t> EndsQuoted(char byte);

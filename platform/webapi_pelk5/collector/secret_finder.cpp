@@ -370,6 +370,7 @@ bool FindShellDefault(const Name& name, const Separator& separator, std::vector<
 }
 
 void FindNamedValue(const Name& name, Telling telling, std::vector<Secret>& found) {
+  look_cost += 30;
   if (IsHarmlessName(name)) return;
   const std::optional<Separator> separator = FindSeparator(name);
   if (!separator) return FindPhrase(name, telling, found);
@@ -506,10 +507,9 @@ bool FindKeyValue(const Name& name, std::vector<Secret>& found) {
   const std::size_t at = SkipBlanks(text, name.end);
   if (EndsWith(text.substr(0, before), "option") && IsQuotedAt(text, at)) Take(FindQuoted(text, at), found);
   if (From(text, name.end, 3) == "=s:") found.push_back({name.end + 3, SecretForm::kWord});
+  if (From(text, name.end, 2) != ": " || !Is(Before(text, name.begin), kLineEnd)) return false;
   const std::size_t end = SkipForward(text, name.end + 2, kEncodedByte | kBase64Sign, kEntryReach);
-  const bool padded =
-      From(text, name.end, 2) == ": " && Before(text, end) == '=' && Is(Before(text, name.begin), kLineEnd);
-  if (padded && LooksLikeKey(From(text, name.end + 2, end - name.end - 2))) {
+  if (Before(text, end) == '=' && LooksLikeKey(From(text, name.end + 2, end - name.end - 2))) {
     found.push_back({name.end + 2, SecretForm::kFixed, end});
   }
   return false;
@@ -770,9 +770,7 @@ void FindHexHash(const Rule& rule, std::string_view text, std::size_t word, std:
 
 /// Where the entry begins that ends at `at`, in its line.
 std::size_t EntryBegin(std::string_view text, std::size_t at) {
-  const std::size_t from = at - std::min(at, kEntryReach);
-  const std::size_t line = text.substr(from, at - from).find_last_of("\r\n");
-  return line == npos ? from : from + line + 1;
+  return at - LineBefore(text, at, kEntryReach).size();
 }
 
 /// The fields of an entry that are hashes: DES crypt of 13 characters, hexadecimal of 32.
@@ -825,12 +823,11 @@ void FindProtocolLogin(std::string_view text, std::size_t at, std::vector<Secret
 
 /// "PSK - hexdump(len=32): 18 38 e3 ..."
 void FindHexDump(std::string_view text, std::size_t word, std::size_t at, std::vector<Secret>& found) {
-  const std::size_t from = word - std::min<std::size_t>(word, 64);
-  const std::string_view line = text.substr(from, word - from);
-  const std::string_view what = line.substr(line.find_last_of("\r\n") + 1);
+  const std::string_view what = LineBefore(text, word, 64);
   static constexpr std::array<std::string_view, 14> kKeys = {"PSK",  "PMK",    "PTK",      "GTK",     "KEK",
                                                              "KCK",  "TK",     "MSK",      "Key",     "key",
                                                              "EMSK", "secret", "Password", "password"};
+  look_cost += kKeys.size() * (10 + what.size() / 4);
   const bool is_key =
       std::any_of(kKeys.begin(), kKeys.end(), [&](std::string_view key) { return what.find(key) != npos; });
   const std::size_t colon = RestOfLine(text, at, 32).find("): ");
@@ -859,6 +856,7 @@ void FindQueryPassword(std::string_view text, std::size_t word, std::size_t at, 
 
 /// "?key=..." and other parameters, "/t/...": if it looks like a key.
 void FindQueryKey(std::string_view text, std::size_t at, std::vector<Secret>& found) {
+  look_cost += 30;
   const std::size_t end = SkipForward(text, at, kEncodedByte, kEntryReach);
   const std::size_t last = From(text, at, end - at).find('/');
   if (LooksLikeKey(From(text, at, last == npos ? end - at : last)))
@@ -880,14 +878,18 @@ bool IsUrlPlaceholder(std::string_view password) {
 
 void FindPrefixed(const Rule& rule, std::string_view text, std::size_t word_begin, std::size_t at,
                   std::vector<Secret>& found) {
+  look_cost += 20;
   const bool begins_word = Is(rule.word.front(), kAlnum);
   const bool coloured = SkipColourBack(text, word_begin) != word_begin;
   if (begins_word && Is(Before(text, word_begin), kAlnum) && !coloured) return;
-  const std::size_t end = SkipForward(text, at, ClassesOf(rule.form),
-                                      rule.form == SecretForm::kDotted ? kWebTokenReach : rule.least);
-  if (end - at < rule.least) return;
-  const std::string_view head = text.substr(at, end - at);
-  if (rule.word == "eyJ" && head.find('.') == npos) return;
+  std::size_t least = rule.least;
+  if (rule.word == "eyJ") {
+    const std::size_t dot = From(text, at, kWebTokenReach).find('.');
+    if (dot == npos) return;
+    least = std::max(least, dot + 1);
+  }
+  const std::size_t end = SkipForward(text, at, ClassesOf(rule.form), least);
+  if (end - at < least) return;
   // A name of words is none: "key-management-service-endpoint-configuration".
   const std::string_view begin =
       From(text, at, SkipForward(text, at, ClassesOf(rule.form), kMarkerReach) - at);
@@ -968,12 +970,12 @@ void SecretFinder::Find(unsigned word, std::string_view text, std::size_t hit, s
       return Take(FindItem(text, SkipBlanks(text, hit)), found);
     case Kind::kSnmpUser:
       return FindSnmpUser(text, hit, found);
+    case Kind::kPlace:
+      return FindAtPlace(rule.least, text, begin, hit, found);
     case Kind::kCommand:
       if (position + hit <= commands_until_) return;
       commands_until_ = position + FindCommandSecrets(text, begin, found);
       return;
-    case Kind::kPlace:
-      return FindAtPlace(rule.least, text, begin, hit, found);
     case Kind::kMarker:
       return;
   }
@@ -1150,6 +1152,18 @@ std::optional<KeyMarker> FindKeyMarker(std::string_view text, std::size_t hit) {
   const bool begins = StartsWith(verb, "BEGIN ");
   if (!begins && !StartsWith(verb, "END ")) return std::nullopt;
   return KeyMarker{begins, SkipBack(text, from + dashes, kDash, 8), hit};
+}
+
+std::optional<KeyMarker> FindKeyMarkerAt(std::string_view text, std::size_t dashes) {
+  for (const Rule& rule : Rules()) {
+    if (rule.kind != Kind::kMarker) continue;
+    const std::size_t letters = rule.word.find_last_not_of('-') + 1;
+    const std::size_t begin = dashes - std::min(dashes, letters);
+    if (text.compare(begin, rule.word.size(), rule.word) == 0) {
+      return FindKeyMarker(text, begin + rule.word.size());
+    }
+  }
+  return std::nullopt;
 }
 
 bool HasKeyMaterial(std::string_view text) {

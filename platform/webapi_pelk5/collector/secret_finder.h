@@ -75,6 +75,8 @@ struct KeyMarker {
 /// Whether the fixed word belongs to key markers: FindKeyMarker() is to be asked then, not a SecretFinder.
 [[nodiscard]] bool IsKeyMarkerWord(unsigned word);
 [[nodiscard]] std::optional<KeyMarker> FindKeyMarker(std::string_view text, std::size_t hit);
+/// The key marker whose last dashes begin at `dashes`, without a hit.
+[[nodiscard]] std::optional<KeyMarker> FindKeyMarkerAt(std::string_view text, std::size_t dashes);
 
 /// Whether bytes as of a key's base64 text stand there: at least 16 in a row.
 [[nodiscard]] bool HasKeyMaterial(std::string_view text);

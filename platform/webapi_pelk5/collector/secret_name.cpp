@@ -442,6 +442,7 @@ std::size_t FindNameEnd(std::string_view text, std::size_t at) {
   const std::size_t limit = at + kNameReach;
   while (at < limit && IsNameByte(At(text, at)) && !(Is(text[at], kHigh) && IsHighPunctuation(text, at)))
     ++at;
+  look_cost += 2 + (at + kNameReach - limit);
   while (Before(text, at) == '.') --at;  // Of a sentence, or a row of dots.
   return at;
 }
@@ -520,6 +521,7 @@ bool IsLinePrefix(std::string_view word) {
 }  // namespace
 
 Name NameAround(std::string_view text, std::size_t word_begin, std::size_t word_end) {
+  look_cost += 20;
   Name name;
   name.text = text;
   name.word_begin = word_begin;
@@ -561,6 +563,7 @@ std::size_t SkipClosers(const Name& name, bool& quoted) {
 }
 
 std::optional<Separator> FindSeparator(const Name& name) {
+  look_cost += 10;
   const std::string_view text = name.text;
   if (At(text, name.end) == ' ' && Is(At(text, name.end + 1), kAlnum)) return std::nullopt;  // A sentence.
   Separator separator;
@@ -641,6 +644,7 @@ bool IsInTellingSection(const Name& name) {
   if (!Is(Before(name.text, name.begin), kLineEnd)) return false;
   const std::size_t from = name.begin - std::min(name.begin, kSectionReach);
   const std::string_view above = name.text.substr(from, name.begin - from);
+  look_cost += 20 + 2 * above.size();
   const std::size_t head = above.rfind("\n[");
   const std::size_t begin = head != npos ? head + 2 : from == 0 && StartsWith(above, "[") ? 1 : npos;
   if (begin == npos) return false;

@@ -159,6 +159,7 @@ bool IsReferring(const Name& name) {
 /// Offset behind attributes or members between a name and its value; each has a name and a value in quotes.
 std::size_t SkipMember(std::string_view text, std::size_t at, std::size_t limit) {
   for (; at < limit; ++at) {
+    ++look_cost;
     const char byte = At(text, at);
     if (byte == ',' || byte == ' ') return at + 1;
     if (byte == '>' || byte == '}' || byte == '{' || byte == '<' || byte == '\n') return npos;
@@ -210,6 +211,7 @@ std::optional<Secret> FindPairBefore(const Name& name) {
   const std::string_view head = text.substr(from, name.start - from);
   std::size_t item = head.size();
   while (item > 0 && !Contains("{<\n", head[item - 1])) --item;
+  look_cost += 20 + (head.size() - item);
   for (const std::string_view word : {"value", "Value"}) {
     const std::size_t value = head.substr(item).find(word);
     if (value == npos) continue;
@@ -533,10 +535,13 @@ std::optional<Secret> FindSentence(const Name& name, Telling telling) {
     from = IsSameWord(bare, "from");
     changed = changed || IsSameWord(bare, "changed") || IsSameWord(bare, "set") || IsSameWord(bare, "reset");
     const std::size_t next = SkipBlanks(text, at + word.size());
-    const std::string_view last = WordAt(text, next, kValueReach);
-    if (colon && IsSameWord(bare, "is") && telling == Telling::kPassword && EndsStatement(text, next, last) &&
-        !last.empty() && !IsProse(last) && !IsOutcome(last) && !IsPlaceholder(text, next)) {
-      return Secret{next, SecretForm::kWord};  // "your new password is: abc"
+    if (colon && IsSameWord(bare, "is") && telling == Telling::kPassword) {
+      // "your new password is: abc"
+      const std::string_view last = WordAt(text, next, kValueReach);
+      if (EndsStatement(text, next, last) && !last.empty() && !IsProse(last) && !IsOutcome(last) &&
+          !IsPlaceholder(text, next)) {
+        return Secret{next, SecretForm::kWord};
+      }
     }
     if (colon && about && !Is(At(text, next), kLineEnd)) {
       // "token for kibana: +ox4nt"
@@ -608,7 +613,9 @@ std::optional<Secret> FindInnerValue(const Name& name, const Separator& separato
 }
 
 void FindPhrase(const Name& name, Telling telling, std::vector<Secret>& found) {
+  look_cost += 20;
   if (IsInSentence(name, telling)) return;
+  look_cost += 150;
   const auto take = [&](const std::optional<Secret>& secret) {
     if (secret) found.push_back(*secret);
     return secret.has_value();

@@ -356,6 +356,11 @@ std::vector<Argument> StringsFrom(std::string_view text, std::size_t at, bool ca
   const std::size_t limit = std::min(text.size(), at + kArgumentsReach);
   std::size_t depth = 0;
   while (at < limit && !Is(text[at], kLineEnd) && strings.size() < 8) {
+    look_cost += 2;
+    if (!Is(text[at], kQuote | kSpelled) && text[at] != '(' && text[at] != ')') {
+      ++at;
+      continue;
+    }
     const Sign sign = SignAt(text, at);
     if (!sign.coded && (sign.meaning == '"' || (call && sign.meaning == '\''))) {
       Argument argument;
@@ -363,6 +368,11 @@ std::vector<Argument> StringsFrom(std::string_view text, std::size_t at, bool ca
       argument.named = call && Contains("=:", Before(text, SkipBlanksBack(text, at)));
       std::size_t end = argument.begin;
       while (end < limit && !Is(text[end], kLineEnd)) {
+        look_cost += 2;
+        if (!Is(text[end], kQuote | kSpelled)) {
+          ++end;
+          continue;
+        }
         const Sign close = SignAt(text, end);
         if (close.meaning == sign.meaning && close.level == sign.level) break;
         end += close.size;
@@ -394,6 +404,7 @@ bool IsAll(std::string_view word, unsigned classes) {
 }
 
 bool HasAny(std::string_view name, std::initializer_list<std::string_view> parts) {
+  look_cost += parts.size() * (10 + name.size() / 4);
   return std::any_of(parts.begin(), parts.end(),
                      [&](std::string_view part) { return name.find(part) != npos; });
 }
@@ -437,6 +448,7 @@ void FindInModemCommand(std::string_view text, std::size_t begin, std::size_t at
 
 /// "verification code is 482913", "setup_code": "123-45-678", "recovery codes: 1234-5678, 2345-6789"
 void FindCode(std::string_view text, std::size_t begin, std::size_t hit, std::vector<Secret>& found) {
+  look_cost += 150;
   const Name name = NameAround(text, begin, hit);
   const std::string_view tail = name.tail();
   const bool plural = tail == "s" || tail == "S";
@@ -499,15 +511,9 @@ void FindPairValue(std::string_view text, std::size_t at, std::vector<Secret>& f
   found.push_back({at + colon + 1, SecretForm::kFixed, at + colon + 1 + secret.size()});
 }
 
-std::string_view LineBefore(std::string_view text, std::size_t at) {
-  const std::size_t from = at - std::min(at, kLineReach);
-  const std::string_view before = text.substr(from, at - from);
-  return before.substr(before.find_last_of("\r\n") + 1);
-}
-
 /// PASS abc, behind a mark of who says it or an earlier USER line.
 void FindPassLine(std::string_view text, std::size_t begin, std::size_t at, std::vector<Secret>& found) {
-  std::string_view mark = LineBefore(text, begin);
+  std::string_view mark = LineBefore(text, begin, kLineReach);
   while (!mark.empty() && Is(mark.back(), kBlank)) mark.remove_suffix(1);
   const bool said = !mark.empty() && (Contains(">:\"'<]", mark.back()) || EndsWith(mark, "<-"));
   const bool news = EndsWith(mark, "AUTHINFO");
@@ -525,7 +531,7 @@ void FindPassLine(std::string_view text, std::size_t begin, std::size_t at, std:
 
 /// a1 LOGIN bob abc, AUTH LOGIN Ym9iOmFiYw==
 void FindLoginLine(std::string_view text, std::size_t begin, std::size_t at, std::vector<Secret>& found) {
-  const std::string_view line = LineBefore(text, begin);
+  const std::string_view line = LineBefore(text, begin, kLineReach);
   if (EndsWith(line, "AUTH")) {  // Of SMTP, with base64.
     if (SkipForward(text, at, kBase64Byte, 8) == at + 8) found.push_back({at, SecretForm::kEncoded});
     return;
@@ -559,7 +565,7 @@ void FindSnmpPhrase(std::string_view text, std::size_t at, std::vector<Secret>& 
 
 /// What a command that reads a secret gets: sudo -S <<< "abc"
 void FindHereString(std::string_view text, std::size_t begin, std::size_t at, std::vector<Secret>& found) {
-  const std::string_view line = LineBefore(text, begin);
+  const std::string_view line = LineBefore(text, begin, kLineReach);
   if (!HasAny(line, {"pass", "secret", "sudo -S", "stdin", "cryptsetup", "kinit", "wg ", "token", "key"})) {
     return;
   }
@@ -572,7 +578,7 @@ void FindHereString(std::string_view text, std::size_t begin, std::size_t at, st
 
 /// The lines below with more blanks before them: hexadecimal bytes.
 void FindHexBlock(std::string_view text, std::size_t begin, std::size_t at, std::vector<Secret>& found) {
-  const std::string_view before = LineBefore(text, begin);
+  const std::string_view before = LineBefore(text, begin, kLineReach);
   if (!IsAll(before, kBlank)) return;
   std::size_t line = At(text, at) == '\r' ? at + 1 : at;
   if (At(text, line) != '\n') return;
@@ -632,7 +638,7 @@ void FindBehindUser(std::string_view text, std::size_t hit, std::vector<Secret>&
 
 /// An entry of a key file: 1 MD5 abc
 void FindTimeKey(std::string_view text, std::size_t begin, std::size_t at, std::vector<Secret>& found) {
-  std::string_view line = LineBefore(text, begin);
+  std::string_view line = LineBefore(text, begin, kLineReach);
   while (!line.empty() && Is(line.front(), kBlank)) line.remove_prefix(1);
   if (line.empty() || line.size() > 5 || !IsAll(line, kDigit)) return;
   if (From(text, at, 4) == "HEX:") at += 4;
@@ -683,6 +689,7 @@ const std::vector<PlaceWord>& PlaceWords() {
 
 void FindAtPlace(std::size_t place, std::string_view text, std::size_t begin, std::size_t hit,
                  std::vector<Secret>& found) {
+  look_cost += 20;
   const Place kind = kPlaces[place].place;
   const auto take = [&](const std::optional<Secret>& secret) {
     if (secret) found.push_back(*secret);
@@ -733,7 +740,7 @@ void FindAtPlace(std::size_t place, std::string_view text, std::size_t begin, st
     case Place::kLoginLine:
       return FindLoginLine(text, begin, hit, found);
     case Place::kAclUser:
-      if (At(text, hit) != '=' && HasAny(LineBefore(text, begin), {"user ", "USER "}))
+      if (At(text, hit) != '=' && HasAny(LineBefore(text, begin, kLineReach), {"user ", "USER "}))
         take(FindItem(text, hit));
       return;
     case Place::kSnmpAuth:

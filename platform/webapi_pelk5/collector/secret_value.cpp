@@ -500,6 +500,7 @@ std::size_t BehindBrackets(std::string_view text, std::size_t at, std::string_vi
   if (From(text, at, open.size()) != open) return npos;
   const std::size_t limit = std::min(text.size(), at + kPlaceholderReach);
   for (std::size_t end = at + open.size(); end < limit && !Is(text[end], kLineEnd); ++end) {
+    ++look_cost;
     if (text[end] == close.front() && From(text, end, close.size()) == close) return end + close.size();
   }
   return npos;
@@ -651,6 +652,7 @@ std::size_t BehindReference(std::string_view text, std::size_t at) {
 std::size_t BehindPlaceholder(std::string_view text, std::size_t at, bool quoted) {
   static constexpr std::array<std::string_view, 6> kReferences = {
       "hmac-sha256:", "sha256:", "embed:", "hash:/", "env:", "$p$"};
+  look_cost += 30;
   const char first = At(text, at);
   for (const std::string_view reference : kReferences) {
     if (first == reference.front() && From(text, at, reference.size()) == reference)
@@ -693,6 +695,7 @@ bool IsNoValue(std::string_view text, std::size_t at) {
 /// Whether the value says only what became of a secret.
 bool IsHarmlessWord(const Name& name, const Separator& separator) {
   const std::string_view text = name.text;
+  look_cost += 30;
   const std::size_t begin = separator.value;
   std::size_t end = SkipForward(text, begin, kAlnum | kDash, 24);
   if (At(text, end) == '/' && end == begin + 1) end = SkipForward(text, end + 1, kAlnum, 1);  // "n/a"
@@ -1019,6 +1022,7 @@ bool IsPlaceholder(std::string_view text, std::size_t at) {
 }
 
 bool LooksLikePassword(std::string_view word) {
+  look_cost += 10 + 4 * word.size();
   word = WithoutPunctuation(word);
   if (word.size() < 6 || Contains("/<([{$%-", word.front())) return false;
   const std::size_t digits = DigitCount(word);
@@ -1032,6 +1036,7 @@ bool LooksLikePassword(std::string_view word) {
 }
 
 bool LooksLikeKey(std::string_view word) {
+  look_cost += 2 + 3 * word.size();
   if (word.size() < 16) return false;
   std::size_t run = 0;
   std::size_t longest = 0;
@@ -1064,7 +1069,9 @@ bool IsVersionNumber(std::string_view word) {
 
 std::size_t ClosingQuote(std::string_view text, std::size_t at, char quote, std::size_t most) {
   const std::size_t limit = std::min(text.size(), at + most);
+  const std::size_t begin = at;
   while (at < limit && text[at] != quote && !Is(text[at], kLineEnd)) ++at;
+  look_cost += 2 + (at - begin) / 2;
   return at < limit && text[at] == quote ? at : npos;
 }
 
@@ -1089,6 +1096,7 @@ std::optional<Secret> FindItem(std::string_view text, std::size_t at) {
 std::optional<Secret> FindValue(const Name& name, const Separator& separator) {
   const std::string_view text = name.text;
   const std::size_t at = separator.value;
+  look_cost += 120;
   if (std::optional<Secret> lines = FindBelow(name, separator)) return lines;
   if (std::optional<Secret> lines = FindHereDocument(text, at)) return lines;
   if (std::optional<Secret> typographic = FindTypographic(text, at)) return typographic;

@@ -67,6 +67,7 @@ Sign PercentSign(std::string_view text, std::size_t at) {
 }  // namespace
 
 std::size_t SkipColourThere(std::string_view text, std::size_t at) {
+  look_cost += 20;
   for (const std::string_view begin : kColourBegins) {
     if (From(text, at, begin.size()) != begin) continue;
     std::size_t end = at + begin.size();
@@ -82,6 +83,7 @@ std::size_t SkipColourBack(std::string_view text, std::size_t at) {
   while (numbers > 0 && numbers + 24 > at && (Is(text[numbers - 1], kDigit) || text[numbers - 1] == ';')) {
     --numbers;
   }
+  look_cost += 20;
   for (const std::string_view begin : kColourBegins) {
     if (EndsWith(text.substr(0, numbers), begin)) return numbers - begin.size();
   }
@@ -91,10 +93,14 @@ std::size_t SkipColourBack(std::string_view text, std::size_t at) {
 std::size_t SkipBlanksAndColours(std::string_view text, std::size_t at) {
   const std::size_t limit = at + kBlankReach;
   while (at < limit) {
-    const char byte = At(text, at);
-    if (Is(byte, kAlnum)) break;
-    const std::size_t next = Is(byte, kBlank) ? at + 1 : SkipColour(text, at);
-    if (next == at) break;
+    // Columns are far apart; many looks at one word skip the same blanks.
+    static constexpr std::string_view kColumn = "                ";
+    while (at + kColumn.size() <= limit && text.compare(at, kColumn.size(), kColumn) == 0)
+      at += kColumn.size();
+    const std::size_t word = SkipForward(text, at, kBlank, limit - at);
+    const std::size_t next = SkipColour(text, word);
+    at = word;
+    if (next == word) break;
     at = next;
   }
   return at;
@@ -129,17 +135,27 @@ std::size_t CountBackslashes(std::string_view text, std::size_t at) {
 std::string_view WordAt(std::string_view text, std::size_t at, std::size_t most) {
   std::size_t end = at;
   while (end < text.size() && end - at < most && !Is(text[end], kBlank | kLineEnd)) ++end;
+  look_cost += 2 + (end - at);
   return From(text, at, end - at);
 }
 
 std::string_view RestOfLine(std::string_view text, std::size_t at, std::size_t most) {
+  look_cost += 10;
   const std::string_view rest = From(text, at, most);
-  std::size_t end = 0;
-  while (end < rest.size() && !Is(rest[end], kLineEnd)) ++end;
-  return rest.substr(0, end);
+  const std::string_view line = rest.substr(0, rest.find('\n'));
+  return line.substr(0, line.find('\r'));
+}
+
+std::string_view LineBefore(std::string_view text, std::size_t at, std::size_t most) {
+  const std::size_t limit = at - std::min(at, most);
+  std::size_t begin = at;
+  while (begin > limit && !Is(text[begin - 1], kLineEnd)) --begin;
+  look_cost += 2 + (at - begin) / 2;
+  return text.substr(begin, at - begin);
 }
 
 Sign CodedSignAt(std::string_view text, std::size_t at) {
+  look_cost += 10;
   const char byte = At(text, at);
   switch (byte) {
     case '\\':
@@ -163,6 +179,7 @@ Sign CodedSignAt(std::string_view text, std::size_t at) {
 }
 
 Sign SignBefore(std::string_view text, std::size_t at) {
+  look_cost += 5;
   const char byte = Before(text, at);
   if (Is(byte, kQuote)) {
     const std::size_t quote = at - 1;

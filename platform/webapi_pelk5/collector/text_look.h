@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "byte_class.h"
+#include "look_cost.h"
 
 namespace TARVO::SupportForm {
 
@@ -45,6 +46,7 @@ bool StandsAt(std::string_view text, std::size_t at, const char (&literal)[size]
 }
 /// Whether `text` begins with the word, in any case; `lower` is in lower case.
 inline bool StartsWithWord(std::string_view text, std::string_view lower) {
+  look_cost += 2;
   if (text.size() < lower.size()) return false;
   for (std::size_t at = 0; at < lower.size(); ++at) {
     if (lower[at] != ToLower(text[at])) return false;
@@ -61,13 +63,17 @@ inline std::size_t SkipForward(std::string_view text, std::size_t at, unsigned c
                                std::size_t most = std::string_view::npos) {
   if (at >= text.size()) return at;
   const std::size_t limit = at + (most < text.size() - at ? most : text.size() - at);
-  while (at < limit && Is(text[at], classes)) ++at;
-  return at;
+  std::size_t end = at;
+  while (end < limit && Is(text[end], classes)) ++end;
+  look_cost += 2 + (end - at) / 2;
+  return end;
 }
 inline std::size_t SkipBack(std::string_view text, std::size_t at, unsigned classes, std::size_t most) {
   const std::size_t limit = at - (most < at ? most : at);
-  while (at > limit && Is(text[at - 1], classes)) --at;
-  return at;
+  std::size_t begin = at;
+  while (begin > limit && Is(text[begin - 1], classes)) --begin;
+  look_cost += 2 + (at - begin) / 2;
+  return begin;
 }
 /// Offset behind a terminal's colour that begins at `at`; `at` where none does. ESC may be written out, as loggers do.
 std::size_t SkipColourThere(std::string_view text, std::size_t at);
@@ -96,6 +102,9 @@ std::string_view WordAt(std::string_view text, std::size_t at, std::size_t most)
 /// The rest of the line, at most `most` bytes.
 std::string_view RestOfLine(std::string_view text, std::size_t at, std::size_t most);
 
+/// The line's part before `at`, at most `most` bytes.
+std::string_view LineBefore(std::string_view text, std::size_t at, std::size_t most);
+
 /// A byte of punctuation, as it is, behind backslashes that escape a quote, or in another spelling: \u0022, \x22,
 /// &quot;, &#34; and %22 all mean '"'.
 struct Sign {
@@ -108,7 +117,7 @@ struct Sign {
 Sign CodedSignAt(std::string_view text, std::size_t at);
 inline Sign SignAt(std::string_view text, std::size_t at) {
   const char byte = At(text, at);
-  return Contains("\\%&\xef", byte) ? CodedSignAt(text, at) : Sign{byte, 1, 0, false};
+  return Is(byte, kSpelled) ? CodedSignAt(text, at) : Sign{byte, 1, 0, false};
 }
 Sign SignBefore(std::string_view text, std::size_t at);
 

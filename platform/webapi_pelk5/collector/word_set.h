@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "byte_class.h"
+#include "look_cost.h"
 
 namespace TARVO::SupportForm {
 
@@ -23,7 +24,10 @@ class WordSet {
   }
 
   [[nodiscard]] bool Has(std::string_view word) const {
-    return !word.empty() && looks_[LookOf(word)] && !words_[Find(word)].empty();
+    look_cost += 4;
+    if (word.empty() || !looks_[LookOf(word)]) return false;
+    look_cost += 10 + word.size();
+    return !words_[Find(word)].empty();
   }
 
  private:

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <cstdint>
+
+namespace TARVO::SupportForm {
+
+/// What this thread's looks at texts have cost since it began: nanoseconds of processor time, about. Counted by what
+/// looks and not measured, so that the same look costs the same on every machine, however busy.
+inline thread_local std::uint64_t look_cost = 0;
+
+}  // namespace TARVO::SupportForm
