@@ -131,10 +131,16 @@ class Unpacker::Zstd final : public Decoder {
     ZSTD_DCtx_setParameter(context_.get(), ZSTD_d_windowLogMax, kZstdWindowLog);
   }
 
-  void Begin() override { ZSTD_DCtx_reset(context_.get(), ZSTD_reset_session_only); }
+  void Begin() override {
+    ZSTD_DCtx_reset(context_.get(), ZSTD_reset_session_only);
+    at_begin_ = true;
+  }
 
   Result Unpack(std::string_view& input, char*& output, std::size_t& room) override {
-    ZSTD_inBuffer in = {input.data(), input.size(), 0};
+    // The first byte alone: a frame that it gets whole the library unpacks in another way, without a look at the window
+    // and with other ideas of damage. What a file is worth must not depend on where its frames lie in a buffer.
+    ZSTD_inBuffer in = {input.data(), std::min(input.size(), at_begin_ ? std::size_t{1} : input.size()), 0};
+    at_begin_ = false;
     ZSTD_outBuffer out = {output, room, 0};
     const std::size_t result = ZSTD_decompressStream(context_.get(), &out, &in);
     input.remove_prefix(in.pos);
@@ -150,6 +156,7 @@ class Unpacker::Zstd final : public Decoder {
 
  private:
   std::unique_ptr<ZSTD_DCtx, std::size_t (*)(ZSTD_DCtx*)> context_;
+  bool at_begin_ = true;
 };
 
 Unpacker::Unpacker(Packing packing, Input input)

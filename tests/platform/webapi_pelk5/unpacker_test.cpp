@@ -144,6 +144,20 @@ TEST(UnpackerWindowTest, WindowOf64MebibytesIsEnoughForAllAndALargerOneIsRefused
   }
 }
 
+TEST(UnpackerWindowTest, FrameThatComesWholeIsJudgedAsOneInPieces) {
+  std::string large_window = ZstdWithWindow(27);
+  large_window[4] = '\x80';  // with its content's size, and so the library could skip the window
+  large_window.insert(6, std::string("\6\0\0\0", 4));
+  const std::string nothing_of_13_bytes("\x28\xb5\x2f\xfd\x20\x0d\1\0\0", 9);
+  for (const std::string& frame : {large_window, nothing_of_13_bytes}) {
+    const Unpacked whole = Unpack(Packing::kZstd, frame);
+    const Unpacked pieces = Unpack(Packing::kZstd, frame, 1);
+    EXPECT_EQ(whole.failure, pieces.failure);
+    EXPECT_EQ(whole.text, pieces.text);
+  }
+  EXPECT_THAT(Unpack(Packing::kZstd, large_window).failure, HasSubstr("window of more than"));
+}
+
 TEST(UnpackerWindowTest, SecondPartIsHeldToTheSameLimit) {
   const Unpacked unpacked = Unpack(Packing::kXz, Packed(Packing::kXz, "first") + XzWithWindow(30));
   EXPECT_EQ(unpacked.text, "first");
