@@ -11,18 +11,19 @@ namespace TARVO::SupportForm {
 namespace {
 
 using testing::HasSubstr;
+using testing::StartsWith;
 
 class ProgramTest : public SupportLogTest {
  protected:
-  /// Runs a script for bash, in which "collect" is the program, "out" this test's folder and "described" the device's
+  /// Runs a script for bash in a session of its own, which a task gives its priority, in which "collect" is the program, "out" this test's folder and "described" the device's
   /// folder of descriptions; the first command that fails ends it. Fails the test then.
   void RunInSandbox(const std::string& script) const {
     WriteText(folder_ / "script",
               "set -e\ncollect() { '" PROGRAM_PATH "' \"$@\"; }\nout=" + folder_.string() +
                   "\ndescribed=/usr/tarvo/etc/support_form_log.d\nmkdir -p $described\n" + script);
-    const std::string command = "timeout 120 '" SANDBOX_PATH "' --keep " + folder_.string() + " bash " +
-                                (folder_ / "script").string() + " >" + (folder_ / "printed").string() +
-                                " 2>&1";
+    const std::string command = "setsid -w timeout 120 '" SANDBOX_PATH "' --keep " + folder_.string() +
+                                " bash " + (folder_ / "script").string() + " >" +
+                                (folder_ / "printed").string() + " 2>&1";
     ASSERT_EQ(system(command.c_str()), 0) << ReadText(folder_ / "printed");
   }
 };
@@ -51,8 +52,7 @@ TEST_F(ProgramTest, PeopleGetTheVeryArchiveThatATicketGetsAndItsListBeforehand) 
       "task=/var/lib/tarvo/support_form_log/0123456789abcdef0123456789abcdef\n"
       "mkdir -p $task\n"
       "exec 3>$task/lock\n"
-      // In a session of its own: a task lowers the priority of all of its session.
-      "echo '[\"demo\", \"unknown\"]' | setsid -w '" PROGRAM_PATH
+      "echo '[\"demo\", \"unknown\"]' | '" PROGRAM_PATH
       "' --task ${task##*/}\n"
       "cp $task/debug.dat $out/ticket.dat\n"
       "cp /var/log/debug_dat_collect.log $out/audit.log\n");
@@ -104,6 +104,16 @@ TEST_F(ProgramTest, ItsUsersOtherProcessesCannotLookIntoItsMemory) {
                 HasSubstr("Permission denied"));
   }
   EXPECT_EQ(ReadArchive(folder_ / "ticket.dat").Of("apps/demo/commands/02-cat.txt"), "1000\n");
+}
+
+TEST_F(ProgramTest, TestersSessionKeepsItsPriority) {
+  if (!fs::exists("/proc/self/autogroup")) GTEST_SKIP() << "no groups of sessions here";
+  RunInSandbox("cat /proc/self/autogroup >$out/group\n");
+  const CallerProcess process([] { return ReadText("/proc/self/autogroup"); });
+  for (const std::string& group : {ReadText(folder_ / "group"), process.Answer()}) {
+    EXPECT_THAT(group, StartsWith("/autogroup-"));
+    EXPECT_NE(group.substr(0, group.find(' ')), ReadText("/proc/self/autogroup").substr(0, group.find(' ')));
+  }
 }
 
 TEST_F(ProgramTest, WrongCommandLineAndFailureHaveTheirExitStatus) {

@@ -237,6 +237,7 @@ CallerProcess::CallerProcess(const std::function<std::string()>& work) {
   if (pipe2(up, O_CLOEXEC) != 0 || pipe2(down, O_CLOEXEC) != 0) std::abort();
   pid_ = fork();
   if (pid_ == 0) {
+    setsid();
     close(up[0]);
     close(down[1]);
     static_cast<void>(WriteAll(up[1], AnswerOf(work)));

@@ -75,7 +75,8 @@ struct ArchiveContent {
 [[nodiscard]] ArchiveContent ReadArchive(const fs::path& path);
 
 /// A process forked by a test. It runs one piece of code, which the constructor waits for, then stays until
-/// the object goes.
+/// the object goes. Its session is its own: whoever runs the tests keeps the priority of his when a task lowers that of
+/// its session.
 class CallerProcess {
  public:
   explicit CallerProcess(const std::function<std::string()>& work);
