@@ -75,8 +75,8 @@ struct Limits {
   /// Seconds after which a task takes nothing more and finishes its archive. Below the 1200 s for which the
   /// daemon waits, by the time that the last command may still take to be ended and the archive to be closed.
   unsigned task_seconds = 1080;
-  /// Seconds after which the kernel ends a task that hangs, for instance in a file that gives no data. A command
-  /// of it that still runs is ended with it.
+  /// Seconds after which a task that hangs, for instance in a file that gives no data, is ended. A command of it that
+  /// still runs is ended with it.
   unsigned task_seconds_hard = 1190;
   /// Bytes of the audit log; one that would pass them is kept under a second name, in the place of a former one.
   std::uint64_t audit_bytes = std::uint64_t{1} << 20;

@@ -62,6 +62,8 @@ void Execute(const std::string& program, const std::string& task_id, const std::
 }  // namespace
 
 int BecomeProgram(const std::string& program, const std::string& task_id, const Json::Value& app_list) {
+  WriteTaskRecord(kTaskLockFd, "the collector " + program + " ended before it began its work: see whether " +
+                                   program + " --help runs");
   Execute(program, task_id, CompactText(app_list));
   const std::string failure = "the collector " + program + " can't be started: " + ErrorText(errno);
   WriteTaskRecord(kTaskLockFd, failure);

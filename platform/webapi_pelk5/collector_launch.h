@@ -14,6 +14,8 @@ namespace TARVO::SupportForm {
 ///
 /// The program finds the list of applications at its standard input, the task's lock at kTaskLockFd, and an
 /// empty environment: the caller's would let it choose locales, converters and zones.
+/// Until the program begins its work the task's lock file says that it did not, which is so for ever where it lacks
+/// a library, say.
 /// @return Only when that fails: the exit status for the process. The reason is left in the task's lock file.
 int BecomeCollector(const Paths& paths, const std::string& task_id, const Json::Value& app_list);
 

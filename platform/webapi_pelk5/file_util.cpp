@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
+#include <new>
 
 #include "unique_fd.h"
 
@@ -48,6 +49,10 @@ std::string HexText(const unsigned char* bytes, std::size_t count) {
 std::string ErrorText(int error) {
   std::array<char, 128> text = {};
   return strerror_r(error, text.data(), text.size());
+}
+
+const char* FailureText(const std::exception& error) {
+  return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? "memory ran out" : error.what();
 }
 
 bool WriteAll(int fd, std::string_view text) {

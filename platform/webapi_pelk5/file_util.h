@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -23,6 +24,9 @@ void SleepMs(std::int64_t milliseconds);
 
 /// The system's text for `error`.
 [[nodiscard]] std::string ErrorText(int error);
+
+/// What went wrong, for people.
+[[nodiscard]] const char* FailureText(const std::exception& error);
 
 /// Writes all of `text`. Returns false, with errno set, on failure.
 [[nodiscard]] bool WriteAll(int fd, std::string_view text);

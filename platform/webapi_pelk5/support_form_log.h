@@ -13,7 +13,7 @@
 namespace TARVO::SupportForm {
 
 /// The work of a task process that has just begun: makes the archive of the task `task_id`, or leaves the reason
-/// why not in its lock file. Returns the process's exit status; must not throw.
+/// why not in its lock file, where what it throws is left, too. Returns the process's exit status.
 using TaskWork =
     std::function<int(const Paths& paths, const std::string& task_id, const Json::Value& app_list)>;
 

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <memory>
 
 #include "api_error.h"
@@ -172,9 +173,12 @@ NewTask CreateTask(int state_fd) {
   return task;
 }
 
-void WriteTaskRecord(int lock_fd, const std::string& failure) {
-  const std::string text = (std::to_string(getpid()) + "\n" + failure).substr(0, kRecordBytes - 1);
-  static_cast<void>(!pwrite(lock_fd, text.data(), text.size(), 0));
+void WriteTaskRecord(int lock_fd, std::string_view failure) {
+  std::array<char, kRecordBytes> text = {};
+  std::size_t size = static_cast<std::size_t>(snprintf(text.data(), text.size(), "%ld\n", long{getpid()}));
+  size += failure.copy(text.data() + size, text.size() - size - 1);
+  static_cast<void>(
+      !pwrite(lock_fd, text.data(), size + 1, 0));  // with a zero: a longer text may stand there
 }
 
 std::string ReadFailure(int folder_fd) {

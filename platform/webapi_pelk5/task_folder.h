@@ -15,6 +15,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "collection_limits.h"
@@ -54,9 +55,9 @@ struct NewTask {
 /// @throws ApiError when that fails.
 [[nodiscard]] NewTask CreateTask(int state_fd);
 
-/// Writes the calling process's id and, of a task that has failed, why, into the task's lock file. Needs no room on the
-/// device, no descriptor and no name. A long text is cut.
-void WriteTaskRecord(int lock_fd, const std::string& failure = {});
+/// Writes the calling process's id and, of a task that has failed, why, into the task's lock file, in the place of what
+/// stood there. Needs no room on the device, no descriptor, no name and no memory. A long text is cut.
+void WriteTaskRecord(int lock_fd, std::string_view failure = {});
 
 /// Why the task has failed, as its process recorded it. Empty when it did not, or was killed.
 [[nodiscard]] std::string ReadFailure(int folder_fd);

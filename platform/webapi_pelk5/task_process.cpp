@@ -10,10 +10,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <exception>
 #include <string>
 
 #include "api_error.h"
 #include "file_util.h"
+#include "task_folder.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -54,7 +56,11 @@ bool ResetDescriptors(int lock_fd) {
   closelog();
   // First out of the way of 0, 1 and 2, which a caller may have closed, then to its place.
   const int high_fd = fcntl(lock_fd, F_DUPFD, kTaskLockFd + 1);
-  if (high_fd < 0 || dup3(high_fd, kTaskLockFd, O_CLOEXEC) < 0) return false;
+  if (high_fd < 0) {
+    if (errno == EINVAL) errno = EMFILE;  // the process may not have so high a number
+    return false;
+  }
+  if (dup3(high_fd, kTaskLockFd, O_CLOEXEC) < 0) return false;
   const int null_fd = open("/dev/null", O_RDWR);
   if (null_fd < 0) return false;
   for (int fd = 0; fd < kTaskLockFd; ++fd) {
@@ -64,14 +70,27 @@ bool ResetDescriptors(int lock_fd) {
   return true;
 }
 
+/// Runs in the task process. What left it would make that go on as a second caller.
+int Work(const std::function<int()>& work) {
+  try {
+    return work();
+  } catch (const std::exception& error) {
+    WriteTaskRecord(kTaskLockFd, FailureText(error));
+    return 1;
+  }
+}
+
 /// The task process, from its first instruction to its last.
-[[noreturn]] void RunTask(int lock_fd, const std::function<int()>& work) {
+[[noreturn]] void RunTask(int lock_fd, const std::function<int()>& work) noexcept {
   ResetSignals();
   ShieldMemory();
   umask(077);
   prctl(PR_SET_NAME, "support_log");
-  if (chdir("/") != 0 || !ResetDescriptors(lock_fd)) _exit(1);
-  _exit(work());
+  if (chdir("/") != 0 || !ResetDescriptors(lock_fd)) {
+    WriteTaskRecord(lock_fd, "the collection process can't be set up: " + ErrorText(errno));
+    _exit(1);
+  }
+  _exit(Work(work));
 }
 
 /// The process in between: it gives the task process away by ending. Its exit status is an errno value.

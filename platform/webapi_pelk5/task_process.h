@@ -18,9 +18,10 @@ void ShieldMemory();
 /// The new process has nothing of the caller's but its memory: a session of its own, /dev/null at 0, 1 and 2,
 /// the lock at kTaskLockFd and no other descriptor, default signals (but a file-size limit is an error, not a signal) and
 /// an empty mask, umask 077, the root as working folder, ShieldMemory(), a name of its own. It runs `work` and ends
-/// with its result as exit status, without running destructors or exit handlers.
+/// with its result as exit status, without running destructors or exit handlers. Where it can't be made so, the task's
+/// record says why.
 /// @param lock_fd  The lock; the caller closes its own copy. It is held until the process ends.
-/// @param work     Must not throw.
+/// @param work     What it throws, a std::exception, is recorded as the task's failure.
 /// @throws ApiError when the process can't be started.
 void StartDetached(int lock_fd, const std::function<int()>& work);
 

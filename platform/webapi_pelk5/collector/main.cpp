@@ -50,7 +50,14 @@ int RunTaskOfLibrary(const std::string& task_id) {
   if (fcntl(kTaskLockFd, F_SETFD, FD_CLOEXEC) != 0) {
     throw std::runtime_error("the task's lock is missing; only the library starts a task");
   }
-  return RunTask({}, {}, task_id, ReadAppList());
+  Json::Value app_list;
+  try {
+    app_list = ReadAppList();
+  } catch (const std::exception& error) {
+    RecordFailure(error);
+    throw;
+  }
+  return RunTask({}, {}, task_id, app_list);
 }
 
 /// What StartDetached() and RunTask() do for a task.
@@ -86,7 +93,7 @@ int main(int argc, char** argv) {
   try {
     return Main(argc, argv);
   } catch (const std::exception& error) {
-    std::cerr << "debug_dat_collect: " << error.what() << "\n";
+    std::cerr << "debug_dat_collect: " << FailureText(error) << "\n";
     return 1;
   }
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <openssl/crypto.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -12,6 +13,8 @@
 #include <ctime>
 #include <exception>
 #include <stdexcept>
+#include <system_error>
+#include <thread>
 
 #include "audit_log.h"
 #include "collection.h"
@@ -54,30 +57,56 @@ void LowerPriority() {
   WriteSetting("/proc/self/oom_score_adj", kFirstToBeEnded);
 }
 
+void EndAfter(unsigned seconds) {
+  // A thread's work, because no handler would run where a read can be ended only with the process.
+  const std::string failure = "the collection took too long: it was ended after " + std::to_string(seconds) +
+                              " seconds, at a file or a disk that gives no answer";
+  try {
+    std::thread([seconds, failure] {
+      SleepMs(std::int64_t{seconds} * 1000);
+      WriteTaskRecord(kTaskLockFd, failure);
+      kill(getpid(), SIGKILL);
+    }).detach();
+  } catch (const std::system_error&) {  // one more thread is not allowed; then the end has no cause
+    alarm(seconds);
+  }
+}
+
+void RecordFailure(const std::exception& error) noexcept {
+  try {
+    WriteTaskRecord(kTaskLockFd, Masked(FailureText(error)));
+  } catch (const std::exception& while_masking) {
+    WriteTaskRecord(kTaskLockFd, FailureText(while_masking));
+  }
+}
+
 int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id,
             const Json::Value& app_list) {
   // The libraries used here would let an environment choose locales, converters and zones.
   clearenv();
-  alarm(limits.task_seconds_hard);
   LowerPriority();
   ShieldMemory();  // what it writes to in /proc/self would be root's afterwards
   WriteTaskRecord(kTaskLockFd);
   // SHA-256 needs no configuration, and the search for one would look at the environment.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
-  const UniqueFd folder = OpenTaskFolder(paths.state, task_id);
-  std::string failure;
   try {
+    EndAfter(limits.task_seconds_hard);
+    const UniqueFd folder = OpenTaskFolder(paths.state, task_id);
     if (!folder.valid()) throw std::runtime_error("the task's folder can't be opened: " + ErrorText(errno));
     const CollectionRequest request = {task_id, app_list, true};
     const CollectionSummary summary = MakeArchive(paths, limits, folder.get(), request);
-    Audit(paths, limits, {std::time(nullptr), task_id, app_list, request.redact, summary.archive});
+    try {
+      Audit(paths, limits, {std::time(nullptr), task_id, app_list, request.redact, summary.archive});
+    } catch (...) {  // no archive may leave the device of which its owner is not told
+      unlinkat(folder.get(), kArchiveFile, 0);
+      throw;
+    }
     return 0;
   } catch (const std::exception& error) {
-    failure = Masked(error.what());
+    RecordFailure(error);
   } catch (...) {
-    failure = "unknown error";
+    WriteTaskRecord(kTaskLockFd, "unknown error");
   }
-  WriteTaskRecord(kTaskLockFd, failure);
   return 1;
 }
 

@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <exception>
 #include <string>
 
 #include "collection_limits.h"
@@ -13,9 +14,17 @@ namespace TARVO::SupportForm {
 /// idle; what the system refuses is left as it is. To be called before threads are started.
 void LowerPriority();
 
+/// Ends this process after so many seconds, with the reason in its task's record, though it may hang in a file that gives
+/// no data. Commands of it end with it.
+void EndAfter(unsigned seconds);
+
+/// Leaves the reason why the task that the process works for has failed in its lock file, at kTaskLockFd. Does not
+/// throw.
+void RecordFailure(const std::exception& error) noexcept;
+
 /// The whole work of a task process: makes the archive of the task `task_id`, or leaves the reason why not in its
-/// lock file. The process holds the task's lock at kTaskLockFd. It has lowered its priority afterwards, and the kernel
-/// ends it at `limits.task_seconds_hard`.
+/// lock file. The process holds the task's lock at kTaskLockFd. It has lowered its priority afterwards, and is ended,
+/// with the reason there, at `limits.task_seconds_hard`.
 /// @return The process's exit status.
 int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id,
             const Json::Value& app_list);

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <new>
 #include <stdexcept>
+#include <system_error>
 
 #include "file_util.h"
 
@@ -79,13 +80,22 @@ const std::string& ZstdStream::PartSums() {
 
 void ZstdStream::HandOver() {
   if (workers_ == 0) return Take(filling());
-  if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+  StartThread();
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++handed_over_;
     changed_.notify_all();
   }
   WaitUntilTaken(blocks_.size() - 1);
+}
+
+void ZstdStream::StartThread() {
+  if (thread_.joinable()) return;
+  try {
+    thread_ = std::thread([this] { Run(); });
+  } catch (const std::system_error& error) {
+    throw std::runtime_error("no thread can be started: " + error.code().message());
+  }
 }
 
 /// Waits until the thread has taken all blocks but that many.

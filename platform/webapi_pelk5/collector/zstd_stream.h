@@ -61,6 +61,7 @@ class ZstdStream {
   void MarkHere() { filling().marks.push_back(filling().bytes.size()); }
   Block& filling() { return blocks_[handed_over_ % blocks_.size()]; }
   void HandOver();
+  void StartThread();
   void WaitUntilTaken(std::size_t but);
   void StopThread();
   void Run();

@@ -124,10 +124,13 @@ TEST_F(ProgramTest, WrongCommandLineAndFailureHaveTheirExitStatus) {
       "collect --apps '' --out $out/there 2>$out/why || status=$?\n"
       "[ $status = 1 ]\n"
       "! collect --task 0123456789abcdef0123456789abcdef </dev/null 3>&- 2>$out/no_lock\n"
+      "! echo '{' | '" PROGRAM_PATH
+      "' --task 0123456789abcdef0123456789abcdef 3>$out/lock 2>$out/no_list\n"
       "[ ! -e /var/log/debug_dat_collect.log ]\n");
   EXPECT_THAT(ReadText(folder_ / "none"), HasSubstr("--out FILE"));
   EXPECT_THAT(ReadText(folder_ / "why"), HasSubstr("there can't be written: File exists; remove it"));
   EXPECT_THAT(ReadText(folder_ / "no_lock"), HasSubstr("only the library starts a task"));
+  EXPECT_THAT(ReadText(folder_ / "lock"), HasSubstr("standard input holds no JSON array"));
 }
 
 }  // namespace

@@ -72,6 +72,21 @@ class SupportFormLogTest : public SupportLogTest {
       return static_cast<int>(error.code);
     }
   }
+  /// What is said of a task that lacked something: the manifest's errors, or why there is no archive.
+  std::string Told(const std::string& task) const {
+    std::string told;
+    const int code = StatusError(task, &told);
+    EXPECT_TRUE(code == 0 || code == static_cast<int>(ApiErrorCode::kTaskFailed)) << told;
+    EXPECT_FALSE(fs::exists(Folder(task) / kUnfinishedFile));
+    if (code != 0) return told;
+    for (const std::string& error : ReadArchive(WaitForArchive(task)).Errors()) told += error + "\n";
+    return told;
+  }
+  /// Bytes of this process's address space.
+  static rlim_t AddressSpace() {
+    return std::strtoul(ReadText("/proc/self/statm").c_str(), nullptr, 10) *
+           static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
+  }
   /// Waits for a task to end well, and gives the archive's path.
   std::string WaitForArchive(const std::string& task) const {
     Json::Value status;
@@ -240,12 +255,70 @@ TEST_F(SupportFormLogTest, CollectorFindsItsTaskTheListAndNothingOfTheCallers) {
   unsetenv("LEFT_OVER");
 }
 
-TEST_F(SupportFormLogTest, HangingTaskIsEndedByTheKernel) {
+TEST_F(SupportFormLogTest, CollectorThatEndsBeforeItBeginsIsAFailedTask) {
+  Program("collector", "exit 127");  // as where it lacks a library
+  const std::string program = (folder_ / "bin" / "collector").string();
+  SupportFormLog lost(paths_, limits_,
+                      [&](const Paths& /*paths*/, const std::string& id, const Json::Value& list) {
+                        return BecomeProgram(program, id, list);
+                      });
+  std::string message;
+  EXPECT_EQ(StatusError(Start(lost, "quick"), &message), static_cast<int>(ApiErrorCode::kTaskFailed));
+  EXPECT_EQ(message, "the collector " + program + " ended before it began its work: see whether " + program +
+                         " --help runs");
+}
+
+TEST_F(SupportFormLogTest, HangingTaskIsEndedAndTheCauseIsTold) {
   limits_.task_seconds_hard = 1;
   SupportFormLog short_lived(paths_, limits_, Forked(limits_));
   const std::string task = Start(short_lived, "slow");
-  EXPECT_EQ(StatusError(task), static_cast<int>(ApiErrorCode::kTaskKilled));
+  std::string message;
+  EXPECT_EQ(StatusError(task, &message), static_cast<int>(ApiErrorCode::kTaskFailed));
+  EXPECT_THAT(message, StartsWith("the collection took too long: it was ended after 1 seconds"));
 }
+
+TEST_F(SupportFormLogTest, WithFewDescriptorsThereIsAnArchiveThatSaysSoOrTheCauseIsTold) {
+  for (const rlim_t count : {4U, 5U, 6U, 8U}) {
+    SupportFormLog scarce(paths_, limits_,
+                          [&](const Paths& paths, const std::string& id, const Json::Value& list) {
+                            const rlimit limit = {count, count};
+                            setrlimit(RLIMIT_NOFILE, &limit);
+                            return RunTask(paths, limits_, id, list);
+                          });
+    EXPECT_THAT(Told(Start(scarce, "quick")), HasSubstr("Too many open files")) << count;
+  }
+}
+
+TEST_F(SupportFormLogTest, CallerWithFewDescriptorsIsToldSoAndNothingIsLeft) {
+  for (const rlim_t count : {4U, 6U, 7U, 8U}) {
+    const CallerProcess caller([&] {
+      const rlimit limit = {count, count};
+      setrlimit(RLIMIT_NOFILE, &limit);
+      return Start("quick");
+    });
+    EXPECT_THAT(caller.Answer(), AllOf(StartsWith("exception: "), HasSubstr("Too many open files"))) << count;
+    EXPECT_TRUE(!fs::exists(paths_.state) || fs::is_empty(paths_.state)) << "something is left";
+  }
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // whose own memory counts, too
+TEST_F(SupportFormLogTest, WithoutMemoryThereIsAnArchiveThatSaysSoOrTheCauseIsTold) {
+  const auto told = [&](rlim_t mebibytes) {
+    SupportFormLog scarce(paths_, limits_,
+                          [&](const Paths& paths, const std::string& id, const Json::Value& list) {
+                            const rlim_t bytes = AddressSpace() + (mebibytes << 20U);
+                            const rlimit limit = {bytes, bytes};
+                            setrlimit(RLIMIT_AS, &limit);
+                            return RunTask(paths, limits_, id, list);
+                          });
+    return Told(Start(scarce, "quick"));
+  };
+  EXPECT_THAT(told(1), testing::ContainsRegex("memory|thread"));
+  for (const rlim_t mebibytes : {10U, 40U}) {  // enough for some machines
+    EXPECT_THAT(told(mebibytes), AnyOf("", testing::ContainsRegex("memory|thread"))) << mebibytes;
+  }
+}
+#endif
 
 TEST_F(SupportFormLogTest, CauseIsToldThoughNoByteIsFreeOnTheDevice) {
   const CallerProcess caller([&]() -> std::string {

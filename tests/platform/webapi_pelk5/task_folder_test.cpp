@@ -134,6 +134,10 @@ TEST_F(TaskFolderTest, RecordTellsWhyATaskFailedAndALongTextIsCut) {
   WriteTaskRecord(task.lock.get(), "no room:\n" + std::string(10'000, 'x'));
   EXPECT_THAT(ReadFailure(folder.get()), testing::MatchesRegex("no room:\nx+"));
   EXPECT_EQ(fs::file_size(Folder(task.id) / kLockFile), 4096U);
+  WriteTaskRecord(task.lock.get(), "no memory");
+  EXPECT_EQ(ReadFailure(folder.get()), "no memory");
+  WriteTaskRecord(task.lock.get());
+  EXPECT_EQ(ReadFailure(folder.get()), "");
 }
 
 TEST_F(TaskFolderTest, HalfRemovedFolderIsRemoved) {

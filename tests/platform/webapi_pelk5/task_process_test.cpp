@@ -4,16 +4,21 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <new>
 #include <sstream>
 
 #include "api_error.h"
 #include "file_util.h"
 #include "support_log_fixture.h"
+#include "task.h"
+#include "task_folder.h"
 #include "unique_fd.h"
 
 namespace TARVO::SupportForm {
@@ -60,6 +65,16 @@ class TaskProcessTest : public SupportLogTest {
       if (line.rfind("Max core file size", 0) == 0) return line;
     }
     return {};
+  }
+  /// Why the task failed, once it has ended.
+  std::string FailureOf(const std::function<int()>& work) const {
+    {
+      const UniqueFd lock = Lock();
+      StartDetached(lock.get(), work);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return LockIsFree(); }));
+    const UniqueFd folder(open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return ReadFailure(folder.get());
   }
   std::string StartAndRead() {
     const UniqueFd lock = Lock();
@@ -143,6 +158,35 @@ TEST_F(TaskProcessTest, HoldsTheLockAsLongAsItRuns) {
   EXPECT_FALSE(LockIsFree());
   LetGo();
   EXPECT_TRUE(WaitUntil([&] { return LockIsFree(); }));
+}
+
+TEST_F(TaskProcessTest, WhatItsWorkThrowsIsRecordedAndLeavesTheProcessByNoOtherWay) {
+  EXPECT_EQ(FailureOf([]() -> int { throw std::bad_alloc(); }), "memory ran out");
+}
+
+TEST_F(TaskProcessTest, ThatItCannotBeSetUpIsRecorded) {
+  const CallerProcess caller([&] {
+    const rlimit too_few = {kTaskLockFd + 1, kTaskLockFd + 1};
+    const UniqueFd folder(open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd lock = Lock();
+    setrlimit(RLIMIT_NOFILE, &too_few);
+    StartDetached(lock.get(), [] { return 0; });
+    return std::string();
+  });
+  EXPECT_TRUE(WaitUntil([&] { return LockIsFree(); }));
+  EXPECT_THAT(ReadText(folder_ / "lock"), HasSubstr("can't be set up: Too many open files"));
+}
+
+TEST_F(TaskProcessTest, EndsAtItsLimitThoughItHangsWhereNoSignalHandlerRuns) {
+  const std::string failure = FailureOf([] {
+    EndAfter(1);
+    if (vfork() == 0) {  // until this child has ended, only a signal that ends the process reaches it
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      for (;;) pause();
+    }
+    return 0;
+  });
+  EXPECT_THAT(failure, HasSubstr("took too long: it was ended after 1 seconds"));
 }
 
 TEST_F(TaskProcessTest, OtherChildrenOfTheCallerAreNotReaped) {

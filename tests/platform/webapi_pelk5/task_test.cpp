@@ -2,14 +2,37 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <limits>
+#include <new>
+
 #include "support_log_fixture.h"
 #include "task_folder.h"
 #include "task_process.h"
+
+namespace {
+
+constexpr long kNoEnd = std::numeric_limits<long>::max();
+/// So often this process may still take memory from the heap.
+std::atomic<long> allocations_left = kNoEnd;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (allocations_left == kNoEnd || --allocations_left >= 0) {
+    if (void* const memory = malloc(size)) return memory;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { free(memory); }
 
 namespace TARVO::SupportForm {
 namespace {
@@ -22,7 +45,6 @@ constexpr int kIoprioIdleClass = 3 << 13;
 
 TEST(LowerPriorityTest, GivesWayInEveryRespectAndCommandsInheritIt) {
   const CallerProcess process([] {
-    setsid();  // The session of whoever runs the tests keeps its own priority.
     LowerPriority();
     return std::to_string(getpriority(PRIO_PROCESS, 0)) + " " +
            std::to_string(syscall(SYS_ioprio_get, kIoprioWhoProcess, 0)) + " " +
@@ -35,7 +57,6 @@ TEST(LowerPriorityTest, CountsForTheWholeSessionWhereSessionsAreGroups) {
   if (ReadText("/proc/sys/kernel/sched_autogroup_enabled") != "1\n")
     GTEST_SKIP() << "no groups of sessions here";
   const CallerProcess process([] {
-    setsid();
     LowerPriority();
     return ReadText("/proc/self/autogroup");
   });
@@ -48,12 +69,13 @@ class TaskTest : public SupportLogTest {
   fs::path Run(
       const std::string& app_list, const std::function<void()>& prepare = [] {}) {
     const CallerProcess process([&]() -> std::string {
-      setsid();  // The session of whoever runs the tests keeps its own priority.
       const UniqueFd state = OpenStateFolder(paths_.state);
       const NewTask task = CreateTask(state.get());
-      prepare();
+      const Json::Value list = ParseJson(app_list);
       dup2(task.lock.get(), kTaskLockFd);
-      static_cast<void>(RunTask(paths_, limits_, task.id, ParseJson(app_list)));
+      prepare();
+      static_cast<void>(RunTask(paths_, limits_, task.id, list));
+      allocations_left = kNoEnd;
       return task.id;
     });
     return fs::path(paths_.state) / process.Answer();
@@ -82,6 +104,34 @@ TEST_F(TaskTest, RunsItselfAndItsCommandsAtTheLowestPriority) {
 TEST_F(TaskTest, AuditLogThatCanNotBeWrittenCostsNoArchive) {
   paths_.audit_log = folder_ / "missing" / "audit.log";
   EXPECT_TRUE(fs::exists(Run("[]") / kArchiveFile));
+}
+
+TEST_F(TaskTest, WhereverMemoryRunsOutThereIsTheCauseOrAnArchive) {
+  // Each time the rules are made ready, which takes most of the memory.
+  Describe("first", R"({"commands": [{"argv": ["sh", "-c", "kill -s USR1 $PPID"]}]})");
+  Describe("second", R"({"paths": ["/etc/passwd"], "commands": [{"argv": ["echo"]}]})");
+  const auto failure_of = [&](const std::function<void()>& prepare) {
+    const fs::path folder = Run(R"(["first", "second"])", prepare);
+    const UniqueFd folder_fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string failure = ReadFailure(folder_fd.get());
+    EXPECT_NE(fs::exists(folder / kArchiveFile), !failure.empty());
+    EXPECT_FALSE(fs::exists(folder / kUnfinishedFile));
+    return failure;
+  };
+  for (const long count : {0, 1, 10, 100, 1'000, 10'000}) {
+    EXPECT_EQ(failure_of([count] { allocations_left = count; }), "memory ran out") << count;
+  }
+  static long count_then = 0;
+  unsigned failed = 0;
+  for (count_then = 150;; count_then += count_then / 8) {
+    const std::string failure =
+        failure_of([] { static_cast<void>(signal(SIGUSR1, [](int) { allocations_left = count_then; })); });
+    EXPECT_EQ(fs::exists(paths_.audit_log), failure.empty()) << "an archive that nobody knows of";
+    if (failure.empty()) break;
+    EXPECT_EQ(failure, "memory ran out") << count_then;
+    ++failed;
+  }
+  EXPECT_GT(failed, 2U);
 }
 
 TEST_F(TaskTest, FailedTaskLeavesItsReasonAndNoLine) {
