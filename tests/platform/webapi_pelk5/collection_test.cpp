@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <limits>
 #include <regex>
 #include <set>
 
 #include "entry_name.h"
+#include "file_util.h"
 #include "support_log_fixture.h"
 #include "task_folder.h"
 
@@ -669,14 +671,94 @@ TEST_F(CollectionTest, MissingFileOfTheSystemIsALineInTheManifest) {
 }
 
 TEST_F(CollectionTest, NamesInAnyEncodingGiveAValidArchiveAndManifest) {
-  for (const char* name : {"\xff\xfe", "line\nend", "100%", "quote\"token\":\"x\"", "gr\xc3\xbcn"})
+  for (const char* name :
+       {"\xff\xfe", "line\nend", "100%", "quote\"token\":\"x\"", "gr\xc3\xbcn", "\x1b]0;title\x07"})
     WriteText(data_ / name, "x");
+  fs::create_symlink("line\nend", data_ / "\x1b[2J\r\n\xc2\x9b");
   DescribePaths("demo", "*");
   const ArchiveContent archive = Collect(R"(["demo"])");
-  for (const char* name : {"%FF%FE", "line%0Aend", "100%", "quote%22token%22:%22x%22", "gr\xc3\xbcn"}) {
+  for (const char* name :
+       {"%FF%FE", "line%0Aend", "100%", "quote%22token%22:%22x%22", "gr\xc3\xbcn", "%1B]0;title%07"}) {
     EXPECT_TRUE(archive.Has(InFiles("demo", name))) << name;
     EXPECT_FALSE(archive.Record(InFiles("demo", name)).isNull()) << name;
   }
+  EXPECT_THAT(archive.Errors(), ElementsAre(HasSubstr("/%1B[2J%0D%0A%C2%9B: a symbolic link, not followed")));
+}
+
+/// Folders in each other, so many, each with a file.
+void MakeLevels(const fs::path& top, unsigned levels) {
+  fs::create_directory(top);
+  UniqueFd folder(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (unsigned level = 1; level < levels; ++level) {
+    const UniqueFd file(openat(folder.get(), "f", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_TRUE(WriteAll(file.get(), "x"));
+    ASSERT_EQ(mkdirat(folder.get(), "d", 0700), 0);
+    folder = UniqueFd(openat(folder.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  }
+}
+
+TEST_F(CollectionTest, FoldersOfThousandsOfLevelsAreWalkedToTheLimitAndTheRestIsOneNote) {
+  DescribePaths("demo", "a");
+  const CallerProcess caller([&]() -> std::string {
+    // Of its own, because it goes whole: a path to its end would be too long.
+    if (!MountOwnTmpfs(data_, "mode=0755")) return "no namespace";
+    MakeLevels(data_ / "a", 5'000);
+    const ArchiveContent archive = Collect(R"(["demo"])");
+    std::string lines;
+    for (const auto& [name, content] : archive.entries) {
+      if (name.rfind("apps/", 0) == 0) lines += name + "\n";
+    }
+    for (const std::string& error : archive.Errors()) lines += error + "\n";
+    return lines;
+  });
+  if (caller.Answer() == "no namespace") GTEST_SKIP() << "no private mounts here";
+  std::string expected;
+  std::string path = "a";
+  for (unsigned level = 0; level < limits_.folder_depth; ++level, path += "/d") {
+    expected.insert(0, InFiles("demo", path + "/f") + "\n");
+  }
+  expected +=
+      "apps/demo: " + (data_ / path).string() + ": a folder too many levels below the pattern's match\n";
+  EXPECT_EQ(caller.Answer(), expected);
+}
+
+/// A file with nothing but `end` at the end of the largest size that its file system gives one.
+void WriteLargest(const fs::path& path, const std::string& end) {
+  const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  off_t size = std::numeric_limits<off_t>::max();
+  while (ftruncate(fd.get(), size) != 0) size /= 2;
+  ASSERT_GE(size, off_t{1} << 40);
+  ASSERT_EQ(pwrite(fd.get(), end.data(), end.size(), size - static_cast<off_t>(end.size())),
+            static_cast<ssize_t>(end.size()));
+}
+
+TEST_F(CollectionTest, OfFilesOfTheLargestSizeTheirEndIsTakenAndNothingElseRead) {
+  Describe("demo", R"({"paths": [")" + (data_ / "*.log").string() + R"(", {"path": ")" +
+                       (data_ / "vouched").string() + R"(", "binary": true}]})");
+  limits_.file_bytes = 100'000;
+  const std::string log = RandomLetters(200'000);
+  const CallerProcess caller([&]() -> std::string {
+    if (!MountOwnTmpfs(data_, "mode=0755")) return "no namespace";
+    WriteLargest(data_ / "a.log", log);
+    WriteLargest(data_ / "hole.log", "");
+    WriteLargest(data_ / "vouched", "");
+    WriteLargest(data_ / "packed.log", log);
+    const UniqueFd packed(open((data_ / "packed.log").c_str(), O_WRONLY | O_CLOEXEC));
+    if (!WriteAll(packed.get(), Packed(Packing::kGzip, "some text"))) return "no room";
+    const ArchiveContent archive = Collect(R"(["demo"])");
+    if (archive.Of(InFiles("demo", "a.log")) != log.substr(100'000)) return "not its end";
+    if (archive.Of(InFiles("demo", "vouched")) != std::string(100'000, '\0')) return "not the hole's end";
+    std::string lines = archive.Record(InFiles("demo", "a.log"))["notes"][0].asString() + "\n";
+    for (const std::string& error : archive.Errors()) lines += error + "\n";
+    return lines;
+  });
+  if (caller.Answer() == "no namespace") GTEST_SKIP() << "no private mounts here";
+  EXPECT_THAT(
+      caller.Answer(),
+      AllOf(StartsWith("longer than the limit: the last 100000 of its 9223372036854775807 bytes\n"),
+            HasSubstr("hole.log: left out: not text"),
+            HasSubstr("packed.log: left out: not text, so it can't be checked for secrets (gzip data: "
+                      "longer than 100000 bytes)")));
 }
 
 TEST_F(CollectionTest, ArchiveThatIsBeingWrittenIsNotTakenIntoItself) {
