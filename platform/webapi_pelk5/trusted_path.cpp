@@ -9,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <deque>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -77,17 +76,6 @@ Distrust Judge(const std::string& path, const struct stat& status, const Folder*
                       "move it to a folder that only its owner may write to");
   }
   return {};
-}
-
-/// The parts of a path between its slashes.
-std::deque<std::string> PartsOf(const std::string& path) {
-  std::deque<std::string> parts;
-  for (std::size_t begin = 0; begin < path.size();) {
-    const std::size_t end = std::min(path.find('/', begin), path.size());
-    if (end > begin) parts.push_back(path.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return parts;
 }
 
 /// One look-up.
@@ -174,9 +162,21 @@ class Walk {
 
 }  // namespace
 
+bool IsRootOrSelf(unsigned user) { return user == 0 || user == geteuid(); }
+
 bool IsTrustedUser(unsigned user) {
   // What belongs to nobody in this user namespace belongs to whoever made it, as all its root's rights do.
-  return user == 0 || user == geteuid() || (user == kOverflowUser && !IsMapped(user));
+  return IsRootOrSelf(user) || (user == kOverflowUser && !IsMapped(user));
+}
+
+std::deque<std::string> PartsOf(const std::string& path) {
+  std::deque<std::string> parts;
+  for (std::size_t begin = 0; begin < path.size();) {
+    const std::size_t end = std::min(path.find('/', begin), path.size());
+    if (end > begin) parts.push_back(path.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return parts;
 }
 
 OpenedPath OpenTrusted(const std::string& path, int flags) {

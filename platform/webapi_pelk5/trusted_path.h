@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <string>
 
 #include "unique_fd.h"
@@ -43,7 +44,14 @@ struct OpenedPath {
 [[nodiscard]] bool ReadTrustedFile(const std::string& path, std::size_t limit, std::string& out, bool& more,
                                    Distrust& distrust);
 
-/// Whether a user is one of those who may have a say: root, or the user who runs this.
+/// Whether a user is root or the one who runs this.
+[[nodiscard]] bool IsRootOrSelf(unsigned user);
+
+/// Whether a user is one of those who may have a say: root, or the user who runs this; in a user namespace in which root
+/// has no number, also who has none.
 [[nodiscard]] bool IsTrustedUser(unsigned user);
+
+/// The parts of a path between its slashes.
+[[nodiscard]] std::deque<std::string> PartsOf(const std::string& path);
 
 }  // namespace TARVO::SupportForm

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -75,8 +76,6 @@ std::string ZerosNote(std::uint64_t missing_bytes, const std::string& read_error
   return why + ": zeros stand for its last " + std::to_string(missing_bytes) + " bytes";
 }
 
-std::string NoRoom(int error) { return "there is no room for it any more: " + ErrorText(error); }
-
 std::string MissingNote(const WrittenEntry& written, const std::string& read_error) {
   if (written.no_room == 0) return ZerosNote(written.missing_bytes, read_error);
   return "there was no room for all of it (" + ErrorText(written.no_room) + "): zeros stand for its last " +
@@ -86,6 +85,30 @@ std::string MissingNote(const WrittenEntry& written, const std::string& read_err
 std::string TailNote(std::uint64_t taken, std::uint64_t whole) {
   return "longer than the limit: the last " + std::to_string(taken) + " of its " + std::to_string(whole) +
          " bytes";
+}
+
+/// The end of a content of `whole` bytes, `max_bytes` of them at most, with what is read before it.
+EntrySource EndOf(std::uint64_t whole, std::uint64_t max_bytes, const struct stat& status) {
+  EntrySource source;
+  source.size = std::min(whole, max_bytes);
+  source.lead = std::min(whole - source.size, kLeadBytes);
+  source.modified = status.st_mtime;
+  return source;
+}
+
+/// Adds an entry to the archive.
+/// @param entry  Is told what became of it.
+/// @return nothing when there was no room for it.
+std::optional<WrittenEntry> Write(ArchiveWriter& archive, const std::string& name, const EntrySource& source,
+                                  FileEntry& entry) {
+  const WrittenEntry written = archive.Add(name, source);
+  if (written.left_out) {
+    entry.left_out = "there is no room for it any more: " + ErrorText(written.no_room);
+    return std::nullopt;
+  }
+  entry.redacted = written.redacted;
+  entry.no_room = written.no_room;
+  return written;
 }
 
 /// Which compression the file has, some of which was read already.
@@ -140,13 +163,10 @@ std::function<ssize_t(char*, std::size_t)> ReaderOf(int fd, std::uint64_t offset
 FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const struct stat& status,
                   std::uint64_t max_bytes, const FileCheck& check) {
   const auto file_size = static_cast<std::uint64_t>(status.st_size);
+  EntrySource source = EndOf(file_size, max_bytes, status);
   FileEntry entry;
-  entry.size = std::min(file_size, max_bytes);
-  const std::uint64_t skipped = file_size - entry.size;
-  EntrySource source;
-  source.size = entry.size;
-  source.lead = std::min(skipped, kLeadBytes);
-  source.modified = status.st_mtime;
+  entry.size = source.size;
+  const std::uint64_t skipped = file_size - source.size;
   HeadReader reader(ReaderOf(fd, skipped - source.lead));
   const std::uint64_t wanted = source.lead + source.size;
   // One byte more is asked for than the file had: of a small file this tells whether it grew.
@@ -162,19 +182,14 @@ FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const
   }
   source.rules = is_text ? check.rules : nullptr;
   source.read = [&reader](char* buffer, std::size_t capacity) { return reader.Read(buffer, capacity); };
-  const WrittenEntry written = archive.Add(name, source);
-  if (written.left_out) {
-    entry.left_out = NoRoom(written.no_room);
-    return entry;
-  }
-  entry.redacted = written.redacted;
-  entry.no_room = written.no_room;
+  const std::optional<WrittenEntry> written = Write(archive, name, source, entry);
+  if (!written) return entry;
 
   if (!is_text) entry.notes.emplace_back("not text: taken unchecked, as its description allows");
   if (skipped > 0) entry.notes.push_back(TailNote(entry.size, file_size));
-  if (written.missing_bytes > 0) {
+  if (written->missing_bytes > 0) {
     const std::string error = reader.error() == 0 ? std::string() : ErrorText(reader.error());
-    entry.notes.push_back(MissingNote(written, error));
+    entry.notes.push_back(MissingNote(*written, error));
   }
   if (wanted < kHeadBytes ? head.size() > wanted : IsLonger(fd, status.st_size)) {
     entry.notes.push_back("grew while it was read: cut at the " + std::to_string(file_size) +
@@ -220,14 +235,11 @@ PackedFile MeasurePacked(int fd, const struct stat& status, Packing packing, con
 FileEntry AddUnpacked(ArchiveWriter& archive, const std::string& name, int fd, const struct stat& status,
                       const PackedFile& packed, std::uint64_t max_bytes, const RedactionRules* rules,
                       const UnpackLimits& limits) {
-  FileEntry entry;
-  entry.size = std::min(packed.size, max_bytes);
-  const std::uint64_t skipped = packed.size - entry.size;
-  EntrySource source;
-  source.size = entry.size;
-  source.lead = std::min(skipped, kLeadBytes);
-  source.modified = status.st_mtime;
+  EntrySource source = EndOf(packed.size, max_bytes, status);
   source.rules = rules;
+  FileEntry entry;
+  entry.size = source.size;
+  const std::uint64_t skipped = packed.size - source.size;
   Unpacker unpacker(packed.packing, PackedInput(fd, status, limits));
   std::vector<char> buffer(kUnpackBytes);
   for (std::uint64_t left = skipped - source.lead; left > 0;) {
@@ -244,19 +256,14 @@ FileEntry AddUnpacked(ArchiveWriter& archive, const std::string& name, int fd, c
     return entry;
   }
   source.read = [&reader](char* to, std::size_t capacity) { return reader.Read(to, capacity); };
-  const WrittenEntry written = archive.Add(name, source);
-  if (written.left_out) {
-    entry.left_out = NoRoom(written.no_room);
-    return entry;
-  }
-  entry.redacted = written.redacted;
-  entry.no_room = written.no_room;
+  const std::optional<WrittenEntry> written = Write(archive, name, source, entry);
+  if (!written) return entry;
 
   entry.notes.push_back("unpacked: " + std::to_string(status.st_size) + " bytes of " +
                         NameOf(packed.packing) + " data on the device");
   if (packed.has_tail) entry.notes.emplace_back("what follows the compressed data is left out");
   if (skipped > 0) entry.notes.push_back(TailNote(entry.size, packed.size));
-  if (written.missing_bytes > 0) entry.notes.push_back(MissingNote(written, unpacker.failure()));
+  if (written->missing_bytes > 0) entry.notes.push_back(MissingNote(*written, unpacker.failure()));
   return entry;
 }
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "file_util.h"
+#include "trusted_path.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -36,20 +37,19 @@ struct Folder {
   std::string name;
   dev_t device = 0;
   ino_t inode = 0;
-  bool trusted =
-      false;  ///< Nobody but root and the own user could have changed what is here, or on the way here.
+  /// Nobody but root and the own user could have changed what is here, or on the way here. Who has no number in a user
+  /// namespace is neither of them.
+  bool trusted = false;
 };
 
 /// The root first. A copy shares the folders.
 using Way = std::vector<std::shared_ptr<const Folder>>;
 
-bool IsTrustedOwner(uid_t user) { return user == 0 || user == geteuid(); }
-
 int EnterOpened(Way& way, UniqueFd fd, const std::string& name) {
   struct stat status = {};
   if (!fd.valid() || fstat(fd.get(), &status) != 0) return errno;
   const bool others_write = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
-  const bool trusted = (way.empty() || way.back()->trusted) && IsTrustedOwner(status.st_uid) && !others_write;
+  const bool trusted = (way.empty() || way.back()->trusted) && IsRootOrSelf(status.st_uid) && !others_write;
   way.push_back(
       std::make_shared<const Folder>(Folder{std::move(fd), name, status.st_dev, status.st_ino, trusted}));
   return 0;
@@ -58,17 +58,6 @@ int EnterOpened(Way& way, UniqueFd fd, const std::string& name) {
 /// Opens the folder `name` of the last folder as the next one. Returns 0 or an errno value.
 int Enter(Way& way, const std::string& name) {
   return EnterOpened(way, UniqueFd(openat(way.back()->fd.get(), name.c_str(), kFolderFlags)), name);
-}
-
-/// The parts of a path between its slashes.
-std::deque<std::string> Parts(const std::string& path) {
-  std::deque<std::string> parts;
-  for (std::size_t begin = 0; begin < path.size();) {
-    const std::size_t end = std::min(path.find('/', begin), path.size());
-    if (end > begin) parts.push_back(path.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return parts;
 }
 
 /// Where the link `name` leads. Returns 0 or an errno value.
@@ -98,11 +87,11 @@ int Resolve(Way& way, Name& name, unsigned max_links) {
     struct stat status = {};
     if (fstatat(way.back()->fd.get(), part.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return errno;
     if (S_ISLNK(status.st_mode)) {
-      if (!way.back()->trusted || !IsTrustedOwner(status.st_uid) || ++links > max_links) return ELOOP;
+      if (!way.back()->trusted || !IsRootOrSelf(status.st_uid) || ++links > max_links) return ELOOP;
       std::string target;
       if (const int error = ReadLink(*way.back(), part, target)) return error;
       if (target.front() == '/') way.resize(1);
-      const std::deque<std::string> parts = Parts(target);
+      const std::deque<std::string> parts = PartsOf(target);
       todo.insert(todo.begin(), parts.begin(), parts.end());
     } else if (todo.empty()) {
       name = {part, static_cast<unsigned char>(IFTODT(status.st_mode))};
@@ -165,7 +154,7 @@ class Visit {
       visitor_.LeaveOut("/", ErrorText(error));
       return;
     }
-    const std::deque<std::string> parts = Parts(pattern);
+    const std::deque<std::string> parts = PartsOf(pattern);
     const bool goes_on = parts.empty() ? WalkLast(way, "/", limits_.folder_depth) : Match(way, "", parts);
     if (goes_on && !met_something_) visitor_.LeaveOut(pattern, "matches nothing");
   }
