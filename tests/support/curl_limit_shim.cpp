@@ -6,19 +6,20 @@
 ///   takes nothing. The file goes with it, so that others have theirs.
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
+#include "number_file.h"
+
 namespace {
+
+using test_support::NumberIn;
 
 constexpr char kClock[] = "/run/curl_limit_shim/clock";
 constexpr char kDeadPeer[] = "/run/curl_limit_shim/dead_peer_ms";
@@ -30,18 +31,6 @@ bool has_libcurl = false;
 template <typename Function>
 Function* Real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-/// The number in a file; 0 without one.
-int NumberIn(const char* path) {
-  std::array<char, 32> text = {};
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    return 0;
-  }
-  static_cast<void>(!read(fd, text.data(), text.size() - 1));
-  close(fd);
-  return static_cast<int>(std::strtol(text.data(), nullptr, 10));
 }
 
 }  // namespace
@@ -72,7 +61,7 @@ extern "C" __attribute__((visibility("default"))) int setsockopt(int fd, int lev
   static auto* const real_setsockopt = Real<decltype(::setsockopt)>("setsockopt");
   const bool is_the_limit =
       has_libcurl && level == IPPROTO_TCP && name == TCP_USER_TIMEOUT;  // gRPC sets it too
-  const int limit = is_the_limit ? NumberIn(kDeadPeer) : 0;
+  const int limit = is_the_limit ? static_cast<int>(NumberIn(kDeadPeer)) : 0;
   if (limit > 0) {
     unlink(kDeadPeer);
     return real_setsockopt(fd, level, name, &limit, sizeof(limit));

@@ -5,34 +5,23 @@
 /// - `clock`: time() is wrong by the number of seconds that stands in it.
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/types.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <ctime>
 
+#include "number_file.h"
+
 namespace {
+
+using test_support::NumberIn;
 
 constexpr char kForkFails[] = "/run/fault_shim/fork";
 constexpr char kClock[] = "/run/fault_shim/clock";
 
 /// How many calls of fork() lie between this process and the program's start.
 long generation = 0;
-
-/// The number in a file; 0 without one.
-long NumberIn(const char* path) {
-  std::array<char, 32> text = {};
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    return 0;
-  }
-  static_cast<void>(!read(fd, text.data(), text.size() - 1));
-  close(fd);
-  return std::strtol(text.data(), nullptr, 10);
-}
 
 }  // namespace
 
