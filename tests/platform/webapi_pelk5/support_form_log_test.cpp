@@ -72,8 +72,12 @@ class SupportFormLogTest : public SupportLogTest {
       return static_cast<int>(error.code);
     }
   }
+  void WaitForEnd(const std::string& task) const {
+    EXPECT_TRUE(WaitUntil([&] { return !Alive(task); }));
+  }
   /// What is said of a task that lacked something: the manifest's errors, or why there is no archive.
   std::string Told(const std::string& task) const {
+    WaitForEnd(task);
     std::string told;
     const int code = StatusError(task, &told);
     EXPECT_TRUE(code == 0 || code == static_cast<int>(ApiErrorCode::kTaskFailed)) << told;
@@ -262,8 +266,10 @@ TEST_F(SupportFormLogTest, CollectorThatEndsBeforeItBeginsIsAFailedTask) {
                       [&](const Paths& /*paths*/, const std::string& id, const Json::Value& list) {
                         return BecomeProgram(program, id, list);
                       });
+  const std::string task = Start(lost, "quick");
+  WaitForEnd(task);
   std::string message;
-  EXPECT_EQ(StatusError(Start(lost, "quick"), &message), static_cast<int>(ApiErrorCode::kTaskFailed));
+  EXPECT_EQ(StatusError(task, &message), static_cast<int>(ApiErrorCode::kTaskFailed));
   EXPECT_EQ(message, "the collector " + program + " ended before it began its work: see whether " + program +
                          " --help runs");
 }
@@ -272,6 +278,7 @@ TEST_F(SupportFormLogTest, HangingTaskIsEndedAndTheCauseIsTold) {
   limits_.task_seconds_hard = 1;
   SupportFormLog short_lived(paths_, limits_, Forked(limits_));
   const std::string task = Start(short_lived, "slow");
+  WaitForEnd(task);
   std::string message;
   EXPECT_EQ(StatusError(task, &message), static_cast<int>(ApiErrorCode::kTaskFailed));
   EXPECT_THAT(message, StartsWith("the collection took too long: it was ended after 1 seconds"));

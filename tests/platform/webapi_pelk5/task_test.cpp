@@ -25,10 +25,11 @@ std::atomic<long> allocations_left = kNoEnd;
 
 }  // namespace
 
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return allocations_left == kNoEnd || --allocations_left >= 0 ? malloc(size) : nullptr;
+}
 void* operator new(std::size_t size) {
-  if (allocations_left == kNoEnd || --allocations_left >= 0) {
-    if (void* const memory = malloc(size)) return memory;
-  }
+  if (void* const memory = operator new(size, std::nothrow)) return memory;
   throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept { free(memory); }
