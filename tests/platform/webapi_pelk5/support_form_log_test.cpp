@@ -284,6 +284,7 @@ TEST_F(SupportFormLogTest, HangingTaskIsEndedAndTheCauseIsTold) {
   EXPECT_THAT(message, StartsWith("the collection took too long: it was ended after 1 seconds"));
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which want memory and descriptors, too
 TEST_F(SupportFormLogTest, WithFewDescriptorsThereIsAnArchiveThatSaysSoOrTheCauseIsTold) {
   for (const rlim_t count : {4U, 5U, 6U, 8U}) {
     SupportFormLog scarce(paths_, limits_,
@@ -308,7 +309,6 @@ TEST_F(SupportFormLogTest, CallerWithFewDescriptorsIsToldSoAndNothingIsLeft) {
   }
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // whose own memory counts, too
 TEST_F(SupportFormLogTest, WithoutMemoryThereIsAnArchiveThatSaysSoOrTheCauseIsTold) {
   const auto told = [&](rlim_t mebibytes) {
     SupportFormLog scarce(paths_, limits_,
