@@ -11,7 +11,9 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
+#include <set>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -68,7 +70,7 @@ void CheckHandle(const CurlHandle& handle, const char* caller) {
 
 /// What a server has sent in one attempt besides the answer's body; libcurl's callbacks look at it.
 struct Attempt {
-  curl_socket_t socket = CURL_SOCKET_BAD;  ///< libcurl's.
+  std::set<curl_socket_t> sockets;  ///< All that libcurl has opened: of two tried at once either may win.
   size_t header_bytes = 0;
   size_t header_lines = 0;
   std::string fault;  ///< Why a callback has ended the attempt; empty when none has.
@@ -76,7 +78,7 @@ struct Attempt {
 
 /// libcurl calls it for each new socket, before it connects.
 int PrepareSocket(void* attempt, curl_socket_t socket, curlsocktype) {
-  if (attempt != nullptr) static_cast<Attempt*>(attempt)->socket = socket;
+  if (attempt != nullptr) static_cast<Attempt*>(attempt)->sockets.insert(socket);
   return Internal::LimitDeadPeer(socket, Internal::kDeadPeerLimit) ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
 }
 
@@ -114,16 +116,22 @@ size_t CheckHeaderLine(char* line, size_t size, size_t count, void* data) {
   return attempt.fault.empty() ? size * count : 0;
 }
 
+/// What has come on all of them together; those that libcurl has closed count nothing.
+std::uint64_t BytesReceived(const std::set<curl_socket_t>& sockets) {
+  std::uint64_t sum = 0;
+  for (const curl_socket_t socket : sockets) {
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    if (getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0) sum += info.tcpi_bytes_received;
+  }
+  return sum;
+}
+
 /// libcurl calls it again and again. What libcurl reads and drops (the extensions of chunks, TLS records without
 /// content) passes no other callback.
 int CheckReceivedBytes(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   auto& attempt = *static_cast<Attempt*>(data);
-  tcp_info info{};
-  socklen_t size = sizeof info;
-  if (getsockopt(attempt.socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0 ||
-      info.tcpi_bytes_received <= Internal::kMaxReceivedBytes) {
-    return 0;
-  }
+  if (BytesReceived(attempt.sockets) <= Internal::kMaxReceivedBytes) return 0;
   attempt.fault = "the server has sent more than " + std::to_string(Internal::kMaxReceivedBytes) + " bytes";
   return 1;
 }
@@ -258,6 +266,7 @@ void CurlSetupWriteToString(CurlHandle& handle, std::string& out) {
   SET_OPTION(handle, CURLOPT_CAPATH, kSystemRootsFolder);
   SET_OPTION(handle, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   SET_OPTION(handle, CURLOPT_SOCKOPTFUNCTION, &PrepareSocket);
+  SET_OPTION(handle, CURLOPT_FRESH_CONNECT, 1L);  // PrepareSocket() sees new sockets only
   // The request still says that it would wait for "100 Continue", but it doesn't: a server that refuses an
   // upload says so at any time, and libcurl stops sending then.
   SET_OPTION(handle, CURLOPT_EXPECT_100_TIMEOUT_MS, 0L);

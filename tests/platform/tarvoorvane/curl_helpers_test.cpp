@@ -347,6 +347,70 @@ TEST(CurlHeadTest, WhatIsDroppedUnseenIsBoundedByTheBytesThatCome) {
               HasSubstr(": the server has sent more than 4194304 bytes"));
 }
 
+TEST(CurlHeadTest, EachAttemptHasAConnectionOfItsOwnSoThatItsBytesAreCounted) {
+  HttpServer server;
+  CurlHandle handle = NewHandle(server.url());
+  std::string out;
+  CurlSetupWriteToString(handle, out);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    CurlPerform(handle);
+    long made = 0;
+    curl_easy_getinfo(handle.get(), CURLINFO_NUM_CONNECTS, &made);
+    EXPECT_EQ(made, 1);
+  }
+}
+
+/// While its filter is there, the kernel drops what comes in for this socket.
+void DropAll(int socket) {
+  sock_filter drop_all = BPF_STMT(BPF_RET | BPF_K, 0);
+  const sock_fprog program{1, &drop_all};
+  ASSERT_EQ(setsockopt(socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
+}
+
+/// libcurl calls it for each address that it tries: IPv4 is heard once IPv6 is tried beside it.
+curl_socket_t OpenSocketAndHearIpv4(void* ipv4_listener, curlsocktype, curl_sockaddr* address) {
+  const int drop = 0;
+  if (address->family == AF_INET6) {
+    EXPECT_EQ(
+        setsockopt(*static_cast<const int*>(ipv4_listener), SOL_SOCKET, SO_DETACH_FILTER, &drop, sizeof drop),
+        0);
+  }
+  return socket(address->family, address->socktype, address->protocol);
+}
+
+TEST(CurlHeadTest, OfTwoAddressesTriedAtOnceTheOneThatAnswersIsBounded) {
+  const ScriptedTcpServer server([](int connection) {
+    Testing::ReadHead(connection);
+    Send(connection, kChunked + "1;" + std::string(8 * Internal::kMaxReceivedBytes, 'x'));
+    shutdown(connection, SHUT_WR);
+  });
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  address.sin6_port = htons(static_cast<uint16_t>(server.port()));
+  const Internal::ScopedFd silent(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (bind(silent.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      listen(silent.get(), 1) != 0) {
+    GTEST_SKIP() << "no IPv6 loopback to be had";
+  }
+  DropAll(silent.get());
+  DropAll(server.listener());
+  const std::string port = ":" + std::to_string(server.port());
+  CurlHandle handle = NewHandle("http://two.example" + port);
+  std::string out;
+  CurlSetupWriteToString(handle, out);
+  const std::unique_ptr<curl_slist, void (*)(curl_slist*)> names(
+      curl_slist_append(nullptr, ("two.example" + port + ":127.0.0.1,[::1]").c_str()), &curl_slist_free_all);
+  curl_easy_setopt(handle.get(), CURLOPT_RESOLVE, names.get());
+  int listener = server.listener();
+  curl_easy_setopt(handle.get(), CURLOPT_OPENSOCKETFUNCTION, &OpenSocketAndHearIpv4);
+  curl_easy_setopt(handle.get(), CURLOPT_OPENSOCKETDATA, &listener);
+
+  std::string message;
+  EXPECT_EQ(FailureOf(handle, &message), CURLE_ABORTED_BY_CALLBACK);
+  EXPECT_THAT(message, HasSubstr(": the server has sent more than 4194304 bytes"));
+}
+
 /// A form with one part of this size.
 CurlHttpPost FormOf(size_t size) {
   CurlHttpPost form;
@@ -434,17 +498,10 @@ CURLcode FailureOfUpload(const std::string& url, size_t size, std::string* messa
   return FailureOf(handle, message);
 }
 
-/// From now on the kernel drops what comes in for this socket, as if its host were gone.
-void Die(int connection) {
-  sock_filter drop_all = BPF_STMT(BPF_RET | BPF_K, 0);
-  const sock_fprog program{1, &drop_all};
-  ASSERT_EQ(setsockopt(connection, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
-}
-
 TEST(CurlDeadPeerTest, OneThatDiesDuringTheUploadIsGivenUpBeforeTheTransfersLimit) {
   const ScriptedTcpServer server([](int connection) {
     Testing::ReadHead(connection);
-    Die(connection);
+    DropAll(connection);  // as if its host were gone
   });
   std::string message;
   EXPECT_THAT(FailureOfUpload(server.url(), kMoreThanBuffersHold, &message),
@@ -455,7 +512,7 @@ TEST(CurlDeadPeerTest, OneThatDiesDuringTheUploadIsGivenUpBeforeTheTransfersLimi
 TEST(CurlDeadPeerTest, OneThatDiesBeforeItAnswersIsGivenUpBeforeTheTransfersLimit) {
   const ScriptedTcpServer server([](int connection) {
     Testing::ReadBody(connection, Testing::ReadHead(connection));
-    Die(connection);
+    DropAll(connection);  // as if its host were gone
   });
   std::string message;
   EXPECT_EQ(FailureOfUpload(server.url(), 1000, &message), CURLE_RECV_ERROR);

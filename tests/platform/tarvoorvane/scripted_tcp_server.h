@@ -31,6 +31,8 @@ class ScriptedTcpServer {
 
   [[nodiscard]] std::string host_and_port() const { return "127.0.0.1:" + std::to_string(port_); }
   [[nodiscard]] std::string url() const { return "http://" + host_and_port() + "/"; }
+  [[nodiscard]] int port() const { return port_; }
+  [[nodiscard]] int listener() const { return listener_.get(); }
   [[nodiscard]] int connections() const { return connections_; }
 
  private:
