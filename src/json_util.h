@@ -12,8 +12,8 @@ namespace TarvoOrvane::Utils {
 /// @return false when the file can't be read or does not parse.
 [[nodiscard]] bool FromFile(const std::string& path, Json::Value& value);
 
-/// What becomes of a text's comments. They are accepted either way, and to collect them changes nothing but what the
-/// value's hasComment() tells. It takes time that grows with the square of the text's length, so it is for short texts.
+/// What becomes of a text's comments. They are accepted either way; collected ones show in the value's hasComment() and
+/// nowhere else. To collect them takes time that grows with the square of the text's length: for short texts only.
 enum class Comments { kDrop, kCollect };
 
 /// Parses `text` into `value`, as Json::Reader does.

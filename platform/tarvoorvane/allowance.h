@@ -26,7 +26,7 @@ class Allowance {
  private:
   Clock::duration most_;
   Clock::duration interval_;
-  Clock::time_point until_{};  ///< All that was used will have come back then.
+  Clock::time_point until_{};  ///< When all that was used has come back.
 };
 
 }  // namespace TarvoOrvane::Internal

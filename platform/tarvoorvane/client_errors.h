@@ -19,7 +19,7 @@ enum class ClientError : std::int32_t {
   kNothingToAnswer,    ///< Send() without a ticket that waits for its answer.
   kAnswerNotSent,      ///< The stream ended, or took too long, before the answer was written.
   kSystem,             ///< The system refused a descriptor, a thread or memory.
-  kTooCostly           ///< The stream took more memory or processor time than it may.
+  kTooCostly           ///< The stream took more bytes, memory or processor time than it may.
 };
 
 /// A failed call's status.

@@ -44,7 +44,7 @@ std::string PeerOf(const Address& address) {
 }
 
 void Cut(int fd) {
-  // This also drops what was received, which a shutdown leaves to be read; but not every kind of socket knows it.
+  // This drops what was received; a shutdown would leave it to be read. Sockets that can't do it are shut down.
   sockaddr nobody{};
   nobody.sa_family = AF_UNSPEC;
   if (connect(fd, &nobody, sizeof nobody) != 0) shutdown(fd, SHUT_RDWR);

@@ -18,9 +18,8 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
-int WakeSignal() {
-  return SIGRTMIN;
-}  // seen by nobody else: it is blocked here and sent to this thread alone
+/// Nobody else sees it: it is blocked here and sent to this thread alone.
+int WakeSignal() { return SIGRTMIN; }
 
 sigset_t OnlyWakeSignal() {
   sigset_t set;
@@ -41,7 +40,7 @@ timespec ToTimespec(nanoseconds time) {
   return {time.count() / std::nano::den, time.count() % std::nano::den};
 }
 
-/// In use, not resident: what is free but kept, by the C library or by a sanitizer, is no stream's growth.
+/// What is in use, not what is resident: memory that is free but kept for later is no stream's growth.
 std::size_t HeapInUse() {
   const struct mallinfo2 info = mallinfo2();
   return info.uordblks + info.hblkhd;
@@ -117,7 +116,7 @@ void CostWatch::Run() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (stop_) return;
     Look();
-    // A look uses processor time too: on a slow device no more than a tenth of it all.
+    // A look takes processor time too. Where it takes long, looks are rarer, so that they take a tenth of it at most.
     period = std::max<nanoseconds>(limits_.look, 10 * (ThreadCpu() - before));
   }
 }

@@ -1,9 +1,9 @@
-/// What a stream may cost the device, and who sees to it.
+/// What a stream may cost the device, and the thread that sees to it.
 ///
-/// gRPC bounds what messages and header lines may take, not what it keeps of a block of header lines that never ends,
-/// nor how long it is busy with frames that carry nothing. So a thread looks, each time the process has used some
-/// processor time, at what was received, how much memory has come into use and how busy the process was. It runs only
-/// while the process does, so it wakes up no idle device.
+/// gRPC bounds the size of messages and of complete header lines. It does not bound what it keeps of a header line that
+/// never ends, nor how long it is busy with frames that carry nothing. So a thread looks each time the process has used
+/// some processor time: at the bytes that were received, at the memory that came into use, and at that time itself.
+/// While the process does nothing, the thread sleeps.
 #pragma once
 
 #include <time.h>
@@ -20,14 +20,14 @@ namespace TarvoOrvane::Internal {
 
 /// A test makes them smaller.
 struct CostLimits {
-  std::size_t memory_bytes = 12UL << 20;  ///< By which the heap may grow while a stream is open.
-  /// Processor time of the process while streams are open: so much at once, and this share of the time for ever.
+  std::size_t memory_bytes = 12UL << 20;  ///< The heap may grow by so much while a stream is open.
+  /// Processor time of the process: so much at once, and for ever this share of one processor.
   std::chrono::milliseconds cpu{3'000};
   int cpu_percent = 5;
-  /// From the server: so much at once, and so much in a second for ever.
+  /// Bytes from the server: so many at once, and for ever so many a second.
   std::uint64_t received_bytes = 16UL << 20;
   std::uint64_t received_bytes_per_second = 1UL << 20;
-  std::chrono::milliseconds look{10};  ///< Of processor time, between two looks.
+  std::chrono::milliseconds look{10};  ///< Processor time between two looks.
 };
 
 /// One per ticket client. Its owner's thread creates it and calls it, with all signals blocked.
@@ -39,14 +39,14 @@ class CostWatch {
   CostWatch(const CostWatch&) = delete;
   CostWatch& operator=(const CostWatch&) = delete;
 
-  /// Calls `too_much` once, in the thread of this object, with what was too much. What streams have used before of the
-  /// processor time that may be used at once counts too.
+  /// Watches a stream until End(). Calls `too_much` once, in the thread of this object, with what was too much. The
+  /// processor time that may be used at once is that of all streams: former ones may have used some of it.
   /// @param received  Tells how many bytes the server has sent on the stream's connection.
   using TooMuch = std::function<void(const std::string& what)>;
   using Received = std::function<std::uint64_t()>;
   void Begin(TooMuch too_much, Received received);
 
-  /// No call comes, and none is under way, once this has returned.
+  /// Once this has returned no call is under way, and none comes.
   void End();
 
  private:
@@ -61,7 +61,7 @@ class CostWatch {
   Received received_;
   std::chrono::steady_clock::time_point begin_;
   std::size_t heap_before_ = 0;
-  std::chrono::nanoseconds cpu_used_{0};  ///< Of what may be used at once.
+  std::chrono::nanoseconds cpu_used_{0};  ///< How much of CostLimits::cpu is used up.
   std::chrono::nanoseconds last_cpu_{0};
   std::chrono::steady_clock::time_point last_look_;
   timer_t timer_{};

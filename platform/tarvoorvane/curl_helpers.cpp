@@ -83,7 +83,7 @@ int PrepareSocket(void* attempt, curl_socket_t socket, curlsocktype) {
 }
 
 /// Whether a header line names another transfer coding than "chunked". libcurl undoes the others unasked, up to five
-/// inside one another, and so some kilobytes keep it busy for hours, without a look at its time limits.
+/// inside one another. So some kilobytes can keep it busy for hours, and it doesn't look at its time limits meanwhile.
 bool IsUnaskedCoding(std::string_view line) {
   constexpr std::string_view kName = "transfer-encoding:";
   if (line.size() < kName.size() || strncasecmp(line.data(), kName.data(), kName.size()) != 0) return false;
@@ -108,8 +108,8 @@ std::string FaultOfHeaderLine(Attempt& attempt, std::string_view line) {
   return IsUnaskedCoding(line) ? "the answer has another transfer coding than chunked" : "";
 }
 
-/// libcurl calls it for each line of a head, of an interim answer's head and of the trailers. It keeps them all, some
-/// hundred bytes more for each, and has no bound of its own for trailers.
+/// libcurl calls it for each line of the head, of interim answers' heads and of the trailers. libcurl keeps each line,
+/// with some hundred bytes more, and does not bound the trailers itself.
 size_t CheckHeaderLine(char* line, size_t size, size_t count, void* data) {
   auto& attempt = *static_cast<Attempt*>(data);
   attempt.fault = FaultOfHeaderLine(attempt, {line, size * count});
@@ -127,8 +127,8 @@ std::uint64_t BytesReceived(const std::set<curl_socket_t>& sockets) {
   return sum;
 }
 
-/// libcurl calls it again and again. What libcurl reads and drops (the extensions of chunks, TLS records without
-/// content) passes no other callback.
+/// libcurl calls it all the time while a transfer runs. No other callback sees what libcurl reads and drops: extensions
+/// of chunks, TLS records without content.
 int CheckReceivedBytes(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   auto& attempt = *static_cast<Attempt*>(data);
   if (BytesReceived(attempt.sockets) <= Internal::kMaxReceivedBytes) return 0;

@@ -12,15 +12,16 @@ namespace TarvoOrvane::Internal {
 /// restart of a router or a change of the mobile cell, short against the half hour that a transfer may take.
 inline constexpr std::chrono::seconds kDeadPeerLimit{120};
 
-/// How much text of answers one string takes, over all attempts together. Answers are short JSON texts; the worst
-/// that a server can write takes the JSON parser some seventy times its size in memory.
+/// Bytes of answers that one string takes, of all attempts together. An answer is a short JSON text. The costliest text
+/// takes the JSON parser some seventy times its size in memory.
 inline constexpr size_t kMaxAnswerBytes = 256UL << 10;
 
-/// What the head lines of one attempt's answer, of interim answers and of trailers may come to together.
+/// Bytes and lines of one attempt's head, of its trailers and of its interim answers' heads, together.
 inline constexpr size_t kMaxHeaderBytes = 64UL << 10;
 inline constexpr size_t kMaxHeaderLines = 1000;
 
-/// How much a server may send in one attempt in all. The longest answer in chunks of one byte is less than half of it.
+/// Bytes that a server may send in one attempt, whatever they are. The longest answer, sent in chunks of one byte, is
+/// less than half of that.
 inline constexpr size_t kMaxReceivedBytes = 4UL << 20;
 
 /// Makes the kernel end a connection whose peer is dead: probes on an idle one (the first after half the limit),

@@ -42,8 +42,8 @@ std::string Now() {
   return text;
 }
 
-/// Opens the log file for appending. Lines quote tickets, so nobody but the owner may read it, and it must not be what
-/// somebody else may have put there: a file of his own, or a second name of a file that is no log.
+/// Opens the log file for appending. Lines quote tickets, so nobody but the owner may read it. What somebody else may
+/// have put there is refused: a file of his own, or a second name of another file.
 /// @param fault  Why it can't be opened; untouched otherwise.
 ScopedFd OpenLogFile(const std::string& path, std::string& fault) {
   ScopedFd file(open(path.c_str(),
@@ -92,7 +92,8 @@ bool IsNamed(int fd, const std::string& path) {
 
 /// Renames the full file, unless another process is about to or has done so. Nobody waits for the lock, so that a
 /// process that is stopped while it holds it stops no other.
-/// @param locked_or_not  Somebody has held the lock for too long; he may have opened the file when its mode let him.
+/// @param locked_or_not  Renames it though somebody holds the lock. Whoever opened it when its mode still let him may
+///                       hold the lock for ever.
 void RenameFullFile(const ScopedFd& file, const std::string& path, bool locked_or_not) {
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 && !locked_or_not) return;
   if (IsNamed(file.get(), path)) (void)rename(path.c_str(), (path + ".1").c_str());
@@ -105,7 +106,7 @@ size_t SizeOf(const ScopedFd& file) {
 }
 
 /// The file to go on with: the one that `path` names, or a new one in the place of a full one.
-/// @return None when it can't be opened, or when a file twice as large as it may be can't be renamed.
+/// @return None when it can't be opened, or when it has twice the size that it may have and can't be renamed.
 ScopedFd OpenSuccessor(const std::string& path, size_t max_file_bytes) {
   std::string fault;
   ScopedFd file = OpenLogFile(path, fault);
@@ -165,8 +166,8 @@ class FileLogger final : public Utils::LoggerManager {
     return outcome;
   }
 
-  /// Goes over to the file's successor. While there is none lines go to syslog: a file that stays full, or has no
-  /// name, would take the disk unseen.
+  /// Goes over to the file's successor. While there is none, lines go to syslog: a file that stays full, or has no
+  /// name, would fill the disk unseen.
   void Follow() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (path_.empty()) return;
@@ -234,7 +235,7 @@ void ReconfigureLogger(const LoggerOptions& options) {
     syslog(LOG_NOTICE, "libtarvoorvane: Log lines go to %s for as long as %s exists",
            options.log_file.c_str(), options.flag_file.c_str());
   }
-  // A limit on the size of files, inherited from who started the daemon, is an error of a write and no end.
+  // Whoever started the daemon may have limited the size of files. Beyond that a write fails; it ends no process.
   (void)std::signal(SIGXFSZ, SIG_IGN);
   SetInstance(&TheLogger());
 }

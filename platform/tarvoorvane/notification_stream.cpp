@@ -54,10 +54,10 @@ grpc::ChannelArguments MakeChannelArguments(const StreamLimits& limits) {
   arguments.SetInt(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);  // no limit: a ticket may be days away
   arguments.SetMaxReceiveMessageSize(kMaxMessageBytes);
   arguments.SetInt(GRPC_ARG_MAX_METADATA_SIZE, kMaxHeaderBytes);
-  // Nothing is compressed: what is small on the wire may be large in memory.
+  // No compression: what is small on the wire may be large in memory.
   arguments.SetInt(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
   arguments.SetInt(GRPC_COMPRESSION_CHANNEL_ENABLED_ALGORITHMS_BITSET, 1 << GRPC_COMPRESS_NONE);
-  // Left to itself, gRPC reads as much at once, and lets as much come, as the connection can carry.
+  // By itself gRPC lets the more come, and reads the more at once, the faster the connection is.
   arguments.SetInt(GRPC_ARG_TCP_MAX_READ_CHUNK_SIZE, kMaxReadBytes);
   arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
   grpc::ResourceQuota quota;
@@ -133,7 +133,7 @@ struct NotificationStream::Call {
   bool finishing = false;  ///< Nothing more is read or written.
   bool undecodable = false;
   bool ended = false;
-  std::string given_up;  ///< What it cost; empty unless it was given up for that.
+  std::string given_up;  ///< What was too much, once GiveUp() was called; else empty.
   WriteState write_state = WriteState::kNone;
   std::deque<Delivery> queue;
   std::deque<ClientMessage> outgoing;                                    ///< The first one is being written.
@@ -302,7 +302,7 @@ CallStatus NotificationStream::end_status() const {
   }
   CallStatus failure;
   failure.hasFail = true;
-  const int code = call_->status.error_code();  // the server's own number: any
+  const int code = call_->status.error_code();  // whatever number the server sent
   failure.error = code >= 0 && code <= grpc::StatusCode::UNAUTHENTICATED ? code : grpc::StatusCode::UNKNOWN;
   failure.errorMsg = MakePrintable(call_->status.error_message(), kMaxStatusText);
   return failure;

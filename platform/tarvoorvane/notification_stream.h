@@ -71,9 +71,9 @@ class NotificationStream {
   /// Ends the stream from this side; it then ends like any other.
   void Cancel();
 
-  /// The same because of what it costs. For Take() and end_status() it has ended at once, whatever gRPC still does. Any
-  /// thread may call it.
-  /// @param what  Was too much.
+  /// Ends the stream because of what it costs. Take() and end_status() tell at once that it has ended, even if gRPC is
+  /// still busy with it. Any thread may call it.
+  /// @param what  What was too much; it becomes part of the status.
   void GiveUp(const std::string& what);
 
  private:

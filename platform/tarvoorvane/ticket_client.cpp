@@ -68,7 +68,7 @@ Answer MakeAnswer(const std::string& ticket_id, ServiceClient::ClientStatus stat
 }  // namespace
 
 GrpcRuntime::GrpcRuntime() {
-  // What gRPC receives into goes back to the system as soon as it is freed.
+  // The buffers into which gRPC receives go back to the system as soon as they are freed.
   mallopt(M_MMAP_THRESHOLD, kLargestKeptBlock);
   TakeOverForeignLogs();
   const SignalBlock block;
@@ -127,7 +127,8 @@ CallStatus TicketClient::ReceiveTicket(const SignalBlock& block, Ticket& ticket)
   }
 }
 
-/// The daemon may log several lines for each ticket, so they come no faster than a device can ever need them.
+/// Waits until one more ticket may be handed over. The daemon logs several lines for each, so they come no faster than
+/// a device can ever need them.
 /// @return false when SIGTERM came meanwhile.
 bool TicketClient::PaceTickets(const SignalBlock& block) {
   constexpr int kNoEvent = -1;
@@ -183,7 +184,7 @@ void TicketClient::CloseStream() {
   watch_->End();
   stream_.reset();
   malloc_trim(0);
-  // gRPC goes on with a connection for as long as bytes come, whether or not there is a stream on it.
+  // The watch goes on: gRPC keeps a connection for as long as bytes come, even when there is no stream on it.
   watch_->Begin([address = *address_](const std::string& /*what*/) { CutConnections(address); },
                 [address = *address_] { return BytesReceived(address); });
 }

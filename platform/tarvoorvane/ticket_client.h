@@ -24,7 +24,7 @@ struct TicketClientOptions {
   std::string system_roots_file = "/etc/ssl/certs/ca-certificates.crt";  ///< Trusted without a ca.pem.
   StreamLimits limits;
   CostLimits cost;
-  Allowance tickets{100, std::chrono::milliseconds(200)};  ///< To be returned.
+  Allowance tickets{100, std::chrono::milliseconds(200)};  ///< How often Receive() returns one.
   std::chrono::milliseconds answer_limit{10'000};          ///< For writing one answer.
   std::chrono::milliseconds settled{60'000};       ///< A stream that lived so long is reopened when it ends.
   std::chrono::milliseconds longest_pause{5'000};  ///< Before that; the pause is random.

@@ -16,7 +16,7 @@ class TicketMemory {
   [[nodiscard]] bool Contains(const std::string& id) const;
 
  private:
-  std::deque<std::string> hashes_;  ///< Of the ids, the oldest first: an id may have 64 KiB.
+  std::deque<std::string> hashes_;  ///< Of the ids, oldest first. An id itself may have 64 KiB.
 };
 
 }  // namespace TarvoOrvane::Internal

@@ -1,6 +1,6 @@
-/// A hostile CSS server: what it answers to the upload is endless, or as costly as it can make it. The transmission child
-/// of the real daemon is looked at when the upload's request is there and again when it sends its report: what it has
-/// taken in between, and what it still holds.
+/// A hostile CSS server: its answers to the upload are endless, or as costly as it can make them. The transmission
+/// child of the real daemon is looked at twice: when the upload's request is there, and when the report's is. What it
+/// took in between is the answer's cost.
 
 #include <gmock/gmock.h>
 #include <unistd.h>

@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
   TicketClientOptions options;
   options.tls_folder = argv[2];
   options.cost.cpu = std::chrono::milliseconds(std::strtol(argv[3], nullptr, 10));
-  // Nobody waits for a stream that does not end: such a wait is found by the test, which does not take so long.
+  // A stream that does not end is waited for, and not left behind: the test, which waits less long, then fails.
   options.limits.close = std::chrono::hours(1);
   TicketClient client(argv[1], options);
   while (!g_stop) {

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kLookMs = 20;  // how soon the server's end is seen
 
-/// One connection, with TLS or without. What would have to wait returns 0 instead.
+/// One connection, with TLS or without. Operations return 0 where they would have to wait.
 class Link {
  public:
   virtual ~Link() = default;
@@ -41,7 +41,7 @@ class PlainLink : public Link {
   ssize_t Receive(char* data, std::size_t size) override { return Judge(recv(fd_, data, size, 0), 0); }
 
  private:
-  /// @param least  What counts as a success.
+  /// @param least  The least count that is a success: nothing received means the end.
   static ssize_t Judge(ssize_t count, ssize_t least) {
     if (count < 0) return errno == EAGAIN || errno == EINTR ? 0 : -1;
     return count == 0 && least == 0 ? -1 : count;
@@ -150,7 +150,8 @@ class Client {
   std::size_t stream_window_ = 65535;
 };
 
-/// How much of `frames`, of which `cleared` bytes are sure, may be sent.
+/// How many bytes of `frames` the client's windows let through.
+/// @param cleared  Those that they have let through before.
 std::size_t Clear(const std::string& frames, std::size_t cleared, Client& client) {
   while (cleared < frames.size()) {
     const std::size_t size = NumberAt(frames, cleared, 3);

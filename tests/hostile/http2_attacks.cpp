@@ -17,7 +17,7 @@ constexpr std::size_t kFrame = 16384;
 constexpr std::uint32_t kMaxStream = 0x7fffffff;
 constexpr char kGoodTicket[] = R"({"token": "t", "apps": ["a"]})";
 
-/// So many of `text` as make up a batch.
+/// `text` as often as fills a batch.
 std::string Batch(const std::string& text) { return Repeat(text, kBatch / text.size() + 1); }
 
 /// `once`, then `repeated` for ever, in batches.
@@ -46,7 +46,7 @@ Frames UnfinishedString(bool huffman) {
   return Endless(OpenBlock(begin), GoOn(Repeat(eight_letters, kFrame / 5)));
 }
 
-/// Remembers a line of nearly 4 KiB, then refers to it by one byte each.
+/// Makes the client remember a line of nearly 4 KiB, then names it again and again, by one byte each time.
 std::string TableBomb() {
   const std::string remembered =
       std::string(1, '\x40') + HpackNumber(0, 7, 1) + "n" + HpackNumber(0, 7, 3900) + std::string(3900, 'v');

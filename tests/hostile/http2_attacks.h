@@ -8,10 +8,8 @@
 
 namespace hostile {
 
-enum class From {
-  kTheRequest,
-  kTheStart
-};  ///< When an attack begins: with the stream or with the connection.
+/// When an attack begins: with the stream, or with the connection.
+enum class From { kTheRequest, kTheStart };
 enum class Answers { kAreRead, kAreNotRead };
 enum class Windows { kAreObeyed, kAreIgnored };  ///< Those that the client gives for DATA frames.
 
@@ -19,13 +17,13 @@ enum class TlsFlood { kNone, kKeyUpdates, kSessionTickets };  ///< In place of f
 
 struct Http2Attack {
   std::string name;
-  /// What is sent in that round, counted from 0; the next one follows as soon as the connection has taken it. Empty:
+  /// What is sent in a round; the first is 0. The next round begins when the connection has taken all of it. Empty:
   /// nothing more is sent, and the connection stays.
   std::function<std::string(std::uint64_t round)> frames;
   Windows windows = Windows::kAreObeyed;
   From from = From::kTheRequest;
   Answers answers = Answers::kAreRead;
-  bool also_over_tls = false;  ///< In the short run too.
+  bool also_over_tls = false;  ///< In the short run too; the long one has all.
   TlsFlood tls_flood = TlsFlood::kNone;
 };
 

@@ -42,7 +42,7 @@ constexpr bool kMemoryIsOurs = false;  // a sanitizer keeps what is freed
 constexpr bool kMemoryIsOurs = true;
 #endif
 
-/// How long, and with which limit of processor time.
+/// How long an attack lasts, and how much processor time a stream may take at once.
 struct Plan {
   milliseconds duration{400};
   milliseconds cpu_at_once{50};
@@ -53,7 +53,7 @@ struct Plan {
     return {std::chrono::seconds(std::strtol(seconds, nullptr, 10)), milliseconds(3'000)};
   }
 
-  /// Startup, what a look comes late, and a busy machine's dearer time included.
+  /// With room for the start, for looks that come late, and for a busy machine, where the same work takes longer.
   [[nodiscard]] milliseconds most_cpu() const {
     return 2 * (cpu_at_once + duration / 20) + milliseconds(400);
   }
@@ -125,7 +125,9 @@ class Worker {
     return count;
   }
 
-  /// SIGTERM; the status of waitpid() and the processor time that the process then used, of all that it did.
+  /// Sends SIGTERM and waits for the end.
+  /// @param cpu  Set to the processor time that the process used from then on.
+  /// @return The status of waitpid(); none when it did not end.
   std::optional<int> Terminate(milliseconds& cpu) {
     const milliseconds before = Cpu();
     kill(pid_, SIGTERM);
