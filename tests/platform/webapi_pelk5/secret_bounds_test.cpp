@@ -21,7 +21,7 @@ struct Bound {
 
 void PrintTo(const Bound& bound, std::ostream* out) { *out << bound.name; }
 
-std::function<std::string(std::size_t)> Repeats(char byte, std::string begin, std::string end) {
+std::function<std::string(std::size_t)> Repeats(char byte, const std::string& begin, const std::string& end) {
   return [=](std::size_t count) { return begin + std::string(count, byte) + end; };
 }
 
