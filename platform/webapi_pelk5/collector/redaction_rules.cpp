@@ -4,17 +4,23 @@
 #include <re2/re2.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <map>
 #include <new>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 #include "file_util.h"
-#include "secret_finder.h"
+#include "text_look.h"
 #include "trusted_path.h"
 
 namespace TARVO::SupportForm {
 namespace {
+
+/// Of longer words only so many last bytes are scanned for: the scanner takes ten times as long to compile them all.
+constexpr std::size_t kEndBytes = 6;
 
 constexpr const char* kWhatToDo = "; mend the file, or remove it";
 
@@ -118,16 +124,25 @@ RedactionRules::Scratch RedactionRules::NewScratch() const {
 }
 
 void RedactionRules::CompileBuiltIn() {
-  const std::vector<FixedWord> words = FixedWords();
+  words_ = FixedWords();
+  std::map<std::pair<std::string, bool>, std::vector<unsigned>> ends;
+  for (unsigned number = 0; number < words_.size(); ++number) {
+    std::string& text = words_[number].text;
+    const bool any_case = words_[number].any_case;
+    if (any_case) std::transform(text.begin(), text.end(), text.begin(), ToLower);
+    const std::string end = text.substr(text.size() - std::min(text.size(), kEndBytes));
+    ends[{end, any_case}].push_back(number);
+  }
   std::vector<const char*> texts;
   std::vector<std::size_t> lengths;
   std::vector<unsigned> flags;
   std::vector<unsigned> numbers;
-  for (const FixedWord& word : words) {
+  for (const auto& [end, words] : ends) {
     numbers.push_back(static_cast<unsigned>(texts.size()));
-    texts.push_back(word.text.data());
-    lengths.push_back(word.text.size());
-    flags.push_back(word.any_case ? HS_FLAG_CASELESS : 0);
+    texts.push_back(end.first.data());
+    lengths.push_back(end.first.size());
+    flags.push_back(end.second ? HS_FLAG_CASELESS : 0);
+    words_of_end_.push_back(words);
   }
   hs_database_t* database = nullptr;
   hs_compile_error_t* error = nullptr;
@@ -138,6 +153,16 @@ void RedactionRules::CompileBuiltIn() {
     throw RedactionError("the built-in rules can't be compiled: " + TakeMessage(error, number));
   }
   built_in_.reset(database);
+}
+
+std::optional<unsigned> RedactionRules::WordAtEnd(unsigned end, std::string_view text) const {
+  for (const unsigned number : words_of_end_[end]) {
+    const FixedWord& word = words_[number];
+    if (text.size() < word.text.size()) continue;
+    const std::string_view there = text.substr(text.size() - word.text.size());
+    if (word.any_case ? IsSameWord(there, word.text) : there == word.text) return number;
+  }
+  return std::nullopt;
 }
 
 void RedactionRules::CompileFile(const std::string& path) {

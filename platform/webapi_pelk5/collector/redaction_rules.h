@@ -2,9 +2,13 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "secret_finder.h"
 
 struct hs_database;
 struct hs_scratch;
@@ -44,8 +48,10 @@ class RedactionRules {
   RedactionRules(const RedactionRules&) = delete;
   RedactionRules& operator=(const RedactionRules&) = delete;
 
-  /// Finds FixedWords(), each under its number.
+  /// Finds the ends of FixedWords(), each end under a number of its own.
   [[nodiscard]] const hs_database* built_in() const { return built_in_.get(); }
+  /// The number of the fixed word that ends `text`, whose own end has the number `end`; nothing where none does.
+  [[nodiscard]] std::optional<unsigned> WordAtEnd(unsigned end, std::string_view text) const;
   /// Finds the patterns of the file, each under its number; null where there are none.
   [[nodiscard]] const hs_database* from_file() const { return from_file_.get(); }
   /// Tells the exact place of a match that from_file() found, and of its group.
@@ -64,6 +70,8 @@ class RedactionRules {
   void CompileFile(const std::string& path);
   void AddScratchFor(const hs_database* database);
 
+  std::vector<FixedWord> words_;
+  std::vector<std::vector<unsigned>> words_of_end_;  ///< Those that the scan does not tell apart.
   Database built_in_;
   Database from_file_;
   std::vector<std::unique_ptr<re2::RE2>> patterns_;

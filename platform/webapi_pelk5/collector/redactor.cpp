@@ -116,8 +116,9 @@ void Redactor::Scan(const hs_database* database, std::size_t (Redactor::*take)(u
     if (hit > scan.self->horizon_) return 1;
     if (hit <= scan.taken) return 0;
     try {
-      scan.taken = (scan.self->*scan.take)(number, hit);
-      scan.stopped = scan.taken > hit;
+      const std::size_t taken = (scan.self->*scan.take)(number, hit);
+      scan.stopped = taken > hit;
+      if (scan.stopped) scan.taken = taken;
     } catch (...) {
       scan.error = std::current_exception();
     }
@@ -136,9 +137,10 @@ void Redactor::Scan(const hs_database* database, std::size_t (Redactor::*take)(u
   }
 }
 
-std::size_t Redactor::TakeWord(unsigned word, std::size_t hit) {
-  if (IsTokenWord(word)) token_until_ = hit;
-  if (IsKeyMarkerWord(word)) {
+std::size_t Redactor::TakeWord(unsigned end, std::size_t hit) {
+  const std::optional<unsigned> word = rules_->WordAtEnd(end, text_.substr(0, hit));
+  if (word && IsTokenWord(*word)) token_until_ = hit;
+  if (word && IsKeyMarkerWord(*word)) {
     const std::optional<KeyMarker> marker = FindKeyMarker(Window(text_, hit), hit - WindowBegin(hit));
     if (marker) TakeKeyMarker({marker->begins_key, marker->begin + WindowBegin(hit), hit});
     return hit;
@@ -148,11 +150,11 @@ std::size_t Redactor::TakeWord(unsigned word, std::size_t hit) {
                                         [&](const Span& span) { return span.end < hit; }),
                          taken_secrets_.end());
   }
-  if (TakenUntil(hit) == 0) {
+  if (word && TakenUntil(hit) == 0) {
     const std::size_t begin = WindowBegin(hit);
     found_.clear();
     const std::uint64_t before = look_cost;
-    finder_.Find(word, Window(text_, hit), hit - begin, position_ + begin, found_);
+    finder_.Find(*word, Window(text_, hit), hit - begin, position_ + begin, found_);
     allowance_.Spend(position_ + hit, look_cost - before + kSecretCost * found_.size());
     for (Secret& secret : found_) {
       secret.begin += begin;
@@ -165,7 +167,7 @@ std::size_t Redactor::TakeWord(unsigned word, std::size_t hit) {
     allowance_.Spend(position_ + hit, kWordCost);
     if (!allowance_.IsSpent()) return hit;
     TakeSecret({hit, SecretForm::kLines, 0, '\0', kCoveredBytes});
-    ++covered_;
+    ++masked_parts_;
     allowance_.Renew();
     until = TakenUntil(hit + 1);
   }

@@ -39,7 +39,7 @@ class Redactor {
   [[nodiscard]] std::uint64_t count() const { return count_ + token_mask_.count(); }
 
   /// Parts of the text that were masked as a whole, as to search them would have cost too much. Each counts as a secret.
-  [[nodiscard]] std::uint64_t covered() const { return covered_; }
+  [[nodiscard]] std::uint64_t masked_parts() const { return masked_parts_; }
 
  private:
   /// Offsets into the block; those behind what is decided stay for the next one.
@@ -57,7 +57,7 @@ class Redactor {
 
   std::size_t FindSecrets(std::string_view text, bool at_end);
   void Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t));
-  std::size_t TakeWord(unsigned word, std::size_t hit);
+  std::size_t TakeWord(unsigned end, std::size_t hit);
   std::size_t TakePattern(unsigned number, std::size_t hit);
   void LookInSecret(std::size_t begin, std::size_t end);
   void TakeKeyMarker(const KeyMarker& marker);
@@ -73,7 +73,7 @@ class Redactor {
   SearchAllowance allowance_;
   TokenMask token_mask_;
   std::uint64_t count_ = 0;
-  std::uint64_t covered_ = 0;
+  std::uint64_t masked_parts_ = 0;
 
   // The block in work.
   std::string_view text_;

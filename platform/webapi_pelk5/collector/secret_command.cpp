@@ -631,8 +631,14 @@ const std::vector<std::string_view>& CommandWords() {
 }
 
 std::size_t FindCommandSecrets(std::string_view text, std::size_t word, std::vector<Secret>& found) {
-  look_cost += 100;
+  look_cost += 60;
   const std::size_t begin = SkipBack(text, word, kNameByte, 32);
+  // "dockerd[812]: ", "docker: " say in a log who speaks.
+  const std::size_t name_end = SkipForward(text, begin, kNameByte, 64);
+  const std::string_view name = From(text, begin, name_end - begin);
+  const bool writes = StartsWith(name, "echo") || StartsWith(name, "printf");
+  if (Contains("[:", At(text, name_end)) || (!writes && KnownCommands().Find(name) == nullptr))
+    return name_end;
   const std::size_t end = begin + RestOfLine(text, begin, kCommandReach).size();
   Line(text, begin, end, found).Find();
   return end;

@@ -562,21 +562,28 @@ std::optional<Secret> FindSentenceMember(const Name& name, Telling telling) {
   return FindQuoted(name.text, SkipBlanks(name.text, close + 2));
 }
 
-/// Whether the name stands in the middle of a sentence and a plain word behind it, so that none of the forms is met:
-/// "the password was wrong". Most words are told by this.
-bool IsInSentence(const Name& name, Telling telling) {
+enum class Sentence {
+  kNone,   ///< Perhaps, but all other forms are to be looked for, too.
+  kPlain,  ///< "the password was wrong": no form is met.
+  kFor,    ///< "Failed password for bob": a sentence at most.
+};
+
+/// Whether the name stands in the middle of a sentence and a plain word behind it. Most words are told by this.
+Sentence SentenceAround(const Name& name, Telling telling) {
   static constexpr std::size_t kPlainReach = 16;
   const std::string_view text = name.text;
   if (name.before.meaning != ' ' || name.before.coded || name.IsOption() || At(text, name.end) != ' ')
-    return false;
+    return Sentence::kNone;
   const std::size_t at = name.end + 1;
   const std::size_t end = SkipForward(text, at, kUpper | kLower, kPlainReach);
-  if (end == at || At(text, end) != ' ' || !Is(At(text, end + 1), kAlnum)) return false;
+  if (end == at || At(text, end) != ' ' || !Is(At(text, end + 1), kAlnum)) return Sentence::kNone;
   const std::string_view word = text.substr(at, end - at);
-  if (IsFiller(word) || IsValueKind(word) || IsSameWord(word, "for")) return false;
-  if (Contains("=:", Before(text, SkipBlanksBack(text, name.start))) || BeginsLine(name)) return false;
-  if (IsSetter(WordBefore(text, name.start))) return false;
-  return telling != Telling::kPassword || !HasOwner(name);
+  if (IsFiller(word) || IsValueKind(word)) return Sentence::kNone;
+  if (Contains("=:", Before(text, SkipBlanksBack(text, name.start))) || BeginsLine(name))
+    return Sentence::kNone;
+  if (IsSetter(WordBefore(text, name.start))) return Sentence::kNone;
+  if (telling == Telling::kPassword && HasOwner(name)) return Sentence::kNone;
+  return IsSameWord(word, "for") ? Sentence::kFor : Sentence::kPlain;
 }
 
 /// The other value of a sentence: expected password "x" but got "y", password changed from 'x' to 'y'.
@@ -614,8 +621,8 @@ std::optional<Secret> FindInnerValue(const Name& name, const Separator& separato
 
 void FindPhrase(const Name& name, Telling telling, std::vector<Secret>& found) {
   look_cost += 20;
-  if (IsInSentence(name, telling)) return;
-  look_cost += 150;
+  const Sentence sentence = SentenceAround(name, telling);
+  if (sentence == Sentence::kPlain) return;
   const auto take = [&](const std::optional<Secret>& secret) {
     if (secret) found.push_back(*secret);
     return secret.has_value();
@@ -624,6 +631,11 @@ void FindPhrase(const Name& name, Telling telling, std::vector<Secret>& found) {
     if (secret) take(FindOtherValue(name.text, *secret));
     return take(secret);
   };
+  if (sentence == Sentence::kFor) {
+    take_both(FindSentence(name, telling));
+    return;
+  }
+  look_cost += 150;
   if (name.before.meaning == '<' || name.before.meaning == ':') {
     if (take(FindElementText(name))) return;
   }

@@ -21,7 +21,7 @@ const RedactionRules& BuiltInRules() {
 struct Result {
   std::string text;
   std::uint64_t count = 0;
-  std::uint64_t covered = 0;
+  std::uint64_t masked_parts = 0;
 };
 
 /// Redacts a text whose next bytes come in pieces of the sizes that `next` gives.
@@ -45,7 +45,7 @@ Result RedactedInPieces(const RedactionRules* rules, const std::string& text,
   }
   EXPECT_EQ(block, "");
   result.count = redactor.count();
-  result.covered = redactor.covered();
+  result.masked_parts = redactor.masked_parts();
   return result;
 }
 
@@ -153,7 +153,7 @@ TEST(RedactorTest, BusyLogIsSearchedToItsEnd) {
       4'000'000);
   const Result result = Redacted(&BuiltInRules(), logs);
   EXPECT_EQ(result.text, logs);
-  EXPECT_EQ(result.covered, 0U);
+  EXPECT_EQ(result.masked_parts, 0U);
 }
 
 TEST(RedactorTest, WhatWouldCostTooMuchToSearchIsMaskedAsAWhole) {
@@ -162,12 +162,12 @@ TEST(RedactorTest, WhatWouldCostTooMuchToSearchIsMaskedAsAWhole) {
     const std::string after = "\nuser=bob password=hunter2 ok\n";
     const std::string dense = Repeated(unit, 1'000'000);
     const Result whole = Redacted(&BuiltInRules(), before + dense + after);
-    EXPECT_GT(whole.covered, 10U) << unit;
-    EXPECT_LT(whole.covered, 100U) << unit;
+    EXPECT_GT(whole.masked_parts, 10U) << unit;
+    EXPECT_LT(whole.masked_parts, 100U) << unit;
     EXPECT_EQ(whole.text.substr(0, before.size()), "user=bob password=******* ok\n") << unit;
     const Result cut = RedactedInPieces(&BuiltInRules(), before + dense + after, [] { return 20'000; });
     EXPECT_TRUE(cut.text == whole.text) << unit;
-    EXPECT_EQ(cut.covered, whole.covered) << unit;
+    EXPECT_EQ(cut.masked_parts, whole.masked_parts) << unit;
   }
 }
 
@@ -175,7 +175,7 @@ TEST(RedactorTest, LineBehindAMaskedPartIsSearchedLikeAnyOther) {
   const std::string dense = Repeated("key=key=key=key=key=key=key=key=\n", 1'000'000);
   const std::string rest = Repeated("nothing here is worth a look, nor is there anything to hide\n", 40'000);
   const Result result = Redacted(&BuiltInRules(), dense + rest + "password=hunter2\n");
-  EXPECT_GT(result.covered, 10U);
+  EXPECT_GT(result.masked_parts, 10U);
   EXPECT_EQ(result.text.substr(result.text.size() - 1000),
             (rest + "password=*******\n").substr(rest.size() - 983));
 }
