@@ -143,6 +143,7 @@ WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& sour
   summary_.redacted += redactor.count();
   written.missing_bytes = std::min(left, source.size);
   written.redacted = redactor.count();
+  written.masked_parts = redactor.masked_parts();
   return written;
 }
 

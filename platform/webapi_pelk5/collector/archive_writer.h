@@ -47,6 +47,7 @@ struct EntrySource {
 struct WrittenEntry {
   std::uint64_t missing_bytes = 0;  ///< Announced bytes that the source did not have; zeros stand for them.
   std::uint64_t redacted = 0;       ///< Secrets masked in it, those in the lead counted too.
+  std::uint64_t masked_parts = 0;   ///< Of them, parts masked as a whole: see Redactor::masked_parts().
   /// Not 0: there was no room on the device for all of the entry, and this errno value says why; zeros stand for what
   /// is missing. With `left_out` the archive has nothing of it.
   int no_room = 0;

@@ -217,6 +217,7 @@ void Collection::TakeRegularFile(ManifestEntry entry, int fd, const struct stat&
   entry.modified = status.st_mtime;
   entry.size = taken.size;
   entry.redacted = taken.redacted;
+  entry.masked_parts = taken.masked_parts;
   entry.notes.insert(entry.notes.end(), taken.notes.begin(), taken.notes.end());
   Record(entry);
 }
@@ -305,6 +306,7 @@ bool Collection::TakeOutput(const std::string& name, const CommandRequest& reque
   if (result.end == CommandResult::End::kExited) entry.exit_status = result.code;
   entry.size = taken.size;
   entry.redacted = taken.redacted;
+  entry.masked_parts = taken.masked_parts;
   // The spool's length says nothing about the output's.
   if (result.begin_lost || taken.size < static_cast<std::uint64_t>(status.st_size)) {
     entry.notes.push_back("longer than the limit: its last " + std::to_string(taken.size) + " bytes");
@@ -334,6 +336,7 @@ void Collection::TakeText(ManifestEntry entry, const std::string& text) {
   if (written.left_out) return;
   entry.size = text.size();
   entry.redacted = written.redacted;
+  entry.masked_parts = written.masked_parts;
   Record(entry);
 }
 

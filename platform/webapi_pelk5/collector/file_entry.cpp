@@ -107,6 +107,7 @@ std::optional<WrittenEntry> Write(ArchiveWriter& archive, const std::string& nam
     return std::nullopt;
   }
   entry.redacted = written.redacted;
+  entry.masked_parts = written.masked_parts;
   entry.no_room = written.no_room;
   return written;
 }

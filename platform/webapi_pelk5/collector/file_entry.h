@@ -26,6 +26,7 @@ struct FileCheck {
 struct FileEntry {
   std::uint64_t size = 0;          ///< As archived.
   std::uint64_t redacted = 0;      ///< Secrets masked in it.
+  std::uint64_t masked_parts = 0;  ///< Of them, parts that were masked as a whole.
   std::vector<std::string> notes;  ///< What is not as it was on the disk, for people.
   int no_room = 0;                 ///< Not 0: it was cut for want of room, and this errno value says why.
   /// Why the archive does not have it, for people: its content can't be checked, or there is no more room. Empty when the

@@ -75,6 +75,7 @@ void Manifest::AddEntry(const ManifestEntry& entry) {
   if (!entry.result.empty()) add("result", Quoted(entry.result));
   if (entry.exit_status) add("exit_status", std::to_string(*entry.exit_status));
   if (entry.redacted > 0) add("redacted", std::to_string(entry.redacted));
+  if (entry.masked_parts > 0) add("masked_parts", std::to_string(entry.masked_parts));
   if (!entry.notes.empty()) add("notes", ListText(entry.notes));
   entry_lines_ += "}";
   ++entries_;

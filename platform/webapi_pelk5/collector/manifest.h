@@ -22,6 +22,7 @@ struct ManifestEntry {
   std::optional<std::time_t> modified;  ///< The file's last change.
   std::uint64_t size = 0;               ///< As archived.
   std::uint64_t redacted = 0;           ///< Secrets masked in it.
+  std::uint64_t masked_parts = 0;       ///< Of them, parts of 16 KiB and more that were masked as a whole.
   std::vector<std::string> notes;       ///< What is not as it was at the source, for people.
 };
 
