@@ -483,7 +483,9 @@ class Line {
         std::all_of(word.begin(), word.end(), [](char c) { return Is(c, kUpper | kDash); });
     if (word.front() == '<' || word.front() == '[' || (in_capitals && IsProse(word))) return;
     if (in_capitals && word.size() > 2 && word.size() < 12) return;  // "-p PASS" of a help text.
-    found_.push_back({begin, SecretForm::kFixed, end});
+    // A word that the reach cuts goes on behind it.
+    const bool cut = end == end_ && !Is(At(text_, end_), kLineEnd);
+    found_.push_back({begin, cut ? SecretForm::kWord : SecretForm::kFixed, end});
   }
 
   std::string_view text_;

@@ -52,7 +52,7 @@ INSTANTIATE_TEST_SUITE_P(
         Bound{"BlanksBehindTheSign", 256, 257, Repeats(' ', "a b: password=", "7777777 c")},
         Bound{"NameBehindItsTellingWord", 195, 196, Repeats('x', "password_", "=7777777")},
         Bound{"UserAndPasswordOfAnUrl", 1012, 1013, Repeats('x', "http://bob", ":7777777@host/")},
-        Bound{"CommandLine", 2031, 2050, Repeats('x', "mysql ", " -p7777777 db")},
+        Bound{"CommandLine", 2038, 2039, Repeats('x', "mysql ", " -p7777777 db")},
         Bound{"BlockOfYaml", 32700, 32800, Repeats('x', "password: |\n  ", "\n  7777777")},
         Bound{"TripleQuotes", 32700, 32800, Repeats('x', "password = \"\"\"\n", "\n7777777\"\"\"")},
         Bound{"CharacterData", 32700, 32800, Repeats('x', "<password><![CDATA[", "\n7777777]]></password>")}),
