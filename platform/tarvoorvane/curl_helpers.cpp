@@ -50,16 +50,24 @@ void SetOption(const CurlHandle& handle, const char* name, CURLoption option, Va
 #define SET_OPTION(handle, option, value) SetOption(handle, #option, option, value)
 #define SET_PEM(handle, option, pem) SetPem(handle, #option, option, pem)
 
+/// What a callback returns, or `failure` where memory runs out: nothing may be thrown through libcurl.
+template <typename Result, typename Work>
+Result WithoutThrowing(Result failure, const Work& work) {
+  try {
+    return work();
+  } catch (const std::exception&) {
+    return failure;
+  }
+}
+
 /// Appends what the string still may take.
 size_t AppendToString(char* data, size_t size, size_t count, void* out) {
-  auto& text = *static_cast<std::string*>(out);
-  try {
+  return WithoutThrowing(size_t{0}, [&] {
+    auto& text = *static_cast<std::string*>(out);
     const size_t room = Internal::kMaxAnswerBytes - std::min(text.size(), Internal::kMaxAnswerBytes);
     text.append(data, std::min(size * count, room));
     return std::min(size * count, room);  // less than came ends the transfer with a write error
-  } catch (const std::exception&) {
-    return 0;  // out of memory; the same
-  }
+  });
 }
 
 void CheckHandle(const CurlHandle& handle, const char* caller) {
@@ -78,7 +86,11 @@ struct Attempt {
 
 /// libcurl calls it for each new socket, before it connects.
 int PrepareSocket(void* attempt, curl_socket_t socket, curlsocktype) {
-  if (attempt != nullptr) static_cast<Attempt*>(attempt)->sockets.insert(socket);
+  const bool noted = WithoutThrowing(false, [&] {
+    if (attempt != nullptr) static_cast<Attempt*>(attempt)->sockets.insert(socket);
+    return true;
+  });
+  if (!noted) return CURL_SOCKOPT_ERROR;
   return Internal::LimitDeadPeer(socket, Internal::kDeadPeerLimit) ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
 }
 
@@ -111,9 +123,11 @@ std::string FaultOfHeaderLine(Attempt& attempt, std::string_view line) {
 /// libcurl calls it for each line of the head, of interim answers' heads and of the trailers. libcurl keeps each line,
 /// with some hundred bytes more, and does not bound the trailers itself.
 size_t CheckHeaderLine(char* line, size_t size, size_t count, void* data) {
-  auto& attempt = *static_cast<Attempt*>(data);
-  attempt.fault = FaultOfHeaderLine(attempt, {line, size * count});
-  return attempt.fault.empty() ? size * count : 0;
+  return WithoutThrowing(size_t{0}, [&] {
+    auto& attempt = *static_cast<Attempt*>(data);
+    attempt.fault = FaultOfHeaderLine(attempt, {line, size * count});
+    return attempt.fault.empty() ? size * count : 0;
+  });
 }
 
 /// What has come on all of them together; those that libcurl has closed count nothing.
@@ -132,8 +146,10 @@ std::uint64_t BytesReceived(const std::set<curl_socket_t>& sockets) {
 int CheckReceivedBytes(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   auto& attempt = *static_cast<Attempt*>(data);
   if (BytesReceived(attempt.sockets) <= Internal::kMaxReceivedBytes) return 0;
-  attempt.fault = "the server has sent more than " + std::to_string(Internal::kMaxReceivedBytes) + " bytes";
-  return 1;
+  return WithoutThrowing(1, [&] {
+    attempt.fault = "the server has sent more than " + std::to_string(Internal::kMaxReceivedBytes) + " bytes";
+    return 1;
+  });
 }
 
 bool HasAesHardware() {
