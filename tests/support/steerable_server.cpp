@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "loopback_socket.h"
@@ -91,15 +92,21 @@ bool HasReadAll(int connection) {
   std::ifstream connections("/proc/net/tcp");
   for (std::string line; std::getline(connections, line);) {
     // "sl: ADDRESS:PORT ADDRESS:PORT STATE UNSENT:UNREAD", all in hexadecimal.
-    unsigned from = 0;
-    unsigned to = 0;
-    unsigned unsent = 0;
-    unsigned unread = 0;
-    if (std::sscanf(line.c_str(), "%*d: %*8x:%x %*8x:%x %*x %x:%x", &from, &to, &unsent, &unread) != 4) {
-      continue;
-    }
-    const bool is_ours = from == static_cast<unsigned>(own) && to == static_cast<unsigned>(peers);
-    const bool is_peers = from == static_cast<unsigned>(peers) && to == static_cast<unsigned>(own);
+    std::istringstream fields(line);
+    std::string slot;
+    std::string from;
+    std::string to;
+    std::string state;
+    std::string queues;
+    fields >> slot >> from >> to >> state >> queues;
+    const auto number = [](const std::string& field, std::size_t at) {
+      return field.size() > at ? std::strtoul(field.c_str() + at, nullptr, 16) : 0;
+    };
+    const auto port = [&](const std::string& field) { return static_cast<int>(number(field, 9)); };
+    const unsigned long unsent = number(queues, 0);
+    const unsigned long unread = number(queues, 9);
+    const bool is_ours = port(from) == own && port(to) == peers;
+    const bool is_peers = port(from) == peers && port(to) == own;
     if ((is_ours && unsent > 0) || (is_peers && unread > 0)) {
       return false;
     }

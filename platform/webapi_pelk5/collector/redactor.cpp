@@ -24,11 +24,12 @@ constexpr std::size_t kKeyBytes = std::size_t{32} << 10;
 /// Within so many bytes of a key's first or last line its base64 text has begun: header lines come first.
 constexpr std::size_t kKeyHeadBytes = 512;
 /// Where the allowance is spent, so much text is masked as a whole, and the rest of its last line.
-constexpr std::size_t kCoveredBytes = std::size_t{16} << 10;
+constexpr std::size_t kMaskedPartBytes = std::size_t{16} << 10;
 /// Nanoseconds of processor time, about: of a word that is found, and of a secret.
 constexpr std::uint64_t kWordCost = 75;
 constexpr std::uint64_t kSecretCost = 100;
-/// Words in a secret betray nothing more: the scan passes over so much of it and more, up to its last bytes.
+/// Words in a secret betray nothing more. Where at least kLeastSkipped bytes of it lie before its last kSecretTail, the
+/// scan passes over them.
 constexpr std::size_t kLeastSkipped = 1024;
 constexpr std::size_t kSecretTail = 1024;
 constexpr std::size_t kTokenBytes = 5;  ///< Of the word "token".
@@ -98,15 +99,15 @@ std::size_t Redactor::FindSecrets(std::string_view text, bool at_end) {
   return at_end ? text.size() : horizon_ - kReach;
 }
 
-/// Calls `take` with the number and the end of each hit that is due, in the order of their ends. It returns up to where
-/// no hit is due then.
+/// Calls `take` with the number and the end of each hit that is due, in the order of their ends. It returns the
+/// offset up to which no further hit is wanted.
 void Redactor::Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t)) {
   struct Context {
     Redactor* self;
     std::size_t (Redactor::*take)(unsigned, std::size_t);
     std::size_t begin;         // Of what is scanned.
     std::size_t taken;         // Hits up to here are not due.
-    bool stopped;              // There is much of that.
+    bool stopped;              // The scan was ended, to go on behind `taken`.
     std::exception_ptr error;  // Nothing may be thrown through the scanner.
   } context = {this, take, 0, taken_, true, nullptr};
   const auto on_hit = [](unsigned number, unsigned long long /*from*/, unsigned long long to,
@@ -166,12 +167,14 @@ std::size_t Redactor::TakeWord(unsigned end, std::size_t hit) {
   if (until < hit + kSecretTail) {
     allowance_.Spend(position_ + hit, kWordCost);
     if (!allowance_.IsSpent()) return hit;
-    TakeSecret({hit, SecretForm::kLines, 0, '\0', kCoveredBytes});
-    ++masked_parts_;
-    allowance_.Renew();
+    allowance_.Forgive();
+    TakeSecret({hit, SecretForm::kLines, 0, '\0', kMaskedPartBytes});
+    const std::size_t before = until;
     until = TakenUntil(hit + 1);
+    if (until > std::max(before, hit)) ++masked_parts_;
   }
-  // The tail is scanned, and costs, wherever the text's cut lets the next word be found.
+  // How much is passed over depends on where blocks end. The last kSecretTail bytes never are, so only words in them are
+  // charged: the cost is the same however the text is cut.
   until = std::min(until - std::min(until, kSecretTail), horizon_);
   if (until < hit + kLeastSkipped) return hit;
   LookInSecret(hit, until);

@@ -8,29 +8,30 @@ namespace TARVO::SupportForm {
 
 /// Counts what the search of one text costs, in nanoseconds of processor time as estimated for each kind of look: not
 /// measured, so that the same text is masked in the same way on every machine. A text earns by its length; ordinary logs
-/// spend a tenth of it and save some for denser parts.
+/// spend a tenth of that and save some for denser parts.
 class SearchAllowance {
  public:
-  static constexpr std::int64_t kPerByte = 10;
+  static constexpr std::int64_t kPerByte = 12;
   /// What a text begins with, and saves at most.
-  static constexpr std::int64_t kMost = 2'000'000;
-  static constexpr std::int64_t kRenewed = 100'000;
+  static constexpr std::int64_t kSavedAtMost = 2'000'000;
+  /// What it has behind a part that was masked as a whole.
+  static constexpr std::int64_t kForgiven = 100'000;
 
   /// @param position  Offset in the text up to which it is searched; never less than before.
   /// @param cost      Of the last look.
   void Spend(std::uint64_t position, std::uint64_t cost) {
     const auto bytes = static_cast<std::int64_t>(position - position_);
-    left_ = std::min(kMost, left_ + bytes * kPerByte) - static_cast<std::int64_t>(cost);
+    left_ = std::min(kSavedAtMost, left_ + bytes * kPerByte) - static_cast<std::int64_t>(cost);
     position_ = position;
   }
 
   /// Forgives what was spent too much, so that one part of a text is given up for it and no more.
-  void Renew() { left_ = kRenewed; }
+  void Forgive() { left_ = kForgiven; }
 
   [[nodiscard]] bool IsSpent() const { return left_ < 0; }
 
  private:
-  std::int64_t left_ = kMost;
+  std::int64_t left_ = kSavedAtMost;
   std::uint64_t position_ = 0;
 };
 

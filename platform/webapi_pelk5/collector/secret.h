@@ -26,7 +26,7 @@ enum class SecretForm {
   kList,            ///< Up to the ']' or '}' that is in no string; strings are quoted as with kQuoted.
   kDelimitedLines,  ///< Up to `delimiter`, over lines.
   kHereDocument,    ///< Up to the line that begins with `delimiter` behind blanks, over lines.
-  kLines,           ///< Up to the line end that comes first behind `level` bytes.
+  kLines,           ///< Up to the first line end behind `level` bytes.
   kBlock,  ///< The lines that begin with more than `level` blanks. With '-' as the mark also those that
            ///< begin with so many and a '-'. Begins where a line does.
 };

@@ -260,8 +260,10 @@ class Line {
   Line(std::string_view text, std::size_t begin, std::size_t end, std::vector<Secret>& found)
       : text_(text), at_(begin), end_(end), found_(found) {}
 
-  void Find() {
-    while (at_ < end_) {
+  /// @return Where it stopped: at the end, or where so many secrets were found that another look is due.
+  std::size_t Find() {
+    constexpr std::size_t kMostSecrets = 16;
+    while (at_ < end_ && found_.size() < kMostSecrets) {
       const char byte = text_[at_];
       if (Is(byte, kBlank) || Contains(",[]({}", byte)) {
         ++at_;
@@ -282,6 +284,7 @@ class Line {
       }
     }
     EndCommand('\n');
+    return at_;
   }
 
  private:
@@ -477,7 +480,7 @@ class Line {
   }
 
   void Add(std::size_t begin, std::size_t end) {
-    if (end <= begin || IsPlaceholder(text_, begin) || found_.size() > 16) return;
+    if (end <= begin || IsPlaceholder(text_, begin)) return;
     const std::string_view word = text_.substr(begin, end - begin);
     const bool in_capitals =
         std::all_of(word.begin(), word.end(), [](char c) { return Is(c, kUpper | kDash); });
@@ -642,8 +645,7 @@ std::size_t FindCommandSecrets(std::string_view text, std::size_t word, std::vec
   if (Contains("[:", At(text, name_end)) || (!writes && KnownCommands().Find(name) == nullptr))
     return name_end;
   const std::size_t end = begin + RestOfLine(text, begin, kCommandReach).size();
-  Line(text, begin, end, found).Find();
-  return end;
+  return Line(text, begin, end, found).Find();
 }
 
 }  // namespace TARVO::SupportForm

@@ -44,7 +44,7 @@ std::size_t SecretEnd::Find(std::string_view text, std::size_t at, bool at_end) 
   for (; at < text.size(); ++at) {
     at = SkipInside(text, at);
     if (at == text.size()) break;
-    if (over_lines && ++lines_bytes_ > kMaxLinesBytes) return at;
+    if (over_lines && ++lines_bytes_ > most_) return at;
     if (escapes && text[at] == '\\') {
       run_ = run_ + 1 < TokenMask::kMaxBackslashes ? run_ + 1 : 0;
       // A tail has one backslash at most.
@@ -73,7 +73,7 @@ std::size_t SecretEnd::SkipInside(std::string_view text, std::size_t at) {
       kLineEnd | (line_end_only ? 0U : kQuote | kListEnd | kSpelled) | (one_word ? 0U + kBlank : 0U);
   const char mark = line_end_only ? '\n' : form == SecretForm::kElement ? '<' : secret_.mark;
   const char first = line_end_only || secret_.delimiter.empty() ? mark : secret_.delimiter[0];
-  const std::size_t most = over_lines ? kMaxLinesBytes - lines_bytes_ : text.size();
+  const std::size_t most = over_lines ? most_ - lines_bytes_ : text.size();
   const std::size_t limit = at + std::min(most, text.size() - at);
   std::size_t next = at;
   while (next < limit && !Is(text[next], ends) && text[next] != mark && text[next] != first) ++next;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -11,10 +12,11 @@ namespace TARVO::SupportForm {
 /// Finds where a secret ends, over any blocks of the text.
 class SecretEnd {
  public:
-  /// Forms that go over lines end here at the latest, found or not.
+  /// Forms that go over lines end here at the latest, found or not; only kLines does not.
   static constexpr std::size_t kMaxLinesBytes = std::size_t{32} << 10;
 
-  explicit SecretEnd(const Secret& secret) : secret_(secret) {}
+  explicit SecretEnd(const Secret& secret)
+      : secret_(secret), most_(secret.form == SecretForm::kLines ? SIZE_MAX : kMaxLinesBytes) {}
 
   /// Goes on at text[at].
   /// @param at_end  Whether the text ends here: so does the secret then.
@@ -40,6 +42,7 @@ class SecretEnd {
   [[nodiscard]] bool IsClosingQuote(char byte) const;
 
   Secret secret_;
+  std::size_t most_;             ///< Bytes of a form that goes over lines.
   std::size_t run_ = 0;          ///< Backslashes just before the next byte.
   std::size_t matched_ = 0;      ///< Bytes of the delimiter, or quotes, just before the next byte.
   std::size_t indent_ = 0;       ///< Blanks read since the line began.

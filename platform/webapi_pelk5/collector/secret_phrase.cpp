@@ -576,11 +576,14 @@ Sentence SentenceAround(const Name& name, Telling telling) {
     return Sentence::kNone;
   const std::size_t at = name.end + 1;
   const std::size_t end = SkipForward(text, at, kUpper | kLower, kPlainReach);
-  if (end == at || At(text, end) != ' ' || !Is(At(text, end + 1), kAlnum)) return Sentence::kNone;
-  const std::string_view word = text.substr(at, end - at);
+  if (end == at) return Sentence::kNone;
+  const std::string_view word = From(text, at, end - at);
+  const bool goes_on = At(text, end) == ' ' && Is(At(text, end + 1), kAlnum);
+  const bool ends = Is(At(text, end), kLineEnd) && (IsOutcome(word) || IsProse(word));
+  if (!goes_on && !ends) return Sentence::kNone;
   if (IsFiller(word) || IsValueKind(word)) return Sentence::kNone;
-  if (Contains("=:", Before(text, SkipBlanksBack(text, name.start))) || BeginsLine(name))
-    return Sentence::kNone;
+  const bool is_value = Contains("=:", Before(text, SkipBlanksBack(text, name.start)));
+  if ((is_value && !ends) || BeginsLine(name)) return Sentence::kNone;
   if (IsSetter(WordBefore(text, name.start))) return Sentence::kNone;
   if (telling == Telling::kPassword && HasOwner(name)) return Sentence::kNone;
   return IsSameWord(word, "for") ? Sentence::kFor : Sentence::kPlain;

@@ -58,7 +58,10 @@ void LowerPriority() {
 }
 
 void EndAfter(unsigned seconds) {
-  // A thread's work, because no handler would run where a read can be ended only with the process.
+  // A thread does it: while the process hangs in the kernel no signal handler runs. Should the thread hang, too, as its
+  // record lies on a disk that gives no answer, the kernel ends the process a little later.
+  constexpr unsigned kGraceSeconds = 5;
+  alarm(seconds + kGraceSeconds);
   const std::string failure = "the collection took too long: it was ended after " + std::to_string(seconds) +
                               " seconds, at a file or a disk that gives no answer";
   try {
@@ -67,8 +70,8 @@ void EndAfter(unsigned seconds) {
       WriteTaskRecord(kTaskLockFd, failure);
       kill(getpid(), SIGKILL);
     }).detach();
-  } catch (const std::system_error&) {  // one more thread is not allowed; then the end has no cause
-    alarm(seconds);
+  } catch (const std::system_error&) {
+    // No further thread may be started. The kernel ends the process then, and its record names no cause.
   }
 }
 

@@ -45,6 +45,12 @@ TEST_P(SecretBoundsTest, EndThereAndHideNothingBehind) {
   EXPECT_NE(beyond.find(behind + "********\n"), std::string::npos) << beyond;
 }
 
+TEST(SecretBoundsOfALineTest, CommandBehindManyOthersOfItsLineIsSearched) {
+  std::string line;
+  for (int count = 0; count < 40; ++count) line += "curl -u a:abc123; ";
+  EXPECT_EQ(Masked(line + "mysql -p7777777\n").find('7'), std::string::npos);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Each, SecretBoundsTest,
     testing::Values(

@@ -180,6 +180,7 @@ TEST_F(TaskProcessTest, ThatItCannotBeSetUpIsRecorded) {
 TEST_F(TaskProcessTest, EndsAtItsLimitThoughItHangsWhereNoSignalHandlerRuns) {
   const std::string failure = FailureOf([] {
     EndAfter(1);
+    // NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.vfork): its danger is what the test is about
     if (vfork() == 0) {  // until this child has ended, only a signal that ends the process reaches it
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       for (;;) pause();
