@@ -207,6 +207,7 @@ TEST(RedactorTest, MaskedPartEndsWithItsLineHoweverLongThatIs) {
   }
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which cost what they like
 double CpuSeconds() {
   timespec now = {};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -226,11 +227,12 @@ TEST(RedactorTest, DenseTextCostsAFewTimesWhatPlainTextCosts) {
     return least;
   };
   const double plain =
-      cost(Repeated("nothing here is worth a look, nor is there anything to hide\n", 4'000'000));
-  for (const std::string& dense : DenseTexts(4'000'000)) {
+      cost(Repeated("nothing here is worth a look, nor is there anything to hide\n", 2'000'000));
+  for (const std::string& dense : DenseTexts(2'000'000)) {
     EXPECT_LT(cost(dense), 100 * plain) << dense.substr(0, 20);
   }
 }
+#endif
 
 TEST(RedactorTest, LineBehindAMaskedPartIsSearchedLikeAnyOther) {
   const std::string dense = Repeated("key=key=key=key=key=key=key=key=\n", 1'000'000);
