@@ -590,12 +590,13 @@ bool BecomeSystemRoots(const std::string& folder) {
 }
 
 TEST_F(CurlTlsTest, TheSystemsRootsAreTrustedUntilThereIsACaFile) {
-  HttpServer server(&certificate_);
   const TempDir roots;
   roots.Write(Testing::HashedName(certificate_.certificate), certificate_.certificate);
   const pid_t child = fork();
   if (child == 0) {
     if (!BecomeSystemRoots(roots.File(""))) _exit(99);
+    // Not before the fork: its thread might hold a lock of the allocator then, which nobody would release here.
+    HttpServer server(&certificate_);
     if (FailureOfGet("https://" + server.host_and_port()) != CURLE_OK) _exit(1);
     Trust(device_);
     _exit(FailureOfGet("https://" + server.host_and_port()) == CURLE_PEER_FAILED_VERIFICATION ? 0 : 2);
@@ -612,8 +613,7 @@ TEST_F(CurlTlsTest, MissingSystemRootsAreALogLineAndNoConnectionIsTried) {
   const pid_t child = fork();
   if (child == 0) {
     if (!BecomeSystemRoots(roots.File(""))) _exit(99);
-    // Not before the fork: its thread might hold a lock of the allocator then, which nobody would release here.
-    HttpServer server(&certificate_);
+    HttpServer server(&certificate_);  // not before the fork, as above
     std::string message;
     if (FailureOfGet("https://" + server.host_and_port(), &message) != CURLE_SSL_CERTPROBLEM) _exit(1);
     if (message.find("install ca-certificates") == std::string::npos) _exit(2);
