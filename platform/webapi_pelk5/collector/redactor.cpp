@@ -25,8 +25,9 @@ constexpr std::size_t kKeyBytes = std::size_t{32} << 10;
 constexpr std::size_t kKeyHeadBytes = 512;
 /// Where the allowance is spent, so much text is masked as a whole, and the rest of its last line.
 constexpr std::size_t kMaskedPartBytes = std::size_t{16} << 10;
-/// Nanoseconds of processor time, about: of a word that is found, and of a secret.
+/// Nanoseconds of processor time, about: of a word that is found, of a key's marker, and of a secret.
 constexpr std::uint64_t kWordCost = 75;
+constexpr std::uint64_t kMarkerCost = 75;
 constexpr std::uint64_t kSecretCost = 100;
 /// Words in a secret betray nothing more. Where at least kLeastSkipped bytes of it lie before its last kSecretTail, the
 /// scan passes over them.
@@ -144,6 +145,7 @@ std::size_t Redactor::TakeWord(unsigned end, std::size_t hit) {
   if (word && IsKeyMarkerWord(*word)) {
     const std::optional<KeyMarker> marker = FindKeyMarker(Window(text_, hit), hit - WindowBegin(hit));
     if (marker) TakeKeyMarker({marker->begins_key, marker->begin + WindowBegin(hit), hit});
+    allowance_.Spend(position_ + hit, kWordCost + kMarkerCost);
     return hit;
   }
   if (!taken_secrets_.empty()) {

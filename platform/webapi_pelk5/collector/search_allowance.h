@@ -11,7 +11,7 @@ namespace TARVO::SupportForm {
 /// spend a tenth of that and save some for denser parts.
 class SearchAllowance {
  public:
-  static constexpr std::int64_t kPerByte = 12;
+  static constexpr std::int64_t kPerByte = 11;
   /// What a text begins with, and saves at most.
   static constexpr std::int64_t kSavedAtMost = 2'000'000;
   /// What it has behind a part that was masked as a whole.

@@ -318,6 +318,7 @@ class Line {
 
   void BeginCommand(const Commands::Rules* rules) {
     EndLast();
+    look_cost += 60;
     rules_ = rules;
     words_.clear();
     takes_next_ = nullptr;
@@ -374,6 +375,7 @@ class Line {
   /// Notes the word, and which rules need it.
   void AddWord(const Argument& argument, std::string_view word) {
     constexpr std::size_t kNeedReach = 32;
+    look_cost += 20 + 4 * rules_->size();
     for (std::size_t number = 0; number < rules_->size() && words_.size() < kNeedReach; ++number) {
       if (needed_at_[number] == npos && IsNeeded(*(*rules_)[number], word))
         needed_at_[number] = words_.size();
@@ -386,7 +388,8 @@ class Line {
     look_cost += 20;
     bool taken = false;
     ForEachWord(rule.options, [&](std::string_view option) {
-      if (taken || !StartsWith(word, option)) return;
+      look_cost += 8;
+      if (taken || option.front() != word.front() || !StartsWith(word, option)) return;
       std::size_t begin = option.size();
       if (word.size() == begin) {
         if (rule.place == Place::kOption) takes_next_ = &rule;
@@ -636,7 +639,7 @@ const std::vector<std::string_view>& CommandWords() {
 }
 
 std::size_t FindCommandSecrets(std::string_view text, std::size_t word, std::vector<Secret>& found) {
-  look_cost += 60;
+  look_cost += 80;
   const std::size_t begin = SkipBack(text, word, kNameByte, 32);
   // "dockerd[812]: ", "docker: " say in a log who speaks.
   const std::size_t name_end = SkipForward(text, begin, kNameByte, 64);

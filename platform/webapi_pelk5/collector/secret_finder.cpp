@@ -316,6 +316,14 @@ const std::vector<Rule>& Rules() {
   return rules;
 }
 
+std::vector<std::string> KeyMarkerWords() {
+  std::vector<std::string> words;
+  for (const Rule& rule : Rules()) {
+    if (rule.kind == Kind::kMarker) words.push_back(rule.word);
+  }
+  return words;
+}
+
 void Take(const std::optional<Secret>& secret, std::vector<Secret>& found) {
   if (secret) found.push_back(*secret);
 }
@@ -436,7 +444,7 @@ bool FindPassValue(const Name& name, std::vector<Secret>& found) {
     static const WordSet<32> other_words = {"bypass",   "compass",   "surpass",
                                             "trespass", "encompass", "overpass"};
     const std::string_view begin = name.text.substr(name.begin, name.word_end - name.begin);
-    const std::size_t word = begin.find_last_of("._-") + 1;
+    const std::size_t word = LastOf(begin, "._-") + 1;
     if ((!equals && !name.IsOption() && separator) || number || other_words.Has(begin.substr(word)))
       return false;
     FindNamedValue(name, Telling::kPassword, found);
@@ -478,7 +486,8 @@ bool FindKeyValue(const Name& name, std::vector<Secret>& found) {
   }
   const std::string_view text = name.text;
   if (At(text, name.end) == ' ' && Is(At(text, name.end + 1), kAlnum)) return false;  // A sentence.
-  const bool wireless = StartsWith(name.whole(), "wireless.") && EndsName(name);      // OpenWrt's "uci show".
+  look_cost += 40;
+  const bool wireless = StartsWith(name.whole(), "wireless.") && EndsName(name);  // OpenWrt's "uci show".
   if (wireless || IsKeyItself(name)) {
     if (const std::optional<Separator> separator = FindSeparator(name))
       Take(FindValue(name, *separator), found);
@@ -838,6 +847,7 @@ void FindHexDump(std::string_view text, std::size_t word, std::size_t at, std::v
 /// "WIFI:T:WPA;S:name;P:x;;"
 void FindWifiCode(std::string_view text, std::size_t at, std::vector<Secret>& found) {
   const std::string_view line = RestOfLine(text, at, kEntryReach);
+  look_cost += 4 * line.size();
   std::size_t password = line.find("P:");
   while (password != npos && password > 0 && line[password - 1] != ';')
     password = line.find("P:", password + 1);
@@ -1118,7 +1128,7 @@ void SecretFinder::FindInUrl(std::string_view text, std::size_t word, std::size_
   const std::string_view rest = text.substr(begin, url_end - begin);
   const std::size_t port_end = SkipForward(rest, 0, kDigit);
   if (port_end == rest.size() || Contains("/?#,", rest[port_end])) return;
-  const std::size_t in_authority = rest.substr(0, rest.find_first_of("/?#")).rfind('@');
+  const std::size_t in_authority = rest.substr(0, FirstOf(rest, "/?#")).rfind('@');
   // A '/' in the password is not allowed, but met; a second '@' in front of it would be too much to believe.
   std::size_t length = in_authority;
   if (length == npos && user_at == npos) {
@@ -1155,13 +1165,11 @@ std::optional<KeyMarker> FindKeyMarker(std::string_view text, std::size_t hit) {
 }
 
 std::optional<KeyMarker> FindKeyMarkerAt(std::string_view text, std::size_t dashes) {
-  for (const Rule& rule : Rules()) {
-    if (rule.kind != Kind::kMarker) continue;
-    const std::size_t letters = rule.word.find_last_not_of('-') + 1;
+  static const std::vector<std::string> words = KeyMarkerWords();
+  for (const std::string& word : words) {
+    const std::size_t letters = word.find_last_not_of('-') + 1;
     const std::size_t begin = dashes - std::min(dashes, letters);
-    if (text.compare(begin, rule.word.size(), rule.word) == 0) {
-      return FindKeyMarker(text, begin + rule.word.size());
-    }
+    if (text.compare(begin, word.size(), word) == 0) return FindKeyMarker(text, begin + word.size());
   }
   return std::nullopt;
 }

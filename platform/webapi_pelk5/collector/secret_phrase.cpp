@@ -226,7 +226,7 @@ std::optional<Secret> FindPairBefore(const Name& name) {
     if (end == npos || end >= name.start || IsPlaceholder(text, at + 1)) continue;
     // Only "name" stands between.
     const std::string_view between = text.substr(end + 1, name.start - end - 1);
-    if (between.size() > 24 || between.find_first_of("nNkK") == npos) continue;
+    if (between.size() > 24 || FirstOf(between, "nNkK") == npos) continue;
     return Secret{at + 1, SecretForm::kFixed, end};
   }
   return std::nullopt;
@@ -264,8 +264,8 @@ std::optional<Secret> FindCell(const Name& name) {
   const std::string_view first = value.substr(0, value.find(' '));
   // The row of a table's head names columns.
   const std::string_view below = From(text, at + RestOfLine(text, at, kTagReach).size(), 4);
-  if (below.find("--") != npos || below.find("+-") != npos) return std::nullopt;
-  const bool words = IsProse(first) || IsOutcome(first) || first.find_first_of("_(") != npos;
+  if (Holds(below, "--") || Holds(below, "+-")) return std::nullopt;
+  const bool words = IsProse(first) || IsOutcome(first) || FirstOf(first, "_(") != npos;
   return words ? std::nullopt : std::optional<Secret>({at, SecretForm::kFixed, end});
 }
 
@@ -275,7 +275,7 @@ std::optional<Secret> FindCell(const Name& name) {
 bool IsInBrackets(std::string_view text, std::size_t at) {
   const std::size_t from = at - std::min(at, kPairReach);
   const std::string_view before = text.substr(from, at - from);
-  const std::size_t open = before.find_last_of("([{");
+  const std::size_t open = LastOf(before, "([{");
   return open != npos && before[open] == '(';
 }
 
@@ -402,7 +402,7 @@ bool LooksMixed(std::string_view word) {
   const auto has = [&](unsigned classes) {
     return std::any_of(word.begin(), word.end(), [&](char byte) { return Is(byte, classes); });
   };
-  return has(kUpper | kLower) && (has(kDigit) || word.find_first_of("!#$^*+?@%") != npos);
+  return has(kUpper | kLower) && (has(kDigit) || FirstOf(word, "!#$^*+?@%") != npos);
 }
 
 std::optional<Secret> FindStatement(const Name& name, Telling telling) {
@@ -457,9 +457,9 @@ std::optional<Secret> FindStatement(const Name& name, Telling telling) {
   if (capitals && begins_line && telling == Telling::kPassword && From(text, behind, 2) == "= ") {
     return RestOfStatement(name, SkipBlanks(text, behind + 1));
   }
-  const std::string_view first = word.substr(0, word.find_first_of(";,"));
+  const std::string_view first = word.substr(0, FirstOf(word, ";,"));
   if (kind || IsProse(first) || IsOutcome(first) || IsPlaceholder(text, at) ||
-      Contains("=:<|>&/(-,[{}])\"", word.front()) || word.find("://") != npos) {
+      Contains("=:<|>&/(-,[{}])\"", word.front()) || Holds(word, "://")) {
     return std::nullopt;
   }
   if (std::all_of(word.begin(), word.end(), [](char byte) { return Is(byte, kDigit); }) &&

@@ -437,7 +437,7 @@ void FindInModemCommand(std::string_view text, std::size_t begin, std::size_t at
   } else if (telling) {
     std::size_t value = end + 1;
     const std::string_view rest = RestOfLine(text, value, kLineReach);
-    const std::size_t word = std::min(rest.find_first_of(" \t\"'<\\"), rest.size());
+    const std::size_t word = std::min(FirstOf(rest, " \t\"'<\\"), rest.size());
     const std::size_t comma = rest.substr(0, word).rfind(',');
     if (comma != npos) value += comma + 1;
     const std::size_t stop = end + 1 + word;
@@ -490,7 +490,7 @@ void FindInCall(std::string_view text, std::size_t at, std::vector<Secret>& foun
   const Argument& password = strings[std::min<std::size_t>(strings.size(), 3) - 1];
   const std::string_view word = text.substr(password.begin, password.end - password.begin);
   const std::string_view first = text.substr(strings[0].begin, strings[0].end - strings[0].begin);
-  const bool address = first.find_first_of(".:/") != npos && first.find('@') == npos;
+  const bool address = FirstOf(first, ".:/") != npos && first.find('@') == npos;
   const bool handler = StartsWith(word, "on_");  // signal.connect("clicked", "on_clicked")
   if ((strings.size() == 2 && (address || handler)) || word.empty() || IsProse(word)) return;
   Add(text, password, found);
@@ -504,9 +504,9 @@ void FindPairValue(std::string_view text, std::size_t at, std::vector<Secret>& f
   const std::size_t colon = word.find(':');
   if (colon == npos || colon == 0 || colon + 1 >= word.size()) return;
   std::string_view secret = quoted ? RestOfLine(text, at + colon + 1, kWordReach) : word.substr(colon + 1);
-  secret = secret.substr(0, secret.find_first_of("\"'"));
+  secret = secret.substr(0, FirstOf(secret, "\"'"));
   const std::string_view user = word.substr(0, colon);
-  if (secret.empty() || IsAll(secret, kDigit) || user.find_first_of("*/=,(){}\"'") != npos) return;
+  if (secret.empty() || IsAll(secret, kDigit) || FirstOf(user, "*/=,(){}\"'") != npos) return;
   if (StartsWith(secret, "//") || IsPlaceholder(text, at + colon + 1)) return;
   found.push_back({at + colon + 1, SecretForm::kFixed, at + colon + 1 + secret.size()});
 }
@@ -519,7 +519,7 @@ void FindPassLine(std::string_view text, std::size_t begin, std::size_t at, std:
   const bool news = EndsWith(mark, "AUTHINFO");
   const std::size_t from = begin - std::min(begin, kLineReach);
   const std::string_view before = text.substr(from, begin - from);
-  const bool user = mark.empty() && (before.find("USER ") != npos || before.find("NICK ") != npos);
+  const bool user = mark.empty() && (Holds(before, "USER ") || Holds(before, "NICK "));
   if (!said && !user && !news) return;
   if (At(text, at) == ':') ++at;
   const std::string_view word = WordAt(text, at, kWordReach);
@@ -536,7 +536,7 @@ void FindLoginLine(std::string_view text, std::size_t begin, std::size_t at, std
     if (SkipForward(text, at, kBase64Byte, 8) == at + 8) found.push_back({at, SecretForm::kEncoded});
     return;
   }
-  const std::string_view tag = line.substr(line.find_last_of(" \t\"'") + 1);
+  const std::string_view tag = line.substr(LastOf(line, " \t\"'") + 1);
   if (tag.empty() || tag.size() > 10 || !IsAll(tag, kAlnum | kDot) || !HasDigit(tag)) return;
   const std::string_view user = WordAt(text, at, kWordReach);
   const std::size_t value = SkipBlanks(text, at + user.size());
@@ -654,7 +654,7 @@ void FindLastField(std::string_view text, std::size_t begin, std::size_t hit, st
   const std::size_t database = rest.find(':');
   const bool any = text.substr(begin, hit - begin) == ":*:*:";
   const std::size_t user = any || database == npos ? database : rest.find(':', database + 1);
-  const std::size_t blank = rest.find_first_of(" \t");
+  const std::size_t blank = FirstOf(rest, " \t");
   if (user != npos && blank > user && user + 1 < rest.size() && !IsPlaceholder(text, hit + user + 1))
     found.push_back({hit + user + 1, SecretForm::kLine});
 }
@@ -663,7 +663,7 @@ void FindLastField(std::string_view text, std::size_t begin, std::size_t hit, st
 void FindRawHash(std::string_view text, std::size_t hit, std::vector<Secret>& found) {
   const std::size_t end = SkipForward(text, hit, kUpperDigit, 41);
   const std::string_view word = From(text, hit, end - hit);
-  if (word.size() == 40 && HasDigit(word) && word.find_first_of("GHIJKLMNOPQRSTUVWXYZ") == npos)
+  if (word.size() == 40 && HasDigit(word) && FirstOf(word, "GHIJKLMNOPQRSTUVWXYZ") == npos)
     found.push_back({hit, SecretForm::kFixed, end});
 }
 
@@ -671,7 +671,7 @@ void FindRawHash(std::string_view text, std::size_t hit, std::vector<Secret>& fo
 void FindNextLine(std::string_view text, std::size_t hit, std::vector<Secret>& found) {
   if (const std::string_view line = RestOfLine(text, hit, kWordReach); line.size() >= 8) {
     // "C: ZW5naW5l"
-    const std::size_t blank = line.find_last_of(" \t");
+    const std::size_t blank = LastOf(line, " \t");
     found.push_back({hit + (blank == npos ? 0 : blank + 1), SecretForm::kLine});
   }
 }

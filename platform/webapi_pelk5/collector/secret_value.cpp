@@ -510,7 +510,7 @@ std::size_t BehindBrackets(std::string_view text, std::size_t at, std::string_vi
 std::size_t BehindShellBraces(std::string_view text, std::size_t at) {
   const std::size_t end = BehindBrackets(text, at, At(text, at) == '#' ? "#{" : "${", "}");
   if (At(text, at) == '#')
-    return end != npos && text.substr(at, end - at).find_first_of("'|\"") == npos ? end : npos;
+    return end != npos && FirstOf(text.substr(at, end - at), "'|\"") == npos ? end : npos;
   if (end == npos) return npos;
   const std::string_view inside = text.substr(at + 2, end - at - 3);
   const std::size_t name = SkipForward(inside, 0, kNameByte);
@@ -560,7 +560,7 @@ std::size_t BehindBracketedWords(std::string_view text, std::size_t at) {
   if (!words || (!Is(inside.front(), kUpper | kLower) && !StartsWith(inside, "<<"))) return npos;
   // "[abc123]" may be a value, "(abc)" and "{abc}" too.
   if (open != '<' && DigitCount(inside) > 0) return npos;
-  if (open == '{') return IsProse(inside.substr(inside.find_last_of("_-") + 1)) ? end : npos;
+  if (open == '{') return IsProse(inside.substr(LastOf(inside, "_-") + 1)) ? end : npos;
   return end;
 }
 
@@ -614,7 +614,7 @@ std::size_t BehindCapitals(std::string_view text, std::size_t at) {
   if (word.size() < 4 || Is(At(text, end), kAlnum)) return npos;
   static const WordSet<64> words = {"redacted", "hidden",  "masked",    "filtered", "removed",
                                     "generate", "omitted", "sensitive", "scrubbed"};
-  const std::size_t part = word.find_last_of("_-");
+  const std::size_t part = LastOf(word, "_-");
   const bool told = part != npos && Prose().Has(word.substr(part + 1));
   return told || words.Has(word) ? end : npos;
 }
@@ -637,8 +637,8 @@ std::size_t BehindReference(std::string_view text, std::size_t at) {
     const std::size_t close = BehindBrackets(text, end, "(", ")");
     if (close == npos || !Is(At(text, at), kUpper | kLower)) return npos;
     const std::string_view inside = text.substr(end, close - end);
-    const bool has_literal = inside.find_first_of("\"'`") != npos;
-    const bool has_number = has_literal || inside.find_first_of("0123456789") != npos;
+    const bool has_literal = FirstOf(inside, "\"'`") != npos;
+    const bool has_number = has_literal || FirstOf(inside, "0123456789") != npos;
     if (HasTellingName(inside) || inside.size() <= 2) return close;
     return has_number && !References().Has(name.substr(0, dot)) ? npos : close;
   }
@@ -900,11 +900,11 @@ std::optional<Secret> FindBelow(const Name& name, const Separator& separator) {
   const std::size_t number = item ? SkipForward(rest, 2, kDigit) : 0;  // The bytes of a key.
   if (item && indent >= column && (IsListName(name) || (number > 2 && number >= rest.size()))) {
     const std::string_view value = rest.substr(2);
-    const bool mapping = value.find(": ") != npos || EndsWith(value, ":") || Contains("{[", value[0]);
+    const bool mapping = Holds(value, ": ") || EndsWith(value, ":") || Contains("{[", value[0]);
     if (!mapping) return Secret{line, SecretForm::kBlock, 0, '-', column};
   }
   // A value of one word or in quotes.
-  const bool one_word = rest.find_first_of(" \t:={[<") == npos && !rest.empty();
+  const bool one_word = FirstOf(rest, " \t:={[<") == npos && !rest.empty();
   if (item || indent <= column || (!one_word && !Is(rest.front(), kQuote))) return std::nullopt;
   return Secret{line, SecretForm::kBlock, 0, '\0', column};
 }
@@ -965,7 +965,7 @@ std::optional<Secret> FindInBraces(const Name& name, std::size_t at) {
   if (close == npos || close == at + 1 || IsPlaceholder(text, at)) return std::nullopt;
   const std::string_view inside = text.substr(at + 1, close - at - 1);
   const bool odbc = Contains("?;,", name.before.meaning) || At(text, close + 1) == ';';
-  const bool bare = inside.find_first_of(" :=,\"'{") == npos && Is(At(text, close + 1), kBlank | kLineEnd);
+  const bool bare = FirstOf(inside, " :=,\"'{") == npos && Is(At(text, close + 1), kBlank | kLineEnd);
   if (odbc) return Secret{at + 1, SecretForm::kFixed, close};
   return bare ? std::optional<Secret>({at, SecretForm::kFixed, close + 1}) : std::nullopt;
 }
@@ -981,7 +981,7 @@ std::optional<Secret> FindBareValue(const Name& name, const Separator& separator
   if (!separator.coded.empty()) {
     // What is coded as the sign is, parts the value from the next name: "a%3Db%26c".
     std::string joint(separator.coded);
-    const std::size_t last = joint.find_last_of("dDaA");
+    const std::size_t last = LastOf(joint, "dDaA");
     if (joint.front() == '%' && last != npos) joint.replace(joint.size() - 2, 2, "26");
     if (joint.front() == '\\') joint.replace(joint.size() - 2, 2, "26");
     if (joint.front() == '&') joint = "&amp;";
@@ -1022,17 +1022,17 @@ bool IsPlaceholder(std::string_view text, std::size_t at) {
 }
 
 bool LooksLikePassword(std::string_view word) {
-  look_cost += 10 + 4 * word.size();
+  look_cost += 10 + 2 * word.size();
   word = WithoutPunctuation(word);
   if (word.size() < 6 || Contains("/<([{$%-", word.front())) return false;
   const std::size_t digits = DigitCount(word);
   const std::size_t letters = LetterCount(word);
   if (letters == 0 || letters == word.size()) return false;
-  const bool signs = word.find_first_of("!#$^*+?") != npos;
+  const bool signs = FirstOf(word, "!#$^*+?") != npos;
   if ((digits == 0 && !signs) || Technical().Has(word)) return false;
   // A date, an address, a name with a value, a call.
   if (digits > 3 && Is(word.front(), kDigit) && Contains("-.:", word[4 < word.size() ? 4 : 0])) return false;
-  return word.find("::") == npos && word.find("://") == npos && word.find_first_of("=()[]{}<>\\") == npos;
+  return !Holds(word, "::") && !Holds(word, "://") && FirstOf(word, "=()[]{}<>\\") == npos;
 }
 
 bool LooksLikeKey(std::string_view word) {

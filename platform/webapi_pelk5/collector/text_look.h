@@ -58,6 +58,28 @@ inline bool IsSameWord(std::string_view word, std::string_view lower) {
   return word.size() == lower.size() && StartsWithWord(word, lower);
 }
 
+/// Offset of the first byte that is one of `bytes`; npos where none is.
+template <std::size_t size>
+std::size_t FirstOf(std::string_view text, const char (&bytes)[size]) {
+  std::size_t at = 0;
+  while (at < text.size() && !Contains(bytes, text[at])) ++at;
+  look_cost += 2 + at;
+  return at < text.size() ? at : std::string_view::npos;
+}
+/// The same of the last one.
+template <std::size_t size>
+std::size_t LastOf(std::string_view text, const char (&bytes)[size]) {
+  std::size_t end = text.size();
+  while (end > 0 && !Contains(bytes, text[end - 1])) --end;
+  look_cost += 2 + text.size() - end;
+  return end > 0 ? end - 1 : std::string_view::npos;
+}
+/// Whether a literal is part of the text.
+inline bool Holds(std::string_view text, std::string_view literal) {
+  look_cost += 4 + text.size();
+  return text.find(literal) != std::string_view::npos;
+}
+
 /// Offset of the first byte at or behind `at` that is not of `classes`, `most` bytes further on at the latest.
 inline std::size_t SkipForward(std::string_view text, std::size_t at, unsigned classes,
                                std::size_t most = std::string_view::npos) {

@@ -1,7 +1,6 @@
 #include "redactor.h"
 
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include <algorithm>
 #include <array>
@@ -174,10 +173,10 @@ TEST(RedactorTest, LogsOfNothingButFailedLoginsAreSearchedToTheirEnd) {
 }
 
 /// Texts of nothing but words that betray secrets, which would cost most.
-std::vector<std::string> DenseTexts(std::size_t size) {
+std::vector<std::string> DenseTexts() {
   std::vector<std::string> texts;
   for (const std::string unit : {"key=", "auth=(", "_pw\":", "\"AUTH\" ", "# password: ", "::::"}) {
-    texts.push_back(Repeated(Repeated(unit, 200) + "\n", size));
+    texts.push_back(Repeated(Repeated(unit, 200) + "\n", 1'000'000));
   }
   return texts;
 }
@@ -185,7 +184,7 @@ std::vector<std::string> DenseTexts(std::size_t size) {
 TEST(RedactorTest, WhatWouldCostTooMuchToSearchIsMaskedAsAWhole) {
   std::mt19937 random(1);
   const std::string before = "user=bob password=hunter2 ok\n";
-  for (const std::string& dense : DenseTexts(1'000'000)) {
+  for (const std::string& dense : DenseTexts()) {
     const std::string text = before + dense;
     const Result whole = Redacted(&BuiltInRules(), text);
     EXPECT_GT(whole.masked_parts, 10U) << dense.substr(0, 20);
@@ -206,33 +205,6 @@ TEST(RedactorTest, MaskedPartEndsWithItsLineHoweverLongThatIs) {
     EXPECT_EQ(result.text.substr(line.size()), "\nport=1\n") << shift;
   }
 }
-
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which cost what they like
-double CpuSeconds() {
-  timespec now = {};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
-// ./bench slow looks at all words. Here the bound is a coarse one, as other processes cost time, too: without the
-// allowance these texts cost up to a thousand times as much as plain ones.
-TEST(RedactorTest, DenseTextCostsAFewTimesWhatPlainTextCosts) {
-  const auto cost = [](const std::string& text) {
-    double least = 1e9;
-    for (int again = 0; again < 3; ++again) {
-      const double begin = CpuSeconds();
-      static_cast<void>(Redacted(&BuiltInRules(), text));
-      least = std::min(least, CpuSeconds() - begin);
-    }
-    return least;
-  };
-  const double plain =
-      cost(Repeated("nothing here is worth a look, nor is there anything to hide\n", 2'000'000));
-  for (const std::string& dense : DenseTexts(2'000'000)) {
-    EXPECT_LT(cost(dense), 100 * plain) << dense.substr(0, 20);
-  }
-}
-#endif
 
 TEST(RedactorTest, LineBehindAMaskedPartIsSearchedLikeAnyOther) {
   const std::string dense = Repeated("key=key=key=key=key=key=key=key=\n", 1'000'000);
