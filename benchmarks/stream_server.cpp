@@ -3,7 +3,8 @@
 /// Listens on a loopback port that the kernel chooses and prints "listening 127.0.0.1:PORT". Prints
 /// "hello SERIAL NANOSECONDS" when a device's first message has come (CLOCK_MONOTONIC, so that another process
 /// can subtract its own reading). A line "SERIAL TICKET_JSON" on standard input delivers that ticket to that device;
-/// "answer SERIAL NANOSECONDS STATUS" tells the time from before the write to the answer. Ends when standard input does.
+/// "answer SERIAL NANOSECONDS STATUS" tells the time from before the write to the answer. Ends when standard input
+/// does.
 #include <grpcpp/server.h>
 #include <grpcpp/server_builder.h>
 #include <unistd.h>

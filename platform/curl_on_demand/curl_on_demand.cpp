@@ -4,7 +4,8 @@
 // ordinary way they would be half of the daemon's start and a fifth of its idle memory, in a supervisor and a worker
 // that never use them. Whoever links this instead calls libcurl as ever.
 //
-// Where libcurl can't be loaded that is logged, and every call fails as libcurl's own would: CURLE_FAILED_INIT, or null.
+// Where libcurl can't be loaded that is logged, and every call fails as libcurl's own would: CURLE_FAILED_INIT, or
+// null.
 #include <curl/curl.h>
 #include <dlfcn.h>
 #include <syslog.h>

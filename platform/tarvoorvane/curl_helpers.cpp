@@ -144,11 +144,13 @@ std::uint64_t BytesReceived(const std::set<curl_socket_t>& sockets) {
 /// libcurl calls it all the time while a transfer runs. No other callback sees what libcurl reads and drops: extensions
 /// of chunks, TLS records without content.
 int CheckReceivedBytes(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  auto& attempt = *static_cast<Attempt*>(data);
-  if (BytesReceived(attempt.sockets) <= Internal::kMaxReceivedBytes) return 0;
-  return WithoutThrowing(1, [&] {
+  constexpr int kGoOn = 0;
+  constexpr int kEnd = 1;
+  return WithoutThrowing(kEnd, [&] {
+    auto& attempt = *static_cast<Attempt*>(data);
+    if (BytesReceived(attempt.sockets) <= Internal::kMaxReceivedBytes) return kGoOn;
     attempt.fault = "the server has sent more than " + std::to_string(Internal::kMaxReceivedBytes) + " bytes";
-    return 1;
+    return kEnd;
   });
 }
 
@@ -282,7 +284,9 @@ void CurlSetupWriteToString(CurlHandle& handle, std::string& out) {
   SET_OPTION(handle, CURLOPT_CAPATH, kSystemRootsFolder);
   SET_OPTION(handle, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   SET_OPTION(handle, CURLOPT_SOCKOPTFUNCTION, &PrepareSocket);
-  SET_OPTION(handle, CURLOPT_FRESH_CONNECT, 1L);  // PrepareSocket() sees new sockets only
+  // PrepareSocket() sees new sockets only. And to a server that refuses "Expect" libcurl repeats the request, even on a
+  // connection that has a part of the body on its way.
+  SET_OPTION(handle, CURLOPT_FORBID_REUSE, 1L);
   // The request still says that it would wait for "100 Continue", but it doesn't: a server that refuses an
   // upload says so at any time, and libcurl stops sending then.
   SET_OPTION(handle, CURLOPT_EXPECT_100_TIMEOUT_MS, 0L);

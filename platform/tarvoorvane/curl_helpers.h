@@ -20,8 +20,8 @@ inline constexpr size_t kMaxAnswerBytes = 256UL << 10;
 inline constexpr size_t kMaxHeaderBytes = 64UL << 10;
 inline constexpr size_t kMaxHeaderLines = 1000;
 
-/// Bytes that a server may send in one attempt, whatever they are. The longest answer, sent in chunks of one byte without
-/// TLS, is less than half of that.
+/// Bytes that a server may send in one attempt, whatever they are. The longest answer, sent in chunks of one byte
+/// without TLS, is less than half of that.
 inline constexpr size_t kMaxReceivedBytes = 4UL << 20;
 
 /// Makes the kernel end a connection whose peer is dead: probes on an idle one (the first after half the limit),

@@ -7,8 +7,8 @@
 namespace TarvoOrvane::Internal {
 
 /// Writes one line to the logger when there is one, to syslog otherwise. Others can cause lines as fast as they like.
-/// So there is a limit: 30 at once, then one every two seconds. Lines beyond it are left out and counted. Any thread may
-/// call it.
+/// So there is a limit: 30 at once, then one every two seconds. Lines beyond it are left out and counted. Any
+/// thread may call it.
 /// @param level  A syslog priority.
 /// @param text   The line; what came from elsewhere went through MakePrintable().
 void LogLine(int level, const std::string& text);

@@ -10,8 +10,8 @@
 /// same moment don't take each other for the holder.
 ///
 /// The state folder is locked by "collect" while it removes leftovers and makes its own folder, so that no folder is
-/// looked at whose locks are not taken yet. The lock is that of the file <state>.lock, which nobody else can open, and not
-/// the folder's own: where an operator lets others read that, they could keep it locked.
+/// looked at whose locks are not taken yet. The lock is that of the file <state>.lock, which nobody else can open,
+/// and not the folder's own: where an operator lets others read that, they could keep it locked.
 #pragma once
 
 #include <string>

@@ -70,7 +70,7 @@ bool ResetDescriptors(int lock_fd) {
   return true;
 }
 
-/// Runs in the task process. What left it would make that go on as a second caller.
+/// Runs in the task process. Lets no exception out: the task process would go on with what its caller does next.
 int Work(const std::function<int()>& work) {
   try {
     return work();

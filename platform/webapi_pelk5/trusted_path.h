@@ -2,12 +2,12 @@
 ///
 /// What the collection acts on decides what runs as root and what leaves the device, so nobody but root and the user
 /// who runs this may have a say in it. Every folder on the way, every link and the thing itself has to belong to one of
-/// the two, and others may not write to it. One kind of folder is let pass though all may write to it: one with the sticky
-/// bit (/tmp), if what comes next is a folder of root's or one's own, which others can neither remove nor bring there. Files
-/// and links they can bring there, with hard links or by moving them out of a folder of theirs.
+/// the two, and others may not write to it. One kind of folder is let pass though all may write to it: one with the
+/// sticky bit (/tmp), if what comes next is a folder of root's or one's own, which others can neither remove nor
+/// bring there. Files and links they can bring there, with hard links or by moving them out of a folder of theirs.
 ///
-/// Each name is looked up in the folder before, which is held open: what was judged is what is opened. The collector and
-/// debug_dat_check judge by this.
+/// Each name is looked up in the folder before, which is held open: what was judged is what is opened. The
+/// collector and debug_dat_check judge by this.
 #pragma once
 
 #include <cstddef>
@@ -47,8 +47,8 @@ struct OpenedPath {
 /// Whether a user is root or the one who runs this.
 [[nodiscard]] bool IsRootOrSelf(unsigned user);
 
-/// Whether a user is one of those who may have a say: root, or the user who runs this; in a user namespace in which root
-/// has no number, also who has none.
+/// Whether a user is one of those who may have a say: root, or the user who runs this. In a user namespace without the
+/// device's root, its files seem to belong to the user "nobody", who counts as root there.
 [[nodiscard]] bool IsTrustedUser(unsigned user);
 
 /// The parts of a path between its slashes.

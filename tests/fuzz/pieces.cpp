@@ -13,6 +13,7 @@ using TARVO::SupportForm::RedactionRules;
 using TARVO::SupportForm::Redactor;
 
 constexpr std::size_t kMaxText = std::size_t{256} << 10;
+constexpr std::size_t kRepeated = 16;
 constexpr std::size_t kMaxUndecided = std::size_t{64} << 10;
 
 /// @param next  How many bytes come next.
@@ -46,6 +47,10 @@ std::string Unpacked(std::string_view input) {
       const std::size_t count = static_cast<unsigned char>(input[at + 1]);
       text.append(64 * count + 1, input[at + 2]);
       at += 2;
+    } else if (input[at] == '\x1d' && at + 1 < input.size() && text.size() >= kRepeated) {
+      const std::string repeated = text.substr(text.size() - kRepeated);
+      for (int left = 8 * static_cast<unsigned char>(input[at + 1]); left > 0; --left) text += repeated;
+      ++at;
     } else {
       text += input[at];
     }

@@ -14,9 +14,10 @@ struct Redacted {
   std::uint64_t count = 0;
 };
 
-/// The text that an input stands for, of some 256 KiB at most: 0x1E, a number and a byte stand for that byte, 64 times the
-/// number and once more. Secrets of tens of kilobytes, and text behind the point up to which the redactor waits, need
-/// short inputs so.
+/// The text that an input stands for, of some 256 KiB at most: 0x1E, a number and a byte stand for that byte, 64
+/// times the number and once more; 0x1D and a number for the 16 bytes before them, 8 times the number. Secrets of
+/// tens of kilobytes, text behind the point up to which the redactor waits, and text that costs too much to search
+/// need short inputs so.
 [[nodiscard]] std::string Unpacked(std::string_view input);
 
 /// @return What the redactor makes of the text when it comes all at once.

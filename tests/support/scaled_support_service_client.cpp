@@ -1,6 +1,6 @@
-/// The host platform's ticket client for tests that have no time: those limits are a twentieth of what a device has that
-/// the environment variable SHORT_LIMITS names ("connect", "keepalive", "settled"). All else of the library is as the
-/// device has it.
+/// The host platform's ticket client for tests that have no time: those limits are a twentieth of what a device has
+/// that the environment variable SHORT_LIMITS names ("connect", "keepalive", "settled"). All else of the library is
+/// as the device has it.
 
 #include <cstdlib>
 #include <cstring>

@@ -57,8 +57,8 @@ class DescriptionError : public std::runtime_error {
 [[nodiscard]] std::string NotAnAppName(const Json::Value& asked);
 
 /// Reads the description NAME.json of the application `name`, which IsAppName().
-/// @throws DescriptionError when there is none, others could have changed it, or anything in it is not as it has to be: a
-///         misspelt member must not lead to an archive that silently lacks something.
+/// @throws DescriptionError when there is none, others could have changed it, or anything in it is not as it has to
+///         be: a misspelt member must not lead to an archive that silently lacks something.
 [[nodiscard]] AppDescription LoadAppDescription(const Paths& paths, const Limits& limits,
                                                 const std::string& name);
 

@@ -64,10 +64,10 @@ struct ArchiveSummary {
 };
 
 /// Writes a zstd-compressed GNU tar to a descriptor, entry by entry, each through a Redactor. Content is
-/// streamed; memory does not grow with it. Nothing is taken for which there is no room, whatever it compresses to, beside
-/// what is needed to complete the archive: that room is reserved as the archive grows, and so the archive can be
-/// completed on a device that others fill up. Every failure to write throws ArchiveFailed. Made and used in one
-/// thread; the compression runs in threads of its own where the process may use more than one core.
+/// streamed; memory does not grow with it. Nothing is taken for which there is no room, whatever it compresses to,
+/// beside what is needed to complete the archive: that room is reserved as the archive grows, and so the archive
+/// can be completed on a device that others fill up. Every failure to write throws ArchiveFailed. Made and used in
+/// one thread; the compression runs in threads of its own where the process may use more than one core.
 class ArchiveWriter {
  public:
   /// @param fd        Where the archive goes; borrowed.

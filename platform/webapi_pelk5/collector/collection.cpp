@@ -222,8 +222,8 @@ void Collection::TakeRegularFile(ManifestEntry entry, int fd, const struct stat&
   Record(entry);
 }
 
-/// Unpacks a compressed file into the archive. Returns nothing where there is no room for what it unpacks to; the manifest
-/// says so then.
+/// Unpacks a compressed file into the archive. Returns nothing where there is no room for what it unpacks to; the
+/// manifest says so then.
 std::optional<FileEntry> Collection::TakePackedFile(const std::string& name, int fd,
                                                     const struct stat& status, Packing packing) {
   const std::uint64_t left = limits_.unpacked_archive_bytes - unpacked_;
@@ -315,8 +315,8 @@ bool Collection::TakeOutput(const std::string& name, const CommandRequest& reque
   return true;
 }
 
-/// A file without a name in the task folder, which goes with its descriptor. Invalid where there is no room for one; the
-/// manifest says so then.
+/// A file without a name in the task folder, which goes with its descriptor. Invalid where there is no room for
+/// one; the manifest says so then.
 UniqueFd Collection::OpenSpool(const std::string& where) {
   UniqueFd fd(openat(folder_fd_, kSpoolFile, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd.valid() || unlinkat(folder_fd_, kSpoolFile, 0) != 0) {

@@ -45,9 +45,9 @@ struct CommandResult {
 };
 
 /// Runs a command without a shell and waits for it. It gets a process group and an environment of its own
-/// (PATH and LC_ALL=C), the root as working folder, /dev/null as input, default signals. When it ends, or is over a limit, its whole
-/// group is killed; so it is when the calling process ends meanwhile, however that happens. A process that left
-/// the group is beyond reach, and its output is not waited for.
+/// (PATH and LC_ALL=C), the root as working folder, /dev/null as input, default signals. When it ends, or is over a
+/// limit, its whole group is killed; so it is when the calling process ends meanwhile, however that happens. A
+/// process that left the group is beyond reach, and its output is not waited for.
 /// @param output_fd  A file that receives the output, empty before and open for reading, too; borrowed.
 [[nodiscard]] CommandResult RunCommand(const CommandRequest& request, int output_fd);
 

@@ -29,8 +29,8 @@ struct FileEntry {
   std::uint64_t masked_parts = 0;  ///< Of them, parts that were masked as a whole.
   std::vector<std::string> notes;  ///< What is not as it was on the disk, for people.
   int no_room = 0;                 ///< Not 0: it was cut for want of room, and this errno value says why.
-  /// Why the archive does not have it, for people: its content can't be checked, or there is no more room. Empty when the
-  /// archive does.
+  /// Why the archive does not have it, for people: its content can't be checked, or there is no more room. Empty
+  /// when the archive does.
   std::string left_out;
   /// Not kNone: it is compressed, and the archive does not have it; MeasurePacked() and AddUnpacked() are to be asked.
   Packing packing = Packing::kNone;

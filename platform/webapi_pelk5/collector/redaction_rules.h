@@ -41,8 +41,8 @@ class RedactionRules {
   using Scratch = std::unique_ptr<hs_scratch, ScratchDeleter>;
 
   /// Compiles the built-in rules and the patterns of the file; a file that does not exist adds none.
-  /// @throws RedactionError when a file that exists can't be read, others could have changed or removed it, a pattern is
-  ///         not valid, or the machine can't run the matcher. Nothing may be taken for checked then.
+  /// @throws RedactionError when a file that exists can't be read, others could have changed or removed it, a
+  ///         pattern is not valid, or the machine can't run the matcher. Nothing may be taken for checked then.
   explicit RedactionRules(const std::string& pattern_file);
   ~RedactionRules();
   RedactionRules(const RedactionRules&) = delete;

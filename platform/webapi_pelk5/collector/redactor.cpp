@@ -27,7 +27,7 @@ constexpr std::size_t kKeyHeadBytes = 512;
 constexpr std::size_t kMaskedPartBytes = std::size_t{16} << 10;
 /// Nanoseconds of processor time, about: of a word that is found, of a key's marker, and of a secret.
 constexpr std::uint64_t kWordCost = 75;
-constexpr std::uint64_t kMarkerCost = 75;
+constexpr std::uint64_t kMarkerCost = 150;
 constexpr std::uint64_t kSecretCost = 100;
 /// Words in a secret betray nothing more. Where at least kLeastSkipped bytes of it lie before its last kSecretTail, the
 /// scan passes over them.
@@ -175,8 +175,8 @@ std::size_t Redactor::TakeWord(unsigned end, std::size_t hit) {
     until = TakenUntil(hit + 1);
     if (until > std::max(before, hit)) ++masked_parts_;
   }
-  // How much is passed over depends on where blocks end. The last kSecretTail bytes never are, so only words in them are
-  // charged: the cost is the same however the text is cut.
+  // How much is passed over depends on where blocks end. The last kSecretTail bytes never are, so only words in
+  // them are charged: the cost is the same however the text is cut.
   until = std::min(until - std::min(until, kSecretTail), horizon_);
   if (until < hit + kLeastSkipped) return hit;
   LookInSecret(hit, until);

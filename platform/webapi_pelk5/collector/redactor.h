@@ -38,7 +38,8 @@ class Redactor {
   /// rule find counts twice.
   [[nodiscard]] std::uint64_t count() const { return count_ + token_mask_.count(); }
 
-  /// Parts of the text that were masked as a whole, as to search them would have cost too much. Each counts as a secret.
+  /// Parts of the text that were masked as a whole, as to search them would have cost too much. Each counts as a
+  /// secret.
   [[nodiscard]] std::uint64_t masked_parts() const { return masked_parts_; }
 
  private:

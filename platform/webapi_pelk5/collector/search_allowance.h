@@ -7,8 +7,8 @@
 namespace TARVO::SupportForm {
 
 /// Counts what the search of one text costs, in nanoseconds of processor time as estimated for each kind of look: not
-/// measured, so that the same text is masked in the same way on every machine. A text earns by its length; ordinary logs
-/// spend a tenth of that and save some for denser parts.
+/// measured, so that the same text is masked in the same way on every machine. A text earns by its length; ordinary
+/// logs spend a tenth of that and save some for denser parts.
 class SearchAllowance {
  public:
   static constexpr std::int64_t kPerByte = 11;

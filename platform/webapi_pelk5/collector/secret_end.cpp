@@ -69,8 +69,9 @@ std::size_t SecretEnd::SkipInside(std::string_view text, std::size_t at) {
   // Of here-documents and blocks the delimiter and the mark matter at the beginning of a line only.
   const bool line_end_only = over_lines && form != SecretForm::kDelimitedLines;
   const bool one_word = form == SecretForm::kWord || form == SecretForm::kScalar;
-  const unsigned ends =
-      kLineEnd | (line_end_only ? 0U : kQuote | kListEnd | kSpelled) | (one_word ? 0U + kBlank : 0U);
+  unsigned ends = kLineEnd;
+  if (!line_end_only) ends |= kQuote | kListEnd | kSpelled;
+  if (one_word) ends |= kBlank;
   const char mark = line_end_only ? '\n' : form == SecretForm::kElement ? '<' : secret_.mark;
   const char first = line_end_only || secret_.delimiter.empty() ? mark : secret_.delimiter[0];
   const std::size_t most = over_lines ? most_ - lines_bytes_ : text.size();

@@ -173,7 +173,8 @@ void AddPlaces(std::vector<Rule>& rules) {
   }
 }
 
-/// The built-in rules. No word is the end of another, so no two hits end at the same byte.
+/// The built-in rules. No word is the end of another as it is written, so two hits end at the same byte only where
+/// the case tells their words apart.
 // NOLINTNEXTLINE(readability-function-size): nothing but the rules.
 std::vector<Rule> MakeRules() {
   std::vector<Rule> rules = {
@@ -378,7 +379,7 @@ bool FindShellDefault(const Name& name, const Separator& separator, std::vector<
 }
 
 void FindNamedValue(const Name& name, Telling telling, std::vector<Secret>& found) {
-  look_cost += 30;
+  look_cost += 45;
   if (IsHarmlessName(name)) return;
   const std::optional<Separator> separator = FindSeparator(name);
   if (!separator) return FindPhrase(name, telling, found);

@@ -19,7 +19,7 @@ struct FixedWord {
   bool any_case = false;  ///< Upper and lower case letters are the same.
 };
 
-/// The words of the built-in rules. No word is the end of another.
+/// The words of the built-in rules. No word is the end of another as it is written.
 [[nodiscard]] std::vector<FixedWord> FixedWords();
 
 /// Bytes before and behind a fixed word that are looked at.

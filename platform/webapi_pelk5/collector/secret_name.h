@@ -1,5 +1,5 @@
-/// The name in which a telling word stands, as "db_password" or "--api-key": where it begins and ends, whether it speaks
-/// of a secret itself, and where its value stands.
+/// The name in which a telling word stands, as "db_password" or "--api-key": where it begins and ends, whether it
+/// speaks of a secret itself, and where its value stands.
 #pragma once
 
 #include <cstddef>

@@ -146,7 +146,8 @@ std::optional<Secret> FindNextElement(std::string_view text, std::size_t at, boo
   return Secret{close + 1, SecretForm::kElement};
 }
 
-/// Whether the attribute that the name is the value of refers to something else: <label for="password">Password</label>.
+/// Whether the attribute that the name is the value of refers to something else:
+/// <label for="password">Password</label>.
 bool IsReferring(const Name& name) {
   static const WordSet<64> words = {"for",          "class", "type",  "href", "htmlfor",
                                     "autocomplete", "rel",   "style", "src"};

@@ -957,7 +957,8 @@ std::size_t InsideCall(std::string_view text, std::size_t at) {
   return Is(SignAt(text, quote).meaning, kQuote) ? quote : npos;
 }
 
-/// A value in braces, "Password={a!b}", unlike "{user: x}". In ODBC's strings "}}" is one brace, and any byte may stand.
+/// A value in braces, "Password={a!b}", unlike "{user: x}". In ODBC's strings "}}" is one brace, and any byte may
+/// stand.
 std::optional<Secret> FindInBraces(const Name& name, std::size_t at) {
   const std::string_view text = name.text;
   std::size_t close = ClosingQuote(text, at + 1, '}', kWordReach);

@@ -51,8 +51,8 @@ std::string LineValue(const std::string& text, const std::string& key) {
 
 std::string FirstWord(const std::string& text) { return text.substr(0, text.find_first_of(" \t\n")); }
 
-/// Lines of which the longest are cut as far as is needed for all of them to fit: so many short ones tell more than a few
-/// long ones.
+/// Lines of which the longest are cut as far as is needed for all of them to fit: so many short ones tell more than
+/// a few long ones.
 class BoundedLines {
  public:
   explicit BoundedLines(std::size_t max_bytes) : max_bytes_(max_bytes) {}

@@ -14,8 +14,8 @@ namespace TARVO::SupportForm {
 /// idle; what the system refuses is left as it is. To be called before threads are started.
 void LowerPriority();
 
-/// Ends this process after so many seconds, with the reason in its task's record, though it may hang in a file that gives
-/// no data. Commands of it end with it.
+/// Ends this process after so many seconds, with the reason in its task's record, though it may hang in a file that
+/// gives no data. Commands of it end with it.
 void EndAfter(unsigned seconds);
 
 /// Leaves the reason why the task that the process works for has failed in its lock file, at kTaskLockFd. Does not

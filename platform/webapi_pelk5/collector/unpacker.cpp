@@ -137,8 +137,9 @@ class Unpacker::Zstd final : public Decoder {
   }
 
   Result Unpack(std::string_view& input, char*& output, std::size_t& room) override {
-    // The first byte alone: a frame that it gets whole the library unpacks in another way, without a look at the window
-    // and with other ideas of damage. What a file is worth must not depend on where its frames lie in a buffer.
+    // The first byte alone: a frame that comes as a whole the library unpacks in another way, which checks neither the
+    // window's size nor all that is checked else. Whether a file counts as damaged must not depend on where its frames
+    // lie in a buffer.
     ZSTD_inBuffer in = {input.data(), std::min(input.size(), at_begin_ ? std::size_t{1} : input.size()), 0};
     at_begin_ = false;
     ZSTD_outBuffer out = {output, room, 0};

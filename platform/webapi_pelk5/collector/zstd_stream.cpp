@@ -51,8 +51,8 @@ ZstdStream::ZstdStream(int fd, int level)
     : fd_(fd), context_(ZSTD_createCCtx(), &ZSTD_freeCCtx), output_(kOutputBytes) {
   if (!context_) throw std::bad_alloc();
   CheckZstd(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_compressionLevel, level));
-  // Negative levels leave it out, and logs are larger by a third then. The header offers the parameter to static linking
-  // alone, but it is the same in the shared libraries of all versions since 1.4.0.
+  // Negative levels leave it out, and logs are larger by a third then. The header offers the parameter to static
+  // linking alone, but it is the same in the shared libraries of all versions since 1.4.0.
   CheckZstd(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_literalCompressionMode, ZSTD_ps_enable));
   CheckZstd(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_checksumFlag, 1));
   workers_ = SetWorkers(context_.get(), WantedWorkers());

@@ -442,6 +442,31 @@ TEST(CurlUploadTest, AServerThatNeverSays100ContinueIsNotWaitedFor) {
   EXPECT_TRUE(came_sooner);
 }
 
+TEST(CurlUploadTest, AServerThatRefusesTheExpectationGetsTheBodyWithoutItOnce) {
+  std::atomic<int> asked{0};
+  std::atomic<int> sent{0};
+  const ScriptedTcpServer server([&](int connection) {
+    const std::string begin = Testing::ReadHead(connection);
+    if (begin.find("Expect:") != std::string::npos) {
+      ++asked;
+      Send(connection, "HTTP/1.1 417 Expectation Failed\r\nContent-Length: 0\r\n\r\n");
+      return;
+    }
+    ++sent;
+    Testing::ReadBody(connection, begin);
+    Testing::WriteAnswer(connection);
+  });
+  const CurlHttpPost form = FormOf(2UL << 20);
+  CurlHandle handle = NewHandle(server.url());
+  std::string out;
+  CurlSetupWriteToString(handle, out);
+  curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
+  ASSERT_EQ(FailureOf(handle), CURLE_OK);
+  EXPECT_EQ(out, "answer");
+  EXPECT_EQ(asked, 1);
+  EXPECT_EQ(sent, 1);
+}
+
 /// More than the sockets' buffers hold: who reads nothing of it stops the client.
 constexpr size_t kMoreThanBuffersHold = 32UL << 20;
 constexpr char kRefusal[] = "HTTP/1.1 403 Forbidden\r\nContent-Length: 7\r\n\r\nrefused";
@@ -460,15 +485,15 @@ TEST(CurlUploadTest, ARefusalIsHeardWhileTheBodyIsSentThoughTheServerReadsNoneOf
   EXPECT_EQ(out, "refused");
 }
 
-TEST(CurlDeadPeerTest, EveryConnectionHasTheLimitOfTwoMinutes) {
-  HttpServer server;
-  CurlHandle handle = NewHandle(server.url());
-  std::string out;
-  CurlSetupWriteToString(handle, out);
-  CurlPerform(handle);
-  curl_socket_t socket = CURL_SOCKET_BAD;
-  ASSERT_EQ(curl_easy_getinfo(handle.get(), CURLINFO_ACTIVESOCKET, &socket), CURLE_OK);
-  const auto option = [socket](int level, int name) {
+curl_socket_t OpenAndNoteSocket(void* noted, curlsocktype, curl_sockaddr* address) {
+  const curl_socket_t opened = socket(address->family, address->socktype, address->protocol);
+  *static_cast<curl_socket_t*>(noted) = opened;
+  return opened;
+}
+
+/// libcurl calls it with the body, while the connection is there.
+size_t CheckLimits(char*, size_t, size_t count, void* noted) {
+  const auto option = [socket = *static_cast<curl_socket_t*>(noted)](int level, int name) {
     int value = -1;
     socklen_t size = sizeof value;
     getsockopt(socket, level, name, &value, &size);
@@ -479,6 +504,24 @@ TEST(CurlDeadPeerTest, EveryConnectionHasTheLimitOfTwoMinutes) {
   EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPINTVL), 15);
   EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPCNT), 4);
   EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 120'000);
+  return count;
+}
+
+TEST(CurlDeadPeerTest, EveryConnectionHasTheLimitOfTwoMinutes) {
+  HttpServer server;
+  server.answer = "answer";
+  CurlHandle handle = NewHandle(server.url());
+  std::string out;
+  CurlSetupWriteToString(handle, out);
+  curl_socket_t noted = CURL_SOCKET_BAD;
+  curl_easy_setopt(handle.get(), CURLOPT_OPENSOCKETFUNCTION, &OpenAndNoteSocket);
+  curl_easy_setopt(handle.get(), CURLOPT_OPENSOCKETDATA, &noted);
+  curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, &CheckLimits);
+  curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &noted);
+  CurlPerform(handle);
+  curl_off_t size = 0;
+  ASSERT_EQ(curl_easy_getinfo(handle.get(), CURLINFO_SIZE_DOWNLOAD_T, &size), CURLE_OK);
+  EXPECT_EQ(size, 6) << "the limits were looked at";
 }
 
 constexpr std::chrono::seconds kShortLimit{2};

@@ -15,8 +15,9 @@ using testing::StartsWith;
 
 class ProgramTest : public SupportLogTest {
  protected:
-  /// Runs a script for bash in a session of its own, which a task gives its priority, in which "collect" is the program, "out" this test's folder and "described" the device's
-  /// folder of descriptions; the first command that fails ends it. Fails the test then.
+  /// Runs a script for bash in a session of its own, which a task gives its priority, in which "collect" is the
+  /// program, "out" this test's folder and "described" the device's folder of descriptions; the first command that
+  /// fails ends it. Fails the test then.
   void RunInSandbox(const std::string& script) const {
     WriteText(folder_ / "script",
               "set -e\ncollect() { '" PROGRAM_PATH "' \"$@\"; }\nout=" + folder_.string() +
