@@ -25,7 +25,7 @@ enum ByteClass : unsigned {
   kBase64Sign = 1U << 14,   ///< '+' and '/'.
   kHigh = 1U << 15,         ///< Beyond ASCII: of a letter in UTF-8, or of another character set.
   kColon = 1U << 16,        ///< ':'.
-  kSpelled = 1U << 17,      ///< Punctuation in another spelling begins with it: '\\', '%', '&', or 0xEF of UTF-8.
+  kSpelled = 1U << 17,  ///< Punctuation in another spelling begins with it: '\\', '%', '&', or 0xEF of UTF-8.
   kLowerDigit = kLower | kDigit,
   kUpperDigit = kUpper | kDigit,
   kAlnum = kUpper | kLower | kDigit,
