@@ -442,7 +442,8 @@ TEST(CurlUploadTest, AServerThatNeverSays100ContinueIsNotWaitedFor) {
   EXPECT_TRUE(came_sooner);
 }
 
-TEST(CurlUploadTest, AServerThatRefusesTheExpectationGetsTheBodyWithoutItOnce) {
+// libcurl repeats the request without "Expect", unless it has begun to send the body: then the refusal is the answer.
+TEST(CurlUploadTest, AServerThatRefusesTheExpectationKeepsNoAttemptWaiting) {
   std::atomic<int> asked{0};
   std::atomic<int> sent{0};
   const ScriptedTcpServer server([&](int connection) {
@@ -462,9 +463,9 @@ TEST(CurlUploadTest, AServerThatRefusesTheExpectationGetsTheBodyWithoutItOnce) {
   CurlSetupWriteToString(handle, out);
   curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
   ASSERT_EQ(FailureOf(handle), CURLE_OK);
-  EXPECT_EQ(out, "answer");
   EXPECT_EQ(asked, 1);
-  EXPECT_EQ(sent, 1);
+  EXPECT_LE(sent, 1);
+  EXPECT_EQ(out, sent == 1 ? "answer" : "");
 }
 
 /// More than the sockets' buffers hold: who reads nothing of it stops the client.
