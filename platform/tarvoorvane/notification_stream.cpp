@@ -262,14 +262,18 @@ NotificationStream::NotificationStream(const Address& address, const TlsFiles& t
 }
 
 NotificationStream::~NotificationStream() {
+  const Address address = call_->address;
   std::unique_lock<std::mutex> lock(call_->mutex);
   call_->Cancel();
-  if (call_->finished.wait_for(lock, call_->limits.close, [this] { return call_->is_finished; })) {
-    lock.unlock();
-    thread_.join();
-  } else {
-    thread_.detach();
-  }
+  const bool is_finished =
+      call_->finished.wait_for(lock, call_->limits.close, [this] { return call_->is_finished; });
+  const bool was_open = call_->opened_at.has_value();
+  lock.unlock();
+  is_finished ? thread_.join() : thread_.detach();
+  call_.reset();
+  // gRPC goes on with a destroyed channel's attempt to connect. If the server answers it in time, gRPC keeps that
+  // connection for good. One that was open is left to gRPC: an answer may still be on its way there.
+  if (!was_open) CutConnections(address);
 }
 
 int NotificationStream::event_fd() const { return call_->event.get(); }

@@ -3,10 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/time.h>
 
+#include <cerrno>
 #include <thread>
 
+#include "loopback.h"
 #include "name_server.h"
+#include "scoped_fd.h"
 #include "scripted_server.h"
 
 namespace TarvoOrvane::Internal {
@@ -62,6 +66,44 @@ TEST(NotificationStreamTest, AHostThatMovedIsFoundByTheNextStream) {
   }
   NotificationStream stream(NamedHost(name_server, former.port()), {}, "", {});
   EXPECT_NE(present.AwaitSession(), nullptr);
+}
+
+/// Accepts a connection whose reads end after the tests' deadline, and waits until the client has sent something.
+ScopedFd AcceptSpeaking(const ScopedFd& listener) {
+  ScopedFd connection;
+  pollfd readable{listener.get(), POLLIN, 0};
+  const std::chrono::milliseconds deadline = Testing::kDeadline;
+  if (poll(&readable, 1, static_cast<int>(deadline.count())) == 1) {
+    connection = ScopedFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  }
+  const timeval limit{Testing::kDeadline.count(), 0};
+  setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  char byte = 0;
+  EXPECT_EQ(recv(connection.get(), &byte, 1, MSG_PEEK), 1);
+  return connection;
+}
+
+// A server that hangs and wakes up again, or means to fill the device.
+TEST(NotificationStreamTest, DestroyedWhileItConnectsItLeavesNoConnectionToAServerThatAnswersLater) {
+  int port = 0;
+  const ScopedFd listener = Testing::BindLoopback(SOCK_STREAM, port);
+  ScopedFd connection;
+  {
+    const NotificationStream stream({"ipv4:127.0.0.1:" + std::to_string(port), false}, {}, "", {});
+    connection = AcceptSpeaking(listener);
+  }
+  Testing::ScriptedServer server;  // the next stream's thread reads what comes on any of gRPC's connections
+  NotificationStream next({"ipv4:127.0.0.1:" + std::to_string(server.port()), false}, {}, "", {});
+  ASSERT_NE(server.AwaitSession(), nullptr);
+
+  const char settings[] = {0, 0, 0, 4, 0, 0, 0, 0, 0};
+  (void)send(connection.get(), settings, sizeof settings, MSG_NOSIGNAL);
+  char bytes[256];
+  ssize_t received = 0;
+  do {
+    received = recv(connection.get(), bytes, sizeof bytes, 0);
+  } while (received > 0);
+  EXPECT_FALSE(received == -1 && errno == EAGAIN) << "the connection stays";
 }
 
 TEST(NotificationStreamTest, ItsLifetimeIsZeroWithoutAConnectionAndTheTimeItStoodWithOne) {
