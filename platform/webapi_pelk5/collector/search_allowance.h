@@ -14,8 +14,6 @@ class SearchAllowance {
   static constexpr std::int64_t kPerByte = 11;
   /// What a text begins with, and saves at most.
   static constexpr std::int64_t kSavedAtMost = 2'000'000;
-  /// What it has behind a part that was masked as a whole.
-  static constexpr std::int64_t kForgiven = 100'000;
 
   /// @param position  Offset in the text up to which it is searched; never less than before.
   /// @param cost      Of the last look.
@@ -26,7 +24,7 @@ class SearchAllowance {
   }
 
   /// Forgives what was spent too much, so that one part of a text is given up for it and no more.
-  void Forgive() { left_ = kForgiven; }
+  void Forgive() { left_ = 0; }
 
   [[nodiscard]] bool IsSpent() const { return left_ < 0; }
 
