@@ -149,7 +149,13 @@ ProcessState LookAt(pid_t pid) {
 
 bool HasEnded(pid_t pid) {
   const char state = LookAt(pid).state;
-  return state == 0 || state == 'Z';
+  if (state != 'Z') {
+    return state == 0;
+  }
+  // The first thread may be gone before the others, which hold the process's descriptors and locks until they are.
+  std::error_code gone;
+  const fs::directory_iterator threads("/proc/" + std::to_string(pid) + "/task", gone);
+  return std::distance(fs::begin(threads), fs::end(threads)) <= 1;
 }
 
 std::vector<pid_t> AllProcesses() {

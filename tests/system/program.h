@@ -67,7 +67,7 @@ struct ProcessState {
 };
 
 ProcessState LookAt(pid_t pid);
-/// Whether it is gone or a zombie.
+/// Whether it is gone, or a zombie without a thread that still runs.
 bool HasEnded(pid_t pid);
 std::vector<pid_t> AllProcesses();
 std::vector<pid_t> ChildrenOf(pid_t parent);
