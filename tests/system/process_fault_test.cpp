@@ -216,6 +216,7 @@ TEST_P(WorkerKilledTest, IsMetByTheSupervisorAsDesignedAndARestartServesTheNextT
   ASSERT_NO_FATAL_FAILURE(Reach(row.state, CollectionFor(row.state),
                                 row.end == SupervisorEnd::kFailsToNotify ? SIG_IGN : SIG_DFL));
   kill(worker_, SIGKILL);
+  ASSERT_TRUE(Eventually([&] { return HasEnded(worker_); }));
   if (HasTicket(row.state)) {
     ASSERT_NO_FATAL_FAILURE(ExpectChildFinishes(row.state));
   }
