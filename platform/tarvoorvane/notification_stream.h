@@ -35,7 +35,8 @@ class NotificationStream {
   NotificationStream(const Address& address, const TlsFiles& tls, const std::string& serial_number,
                      const StreamLimits& limits);
 
-  /// Cancels the stream and ends the thread; takes StreamLimits::close at most.
+  /// Cancels the stream and ends the thread; takes StreamLimits::close at most. A connection that was still being made
+  /// is cut.
   ~NotificationStream();
   NotificationStream(const NotificationStream&) = delete;
   NotificationStream& operator=(const NotificationStream&) = delete;

@@ -37,7 +37,7 @@ bool IsLine(const std::string& line, const std::string& pattern) {
     escaped += std::string("[?\\").find(c) == std::string::npos ? "" : "\\";
     escaped += c;
   }
-  return fnmatch(escaped.c_str(), line.c_str(), 0) == 0;
+  return fnmatch(escaped.c_str(), line.c_str(), FNM_EXTMATCH) == 0;
 }
 
 MATCHER_P(IsLineLike, pattern, "is like \"" + std::string(pattern) + '"') { return IsLine(arg, pattern); }

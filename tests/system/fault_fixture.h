@@ -28,7 +28,7 @@ std::string Daemon(const std::string& line);
 Lines Daemon(const Lines& lines);
 Lines operator+(Lines first, const Lines& second);
 
-/// A line that `pattern` describes; each `*` in it stands for any text.
+/// A line that `pattern` describes; each `*` in it stands for any text, `@(A|B)` for one of two.
 testing::Matcher<std::string> LooksLike(const std::string& pattern);
 /// Exactly the lines that `patterns` describe, in their order.
 testing::Matcher<Lines> AreLines(const Lines& patterns);
