@@ -102,8 +102,7 @@ void ArchiveWriter::WriteHeader(const std::string& name, const EntrySource& sour
 /// Reserves room for so many further bytes of content, and for the archive's end.
 /// @return false, with errno set, when there is none.
 bool ArchiveWriter::TakeRoom(std::uint64_t more) {
-  const std::uint64_t size = zstd_->size();  // before what is still to be added to it
-  return room_.Reserve(size + GrowthBound(more + kept_ + kEndBytes));
+  return room_.Reserve(SizeBound(more + kept_ + kEndBytes));
 }
 
 WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& source) {
@@ -183,18 +182,14 @@ ArchiveSummary ArchiveWriter::Close() {
   return summary_;
 }
 
-std::uint64_t ArchiveWriter::GrowthBound(std::uint64_t more) const {
-  return zstd_->GrowthBound(more + kEntryBytes);
+std::uint64_t ArchiveWriter::size() const { return zstd_->size(); }
+
+std::uint64_t ArchiveWriter::SizeBound(std::uint64_t more) const {
+  return zstd_->SizeBound(more + kEntryBytes);
 }
 
 std::uint64_t ArchiveWriter::ReservedAhead() const {
-  const std::uint64_t size = zstd_->size();
-  return room_.reserved() - std::min(size, room_.reserved());
-}
-
-std::uint64_t ArchiveWriter::LimitAhead() const {
-  const std::uint64_t size = zstd_->size();
-  return room_.limit() - std::min(size, room_.limit());
+  return room_.reserved() - std::min(size(), room_.reserved());
 }
 
 }  // namespace TARVO::SupportForm

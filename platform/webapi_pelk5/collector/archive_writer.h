@@ -90,13 +90,13 @@ class ArchiveWriter {
   /// Ends the archive. It is complete once this has returned.
   ArchiveSummary Close();
 
-  /// The most bytes by which the archive's file may still grow through what was added so far and `more` bytes of
-  /// further content, its end included. The worst case: content that can't be compressed.
-  [[nodiscard]] std::uint64_t GrowthBound(std::uint64_t more) const;
+  /// Bytes of the archive's file so far. Threads compress, so that it may grow at any time.
+  [[nodiscard]] std::uint64_t size() const;
+  /// The most bytes that the archive's file can come to with what was added so far and `more` bytes of further content,
+  /// its end included. The worst case: content that can't be compressed.
+  [[nodiscard]] std::uint64_t SizeBound(std::uint64_t more) const;
   /// Bytes that are reserved on the device for the archive's growth.
   [[nodiscard]] std::uint64_t ReservedAhead() const;
-  /// The most bytes by which the archive may grow under the process's file-size limit.
-  [[nodiscard]] std::uint64_t LimitAhead() const;
 
  private:
   class Content;

@@ -376,10 +376,11 @@ std::uint64_t Collection::Room(std::uint64_t wanted) {
   struct statvfs space = {};
   if (fstatvfs(archive_fd_, &space) != 0) return room_ = std::numeric_limits<std::uint64_t>::max() / 4;
   free_ = std::uint64_t{space.f_bavail} * space.f_frsize + archive_.ReservedAhead();
-  const std::uint64_t end = archive_.GrowthBound(manifest_.TextBytes() + kLookBytes) + kLookBytes;
-  const std::uint64_t taken = limits_.free_bytes + end;
+  const std::uint64_t size = archive_.size();  // before what is still to be added to it
+  const std::uint64_t end = archive_.SizeBound(manifest_.TextBytes() + kLookBytes) + kLookBytes;
+  const std::uint64_t taken = limits_.free_bytes + end - size;
   room_ = free_ > taken ? free_ - taken : 0;
-  const std::uint64_t under_limit = archive_.LimitAhead() > end ? archive_.LimitAhead() - end : 0;
+  const std::uint64_t under_limit = FileSizeLimit() > end ? FileSizeLimit() - end : 0;
   limit_is_less_ = under_limit < room_;
   room_ = std::min(room_, under_limit);
   room_ -= room_ / 64;  // more than zstd adds to what it can't compress

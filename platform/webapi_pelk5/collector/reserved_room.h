@@ -17,8 +17,6 @@ class ReservedRoom {
 
   /// The size up to which room is reserved.
   [[nodiscard]] std::uint64_t reserved() const { return reserved_; }
-  /// The largest size that the process may give a file.
-  [[nodiscard]] std::uint64_t limit() const { return limit_; }
 
   /// Gives back what the file, which has grown to so many bytes, did not need.
   void Release(std::uint64_t bytes);

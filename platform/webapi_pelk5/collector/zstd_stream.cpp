@@ -28,6 +28,9 @@ std::size_t CheckZstd(std::size_t result) {
   return result;
 }
 
+/// ZSTD_compressBound(), for sizes beyond size_t as well.
+std::uint64_t CompressedBound(std::uint64_t bytes) { return bytes + bytes / 256 + 1024; }
+
 /// On a single core threads would only cost memory.
 unsigned WantedWorkers() {
   cpu_set_t cores;
@@ -183,12 +186,11 @@ void ZstdStream::End() {
   }
 }
 
-std::uint64_t ZstdStream::GrowthBound(std::uint64_t more) const {
+std::uint64_t ZstdStream::SizeBound(std::uint64_t more) const {
   // What the library holds: at most two more jobs than threads in either form, and a window of input.
   const std::uint64_t held =
       (2 * std::uint64_t{workers_} + 6) * kJobBytes + output_.size() + blocks_.size() * kBlockBytes;
-  const std::uint64_t bytes = std::min(held, given_) + more;
-  return bytes + bytes / 256 + 1024;  // ZSTD_compressBound(), for sizes beyond size_t as well
+  return std::min(size_ + CompressedBound(held + more), CompressedBound(given_ + more));
 }
 
 void ZstdStream::Flush() {

@@ -48,8 +48,8 @@ class ZstdStream {
   [[nodiscard]] std::uint64_t size() const { return size_; }
   /// SHA-256 of the file, in lower-case hex digits. To be called once, after End().
   [[nodiscard]] std::string Sum() { return sum_.Finish(); }
-  /// The most bytes by which the file may still grow through what was taken so far and `more` further bytes.
-  [[nodiscard]] std::uint64_t GrowthBound(std::uint64_t more) const;
+  /// The most bytes that the file can come to with what was taken so far and `more` further bytes.
+  [[nodiscard]] std::uint64_t SizeBound(std::uint64_t more) const;
 
  private:
   /// A stretch of the stream.

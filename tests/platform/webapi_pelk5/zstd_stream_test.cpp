@@ -110,17 +110,26 @@ TEST_F(ZstdStreamTest, EmptyStreamIsAValidFrame) {
   EXPECT_EQ(Decompressed(0), "");
 }
 
-TEST_F(ZstdStreamTest, GrowthBoundHoldsForWhatCanNotBeCompressed) {
+TEST_F(ZstdStreamTest, SizeBoundHoldsForWhatCanNotBeCompressed) {
   const std::string bytes = RandomBytes(1'000'000);
   ZstdStream stream(fd_.get(), 1);
   std::vector<std::uint64_t> bounds;
   for (unsigned i = 0; i < 40; ++i) {
-    bounds.push_back(fs::file_size(path_) + stream.GrowthBound((40U - i) * bytes.size()));
+    bounds.push_back(stream.SizeBound((40U - i) * bytes.size()));
     stream.Write(bytes);
   }
-  bounds.push_back(fs::file_size(path_) + stream.GrowthBound(0));
+  bounds.push_back(stream.SizeBound(0));
   stream.End();
   EXPECT_LE(stream.size(), *std::min_element(bounds.begin(), bounds.end()));
+}
+
+TEST_F(ZstdStreamTest, SizeBoundCountsWhatIsInTheFileOnlyOnce) {
+  const std::string bytes = RandomBytes(1'000'000);
+  ZstdStream stream(fd_.get(), 1);
+  std::uint64_t given = 0;
+  for (; stream.size() == 0; given += bytes.size()) stream.Write(bytes);
+  EXPECT_LE(stream.SizeBound(0), given + given / 100);
+  stream.End();
 }
 
 TEST_F(ZstdStreamTest, ProcessWithOneCoreStartsNoThread) {
