@@ -18,7 +18,6 @@
 
 #include "app_description.h"
 #include "file_util.h"
-#include "redaction_rules.h"
 #include "trusted_path.h"
 
 namespace DebugDatCheck {
@@ -27,9 +26,11 @@ namespace {
 namespace fs = std::filesystem;
 using TARVO::SupportForm::Distrust;
 using TARVO::SupportForm::ErrorText;
+using TARVO::SupportForm::kPatternFileBytes;
 using TARVO::SupportForm::Limits;
 using TARVO::SupportForm::OpenTrusted;
 using TARVO::SupportForm::Paths;
+using TARVO::SupportForm::ReadTrustedFile;
 using TarvoOrvane::Internal::LoadTlsFiles;
 using TarvoOrvane::Internal::ReadSerialNumber;
 using TarvoOrvane::Internal::SerialNumberPaths;
@@ -270,14 +271,14 @@ Check CheckFreeSpace(const Paths& paths, const Limits& limits) {
 }
 
 Check CheckPatterns(const Paths& paths) {
-  constexpr std::size_t kMaxBytes = TARVO::SupportForm::RedactionRules::kMaxFileBytes;
   const std::string advice = "Mend the file, or remove it; until then nothing is collected";
   std::string text;
   bool more = false;
   Distrust distrust;
-  if (TARVO::SupportForm::ReadTrustedFile(paths.redaction, kMaxBytes, text, more, distrust)) {
+  if (ReadTrustedFile(paths.redaction, kPatternFileBytes, text, more, distrust)) {
     return more ? Problem(kPatterns,
-                          paths.redaction + " is longer than " + std::to_string(kMaxBytes) + " bytes", advice)
+                          paths.redaction + " is longer than " + std::to_string(kPatternFileBytes) + " bytes",
+                          advice)
                 : Ok(kPatterns, paths.redaction + " can be read");
   }
   const int error = errno;

@@ -165,7 +165,7 @@ TEST_F(RedactionRulesTest, TooManyPatternsAreRefused) {
 }
 
 TEST_F(RedactionRulesTest, AFileThatIsTooLongIsRefused) {
-  Write(std::string(RedactionRules::kMaxFileBytes + 1, '#'));
+  Write(std::string(kPatternFileBytes + 1, '#'));
   EXPECT_THAT(Complaint(), HasSubstr("is longer than 262144 bytes"));
 }
 

@@ -24,6 +24,9 @@ struct Paths {
   std::string programs = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 };
 
+/// Bytes of the file Paths::redaction; a longer one is refused as a whole.
+inline constexpr std::size_t kPatternFileBytes = std::size_t{256} << 10;
+
 /// How much a collection takes and how long it may last.
 struct Limits {
   /// Bytes taken of one file; of a longer one its last bytes are taken and the cut is noted.

@@ -29,7 +29,7 @@ TEST(SystemReportTest, ProcessesAreListedWithTheirCommandLines) {
   const std::string line = "\n" + std::to_string(getpid()) + " " + std::to_string(getppid()) + " " +
                            std::to_string(getuid()) + " ";
   EXPECT_THAT(text, HasSubstr(line));
-  EXPECT_THAT(text.substr(text.find(line)), HasSubstr("webapi_pelk5_test"));
+  EXPECT_THAT(text.substr(text.find(line)), HasSubstr("debug_dat_collect_test"));
 }
 
 class SystemReportFilesTest : public SupportLogTest {};

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "collection_limits.h"
 #include "file_util.h"
 #include "text_look.h"
 #include "trusted_path.h"
@@ -37,7 +38,7 @@ std::string ReadPatternFile(const std::string& path) {
   std::string text;
   bool more = false;
   Distrust distrust;
-  if (!ReadTrustedFile(path, RedactionRules::kMaxFileBytes, text, more, distrust)) {
+  if (!ReadTrustedFile(path, kPatternFileBytes, text, more, distrust)) {
     const int error = errno;
     // Also where there is no file: who may write to a folder above may have removed it.
     if (distrust) throw RedactionError(path + " is not used: " + distrust.Line());
@@ -47,8 +48,8 @@ std::string ReadPatternFile(const std::string& path) {
     throw RedactionError(path + " can't be read: " + ErrorText(error) + kWhatToDo);
   }
   if (more) {
-    throw RedactionError(path + " is longer than " + std::to_string(RedactionRules::kMaxFileBytes) +
-                         " bytes" + kWhatToDo);
+    throw RedactionError(path + " is longer than " + std::to_string(kPatternFileBytes) + " bytes" +
+                         kWhatToDo);
   }
   return text;
 }

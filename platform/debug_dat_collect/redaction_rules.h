@@ -32,7 +32,6 @@ class RedactionError : public std::runtime_error {
 /// exactly.
 class RedactionRules {
  public:
-  static constexpr std::size_t kMaxFileBytes = std::size_t{256} << 10;  ///< Of the pattern file.
   static constexpr std::size_t kMaxPatterns = 1000;                     ///< In the pattern file.
 
   struct ScratchDeleter {

@@ -9,15 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "built_in_rules.h"
+
 namespace TARVO::SupportForm {
 namespace {
 
 constexpr std::size_t kMaxUndecided = std::size_t{64} << 10;
-
-const RedactionRules& BuiltInRules() {
-  static const RedactionRules rules("/nonexistent/patterns");
-  return rules;
-}
 
 struct Result {
   std::string text;

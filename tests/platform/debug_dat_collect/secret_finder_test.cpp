@@ -6,6 +6,7 @@
 #include <ostream>
 #include <string>
 
+#include "built_in_rules.h"
 #include "redactor.h"
 
 namespace TARVO::SupportForm {
@@ -39,11 +40,6 @@ std::string Expected(std::string marked) {
     marked.erase(end, std::string("»").size());
   }
   return marked;
-}
-
-const RedactionRules& BuiltInRules() {
-  static const RedactionRules rules("/nonexistent/patterns");
-  return rules;
 }
 
 class SecretFinderTest : public testing::TestWithParam<Case> {};
