@@ -1,6 +1,6 @@
 /// soak SECONDS [SEED]: good tickets, bad tickets and faults in a random mix for the real daemon on the host platform.
 /// After each of them, and while it lasts, all that the daemon promises must hold; see SoakWatch. To be run in
-/// tests/support/sandbox.
+/// tools/sandbox.
 ///
 /// The same seed gives the same sequence of actions. Exit status 0 when nothing was broken, 1 at the first invariant
 /// that is, 2 for a wrong command line.

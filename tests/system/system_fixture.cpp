@@ -49,7 +49,7 @@ SystemTest::~SystemTest() = default;
 
 void SystemTest::SetUp() {
   // Everything below replaces files of the device's.
-  ASSERT_EQ(access(kSandboxMark, F_OK), 0) << "run this through tests/support/sandbox";
+  ASSERT_EQ(access(kSandboxMark, F_OK), 0) << "run this through tools/sandbox";
   RemoveFormerTraces();
   fs::create_directories(kTestFolder);
   const rlimit no_core = {0, 0};

@@ -1,7 +1,7 @@
 /// The real daemon on the host platform with the local support service, in the sandbox's private /usr,
 /// /var, /run and /dev.
 ///
-/// The tests write where a device's files lie, so they refuse to run outside of tests/support/sandbox.
+/// The tests write where a device's files lie, so they refuse to run outside of tools/sandbox.
 #pragma once
 
 #include <gtest/gtest.h>
