@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "css_server.h"
+#include "css_desk.h"
 
 namespace TarvoOrvane::SupportService {
 

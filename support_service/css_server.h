@@ -9,25 +9,14 @@
 
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 
-#include "archive_store.h"
-#include "event_log.h"
+#include "css_desk.h"
 #include "listen_address.h"
-#include "ticket_book.h"
 
 struct MHD_Daemon;
 
 namespace TarvoOrvane::SupportService {
-
-/// What requests work with; shared by all of them.
-struct CssDesk {
-  TicketBook& book;
-  const ArchiveStore& store;
-  EventSink events;
-  std::mutex record_mutex;  ///< Held from a record's reading to its writing, so that none is lost.
-};
 
 class CssServer {
  public:

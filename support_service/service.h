@@ -6,10 +6,10 @@
 #include <string>
 
 #include "archive_store.h"
-#include "control_service.h"
+#include "control_front.h"
 #include "css_server.h"
 #include "event_log.h"
-#include "notification_service.h"
+#include "notification_front.h"
 #include "ticket_book.h"
 
 namespace TarvoOrvane::SupportService {

@@ -15,8 +15,8 @@
 #include <string>
 
 #include "collection_limits.h"
-#include "command_line.h"
 #include "file_util.h"
+#include "local_archive.h"
 #include "options.h"
 #include "task.h"
 #include "task_folder.h"

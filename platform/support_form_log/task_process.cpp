@@ -81,7 +81,7 @@ int Work(const std::function<int()>& work) {
 }
 
 /// The task process, from its first instruction to its last.
-[[noreturn]] void RunTask(int lock_fd, const std::function<int()>& work) noexcept {
+[[noreturn]] void RunWork(int lock_fd, const std::function<int()>& work) noexcept {
   ResetSignals();
   ShieldMemory();
   umask(077);
@@ -97,7 +97,7 @@ int Work(const std::function<int()>& work) {
 [[noreturn]] void RunIntermediate(int lock_fd, const std::function<int()>& work) {
   setsid();
   const pid_t pid = fork();
-  if (pid == 0) RunTask(lock_fd, work);
+  if (pid == 0) RunWork(lock_fd, work);
   _exit(pid < 0 ? errno : 0);
 }
 

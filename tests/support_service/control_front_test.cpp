@@ -1,4 +1,4 @@
-#include "control_service.h"
+#include "control_front.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

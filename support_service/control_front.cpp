@@ -1,4 +1,4 @@
-#include "control_service.h"
+#include "control_front.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "notification_service.h"
+#include "notification_front.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "command_line.h"
+#include "local_archive.h"
 
 #include <fcntl.h>
 #include <json/value.h>

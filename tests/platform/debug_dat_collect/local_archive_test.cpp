@@ -1,4 +1,4 @@
-#include "command_line.h"
+#include "local_archive.h"
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -18,9 +18,9 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-class CommandLineTest : public SupportLogTest {
+class LocalArchiveTest : public SupportLogTest {
  protected:
-  CommandLineTest() {
+  LocalArchiveTest() {
     paths_.audit_log = folder_ / "audit.log";
     paths_.redaction = folder_ / "patterns";
     fs::create_directories(out_.parent_path());
@@ -47,7 +47,7 @@ class CommandLineTest : public SupportLogTest {
   std::ostringstream warned_;
 };
 
-TEST_F(CommandLineTest, ArchiveLiesAloneAndForItsOwnerOnly) {
+TEST_F(LocalArchiveTest, ArchiveLiesAloneAndForItsOwnerOnly) {
   Write();
   EXPECT_THAT(Beside(), testing::ElementsAre("debug.dat"));
   struct stat status = {};
@@ -59,7 +59,7 @@ TEST_F(CommandLineTest, ArchiveLiesAloneAndForItsOwnerOnly) {
   EXPECT_THAT(warned_.str(), IsEmpty());
 }
 
-TEST_F(CommandLineTest, SecretsAreMaskedUnlessAskedForWithAWarning) {
+TEST_F(LocalArchiveTest, SecretsAreMaskedUnlessAskedForWithAWarning) {
   Write();
   EXPECT_THAT(ReadArchive(out_).Of("apps/mail/files" + (data_ / "mail.log").string()),
               Not(HasSubstr("hunter2")));
@@ -70,7 +70,7 @@ TEST_F(CommandLineTest, SecretsAreMaskedUnlessAskedForWithAWarning) {
   EXPECT_THAT(warned_.str(), HasSubstr("not masked"));
 }
 
-TEST_F(CommandLineTest, SummaryAndAuditLineTellTheFilesSizeAndSum) {
+TEST_F(LocalArchiveTest, SummaryAndAuditLineTellTheFilesSizeAndSum) {
   Write();
   const std::string sum = Sha256Of(ReadText(out_));
   const std::string size = std::to_string(fs::file_size(out_));
@@ -87,14 +87,14 @@ TEST_F(CommandLineTest, SummaryAndAuditLineTellTheFilesSizeAndSum) {
   EXPECT_EQ(line["for"], "command line");
 }
 
-TEST_F(CommandLineTest, AuditLogThatCanNotBeWrittenIsAWarning) {
+TEST_F(LocalArchiveTest, AuditLogThatCanNotBeWrittenIsAWarning) {
   paths_.audit_log = folder_ / "none" / "audit.log";
   Write();
   EXPECT_THAT(warned_.str(), HasSubstr("audit.log can't be written: No such file or directory"));
   EXPECT_TRUE(fs::exists(out_));
 }
 
-TEST_F(CommandLineTest, ExistingFileIsNotReplaced) {
+TEST_F(LocalArchiveTest, ExistingFileIsNotReplaced) {
   WriteText(out_, "mine");
   EXPECT_THAT([&] { Write(); },
               testing::ThrowsMessage<std::runtime_error>(HasSubstr("File exists; remove it")));
@@ -102,20 +102,20 @@ TEST_F(CommandLineTest, ExistingFileIsNotReplaced) {
   EXPECT_THAT(Beside(), testing::ElementsAre("debug.dat"));
 }
 
-TEST_F(CommandLineTest, FileThatAppearsMeanwhileIsNotReplaced) {
+TEST_F(LocalArchiveTest, FileThatAppearsMeanwhileIsNotReplaced) {
   Describe("mail", R"({"commands": [{"argv": ["sh", "-c", "echo mine > )" + out_.string() + R"("]}]})");
   EXPECT_THAT([&] { Write(); }, testing::ThrowsMessage<std::runtime_error>(HasSubstr("File exists")));
   EXPECT_EQ(ReadText(out_), "mine\n");
   EXPECT_THAT(Beside(), testing::ElementsAre("debug.dat"));
 }
 
-TEST_F(CommandLineTest, MissingFolderIsAnErrorThatNamesTheFile) {
+TEST_F(LocalArchiveTest, MissingFolderIsAnErrorThatNamesTheFile) {
   options_.out = folder_ / "none" / "debug.dat";
   EXPECT_THAT([&] { Write(); }, testing::ThrowsMessage<std::runtime_error>(
                                     HasSubstr("none/debug.dat can't be written: No such file or directory")));
 }
 
-TEST_F(CommandLineTest, SignalThatEndsTheProgramLeavesNothing) {
+TEST_F(LocalArchiveTest, SignalThatEndsTheProgramLeavesNothing) {
   const fs::path started = data_ / "started";
   Describe("mail", R"({"commands": [{"argv": ["sh", "-c", "touch )" + started.string() +
                        R"(; sleep 20"], "time_limit_seconds": 60}]})");
@@ -139,7 +139,7 @@ TEST_F(CommandLineTest, SignalThatEndsTheProgramLeavesNothing) {
   EXPECT_THAT(Beside(), IsEmpty());
 }
 
-TEST_F(CommandLineTest, DryRunListsNamesAndSizesAndMakesNothing) {
+TEST_F(LocalArchiveTest, DryRunListsNamesAndSizesAndMakesNothing) {
   ListContents(paths_, limits_, options_, printed_);
   EXPECT_THAT(printed_.str(), HasSubstr("35  apps/mail/files" + (data_ / "mail.log").string()));
   EXPECT_THAT(printed_.str(), HasSubstr("?  apps/mail/commands/01-echo.txt  (echo hello)"));
@@ -147,7 +147,7 @@ TEST_F(CommandLineTest, DryRunListsNamesAndSizesAndMakesNothing) {
   EXPECT_FALSE(fs::exists(paths_.audit_log));
 }
 
-TEST_F(CommandLineTest, DryRunGivesTheTerminalNoOrders) {
+TEST_F(LocalArchiveTest, DryRunGivesTheTerminalNoOrders) {
   Describe("mail",
            R"({"paths": ["/no/\u001b]0;x\u0007"], "commands": [{"argv": ["echo", "\u001b[2J\u009b.\n"]}]})");
   ListContents(paths_, limits_, options_, printed_);
@@ -156,7 +156,7 @@ TEST_F(CommandLineTest, DryRunGivesTheTerminalNoOrders) {
     EXPECT_THAT(printed_.str(), testing::Not(HasSubstr(order)));
 }
 
-TEST_F(CommandLineTest, DryRunTellsWhatWouldBeLeftOut) {
+TEST_F(LocalArchiveTest, DryRunTellsWhatWouldBeLeftOut) {
   options_.apps = {"unknown"};
   ListContents(paths_, limits_, options_, printed_);
   EXPECT_THAT(printed_.str(), HasSubstr("left out  apps/unknown: "));
