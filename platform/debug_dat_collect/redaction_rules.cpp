@@ -20,7 +20,9 @@
 namespace TARVO::SupportForm {
 namespace {
 
-/// Of longer words only so many last bytes are scanned for: the scanner takes ten times as long to compile them all.
+/// Of a longer word only so many last bytes are scanned for, or kMaxEndBytes where these could end a word of prose, as
+/// "config" does: each hit in an ordinary line costs. With kMaxEndBytes of each the scanner takes five times as long to
+/// compile.
 constexpr std::size_t kEndBytes = 6;
 
 constexpr const char* kWhatToDo = "; mend the file, or remove it";
@@ -58,6 +60,17 @@ std::string Trimmed(const std::string& line) {
   const std::size_t begin = line.find_first_not_of(" \t\r");
   if (begin == std::string::npos) return "";
   return line.substr(begin, line.find_last_not_of(" \t\r") + 1 - begin);
+}
+
+/// What is scanned for of a word.
+std::string EndOf(const std::string& word) {
+  const auto last = [&](std::size_t count) {
+    return word.substr(word.size() - std::min(word.size(), count));
+  };
+  const std::string end = last(kEndBytes);
+  const bool prose =
+      std::all_of(end.begin(), end.end(), [](char c) { return c == ' ' || Is(c, kUpper | kLower); });
+  return prose ? last(RedactionRules::kMaxEndBytes) : end;
 }
 
 /// A pattern and the line that it stands in, from 1.
@@ -131,8 +144,7 @@ void RedactionRules::CompileBuiltIn() {
     std::string& text = words_[number].text;
     const bool any_case = words_[number].any_case;
     if (any_case) std::transform(text.begin(), text.end(), text.begin(), ToLower);
-    const std::string end = text.substr(text.size() - std::min(text.size(), kEndBytes));
-    ends[{end, any_case}].push_back(number);
+    ends[{EndOf(text), any_case}].push_back(number);
   }
   std::vector<const char*> texts;
   std::vector<std::size_t> lengths;

@@ -32,7 +32,8 @@ class RedactionError : public std::runtime_error {
 /// exactly.
 class RedactionRules {
  public:
-  static constexpr std::size_t kMaxPatterns = 1000;                     ///< In the pattern file.
+  static constexpr std::size_t kMaxPatterns = 1000;  ///< In the pattern file.
+  static constexpr std::size_t kMaxEndBytes = 8;     ///< Of a fixed word's end that built_in() finds.
 
   struct ScratchDeleter {
     void operator()(hs_scratch* scratch) const;

@@ -93,16 +93,20 @@ std::size_t Redactor::FindSecrets(std::string_view text, bool at_end) {
   at_end_ = at_end;
   horizon_ = at_end ? text.size() : text.size() - kReach;
   GoOnWithSecrets();
-  Scan(rules_->built_in(), &Redactor::TakeWord);
-  if (rules_->from_file()) Scan(rules_->from_file(), &Redactor::TakePattern);
+  // A word is found by its own bytes, a match of a pattern by the text around it too.
+  Scan(rules_->built_in(), &Redactor::TakeWord, RedactionRules::kMaxEndBytes, horizon_);
+  if (rules_->from_file()) Scan(rules_->from_file(), &Redactor::TakePattern, kReach, text.size());
   taken_ = horizon_;
   if (in_key_ && (at_end || key_limit_ <= horizon_)) EndKey(horizon_);
   return at_end ? text.size() : horizon_ - kReach;
 }
 
-/// Calls `take` with the number and the end of each hit that is due, in the order of their ends. It returns the
-/// offset up to which no further hit is wanted.
-void Redactor::Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t)) {
+/// Calls `take` with the number and the end of each hit that is due, in the order of their ends.
+/// @param take    Returns the offset up to which no further hit is wanted.
+/// @param before  So many bytes before the end of a hit decide on it.
+/// @param end     The text behind it decides on no hit that is due.
+void Redactor::Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t),
+                    std::size_t before, std::size_t end) {
   struct Context {
     Redactor* self;
     std::size_t (Redactor::*take)(unsigned, std::size_t);
@@ -128,8 +132,8 @@ void Redactor::Scan(const hs_database* database, std::size_t (Redactor::*take)(u
   };
   while (context.stopped && context.taken < horizon_) {
     context.stopped = false;
-    context.begin = context.taken - std::min(context.taken, kReach);
-    const std::string_view rest = text_.substr(context.begin);
+    context.begin = context.taken - std::min(context.taken, before);
+    const std::string_view rest = text_.substr(context.begin, end - context.begin);
     const hs_error_t result = hs_scan(database, rest.data(), static_cast<unsigned>(rest.size()), 0,
                                       scratch_.get(), on_hit, &context);
     if (context.error) std::rethrow_exception(context.error);

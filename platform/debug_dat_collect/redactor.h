@@ -57,7 +57,8 @@ class Redactor {
   };
 
   std::size_t FindSecrets(std::string_view text, bool at_end);
-  void Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t));
+  void Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t),
+            std::size_t before, std::size_t end);
   std::size_t TakeWord(unsigned end, std::size_t hit);
   std::size_t TakePattern(unsigned number, std::size_t hit);
   void LookInSecret(std::size_t begin, std::size_t end);
