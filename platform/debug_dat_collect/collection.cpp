@@ -11,9 +11,7 @@
 #include <string_view>
 #include <utility>
 
-#include "entry_name.h"
 #include "file_util.h"
-#include "system_report.h"
 #include "task_folder.h"
 
 namespace TARVO::SupportForm {
@@ -60,16 +58,12 @@ Collection::Collection(const Paths& paths, const Limits& limits, const Collectio
       deadline_ms_(MonotonicMs() + std::int64_t{limits.task_seconds} * 1000),
       progress_(folder_fd, limits.progress_interval_ms),
       archive_(archive_fd, limits.zstd_level, progress_),
-      manifest_(request.task_id, request.app_list, request.redact, limits.manifest_errors),
-      met_(limits) {
+      manifest_(request.task_id, request.app_list, request.redact, limits.manifest_errors) {
   static_cast<void>(fstat(archive_fd, &own_));
 }
 
 CollectionSummary Collection::Run() {
-  if (LoadRules()) {
-    TakeSystem();
-    for (const Json::Value& asked : request_.app_list) TakeApplication(asked);
-  }
+  if (LoadRules()) VisitContent(paths_, limits_, request_.app_list, *this);
   return Finish();
 }
 
@@ -99,113 +93,63 @@ bool Collection::LoadRules() {
   }
 }
 
-void Collection::TakeSystem() {
-  TakeSystemFile("os-release", paths_.os_release);
-  TakeSystemText("uname", "uname(2)", UnameText());
-  TakeSystemText("uptime", paths_.proc, UptimeText(paths_.proc));
-  const BoundedText disks = DiskText(paths_.proc, limits_.kernel_file_bytes);
-  TakeSystemText("df", "statvfs(3)", disks.text, disks.note);
-  TakeSystemFile("meminfo", paths_.proc + "/meminfo");
-  const BoundedText processes = ProcessText(paths_.proc, limits_.kernel_file_bytes);
-  TakeSystemText("ps", paths_.proc, processes.text, processes.note);
-  TakeSystemFile("mounts", paths_.proc + "/self/mounts");
-  TakeSystemText("network", "getifaddrs(3)", NetworkText());
-  TakeSystemLog();
-}
-
-void Collection::TakeSystemFile(const std::string& name, const std::string& path) {
-  std::string text;
-  bool more = false;
-  if (!ReadFileUpTo(path, limits_.kernel_file_bytes, text, more)) {
-    return manifest_.AddError("system/" + name, path + ": " + ErrorText(errno));
-  }
-  if (more) manifest_.AddError("system/" + name, path + ": cut at " + std::to_string(text.size()) + " bytes");
-  TakeSystemText(name, path, text);
-}
-
-void Collection::TakeSystemText(const std::string& name, const std::string& source, const std::string& text,
-                                const std::string& note) {
+void Collection::TakeSystem(const SystemSource& source) {
+  const SystemText content = source.read();
+  if (!content.error.empty()) manifest_.AddError(source.name, content.error);
+  if (!content.text) return;
   ManifestEntry entry;
-  if (!note.empty()) entry.notes.push_back(note);
-  entry.name = "system/" + name;
-  entry.source = source;
-  TakeText(std::move(entry), text);
+  if (!content.note.empty()) entry.notes.push_back(content.note);
+  entry.name = source.name;
+  entry.source = source.origin;
+  TakeText(std::move(entry), *content.text);
 }
 
-/// The recent journal; the kernel's log where no journal says anything.
-void Collection::TakeSystemLog() {
-  const UnitDescription all = {{}, limits_.journal_lines, limits_.journal_bytes, 0};
-  const CommandDescription kernel = {{"dmesg"}, limits_.system_command_seconds, limits_.output_bytes};
-  if (!TakeCommand("system/journal", JournalCommand(all, limits_), Output::kEndNoErrors)) {
-    TakeCommand("system/kernel-log", kernel, Output::kEndNoErrors);
+void Collection::TakeFirst(const std::vector<CommandEntry>& commands) {
+  for (const CommandEntry& entry : commands) {
+    if (TakeOutputOf(entry)) return;
   }
 }
 
-void Collection::TakeApplication(const Json::Value& asked) {
-  if (!asked.isString() || !IsAppName(asked.asString())) {
-    return manifest_.AddError("apps", NotAnAppName(asked));
-  }
-  app_ = asked.asString();
-  const std::string where = "apps/" + app_;
-  if (!apps_.insert(app_).second) return manifest_.AddError(where, "asked for more than once; taken once");
-  try {
-    const AppDescription description = LoadAppDescription(paths_, limits_, app_);
-    manifest_.AddApplication(app_, Redacted(description.description, rules_.get()));
-    met_.Begin(description.paths.size());
-    for (const PathDescription& path : description.paths) {
-      binary_allowed_ = path.binary;
-      if (!TimeIsUp(where)) VisitMatches(path.pattern, limits_, *this);
-    }
-    std::size_t number = 0;
-    for (const CommandDescription& command : description.commands) {
-      TakeCommand(CommandEntryName(app_, ++number, command.argv.front()), command, Output::kBegin);
-    }
-    number = 0;
-    for (const UnitDescription& unit : description.units) {
-      TakeCommand(UnitEntryName(app_, ++number, unit.unit), JournalCommand(unit, limits_),
-                  Output::kEndNoErrors);
-    }
-  } catch (const DescriptionError& error) {
-    manifest_.AddError(where, Redacted(error.what(), rules_.get()));
-  }
+void Collection::BeginApplication(const std::string& app, const AppDescription& description) {
+  where_ = "apps/" + app;
+  manifest_.AddApplication(app, Redacted(description.description, rules_.get()));
 }
 
-bool Collection::TakeFile(const std::string& path, UniqueFd fd, const struct stat& status) {
-  if (!FirstSight(path)) return !TimeIsUp("apps/" + app_);
+void Collection::TakeCommand(const CommandEntry& command) { TakeOutputOf(command); }
+
+void Collection::LeaveOut(const std::string& where, const std::string& why) {
+  manifest_.AddError(where, why);
+}
+
+void Collection::RefuseDescription(const std::string& where, const DescriptionError& error) {
+  manifest_.AddError(where, Redacted(error.what(), rules_.get()));
+}
+
+bool Collection::HasTime(const std::string& where) { return !TimeIsUp(where); }
+
+bool Collection::TakeFile(ContentFile file) {
   // A pattern may lead to the very archive that is being written.
-  if (status.st_dev == own_.st_dev && status.st_ino == own_.st_ino) return true;
+  if (file.status.st_dev == own_.st_dev && file.status.st_ino == own_.st_ino) return true;
+  if (TimeIsUp(where_ + ": " + file.source)) return false;
   ManifestEntry entry;
-  entry.source = PrintablePath(path);
-  if (TimeIsUp("apps/" + app_ + ": " + entry.source)) return false;
-  entry.name = FileEntryName(app_, entry.source);
-  if (IsKernelFile(fd.get(), status)) {
-    TakeKernelFile(std::move(entry), fd.get());
+  entry.name = file.name;
+  entry.source = file.source;
+  if (IsKernelFile(file.fd.get(), file.status)) {
+    TakeKernelFile(std::move(entry), file);
   } else {
-    TakeRegularFile(std::move(entry), fd.get(), status);
-  }
-  return !met_.full();
-}
-
-bool Collection::LeaveOut(const std::string& path, const std::string& why) {
-  if (FirstSight(path)) manifest_.AddError("apps/" + app_, PrintablePath(path) + ": " + why);
-  return !met_.full() && !TimeIsUp("apps/" + app_);
-}
-
-/// Whether the application's patterns meet a name for the first time.
-bool Collection::FirstSight(const std::string& path) {
-  if (!met_.Add(path)) return false;
-  if (met_.full()) {
-    manifest_.AddError("apps/" + app_, "the search ends after " + std::to_string(met_.count()) + " names");
+    TakeRegularFile(std::move(entry), file);
   }
   return true;
 }
 
-void Collection::TakeRegularFile(ManifestEntry entry, int fd, const struct stat& status) {
+void Collection::TakeRegularFile(ManifestEntry entry, const ContentFile& file) {
+  const int fd = file.fd.get();
+  const struct stat& status = file.status;
   const std::uint64_t size = std::min(static_cast<std::uint64_t>(status.st_size), limits_.file_bytes);
   const std::optional<std::uint64_t> allowed = Allowance(entry.name, size, limits_.least_bytes);
   if (!allowed) return;
   FileEntry taken =
-      AddFile(archive_, entry.name, fd, status, *allowed, {rules_.get(), binary_allowed_, true});
+      AddFile(archive_, entry.name, fd, status, *allowed, {rules_.get(), file.binary_allowed, true});
   if (taken.packing != Packing::kNone) {
     std::optional<FileEntry> unpacked = TakePackedFile(entry.name, fd, status, taken.packing);
     if (!unpacked) return;
@@ -242,21 +186,23 @@ std::optional<FileEntry> Collection::TakePackedFile(const std::string& name, int
 }
 
 /// A file of the kernel's tells its size only by being read.
-void Collection::TakeKernelFile(ManifestEntry entry, int fd) {
+void Collection::TakeKernelFile(ManifestEntry entry, const ContentFile& file) {
   std::string text;
   bool more = false;
-  if (!ReadUpTo(fd, limits_.kernel_file_bytes, text, more)) {
+  if (!ReadUpTo(file.fd.get(), limits_.kernel_file_bytes, text, more)) {
     entry.notes.push_back("could not be read to its end: " + ErrorText(errno));
   }
   if (more) entry.notes.push_back("cut at " + std::to_string(text.size()) + " bytes");
-  if (rules_ && !binary_allowed_ && !LooksLikeText(std::string_view(text).substr(0, kHeadBytes))) {
+  if (rules_ && !file.binary_allowed && !LooksLikeText(std::string_view(text).substr(0, kHeadBytes))) {
     return manifest_.AddError(entry.name, "left out: not text, so it can't be checked for secrets");
   }
   TakeText(std::move(entry), text);
 }
 
 /// Runs a command and takes its output. Returns whether there was any.
-bool Collection::TakeCommand(const std::string& name, const CommandDescription& command, Output output) {
+bool Collection::TakeOutputOf(const CommandEntry& entry) {
+  const std::string& name = entry.name;
+  const CommandDescription& command = entry.command;
   if (TimeIsUp(name)) return false;
   const std::uint64_t wanted = command.output_limit_bytes;
   const std::optional<std::uint64_t> allowed = Allowance(name, wanted, limits_.least_bytes);
@@ -268,7 +214,7 @@ bool Collection::TakeCommand(const std::string& name, const CommandDescription& 
                                                  std::max<std::int64_t>(deadline_ms_ - MonotonicMs(), 0));
   // The spool may take twice the limit, and the archive once more.
   request.output_limit = std::min({*allowed, Room(3 * wanted) / 3, FileSizeLimit() / 3});
-  request.output = output;
+  request.output = entry.output;
   progress_.Write();  // Nothing is counted while the command runs.
   const UniqueFd spool = OpenSpool(name);
   if (!spool.valid()) return false;

@@ -6,16 +6,13 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_set>
 
-#include "app_description.h"
 #include "archive_writer.h"
 #include "collection_limits.h"
 #include "command.h"
+#include "content_visit.h"
 #include "file_entry.h"
-#include "file_visit.h"
 #include "manifest.h"
-#include "met_names.h"
 #include "progress.h"
 #include "redaction_rules.h"
 #include "unique_fd.h"
@@ -39,7 +36,7 @@ struct CollectionSummary {
 /// Makes the content of one archive. Runs in the collector.
 ///
 /// What can't be taken is a line in the manifest; only a failure to write the archive ends the collection.
-class Collection final : private FileVisitor {
+class Collection final : private ContentVisitor {
  public:
   /// @param request     Borrowed.
   /// @param folder_fd   The task folder, for the progress file and the spool; borrowed.
@@ -55,22 +52,21 @@ class Collection final : private FileVisitor {
 
  private:
   bool LoadRules();
-  void TakeSystem();
-  void TakeSystemFile(const std::string& name, const std::string& path);
-  void TakeSystemText(const std::string& name, const std::string& source, const std::string& text,
-                      const std::string& note = {});
-  void TakeSystemLog();
+  void TakeSystem(const SystemSource& source) override;
+  void TakeFirst(const std::vector<CommandEntry>& commands) override;
+  void BeginApplication(const std::string& app, const AppDescription& description) override;
+  bool TakeFile(ContentFile file) override;
+  void TakeCommand(const CommandEntry& command) override;
+  void LeaveOut(const std::string& where, const std::string& why) override;
+  void RefuseDescription(const std::string& where, const DescriptionError& error) override;
+  bool HasTime(const std::string& where) override;
 
-  void TakeApplication(const Json::Value& asked);
-  bool TakeFile(const std::string& path, UniqueFd fd, const struct stat& status) override;
-  bool LeaveOut(const std::string& path, const std::string& why) override;
-  bool FirstSight(const std::string& path);
-  void TakeRegularFile(ManifestEntry entry, int fd, const struct stat& status);
+  void TakeRegularFile(ManifestEntry entry, const ContentFile& file);
   std::optional<FileEntry> TakePackedFile(const std::string& name, int fd, const struct stat& status,
                                           Packing packing);
-  void TakeKernelFile(ManifestEntry entry, int fd);
+  void TakeKernelFile(ManifestEntry entry, const ContentFile& file);
 
-  bool TakeCommand(const std::string& name, const CommandDescription& command, Output output);
+  bool TakeOutputOf(const CommandEntry& entry);
   bool TakeOutput(const std::string& name, const CommandRequest& request, const CommandResult& result,
                   int spool_fd);
   [[nodiscard]] UniqueFd OpenSpool(const std::string& where);
@@ -94,17 +90,14 @@ class Collection final : private FileVisitor {
   Progress progress_;
   ArchiveWriter archive_;
   Manifest manifest_;
-  std::unordered_set<std::string> apps_;  ///< Applications collected so far.
-  std::string app_;                       ///< The application being collected.
-  bool binary_allowed_ = false;           ///< Of the pattern being collected.
-  MetNames met_;                          ///< By its patterns.
-  std::uint64_t room_ = 0;                ///< Bytes of content for which there is space, as far as is known.
-  std::uint64_t free_ = 0;                ///< Bytes that were free when the space was looked at.
-  bool limit_is_less_ = false;            ///< There is room, but not under the process's file-size limit.
-  std::uint64_t since_look_ = 0;          ///< Bytes added since the space was looked at.
-  std::uint64_t unpacked_ = 0;            ///< Bytes that compressed files have cost.
-  dev_t device_ = 0;                      ///< The last file's device, and
-  bool device_is_kernels_ = false;        ///< whether its files are made by the kernel as they are read.
+  std::string where_;               ///< The application being collected: "apps/NAME".
+  std::uint64_t room_ = 0;          ///< Bytes of content for which there is space, as far as is known.
+  std::uint64_t free_ = 0;          ///< Bytes that were free when the space was looked at.
+  bool limit_is_less_ = false;      ///< There is room, but not under the process's file-size limit.
+  std::uint64_t since_look_ = 0;    ///< Bytes added since the space was looked at.
+  std::uint64_t unpacked_ = 0;      ///< Bytes that compressed files have cost.
+  dev_t device_ = 0;                ///< The last file's device, and
+  bool device_is_kernels_ = false;  ///< whether its files are made by the kernel as they are read.
 };
 
 /// Makes an archive in a folder: writes it under a temporary name and gives it its own, kArchiveFile, when it is

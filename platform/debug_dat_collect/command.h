@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "app_description.h"
+
 namespace TARVO::SupportForm {
 
 /// What of a command's output is kept.
@@ -11,6 +13,13 @@ enum class Output {
   kBegin,          ///< The beginning, of errors, too; a command that writes more is ended.
   kBeginNoErrors,  ///< The same without standard error.
   kEndNoErrors,    ///< The end, without standard error: for logs, whose newest lines come last.
+};
+
+/// A command whose output is an entry of the archive.
+struct CommandEntry {
+  std::string name;                      ///< The entry's.
+  CommandDescription command;            ///< What is run, and its limits.
+  Output output = Output::kEndNoErrors;  ///< What of it is kept.
 };
 
 /// A command to be run.

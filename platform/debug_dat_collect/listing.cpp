@@ -1,13 +1,10 @@
 #include "listing.h"
 
 #include <algorithm>
-#include <unordered_set>
+#include <utility>
 
-#include "app_description.h"
-#include "entry_name.h"
+#include "content_visit.h"
 #include "file_util.h"
-#include "file_visit.h"
-#include "met_names.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -18,107 +15,84 @@ std::string Joined(const std::vector<std::string>& argv) {
   return text;
 }
 
-class Lister final : private FileVisitor {
+/// The dry run: names what the collection would take.
+class Lister final : public ContentVisitor {
  public:
-  Lister(const Paths& paths, const Limits& limits) : paths_(paths), limits_(limits), met_(limits) {}
+  explicit Lister(const Limits& limits) : limits_(limits) {}
 
-  Listing Run(const Json::Value& app_list) {
-    ListSystem();
-    for (const Json::Value& asked : app_list) ListApplication(asked);
-    return std::move(listing_);
+  [[nodiscard]] Listing Result() { return std::move(listing_); }
+
+  void TakeSystem(const SystemSource& source) override {
+    Add("system", {source.name, std::nullopt, source.origin});
   }
 
- private:
-  void ListSystem() {
-    const UnitDescription journal = {{}, limits_.journal_lines, limits_.journal_bytes, 0};
-    for (const auto& [name, origin] : std::initializer_list<std::pair<const char*, std::string>>{
-             {"os-release", paths_.os_release},
-             {"uname", "uname(2)"},
-             {"uptime", paths_.proc},
-             {"df", "statvfs(3)"},
-             {"meminfo", paths_.proc + "/meminfo"},
-             {"ps", paths_.proc},
-             {"mounts", paths_.proc + "/self/mounts"},
-             {"network", "getifaddrs(3)"},
-             {"journal", Joined(JournalCommand(journal, limits_).argv)}}) {
-      listing_.entries.push_back({std::string("system/") + name, std::nullopt, origin});
+  void TakeFirst(const std::vector<CommandEntry>& commands) override {
+    std::string origin;
+    for (const CommandEntry& entry : commands) {
+      if (!origin.empty()) origin += "; where that gives nothing, " + entry.name + ": ";
+      origin += Joined(entry.command.argv);
     }
+    Add("system", {commands.front().name, std::nullopt, origin});
   }
 
-  void ListApplication(const Json::Value& asked) {
-    if (!asked.isString() || !IsAppName(asked.asString())) {
-      listing_.left_out.push_back("apps: " + NotAnAppName(asked));
-      return;
-    }
-    app_ = asked.asString();
-    if (!apps_.insert(app_).second) return Note("asked for more than once; taken once");
-    try {
-      ListDescription(LoadAppDescription(paths_, limits_, app_));
-    } catch (const DescriptionError& error) {
-      Note(error.what());
-    }
+  void BeginApplication(const std::string& app, const AppDescription& /*description*/) override {
+    where_ = "apps/" + app;
   }
 
-  void ListDescription(const AppDescription& description) {
-    met_.Begin(description.paths.size());
-    for (const PathDescription& path : description.paths) VisitMatches(path.pattern, limits_, *this);
-    std::size_t number = 0;
-    for (const CommandDescription& command : description.commands) {
-      Add({CommandEntryName(app_, ++number, command.argv.front()), std::nullopt, Joined(command.argv)});
-    }
-    number = 0;
-    for (const UnitDescription& unit : description.units) {
-      const CommandDescription command = JournalCommand(unit, limits_);
-      Add({UnitEntryName(app_, ++number, unit.unit), std::nullopt, Joined(command.argv)});
-    }
-  }
-
-  bool TakeFile(const std::string& path, UniqueFd fd, const struct stat& status) override {
-    if (!met_.Add(path)) return true;
-    const std::string printable = PrintablePath(path);
-    ListedEntry entry = {FileEntryName(app_, printable), std::nullopt, printable};
-    if (!IsKernelFileSystem(fd.get())) {
-      const std::uint64_t size = std::min(static_cast<std::uint64_t>(status.st_size), limits_.file_bytes);
+  bool TakeFile(ContentFile file) override {
+    ListedEntry entry = {file.name, std::nullopt, file.source};
+    if (!IsKernelFileSystem(file.fd.get())) {
+      const std::uint64_t size =
+          std::min(static_cast<std::uint64_t>(file.status.st_size), limits_.file_bytes);
       const std::uint64_t left = limits_.archive_bytes - bytes_;
       if (left < std::min(size, limits_.least_bytes)) {
-        Note(printable + ": the archive would pass " + std::to_string(limits_.archive_bytes) + " bytes");
+        LeaveOut(where_, file.source + ": the archive would pass " + std::to_string(limits_.archive_bytes) +
+                             " bytes");
         return true;
       }
       entry.size = std::min(size, left);
       bytes_ += *entry.size;
     }
-    Add(std::move(entry));
-    return !met_.full();
+    Add(where_, std::move(entry));
+    return true;
   }
 
-  bool LeaveOut(const std::string& path, const std::string& why) override {
-    if (met_.Add(path)) Note(PrintablePath(path) + ": " + why);
-    return !met_.full();
+  void TakeCommand(const CommandEntry& entry) override {
+    Add(where_, {entry.name, std::nullopt, Joined(entry.command.argv)});
   }
 
-  void Add(ListedEntry entry) {
+  void LeaveOut(const std::string& where, const std::string& why) override {
+    listing_.left_out.push_back(where + ": " + why);
+  }
+
+  void RefuseDescription(const std::string& where, const DescriptionError& error) override {
+    LeaveOut(where, error.what());
+  }
+
+  bool HasTime(const std::string& /*where*/) override { return true; }
+
+ private:
+  void Add(const std::string& where, ListedEntry entry) {
     if (listing_.entries.size() < limits_.archive_entries) {
       listing_.entries.push_back(std::move(entry));
     } else {
-      Note(entry.origin + ": the archive has " + std::to_string(limits_.archive_entries) + " entries");
+      LeaveOut(where,
+               entry.origin + ": the archive has " + std::to_string(limits_.archive_entries) + " entries");
     }
   }
 
-  void Note(const std::string& text) { listing_.left_out.push_back("apps/" + app_ + ": " + text); }
-
-  const Paths& paths_;
   const Limits& limits_;
   Listing listing_;
-  std::uint64_t bytes_ = 0;               ///< Of the files listed.
-  std::unordered_set<std::string> apps_;  ///< Applications listed so far.
-  std::string app_;                       ///< The application being listed.
-  MetNames met_;                          ///< By its patterns.
+  std::uint64_t bytes_ = 0;  ///< Of the files listed.
+  std::string where_;        ///< The application being listed.
 };
 
 }  // namespace
 
 Listing ListArchive(const Paths& paths, const Limits& limits, const Json::Value& app_list) {
-  return Lister(paths, limits).Run(app_list);
+  Lister lister(limits);
+  VisitContent(paths, limits, app_list, lister);
+  return lister.Result();
 }
 
 }  // namespace TARVO::SupportForm

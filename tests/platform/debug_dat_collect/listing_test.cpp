@@ -78,5 +78,18 @@ TEST_F(ListingTest, TellsWhatIsLeftOutAndWhy) {
                           "apps/broken: " + paths_.descriptions + "/broken.json: not a JSON object"));
 }
 
+TEST_F(ListingTest, NamesTheKernelLogThatIsTakenWhereTheJournalGivesNothing) {
+  EXPECT_EQ(Find(List("[]"), "system/journal").origin,
+            "journalctl --quiet --no-pager --output=short-iso --lines=5000; "
+            "where that gives nothing, system/kernel-log: dmesg");
+}
+
+TEST_F(ListingTest, TellsWhereTheSearchEnds) {
+  for (int i = 0; i < 9; ++i) WriteText(data_ / std::to_string(i), "x");
+  Describe("demo", R"({"paths": [")" + (data_ / "*").string() + R"("]})");
+  limits_.app_names = 4;
+  EXPECT_THAT(List(R"(["demo"])").left_out, ElementsAre("apps/demo: the search ends after 4 names"));
+}
+
 }  // namespace
 }  // namespace TARVO::SupportForm
