@@ -17,8 +17,8 @@ namespace {
 /// Bytes that are read, masked and handed to the compressor at a time. In the processor's second-level cache they stay
 /// between these steps; much smaller ones cost system calls.
 constexpr std::size_t kBlockBytes = std::size_t{128} << 10;
-/// Bytes of the archive per entry beside its content: header, names of up to 4096 bytes, padding.
-constexpr std::uint64_t kEntryBytes = 16384;
+/// The most bytes of the archive that an entry takes beside its content: header, names of up to 4096 bytes, padding.
+constexpr std::uint64_t kLargestOverheadBytes = 16384;
 /// Bytes of the archive for the zeros in the place of the rest of an entry, of which there may be some 100 MiB, and for
 /// its end.
 constexpr std::uint64_t kEndBytes = std::uint64_t{256} << 10;
@@ -185,7 +185,7 @@ ArchiveSummary ArchiveWriter::Close() {
 std::uint64_t ArchiveWriter::size() const { return zstd_->size(); }
 
 std::uint64_t ArchiveWriter::SizeBound(std::uint64_t more) const {
-  return zstd_->SizeBound(more + kEntryBytes);
+  return zstd_->SizeBound(more + kLargestOverheadBytes);
 }
 
 std::uint64_t ArchiveWriter::ReservedAhead() const {

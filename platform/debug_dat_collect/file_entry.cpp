@@ -16,8 +16,6 @@ namespace {
 
 /// Bytes read before the tail of a long file, for the redaction: the tail may begin inside a secret.
 constexpr std::uint64_t kLeadBytes = 65536;
-/// Bytes at the beginning of what is read of a file that tell whether it is text.
-constexpr std::size_t kHeadBytes = 8192;
 /// Bytes that are unpacked at a time where they are only counted.
 constexpr std::size_t kUnpackBytes = std::size_t{128} << 10;
 
@@ -34,7 +32,7 @@ class HeadReader {
  public:
   explicit HeadReader(std::function<ssize_t(char*, std::size_t)> source) : source_(std::move(source)) {}
 
-  /// @param size  How many bytes are wanted, at most kHeadBytes.
+  /// @param size  How many bytes are wanted, at most kTextHeadBytes.
   std::string_view Head(std::size_t size) {
     head_ = {head_bytes_.data(), ReadSource(head_bytes_.data(), size)};
     return head_;
@@ -60,7 +58,7 @@ class HeadReader {
   }
 
   std::function<ssize_t(char*, std::size_t)> source_;
-  std::array<char, kHeadBytes> head_bytes_;
+  std::array<char, kTextHeadBytes> head_bytes_;
   std::string_view head_;  ///< What of head_bytes_ is still to be given.
   int error_ = 0;
 };
@@ -171,7 +169,7 @@ FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const
   HeadReader reader(ReaderOf(fd, skipped - source.lead));
   const std::uint64_t wanted = source.lead + source.size;
   // One byte more is asked for than the file had: of a small file this tells whether it grew.
-  const std::string_view head = reader.Head(std::min<std::uint64_t>(wanted + 1, kHeadBytes));
+  const std::string_view head = reader.Head(std::min<std::uint64_t>(wanted + 1, kTextHeadBytes));
   if (check.rules != nullptr && check.unpacks && !check.binary_allowed) {
     entry.packing = PackingOfFile(fd, head, skipped == source.lead);
     if (entry.packing != Packing::kNone) return entry;
@@ -192,7 +190,7 @@ FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const
     const std::string error = reader.error() == 0 ? std::string() : ErrorText(reader.error());
     entry.notes.push_back(MissingNote(*written, error));
   }
-  if (wanted < kHeadBytes ? head.size() > wanted : IsLonger(fd, status.st_size)) {
+  if (wanted < kTextHeadBytes ? head.size() > wanted : IsLonger(fd, status.st_size)) {
     entry.notes.push_back("grew while it was read: cut at the " + std::to_string(file_size) +
                           " bytes that it had when it was opened");
   }
@@ -209,7 +207,7 @@ PackedFile MeasurePacked(int fd, const struct stat& status, Packing packing, con
   }
   Unpacker unpacker(packing, PackedInput(fd, status, limits));
   std::vector<char> buffer(kUnpackBytes);
-  std::size_t wanted = kHeadBytes;  // What is no text is seen there, and costs no more.
+  std::size_t wanted = kTextHeadBytes;  // What is no text is seen there, and costs no more.
   for (;;) {
     const ssize_t count = unpacker.Read(buffer.data(), wanted);
     packed.cost = unpacker.bytes_read() + packed.size;
@@ -251,7 +249,7 @@ FileEntry AddUnpacked(ArchiveWriter& archive, const std::string& name, int fd, c
   HeadReader reader([&unpacker](char* to, std::size_t capacity) { return unpacker.Read(to, capacity); });
   const std::uint64_t wanted = source.lead + source.size;
   // The file may be another one than it was, and its end another kind of content than its beginning.
-  const std::string why = WhyNotUnpacked(reader.Head(std::min<std::uint64_t>(wanted, kHeadBytes)));
+  const std::string why = WhyNotUnpacked(reader.Head(std::min<std::uint64_t>(wanted, kTextHeadBytes)));
   if (!why.empty()) {
     entry.left_out = NotText(packed.packing, why);
     return entry;

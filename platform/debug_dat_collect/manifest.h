@@ -42,8 +42,6 @@ class Manifest {
   /// @param where  What it is about: "apps/NAME", "system/journal".
   void AddError(const std::string& where, const std::string& message);
 
-  [[nodiscard]] std::uint64_t entries() const { return entries_; }
-  [[nodiscard]] std::uint64_t bytes() const { return bytes_; }
   [[nodiscard]] std::uint64_t errors() const { return errors_; }
   /// About how long Text() would be.
   [[nodiscard]] std::uint64_t TextBytes() const;

@@ -323,6 +323,11 @@ void Redactor::MaskDecided(char* data, std::size_t decided) {
   begun_ = begun_ || decided > 0;
 }
 
+std::string Redacted(std::string text, const RedactionRules* rules) {
+  static_cast<void>(Redactor(rules).Process(text.data(), text.size(), true));
+  return text;
+}
+
 bool LooksLikeText(std::string_view head) {
   constexpr std::size_t kPadding = 16;
   if (head.substr(0, 2) == "\xff\xfe" || head.substr(0, 2) == "\xfe\xff") return false;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -98,7 +99,15 @@ class Redactor {
   std::vector<std::size_t> found_until_;  ///< Of each pattern: up to here all of its matches are found.
 };
 
-/// Whether a file that begins with `head` (its first 8 KiB, or all of a shorter one) is text, and can be checked.
+/// A whole text with the secrets in it masked.
+/// @param rules  As for Redactor; borrowed.
+/// @throws RedactionError when the text can't be scanned.
+[[nodiscard]] std::string Redacted(std::string text, const RedactionRules* rules);
+
+/// Bytes at the beginning of a file that tell whether it is text.
+inline constexpr std::size_t kTextHeadBytes = 8192;
+
+/// Whether a file that begins with `head` (its first kTextHeadBytes, or all of a shorter one) is text, and can be checked.
 /// It is not if `head` holds a NUL byte, unless 16 or more of them follow each other, which a power failure leaves
 /// in logs; if it begins with the mark of UTF-16; if more than one byte in fifty is a control character that
 /// text does not use; or if it holds nothing but NUL bytes.

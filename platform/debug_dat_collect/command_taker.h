@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+
+#include "collection_limits.h"
+#include "command.h"
+#include "redaction_rules.h"
+#include "unfinished_archive.h"
+#include "unique_fd.h"
+
+namespace TARVO::SupportForm {
+
+/// Runs the commands of a collection and takes their output into its archive, by way of a spool file: an entry's size
+/// has to be known first. Lives in the collector, used in one thread.
+class CommandTaker {
+ public:
+  /// @param paths      Borrowed, as all others.
+  /// @param rules      What is masked; null where redaction is off.
+  /// @param folder_fd  The task folder, for the spool.
+  CommandTaker(const Paths& paths, const Limits& limits, const RedactionRules* rules, int folder_fd,
+               UnfinishedArchive& archive)
+      : paths_(paths), limits_(limits), rules_(rules), folder_fd_(folder_fd), archive_(archive) {}
+
+  /// Runs a command to its end or its limits, and records its output, or in the manifest's errors why there is none.
+  /// @return false where it was not run or gave no output, so that another one may stand in for it.
+  /// @throws ArchiveFailed
+  bool Take(const CommandEntry& entry);
+
+ private:
+  [[nodiscard]] CommandRequest Request(const CommandEntry& entry, std::uint64_t allowed);
+  [[nodiscard]] UniqueFd OpenSpool(const std::string& where);
+  bool TakeOutput(const std::string& name, const CommandRequest& request, const CommandResult& result,
+                  int spool_fd);
+
+  const Paths& paths_;
+  const Limits& limits_;
+  const RedactionRules* rules_;
+  int folder_fd_;
+  UnfinishedArchive& archive_;
+};
+
+}  // namespace TARVO::SupportForm
