@@ -32,16 +32,16 @@ using TarvoOrvane::Transmitter::kFailedToUploadDebugFile;
 using TarvoOrvane::Transmitter::kSuccess;
 using TarvoOrvane::Transmitter::Result;
 using TarvoOrvane::Utils::Comments;
+using TarvoOrvane::Utils::FindServerUrl;
 using TarvoOrvane::Utils::FromFile;
 using TarvoOrvane::Utils::FromString;
 using TarvoOrvane::Utils::HasMember;
+using TarvoOrvane::Utils::kServiceConfigPath;
 using TarvoOrvane::Utils::LoggerManager;
 using TarvoOrvane::Utils::ReportsSuccess;
 using TarvoOrvane::Utils::ToString;
 
 namespace {
-
-constexpr char kServiceConfigPath[] = "/usr/tarvo/etc/tarvomibserver.conf";
 
 constexpr int kHalfSecondMicroseconds = 500000;  // both halves of a supervisor pass
 constexpr int kWorkerForkFlags = 0x41;
@@ -400,20 +400,16 @@ void DebugDatTransmitterDaemon::ServeNextTicket(FastSupportClient& client, std::
 }
 
 std::string DebugDatTransmitterDaemon::GetGrpcServerUrl() {
+  // As GetCssServerUrl() in transmitter.cpp: what the two share is in FindServerUrl(). The lines stand in both, because
+  // each names the source file of its own look-up.
   Json::Value config(Json::objectValue);
   if (!FromFile(kServiceConfigPath, config)) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to read conf from: [%s]", kServiceConfigPath);
     return "";
   }
-  // Each object is tested twice; the repetition is kept.
-  if (config.isObject() && HasMember(config, "debug_dat_file_transmitter") &&
-      config["debug_dat_file_transmitter"].isObject() && config["debug_dat_file_transmitter"].isObject() &&
-      HasMember(config["debug_dat_file_transmitter"], "grpc_server") &&
-      config["debug_dat_file_transmitter"]["grpc_server"].isObject() &&
-      config["debug_dat_file_transmitter"]["grpc_server"].isObject() &&
-      HasMember(config["debug_dat_file_transmitter"]["grpc_server"], "url") &&
-      config["debug_dat_file_transmitter"]["grpc_server"]["url"].isString()) {
-    return config["debug_dat_file_transmitter"]["grpc_server"]["url"].asString();
+  std::string url;
+  if (FindServerUrl(config, "grpc_server", url)) {
+    return url;
   }
   DAEMON_LOG(LOG_ERR, "%s:%d Failed to validate data: [%s]", ToString(config).c_str());
   return "";

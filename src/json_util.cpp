@@ -44,4 +44,17 @@ bool ReportsSuccess(const Json::Value& value) {
   return HasMember(value, "success") && value["success"].isBool() && value["success"].asBool();
 }
 
+bool FindServerUrl(const Json::Value& config, const char* server, std::string& url) {
+  constexpr char kSection[] = "debug_dat_file_transmitter";
+  // The section and the server's entry are each tested twice; the repetition is kept.
+  if (config.isObject() && config.isMember(kSection) && config[kSection].isObject() &&
+      config[kSection].isObject() && config[kSection].isMember(server) &&
+      config[kSection][server].isObject() && config[kSection][server].isObject() &&
+      config[kSection][server].isMember("url") && config[kSection][server]["url"].isString()) {
+    url = config[kSection][server]["url"].asString();
+    return true;
+  }
+  return false;
+}
+
 }  // namespace TarvoOrvane::Utils

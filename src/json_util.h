@@ -1,5 +1,5 @@
 /// The JSON operations that the daemon needs beyond jsoncpp's own. They report failure by their result, also
-/// where jsoncpp throws (its exceptions are no std::runtime_error).
+/// where jsoncpp throws (its exceptions are no std::runtime_error). None of them logs, and any process may call them.
 #pragma once
 
 #include <json/value.h>
@@ -30,5 +30,15 @@ enum class Comments { kDrop, kCollect };
 
 /// Whether `value` is an object whose member "success" is the boolean true.
 [[nodiscard]] bool ReportsSuccess(const Json::Value& value);
+
+/// Where both servers' addresses stand.
+inline constexpr char kServiceConfigPath[] = "/usr/tarvo/etc/tarvomibserver.conf";
+
+/// Finds a server's address in the service configuration: debug_dat_file_transmitter.<server>.url.
+/// @param config  The whole document; it stays as it is.
+/// @param server  "grpc_server" or "css_server".
+/// @param url     Set to the string as it stands there (it may be empty); left alone on failure.
+/// @return Whether that is a string, and what leads to it are objects.
+[[nodiscard]] bool FindServerUrl(const Json::Value& config, const char* server, std::string& url);
 
 }  // namespace TarvoOrvane::Utils

@@ -17,11 +17,10 @@ using Utils::CurlHandle;
 using Utils::CurlHeaderList;
 using Utils::CurlHttpPost;
 using Utils::CurlSetOpt;
-using Utils::HasMember;
+using Utils::kServiceConfigPath;
 
 namespace {
 
-constexpr char kServiceConfigPath[] = "/usr/tarvo/etc/tarvomibserver.conf";
 constexpr char kUploadPath[] = "/orvane/ps_files";
 constexpr char kReportPath[] = "/orvane/ps_results";
 
@@ -84,20 +83,16 @@ DebugFileTransmitter::DebugFileTransmitter(const std::string& token) : token_(to
 }
 
 std::string DebugFileTransmitter::GetCssServerUrl() {
+  // As GetGrpcServerUrl() in debug_dat_transmitter.cpp: what the two share is in FindServerUrl(). The lines stand in
+  // both, because each names the source file of its own look-up.
   Json::Value config(Json::objectValue);
   if (!Utils::FromFile(kServiceConfigPath, config)) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to read conf from: [%s]", kServiceConfigPath);
     return "";
   }
-  // Each object is tested twice; the repetition is kept.
-  if (config.isObject() && HasMember(config, "debug_dat_file_transmitter") &&
-      config["debug_dat_file_transmitter"].isObject() && config["debug_dat_file_transmitter"].isObject() &&
-      HasMember(config["debug_dat_file_transmitter"], "css_server") &&
-      config["debug_dat_file_transmitter"]["css_server"].isObject() &&
-      config["debug_dat_file_transmitter"]["css_server"].isObject() &&
-      HasMember(config["debug_dat_file_transmitter"]["css_server"], "url") &&
-      config["debug_dat_file_transmitter"]["css_server"]["url"].isString()) {
-    return config["debug_dat_file_transmitter"]["css_server"]["url"].asString();
+  std::string url;
+  if (Utils::FindServerUrl(config, "css_server", url)) {
+    return url;
   }
   DAEMON_LOG(LOG_ERR, "%s:%d Failed to validate data: [%s]", Utils::ToString(config).c_str());
   return "";
