@@ -9,6 +9,7 @@
 namespace DebugDatCheck {
 namespace {
 
+/// By the text, because some of these texts are gRPC's or libcurl's, which tell no errno value beside them.
 bool LacksRights(const std::string& text) {
   return geteuid() != 0 && text.find(TARVO::SupportForm::ErrorText(EACCES)) != std::string::npos;
 }

@@ -34,6 +34,7 @@ using TARVO::SupportForm::ReadTrustedFile;
 using TarvoOrvane::Internal::LoadTlsFiles;
 using TarvoOrvane::Internal::ReadSerialNumber;
 using TarvoOrvane::Internal::SerialNumberPaths;
+using TarvoOrvane::Internal::TlsFault;
 using TarvoOrvane::Internal::TlsFiles;
 
 constexpr char kConfiguration[] = "configuration";
@@ -101,6 +102,13 @@ std::string TakeUrl(const Json::Value& root, const char* server, std::string& ur
   if (!value->isString()) return place + " is no string";
   url = value->asString();
   return url.empty() ? place + " is empty" : "";
+}
+
+// ---- TLS files ----
+
+std::string AsSentence(std::string text) {
+  text.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(text.front())));
+  return text;
 }
 
 // ---- serial number ----
@@ -199,12 +207,8 @@ Check CheckConfiguration(const std::string& path, ServiceUrls& urls) {
 std::vector<Check> CheckTlsFiles(const std::string& folder, std::optional<TlsFiles>& out) {
   TlsFiles files;
   std::vector<Check> checks;
-  for (const std::string& problem : LoadTlsFiles(folder, files)) {
-    // Its lines are "what is wrong; what to do".
-    const std::size_t end = problem.find("; ");
-    std::string advice = end == std::string::npos ? "correct it" : problem.substr(end + 2);
-    advice.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(advice.front())));
-    checks.push_back(Problem(kTls, problem.substr(0, end), advice));
+  for (const TlsFault& fault : LoadTlsFiles(folder, files)) {
+    checks.push_back(Problem(kTls, fault.file + ": " + fault.what, AsSentence(fault.advice)));
   }
   if (!checks.empty()) return checks;
   std::set<std::string> told;

@@ -57,7 +57,7 @@ void RunChecks(const Places& places, const ServerLimits& limits, const Report& r
   const Common common{places, limits, tls, report};
   if (notification) {
     CheckServer(
-        common, "notification host", "notification stream", HostOf(*notification), notification->tls,
+        common, "notification host", "notification stream", notification->host, notification->tls,
         [&] { return CheckStream(*notification, tls.value_or(TlsFiles()), places.system_roots, limits); });
   } else {
     report(Skipped("notification host", kNoAddress));

@@ -3,8 +3,7 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <fcntl.h>
-#include <grpcpp/create_channel.h>
-#include <grpcpp/security/credentials.h>
+#include <grpcpp/channel.h>
 #include <netdb.h>
 #include <netinet/in.h>
 
@@ -13,13 +12,13 @@
 #include <cerrno>
 #include <future>
 #include <memory>
-#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "curl_helpers.h"
 #include "file_util.h"
+#include "notification_stream.h"
 #include "platform/support_service_client.h"
 #include "tarvo/support/v1/notification.grpc.pb.h"
 #include "trusted_path.h"
@@ -29,12 +28,13 @@ namespace {
 
 using std::chrono::milliseconds;
 using TarvoOrvane::Internal::Address;
+using TarvoOrvane::Internal::MakeChannel;
+using TarvoOrvane::Internal::StreamLimits;
 using TarvoOrvane::Internal::TlsFiles;
 using TarvoOrvane::Utils::CurlFailedException;
 using TarvoOrvane::Utils::CurlHandle;
 
 constexpr char kNotificationAddress[] = "notification address";
-constexpr std::string_view kUnixScheme = "unix:";
 constexpr char kStream[] = "notification stream";
 constexpr char kCssAddress[] = "CSS address";
 constexpr char kCssServer[] = "CSS server";
@@ -184,20 +184,16 @@ class SilentCall {
       call_;
 };
 
-std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const TlsFiles& tls,
-                                           const ServerLimits& limits) {
-  grpc::ChannelArguments arguments;
-  const auto answer_ms = static_cast<int>(limits.answer.count());
-  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
-  arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);
-  arguments.SetInt(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);
-  arguments.SetInt(GRPC_ARG_DNS_ARES_QUERY_TIMEOUT_MS, answer_ms);
-  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, answer_ms);  // also the connect limit
-  const auto credentials =
-      address.tls ? grpc::SslCredentials({tls.authorities, tls.client_key, tls.client_certificate})
-                  : grpc::InsecureChannelCredentials();
-  return grpc::CreateCustomChannel(address.target, credentials, arguments);
+/// The ticket client's own limits, but for those that would make an operator wait.
+StreamLimits StreamLimitsOf(const ServerLimits& limits) {
+  StreamLimits result;
+  result.name_lookup = limits.answer;
+  result.connect = limits.answer;
+  return result;
 }
+
+// A status has the same code for whatever kept a connection from coming about. gRPC tells the cause by its text alone,
+// so these two look into it. What they don't know there they show as it is, under the most general advice.
 
 /// The status's text; without gRPC's words around the cause where no connection came about.
 std::string FaultOf(const grpc::Status& status) {
@@ -303,14 +299,13 @@ Check CheckNotificationAddress(const std::string& url, std::optional<Address>& o
     return Problem(kNotificationAddress, fault, "Correct grpc_server.url, then restart the daemon");
   }
   out = address;
-  if (address.target.rfind(kUnixScheme, 0) == 0) {
+  if (!address.socket_path.empty()) {
     // gRPC does not ask who listens: it is who may put a socket there.
-    const std::string path = address.target.substr(kUnixScheme.size());
-    const auto distrust =
-        TARVO::SupportForm::OpenTrusted(path.substr(0, path.rfind('/') + 1), O_PATH | O_DIRECTORY).distrust;
+    const std::string folder = address.socket_path.substr(0, address.socket_path.rfind('/') + 1);
+    const auto distrust = TARVO::SupportForm::OpenTrusted(folder, O_PATH | O_DIRECTORY).distrust;
     if (distrust) return Warning(kNotificationAddress, url + ": " + distrust.text, distrust.advice);
   }
-  return UsableAddress(kNotificationAddress, url, HostOf(address), address.tls);
+  return UsableAddress(kNotificationAddress, url, address.host, address.tls);
 }
 
 Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out) {
@@ -342,15 +337,6 @@ Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out) {
   return UsableAddress(kCssAddress, shown, address.host, address.tls);
 }
 
-std::string HostOf(const Address& address) {
-  std::string host = address.target.substr(address.target.find(':') + 1);
-  if (address.target.rfind(kUnixScheme, 0) == 0) return {};
-  host.resize(host.rfind(':'));
-  host.erase(0, host.find_first_not_of("/["));
-  if (host.back() == ']') host.pop_back();
-  return host;
-}
-
 Check CheckHost(const std::string& name, const std::string& host, const ServerLimits& limits) {
   if (host.empty()) return Ok(name, "a unix socket, there is no name to look up");
   if (LookUp(host, AI_NUMERICHOST).error == 0)
@@ -373,15 +359,12 @@ Check CheckHost(const std::string& name, const std::string& host, const ServerLi
 Check CheckStream(const Address& address, const TlsFiles& tls, const std::string& system_roots,
                   const ServerLimits& limits) {
   TlsFiles used = tls;
-  bool more = false;
-  constexpr std::size_t kMaxRoots = std::size_t{16} << 20;
   if (address.tls && used.authorities.empty() &&
-      (!TARVO::SupportForm::ReadFileUpTo(system_roots, kMaxRoots, used.authorities, more) ||
-       !Contains(used.authorities, "-----BEGIN CERTIFICATE-----"))) {
+      !TarvoOrvane::Internal::ReadSystemRoots(system_roots, used.authorities).empty()) {
     return Problem(kStream, system_roots + " can't be read or holds no certificate",
                    "Install ca-certificates, or put the service's authority into /usr/tarvo/etc/tls/ca.pem");
   }
-  SilentCall call(MakeChannel(address, used, limits));
+  SilentCall call(MakeChannel(address, used, StreamLimitsOf(limits)));
   switch (call.Open(limits)) {
     case SilentCall::Outcome::kOpen:
       return Ok(kStream, "opens (closed again without a word; the device did not register)");
@@ -405,13 +388,12 @@ Check CheckCssServer(const CssAddress& address, const std::string& tls_folder, c
     SetOption(handle, CURLOPT_URL, (address.url + kReportPath).c_str());
     SetOption(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.answer.count()));
     TarvoOrvane::Utils::CurlSetupWriteToString(handle, answer);
-    TarvoOrvane::Internal::PerformTransfer(handle, tls_folder);
+    if (const auto fault = TarvoOrvane::Internal::PerformTransfer(handle, tls_folder)) {
+      return Problem(kCssServer, fault->text, TransferAdvice(fault->code));
+    }
     return AnswerCheck(handle, address);
-  } catch (const CurlFailedException& failure) {
-    const std::string text = failure.what();
-    constexpr char kCaller[] = "CurlPerform: ";
-    return Problem(kCssServer, text.rfind(kCaller, 0) == 0 ? text.substr(sizeof kCaller - 1) : text,
-                   TransferAdvice(failure.code));
+  } catch (const CurlFailedException& failure) {  // an option could not be set
+    return Problem(kCssServer, failure.what(), TransferAdvice(failure.code));
   }
 }
 

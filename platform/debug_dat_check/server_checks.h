@@ -35,9 +35,6 @@ struct CssAddress {
 /// @param out  Set when the address can be used.
 [[nodiscard]] Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out);
 
-/// The host in an address for gRPC, without brackets; empty for a unix socket.
-[[nodiscard]] std::string HostOf(const TarvoOrvane::Internal::Address& address);
-
 /// Looks up a host's IP addresses through the system's resolver.
 /// @param name  The check's.
 /// @param host  A name or an IP address; empty for a unix socket.

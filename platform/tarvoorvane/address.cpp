@@ -4,7 +4,9 @@
 #include <sys/un.h>
 
 #include <algorithm>
+#include <optional>
 #include <string_view>
+#include <utility>
 
 #include "library_log.h"
 
@@ -58,32 +60,39 @@ bool IsIp(int family, const std::string& host) {
   return host.find('\0') == std::string::npos && inet_pton(family, host.c_str(), address) == 1;
 }
 
-/// Splits "HOST[:PORT]"; `host` loses the brackets of an IPv6 address, `bracketed` tells of them.
-bool SplitHostAndPort(std::string_view text, std::string& host, bool& bracketed, std::string& port,
-                      std::string& fault) {
-  bracketed = TakePrefix(text, "[");
-  const size_t host_end = text.find(bracketed ? ']' : ':');
-  if (bracketed && host_end == std::string_view::npos) {
+/// What a text of the form HOST[:PORT] holds, not judged yet.
+struct HostAndPort {
+  std::string host;  ///< Without brackets.
+  bool bracketed = false;
+  std::optional<std::string> port;  ///< What follows the colon, be it nothing; none without a colon.
+};
+
+bool SplitHostAndPort(std::string_view text, HostAndPort& out, std::string& fault) {
+  out.bracketed = TakePrefix(text, "[");
+  const size_t host_end = text.find(out.bracketed ? ']' : ':');
+  if (out.bracketed && host_end == std::string_view::npos) {
     fault = "the closing bracket of the IPv6 address is missing";
     return false;
   }
-  host = text.substr(0, host_end);
-  text.remove_prefix(std::min(text.size(), host.size() + (bracketed ? 1 : 0)));
-  if (!text.empty() && !TakePrefix(text, ":")) {
+  out.host = text.substr(0, host_end);
+  text.remove_prefix(std::min(text.size(), out.host.size() + (out.bracketed ? 1 : 0)));
+  if (text.empty()) return true;
+  if (!TakePrefix(text, ":")) {
     fault = Quoted(text) + " after the host is not understood";
     return false;
   }
-  if (!bracketed && text.find(':') != std::string_view::npos) {
+  if (!out.bracketed && text.find(':') != std::string_view::npos) {
     fault = "an IPv6 address needs brackets, as in [2001:db8::1]:50051";
     return false;
   }
-  port = text;
+  out.port = text;
   return true;
 }
 
-bool MakeTarget(const std::string& host, bool bracketed, const std::string& port, Address& out,
-                std::string& fault) {
-  if (bracketed) {
+/// Takes the host, and tells gRPC which kind it is.
+bool TakeHost(const HostAndPort& parts, const std::string& port, Address& out, std::string& fault) {
+  const std::string& host = parts.host;
+  if (parts.bracketed) {
     if (!IsIp(AF_INET6, host)) {
       fault = Quoted(host) + " is no IPv6 address";
       return false;
@@ -97,6 +106,7 @@ bool MakeTarget(const std::string& host, bool bracketed, const std::string& port
     fault = host.empty() ? "the host is missing" : Quoted(host) + " is neither a host name nor an IP address";
     return false;
   }
+  out.host = host;
   return true;
 }
 
@@ -107,12 +117,9 @@ bool ParseHostAndPort(std::string_view text, const std::string& default_port, Ad
     fault = "user names are not supported";
     return false;
   }
-  std::string host;
-  std::string port;
-  bool bracketed = false;
-  if (!SplitHostAndPort(text, host, bracketed, port, fault)) return false;
-  const bool has_colon = !text.empty() && text.size() > host.size() + (bracketed ? 2 : 0);
-  if (!has_colon) port = default_port;
+  HostAndPort parts;
+  if (!SplitHostAndPort(text, parts, fault)) return false;
+  const std::string port = parts.port.value_or(default_port);
   if (port.empty()) {
     fault = "the port is missing";
     return false;
@@ -121,7 +128,8 @@ bool ParseHostAndPort(std::string_view text, const std::string& default_port, Ad
     fault = "the port " + Quoted(port) + " is no number from 1 to 65535";
     return false;
   }
-  return MakeTarget(host, bracketed, port, out, fault);
+  out.port = static_cast<std::uint16_t>(std::stoi(port));
+  return TakeHost(parts, port, out, fault);
 }
 
 bool ParseUnixPath(std::string_view path, Address& out, std::string& fault) {
@@ -133,7 +141,8 @@ bool ParseUnixPath(std::string_view path, Address& out, std::string& fault) {
     // gRPC reads the path as part of a URI, in which %, ? and # would mean something else.
     fault = "the path of the unix socket has a character that is not supported";
   } else {
-    out.target = "unix:" + std::string(path);
+    out.socket_path = path;
+    out.target = "unix:" + out.socket_path;
     return true;
   }
   return false;
@@ -144,7 +153,6 @@ bool Parse(std::string_view text, Address& out, std::string& fault) {
     fault = "it is empty";
     return false;
   }
-  out.tls = false;
   if (TakePrefix(text, "unix:")) return ParseUnixPath(text, out, fault);
   if (TakePrefix(text, "http://")) return ParseHostAndPort(text, "", out, fault);
   out.tls = true;
@@ -159,7 +167,11 @@ bool Parse(std::string_view text, Address& out, std::string& fault) {
 }  // namespace
 
 bool ParseAddress(const std::string& text, Address& out, std::string& fault) {
-  if (Parse(text, out, fault)) return true;
+  Address address;
+  if (Parse(text, address, fault)) {
+    out = std::move(address);
+    return true;
+  }
   fault = "The address of the notification server can't be used: " + fault + kAcceptedForms;
   return false;
 }

@@ -9,7 +9,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <string>
 #include <system_error>
 
 #include "scoped_fd.h"
@@ -17,30 +16,26 @@
 namespace TarvoOrvane::Internal {
 namespace {
 
-constexpr int kDecimal = 10;
-int Number(const std::string& text) { return static_cast<int>(std::strtol(text.c_str(), nullptr, kDecimal)); }
-
-/// The peer's end of a stream socket as a target names it: ":PORT" or "unix:/PATH"; empty for all else.
-std::string PeerOf(int fd) {
+/// Whether a stream socket's peer has the port, or the socket's path, of `address`.
+bool LeadsTo(int fd, const Address& address) {
   int type = 0;
   socklen_t size = sizeof type;
-  if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM) return {};
+  if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM) return false;
   sockaddr_storage peer{};
   size = sizeof peer;
-  if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return {};
-  if (peer.ss_family == AF_INET) {
-    return ":" + std::to_string(ntohs(reinterpret_cast<const sockaddr_in&>(peer).sin_port));
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return false;
+  switch (peer.ss_family) {
+    case AF_INET:
+      return ntohs(reinterpret_cast<const sockaddr_in&>(peer).sin_port) == address.port;
+    case AF_INET6:
+      return ntohs(reinterpret_cast<const sockaddr_in6&>(peer).sin6_port) == address.port;
+    case AF_UNIX:
+      // A socket without a name has an empty path.
+      return !address.socket_path.empty() &&
+             address.socket_path == reinterpret_cast<const sockaddr_un&>(peer).sun_path;
+    default:
+      return false;
   }
-  if (peer.ss_family == AF_INET6) {
-    return ":" + std::to_string(ntohs(reinterpret_cast<const sockaddr_in6&>(peer).sin6_port));
-  }
-  if (peer.ss_family != AF_UNIX) return {};
-  return "unix:" + std::string(reinterpret_cast<const sockaddr_un&>(peer).sun_path);
-}
-
-std::string PeerOf(const Address& address) {
-  if (address.target.rfind("unix:", 0) == 0) return address.target;
-  return ":" + std::to_string(Number(address.target.substr(address.target.rfind(':') + 1)));
 }
 
 void Cut(int fd) {
@@ -52,13 +47,13 @@ void Cut(int fd) {
 
 template <typename Action>
 void ForEachConnection(const Address& address, Action act) {
-  const std::string wanted = PeerOf(address);
   std::error_code ignored;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ignored)) {
     // A duplicate, so that what is looked at and what is acted on are one connection.
-    const int number = Number(entry.path().filename());
+    constexpr int kDecimal = 10;
+    const auto number = static_cast<int>(std::strtol(entry.path().filename().c_str(), nullptr, kDecimal));
     const ScopedFd fd(fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    if (fd && PeerOf(fd.get()) == wanted) act(fd.get());
+    if (fd && LeadsTo(fd.get(), address)) act(fd.get());
   }
 }
 

@@ -189,21 +189,20 @@ std::string FaultOfSystemRoots() {
          "put the service's authority into ca.pem";
 }
 
-void SetTlsFiles(const CurlHandle& handle, const std::string& folder) {
+/// @return What is wrong with one of them, after it was logged; empty when nothing is.
+std::string SetTlsFiles(const CurlHandle& handle, const std::string& folder) {
   Internal::TlsFiles files;
-  auto problems = Internal::LoadTlsFiles(folder, files);
-  if (problems.empty() && files.authorities.empty()) {
-    if (auto fault = FaultOfSystemRoots(); !fault.empty()) problems.push_back(std::move(fault));
+  std::string fault = Internal::LogTlsFaults(Internal::LoadTlsFiles(folder, files));
+  if (fault.empty() && files.authorities.empty()) {
+    fault = FaultOfSystemRoots();
+    if (!fault.empty()) Internal::LogLine(LOG_ERR, fault);
   }
-  for (const auto& problem : problems) Internal::LogLine(LOG_ERR, problem);
-  if (!problems.empty()) {
-    throw CurlFailedException(CURLE_SSL_CERTPROBLEM,
-                              "CurlPerform: No connection was tried: " + problems.front());
-  }
+  if (!fault.empty()) return fault;
   SET_PEM(handle, CURLOPT_CAINFO_BLOB, files.authorities);
   SET_PEM(handle, CURLOPT_SSLCERT_BLOB, files.client_certificate);
   SET_PEM(handle, CURLOPT_SSLKEY_BLOB, files.client_key);
   SET_OPTION(handle, CURLOPT_CAPATH, files.authorities.empty() ? kSystemRootsFolder : nullptr);
+  return {};
 }
 
 bool AnswerIsFull(const CurlHandle& handle) {
@@ -225,7 +224,7 @@ void SetAttempt(const CurlHandle& handle, Attempt* attempt) {
 
 std::string FailureText(const CurlHandle& handle, CURLcode code, const char* detail,
                         const std::string& fault) {
-  std::string text = std::string("CurlPerform: ") + curl_easy_strerror(code);
+  std::string text = curl_easy_strerror(code);
   if (detail[0] != '\0') text += ": " + Internal::MakePrintable(detail, kMaxErrorText);
   if (!fault.empty()) return text + ": " + fault;
   if (text.find("Out of memory") != std::string::npos) {
@@ -251,8 +250,12 @@ bool Internal::LimitDeadPeer(int socket, std::chrono::seconds limit) {
          set(IPPROTO_TCP, TCP_KEEPCNT, kProbes) && set(IPPROTO_TCP, TCP_USER_TIMEOUT, seconds * 1000);
 }
 
-void Internal::PerformTransfer(CurlHandle& handle, const std::string& tls_folder) {
-  if (!IsPlaintext(handle)) SetTlsFiles(handle, tls_folder);
+std::optional<Internal::TransferFault> Internal::PerformTransfer(CurlHandle& handle,
+                                                                 const std::string& tls_folder) {
+  if (!IsPlaintext(handle)) {
+    const std::string fault = SetTlsFiles(handle, tls_folder);
+    if (!fault.empty()) return TransferFault{CURLE_SSL_CERTPROBLEM, "No connection was tried: " + fault};
+  }
   char detail[CURL_ERROR_SIZE] = "";
   Attempt attempt;
   curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, detail);
@@ -260,7 +263,8 @@ void Internal::PerformTransfer(CurlHandle& handle, const std::string& tls_folder
   const CURLcode code = curl_easy_perform(handle.get());
   curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, nullptr);
   SetAttempt(handle, nullptr);
-  if (code != CURLE_OK) throw CurlFailedException(code, FailureText(handle, code, detail, attempt.fault));
+  if (code == CURLE_OK) return std::nullopt;
+  return TransferFault{code, FailureText(handle, code, detail, attempt.fault)};
 }
 
 namespace Utils {
@@ -296,7 +300,9 @@ void CurlSetupWriteToString(CurlHandle& handle, std::string& out) {
 
 void CurlPerform(CurlHandle& handle) {
   CheckHandle(handle, "CurlPerform");
-  Internal::PerformTransfer(handle, Internal::kTlsFolder);
+  if (const auto fault = Internal::PerformTransfer(handle, Internal::kTlsFolder)) {
+    throw CurlFailedException(fault->code, "CurlPerform: " + fault->text);
+  }
 }
 
 void CurlSlistAppend(CurlHeaderList& list, const std::string& line) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "platform/support_service_client.h"
@@ -31,8 +32,17 @@ inline constexpr size_t kMaxReceivedBytes = 4UL << 20;
 /// @return Whether the socket took all options; errno tells why not.
 bool LimitDeadPeer(int socket, std::chrono::seconds limit);
 
-/// CurlPerform() with the TLS files of `tls_folder`.
-/// @throws Utils::CurlFailedException as CurlPerform() does.
-void PerformTransfer(Utils::CurlHandle& handle, const std::string& tls_folder);
+/// Why a transfer came to nothing.
+struct TransferFault {
+  CURLcode code = CURLE_OK;
+  std::string text;  ///< The cause on one line, fit for a log.
+};
+
+/// CurlPerform() with the TLS files of `tls_folder`, and with its failure as a value. What is wrong with those files is
+/// logged, too. Runs in the transmission child and in debug_dat_check.
+/// @return Nothing when the transfer succeeded.
+/// @throws Utils::CurlFailedException when an option can't be set.
+[[nodiscard]] std::optional<TransferFault> PerformTransfer(Utils::CurlHandle& handle,
+                                                           const std::string& tls_folder);
 
 }  // namespace TarvoOrvane::Internal

@@ -65,6 +65,13 @@ grpc::ChannelArguments MakeChannelArguments(const StreamLimits& limits) {
   return arguments;
 }
 
+// Completion tags. One operation of each kind is under way at most.
+enum Tag : char { kStart, kRead, kWrite, kFinish };
+char g_tags[kFinish + 1];
+void* TagOf(Tag tag) { return &g_tags[tag]; }
+
+}  // namespace
+
 std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const TlsFiles& tls,
                                            const StreamLimits& limits) {
   std::shared_ptr<grpc::ChannelCredentials> credentials = grpc::InsecureChannelCredentials();
@@ -74,13 +81,6 @@ std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const TlsFile
   }
   return grpc::CreateCustomChannel(address.target, credentials, MakeChannelArguments(limits));
 }
-
-// Completion tags. One operation of each kind is under way at most.
-enum Tag : char { kStart, kRead, kWrite, kFinish };
-char g_tags[kFinish + 1];
-void* TagOf(Tag tag) { return &g_tags[tag]; }
-
-}  // namespace
 
 /// What the worker's thread and the completion thread share; `mutex` guards all of it but the constants and
 /// the queue of completions, which has its own.

@@ -4,6 +4,8 @@
 /// object waits for gRPC's completions, fills the queue of deliveries and writes to the eventfd.
 #pragma once
 
+#include <grpcpp/channel.h>
+
 #include <chrono>
 #include <memory>
 #include <string>
@@ -26,6 +28,12 @@ struct StreamLimits {
   std::chrono::milliseconds status{1'000};        ///< Between the last message and the stream's status.
   std::chrono::milliseconds close{5'000};         ///< Until a cancelled stream is left to itself.
 };
+
+/// Makes a channel to the notification server. It connects when its first call starts. The ticket client makes one for
+/// each attempt, in the worker; debug_dat_check makes one to judge by what the ticket client would meet.
+/// @param tls  Used where the address asks for TLS; its authorities are not empty then.
+[[nodiscard]] std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const TlsFiles& tls,
+                                                         const StreamLimits& limits);
 
 class NotificationStream {
  public:

@@ -5,12 +5,8 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <exception>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <utility>
 
 #include "client_errors.h"
@@ -36,21 +32,6 @@ constexpr size_t kMaxShownId = 64;
 constexpr int kLargestKeptBlock = 32 * 1024;
 
 CallStatus Stopped() { return Failure(ClientError::kStopped, "SIGTERM ended the wait"); }
-
-/// Read here rather than left to gRPC, which reads them once per process and says nothing when there are none.
-/// @return What is wrong; empty when all is well.
-std::string ReadSystemRoots(const std::string& path, std::string& out) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    return path + " can't be read: " + strerror(errno) + "; install ca-certificates, or put the service's " +
-           "authority into ca.pem";
-  }
-  std::ostringstream text;
-  text << file.rdbuf();
-  out = text.str();
-  if (out.find("-----BEGIN CERTIFICATE-----") != std::string::npos) return {};
-  return path + " holds no certificate; install ca-certificates";
-}
 
 std::chrono::milliseconds RandomPause(std::chrono::milliseconds longest) {
   std::random_device source;
@@ -153,15 +134,13 @@ CallStatus TicketClient::OpenStream() {
 }
 
 CallStatus TicketClient::LoadTls(TlsFiles& tls) const {
-  auto problems = LoadTlsFiles(options_.tls_folder, tls);
-  if (problems.empty() && tls.authorities.empty()) {
-    if (auto fault = ReadSystemRoots(options_.system_roots_file, tls.authorities); !fault.empty()) {
-      problems.push_back(std::move(fault));
-    }
+  std::string fault = LogTlsFaults(LoadTlsFiles(options_.tls_folder, tls));
+  if (fault.empty() && tls.authorities.empty()) {
+    fault = ReadSystemRoots(options_.system_roots_file, tls.authorities);
+    if (!fault.empty()) LogLine(LOG_ERR, fault);
   }
-  if (problems.empty()) return {};
-  for (const auto& problem : problems) LogLine(LOG_ERR, problem);
-  return Failure(ClientError::kBadTlsFiles, "No TLS connection was tried: " + problems.front());
+  if (fault.empty()) return {};
+  return Failure(ClientError::kBadTlsFiles, "No TLS connection was tried: " + fault);
 }
 
 CallStatus TicketClient::AwaitDelivery(const SignalBlock& block, Delivery& delivery) {

@@ -16,10 +16,31 @@ struct TlsFiles {
   std::string client_key;          ///< PEM text of client.key; present exactly when client_certificate is.
 };
 
-/// Reads and checks ca.pem, client.pem and client.key of `folder`.
+/// Why one of the files can't be used. None of the texts quotes what is in the file.
+struct TlsFault {
+  std::string file;    ///< Its path.
+  std::string what;    ///< What is wrong with it, to follow the path: "is empty".
+  std::string advice;  ///< What to do, in the imperative: "put a PEM file there or remove it".
+};
+
+/// The fault on one line, as logs and error texts show it.
+[[nodiscard]] std::string LineOf(const TlsFault& fault);
+
+/// Reads and checks ca.pem, client.pem and client.key of `folder`. The worker and the transmission child call it before
+/// each connection, so that renewed files need no restart. Logs nothing.
 /// @param out  Set on success only.
-/// @return One line for each problem, naming the file, what is wrong with it and what to do; empty when all is
-///         well. A file that can't be used is a problem, never a reason to go on without it.
-[[nodiscard]] std::vector<std::string> LoadTlsFiles(const std::string& folder, TlsFiles& out);
+/// @return Each fault; empty when all is well. A file that can't be used is a fault, never a reason to go on without
+///         it.
+[[nodiscard]] std::vector<TlsFault> LoadTlsFiles(const std::string& folder, TlsFiles& out);
+
+/// Logs each fault as a line of its own, at LOG_ERR.
+/// @return The first one's line; empty when there is none.
+std::string LogTlsFaults(const std::vector<TlsFault>& faults);
+
+/// Reads the file of the system's authorities. It is read here rather than left to gRPC, which reads it once per process
+/// and says nothing when it holds none.
+/// @param out  Set to its text.
+/// @return What is wrong and what to do, on one line; empty when all is well.
+[[nodiscard]] std::string ReadSystemRoots(const std::string& path, std::string& out);
 
 }  // namespace TarvoOrvane::Internal

@@ -148,6 +148,14 @@ TEST_F(TlsFilesCheckTest, EachFaultIsAProblemOfItsOwnWithItsAdvice) {
   EXPECT_FALSE(files_);
 }
 
+TEST_F(TlsFilesCheckTest, FolderMayHaveAnyName) {
+  std::filesystem::create_directory(temp_.File("a; b"));
+  temp_.Write("a; b/ca.pem", "");
+  EXPECT_THAT(CheckTlsFiles(temp_.File("a; b"), files_),
+              ElementsAre(AllOf(IsProblem("/a; b/ca.pem: is empty"),
+                                Advises("Put a PEM file there or remove it"), Not(Advises("ca.pem")))));
+}
+
 TEST_F(TlsFilesCheckTest, FolderThatOthersCanChangeIsOneProblem) {
   chmod(temp_.File("").c_str(), 0777);
   EXPECT_THAT(CheckTlsFiles(temp_.File(""), files_),

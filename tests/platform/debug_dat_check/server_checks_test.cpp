@@ -9,6 +9,7 @@
 #include "check_matchers.h"
 #include "loopback.h"
 #include "loopback_server.h"
+#include "parsed_address.h"
 #include "scripted_server.h"
 #include "temp_dir.h"
 
@@ -20,7 +21,9 @@ using TarvoOrvane::Internal::Address;
 using TarvoOrvane::Internal::ScopedFd;
 using TarvoOrvane::Internal::TlsFiles;
 using TarvoOrvane::Testing::BindLoopback;
+using TarvoOrvane::Testing::LocalServer;
 using TarvoOrvane::Testing::MakeTestCertificate;
+using TarvoOrvane::Testing::ParsedAddress;
 using TarvoOrvane::Testing::ScriptedServer;
 using TarvoOrvane::Testing::ServerOptions;
 using TarvoOrvane::Testing::TempDir;
@@ -42,7 +45,6 @@ struct SilentServer {
   ScopedFd socket = BindLoopback(SOCK_STREAM, port);
 };
 
-std::string Target(int port) { return "ipv4:127.0.0.1:" + std::to_string(port); }
 std::string Url(const std::string& scheme, int port) {
   return scheme + "://127.0.0.1:" + std::to_string(port);
 }
@@ -91,7 +93,7 @@ TEST(NotificationAddressCheckTest, HostIsTakenFromEveryForm) {
     std::optional<Address> address;
     (void)CheckNotificationAddress(url, address);
     ASSERT_TRUE(address) << url;
-    EXPECT_EQ(HostOf(*address), host);
+    EXPECT_EQ(address->host, host);
   }
 }
 
@@ -177,7 +179,7 @@ Check Stream(const Address& address, const TlsFiles& tls = {}, const ServerLimit
 
 TEST(StreamCheckTest, StreamThatOpensIsClosedAgainWithoutHello) {
   ScriptedServer server;
-  EXPECT_THAT(Stream({Target(server.port()), false}), IsOk("opens"));
+  EXPECT_THAT(Stream(LocalServer(server.port())), IsOk("opens"));
   // Only a Hello makes a session; one that was on its way before the stream's end would have come by now.
   EXPECT_EQ(server.AwaitSession(milliseconds(100)), nullptr);
 }
@@ -187,25 +189,25 @@ TEST(StreamCheckTest, UnixSocketOpens) {
   ServerOptions options;
   options.listen = "unix:" + temp.File("socket");
   const ScriptedServer server(options);
-  EXPECT_THAT(Stream({options.listen, false}), IsOk("opens"));
+  EXPECT_THAT(Stream(ParsedAddress(options.listen)), IsOk("opens"));
 }
 
 TEST(StreamCheckTest, RefusedConnectionIsAProblemThatTellsTheCauseFirst) {
   const UnusedAddress unused;
   const std::string port = unused.Url().substr(unused.Url().rfind(':') + 1);
-  const Check check = Stream({Target(std::stoi(port)), false});
+  const Check check = Stream(LocalServer(std::stoi(port)));
   EXPECT_THAT(check, AllOf(IsProblem("Connection refused"), Advises("Check that the server runs")));
   EXPECT_THAT(check.text, StartsWith("ipv4:127.0.0.1:" + port));
 }
 
 TEST(StreamCheckTest, SilentServerIsAProblemWithinTheLimit) {
   const SilentServer server;
-  EXPECT_THAT(Stream({Target(server.port), false}, {}, kShort), IsProblem(""));
+  EXPECT_THAT(Stream(LocalServer(server.port), {}, kShort), IsProblem(""));
 }
 
 TEST(StreamCheckTest, WebServerIsAProblemThatSaysSo) {
   LoopbackServer server({HttpAnswer("400 Bad Request", "")});
-  EXPECT_THAT(Stream({Target(std::stoi(server.Url().substr(server.Url().rfind(':') + 1))), false}),
+  EXPECT_THAT(Stream(LocalServer(std::stoi(server.Url().substr(server.Url().rfind(':') + 1)))),
               AllOf(IsProblem("http1"), Advises("a web server and no gRPC server")));
 }
 
@@ -226,7 +228,7 @@ class RefusingServer : public tarvo::support::v1::NotificationService::CallbackS
   RefusingServer(const RefusingServer&) = delete;
   RefusingServer& operator=(const RefusingServer&) = delete;
 
-  [[nodiscard]] Address address() const { return {Target(port_), false}; }
+  [[nodiscard]] Address address() const { return LocalServer(port_); }
 
  private:
   using ClientMessage = tarvo::support::v1::ClientMessage;
@@ -263,11 +265,51 @@ TEST(StreamCheckTest, StreamThatTheServerClosesAtOnceIsAProblem) {
   EXPECT_THAT(Stream(server.address()), IsProblem("closed the stream at once"));
 }
 
+/// Sends one message as soon as a stream opens, unasked.
+class UnaskedServer : public tarvo::support::v1::NotificationService::CallbackService {
+ public:
+  explicit UnaskedServer(std::size_t message_bytes) {
+    message_.mutable_delivery()->set_ticket_json(std::string(message_bytes, 'x'));
+    grpc::ServerBuilder builder;
+    builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port_);
+    builder.RegisterService(this);
+    server_ = builder.BuildAndStart();
+  }
+  ~UnaskedServer() override { server_->Shutdown(std::chrono::system_clock::now()); }
+  UnaskedServer(const UnaskedServer&) = delete;
+  UnaskedServer& operator=(const UnaskedServer&) = delete;
+
+  [[nodiscard]] Address address() const { return LocalServer(port_); }
+
+ private:
+  using ClientMessage = tarvo::support::v1::ClientMessage;
+  using ServerMessage = tarvo::support::v1::ServerMessage;
+
+  struct Stream : grpc::ServerBidiReactor<ClientMessage, ServerMessage> {
+    explicit Stream(const ServerMessage& message) { StartWrite(&message); }
+    void OnCancel() override { Finish(grpc::Status::CANCELLED); }
+    void OnDone() override { delete this; }
+  };
+
+  grpc::ServerBidiReactor<ClientMessage, ServerMessage>* Open(grpc::CallbackServerContext*) override {
+    return new Stream(message_);
+  }
+
+  ServerMessage message_;
+  int port_ = 0;
+  std::unique_ptr<grpc::Server> server_;
+};
+
+TEST(StreamCheckTest, MessageThatTheTicketClientWouldNotTakeIsAProblem) {
+  EXPECT_THAT(Stream(UnaskedServer(1000).address()), IsOk("opens"));
+  EXPECT_THAT(Stream(UnaskedServer(70'000).address()), IsProblem("(status 8)"));
+}
+
 TEST(StreamCheckTest, TrustedServerOpensOverTls) {
   ServerOptions options;
   options.certificate = MakeTestCertificate();
   const ScriptedServer server(options);
-  EXPECT_THAT(Stream({Target(server.port()), true}, {options.certificate->certificate, "", ""}),
+  EXPECT_THAT(Stream(LocalServer(server.port(), true), {options.certificate->certificate, "", ""}),
               IsOk("opens"));
 }
 
@@ -277,15 +319,15 @@ TEST(StreamCheckTest, DeviceShowsItsCertificate) {
   options.client_authorities = options.certificate->certificate;
   const ScriptedServer server(options);
   const auto& [certificate, key] = *options.certificate;
-  EXPECT_THAT(Stream({Target(server.port()), true}, {certificate, certificate, key}), IsOk("opens"));
-  EXPECT_THAT(Stream({Target(server.port()), true}, {certificate, "", ""}), IsProblem(""));
+  EXPECT_THAT(Stream(LocalServer(server.port(), true), {certificate, certificate, key}), IsOk("opens"));
+  EXPECT_THAT(Stream(LocalServer(server.port(), true), {certificate, "", ""}), IsProblem(""));
 }
 
 TEST(StreamCheckTest, UntrustedServerIsAProblemOfTheAuthorities) {
   ServerOptions options;
   options.certificate = MakeTestCertificate();
   const ScriptedServer server(options);
-  EXPECT_THAT(Stream({Target(server.port()), true}, {MakeTestCertificate().certificate, "", ""}),
+  EXPECT_THAT(Stream(LocalServer(server.port(), true), {MakeTestCertificate().certificate, "", ""}),
               AllOf(IsProblem("certificate verify failed"), Advises("ca.pem")));
 }
 
@@ -294,14 +336,14 @@ TEST(StreamCheckTest, CertificateForAnotherHostIsAProblemOfTheName) {
   options.listen = "127.0.0.2:0";  // the certificate is for 127.0.0.1
   options.certificate = MakeTestCertificate();
   const ScriptedServer server(options);
-  EXPECT_THAT(Stream({"ipv4:127.0.0.2:" + std::to_string(server.port()), true},
+  EXPECT_THAT(Stream(ParsedAddress("https://127.0.0.2:" + std::to_string(server.port())),
                      {options.certificate->certificate, "", ""}),
               AllOf(IsProblem("127.0.0.2"), Advises("use the host name")));
 }
 
 TEST(StreamCheckTest, ServerWithoutTlsIsAProblemOfTheScheme) {
   const ScriptedServer server;
-  EXPECT_THAT(Stream({Target(server.port()), true}, {MakeTestCertificate().certificate, "", ""}),
+  EXPECT_THAT(Stream(LocalServer(server.port(), true), {MakeTestCertificate().certificate, "", ""}),
               AllOf(IsProblem(""), Advises("speaks TLS")));
 }
 
@@ -309,11 +351,11 @@ TEST(StreamCheckTest, ServerThatWantsTlsIsAProblemOfTheScheme) {
   ServerOptions options;
   options.certificate = MakeTestCertificate();
   const ScriptedServer server(options);
-  EXPECT_THAT(Stream({Target(server.port()), false}), AllOf(IsProblem(""), Advises("wants TLS")));
+  EXPECT_THAT(Stream(LocalServer(server.port())), AllOf(IsProblem(""), Advises("wants TLS")));
 }
 
 TEST(StreamCheckTest, MissingSystemRootsAreAProblem) {
-  EXPECT_THAT(CheckStream({Target(9), true}, {}, "/none", kLimits),
+  EXPECT_THAT(CheckStream(LocalServer(9, true), {}, "/none", kLimits),
               AllOf(IsProblem("/none can't be read"), Advises("ca-certificates")));
 }
 

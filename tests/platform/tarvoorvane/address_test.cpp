@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "library_log.h"
+#include "parsed_address.h"
 
 namespace TarvoOrvane::Internal {
 namespace {
@@ -48,6 +49,20 @@ INSTANTIATE_TEST_SUITE_P(
                     Good{"[2001:db8::1]:50051", "ipv6:[2001:db8::1]:50051", true},
                     Good{"unix:/run/support.sock", "unix:/run/support.sock", false},
                     Good{"unix:" + kPath107, "unix:" + kPath107, false}));
+
+TEST(AddressTest, HostPortAndSocketAreTold) {
+  const Address named = Testing::ParsedAddress("https://notify.example");
+  EXPECT_EQ(named.host, "notify.example");
+  EXPECT_EQ(named.port, 443);
+  EXPECT_EQ(named.socket_path, "");
+  const Address ip = Testing::ParsedAddress("[2001:db8::1]:65535");
+  EXPECT_EQ(ip.host, "2001:db8::1");
+  EXPECT_EQ(ip.port, 65535);
+  const Address local = Testing::ParsedAddress("unix:/run/notify");
+  EXPECT_EQ(local.host, "");
+  EXPECT_EQ(local.port, 0);
+  EXPECT_EQ(local.socket_path, "/run/notify");
+}
 
 struct Bad {
   std::string text;

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "loopback.h"
+#include "parsed_address.h"
 #include "scoped_fd.h"
 #include "temp_dir.h"
 
@@ -23,7 +24,7 @@ struct TcpConnection {
     EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     server = ScopedFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
   }
-  [[nodiscard]] Address address() const { return {"ipv4:127.0.0.1:" + std::to_string(port), false}; }
+  [[nodiscard]] Address address() const { return Testing::LocalServer(port); }
 
   int port = 0;
   ScopedFd listener;
@@ -83,9 +84,9 @@ TEST(ConnectionCutTest, TheConnectionToThatSocketsPathEndsToo) {
   ASSERT_EQ(connect(client.get(), name, sizeof address), 0);
   const ScopedFd server(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
 
-  CutConnections({"unix:" + path + "-of-another", false});
+  CutConnections(Testing::ParsedAddress("unix:" + path + "-of-another"));
   EXPECT_TRUE(Passes(server, client));
-  CutConnections({"unix:" + path, false});
+  CutConnections(Testing::ParsedAddress("unix:" + path));
   EXPECT_FALSE(Passes(server, client));
 }
 

@@ -128,8 +128,8 @@ CURLcode FailureOf(CurlHandle& handle, std::string* message = nullptr, const std
   try {
     if (tls_folder.empty()) {
       CurlPerform(handle);
-    } else {
-      PerformTransfer(handle, tls_folder);
+    } else if (const auto fault = PerformTransfer(handle, tls_folder)) {
+      throw CurlFailedException(fault->code, fault->text);
     }
     return CURLE_OK;
   } catch (const CurlFailedException& failure) {
@@ -686,7 +686,7 @@ TEST_F(CurlTlsTest, EveryProblemOfTheFilesIsALogLineAndNoConnectionIsTried) {
   folder_.Write("client.pem", device_.certificate);
   std::string message;
   EXPECT_EQ(FailureOfGet(server.host_and_port(), &message), CURLE_SSL_CERTPROBLEM);
-  EXPECT_THAT(message, StartsWith("CurlPerform: No connection was tried: " + folder_.File("")));
+  EXPECT_THAT(message, StartsWith("No connection was tried: " + folder_.File("")));
   EXPECT_EQ(server.connections(), 0);
   const auto lines = Testing::TakeSyslogLines();
   ASSERT_EQ(lines.size(), 2u);

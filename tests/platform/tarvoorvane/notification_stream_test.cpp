@@ -10,6 +10,7 @@
 
 #include "loopback.h"
 #include "name_server.h"
+#include "parsed_address.h"
 #include "scoped_fd.h"
 #include "scripted_server.h"
 
@@ -34,7 +35,7 @@ bool AwaitEnd(NotificationStream& stream) {
 
 /// The address of a host by name, to be asked of `name_server` rather than of the system's.
 Address NamedHost(const Testing::NameServer& name_server, int port) {
-  Address address;
+  Address address = Testing::ParsedAddress("http://notify.test:" + std::to_string(port));
   address.target =
       "dns://127.0.0.1:" + std::to_string(name_server.port()) + "/notify.test:" + std::to_string(port);
   return address;
@@ -89,11 +90,11 @@ TEST(NotificationStreamTest, DestroyedWhileItConnectsItLeavesNoConnectionToAServ
   const ScopedFd listener = Testing::BindLoopback(SOCK_STREAM, port);
   ScopedFd connection;
   {
-    const NotificationStream stream({"ipv4:127.0.0.1:" + std::to_string(port), false}, {}, "", {});
+    const NotificationStream stream(Testing::LocalServer(port), {}, "", {});
     connection = AcceptSpeaking(listener);
   }
   Testing::ScriptedServer server;  // the next stream's thread reads what comes on any of gRPC's connections
-  NotificationStream next({"ipv4:127.0.0.1:" + std::to_string(server.port()), false}, {}, "", {});
+  NotificationStream next(Testing::LocalServer(server.port()), {}, "", {});
   ASSERT_NE(server.AwaitSession(), nullptr);
 
   const char settings[] = {0, 0, 0, 4, 0, 0, 0, 0, 0};
@@ -107,16 +108,13 @@ TEST(NotificationStreamTest, DestroyedWhileItConnectsItLeavesNoConnectionToAServ
 }
 
 TEST(NotificationStreamTest, ItsLifetimeIsZeroWithoutAConnectionAndTheTimeItStoodWithOne) {
-  Address address;
-  address.target = "unix:/nowhere/socket";
-  NotificationStream unconnected(address, {}, "", {});
+  NotificationStream unconnected(Testing::ParsedAddress("unix:/nowhere/socket"), {}, "", {});
   ASSERT_TRUE(AwaitEnd(unconnected));
   EXPECT_EQ(unconnected.lifetime(), steady_clock::duration(0));
 
   Testing::ScriptedServer server;
-  address.target = "ipv4:127.0.0.1:" + std::to_string(server.port());
   const auto start = steady_clock::now();
-  NotificationStream connected(address, {}, "", {});
+  NotificationStream connected(Testing::LocalServer(server.port()), {}, "", {});
   const auto session = server.AwaitSession();
   ASSERT_NE(session, nullptr);
   constexpr std::chrono::milliseconds kOpen(20);

@@ -36,7 +36,11 @@ class TlsFilesTest : public testing::Test {
   void SetMode(const std::string& name, mode_t mode) const {
     ASSERT_EQ(chmod(folder_.File(name).c_str(), mode), 0);
   }
-  std::vector<std::string> Load() { return LoadTlsFiles(folder_.File("."), files_); }
+  std::vector<std::string> Load() {
+    std::vector<std::string> lines;
+    for (const TlsFault& fault : LoadTlsFiles(folder_.File("."), files_)) lines.push_back(LineOf(fault));
+    return lines;
+  }
   /// Matches a problem of this file.
   static auto Problem(const std::string& name, const std::string& text) {
     return AllOf(HasSubstr("/" + name + ": "), HasSubstr(text), HasSubstr("; "));

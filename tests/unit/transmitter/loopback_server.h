@@ -67,6 +67,6 @@ class UnusedAddress {
   std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
  private:
+  std::uint16_t port_ = 0;  // before fd_, whose making sets it
   int fd_ = -1;
-  std::uint16_t port_ = 0;
 };
