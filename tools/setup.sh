@@ -1,5 +1,8 @@
-# shellcheck shell=bash disable=SC2034,SC2154 # colours for others; $root comes from them
-# What ./run, ./test and .ci/run have in common: messages, packages, the build. To be sourced, with $root set.
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # root is set by who sources this
+# shellcheck disable=SC2034  # not everybody uses all of them
+# What ./run, ./test, ./bench and .ci/run have in common: messages, usage, packages, the build, the sandbox. To be
+# sourced, with $root set.
 
 bold='' plain='' red='' green='' dim=''
 if [ -t 1 ] && [ -z "${NO_COLOR-}" ]; then
@@ -8,22 +11,106 @@ fi
 
 say() { printf '%s==> %s%s\n' "$bold" "$*" "$plain"; }
 
+complain() { printf '%s%s: %s%s\n' "$red" "${0##*/}" "$*" "$plain" >&2; }
+
 fail() {
-  printf '%s%s: %s%s\n' "$red" "${0##*/}" "$*" "$plain" >&2
+  complain "$@"
   exit 1
 }
+
+# The comment at the start of the script that runs.
+script=$(realpath "$0")
+usage() { sed -n '2,/^set/ { /^#/ s/^# \{0,1\}//p }' "$script"; }
+
+# wrong_usage WHAT: says what was wrong, then how it is right.
+wrong_usage() {
+  complain "$@"
+  usage >&2
+  exit 2
+}
+
+# A program that runs at the moment may take Ctrl-C for its own, and end as if nothing were.
+# number_of WHAT NUMBER...: the number, given as the only argument.
+number_of() {
+  [ $# -le 2 ] || wrong_usage "nothing may follow the number of $1, not '${*:3}'"
+  case ${2-} in
+    '' | *[!0-9]* | 0*) wrong_usage "this is no number of $1: '${2-}'" ;;
+    *) echo "$2" ;;
+  esac
+}
+
+on_interrupt='complain "ended by Ctrl-C"; exit 130'
+# shellcheck disable=SC2064
+trap "$on_interrupt" INT
+
+# wait_for_turn FILE WHAT: takes the lock of a file, where two of this checkout would be in each other's way. It is held
+# until the descriptor $turn is closed.
+wait_for_turn() {
+  exec {turn}>"$1" || fail "can't write $1; remove it or run this as its owner"
+  if ! flock --nonblock "$turn"; then
+    say "Another $2 is at work in this checkout: waiting for its end"
+    flock "$turn"
+  fi
+}
+
+# ---------- Packages ----------
 
 # list_packages FILE: the packages that a list names, one a line.
 list_packages() { sed -e 's/#.*//' -e 's/[[:space:]]//g' -e '/^$/d' "$1"; }
 
+# package_servers: the hosts and ports that apt fetches from. Nothing where it may know another way: a proxy or a disk.
+package_servers() {
+  local site host
+  [ -z "${http_proxy-}${https_proxy-}" ] || return 0
+  ! apt-config dump | grep '^Acquire::.*Proxy.* "[^"]' >/dev/null || return 0
+  # shellcheck disable=SC2016 # apt-get expands it
+  apt-get indextargets --format '$(SITE)' | sort -u | while read -r site; do
+    host=${site#*://}
+    host=${host%%/*}
+    case $site in
+      *@*) ;;
+      http://*:* | https://*:*) echo "${host%:*} ${host##*:}" ;;
+      http://*) echo "$host 80" ;;
+      https://*) echo "$host 443" ;;
+    esac
+  done | sort -u
+}
+
+# check_package_servers PACKAGE...: apt-get would try for long, and say at length, what this says in one line.
+check_package_servers() {
+  local servers host port
+  servers=$(package_servers)
+  [ -n "$servers" ] || return 0
+  while read -r host port; do
+    # shellcheck disable=SC2016 # the inner shell expands them
+    timeout 5 bash -c ': >"/dev/tcp/$0/$1"' "$host" "$port" 2>/dev/null && return
+  done <<<"$servers"
+  fail "no package server can be reached (${servers//$'\n'/, }), is this machine off line? Missing packages: $*"
+}
+
+# unpack LOG COMMAND...: to its end also if Ctrl-C comes, since a half-installed package would need repair.
+unpack() {
+  local log=$1 apt status interrupted=false
+  shift
+  trap 'interrupted=true; complain "ending as soon as the packages are unpacked, so that none stays half installed"' INT
+  (trap '' INT && exec "$@") >>"$log" 2>&1 </dev/null &
+  apt=$!
+  wait "$apt"
+  status=$?
+  while $interrupted && [ -e "/proc/$apt" ]; do wait "$apt"; done
+  # shellcheck disable=SC2064
+  trap "$on_interrupt" INT
+  ! $interrupted || kill -INT $$
+  return "$status"
+}
+
 # install_packages FILE...: installs what is missing of the listed Debian packages. Where nothing is missing
 # neither apt nor any privilege is needed.
 install_packages() {
-  local file missing=() as_root=()
+  local file package log=$root/build/packages.log missing=() install=()
   command -v dpkg-query >/dev/null ||
     fail "this is no Debian system (there is no dpkg-query). Install what $* lists by hand and build with CMake."
   for file in "$@"; do
-    local package
     while read -r package; do
       [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
         missing+=("$package")
@@ -34,27 +121,71 @@ install_packages() {
     return
   fi
   if [ "$(id -u)" -ne 0 ]; then
-    command -v sudo >/dev/null || fail "packages are missing, and only root may install them" \
-      "(there is no sudo here). As root: apt-get install ${missing[*]}"
-    as_root=(sudo)
+    command -v sudo >/dev/null || fail "packages are missing, and only root may install them (there is no sudo here)." \
+      "As root: apt-get update && apt-get install --no-install-recommends ${missing[*]}"
+    install=(sudo)
   fi
-  say "Packages: installing ${missing[*]}"
-  if ! "${as_root[@]}" apt-get update -q ||
-    ! "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
-      "${missing[@]}"; then
-    fail "apt-get could not install ${missing[*]}; its messages are above"
+  check_package_servers "${missing[@]}"
+  mkdir -p "${log%/*}" || fail "can't make ${log%/*}"
+  say "Packages: installing ${#missing[@]} (some minutes; apt-get's output goes to $log):"
+  echo "    ${missing[*]}"
+  install+=(env DEBIAN_FRONTEND=noninteractive apt-get -q -y)
+  if ! "${install[@]}" update >"$log" 2>&1 ||
+    ! "${install[@]}" install --no-install-recommends --download-only "${missing[@]}" >>"$log" 2>&1 ||
+    ! unpack "$log" "${install[@]}" install --no-install-recommends "${missing[@]}"; then
+    sed -n 's/^E: /    /p' "$log" >&2
+    fail "apt-get could not install ${missing[*]}; all its messages are in $log"
   fi
+}
+
+# ---------- Build ----------
+
+# configure_build PRESET: once.
+configure_build() {
+  [ ! -f "$root/build/$1/build.ninja" ] || return 0
+  say "Configuring build/$1 (some seconds)"
+  (cd "$root" && cmake --preset "$1") || fail "CMake could not configure the build; its messages are above"
 }
 
 # build PRESET [TARGET...]: configures once, and builds what has changed.
 build() {
   local preset=$1
   shift
-  if [ ! -f "$root/build/$preset/build.ninja" ]; then
-    say "Configuring build/$preset"
-    (cd "$root" && cmake --preset "$preset") || fail "CMake could not configure the build; its messages are above"
-  fi
-  say "Building build/$preset (the first time takes some minutes)"
+  mkdir -p "$root/build" || fail "can't make $root/build"
+  wait_for_turn "$root/build/.lock" build
+  configure_build "$preset"
+  say "Building build/$preset${1:+: $*} (the first time takes some minutes)"
   (cd "$root" && cmake --build --preset "$preset" ${1:+--target "$@"}) ||
     fail "the build failed; its messages are above"
+  exec {turn}>&-
+}
+
+# ---------- Sandbox ----------
+
+sandbox=''  # its first process, while there is one
+
+# However the script ends, nothing of its sandbox is left by then.
+end_sandbox() {
+  local inside
+  [ -n "$sandbox" ] || return 0
+  inside=$(ps -o pid= --ppid "$sandbox" | tr -d ' ')
+  # By SIGKILL: it leaves other signals to the processes inside, which end with it.
+  kill -KILL "$sandbox"
+  wait "$sandbox"
+  # Process 1 of the namespace: it has ended when all of them have.
+  while [ -n "$inside" ] && grep -q '^State:[[:space:]]*[^ZX]' "/proc/$inside/status"; do sleep 0.02; done
+} 2>/dev/null
+trap end_sandbox EXIT
+
+# in_sandbox ARGUMENT...: tools/sandbox with these arguments.
+in_sandbox() {
+  local status
+  trap 'exit 143' TERM
+  trap 'exit 129' HUP
+  setpriv --pdeathsig KILL "$root/tools/sandbox" "$@" &
+  sandbox=$!
+  wait "$sandbox"
+  status=$?
+  sandbox=''
+  return "$status"
 }
