@@ -39,7 +39,7 @@ void CheckUnit(const UnitDescription& unit, const Limits& limits) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::TempFolder folder;
+  static const test_support::TemporaryFolder folder;
   const Limits limits;
   Paths paths;
   paths.descriptions = folder.path();

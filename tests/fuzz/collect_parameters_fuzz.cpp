@@ -58,7 +58,7 @@ struct Device {
     }
   }
 
-  fuzz::TempFolder folder;
+  test_support::TemporaryFolder folder;
   Paths paths;
 };
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 
 namespace fuzz {
 
@@ -29,25 +28,6 @@ std::vector<std::string> Records(std::string_view input) {
 
 bool IsPrintableAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
-}
-
-TempFolder::TempFolder() {
-  std::string name = std::filesystem::temp_directory_path() / "ddt-fuzz-XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) abort();
-  path_ = name;
-}
-
-TempFolder::~TempFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
-std::string TempFolder::Write(const std::string& name, std::string_view text) const {
-  std::ofstream file(path_ / name, std::ios::binary);
-  file << text;
-  file.close();
-  Require(file.good(), "the file can be written");
-  return path_ / name;
 }
 
 }  // namespace fuzz

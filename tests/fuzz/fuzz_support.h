@@ -4,10 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "temporary_folder.h"
 
 /// A target: takes any bytes. Called any number of times in one process.
 /// @return 0.
@@ -26,21 +27,5 @@ void Require(bool holds, const char* promise);
 [[nodiscard]] std::vector<std::string> Records(std::string_view input);
 
 [[nodiscard]] bool IsPrintableAscii(std::string_view text);
-
-/// A folder of this process, removed at its end.
-class TempFolder {
- public:
-  TempFolder();
-  ~TempFolder();
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-
-  [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-  /// Writes a file in the folder, and returns its path.
-  [[nodiscard]] std::string Write(const std::string& name, std::string_view text) const;
-
- private:
-  std::filesystem::path path_;
-};
 
 }  // namespace fuzz

@@ -128,7 +128,7 @@ struct Device {
   Device() : server(folder.path() / "s"), client("unix:" + (folder.path() / "s").string(), Unhurried()) {
     TarvoOrvane::Utils::LoggerManager::instance_ = &logger;
   }
-  fuzz::TempFolder folder;
+  test_support::TemporaryFolder folder;
   SilentLogger logger;
   Server server;
   TicketClient client;

@@ -38,7 +38,7 @@ class InProcessCss {
   void CheckFiles() const;
   void CheckEvent(const std::string& event) const;
 
-  TempFolder folder_;
+  test_support::TemporaryFolder folder_;
   TarvoOrvane::SupportService::TicketBook book_;
   std::string ticket_id_;
   std::string token_;

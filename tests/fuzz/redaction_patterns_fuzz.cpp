@@ -5,7 +5,7 @@
 #include "redaction_rules.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::TempFolder folder;
+  static const test_support::TemporaryFolder folder;
   const std::string_view input = fuzz::AsText(data, size);
   const std::size_t end = std::min(input.find('\x1e'), input.size());
   const std::string path = folder.Write("patterns", input.substr(0, end));

@@ -31,7 +31,7 @@ struct Tasks {
     Require(flock(lock.get(), LOCK_EX) == 0, "the running task's lock can be taken");
   }
 
-  fuzz::TempFolder folder;
+  test_support::TemporaryFolder folder;
   UniqueFd lock;
 };
 

@@ -20,7 +20,7 @@
 #include <thread>
 
 #include "http2_attacker.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 
 namespace hostile {
 namespace {
@@ -170,7 +170,7 @@ class WorkerUnderAttack : public testing::TestWithParam<Case> {};
 TEST_P(WorkerUnderAttack, StaysWithinItsBoundsAndEndsBySigterm) {
   (void)signal(SIGPIPE, SIG_IGN);  // OpenSSL writes without MSG_NOSIGNAL
   const Plan plan = Plan::Make();
-  const TarvoOrvane::Testing::TempDir folder;
+  const test_support::TemporaryFolder folder;
   std::optional<TarvoOrvane::Testing::TestCertificate> certificate;
   if (GetParam().tls) {
     certificate = TarvoOrvane::Testing::MakeTestCertificate();

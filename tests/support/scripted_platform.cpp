@@ -87,15 +87,9 @@ class RecordingLogger final : public LoggerManager {
 
 RecordingLogger recording_logger;
 
-std::filesystem::path NewFolder() {
-  std::string path = std::filesystem::temp_directory_path() / "ddt-test-XXXXXX";
-  if (mkdtemp(path.data()) == nullptr) abort();
-  return path;
-}
-
 }  // namespace
 
-ScriptedPlatform::ScriptedPlatform() : folder_(NewFolder()) {
+ScriptedPlatform::ScriptedPlatform() {
   if (current_platform != nullptr) abort();
   current_platform = this;
   UseLogger(false);
@@ -104,7 +98,6 @@ ScriptedPlatform::ScriptedPlatform() : folder_(NewFolder()) {
 ScriptedPlatform::~ScriptedPlatform() {
   UseLogger(false);
   current_platform = nullptr;
-  std::filesystem::remove_all(folder_);
 }
 
 ScriptedPlatform* ScriptedPlatform::current() { return current_platform; }

@@ -25,6 +25,7 @@
 
 #include "log_recorder.h"
 #include "platform/support_service_client.h"
+#include "temporary_folder.h"
 
 namespace test_support {
 
@@ -80,7 +81,7 @@ class ScriptedPlatform {
   ScriptedPlatform& operator=(const ScriptedPlatform&) = delete;
 
   /// A folder of this object, removed with it.
-  const std::filesystem::path& folder() const { return folder_; }
+  const std::filesystem::path& folder() const { return folder_.path(); }
 
   /// What the daemon finds in its service configuration file; until the first call there is none. Nothing
   /// on the host is read. Each lookup is recorded as "FromFile(path)", with the path the daemon named.
@@ -150,11 +151,11 @@ class ScriptedPlatform {
 
   // ---- Used by the replacements ----
   static ScriptedPlatform* current();
-  std::string service_config_path() const { return folder_ / "tarvomibserver.conf"; }
+  std::string service_config_path() const { return folder_.File("tarvomibserver.conf"); }
   std::string* response = nullptr;  ///< What the last CurlSetupWriteToString() was given.
 
  private:
-  std::filesystem::path folder_;
+  const TemporaryFolder folder_;
 };
 
 /// A test with a scripted platform and a recorder.

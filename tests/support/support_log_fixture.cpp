@@ -266,11 +266,6 @@ void CallerProcess::End() {
 }
 
 SupportLogTest::SupportLogTest() {
-  umask(022);  // what others may write to is not trusted
-  std::string name = (fs::temp_directory_path() / "support_log_test.XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) std::abort();
-  folder_ = name;
-  data_ = folder_ / "data";
   paths_.state = folder_ / "state" / "log";
   paths_.descriptions = folder_ / "descriptions";
   paths_.redaction = folder_ / "redact";

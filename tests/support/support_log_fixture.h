@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "collection_limits.h"
+#include "temporary_folder.h"
 #include "unpacker.h"
 
 namespace TARVO::SupportForm {
@@ -108,8 +109,9 @@ class SupportLogTest : public testing::Test {
   /// A description's command that lasts as long as the file `gate` exists; the folder's end removes it, too.
   [[nodiscard]] std::string GateCommand(const fs::path& gate) const;
 
-  fs::path folder_;
-  fs::path data_;
+  const test_support::TemporaryFolder temporary_;
+  const fs::path folder_ = temporary_.path();
+  fs::path data_ = folder_ / "data";
   Paths paths_;
   Limits limits_;
 };

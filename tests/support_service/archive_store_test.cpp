@@ -21,7 +21,7 @@ unsigned int ModeOf(const fs::path& path) {
 
 class ArchiveStoreTest : public ::testing::Test {
  protected:
-  TempFolder temp_;
+  TemporaryFolder temp_;
   fs::path data_ = temp_.path() / "some" / "data";
 };
 

@@ -113,7 +113,7 @@ class ProgramsTest : public ::testing::Test {
     return Eventually([&] { return service_->output().find(part) != std::string::npos; }) ? part : "";
   }
 
-  TempFolder temp_;
+  TemporaryFolder temp_;
   std::filesystem::path data_ = temp_.path() / "data";
   std::unique_ptr<Program> service_;
   std::string grpc_url_;

@@ -20,17 +20,6 @@ using tarvo::support::v1::ClientMessage;
 using tarvo::support::v1::ClientStatus;
 using tarvo::support::v1::ServerMessage;
 
-TempFolder::TempFolder() {
-  std::string name = (std::filesystem::temp_directory_path() / "support_service_XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder");
-  path_ = name;
-}
-
-TempFolder::~TempFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
 EventSink EventRecorder::sink() {
   return [this](const std::string& event) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -143,17 +132,6 @@ Json::Value ParseJson(const std::string& text) {
   Json::Value value;
   if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return {};
   return value;
-}
-
-std::string ReadFile(const std::filesystem::path& path) {
-  const std::ifstream file(path, std::ios::binary);
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
-
-void WriteFile(const std::filesystem::path& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
 }
 
 std::string Sha256(const std::string& data) {

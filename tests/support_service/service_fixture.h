@@ -20,6 +20,7 @@
 
 #include "service.h"
 #include "tarvo/support/v1/notification.grpc.pb.h"
+#include "temporary_folder.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -36,17 +37,9 @@ bool Eventually(Condition condition, std::chrono::milliseconds limit = kDeadline
   return true;
 }
 
-class TempFolder {
- public:
-  TempFolder();
-  ~TempFolder();
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-  [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
+using test_support::ReadFile;
+using test_support::TemporaryFolder;
+using test_support::WriteFile;
 
 /// Keeps the event lines.
 class EventRecorder {
@@ -108,8 +101,6 @@ std::string TokenOf(const tarvo::support::v1::Delivery& delivery);
 
 /// @return a JSON value; null when the text is none.
 Json::Value ParseJson(const std::string& text);
-std::string ReadFile(const std::filesystem::path& path);
-void WriteFile(const std::filesystem::path& path, const std::string& content);
 std::string Sha256(const std::string& data);
 
 /// @return data that looks like anything, parts of multipart boundaries included.
@@ -179,7 +170,7 @@ class ServiceTest : public ::testing::Test {
   Accepted AcceptTicket(ScriptedDevice& device, const std::vector<std::string>& apps = {"a"});
   Accepted AcceptTicket();  ///< With a device of its own, "SN1".
 
-  TempFolder temp_;
+  TemporaryFolder temp_;
   ServiceSettings settings_;
   EventRecorder events_;
   std::unique_ptr<SupportService> service_;

@@ -8,8 +8,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
+
+#include "temporary_folder.h"
 
 namespace {
 
@@ -17,13 +18,7 @@ using std::chrono::seconds;
 
 class SyslogListenerTest : public testing::Test {
  protected:
-  SyslogListenerTest() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "syslog_listener.XXXXXX").string();
-    folder_ = mkdtemp(pattern.data());
-  }
-  ~SyslogListenerTest() override { std::filesystem::remove_all(folder_); }
-
-  std::string Path(const char* name) const { return folder_ / name; }
+  std::string Path(const char* name) const { return folder_.File(name); }
 
   /// Sends from the calling process; used by children too.
   void Send(const std::string& datagram) const {
@@ -46,7 +41,7 @@ class SyslogListenerTest : public testing::Test {
     return pid;
   }
 
-  std::filesystem::path folder_;
+  const test_support::TemporaryFolder folder_;
 };
 
 TEST(ParseSyslogDatagramTest, SplitsLevelIdentAndText) {

@@ -7,7 +7,10 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
+
+#include "temporary_folder.h"
 
 namespace {
 
@@ -19,31 +22,19 @@ class CurlOnDemandTest : public testing::Test {
     // Has to run a new process and not a fork: whether libcurl is loaded is a matter of the whole process.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
   }
-  void TearDown() override { RemoveFolder(); }
 
   std::string WriteFile(const std::string& name, const std::string& text) {
-    if (folder_.empty()) {
-      char folder[] = "/tmp/curl_on_demand.XXXXXX";
-      EXPECT_NE(mkdtemp(folder), nullptr);
-      folder_ = folder;
-    }
-    const fs::path path = folder_ / name;
-    std::ofstream(path) << text;
-    return path;
+    if (!folder_) folder_.emplace();
+    return folder_->Write(name, text);
   }
 
-  /// Ends the new process of a death test, in which the test has run from its begin and TearDown() will not.
-  [[noreturn]] void EndProcess(int status) const {
-    RemoveFolder();
+  /// Ends the new process of a death test, in which the test has run from its begin and its end will not.
+  [[noreturn]] void EndProcess(int status) {
+    folder_.reset();
     _exit(status);
   }
 
-  fs::path folder_;
-
- private:
-  void RemoveFolder() const {
-    if (!folder_.empty()) fs::remove_all(folder_);
-  }
+  std::optional<test_support::TemporaryFolder> folder_;
 };
 
 bool IsLibcurlLoaded() {
@@ -162,7 +153,7 @@ TEST_F(CurlOnDemandTest, CallsTheLibcurlThatAnotherMakersClientLibraryHasInIt) {
 
 TEST_F(CurlOnDemandTest, EveryCallFailsWhereLibcurlCannotBeLoaded) {
   WriteFile("libcurl.so.4", "no library");
-  setenv("LD_LIBRARY_PATH", folder_.c_str(), 1);
+  setenv("LD_LIBRARY_PATH", folder_->path().c_str(), 1);
   EXPECT_EXIT(
       {
         curl_httppost* form = nullptr;

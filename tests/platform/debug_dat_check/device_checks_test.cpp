@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "check_matchers.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 #include "test_certificate.h"
 
 namespace DebugDatCheck {
@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 using TarvoOrvane::Internal::SerialNumberPaths;
 using TarvoOrvane::Internal::TlsFiles;
 using TarvoOrvane::Testing::MakeTestCertificate;
-using TarvoOrvane::Testing::TempDir;
+using test_support::TemporaryFolder;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -27,7 +27,7 @@ class ConfigurationCheckTest : public ::testing::Test {
  protected:
   Check CheckText(const std::string& text) { return CheckConfiguration(temp_.Write("conf", text), urls_); }
 
-  TempDir temp_;
+  TemporaryFolder temp_;
   ServiceUrls urls_;
 };
 
@@ -116,7 +116,7 @@ TEST_F(ConfigurationCheckTest, FileOrFolderAboveThatOthersCanChangeIsAProblemTho
 
 class TlsFilesCheckTest : public ::testing::Test {
  protected:
-  TempDir temp_;
+  TemporaryFolder temp_;
   std::optional<TlsFiles> files_;
 };
 
@@ -165,7 +165,7 @@ TEST_F(TlsFilesCheckTest, FolderThatOthersCanChangeIsOneProblem) {
 
 class SerialNumberCheckTest : public ::testing::Test {
  protected:
-  TempDir temp_;
+  TemporaryFolder temp_;
   SerialNumberPaths paths_{temp_.File("configured"), temp_.File("dmi"), temp_.File("machine_id")};
 };
 
@@ -218,7 +218,7 @@ class FreeSpaceCheckTest : public ::testing::Test {
     limits_.free_bytes = limits_.archive_bytes = limits_.least_bytes = 1;
   }
 
-  TempDir temp_;
+  TemporaryFolder temp_;
   TARVO::SupportForm::Paths paths_;
   TARVO::SupportForm::Limits limits_;
   const std::uint64_t all_bytes_ = fs::space(temp_.File("")).capacity;
@@ -249,7 +249,7 @@ class PatternsCheckTest : public ::testing::Test {
  protected:
   PatternsCheckTest() { paths_.redaction = temp_.File("patterns"); }
 
-  TempDir temp_;
+  TemporaryFolder temp_;
   TARVO::SupportForm::Paths paths_;
 };
 
@@ -275,7 +275,7 @@ TEST_F(PatternsCheckTest, FileThatACollectionWouldNotUseIsAProblem) {
 }
 
 TEST(DebugFlagCheckTest, TellsWhereLinesGoAndWhoElseMayDecideThat) {
-  const TempDir temp;
+  const TemporaryFolder temp;
   TarvoOrvane::Internal::LoggerOptions logger;
   logger.flag_file = temp.File("debug");
   EXPECT_THAT(CheckDebugFlag(logger), IsOk("off: log lines go to syslog"));
@@ -295,7 +295,7 @@ class ApplicationsCheckTest : public ::testing::Test {
   }
   std::vector<Check> CheckAll() { return CheckApplications(paths_, {}); }
 
-  TempDir temp_;
+  TemporaryFolder temp_;
   TARVO::SupportForm::Paths paths_;
 };
 

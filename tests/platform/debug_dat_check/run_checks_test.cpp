@@ -8,14 +8,14 @@
 #include "check_matchers.h"
 #include "loopback_server.h"
 #include "scripted_server.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 
 namespace DebugDatCheck {
 namespace {
 
 using std::chrono::milliseconds;
 using TarvoOrvane::Testing::ScriptedServer;
-using TarvoOrvane::Testing::TempDir;
+using test_support::TemporaryFolder;
 using ::testing::Each;
 using ::testing::Field;
 
@@ -51,7 +51,7 @@ class RunChecksTest : public ::testing::Test {
     return found == checks_.end() ? Check() : *found;
   }
 
-  TempDir temp_;
+  TemporaryFolder temp_;
   Places places_;
   std::vector<Check> checks_;
 };

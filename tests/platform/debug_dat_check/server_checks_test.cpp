@@ -11,7 +11,7 @@
 #include "loopback_server.h"
 #include "parsed_address.h"
 #include "scripted_server.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 
 namespace DebugDatCheck {
 namespace {
@@ -26,7 +26,7 @@ using TarvoOrvane::Testing::MakeTestCertificate;
 using TarvoOrvane::Testing::ParsedAddress;
 using TarvoOrvane::Testing::ScriptedServer;
 using TarvoOrvane::Testing::ServerOptions;
-using TarvoOrvane::Testing::TempDir;
+using test_support::TemporaryFolder;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -67,7 +67,7 @@ TEST(NotificationAddressCheckTest, UsableAddressesAreToldWithTheirProtection) {
 }
 
 TEST(NotificationAddressCheckTest, SocketThatOthersCouldPutThereIsWarnedOf) {
-  const TarvoOrvane::Testing::TempDir temp;
+  const test_support::TemporaryFolder temp;
   EXPECT_THAT(NotificationAddress("unix:" + temp.File("socket")), IsOk("socket"));
   chmod(temp.File("").c_str(), 01777);
   EXPECT_THAT(NotificationAddress("unix:" + temp.File("socket")),
@@ -185,7 +185,7 @@ TEST(StreamCheckTest, StreamThatOpensIsClosedAgainWithoutHello) {
 }
 
 TEST(StreamCheckTest, UnixSocketOpens) {
-  const TempDir temp;
+  const TemporaryFolder temp;
   ServerOptions options;
   options.listen = "unix:" + temp.File("socket");
   const ScriptedServer server(options);
@@ -410,7 +410,7 @@ TEST(CssServerCheckTest, UntrustedServerIsAProblemOfTheAuthorities) {
 }
 
 TEST(CssServerCheckTest, UnusableAuthoritiesAreAProblemBeforeAnyConnection) {
-  const TempDir folder;
+  const TemporaryFolder folder;
   folder.Write("ca.pem", "none");
   EXPECT_THAT(Css("https://127.0.0.1:9", folder.File("")),
               AllOf(IsProblem("No connection was tried"), Advises("ca.pem")));

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -10,6 +9,7 @@
 #include <string>
 
 #include "redactor.h"
+#include "temporary_folder.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -20,16 +20,6 @@ using testing::HasSubstr;
 
 class RedactionRulesTest : public testing::Test {
  protected:
-  RedactionRulesTest() {
-    umask(022);  // what others may write to is not trusted
-    std::string name = fs::temp_directory_path() / "redaction.XXXXXX";
-    folder_ = mkdtemp(name.data());
-    path_ = folder_ / "patterns";
-  }
-  ~RedactionRulesTest() override { fs::remove_all(folder_); }
-  RedactionRulesTest(const RedactionRulesTest&) = delete;
-  RedactionRulesTest& operator=(const RedactionRulesTest&) = delete;
-
   void Write(const std::string& text) const { std::ofstream(path_) << text; }
 
   [[nodiscard]] std::string Redacted(std::string text) const {
@@ -49,8 +39,8 @@ class RedactionRulesTest : public testing::Test {
     return "";
   }
 
-  fs::path folder_;
-  std::string path_;
+  const test_support::TemporaryFolder folder_;
+  const std::string path_ = folder_.File("patterns");
 };
 
 TEST_F(RedactionRulesTest, WithoutAFileTheBuiltInRulesHold) {
@@ -70,7 +60,7 @@ TEST_F(RedactionRulesTest, FileOrFolderAboveThatOthersCanChangeFailsClosed) {
               AllOf(HasSubstr("patterns is not used: "), HasSubstr("mode 0666"), HasSubstr("; chmod go-w ")));
   fs::remove(path_);
   EXPECT_EQ(Complaint(), "");
-  fs::permissions(folder_, static_cast<fs::perms>(0777));
+  fs::permissions(folder_.path(), static_cast<fs::perms>(0777));
   EXPECT_THAT(Complaint(), HasSubstr("mode 0777")) << "somebody may have removed it";
 }
 

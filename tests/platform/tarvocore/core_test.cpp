@@ -24,9 +24,13 @@
 #include <utility>
 #include <vector>
 
+#include "temporary_folder.h"
+
 namespace {
 
 namespace fs = std::filesystem;
+using test_support::ReadFile;
+using test_support::WriteFile;
 
 constexpr int kDeadlineMs = 60'000;
 
@@ -136,15 +140,6 @@ class AtOnce {
   int from_ = -1;
 };
 
-std::string Content(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-void Write(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-
 bool HasOpen(const fs::path& path) {
   struct stat wanted = {};
   if (stat(path.c_str(), &wanted) != 0) return false;
@@ -194,13 +189,6 @@ bool MayLookInto(pid_t pid, const std::string& file) {
 
 class TarvoCoreTest : public testing::Test {
  protected:
-  TarvoCoreTest() {
-    std::string name = (fs::temp_directory_path() / "tarvocore_test.XXXXXX").string();
-    folder_ = mkdtemp(name.data());
-    pid_file_ = folder_ / "daemon.pid";
-  }
-  ~TarvoCoreTest() override { fs::remove_all(folder_); }
-
   /// Creates the pid file. Returns 0, or the negative errno; -999 for a failure that isn't negative.
   int Create() {
     errno = 0;
@@ -214,14 +202,15 @@ class TarvoCoreTest : public testing::Test {
   /// Lets an ordinary user into the folder, and lets him write there.
   void LetOthersIn() const { fs::permissions(folder_, static_cast<fs::perms>(0777)); }
 
-  fs::path folder_;
-  fs::path pid_file_;
+  const test_support::TemporaryFolder temporary_;
+  const fs::path folder_ = temporary_.path();
+  fs::path pid_file_ = folder_ / "daemon.pid";
 };
 
 TEST_F(TarvoCoreTest, PidFileHoldsTheCallersIdAndANewline) {
   const Process daemon(Creation());
   ASSERT_EQ(daemon.Answer(), 0);
-  EXPECT_EQ(Content(pid_file_), std::to_string(daemon.pid()) + "\n");
+  EXPECT_EQ(ReadFile(pid_file_), std::to_string(daemon.pid()) + "\n");
   struct stat status = {};
   ASSERT_EQ(stat(pid_file_.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
@@ -232,7 +221,7 @@ TEST_F(TarvoCoreTest, PidFileOfALiveHolderIsRefusedAndLeftAsItIs) {
   ASSERT_EQ(daemon.Answer(), 0);
   const Process second(Creation());
   EXPECT_TRUE(second.Answer() == -EAGAIN || second.Answer() == -EACCES);
-  EXPECT_EQ(Content(pid_file_), std::to_string(daemon.pid()) + "\n");
+  EXPECT_EQ(ReadFile(pid_file_), std::to_string(daemon.pid()) + "\n");
 }
 
 TEST_F(TarvoCoreTest, RefusedSecondProcessDoesNotDropTheHoldersLock) {
@@ -249,11 +238,11 @@ TEST_F(TarvoCoreTest, PidFileOfAnEndedHolderIsTaken) {
   first.Kill();
   const Process second(Creation());
   EXPECT_EQ(second.Answer(), 0);
-  EXPECT_EQ(Content(pid_file_), std::to_string(second.pid()) + "\n");
+  EXPECT_EQ(ReadFile(pid_file_), std::to_string(second.pid()) + "\n");
 }
 
 TEST_F(TarvoCoreTest, PidFileIsAFreshOneOfTheOwnersAlone) {
-  Write(pid_file_, "a much longer content than any process id\nand a second line\n");
+  WriteFile(pid_file_, "a much longer content than any process id\nand a second line\n");
   fs::permissions(pid_file_, static_cast<fs::perms>(0644));
   fs::create_hard_link(pid_file_, folder_ / "second name");
   const Process daemon([this] {
@@ -265,13 +254,13 @@ TEST_F(TarvoCoreTest, PidFileIsAFreshOneOfTheOwnersAlone) {
   ASSERT_EQ(stat(pid_file_.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
   EXPECT_EQ(status.st_nlink, 1U);
-  EXPECT_EQ(Content(pid_file_), std::to_string(daemon.pid()) + "\n");
-  EXPECT_THAT(Content(folder_ / "second name"), testing::EndsWith("second line\n"));
+  EXPECT_EQ(ReadFile(pid_file_), std::to_string(daemon.pid()) + "\n");
+  EXPECT_THAT(ReadFile(folder_ / "second name"), testing::EndsWith("second line\n"));
   EXPECT_FALSE(fs::exists(folder_ / "daemon.pid.new"));
 }
 
 TEST_F(TarvoCoreTest, LocksOfOthersOnAPidFileThatTheyMightReadDoNotCount) {
-  Write(pid_file_, "1\n");
+  WriteFile(pid_file_, "1\n");
   fs::permissions(pid_file_, static_cast<fs::perms>(0644));
   LetOthersIn();
   const Process neighbour([this] {
@@ -287,7 +276,7 @@ TEST_F(TarvoCoreTest, LocksOfOthersOnAPidFileThatTheyMightReadDoNotCount) {
 }
 
 TEST_F(TarvoCoreTest, WriteLockOnAFileOfAnotherUserOrOneThatOthersMayWriteToDoesNotCount) {
-  Write(pid_file_, "1\n");
+  WriteFile(pid_file_, "1\n");
   fs::permissions(pid_file_, static_cast<fs::perms>(0666));
   LetOthersIn();
   const Process neighbour([this] {
@@ -299,7 +288,7 @@ TEST_F(TarvoCoreTest, WriteLockOnAFileOfAnotherUserOrOneThatOthersMayWriteToDoes
 
   fs::remove(pid_file_);
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
-  Write(pid_file_, "1\n");
+  WriteFile(pid_file_, "1\n");
   ASSERT_EQ(chown(pid_file_.c_str(), kNobody, kNobody), 0);
   const Process other([this] {
     BecomeOrdinaryUser();
@@ -310,28 +299,28 @@ TEST_F(TarvoCoreTest, WriteLockOnAFileOfAnotherUserOrOneThatOthersMayWriteToDoes
 }
 
 TEST_F(TarvoCoreTest, LockOfADaemonThatMadeItsFileReadableToAllCounts) {
-  Write(pid_file_, "1\n");
+  WriteFile(pid_file_, "1\n");
   fs::permissions(pid_file_, static_cast<fs::perms>(0644));
   const Process daemon([this] { return LockForWriting(pid_file_); });
   ASSERT_EQ(daemon.Answer(), 0);
   EXPECT_EQ(Process(Creation()).Answer(), -EAGAIN);
-  EXPECT_EQ(Content(pid_file_), "1\n");
+  EXPECT_EQ(ReadFile(pid_file_), "1\n");
 }
 
 TEST_F(TarvoCoreTest, WhatAStartThatWasCutShortLeftIsTaken) {
-  Write(folder_ / "daemon.pid.new", "123456789\n");
+  WriteFile(folder_ / "daemon.pid.new", "123456789\n");
   fs::permissions(folder_ / "daemon.pid.new", static_cast<fs::perms>(0600));
   const Process daemon(Creation());
   EXPECT_EQ(daemon.Answer(), 0);
-  EXPECT_EQ(Content(pid_file_), std::to_string(daemon.pid()) + "\n");
+  EXPECT_EQ(ReadFile(pid_file_), std::to_string(daemon.pid()) + "\n");
   EXPECT_FALSE(fs::exists(folder_ / "daemon.pid.new"));
 }
 
 TEST_F(TarvoCoreTest, FileInItsWayThatOthersMayOpenIsRefusedAndLeftAlone) {
-  Write(folder_ / "daemon.pid.new", "precious");
+  WriteFile(folder_ / "daemon.pid.new", "precious");
   fs::permissions(folder_ / "daemon.pid.new", static_cast<fs::perms>(0644));
   EXPECT_EQ(Process(Creation()).Answer(), -EPERM);
-  EXPECT_EQ(Content(folder_ / "daemon.pid.new"), "precious");
+  EXPECT_EQ(ReadFile(folder_ / "daemon.pid.new"), "precious");
   EXPECT_FALSE(fs::exists(pid_file_));
 }
 
@@ -360,7 +349,7 @@ TEST_F(TarvoCoreTest, OfManyThatStartAtOnceExactlyOneRuns) {
       }
     }
     ASSERT_EQ(running, 1) << "round " << round;
-    EXPECT_EQ(Content(pid_file_), holder);
+    EXPECT_EQ(ReadFile(pid_file_), holder);
     EXPECT_FALSE(fs::exists(folder_ / "daemon.pid.new"));
   }
 }
@@ -461,11 +450,11 @@ TEST_F(TarvoCoreTest, ForkedChildMayHoldAPidFileOfItsOwn) {
 }
 
 TEST_F(TarvoCoreTest, PidFileThatIsALinkIsRefusedAndItsTargetUntouched) {
-  Write(folder_ / "target", "precious");
+  WriteFile(folder_ / "target", "precious");
   fs::create_symlink(folder_ / "target", pid_file_);
   const Process daemon(Creation());
   EXPECT_EQ(daemon.Answer(), -ELOOP);
-  EXPECT_EQ(Content(folder_ / "target"), "precious");
+  EXPECT_EQ(ReadFile(folder_ / "target"), "precious");
 }
 
 TEST_F(TarvoCoreTest, PidFileThatIsAPipeIsRefusedAtOnce) {
@@ -490,7 +479,7 @@ TEST_F(TarvoCoreTest, ForkAnswersZeroInTheChildAndTheChildsIdInTheParent) {
 }
 
 TEST_F(TarvoCoreTest, FileExistIsOneForAnythingThatIsThereAndZeroOtherwise) {
-  Write(folder_ / "file", "");
+  WriteFile(folder_ / "file", "");
   fs::create_symlink(folder_ / "nowhere", folder_ / "dangling");
   EXPECT_EQ(TLIBCFileExist((folder_ / "file").c_str()), 1);
   EXPECT_EQ(TLIBCFileExist(folder_.c_str()), 1);

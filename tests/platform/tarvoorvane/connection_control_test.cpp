@@ -11,7 +11,7 @@
 #include "loopback.h"
 #include "parsed_address.h"
 #include "scoped_fd.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 
 namespace TarvoOrvane::Internal {
 namespace {
@@ -71,7 +71,7 @@ TEST(BytesReceivedTest, TheyAreThoseOfTheConnectionToThatPort) {
 }
 
 TEST(ConnectionCutTest, TheConnectionToThatSocketsPathEndsToo) {
-  const Testing::TempDir folder;
+  const test_support::TemporaryFolder folder;
   const std::string path = folder.File("socket");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

@@ -21,7 +21,7 @@
 #include "old_tls_server.h"
 #include "scripted_tcp_server.h"
 #include "syslog_recorder.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 #include "test_certificate.h"
 
 namespace TarvoOrvane::Utils {
@@ -29,6 +29,7 @@ namespace {
 
 using Internal::LimitDeadPeer;
 using Internal::PerformTransfer;
+using test_support::TemporaryFolder;
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -36,7 +37,6 @@ using Testing::MakeTestCertificate;
 using testing::Not;
 using Testing::ScriptedTcpServer;
 using testing::StartsWith;
-using Testing::TempDir;
 using Testing::TestCertificate;
 
 /// A loopback HTTP server that keeps the last request and gives a fixed answer.
@@ -187,7 +187,7 @@ TEST(CurlPerformTest, WithoutAHandleItThrowsInsteadOfCrashing) {
 }
 
 TEST(CurlPolicyTest, OnlyHttpAndHttpsAreAllowed) {
-  const TempDir folder;
+  const TemporaryFolder folder;
   EXPECT_EQ(FailureOfGet("file://" + folder.Write("secret", "text")), CURLE_UNSUPPORTED_PROTOCOL);
   EXPECT_EQ(FailureOfGet("ftp://127.0.0.1/"), CURLE_UNSUPPORTED_PROTOCOL);
 }
@@ -596,7 +596,7 @@ class CurlTlsTest : public testing::Test {
     return FailureOf(handle, message, folder_.File(""));
   }
 
-  const TempDir folder_;
+  const TemporaryFolder folder_;
   const TestCertificate certificate_ = MakeTestCertificate();
   // A name of its own: OpenSSL looks an issuer up by its name, and the first one found decides.
   const TestCertificate device_ = MakeTestCertificate({}, "device");
@@ -634,7 +634,7 @@ bool BecomeSystemRoots(const std::string& folder) {
 }
 
 TEST_F(CurlTlsTest, TheSystemsRootsAreTrustedUntilThereIsACaFile) {
-  const TempDir roots;
+  const TemporaryFolder roots;
   roots.Write(Testing::HashedName(certificate_.certificate), certificate_.certificate);
   const pid_t child = fork();
   if (child == 0) {
@@ -652,7 +652,7 @@ TEST_F(CurlTlsTest, TheSystemsRootsAreTrustedUntilThereIsACaFile) {
 }
 
 TEST_F(CurlTlsTest, MissingSystemRootsAreALogLineAndNoConnectionIsTried) {
-  const TempDir roots;
+  const TemporaryFolder roots;
   roots.Write("certificate.pem", certificate_.certificate);
   const pid_t child = fork();
   if (child == 0) {
@@ -817,7 +817,7 @@ TEST(CurlSlistAppendTest, ALineThatWouldEndEarlyOnTheWireIsRefusedAndTheListStay
 
 TEST(CurlHttpPostAddTest, PartsArriveInOrderWithTheFilesContent) {
   HttpServer server;
-  const TempDir folder;
+  const TemporaryFolder folder;
   const std::string path = folder.Write("debug.dat", "file content");
   CurlHttpPost form;
   CurlHttpPostAdd(form, "debug_file", CURLFORM_FILE, path);

@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "probe.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 
 namespace TarvoOrvane::Internal {
 namespace {
@@ -33,7 +33,7 @@ TEST(EnvironmentTest, NamesThatSteerTheLibrariesAreKnown) {
 
 // Here the real shared library is loaded, and libcurl initialised, in a process of its own.
 TEST(EnvironmentTest, LoadingTheLibraryRemovesThemBeforeAnythingReadsThem) {
-  const Testing::TempDir folder;
+  const test_support::TemporaryFolder folder;
   const std::string key_log = folder.File("keys");
   Testing::Probe probe({"FIRST=1", "SSLKEYLOGFILE=" + key_log, "http_proxy=http://127.0.0.1:1",
                         "HTTP_PROXY=http://127.0.0.1:1", "GRPC_TRACE=all", "OPENSSL_CONF=/nonexistent",

@@ -21,7 +21,7 @@
 #include "platform/support_service_client.h"
 #include "scoped_fd.h"
 #include "syslog_recorder.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 
 namespace TarvoOrvane::Internal {
 namespace {
@@ -48,7 +48,7 @@ class LoggerTest : public testing::Test {
     ReconfigureLogger(options_);
   }
 
-  Testing::TempDir folder_;
+  test_support::TemporaryFolder folder_;
   LoggerOptions options_{folder_.File("flag"), folder_.File("log")};
 };
 

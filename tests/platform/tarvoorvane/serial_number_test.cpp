@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "syslog_recorder.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 
 namespace TarvoOrvane::Internal {
 namespace {
@@ -29,7 +29,7 @@ class SerialNumberTest : public testing::Test {
     return serial ? *serial : "(none)";
   }
 
-  Testing::TempDir folder_;
+  test_support::TemporaryFolder folder_;
 };
 
 TEST_F(SerialNumberTest, TheConfiguredOneComesFirst) {

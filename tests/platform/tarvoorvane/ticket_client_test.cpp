@@ -14,7 +14,7 @@
 #include "scripted_server.h"
 #include "syslog_recorder.h"
 #include "tcp_relay.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 #include "unread_server.h"
 
 namespace TarvoOrvane::Internal {
@@ -326,7 +326,7 @@ TEST(TicketClientConnectionTest, ABadAddressFailsEachReceiveWithWhatIsWrong) {
 }
 
 TEST(TicketClientConnectionTest, AServerThatIsDownIsAFailureAndTheCallAfterItsReturnSucceeds) {
-  const Testing::TempDir folder;
+  const test_support::TemporaryFolder folder;
   const std::string address = "unix:" + folder.File("socket");
   FastSupportClient client(address);
   EXPECT_EQ(Summary(ReceiveInTime(client)), "failed 14");
@@ -529,7 +529,7 @@ TEST_F(RepeatedTicketTest, TicketsWithoutAnIdAreAllReturned) {
 }
 
 TEST(TicketClientConnectionTest, ATicketWhoseAcceptingAnswerDidNotGetOutIsNotReturnedTwice) {
-  const Testing::TempDir folder;
+  const test_support::TemporaryFolder folder;
   ServerOptions server_options;
   server_options.listen = "unix:" + folder.File("socket");
   auto server = std::make_unique<ScriptedServer>(server_options);
@@ -599,7 +599,7 @@ TEST_F(ReopeningTest, AReopenedStreamThatEndsBeforeItHasSettledIsAFailure) {
 }
 
 TEST_F(ReopeningTest, AReopeningThatFindsNoServerIsAFailure) {
-  const Testing::TempDir folder;
+  const test_support::TemporaryFolder folder;
   ServerOptions server_options;
   server_options.listen = "unix:" + folder.File("socket");
   auto server = std::make_unique<ScriptedServer>(server_options);

@@ -9,7 +9,7 @@
 #include "receive_in_time.h"
 #include "scripted_server.h"
 #include "syslog_recorder.h"
-#include "temp_dir.h"
+#include "temporary_folder.h"
 #include "ticket_client.h"
 
 namespace TarvoOrvane::Internal {
@@ -61,7 +61,7 @@ class TlsTest : public testing::Test {
   }
   void ExpectNoSession() { EXPECT_EQ(server_->AwaitSession(milliseconds(100)), nullptr); }
 
-  const Testing::TempDir folder_;
+  const test_support::TemporaryFolder folder_;
   const TestCertificate certificate_ = MakeTestCertificate();
   std::optional<ScriptedServer> server_;
   TicketClientOptions options_;

@@ -8,7 +8,7 @@
 
 #include <filesystem>
 
-#include "temp_dir.h"
+#include "temporary_folder.h"
 #include "test_certificate.h"
 
 namespace TarvoOrvane::Internal {
@@ -46,7 +46,7 @@ class TlsFilesTest : public testing::Test {
     return AllOf(HasSubstr("/" + name + ": "), HasSubstr(text), HasSubstr("; "));
   }
 
-  const Testing::TempDir folder_;
+  const test_support::TemporaryFolder folder_;
   const TestCertificate device_ = MakeTestCertificate();
   const TestCertificate other_ = MakeTestCertificate();
   TlsFiles files_;
