@@ -125,10 +125,9 @@ TicketClientOptions Unhurried() {
 }
 
 struct Device {
-  Device() : server(folder.path() / "s"), client("unix:" + (folder.path() / "s").string(), Unhurried()) {
+  explicit Device(const std::string& socket) : server(socket), client("unix:" + socket, Unhurried()) {
     TarvoOrvane::Utils::LoggerManager::instance_ = &logger;
   }
-  test_support::TemporaryFolder folder;
   SilentLogger logger;
   Server server;
   TicketClient client;
@@ -137,7 +136,8 @@ struct Device {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static auto& device = *new Device;  // gRPC's threads use it until the process is gone
+  static const test_support::TemporaryFolder folder;
+  static auto& device = *new Device(folder.File("s"));  // gRPC's threads use it until the process is gone
   const std::string_view input = fuzz::AsText(data, size);
   const char mode = input.empty() ? '\0' : input.front();
   const std::string bytes(input.empty() ? input : input.substr(1));

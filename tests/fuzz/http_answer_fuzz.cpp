@@ -21,7 +21,7 @@ constexpr std::size_t kMaxMessage = 2048;
 /// One listener for all inputs.
 class Listener {
  public:
-  Listener() : fd_(BindTcpToLoopback(port_)) { Require(listen(fd_, 8) == 0, "the server listens"); }
+  Listener() : fd_(ListenOnLoopback(port_)) {}
   [[nodiscard]] int fd() const { return fd_; }
   [[nodiscard]] std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
 

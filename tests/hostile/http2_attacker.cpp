@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "http2_frames.h"
-#include "loopback.h"
+#include "loopback_socket.h"
 
 namespace hostile {
 namespace {
@@ -167,7 +167,7 @@ Http2Attacker::Http2Attacker(Http2Attack attack,
                              std::optional<TarvoOrvane::Testing::TestCertificate> certificate)
     : attack_(std::move(attack)),
       certificate_(std::move(certificate)),
-      listener_(TarvoOrvane::Testing::BindLoopback(SOCK_STREAM, port_)),
+      listener_(ListenOnLoopback(port_)),
       thread_([this] { Run(); }) {}
 
 Http2Attacker::~Http2Attacker() {

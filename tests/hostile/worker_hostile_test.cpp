@@ -6,12 +6,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <time.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -20,6 +18,7 @@
 #include <thread>
 
 #include "http2_attacker.h"
+#include "program.h"
 #include "temporary_folder.h"
 
 namespace hostile {
@@ -27,13 +26,11 @@ namespace {
 
 using std::chrono::duration_cast;
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
-
-constexpr std::chrono::seconds kPatience{60};  // for what takes milliseconds
+using test_support::Eventually;
 
 // What holds whatever the server sends.
 constexpr long kMostMemoryKiB = 64L * 1024;
-constexpr long kMostDescriptors = 40;
+constexpr std::size_t kMostDescriptors = 40;
 constexpr milliseconds kMostCpuToStop{1'000};
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -81,26 +78,12 @@ std::vector<Case> AllCases() {
 class Worker {
  public:
   Worker(const std::string& url, const std::string& folder, milliseconds cpu_at_once)
-      : output_(folder + "output") {
-    pid_ = fork();
-    if (pid_ != 0) return;
-    (void)signal(SIGPIPE, SIG_DFL);  // as the daemon has it
-    if (freopen(output_.c_str(), "w", stdout) == nullptr || dup2(STDOUT_FILENO, STDERR_FILENO) < 0) _exit(3);
-    execl(HOSTILE_WORKER_PATH, HOSTILE_WORKER_PATH, url.c_str(), folder.c_str(),
-          std::to_string(cpu_at_once.count()).c_str(), nullptr);
-    _exit(4);
+      : program_({HOSTILE_WORKER_PATH, url, folder, std::to_string(cpu_at_once.count())}, folder + "output") {
   }
-  ~Worker() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  Worker(const Worker&) = delete;
-  Worker& operator=(const Worker&) = delete;
 
   /// A number in /proc/PID/status.
   [[nodiscard]] long Status(const std::string& name) const {
-    std::ifstream file("/proc/" + std::to_string(pid_) + "/status");
+    std::ifstream file("/proc/" + std::to_string(program_.pid()) + "/status");
     for (std::string line; std::getline(file, line);) {
       if (line.rfind(name + ":", 0) == 0) return std::strtol(line.c_str() + name.size() + 1, nullptr, 10);
     }
@@ -110,59 +93,41 @@ class Worker {
   [[nodiscard]] milliseconds Cpu() const {
     clockid_t clock{};
     timespec time{};
-    if (clock_getcpuclockid(pid_, &clock) != 0 || clock_gettime(clock, &time) != 0) return milliseconds(-1);
+    if (clock_getcpuclockid(program_.pid(), &clock) != 0 || clock_gettime(clock, &time) != 0)
+      return milliseconds(-1);
     return milliseconds(time.tv_sec * 1000 + time.tv_nsec / 1'000'000);
   }
 
-  [[nodiscard]] long Descriptors() const {
-    long count = 0;
-    std::error_code ignored;
-    for (const auto& entry :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/fd", ignored)) {
-      static_cast<void>(entry);
-      ++count;
-    }
-    return count;
+  [[nodiscard]] std::size_t Descriptors() const {
+    return test_support::OpenDescriptors(program_.pid()).size();
   }
 
   /// Sends SIGTERM and waits for the end.
   /// @param cpu  Set to the processor time that the process used from then on.
-  /// @return The status of waitpid(); none when it did not end.
-  std::optional<int> Terminate(milliseconds& cpu) {
+  /// @return Its exit status, as Program::Wait() has it.
+  int Terminate(milliseconds& cpu) {
     const milliseconds before = Cpu();
-    kill(pid_, SIGTERM);
-    const auto deadline = steady_clock::now() + kPatience;
-    do {
-      int status = 0;
-      rusage usage{};
-      if (wait4(pid_, &status, WNOHANG, &usage) == pid_) {
-        pid_ = -1;
-        const auto all = std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-                         std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
-        cpu = duration_cast<milliseconds>(all) - before;
-        return status;
-      }
-      std::this_thread::sleep_for(milliseconds(5));
-    } while (steady_clock::now() < deadline);
-    return std::nullopt;
+    program_.Signal(SIGTERM);
+    const int status = program_.Wait();
+    rusage usage{};  // of all children that were waited for: this is the only one
+    getrusage(RUSAGE_CHILDREN, &usage);
+    const auto all = std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                     std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+    cpu = duration_cast<milliseconds>(all) - before;
+    return status;
   }
 
   /// The lines it has written that begin like this.
   [[nodiscard]] long Count(const std::string& begin) const {
-    std::ifstream file(output_);
+    std::istringstream file(program_.Output());
     long count = 0;
     for (std::string line; std::getline(file, line);) count += line.rfind(begin, 0) == 0 ? 1 : 0;
     return count;
   }
-  [[nodiscard]] std::string Output() const {
-    std::ostringstream text;
-    text << std::ifstream(output_).rdbuf();
-    return text.str().substr(0, 4000);
-  }
+  [[nodiscard]] std::string Output() const { return program_.Output().substr(0, 4000); }
 
  private:
-  std::string output_;
-  pid_t pid_ = -1;
+  test_support::Program program_;
 };
 
 class WorkerUnderAttack : public testing::TestWithParam<Case> {};
@@ -178,18 +143,16 @@ TEST_P(WorkerUnderAttack, StaysWithinItsBoundsAndEndsBySigterm) {
   }
   Http2Attacker attacker(*GetParam().attack, certificate);
   Worker worker(attacker.url(), folder.File(""), plan.cpu_at_once);
-  const auto patience = steady_clock::now() + kPatience;
-  while (attacker.sent() == 0 && steady_clock::now() < patience) std::this_thread::sleep_for(milliseconds(5));
-  ASSERT_GT(attacker.sent(), 0u) << worker.Output();
+  ASSERT_TRUE(Eventually([&] { return attacker.sent() > 0; })) << worker.Output();
   std::this_thread::sleep_for(plan.duration);
 
   const long memory = worker.Status("VmHWM");
-  const long descriptors = worker.Descriptors();
+  const std::size_t descriptors = worker.Descriptors();
   const milliseconds cpu = worker.Cpu();
   const long failures = worker.Count("failed ");
   const long lines = worker.Count("libtarvoorvane: ");
   milliseconds cpu_to_stop{0};
-  const std::optional<int> ending = worker.Terminate(cpu_to_stop);
+  const int ending = worker.Terminate(cpu_to_stop);
 
   if (std::getenv("HOSTILE_SECONDS") != nullptr) {
     std::cout << "memory " << memory / 1024 << " MiB, processor time " << cpu.count() << " ms, descriptors "
@@ -204,8 +167,7 @@ TEST_P(WorkerUnderAttack, StaysWithinItsBoundsAndEndsBySigterm) {
   EXPECT_LE(descriptors, kMostDescriptors);
   const long may_be_logged = 30 + duration_cast<std::chrono::seconds>(plan.duration).count() / 2 + 1;
   EXPECT_LE(lines, may_be_logged + 2 * failures + 2) << "besides those that tell how many were left out";
-  ASSERT_TRUE(ending) << "it does not end";
-  EXPECT_TRUE(WIFEXITED(*ending) && WEXITSTATUS(*ending) == 0) << *ending;
+  EXPECT_EQ(ending, 0) << "its exit status; -1 when it does not end";
   if (HasFailure()) std::cout << worker.Output() << std::endl;
 }
 

@@ -462,7 +462,7 @@ TEST_F(DaemonProcessTest, SupervisorWhoseWorkerHasGoneDiesOfSigpipeAtItsNextComp
   ASSERT_TRUE(log_.WaitFor(Call(HasSubstr("status"))));
   const pid_t worker = Worker();
   real::Kill(worker, SIGKILL);
-  const auto end = std::chrono::steady_clock::now() + test_support::kDeadline;
+  const auto end = std::chrono::steady_clock::now() + test_support::kPatience;
   while (!OpenDescriptors(worker).empty()) ASSERT_LT(std::chrono::steady_clock::now(), end);
   Finish(1);
   EXPECT_THAT(supervisor_->WaitForEnd(), KilledBy(SIGPIPE));

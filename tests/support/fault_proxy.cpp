@@ -19,7 +19,8 @@ struct Flow {
   int from = -1;
   int to = -1;
   std::string pending = {};
-  bool ended = false;  ///< `from` sends no more, and `to` was told so.
+  std::size_t deliveries = 0;  ///< Since they were last counted.
+  bool ended = false;          ///< `from` sends no more, and `to` was told so.
 };
 
 bool IsOver(const Flow& flow) { return flow.ended && flow.pending.empty(); }
@@ -43,6 +44,7 @@ bool Deliver(Flow& flow) {
   if (count < 0) {
     return errno == EAGAIN;
   }
+  ++flow.deliveries;
   flow.pending.erase(0, static_cast<std::size_t>(count));
   return true;
 }
@@ -80,8 +82,7 @@ struct FaultProxy::Link {
   Flow down;
 };
 
-FaultProxy::FaultProxy(int server_port) : listener_(BindTcpToLoopback(port_)), server_port_(server_port) {
-  Listen();
+FaultProxy::FaultProxy(int server_port) : listener_(ListenOnLoopback(port_)), server_port_(server_port) {
   thread_ = std::thread([this] { Run(); });
 }
 
@@ -112,8 +113,10 @@ void FaultProxy::Run() {
     }
     Wait();
     Accept();
-    links_.remove_if([](Link& link) {
-      return !PassOn(link.up) || !PassOn(link.down) || (IsOver(link.up) && IsOver(link.down));
+    links_.remove_if([this](Link& link) {
+      const bool holds = PassOn(link.up) && PassOn(link.down);
+      passed_to_server_ += std::exchange(link.up.deliveries, 0);
+      return !holds || (IsOver(link.up) && IsOver(link.down));
     });
   }
 }

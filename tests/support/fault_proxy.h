@@ -25,6 +25,9 @@ class FaultProxy {
   /// How many connections it has taken so far.
   [[nodiscard]] std::size_t connections() const { return accepted_; }
 
+  /// How often something was passed on to the server.
+  [[nodiscard]] std::size_t passed_to_server() const { return passed_to_server_; }
+
   /// The server of connections made from now on, as after its restart on another port.
   void SetServer(int server_port) { server_port_ = server_port; }
 
@@ -56,6 +59,7 @@ class FaultProxy {
   std::atomic<bool> stop_{false};
   std::atomic<unsigned> resets_{0};
   std::atomic<std::size_t> accepted_{0};
+  std::atomic<std::size_t> passed_to_server_{0};
   std::list<Link> links_;  ///< Only the thread's.
   std::thread thread_;
 };

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <stdexcept>
+#include <string>
 
 inline sockaddr_in LoopbackAddressOf(int port) {
   sockaddr_in address = {};
@@ -18,10 +19,10 @@ inline sockaddr_in LoopbackAddressOf(int port) {
   return address;
 }
 
-/// A TCP socket bound to that loopback port, 0 for one of the kernel's choice. It doesn't listen yet.
+/// A socket of `type` bound to that loopback port, 0 for one of the kernel's choice. It doesn't listen yet.
 /// @throws std::runtime_error when that fails.
-inline int BindTcpTo(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+inline int BindTo(int type, int port) {
+  const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
   const int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   const sockaddr_in address = LoopbackAddressOf(port);
@@ -32,15 +33,24 @@ inline int BindTcpTo(int port) {
 }
 
 /// The same on a port of the kernel's choice, which goes to `port`.
-inline int BindTcpToLoopback(int& port) {
-  const int chooser = BindTcpTo(0);
+inline int BindToLoopback(int type, int& port) {
+  const int chooser = BindTo(type, 0);
   sockaddr_in address = {};
   socklen_t size = sizeof(address);
   getsockname(chooser, reinterpret_cast<sockaddr*>(&address), &size);
   port = ntohs(address.sin_port);
   // A socket that was not bound to a certain port loses it when it stops to listen.
-  const int fd = BindTcpTo(port);
+  const int fd = BindTo(type, port);
   close(chooser);
+  return fd;
+}
+
+/// A listening TCP socket on a loopback port of the kernel's choice, which goes to `port`.
+inline int ListenOnLoopback(int& port) {
+  const int fd = BindToLoopback(SOCK_STREAM, port);
+  if (listen(fd, 32) == -1) {
+    throw std::runtime_error("cannot listen on the loopback port");
+  }
   return fd;
 }
 
@@ -56,3 +66,19 @@ inline void CloseByReset(int fd) {
   setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
   close(fd);
 }
+
+/// A loopback address at which nobody listens; the port stays taken while the object lives.
+class UnusedAddress {
+ public:
+  UnusedAddress() : fd_(BindToLoopback(SOCK_STREAM, port_)) {}
+  ~UnusedAddress() { close(fd_); }
+  UnusedAddress(const UnusedAddress&) = delete;
+  UnusedAddress& operator=(const UnusedAddress&) = delete;
+
+  [[nodiscard]] int port() const { return port_; }
+  [[nodiscard]] std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  int port_ = 0;  ///< Before the socket, whose initialisation sets it.
+  int fd_;
+};

@@ -11,7 +11,6 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <json/value.h>
-#include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/types.h>
 
@@ -20,34 +19,14 @@
 #include <ctime>
 #include <filesystem>
 #include <functional>
-#include <new>
 #include <string>
 
 #include "log_recorder.h"
 #include "platform/support_service_client.h"
+#include "shared_memory.h"
 #include "temporary_folder.h"
 
 namespace test_support {
-
-/// A T in memory shared across fork(), value-initialised. T needs no destructor (std::atomic<int>, say).
-template <typename T>
-class Shared {
- public:
-  Shared() {
-    void* memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) abort();
-    value_ = new (memory) T{};
-  }
-  ~Shared() { munmap(value_, sizeof(T)); }
-  Shared(const Shared&) = delete;
-  Shared& operator=(const Shared&) = delete;
-
-  T& operator*() const { return *value_; }
-  T* operator->() const { return value_; }
-
- private:
-  T* value_;
-};
 
 /// The C library functions behind the replacements, for scripts and tests.
 namespace real {

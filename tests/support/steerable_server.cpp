@@ -137,7 +137,10 @@ std::string ReceivedRequest::Path() const {
   return request_line.substr(begin, request_line.find(' ', begin) - begin);
 }
 
-SteerableServer::SteerableServer() : listener_(BindTcpToLoopback(port_)) {
+SteerableServer::SteerableServer() : SteerableServer(std::vector<Treatment>()) {}
+
+SteerableServer::SteerableServer(std::vector<Treatment> answers)
+    : listener_(BindToLoopback(SOCK_STREAM, port_)), answers_(answers.begin(), answers.end()) {
   setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &kReceiveBufferBytes, sizeof(kReceiveBufferBytes));
   Listen();
   thread_ = std::thread([this] { Run(); });
@@ -227,6 +230,14 @@ void SteerableServer::Serve(int connection) {
 
 Treatment SteerableServer::NextTreatment(const std::string& path) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  if (!answers_.empty()) {
+    Treatment answer = std::move(answers_.front());
+    answers_.pop_front();
+    if (answers_.empty()) {
+      Refuse();
+    }
+    return answer;
+  }
   std::deque<Treatment>& treatments = treatments_[path];
   if (treatments.empty()) {
     return Success();

@@ -61,10 +61,13 @@ class SteerableServer {
   /// Listens on a loopback port of the kernel's choice. Until it is steered, every request succeeds: it is
   /// answered by {"success": true}.
   SteerableServer();
+  /// Gives these answers, one each whatever the request's path, and refuses further clients.
+  explicit SteerableServer(std::vector<Treatment> answers);
   ~SteerableServer();
   SteerableServer(const SteerableServer&) = delete;
   SteerableServer& operator=(const SteerableServer&) = delete;
 
+  [[nodiscard]] int port() const { return port_; }
   /// The server's address, such as "http://127.0.0.1:41234".
   [[nodiscard]] std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
@@ -94,6 +97,7 @@ class SteerableServer {
   int listener_ = -1;
   mutable std::mutex mutex_;
   std::map<std::string, std::deque<Treatment>> treatments_;
+  std::deque<Treatment> answers_;  ///< Left of those that were given at construction.
   std::vector<ReceivedRequest> requests_;
   std::vector<int> kept_;  ///< Connections left open; only the thread's until it has ended.
   std::atomic<bool> stop_{false};

@@ -4,7 +4,6 @@
 #include <archive_entry.h>
 #include <fcntl.h>
 #include <json/reader.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -26,15 +25,6 @@
 #include "unique_fd.h"
 
 namespace TARVO::SupportForm {
-
-bool WaitUntil(const std::function<bool()>& condition) {
-  const std::int64_t deadline = MonotonicMs() + kDeadlineMs;
-  while (!condition()) {
-    if (MonotonicMs() > deadline) return false;
-    SleepMs(5);
-  }
-  return true;
-}
 
 std::string ReadText(const fs::path& path) {
   std::string text;
@@ -222,49 +212,6 @@ ArchiveContent ReadArchive(const fs::path& path) {
   return content;
 }
 
-/// What `work` throws must not leave the forked process: it would go on as a second test program.
-static std::string AnswerOf(const std::function<std::string()>& work) {
-  try {
-    return work();
-  } catch (const std::exception& error) {
-    return std::string("exception: ") + error.what();
-  }
-}
-
-CallerProcess::CallerProcess(const std::function<std::string()>& work) {
-  int up[2];
-  int down[2];
-  if (pipe2(up, O_CLOEXEC) != 0 || pipe2(down, O_CLOEXEC) != 0) std::abort();
-  pid_ = fork();
-  if (pid_ == 0) {
-    setsid();
-    close(up[0]);
-    close(down[1]);
-    static_cast<void>(WriteAll(up[1], AnswerOf(work)));
-    close(up[1]);
-    char byte = 0;
-    _exit(read(down[0], &byte, 1) == 0 ? 0 : 1);
-  }
-  close(up[1]);
-  close(down[0]);
-  to_ = down[1];
-  pollfd wait = {up[0], POLLIN, 0};
-  std::array<char, 4096> buffer;
-  while (poll(&wait, 1, kDeadlineMs) == 1) {
-    const ssize_t count = read(up[0], buffer.data(), buffer.size());
-    if (count <= 0) break;
-    answer_.append(buffer.data(), static_cast<std::size_t>(count));
-  }
-  close(up[0]);
-}
-
-void CallerProcess::End() {
-  if (to_ < 0) return;
-  close(to_);
-  to_ = -1;
-  waitpid(pid_, nullptr, 0);
-}
-
 SupportLogTest::SupportLogTest() {
   paths_.state = folder_ / "state" / "log";
   paths_.descriptions = folder_ / "descriptions";
@@ -281,7 +228,7 @@ SupportLogTest::~SupportLogTest() {
   std::error_code ignored;
   fs::remove_all(data_, ignored);  // Opens the gates of commands that may still run.
   // A task that a failed test left may write meanwhile.
-  static_cast<void>(WaitUntil([&] {
+  static_cast<void>(Eventually([&] {
     fs::remove_all(folder_, ignored);
     return !fs::exists(folder_);
   }));

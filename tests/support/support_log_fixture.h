@@ -1,5 +1,5 @@
 /// What the tests of the log collection share: scoped folders in place of the device's, example applications,
-/// a reader of archives, a process to call from.
+/// a reader of archives.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,7 +13,9 @@
 #include <utility>
 #include <vector>
 
+#include "child_process.h"
 #include "collection_limits.h"
+#include "eventually.h"
 #include "temporary_folder.h"
 #include "unpacker.h"
 
@@ -21,11 +23,8 @@ namespace TARVO::SupportForm {
 
 namespace fs = std::filesystem;
 
-/// No wait in a test lasts longer.
-inline constexpr int kDeadlineMs = 60'000;
-
-/// Waits until `condition` holds. Returns false when it does not in time.
-[[nodiscard]] bool WaitUntil(const std::function<bool()>& condition);
+using test_support::CallerProcess;
+using test_support::Eventually;
 
 [[nodiscard]] std::string ReadText(const fs::path& path);
 void WriteText(const fs::path& path, const std::string& text);
@@ -74,27 +73,6 @@ struct ArchiveContent {
 };
 
 [[nodiscard]] ArchiveContent ReadArchive(const fs::path& path);
-
-/// A process forked by a test. It runs one piece of code, which the constructor waits for, then stays until
-/// the object goes. Its session is its own: whoever runs the tests keeps the priority of his when a task lowers that of
-/// its session.
-class CallerProcess {
- public:
-  explicit CallerProcess(const std::function<std::string()>& work);
-  ~CallerProcess() { End(); }
-  CallerProcess(const CallerProcess&) = delete;
-  CallerProcess& operator=(const CallerProcess&) = delete;
-
-  /// What the code returned, or "exception: " and the text of what it threw.
-  [[nodiscard]] const std::string& Answer() const { return answer_; }
-  /// Lets the process end and waits for it.
-  void End();
-
- private:
-  pid_t pid_ = -1;
-  int to_ = -1;
-  std::string answer_;
-};
 
 /// Scoped folders: <folder>/state, <folder>/descriptions, <folder>/bin, <folder>/data.
 class SupportLogTest : public testing::Test {

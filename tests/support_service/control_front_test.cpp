@@ -19,12 +19,12 @@ class ControlServiceTest : public ServiceTest {
     Start();
     stub_ = proto::ControlService::NewStub(
         grpc::CreateChannel(UnixTarget(service().control_socket()), grpc::InsecureChannelCredentials()));
-    context_.set_deadline(std::chrono::system_clock::now() + kDeadline);
+    context_.set_deadline(std::chrono::system_clock::now() + kPatience);
   }
 
   grpc::Status Send(const std::vector<std::string>& apps, const std::string& device) {
     grpc::ClientContext context;
-    context.set_deadline(std::chrono::system_clock::now() + kDeadline);
+    context.set_deadline(std::chrono::system_clock::now() + kPatience);
     proto::SendTicketRequest request;
     for (const std::string& app : apps) request.add_apps(app);
     request.set_device(device);

@@ -256,7 +256,7 @@ TEST_F(NotificationServiceTest, ControlIsNotServedOnTheDevicesPort) {
   const auto stub = tarvo::support::v1::ControlService::NewStub(
       grpc::CreateChannel(GrpcTarget(service().grpc_url()), grpc::InsecureChannelCredentials()));
   grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + kDeadline);
+  context.set_deadline(std::chrono::system_clock::now() + kPatience);
   tarvo::support::v1::SendTicketResponse response;
   const grpc::Status status = stub->SendTicket(&context, {}, &response);
   EXPECT_EQ(status.error_code(), grpc::StatusCode::UNIMPLEMENTED) << status.error_message();

@@ -1,91 +1,33 @@
 /// The two programs as a user runs them.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>  // NOLINT(modernize-deprecated-headers): kill
-#include <spawn.h>
-#include <sys/wait.h>
 
+#include <csignal>
+
+#include "program.h"
 #include "service_fixture.h"
 
 namespace TarvoOrvane::SupportService {
 namespace {
 
+using test_support::Program;
 using ::testing::HasSubstr;
-
-/// A running program with its output in files.
-class Program {
- public:
-  Program(const std::string& path, std::vector<std::string> arguments, const std::filesystem::path& output)
-      : output_(output) {
-    arguments.insert(arguments.begin(), path);
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 1);
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    EXPECT_EQ(posix_spawn(&pid_, path.c_str(), &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-  }
-
-  ~Program() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-
-  void Signal(int signal) const { kill(pid_, signal); }
-
-  /// @return the exit status; -1 when it still runs at the deadline or was killed.
-  int Wait() {
-    int status = 0;
-    if (!Eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
-  [[nodiscard]] std::string output() const { return ReadFile(output_); }
-
-  /// @return the rest of the line that starts so; "" when none came before the deadline.
-  [[nodiscard]] std::string WaitForLine(const std::string& start) const {
-    std::string rest;
-    Eventually([&] {
-      std::istringstream lines("\n" + output());
-      const std::string text = lines.str();
-      const std::size_t found = text.find("\n" + start);
-      const std::size_t end = found == std::string::npos ? found : text.find('\n', found + 1);
-      if (end == std::string::npos) return false;
-      rest = text.substr(found + 1 + start.size(), end - found - 1 - start.size());
-      return true;
-    });
-    return rest;
-  }
-
- private:
-  std::filesystem::path output_;
-  pid_t pid_ = -1;
-};
 
 class ProgramsTest : public ::testing::Test {
  protected:
   void StartService(const std::vector<std::string>& more = {}) {
-    std::vector<std::string> arguments = {"--data", data_.string()};
+    std::vector<std::string> arguments = {SUPPORT_SERVICE_PROGRAM, "--data", data_.string()};
     arguments.insert(arguments.end(), more.begin(), more.end());
-    service_ = std::make_unique<Program>(SUPPORT_SERVICE_PROGRAM, arguments, temp_.path() / "service.out");
+    service_ = std::make_unique<Program>(arguments, temp_.File("service.out"));
     grpc_url_ = service_->WaitForLine("grpc listening on ");
     css_url_ = service_->WaitForLine("css listening on ");
     ASSERT_EQ(service_->WaitForLine("control socket "), (data_ / "control.sock").string());
   }
 
   std::unique_ptr<Program> Ticket(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), TICKET_PROGRAM);
     arguments.insert(arguments.end(), {"--data", data_.string()});
-    return std::make_unique<Program>(TICKET_PROGRAM, arguments, temp_.path() / "ticket.out");
+    return std::make_unique<Program>(arguments, temp_.File("ticket.out"));
   }
 
   /// Plays a device that accepts a ticket and reports this status. @return the ticket's id.
@@ -110,7 +52,7 @@ class ProgramsTest : public ::testing::Test {
   }
 
   std::string WaitForEvent(const std::string& part) {
-    return Eventually([&] { return service_->output().find(part) != std::string::npos; }) ? part : "";
+    return Eventually([&] { return service_->Output().find(part) != std::string::npos; }) ? part : "";
   }
 
   TemporaryFolder temp_;
@@ -124,12 +66,12 @@ TEST_F(ProgramsTest, TicketIsFollowedToItsSuccess) {
   StartService();
   const auto ticket = Ticket({"--apps", "a,b", "--wait", "20"});
   const std::string id = ServeOneTicket("Success");
-  EXPECT_EQ(ticket->Wait(), 0) << ticket->output();
-  EXPECT_EQ(ticket->output().substr(0, 17), id + "\n");
+  EXPECT_EQ(ticket->Wait(), 0) << ticket->Output();
+  EXPECT_EQ(ticket->Output().substr(0, 17), id + "\n");
   std::size_t position = 0;
   for (const char* state : {" waiting", " delivered", " accepted", " uploaded", " reported: Success"}) {
-    position = ticket->output().find(state, position);
-    EXPECT_NE(position, std::string::npos) << state << " in order in\n" << ticket->output();
+    position = ticket->Output().find(state, position);
+    EXPECT_NE(position, std::string::npos) << state << " in order in\n" << ticket->Output();
   }
   EXPECT_EQ(ReadFile(data_ / "received" / id / "debug.dat"), "archive");
 }
@@ -139,24 +81,24 @@ TEST_F(ProgramsTest, AnyOtherReportIsAFailure) {
   const auto ticket = Ticket({"--apps", "", "--device", "SN1", "--wait"});
   ServeOneTicket("Failed to upload debug file to server");
   EXPECT_EQ(ticket->Wait(), 1);
-  EXPECT_THAT(ticket->output(), HasSubstr("reported: Failed to upload debug file to server"));
+  EXPECT_THAT(ticket->Output(), HasSubstr("reported: Failed to upload debug file to server"));
 }
 
 TEST_F(ProgramsTest, WaitEndsAtItsLimit) {
   StartService();
   const auto ticket = Ticket({"--apps", "a", "--wait", "1"});
   EXPECT_EQ(ticket->Wait(), 1);
-  EXPECT_THAT(ticket->output(), HasSubstr("no report within 1 s; the ticket is still waiting"));
+  EXPECT_THAT(ticket->Output(), HasSubstr("no report within 1 s; the ticket is still waiting"));
 }
 
 TEST_F(ProgramsTest, WithoutWaitTheServiceTakingTheTicketIsEnough) {
   StartService();
   const auto ticket = Ticket({"--apps", "a"});
   EXPECT_EQ(ticket->Wait(), 0);
-  const std::string id = ticket->output().substr(0, 16);
+  const std::string id = ticket->Output().substr(0, 16);
   const auto list = Ticket({"--list"});
   EXPECT_EQ(list->Wait(), 0);
-  EXPECT_THAT(list->output(), HasSubstr(id));
+  EXPECT_THAT(list->Output(), HasSubstr(id));
 }
 
 TEST_F(ProgramsTest, ConnectedDevicesAreListed) {
@@ -166,13 +108,13 @@ TEST_F(ProgramsTest, ConnectedDevicesAreListed) {
   ASSERT_NE(WaitForEvent("device connected"), "");
   const auto list = Ticket({"--devices"});
   EXPECT_EQ(list->Wait(), 0);
-  EXPECT_THAT(list->output(), HasSubstr("\"SN1\" since "));
+  EXPECT_THAT(list->Output(), HasSubstr("\"SN1\" since "));
 }
 
 TEST_F(ProgramsTest, MissingServiceIsExplained) {
   const auto ticket = Ticket({"--apps", "a"});
   EXPECT_EQ(ticket->Wait(), 1);
-  EXPECT_THAT(ticket->output(), HasSubstr("no support service to speak with"));
+  EXPECT_THAT(ticket->Output(), HasSubstr("no support service to speak with"));
 }
 
 TEST_F(ProgramsTest, KilledServiceIsExplained) {
@@ -180,7 +122,7 @@ TEST_F(ProgramsTest, KilledServiceIsExplained) {
   service_.reset();  // SIGKILL: its socket stays
   const auto ticket = Ticket({"--apps", "a"});
   EXPECT_EQ(ticket->Wait(), 1);
-  EXPECT_THAT(ticket->output(), HasSubstr("the support service does not answer"));
+  EXPECT_THAT(ticket->Output(), HasSubstr("the support service does not answer"));
   StartService();  // takes over the folder and the socket
 }
 
@@ -201,15 +143,15 @@ TEST_F(ProgramsTest, SignalsEndTheServiceWithOpenStreamsAndWatchersWithStatus0) 
 
 TEST_F(ProgramsTest, WhatCannotBeServedIsExplained) {
   StartService();
-  Program same_folder(SUPPORT_SERVICE_PROGRAM, {"--data", data_.string()}, temp_.path() / "second.out");
+  Program same_folder({SUPPORT_SERVICE_PROGRAM, "--data", data_.string()}, temp_.File("second.out"));
   EXPECT_EQ(same_folder.Wait(), 1);
-  EXPECT_THAT(same_folder.output(), HasSubstr("another support service uses the data folder"));
-  Program same_port(SUPPORT_SERVICE_PROGRAM,
-                    {"--data", (temp_.path() / "d2").string(), "--grpc-address", GrpcTarget(grpc_url_)},
-                    temp_.path() / "third.out");
+  EXPECT_THAT(same_folder.Output(), HasSubstr("another support service uses the data folder"));
+  Program same_port(
+      {SUPPORT_SERVICE_PROGRAM, "--data", temp_.File("d2"), "--grpc-address", GrpcTarget(grpc_url_)},
+      temp_.File("third.out"));
   EXPECT_EQ(same_port.Wait(), 1);
-  EXPECT_THAT(same_port.output(), HasSubstr("in use"));
-  Program bad_option(SUPPORT_SERVICE_PROGRAM, {"--http-address", "nowhere"}, temp_.path() / "fourth.out");
+  EXPECT_THAT(same_port.Output(), HasSubstr("in use"));
+  Program bad_option({SUPPORT_SERVICE_PROGRAM, "--http-address", "nowhere"}, temp_.File("fourth.out"));
   EXPECT_EQ(bad_option.Wait(), 2);
 }
 
@@ -218,7 +160,7 @@ TEST_F(ProgramsTest, EventLinesCarryATime) {
   const auto ticket = Ticket({"--apps", "a"});
   EXPECT_EQ(ticket->Wait(), 0);
   ASSERT_NE(WaitForEvent("created"), "");
-  EXPECT_THAT(service_->output(), ::testing::ContainsRegex(
+  EXPECT_THAT(service_->Output(), ::testing::ContainsRegex(
                                       "\n20[0-9-]+T[0-9:.]+Z ticket [0-9a-f]{16} created: apps \\[\"a\"\\]"));
 }
 

@@ -85,7 +85,7 @@ void ScriptedDevice::Hello(const std::string& serial_number, std::uint32_t proto
   message.mutable_hello()->set_protocol(protocol);
   Send(message);
   std::unique_lock<std::mutex> lock(mutex_);
-  EXPECT_TRUE(changed_.wait_for(lock, kDeadline, [this] { return open_; }));
+  EXPECT_TRUE(changed_.wait_for(lock, kPatience, [this] { return open_; }));
 }
 
 void ScriptedDevice::Send(const ClientMessage& message) { EXPECT_TRUE(stream_->Write(message)); }
@@ -263,7 +263,7 @@ RawHttp::RawHttp(const std::string& css_url) : fd_(socket(AF_INET, SOCK_STREAM |
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(css_url.substr(css_url.rfind(':') + 1))));
-  const timeval limit{std::chrono::seconds(kDeadline).count(), 0};
+  const timeval limit{std::chrono::seconds(kPatience).count(), 0};
   setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
   EXPECT_EQ(connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
 }

@@ -18,25 +18,15 @@
 #include <utility>
 #include <vector>
 
+#include "eventually.h"
 #include "service.h"
 #include "tarvo/support/v1/notification.grpc.pb.h"
 #include "temporary_folder.h"
 
 namespace TarvoOrvane::SupportService {
 
-constexpr std::chrono::seconds kDeadline{60};
-
-/// Tries a condition until it holds. @return whether it did before the deadline.
-template <typename Condition>
-bool Eventually(Condition condition, std::chrono::milliseconds limit = kDeadline) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
+using test_support::Eventually;
+using test_support::kPatience;
 using test_support::ReadFile;
 using test_support::TemporaryFolder;
 using test_support::WriteFile;
@@ -70,13 +60,13 @@ class ScriptedDevice {
               const std::string& reason = "");
 
   /// @return the next delivery; nothing after the limit or the stream's end.
-  std::optional<tarvo::support::v1::Delivery> Next(std::chrono::milliseconds limit = kDeadline);
+  std::optional<tarvo::support::v1::Delivery> Next(std::chrono::milliseconds limit = kPatience);
 
   void HalfClose();  ///< Says that nothing more comes from the device.
   void Cancel();     ///< Drops the stream.
 
   /// @return what the stream ended with; nothing when it is still open after the limit.
-  std::optional<grpc::Status> End(std::chrono::milliseconds limit = kDeadline);
+  std::optional<grpc::Status> End(std::chrono::milliseconds limit = kPatience);
 
  private:
   void ReadAll();

@@ -288,7 +288,7 @@ TEST_P(PipeFaultTest, AbortsTheSupervisorAndARestartServesTheNextTicket) {
   EXPECT_EQ(start.Wait(), 0) << start.Output();
   ASSERT_TRUE(Eventually([&] { return !ReadFile(kPidFile).empty() && ReadFile(kPidFile).back() == '\n'; }));
   const pid_t supervisor = std::stoi(ReadFile(kPidFile));
-  EXPECT_EQ(WaitForProcess(supervisor), 128 + SIGABRT);
+  EXPECT_THAT(WaitForProcess(supervisor), KilledBy(SIGABRT));
   EXPECT_TRUE(Logs(supervisor, GetParam().lines));
 
   StartWithInstantCollection();
@@ -489,7 +489,7 @@ class SignalTest : public DeviceFaultTest, public testing::WithParamInterface<Si
   /// It writes the Completion to a pipe that nobody reads; without one it reads an end of file, again and again.
   void ExpectTheSupervisorToMissItsWorker() {
     if (child_ != 0) {
-      EXPECT_EQ(WaitForProcess(supervisor_), 128 + SIGPIPE);
+      EXPECT_THAT(WaitForProcess(supervisor_), KilledBy(SIGPIPE));
     } else {
       EXPECT_TRUE(
           WaitForLog(SyslogRole::kSupervisor, "Unexpected error, expected count: 2048, real count: 0", 2))
@@ -534,7 +534,7 @@ TEST_P(SignalTest, SigtermEndsNobodyButAnIdlerAndARestartServesTheNextTicket) {
   kill(Receiver(), SIGTERM);
   switch (GetParam().target) {
     case Target::kSupervisor:
-      EXPECT_EQ(WaitForProcess(supervisor_), 0);
+      EXPECT_THAT(WaitForProcess(supervisor_), ExitedWith(0));
       EXPECT_FALSE(HasEnded(worker_));
       break;
     case Target::kWorker:

@@ -38,8 +38,6 @@ bool HasTicket(State state) {
   return state != State::kIdle && state != State::kServed && state != State::kPausing;
 }
 
-constexpr int kEndedBySigpipe = 128 + SIGPIPE;
-
 // What the processes log.
 const Lines kWorkerConnects = Daemon(Lines{"W Prepare to receive grpc request"});
 const Lines kWorkerGetsSomething =
@@ -224,7 +222,7 @@ TEST_P(WorkerKilledTest, IsMetByTheSupervisorAsDesignedAndARestartServesTheNextT
   const Lines expected = SupervisorLines(row);
   EXPECT_THAT(FirstLinesOf(supervisor_, expected.size()), AreLines(expected)) << WholeLog();
   if (row.end == SupervisorEnd::kDiesOfSigpipe) {
-    EXPECT_EQ(WaitForProcess(supervisor_), kEndedBySigpipe);
+    EXPECT_THAT(WaitForProcess(supervisor_), KilledBy(SIGPIPE));
     EXPECT_EQ(LinesOf(supervisor_).size(), expected.size()) << WholeLog();
   } else {
     EXPECT_EQ(LookAt(worker_).state, 'Z') << "somebody has reaped the worker";
@@ -309,10 +307,10 @@ TEST_P(SupervisorKilledTest, IsMetByTheWorkerAsDesignedAndARestartServesTheTicke
   ASSERT_NO_FATAL_FAILURE(
       Reach(row.state, CollectionFor(row.state), row.end == WorkerEnd::kFailsToHandOver ? SIG_IGN : SIG_DFL));
   kill(supervisor_, SIGKILL);
-  ASSERT_EQ(WaitForProcess(supervisor_), 128 + SIGKILL);
+  ASSERT_THAT(WaitForProcess(supervisor_), KilledBy(SIGKILL));
   if (HasTicket(row.state)) {
     ASSERT_NO_FATAL_FAILURE(ExpectChildFinishes(row.state));
-    EXPECT_EQ(WaitForProcess(child_), 0);
+    EXPECT_THAT(WaitForProcess(child_), ExitedWith(0));
   }
 
   ASSERT_NO_FATAL_FAILURE(EnsureService());
@@ -320,7 +318,7 @@ TEST_P(SupervisorKilledTest, IsMetByTheWorkerAsDesignedAndARestartServesTheTicke
   const Lines expected = LinesBeforeTicket(row.state) + LinesOfTicket(row);
   EXPECT_THAT(FirstLinesOf(worker_, expected.size()), AreLines(expected)) << WholeLog();
   if (row.end == WorkerEnd::kDiesOfSigpipe) {
-    EXPECT_EQ(WaitForProcess(worker_), kEndedBySigpipe);
+    EXPECT_THAT(WaitForProcess(worker_), KilledBy(SIGPIPE));
     EXPECT_EQ(LinesOf(worker_).size(), expected.size()) << WholeLog();
     EXPECT_THAT(TicketEvents(ticket_), testing::Not(testing::HasSubstr("answered")));
   } else {
@@ -451,7 +449,7 @@ TEST_F(ProcessFaultTest, WorkerWithoutAnAddressAbortsAndARestartWithOneServesThe
   EXPECT_EQ(LookAt(worker_).exit_code, SIGABRT);
 
   kill(supervisor_, SIGTERM);
-  EXPECT_EQ(WaitForProcess(supervisor_), 0);
+  EXPECT_THAT(WaitForProcess(supervisor_), ExitedWith(0));
   ReapOrphans({});
   ASSERT_NO_FATAL_FAILURE(StartWithService());
   ASSERT_NO_FATAL_FAILURE(ExpectNextTicketIsServed());
@@ -469,7 +467,7 @@ TEST_F(ProcessFaultTest, WorkerThatCannotBeForkedLeavesASilentSupervisorAndARest
   EXPECT_TRUE(Logs(supervisor_, Daemon(Lines{"E Failed to fork()"})));
 
   kill(supervisor_, SIGTERM);
-  EXPECT_EQ(WaitForProcess(supervisor_), 0);
+  EXPECT_THAT(WaitForProcess(supervisor_), ExitedWith(0));
   std::filesystem::remove(kForkFails);
   ASSERT_NO_FATAL_FAILURE(StartWithService());
   ASSERT_NO_FATAL_FAILURE(ExpectNextTicketIsServed());

@@ -29,7 +29,7 @@ class StartTest : public SystemTest {
       }
       return again != 0;
     }));
-    return WaitForProcess(again);
+    return WaitForProcess(again).exit_status;
   }
 };
 
@@ -56,14 +56,14 @@ TEST_F(StartTest, ArgumentsAreIgnored) {
   EXPECT_EQ(start.Output(), "");
   kill(worker_, SIGTERM);
   kill(supervisor_, SIGTERM);
-  EXPECT_EQ(WaitForProcess(supervisor_), 0);
+  EXPECT_THAT(WaitForProcess(supervisor_), ExitedWith(0));
 }
 
 TEST_F(StartTest, AfterTheSupervisorsEndANewStartSucceedsThoughTheOldWorkerSurvives) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   const pid_t former = supervisor_;
   EXPECT_EQ(kill(former, SIGTERM), 0);
-  EXPECT_EQ(WaitForProcess(former), 0);
+  EXPECT_THAT(WaitForProcess(former), ExitedWith(0));
   EXPECT_EQ(LookAt(worker_).parent, getpid()) << "the old worker is gone, which is what this test is about";
 
   StartDaemon();

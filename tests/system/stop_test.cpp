@@ -120,7 +120,7 @@ TEST_F(StopTest, SigtermEndsTheWorkerInSendWithinASecond) {
 TEST_F(StopTest, SigtermEndsTheIdleSupervisorWithStatus0) {
   ASSERT_NO_FATAL_FAILURE(StartAll());
   kill(supervisor_, SIGTERM);
-  EXPECT_EQ(WaitForProcess(supervisor_), 0);
+  EXPECT_THAT(WaitForProcess(supervisor_), ExitedWith(0));
   EXPECT_EQ(ReadFile(kPidFile), std::to_string(supervisor_) + "\n") << "the file stays";
 }
 
@@ -130,7 +130,7 @@ TEST_F(StopTest, TransmissionChildFinishesItsWorkAfterTheSupervisorsEnd) {
   const std::string id = SendTicket("slow");
   ASSERT_TRUE(WaitForLog(SyslogRole::kSupervisor, "Receive a request(")) << WholeLog();
   kill(supervisor_, SIGTERM);
-  EXPECT_EQ(WaitForProcess(supervisor_), 0);
+  EXPECT_THAT(WaitForProcess(supervisor_), ExitedWith(0));
   EXPECT_TRUE(WaitForTicket(id, "report received: \"Success\"")) << WholeLog();
   EXPECT_TRUE(WaitForLog(SyslogRole::kChild, "Finish handling the request(")) << WholeLog();
   EXPECT_THAT(ArchivesOnDevice(), testing::IsEmpty());

@@ -28,15 +28,6 @@ void RemoveFormerTraces() {
   }
 }
 
-std::string RestOfLine(const std::string& text, const std::string& start) {
-  const std::size_t begin = text.find(start);
-  if (begin == std::string::npos) {
-    return "";
-  }
-  const std::size_t value = begin + start.size();
-  return text.substr(value, text.find('\n', value) - value);
-}
-
 pid_t ReadPidFile() {
   const std::string text = ReadFile(kPidFile);
   return text.empty() || text.back() != '\n' ? 0 : std::stoi(text);
@@ -94,8 +85,8 @@ void SystemTest::StartService(const std::string& grpc_address) {
       kServiceOutput);
   ASSERT_TRUE(Eventually([&] { return service_->Output().find("control socket ") != std::string::npos; }))
       << service_->Output();
-  grpc_url_ = RestOfLine(service_->Output(), "grpc listening on ");
-  css_url_ = RestOfLine(service_->Output(), "css listening on ");
+  grpc_url_ = service_->WaitForLine("grpc listening on ");
+  css_url_ = service_->WaitForLine("css listening on ");
 }
 
 void SystemTest::WriteConfig() const {

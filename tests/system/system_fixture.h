@@ -13,6 +13,24 @@
 #include "program.h"
 #include "syslog_listener.h"
 
+using test_support::AdoptOrphans;
+using test_support::AllProcesses;
+using test_support::ChildrenOf;
+using test_support::Environment;
+using test_support::Eventually;
+using test_support::ExitedWith;
+using test_support::HasEnded;
+using test_support::KilledBy;
+using test_support::kPatience;
+using test_support::LookAt;
+using test_support::OpenDescriptors;
+using test_support::ProcessState;
+using test_support::Program;
+using test_support::ReadFile;
+using test_support::ReapOrphans;
+using test_support::WaitForProcess;
+using test_support::WriteFile;
+
 inline constexpr char kPidFile[] = "/var/run/kestrix_debug_dat_transmitter.pid";
 inline constexpr char kServiceConfig[] = "/usr/tarvo/etc/tarvomibserver.conf";
 inline constexpr char kDebugFlag[] = "/usr/tarvo/etc/debug_dat_transmitter.debug";

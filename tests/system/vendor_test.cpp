@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <sstream>
 
-#include "loopback_server.h"
+#include "steerable_server.h"
 #include "system_fixture.h"
 
 namespace {
@@ -92,7 +92,7 @@ TEST_F(VendorTest, AnotherMakersWebApiRunnerServesTheDaemon) {
 
 TEST_F(VendorTest, AnotherMakersSupportServiceLibraryServesTheDaemon) {
   DescribeApp("demo", {"echo", "demo"});
-  LoopbackServer css_server(
+  SteerableServer css_server(
       {HttpAnswer("200 OK", R"({"success": true})"), HttpAnswer("200 OK", R"({"success": true})")});
   WriteConfig(
       R"({"debug_dat_file_transmitter": {"grpc_server": {"url": "anything"}, "css_server": {"url": ")" +
@@ -109,7 +109,7 @@ TEST_F(VendorTest, AnotherMakersSupportServiceLibraryServesTheDaemon) {
   })) << WholeLog()
       << ReadFile("/run/vendor/log");
 
-  const std::vector<ReceivedRequest>& requests = css_server.Requests();
+  const std::vector<ReceivedRequest> requests = css_server.Requests();
   ASSERT_EQ(requests.size(), 2U);
   EXPECT_EQ(requests[0].Header("AUTH-TOKEN"), "the-token");
   EXPECT_THAT(requests[0].body, HasSubstr("VENDOR-0001"));

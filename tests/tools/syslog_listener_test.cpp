@@ -9,7 +9,9 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 
+#include "child_process.h"
 #include "temporary_folder.h"
 
 namespace {
@@ -31,14 +33,12 @@ class SyslogListenerTest : public testing::Test {
     close(fd);
   }
 
-  /// Forks a child that sends one line; the child stays a zombie until `pid` is waited for.
-  pid_t SendFromChild(const std::string& datagram) const {
-    const pid_t pid = fork();
-    if (pid == 0) {
+  /// A child that sends one line and stays a zombie until it is waited for.
+  auto SendFromChild(const std::string& datagram) const {
+    return std::make_unique<test_support::ChildProcess>([=] {
       Send(datagram);
-      _exit(0);
-    }
-    return pid;
+      return 0;
+    });
   }
 
   const test_support::TemporaryFolder folder_;
@@ -63,7 +63,7 @@ TEST_F(SyslogListenerTest, TellsSupervisorWorkerAndChildByTheirDescent) {
   std::ofstream(Path("pid")) << getpid() << '\n';
   const SyslogListener listener(Path("log"), Path("pid"));
   Send("<12>supervisor");
-  pid_t children[2];
+  std::unique_ptr<test_support::ChildProcess> children[2];
   for (int i = 0; i < 2; ++i) {
     children[i] = SendFromChild("<12>from a child");
     ASSERT_TRUE(listener.WaitUntil(
@@ -73,12 +73,9 @@ TEST_F(SyslogListenerTest, TellsSupervisorWorkerAndChildByTheirDescent) {
   EXPECT_EQ(lines[0].role, SyslogRole::kSupervisor);
   EXPECT_EQ(lines[0].pid, getpid());
   EXPECT_EQ(lines[1].role, SyslogRole::kWorker);
-  EXPECT_EQ(lines[1].pid, children[0]);
+  EXPECT_EQ(lines[1].pid, children[0]->pid());
   EXPECT_EQ(lines[2].role, SyslogRole::kChild);
-  EXPECT_EQ(lines[2].pid, children[1]);
-  for (const pid_t child : children) {
-    waitpid(child, nullptr, 0);
-  }
+  EXPECT_EQ(lines[2].pid, children[1]->pid());
 }
 
 TEST_F(SyslogListenerTest, KnowsAChildWhoseSupervisorIsGoneByItsSession) {

@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <sstream>
 
-#include "loopback_server.h"
 #include "scripted_server.h"
+#include "steerable_server.h"
 
 namespace DebugDatCheck {
 namespace {
@@ -42,7 +42,7 @@ int RunInSandbox(const std::string& commands, std::string& output) {
 
 TEST(ProgramTest, HealthyDeviceGivesExitStatusZeroAndIsLeftUnchanged) {
   const ScriptedServer notification;
-  LoopbackServer css({HttpAnswer("405 Method Not Allowed", "")});
+  SteerableServer css({HttpAnswer("405 Method Not Allowed", "")});
   const std::string prepare =
       "mkdir -p /usr/tarvo/etc/support_form_log.d; cd /usr/tarvo/etc; echo SN-1 >serial_number;"
       "echo {} >support_form_log.d/mail.json;"

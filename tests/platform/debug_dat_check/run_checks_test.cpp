@@ -6,8 +6,8 @@
 #include <filesystem>
 
 #include "check_matchers.h"
-#include "loopback_server.h"
 #include "scripted_server.h"
+#include "steerable_server.h"
 #include "temporary_folder.h"
 
 namespace DebugDatCheck {
@@ -58,7 +58,7 @@ class RunChecksTest : public ::testing::Test {
 
 TEST_F(RunChecksTest, HealthySetupIsOkThroughout) {
   const ScriptedServer notification;
-  LoopbackServer css({HttpAnswer("405 Method Not Allowed", "")});
+  SteerableServer css({HttpAnswer("405 Method Not Allowed", "")});
   Configure(notification.url(), css.Url());
   RunAll();
   std::vector<std::string> names;
@@ -83,7 +83,7 @@ TEST_F(RunChecksTest, WithoutConfigurationTheServersAreSkippedAndTheRestIsChecke
 }
 
 TEST_F(RunChecksTest, UnusableAddressOfOneServerLeavesTheOtherChecked) {
-  LoopbackServer css({HttpAnswer("405 Method Not Allowed", "")});
+  SteerableServer css({HttpAnswer("405 Method Not Allowed", "")});
   Configure("nonsense", css.Url());
   RunAll();
   EXPECT_THAT(Named("notification address"), IsProblem(""));

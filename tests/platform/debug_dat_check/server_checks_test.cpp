@@ -7,10 +7,10 @@
 #include <sys/stat.h>
 
 #include "check_matchers.h"
-#include "loopback.h"
-#include "loopback_server.h"
+#include "loopback_socket.h"
 #include "parsed_address.h"
 #include "scripted_server.h"
+#include "steerable_server.h"
 #include "temporary_folder.h"
 
 namespace DebugDatCheck {
@@ -20,7 +20,6 @@ using std::chrono::milliseconds;
 using TarvoOrvane::Internal::Address;
 using TarvoOrvane::Internal::ScopedFd;
 using TarvoOrvane::Internal::TlsFiles;
-using TarvoOrvane::Testing::BindLoopback;
 using TarvoOrvane::Testing::LocalServer;
 using TarvoOrvane::Testing::MakeTestCertificate;
 using TarvoOrvane::Testing::ParsedAddress;
@@ -42,7 +41,7 @@ constexpr ServerLimits kShort{milliseconds(300), milliseconds(200)};
 /// Takes connections, by its queue, and says nothing.
 struct SilentServer {
   int port = 0;
-  ScopedFd socket = BindLoopback(SOCK_STREAM, port);
+  ScopedFd socket{ListenOnLoopback(port)};
 };
 
 std::string Url(const std::string& scheme, int port) {
@@ -194,10 +193,9 @@ TEST(StreamCheckTest, UnixSocketOpens) {
 
 TEST(StreamCheckTest, RefusedConnectionIsAProblemThatTellsTheCauseFirst) {
   const UnusedAddress unused;
-  const std::string port = unused.Url().substr(unused.Url().rfind(':') + 1);
-  const Check check = Stream(LocalServer(std::stoi(port)));
+  const Check check = Stream(LocalServer(unused.port()));
   EXPECT_THAT(check, AllOf(IsProblem("Connection refused"), Advises("Check that the server runs")));
-  EXPECT_THAT(check.text, StartsWith("ipv4:127.0.0.1:" + port));
+  EXPECT_THAT(check.text, StartsWith("ipv4:127.0.0.1:" + std::to_string(unused.port())));
 }
 
 TEST(StreamCheckTest, SilentServerIsAProblemWithinTheLimit) {
@@ -206,8 +204,8 @@ TEST(StreamCheckTest, SilentServerIsAProblemWithinTheLimit) {
 }
 
 TEST(StreamCheckTest, WebServerIsAProblemThatSaysSo) {
-  LoopbackServer server({HttpAnswer("400 Bad Request", "")});
-  EXPECT_THAT(Stream(LocalServer(std::stoi(server.Url().substr(server.Url().rfind(':') + 1)))),
+  SteerableServer server({HttpAnswer("400 Bad Request", "")});
+  EXPECT_THAT(Stream(LocalServer(server.port())),
               AllOf(IsProblem("http1"), Advises("a web server and no gRPC server")));
 }
 
@@ -367,7 +365,7 @@ Check Css(const std::string& url, const std::string& tls_folder = "/none",
 }
 
 TEST(CssServerCheckTest, AnswerToARequestWithoutTokenShowsThatTheServerIsThere) {
-  LoopbackServer server({HttpAnswer("401 Unauthorized", "{}")});
+  SteerableServer server({HttpAnswer("401 Unauthorized", "{}")});
   EXPECT_THAT(Css(server.Url() + "/css"), IsOk("HTTP 401"));
   ASSERT_EQ(server.Requests().size(), 1U);
   EXPECT_EQ(server.Requests()[0].request_line, "GET /css/orvane/ps_results HTTP/1.1");
@@ -376,14 +374,14 @@ TEST(CssServerCheckTest, AnswerToARequestWithoutTokenShowsThatTheServerIsThere) 
 }
 
 TEST(CssServerCheckTest, RedirectionIsWarnedOf) {
-  LoopbackServer server(
+  SteerableServer server(
       {{{"HTTP/1.1 301 Moved\r\nLocation: https://elsewhere.example.com/\r\nContent-Length: 0\r\n\r\n"}}});
   EXPECT_THAT(Css(server.Url()), AllOf(Warns("HTTP 301, a redirection to https://elsewhere.example.com/"),
                                        Advises("follows no")));
 }
 
 TEST(CssServerCheckTest, ServerErrorIsWarnedOf) {
-  LoopbackServer server({HttpAnswer("502 Bad Gateway", "")});
+  SteerableServer server({HttpAnswer("502 Bad Gateway", "")});
   EXPECT_THAT(Css(server.Url()), Warns("HTTP 502"));
 }
 
@@ -398,7 +396,7 @@ TEST(CssServerCheckTest, SilentServerIsAProblemWithinTheLimit) {
 }
 
 TEST(CssServerCheckTest, ServerThatSpeaksNoHttpIsAProblem) {
-  LoopbackServer server({{{"220 mail.example.com\r\n"}}});
+  SteerableServer server({{{"220 mail.example.com\r\n"}}});
   EXPECT_THAT(Css(server.Url()), AllOf(IsProblem("HTTP/0.9"), Advises("a web server")));
 }
 

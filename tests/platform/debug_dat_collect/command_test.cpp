@@ -33,7 +33,7 @@ class CommandTest : public SupportLogTest {
   }
   CommandResult Shell(const std::string& script) { return Run({"sh", "-c", script}); }
 
-  CommandRequest request_ = {{}, {}, kDeadlineMs, 1'000'000, Output::kBegin};
+  CommandRequest request_ = {{}, {}, 60'000, 1'000'000, Output::kBegin};
   std::string output_;
 };
 
@@ -161,7 +161,7 @@ TEST_F(CommandTest, PastItsTimeLimitItsWholeGroupIsKilledAndItsOutputKept) {
   EXPECT_EQ(result.end, End::kTimeLimit);
   const pid_t background = std::stoi(output_);
   EXPECT_THAT(output_, HasSubstr("begun"));
-  EXPECT_TRUE(WaitUntil([&] { return !Runs(background); })) << "pid " << background;
+  EXPECT_TRUE(Eventually([&] { return !Runs(background); })) << "pid " << background;
 }
 
 TEST_F(CommandTest, TimeLimitHoldsForACommandThatClosedItsOutput) {
@@ -173,7 +173,7 @@ TEST_F(CommandTest, WhatTheCommandLeavesInItsGroupEndsWithIt) {
   const CommandResult result = Shell("sleep 300 & echo $!");
   EXPECT_EQ(result.end, End::kExited);
   const pid_t background = std::stoi(output_);
-  EXPECT_TRUE(WaitUntil([&] { return !Runs(background); }));
+  EXPECT_TRUE(Eventually([&] { return !Runs(background); }));
 }
 
 TEST_F(CommandTest, OutputIsCutAtTheLimitAndTheCommandEnded) {
@@ -212,21 +212,20 @@ TEST_F(CommandTest, EndOfAShortOutputIsAllOfIt) {
 
 TEST_F(CommandTest, WholeGroupEndsWithTheCallerHoweverThatEnds) {
   const fs::path ids = folder_ / "ids";
-  const pid_t caller = fork();
-  if (caller == 0) {
+  test_support::ChildProcess caller([&] {
     Shell("sleep 300 & echo $! $$ >" + ids.string() + ".new; mv " + ids.string() + ".new " + ids.string() +
           "; wait");
-    _exit(0);
-  }
-  ASSERT_TRUE(WaitUntil([&] { return fs::exists(ids); }));
-  ASSERT_EQ(kill(caller, SIGKILL), 0);
-  ASSERT_EQ(waitpid(caller, nullptr, 0), caller);
+    return 0;
+  });
+  ASSERT_TRUE(Eventually([&] { return fs::exists(ids); }));
+  caller.Signal(SIGKILL);
+  ASSERT_THAT(caller.WaitForEnd(), test_support::KilledBy(SIGKILL));
   std::istringstream line(ReadText(ids));
   pid_t background = 0;
   pid_t command = 0;
   line >> background >> command;
   ASSERT_GT(command, 0);
-  EXPECT_TRUE(WaitUntil([&] { return !Runs(background) && !Runs(command); }));
+  EXPECT_TRUE(Eventually([&] { return !Runs(background) && !Runs(command); }));
 }
 
 TEST_F(CommandTest, LeaderOfTheGroupHoldsNothingOfTheCallersOpen) {

@@ -119,23 +119,17 @@ TEST_F(LocalArchiveTest, SignalThatEndsTheProgramLeavesNothing) {
   const fs::path started = data_ / "started";
   Describe("mail", R"({"commands": [{"argv": ["sh", "-c", "touch )" + started.string() +
                        R"(; sleep 20"], "time_limit_seconds": 60}]})");
-  const pid_t pid = fork();
-  if (pid == 0) {
+  test_support::ChildProcess program([&] {
     static_cast<void>(signal(SIGINT, SIG_DFL));
-    try {
-      Write();
-    } catch (const std::exception&) {  // must not leave the forked process; its status tells
-    }
-    _exit(0);
-  }
-  const bool running = WaitUntil([&] { return fs::exists(started); });
+    Write();
+    return 0;
+  });
+  const bool running = Eventually([&] { return fs::exists(started); });
   const std::vector<std::string> meanwhile = Beside();
-  kill(pid, SIGINT);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  program.Signal(SIGINT);
+  EXPECT_THAT(program.WaitForEnd(), test_support::KilledBy(SIGINT));
   EXPECT_TRUE(running);
   EXPECT_THAT(meanwhile, testing::ElementsAre(HasSubstr(".debug_dat_collect.")));
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
   EXPECT_THAT(Beside(), IsEmpty());
 }
 

@@ -182,7 +182,7 @@ TEST_F(ZstdStreamTest, StreamThatIsNotEndedStopsItsThreads) {
     ZstdStream stream(fd_.get(), 1);
     stream.Write(RandomBytes(5'000'000));
   }
-  EXPECT_TRUE(WaitUntil([&] { return threads() == before; }));
+  EXPECT_TRUE(Eventually([&] { return threads() == before; }));
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ class TaskProcessTest : public SupportLogTest {
     text += "core " + CoreLimit() + "\n";
     WriteText(folder_ / "report.new", text);
     fs::rename(folder_ / "report.new", folder_ / "report");
-    return WaitUntil([&] { return !fs::exists(data_); }) ? 0 : 1;
+    return Eventually([&] { return !fs::exists(data_); }) ? 0 : 1;
   }
   static std::string CoreLimit() {
     std::istringstream lines(ReadText("/proc/self/limits"));
@@ -72,14 +72,14 @@ class TaskProcessTest : public SupportLogTest {
       const UniqueFd lock = Lock();
       StartDetached(lock.get(), work);
     }
-    EXPECT_TRUE(WaitUntil([&] { return LockIsFree(); }));
+    EXPECT_TRUE(Eventually([&] { return LockIsFree(); }));
     const UniqueFd folder(open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return ReadFailure(folder.get());
   }
   std::string StartAndRead() {
     const UniqueFd lock = Lock();
     StartDetached(lock.get(), [this] { return Report(); });
-    EXPECT_TRUE(WaitUntil([&] { return fs::exists(folder_ / "report"); }));
+    EXPECT_TRUE(Eventually([&] { return fs::exists(folder_ / "report"); }));
     return ReadText(folder_ / "report");
   }
   void LetGo() { fs::remove_all(data_); }
@@ -144,7 +144,7 @@ TEST_F(TaskProcessTest, IsNobodysChildAndTheCallersMaskIsAsBefore) {
   const std::string report = StartAndRead();
   EXPECT_THAT(report, testing::Not(HasSubstr("\nPPid:\t" + std::to_string(getpid()) + "\n")));
   LetGo();
-  EXPECT_TRUE(WaitUntil([&] { return LockIsFree(); }));
+  EXPECT_TRUE(Eventually([&] { return LockIsFree(); }));
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
   sigset_t after;
@@ -157,7 +157,7 @@ TEST_F(TaskProcessTest, HoldsTheLockAsLongAsItRuns) {
   StartAndRead();  // The caller's own copy is closed by now.
   EXPECT_FALSE(LockIsFree());
   LetGo();
-  EXPECT_TRUE(WaitUntil([&] { return LockIsFree(); }));
+  EXPECT_TRUE(Eventually([&] { return LockIsFree(); }));
 }
 
 TEST_F(TaskProcessTest, WhatItsWorkThrowsIsRecordedAndLeavesTheProcessByNoOtherWay) {
@@ -173,7 +173,7 @@ TEST_F(TaskProcessTest, ThatItCannotBeSetUpIsRecorded) {
     StartDetached(lock.get(), [] { return 0; });
     return std::string();
   });
-  EXPECT_TRUE(WaitUntil([&] { return LockIsFree(); }));
+  EXPECT_TRUE(Eventually([&] { return LockIsFree(); }));
   EXPECT_THAT(ReadText(folder_ / "lock"), HasSubstr("can't be set up: Too many open files"));
 }
 
@@ -191,12 +191,9 @@ TEST_F(TaskProcessTest, EndsAtItsLimitThoughItHangsWhereNoSignalHandlerRuns) {
 }
 
 TEST_F(TaskProcessTest, OtherChildrenOfTheCallerAreNotReaped) {
-  const pid_t other = fork();
-  if (other == 0) _exit(7);
+  test_support::ChildProcess other([] { return 7; });
   StartAndRead();
-  int status = 0;
-  ASSERT_EQ(waitpid(other, &status, 0), other);
-  EXPECT_EQ(WEXITSTATUS(status), 7);
+  EXPECT_THAT(other.WaitForEnd(), test_support::ExitedWith(7));
 }
 
 TEST_F(TaskProcessTest, StartsWhereTheCallerIgnoresTheEndOfItsChildren) {

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
@@ -13,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -24,120 +24,57 @@
 #include <utility>
 #include <vector>
 
+#include "child_process.h"
+#include "eventually.h"
+#include "shared_memory.h"
 #include "temporary_folder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using test_support::Eventually;
 using test_support::ReadFile;
 using test_support::WriteFile;
 
-constexpr int kDeadlineMs = 60'000;
-
-/// A process forked by a test. It runs one piece of code, which the constructor waits for,
-/// then stays until it is told to end.
-class Process {
+/// A process whose code returns a number.
+class Process : public test_support::CallerProcess {
  public:
-  /// @param work  Runs in the new process; its result is what Answer() gives.
-  /// @param fork_call  How the process is forked.
-  explicit Process(const std::function<int()>& work, const std::function<int()>& fork_call = fork) {
-    int up[2];
-    int down[2];
-    if (pipe2(up, O_CLOEXEC) != 0 || pipe2(down, O_CLOEXEC) != 0) abort();
-    pid_ = fork_call();
-    if (pid_ == 0) {
-      close(up[0]);
-      close(down[1]);
-      const int answer = work();
-      char byte = 0;
-      const bool told = write(up[1], &answer, sizeof(answer)) == sizeof(answer);
-      _exit(told && read(down[0], &byte, 1) == 0 ? 0 : 1);
-    }
-    close(up[1]);
-    close(down[0]);
-    to_ = down[1];
-    pollfd wait = {up[0], POLLIN, 0};
-    if (poll(&wait, 1, kDeadlineMs) == 1 && read(up[0], &answer_, sizeof(answer_)) != sizeof(answer_))
-      answer_ = -1000;
-    close(up[0]);
+  explicit Process(const std::function<int()>& work, const std::function<int()>& fork_call = fork)
+      : CallerProcess([&] { return std::to_string(work()); }, fork_call) {}
+
+  /// What the code returned; -1000 when it gave no answer in time.
+  [[nodiscard]] int Answer() const {
+    return CallerProcess::Answer().empty() ? -1000 : std::stoi(CallerProcess::Answer());
   }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-  ~Process() { End(); }
-
-  /// What the process's work returned; -1000 when it gave no answer in time.
-  [[nodiscard]] int Answer() const { return answer_; }
-
-  /// Lets the process end and waits for it.
-  void End() {
-    if (to_ < 0) return;
-    close(to_);
-    to_ = -1;
-    waitpid(pid_, nullptr, 0);
-  }
-
-  void Kill() {
-    kill(pid_, SIGKILL);
-    End();
-  }
-
-  /// Ends the process by a signal. Returns its wait status.
-  int EndBy(int signal) {
-    int status = 0;
-    kill(pid_, signal);
-    waitpid(pid_, &status, 0);
-    close(to_);
-    to_ = -1;
-    return status;
-  }
-
-  [[nodiscard]] pid_t pid() const { return pid_; }
-
- private:
-  pid_t pid_ = -1;
-  int answer_ = -1000;
-  int to_ = -1;
 };
 
-/// A process forked by a test that waits for the gate, a pipe, to be closed before it runs its code, and then stays.
+/// A process that waits for the gate, a pipe, to be closed before it runs its code, and then stays.
 class AtOnce {
  public:
-  AtOnce(const int (&gate)[2], const std::function<int()>& work) {
-    int up[2];
-    if (pipe2(up, O_CLOEXEC) != 0) abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      char byte = 0;
-      close(gate[1]);
-      if (read(gate[0], &byte, 1) != 0) _exit(1);
-      const int answer = work();
-      if (write(up[1], &answer, sizeof(answer)) == sizeof(answer)) pause();
-      _exit(0);
-    }
-    close(up[1]);
-    from_ = up[0];
-  }
-  AtOnce(const AtOnce&) = delete;
-  AtOnce& operator=(const AtOnce&) = delete;
-  ~AtOnce() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    close(from_);
-  }
+  AtOnce(const int (&gate)[2], const std::function<int()>& work)
+      : process_([&] {
+          char byte = 0;
+          close(gate[1]);
+          if (read(gate[0], &byte, 1) != 0) return 1;
+          answer_->value = work();
+          answer_->given = true;
+          for (;;) pause();
+        }) {}
 
-  /// What the process's work returned; -1000 when it gave no answer in time. To be asked once.
+  /// What the code returned; -1000 when it gave no answer in time.
   [[nodiscard]] int Answer() const {
-    int answer = -1000;
-    pollfd wait = {from_, POLLIN, 0};
-    if (poll(&wait, 1, kDeadlineMs) != 1 || read(from_, &answer, sizeof(answer)) != sizeof(answer))
-      return -1000;
-    return answer;
+    return Eventually([this] { return answer_->given.load(); }) ? answer_->value.load() : -1000;
   }
-  [[nodiscard]] pid_t pid() const { return pid_; }
+  [[nodiscard]] pid_t pid() const { return process_.pid(); }
 
  private:
-  pid_t pid_ = -1;
-  int from_ = -1;
+  struct Given {
+    std::atomic<int> value;
+    std::atomic<bool> given;
+  };
+
+  const test_support::Shared<Given> answer_;  ///< Before the process, which has to share it.
+  const test_support::ChildProcess process_;
 };
 
 bool HasOpen(const fs::path& path) {
@@ -235,7 +172,7 @@ TEST_F(TarvoCoreTest, RefusedSecondProcessDoesNotDropTheHoldersLock) {
 TEST_F(TarvoCoreTest, PidFileOfAnEndedHolderIsTaken) {
   Process first(Creation());
   ASSERT_EQ(first.Answer(), 0);
-  first.Kill();
+  first.EndBy(SIGKILL);
   const Process second(Creation());
   EXPECT_EQ(second.Answer(), 0);
   EXPECT_EQ(ReadFile(pid_file_), std::to_string(second.pid()) + "\n");
@@ -271,7 +208,7 @@ TEST_F(TarvoCoreTest, LocksOfOthersOnAPidFileThatTheyMightReadDoNotCount) {
   Process first(Creation());
   EXPECT_EQ(first.Answer(), 0);
   EXPECT_LT(Process(Creation()).Answer(), 0) << "the neighbour's lock must not hide the daemon's";
-  first.Kill();
+  first.EndBy(SIGKILL);
   EXPECT_EQ(Process(Creation()).Answer(), 0);
 }
 
@@ -375,8 +312,9 @@ TEST_F(TarvoCoreTest, DaemonsLeaveNoCoreAndCannotBeLookedIntoByTheirUser) {
       if (daemon.Answer() != 0) return -4;
       if (MayLookInto(daemon.pid(), "environ") || MayLookInto(daemon.pid(), "mem")) return -5;
       if (ptrace(PTRACE_SEIZE, daemon.pid(), nullptr, nullptr) == 0 || errno != EPERM) return -6;
-      const int status = daemon.EndBy(SIGQUIT);  // the address sanitizer takes SIGSEGV for its own
-      return WIFSIGNALED(status) && !WCOREDUMP(status) ? 0 : -7;
+      const test_support::Ending ending =
+          daemon.EndBy(SIGQUIT);  // the address sanitizer takes SIGSEGV for its own
+      return ending.signal == SIGQUIT && !ending.dumped ? 0 : -7;
     });
     EXPECT_EQ(tracer.Answer(), 0);
   }
@@ -408,7 +346,7 @@ TEST_F(TarvoCoreTest, ForkedChildDoesNotInheritTheLock) {
     return worker > 0 ? created : worker;
   });
   ASSERT_EQ(daemon.Answer(), 0);
-  daemon.Kill();
+  daemon.EndBy(SIGKILL);
   const Process next(Creation());
   EXPECT_EQ(next.Answer(), 0);
   close(alive[0]);

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "loopback.h"
+#include "loopback_socket.h"
 #include "parsed_address.h"
 #include "scoped_fd.h"
 #include "temporary_folder.h"
@@ -18,9 +18,9 @@ namespace {
 
 /// A connection over loopback, both ends.
 struct TcpConnection {
-  TcpConnection() : listener(Testing::BindLoopback(SOCK_STREAM, port)) {
+  TcpConnection() : listener(ListenOnLoopback(port)) {
     client = ScopedFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = Testing::LoopbackAddress(port);
+    const sockaddr_in address = LoopbackAddressOf(port);
     EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     server = ScopedFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
   }

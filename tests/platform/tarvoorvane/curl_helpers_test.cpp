@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include "child_process.h"
 #include "old_tls_server.h"
 #include "scripted_tcp_server.h"
 #include "syslog_recorder.h"
@@ -29,6 +30,8 @@ namespace {
 
 using Internal::LimitDeadPeer;
 using Internal::PerformTransfer;
+using test_support::Ending;
+using test_support::ExitedWith;
 using test_support::TemporaryFolder;
 using testing::AnyOf;
 using testing::ElementsAre;
@@ -633,42 +636,38 @@ bool BecomeSystemRoots(const std::string& folder) {
          mount(folder.c_str(), "/etc/ssl/certs", nullptr, MS_BIND, nullptr) == 0;
 }
 
+constexpr int kNoNamespace = 77;
+
 TEST_F(CurlTlsTest, TheSystemsRootsAreTrustedUntilThereIsACaFile) {
   const TemporaryFolder roots;
   roots.Write(Testing::HashedName(certificate_.certificate), certificate_.certificate);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (!BecomeSystemRoots(roots.File(""))) _exit(99);
+  const Ending ending = test_support::RunInChild([&] {
+    if (!BecomeSystemRoots(roots.File(""))) return kNoNamespace;
     // Not before the fork: its thread might hold a lock of the allocator then, which nobody would release here.
     HttpServer server(&certificate_);
-    if (FailureOfGet("https://" + server.host_and_port()) != CURLE_OK) _exit(1);
+    if (FailureOfGet("https://" + server.host_and_port()) != CURLE_OK) return 1;
     Trust(device_);
-    _exit(FailureOfGet("https://" + server.host_and_port()) == CURLE_PEER_FAILED_VERIFICATION ? 0 : 2);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  if (status == 99 << 8) GTEST_SKIP() << "no mount namespace to be had";
-  EXPECT_EQ(status, 0) << "1: the system's root was not trusted, 2: it was beside the CA file";
+    return FailureOfGet("https://" + server.host_and_port()) == CURLE_PEER_FAILED_VERIFICATION ? 0 : 2;
+  });
+  if (ending.exit_status == kNoNamespace) GTEST_SKIP() << "no mount namespace to be had";
+  EXPECT_THAT(ending, ExitedWith(0)) << "1: the system's root was not trusted, 2: it was beside the CA file";
 }
 
 TEST_F(CurlTlsTest, MissingSystemRootsAreALogLineAndNoConnectionIsTried) {
   const TemporaryFolder roots;
   roots.Write("certificate.pem", certificate_.certificate);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (!BecomeSystemRoots(roots.File(""))) _exit(99);
+  const Ending ending = test_support::RunInChild([&] {
+    if (!BecomeSystemRoots(roots.File(""))) return kNoNamespace;
     HttpServer server(&certificate_);  // not before the fork, as above
     std::string message;
-    if (FailureOfGet("https://" + server.host_and_port(), &message) != CURLE_SSL_CERTPROBLEM) _exit(1);
-    if (message.find("install ca-certificates") == std::string::npos) _exit(2);
-    if (Testing::TakeSyslogText().find("/etc/ssl/certs holds no certificate") == std::string::npos) _exit(3);
+    if (FailureOfGet("https://" + server.host_and_port(), &message) != CURLE_SSL_CERTPROBLEM) return 1;
+    if (message.find("install ca-certificates") == std::string::npos) return 2;
+    if (Testing::TakeSyslogText().find("/etc/ssl/certs holds no certificate") == std::string::npos) return 3;
     Trust(certificate_);
-    _exit(FailureOfGet("https://" + server.host_and_port()) == CURLE_OK ? 0 : 4);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  if (status == 99 << 8) GTEST_SKIP() << "no mount namespace to be had";
-  EXPECT_EQ(status, 0)
+    return FailureOfGet("https://" + server.host_and_port()) == CURLE_OK ? 0 : 4;
+  });
+  if (ending.exit_status == kNoNamespace) GTEST_SKIP() << "no mount namespace to be had";
+  EXPECT_THAT(ending, ExitedWith(0))
       << "1: a connection was tried, 2, 3: nobody was told what to do, 4: ca.pem does not suffice";
 }
 

@@ -13,11 +13,14 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <functional>
+#include <list>
 #include <map>
 #include <numeric>
 #include <regex>
 #include <thread>
 
+#include "child_process.h"
 #include "platform/support_service_client.h"
 #include "scoped_fd.h"
 #include "syslog_recorder.h"
@@ -51,6 +54,11 @@ class LoggerTest : public testing::Test {
   test_support::TemporaryFolder folder_;
   LoggerOptions options_{folder_.File("flag"), folder_.File("log")};
 };
+
+/// @return Whether `act`, run in a forked process, said that all was well.
+bool InChild(const std::function<bool()>& act) {
+  return test_support::RunInChild([&] { return act() ? 0 : 1; }).exit_status == 0;
+}
 
 TEST_F(LoggerTest, WithoutTheFlagFileThereIsNoLogger) {
   ReconfigureLogger(options_);
@@ -199,19 +207,15 @@ TEST_F(LoggerTest, ALockThatANeighbourKeepsDoesNotLetTheFileGrow) {
 }
 
 TEST_F(LoggerTest, ALimitOnTheSizeOfFilesEndsNoProcess) {
-  const pid_t child = fork();
-  if (child == 0) {
+  EXPECT_TRUE(InChild([this] {
     const rlimit limit = {300, 300};
-    if (signal(SIGXFSZ, SIG_DFL) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(1);
+    if (signal(SIGXFSZ, SIG_DFL) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit) != 0) return false;
     TurnOn();
     TakeSyslogLines();
     LoggerManager::instance_->Log(LOG_ERR, std::string(1000, 'x'));  // up to the limit
     LoggerManager::instance_->Log(LOG_ERR, "beyond it");
-    _exit(TakeSyslogText() == std::string(1000, 'x') + "\nbeyond it\n" ? 0 : 2);
-  }
-  int status = 1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+    return TakeSyslogText() == std::string(1000, 'x') + "\nbeyond it\n";
+  }));
 }
 
 TEST_F(LoggerTest, ALineCarriesTimeWithOffsetProcessAndLevel) {
@@ -295,16 +299,6 @@ TEST_F(LoggerTest, AFileThatIsNotFullYetIsKept) {
   EXPECT_FALSE(std::filesystem::exists(folder_.File("log.1")));
 }
 
-/// Runs `act` in a forked process.
-/// @return Whether it said that all was well.
-template <typename Act>
-bool InChild(Act act) {
-  const pid_t child = fork();
-  if (child == 0) _exit(act() ? 0 : 1);
-  int status = 1;
-  return waitpid(child, &status, 0) == child && status == 0;
-}
-
 TEST_F(LoggerTest, AProcessFollowsTheRenamingOfAnother) {
   options_.max_file_bytes = 1000;
   TurnOn();
@@ -360,18 +354,11 @@ class LoggerStressTest : public LoggerTest {
 
   static void RunAll() {
     TakeSyslogLines();  // the children inherit what the recorder holds
-    std::vector<pid_t> children;
-    children.reserve(kProcesses);
+    std::list<test_support::ChildProcess> children;
     for (int process = 0; process < kProcesses; ++process) {
-      const pid_t child = fork();
-      if (child == 0) _exit(RunProcess(process) ? 0 : 1);
-      children.push_back(child);
+      children.emplace_back([process] { return RunProcess(process) ? 0 : 1; });
     }
-    for (const pid_t child : children) {
-      int status = 1;
-      ASSERT_EQ(waitpid(child, &status, 0), child);
-      EXPECT_EQ(status, 0);
-    }
+    for (auto& child : children) EXPECT_THAT(child.WaitForEnd(), test_support::ExitedWith(0));
   }
 
   /// Each writer's numbers, oldest first; every line must be whole.

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "loopback.h"
+#include "loopback_socket.h"
 
 namespace TarvoOrvane::Testing {
 namespace {
@@ -39,7 +39,7 @@ std::string Reply(const std::string& message, uint32_t address) {
 
 }  // namespace
 
-NameServer::NameServer(const std::string& address) : socket_(BindLoopback(SOCK_DGRAM, port_)) {
+NameServer::NameServer(const std::string& address) : socket_(BindToLoopback(SOCK_DGRAM, port_)) {
   if (!address.empty()) SetAddress(address);
   thread_ = std::thread([this] { Run(); });
 }

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <thread>
 
-#include "loopback.h"
+#include "loopback_socket.h"
 #include "name_server.h"
 #include "parsed_address.h"
 #include "scoped_fd.h"
@@ -23,7 +23,7 @@ using Taken = NotificationStream::Taken;
 /// Waits until the stream has ended, at most for the tests' deadline.
 bool AwaitEnd(NotificationStream& stream) {
   tarvo::support::v1::Delivery delivery;
-  const auto deadline = steady_clock::now() + Testing::kDeadline;
+  const auto deadline = steady_clock::now() + test_support::kPatience;
   while (stream.Take(delivery) != Taken::kEnded) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady_clock::now());
     pollfd changed{stream.event_fd(), POLLIN, 0};
@@ -73,11 +73,11 @@ TEST(NotificationStreamTest, AHostThatMovedIsFoundByTheNextStream) {
 ScopedFd AcceptSpeaking(const ScopedFd& listener) {
   ScopedFd connection;
   pollfd readable{listener.get(), POLLIN, 0};
-  const std::chrono::milliseconds deadline = Testing::kDeadline;
+  const std::chrono::milliseconds deadline = test_support::kPatience;
   if (poll(&readable, 1, static_cast<int>(deadline.count())) == 1) {
     connection = ScopedFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
   }
-  const timeval limit{Testing::kDeadline.count(), 0};
+  const timeval limit{test_support::kPatience.count(), 0};
   setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   char byte = 0;
   EXPECT_EQ(recv(connection.get(), &byte, 1, MSG_PEEK), 1);
@@ -87,7 +87,7 @@ ScopedFd AcceptSpeaking(const ScopedFd& listener) {
 // A server that hangs and wakes up again, or means to fill the device.
 TEST(NotificationStreamTest, DestroyedWhileItConnectsItLeavesNoConnectionToAServerThatAnswersLater) {
   int port = 0;
-  const ScopedFd listener = Testing::BindLoopback(SOCK_STREAM, port);
+  const ScopedFd listener(ListenOnLoopback(port));
   ScopedFd connection;
   {
     const NotificationStream stream(Testing::LocalServer(port), {}, "", {});

@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "loopback.h"
+#include "loopback_socket.h"
 #include "scripted_server.h"
 
 namespace TarvoOrvane::Testing {
@@ -65,9 +65,7 @@ int NoteOffer(SSL* ssl, int* /*alert*/, void* out) {
 }  // namespace
 
 OldTlsServer::OldTlsServer(TestCertificate certificate)
-    : certificate_(std::move(certificate)),
-      listener_(BindLoopback(SOCK_STREAM, port_)),
-      thread_([this] { Run(); }) {}
+    : certificate_(std::move(certificate)), listener_(ListenOnLoopback(port_)), thread_([this] { Run(); }) {}
 
 OldTlsServer::~OldTlsServer() {
   stop_ = true;
@@ -76,7 +74,7 @@ OldTlsServer::~OldTlsServer() {
 
 std::vector<int> OldTlsServer::AwaitOfferedVersions() {
   auto offered = offered_.get_future();
-  if (offered.wait_for(kDeadline) != std::future_status::ready) return {};
+  if (offered.wait_for(test_support::kPatience) != std::future_status::ready) return {};
   return offered.get();
 }
 
@@ -90,7 +88,7 @@ void OldTlsServer::Run() {
 }
 
 void OldTlsServer::Serve(int fd) {
-  const timeval limit{kDeadline.count(), 0};
+  const timeval limit{test_support::kPatience.count(), 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   const Context context = MakeContext(certificate_);
   std::vector<int> versions;

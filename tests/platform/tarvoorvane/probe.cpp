@@ -2,70 +2,49 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
+#include <utility>
 
 namespace TarvoOrvane::Testing {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr char kNothing[] = "(nothing)";
-constexpr std::chrono::milliseconds kPollInterval{2};
 
 int MillisecondsUntil(Clock::time_point deadline) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
   return static_cast<int>(std::max<long>(0, left.count()));
 }
 
-}  // namespace
-
-Probe::Probe(std::vector<std::string> environment, std::string path) {
-  int to[2];
-  int from[2];
-  if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, to[0], STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, from[1], STDOUT_FILENO);
-  char* arguments[] = {path.data(), nullptr};
-  std::vector<char*> entries;
-  entries.reserve(environment.size() + 1);
-  for (auto& entry : environment) entries.push_back(entry.data());
-  entries.push_back(nullptr);
-  const int error = posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments, entries.data());
-  posix_spawn_file_actions_destroy(&actions);
-  close(to[0]);
-  close(from[1]);
-  to_fd_ = to[1];
-  from_fd_ = from[0];
-  if (error != 0) throw std::runtime_error("posix_spawn failed");
+std::array<Internal::ScopedFd, 2> MakePipe() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
+  return {Internal::ScopedFd(ends[0]), Internal::ScopedFd(ends[1])};
 }
 
-Probe::~Probe() {
-  close(to_fd_);
-  close(from_fd_);
-  if (pid_ > 0) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
+}  // namespace
+
+Probe::Probe(std::vector<std::string> environment, const std::string& path)
+    : to_(MakePipe()),
+      from_(MakePipe()),
+      process_(test_support::StartProgram({path}, std::move(environment), {to_[0].get(), from_[1].get()})) {
+  to_[0] = Internal::ScopedFd();
+  from_[1] = Internal::ScopedFd();
 }
 
 void Probe::Command(const std::string& line) const {
   const std::string text = line + "\n";
-  if (write(to_fd_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+  if (write(to_[1].get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
     throw std::runtime_error("the probe takes no command");
   }
 }
 
-void Probe::Signal(int number) const { kill(pid_, number); }
+void Probe::Signal(int number) const { process_.Signal(number); }
 
 std::string Probe::Line(std::chrono::milliseconds limit) {
   const auto deadline = Clock::now() + limit;
@@ -75,10 +54,10 @@ std::string Probe::Line(std::chrono::milliseconds limit) {
       buffer_.erase(0, end + 1);
       return line;
     }
-    pollfd readable{from_fd_, POLLIN, 0};
+    pollfd readable{from_[0].get(), POLLIN, 0};
     if (poll(&readable, 1, MillisecondsUntil(deadline)) <= 0) return kNothing;
     char chunk[4096];
-    const ssize_t size = read(from_fd_, chunk, sizeof chunk);
+    const ssize_t size = read(from_[0].get(), chunk, sizeof chunk);
     if (size <= 0) return kNothing;
     buffer_.append(chunk, static_cast<size_t>(size));
   }
@@ -92,29 +71,17 @@ std::string Probe::LineStartingWith(const std::string& prefix, std::chrono::mill
   }
 }
 
-std::optional<int> Probe::AwaitEnd(std::chrono::milliseconds limit) {
-  const auto deadline = Clock::now() + limit;
-  do {
-    int status = 0;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      return status;
-    }
-    std::this_thread::sleep_for(kPollInterval);
-  } while (Clock::now() < deadline);
-  return std::nullopt;
-}
+test_support::Ending Probe::AwaitEnd(std::chrono::milliseconds limit) { return process_.WaitForEnd(limit); }
 
 bool Probe::AwaitBlockedIn(const std::string& name, std::chrono::milliseconds limit) const {
   const long wanted = name == "ppoll" ? SYS_ppoll : SYS_clock_nanosleep;
-  const auto deadline = Clock::now() + limit;
-  do {
-    std::ifstream file("/proc/" + std::to_string(pid_) + "/syscall");
-    long number = -1;
-    if (file >> number && number == wanted) return true;
-    std::this_thread::sleep_for(kPollInterval);
-  } while (Clock::now() < deadline);
-  return false;
+  return test_support::Eventually(
+      [&] {
+        std::ifstream file("/proc/" + std::to_string(process_.pid()) + "/syscall");
+        long number = -1;
+        return file >> number && number == wanted;
+      },
+      limit);
 }
 
 }  // namespace TarvoOrvane::Testing

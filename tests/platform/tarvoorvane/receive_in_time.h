@@ -34,7 +34,7 @@ class PendingReceive {
       : future_(std::async(std::launch::async, [&client] { return client.Receive(); })) {}
 
   FastSupport::ReceiveResult Await() {
-    if (future_.wait_for(kDeadline) != std::future_status::ready) {
+    if (future_.wait_for(test_support::kPatience) != std::future_status::ready) {
       ADD_FAILURE() << "Receive() does not return";
       std::abort();
     }

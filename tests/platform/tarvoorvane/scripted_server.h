@@ -8,12 +8,11 @@
 #include <optional>
 #include <string>
 
+#include "eventually.h"
 #include "tarvo/support/v1/notification.grpc.pb.h"
 #include "test_certificate.h"
 
 namespace TarvoOrvane::Testing {
-
-constexpr std::chrono::seconds kDeadline{60};
 
 /// One stream that a client has opened.
 class Session {
@@ -28,11 +27,11 @@ class Session {
   virtual void SendUnknown() = 0;
   /// The next answer; none when it does not come in time.
   virtual std::optional<tarvo::support::v1::Answer> AwaitAnswer(
-      std::chrono::milliseconds limit = kDeadline) = 0;
+      std::chrono::milliseconds limit = test_support::kPatience) = 0;
   /// Ends the stream once everything is sent.
   virtual void End(const grpc::Status& status) = 0;
   /// Whether the stream has ended, whoever ended it.
-  virtual bool AwaitEnd(std::chrono::milliseconds limit = kDeadline) = 0;
+  virtual bool AwaitEnd(std::chrono::milliseconds limit = test_support::kPatience) = 0;
 };
 
 struct ServerOptions {
@@ -52,7 +51,7 @@ class ScriptedServer {
   [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
   /// The next stream that a client opens and says Hello on; null when none comes in time.
-  std::shared_ptr<Session> AwaitSession(std::chrono::milliseconds limit = kDeadline);
+  std::shared_ptr<Session> AwaitSession(std::chrono::milliseconds limit = test_support::kPatience);
 
  private:
   class Service;

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "loopback.h"
+#include "loopback_socket.h"
 
 namespace TarvoOrvane::Testing {
 
@@ -21,7 +21,7 @@ class ScriptedTcpServer {
   /// @param serve  Runs in the server's thread for one connection after the other. What it reads comes within a
   ///               minute or fails. Connections stay open until the server goes.
   explicit ScriptedTcpServer(std::function<void(int)> serve)
-      : serve_(std::move(serve)), listener_(BindLoopback(SOCK_STREAM, port_)), thread_([this] { Run(); }) {}
+      : serve_(std::move(serve)), listener_(ListenOnLoopback(port_)), thread_([this] { Run(); }) {}
   ~ScriptedTcpServer() {
     stop_ = true;
     thread_.join();

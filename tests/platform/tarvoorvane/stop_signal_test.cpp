@@ -44,12 +44,7 @@ class StopSignalTest : public testing::Test {
     ASSERT_EQ(probe_.Line(), "ticket t1");
   }
 
-  void ExpectExitWithZero() {
-    const auto status = probe_.AwaitEnd(kSoon);
-    ASSERT_TRUE(status) << "the process does not end";
-    EXPECT_TRUE(WIFEXITED(*status));
-    EXPECT_EQ(WEXITSTATUS(*status), 0);
-  }
+  void ExpectExitWithZero() { EXPECT_THAT(probe_.AwaitEnd(kSoon), test_support::ExitedWith(0)); }
 
   ScriptedServer server_;
   Probe probe_;
@@ -190,10 +185,7 @@ TEST_F(StopSignalTest, WithoutAHandlerSigtermEndsTheProcessAsEver) {
   ASSERT_EQ(probe_.Line(), "client ready");
   StartReceive("receive");
   probe_.Signal(SIGTERM);
-  const auto status = probe_.AwaitEnd(kSoon);
-  ASSERT_TRUE(status);
-  EXPECT_TRUE(WIFSIGNALED(*status));
-  EXPECT_EQ(WTERMSIG(*status), SIGTERM);
+  EXPECT_THAT(probe_.AwaitEnd(kSoon), test_support::KilledBy(SIGTERM));
 }
 
 TEST_F(StopSignalTest, DestructionStopsTheTimerAndGivesTheHandlerBack) {

@@ -9,11 +9,11 @@
 #include <thread>
 
 #include "client_errors.h"
-#include "loopback.h"
+#include "fault_proxy.h"
+#include "loopback_socket.h"
 #include "receive_in_time.h"
 #include "scripted_server.h"
 #include "syslog_recorder.h"
-#include "tcp_relay.h"
 #include "temporary_folder.h"
 #include "unread_server.h"
 
@@ -26,10 +26,10 @@ using FastSupport::ReceiveResult;
 using std::chrono::milliseconds;
 using tarvo::support::v1::CLIENT_STATUS_ACCEPTED;
 using tarvo::support::v1::CLIENT_STATUS_REJECTED;
+using test_support::kPatience;
 using testing::ElementsAre;
 using Testing::Failed;
 using testing::HasSubstr;
-using Testing::kDeadline;
 using testing::Not;
 using Testing::PendingReceive;
 using Testing::ReceiveInTime;
@@ -309,7 +309,7 @@ TEST_F(TicketClientTest, DestructionEndsTheThreadOfAStreamWhoseReadingPauses) {
   receive.Await();
   std::this_thread::sleep_for(milliseconds(300));  // for the queue to fill
   auto destruction = std::async(std::launch::async, [&client] { client.reset(); });
-  if (destruction.wait_for(kDeadline) != std::future_status::ready) {
+  if (destruction.wait_for(test_support::kPatience) != std::future_status::ready) {
     ADD_FAILURE() << "the destructor does not return";
     std::abort();
   }
@@ -372,7 +372,7 @@ TEST(TicketClientConnectionTest, ANameIsLookedUp) {
 
 TEST(TicketClientConnectionTest, AServerThatAcceptsButIsSilentFailsWithinTheConnectLimit) {
   int port = 0;
-  const ScopedFd listener = Testing::BindLoopback(SOCK_STREAM, port);
+  const ScopedFd listener(ListenOnLoopback(port));
 
   TicketClientOptions options;
   options.limits.connect = milliseconds(200);
@@ -404,22 +404,18 @@ TEST(TicketClientConnectionTest, SoIsOneThatComplainsByAGoAwayAlone) {
 }
 
 /// Whether `link` passes so many more pings on. gRPC leaves a second between two of them.
-bool AwaitPings(const Testing::TcpRelay& link, int count) {
-  const int enough = link.passed() + count;
-  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-  while (link.passed() < enough && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(milliseconds(10));
-  }
-  return link.passed() >= enough;
+bool AwaitPings(const FaultProxy& link, std::size_t count) {
+  const std::size_t enough = link.passed_to_server() + count;
+  return test_support::Eventually([&] { return link.passed_to_server() >= enough; });
 }
 
 TEST(TicketClientConnectionTest, ALinkThatDiesSilentlyIsFoundByPingsHoweverLongItWasIdle) {
   ScriptedServer server;
-  Testing::TcpRelay link(server.port());
+  FaultProxy link(server.port());
   TicketClientOptions options;
   options.limits.keepalive = milliseconds(100);
   options.limits.ping_answer = milliseconds(2000);  // until the link dies the answers come in time
-  TicketClient client("http://127.0.0.1:" + std::to_string(link.port()), options);
+  TicketClient client(link.Url(), options);
   auto receive = StartReceive(client);
   ASSERT_NE(server.AwaitSession(), nullptr);
   std::this_thread::sleep_for(milliseconds(100));  // for what belongs to the opening

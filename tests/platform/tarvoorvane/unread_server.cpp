@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "loopback.h"
+#include "loopback_socket.h"
 #include "tarvo/support/v1/notification.pb.h"
 
 namespace TarvoOrvane::Testing {
@@ -64,7 +64,7 @@ UnreadServer::UnreadServer(ComplaintOfPings) : UnreadServer(ComplaintFrames(), t
 UnreadServer::UnreadServer(std::string reply, bool is_its_last)
     : reply_(std::move(reply)),
       is_its_last_(is_its_last),
-      listener_(BindLoopback(SOCK_STREAM, port_)),
+      listener_(ListenOnLoopback(port_)),
       thread_([this] { Run(); }) {}
 
 UnreadServer::~UnreadServer() {

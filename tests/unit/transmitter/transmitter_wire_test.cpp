@@ -9,8 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "loopback_server.h"
+#include "loopback_socket.h"
 #include "scripted_platform.h"
+#include "steerable_server.h"
 #include "transmitter.h"
 
 namespace TarvoOrvane::Transmitter {
@@ -125,7 +126,7 @@ std::string BinaryContent(std::size_t size) {
 }
 
 TEST_F(TransmitterWireTest, UploadSendsThePartsInOrder) {
-  LoopbackServer server({HttpAnswer("200 OK", kSuccessAnswer)});
+  SteerableServer server({HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
   const std::string content = BinaryContent(100000);
   Json::Value apps(Json::arrayValue);
@@ -135,7 +136,7 @@ TEST_F(TransmitterWireTest, UploadSendsThePartsInOrder) {
 
   EXPECT_TRUE(DebugFileTransmitter("token-1").UploadFile(WriteArchive(content), apps));
 
-  const std::vector<ReceivedRequest>& requests = server.Requests();
+  const std::vector<ReceivedRequest> requests = server.Requests();
   ASSERT_THAT(requests, SizeIs(1));
   EXPECT_EQ(requests[0].request_line, "POST /orvane/ps_files HTTP/1.1");
   EXPECT_THAT(requests[0].Header("Content-Type"), StartsWith("multipart/form-data; boundary="));
@@ -149,7 +150,7 @@ TEST_F(TransmitterWireTest, UploadSendsThePartsInOrder) {
 
 // libcurl sends no header line without a value.
 TEST_F(TransmitterWireTest, WithoutATokenThereIsARequestWithoutACredential) {
-  LoopbackServer server({HttpAnswer("200 OK", kSuccessAnswer)});
+  SteerableServer server({HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
 
   EXPECT_TRUE(DebugFileTransmitter("").UpdateResult(kSuccess));
@@ -161,12 +162,12 @@ TEST_F(TransmitterWireTest, WithoutATokenThereIsARequestWithoutACredential) {
 }
 
 TEST_F(TransmitterWireTest, UploadCarriesTheCredentialAsItsOnlyOwnHeaderLine) {
-  LoopbackServer server({HttpAnswer("200 OK", kSuccessAnswer)});
+  SteerableServer server({HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
 
   EXPECT_TRUE(DebugFileTransmitter("to ken/+=").UploadFile(WriteArchive("x"), Json::Value(Json::arrayValue)));
 
-  const std::vector<ReceivedRequest>& requests = server.Requests();
+  const std::vector<ReceivedRequest> requests = server.Requests();
   ASSERT_THAT(requests, SizeIs(1));
   std::vector<std::string> names;
   for (const auto& [name, value] : requests[0].header) {
@@ -177,7 +178,7 @@ TEST_F(TransmitterWireTest, UploadCarriesTheCredentialAsItsOnlyOwnHeaderLine) {
 }
 
 TEST_F(TransmitterWireTest, UploadWithoutSerialNumberHasAnEmptyPart) {
-  LoopbackServer server({HttpAnswer("200 OK", kSuccessAnswer)});
+  SteerableServer server({HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
   platform_.serial_number = [] { return Optional<std::string>(); };
 
@@ -189,7 +190,7 @@ TEST_F(TransmitterWireTest, UploadWithoutSerialNumberHasAnEmptyPart) {
 }
 
 TEST_F(TransmitterWireTest, UploadOfAnArchiveOfSeveralMebibytesArrivesWhole) {
-  LoopbackServer server({HttpAnswer("200 OK", kSuccessAnswer)});
+  SteerableServer server({HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
   const std::string content = BinaryContent(std::size_t{3} << 20);
 
@@ -203,7 +204,7 @@ TEST_F(TransmitterWireTest, UploadOfAnArchiveOfSeveralMebibytesArrivesWhole) {
 }
 
 TEST_F(TransmitterWireTest, EveryAttemptOfAnUploadSendsTheWholeForm) {
-  LoopbackServer server(
+  SteerableServer server(
       {{{"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n  "}}, HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
   const std::string content = BinaryContent(50000);
@@ -222,7 +223,7 @@ TEST_F(TransmitterWireTest, EveryAttemptOfAnUploadSendsTheWholeForm) {
 
 TEST_F(TransmitterWireTest, UploadOfAMissingArchiveFailsInEveryAttempt) {
   // libcurl connects before it opens the file.
-  LoopbackServer server({{{}}, {{}}, {{}}, {{}}, {{}}});
+  SteerableServer server({{{}}, {{}}, {{}}, {{}}, {{}}});
   UseServer(server.Url());
   const std::string path = platform_.folder() / "missing.dat";
 
@@ -235,12 +236,12 @@ TEST_F(TransmitterWireTest, UploadOfAMissingArchiveFailsInEveryAttempt) {
 }
 
 TEST_F(TransmitterWireTest, ReportSendsItsBodyAndHeaderLinesInOrder) {
-  LoopbackServer server({HttpAnswer("200 OK", kSuccessAnswer)});
+  SteerableServer server({HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
 
   EXPECT_TRUE(Report(kFailedToUploadDebugFile));
 
-  const std::vector<ReceivedRequest>& requests = server.Requests();
+  const std::vector<ReceivedRequest> requests = server.Requests();
   ASSERT_THAT(requests, SizeIs(1));
   EXPECT_EQ(requests[0].request_line, "POST /orvane/ps_results HTTP/1.1");
   EXPECT_EQ(requests[0].body,
@@ -256,7 +257,7 @@ TEST_F(TransmitterWireTest, ReportSendsItsBodyAndHeaderLinesInOrder) {
 }
 
 TEST_F(TransmitterWireTest, EveryAttemptOfAReportSendsTheSameBody) {
-  LoopbackServer server({{{}}, {{}}, HttpAnswer("200 OK", kSuccessAnswer)});
+  SteerableServer server({{{}}, {{}}, HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
 
   EXPECT_TRUE(Report());
@@ -270,7 +271,7 @@ TEST_F(TransmitterWireTest, EveryAttemptOfAReportSendsTheSameBody) {
 }
 
 TEST_F(TransmitterWireTest, AddressWithATrailingSlashGivesADoubleSlash) {
-  LoopbackServer server({HttpAnswer("200 OK", kSuccessAnswer)});
+  SteerableServer server({HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url() + "/base/");
 
   EXPECT_TRUE(Report());
@@ -280,7 +281,7 @@ TEST_F(TransmitterWireTest, AddressWithATrailingSlashGivesADoubleSlash) {
 }
 
 TEST_F(TransmitterWireTest, ErrorStatusWithASuccessfulBodyCountsAsSuccess) {
-  LoopbackServer server({HttpAnswer("500 Internal Server Error", R"({"success": true})")});
+  SteerableServer server({HttpAnswer("500 Internal Server Error", R"({"success": true})")});
   UseServer(server.Url());
 
   EXPECT_TRUE(Report());
@@ -288,7 +289,7 @@ TEST_F(TransmitterWireTest, ErrorStatusWithASuccessfulBodyCountsAsSuccess) {
 }
 
 TEST_F(TransmitterWireTest, GoodStatusWithARefusingBodyCountsAsFailure) {
-  LoopbackServer server({HttpAnswer("200 OK", R"({"success": false})")});
+  SteerableServer server({HttpAnswer("200 OK", R"({"success": false})")});
   UseServer(server.Url());
 
   EXPECT_FALSE(Report());
@@ -297,7 +298,7 @@ TEST_F(TransmitterWireTest, GoodStatusWithARefusingBodyCountsAsFailure) {
 }
 
 TEST_F(TransmitterWireTest, AnswerWithoutABodyIsUnparsable) {
-  LoopbackServer server({{{"HTTP/1.1 204 No Content\r\n\r\n"}}});
+  SteerableServer server({{{"HTTP/1.1 204 No Content\r\n\r\n"}}});
   UseServer(server.Url());
 
   EXPECT_FALSE(Report());
@@ -305,9 +306,11 @@ TEST_F(TransmitterWireTest, AnswerWithoutABodyIsUnparsable) {
 }
 
 TEST_F(TransmitterWireTest, ChunkedAnswerThatComesSlowlyIsPutTogether) {
-  LoopbackServer server({{{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "5\r\n{\"suc\r\n",
-                           "6\r\ncess\":\r\n", "5\r\ntrue}\r\n", "0\r\n\r\n"},
-                          std::chrono::milliseconds(20)}});
+  Treatment answer;
+  answer.pieces = {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "5\r\n{\"suc\r\n",
+                   "6\r\ncess\":\r\n", "5\r\ntrue}\r\n", "0\r\n\r\n"};
+  answer.pause_between = std::chrono::milliseconds(20);
+  SteerableServer server({answer});
   UseServer(server.Url());
 
   EXPECT_TRUE(Report());
@@ -327,8 +330,8 @@ TEST_F(TransmitterWireTest, RefusedConnectionGivesFiveLinesAndAParseFailure) {
 }
 
 TEST_F(TransmitterWireTest, AnAnswerBrokenInTheMiddleStaysInFrontOfTheNext) {
-  LoopbackServer server({{{"HTTP/1.1 200 OK\r\nContent-Length: 16\r\n\r\n{\"success\""}},
-                         HttpAnswer("200 OK", kSuccessAnswer)});
+  SteerableServer server({{{"HTTP/1.1 200 OK\r\nContent-Length: 16\r\n\r\n{\"success\""}},
+                          HttpAnswer("200 OK", kSuccessAnswer)});
   UseServer(server.Url());
 
   EXPECT_FALSE(Report());
