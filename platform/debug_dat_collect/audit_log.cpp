@@ -23,15 +23,15 @@ constexpr std::int64_t kLockLookMs = 1;
   throw std::runtime_error("the audit log " + path + " can't be written: " + ErrorText(errno));
 }
 
-/// Refuses what somebody else may have put in the log's place: a file of his own, which he could lock for good, or
-/// a second name of a file that is no log.
+/// Refuses what somebody else may have put in the log's place: a file of their own, which they could lock for good,
+/// or a second name of a file that is no log.
 void RefuseForeign(const struct stat& file, const std::string& path) {
   if (S_ISREG(file.st_mode) && file.st_uid == geteuid() && file.st_nlink <= 1) return;
   throw std::runtime_error("the audit log " + path +
                            " can't be written: it is no file of the caller's own with one name; remove it");
 }
 
-/// Waits for the lock, but not for ever: who had the file open when its mode let him can keep it.
+/// Waits for the lock, but not for ever: who had the file open when its mode let them can keep it.
 void Lock(int fd, const std::string& path, unsigned wait_ms) {
   const std::int64_t deadline = MonotonicMs() + wait_ms;
   while (flock(fd, LOCK_EX | LOCK_NB) != 0) {

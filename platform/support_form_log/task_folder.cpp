@@ -41,8 +41,8 @@ void MakeParents(const std::string& path) {
 
 std::string ParentOf(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
-/// Refuses a folder, which need not be there, if somebody else has a say in what lies there: he could put a folder of
-/// his in the place of ours, and have the caller upload and delete what is his choice.
+/// Refuses a folder, which need not be there, if somebody else has a say in what lies there: they could put a folder of
+/// theirs in the place of ours, and have the caller upload and delete what is their choice.
 void RefuseForeign(const std::string& folder) {
   const OpenedPath judged = OpenTrusted(folder, O_PATH | O_DIRECTORY);
   if (judged.distrust) throw ApiError(ApiErrorCode::kSystem, judged.distrust.Line());

@@ -3,7 +3,7 @@
 // One process holds the pid file at a time. What tells is a write lock on the file, not its content: the kernel
 // drops the lock with the process, however it ends, so a stale file never keeps a daemon from starting.
 //
-// Any user could lock a file that he once might read, and keep that lock. So every daemon makes a file of its own,
+// Any user could lock a file that they once might read, and keep that lock. So every daemon makes a file of its own,
 // which nobody else ever could open: first beside the pid file, with ".new" behind its name, then renamed to it. Who
 // holds the lock of the file with that name may look at the pid file and replace it; no two processes do at a time.
 

@@ -43,7 +43,7 @@ std::string Now() {
 }
 
 /// Opens the log file for appending. Lines quote tickets, so nobody but the owner may read it. What somebody else may
-/// have put there is refused: a file of his own, or a second name of another file.
+/// have put there is refused: a file of their own, or a second name of another file.
 /// @param fault  Why it can't be opened; untouched otherwise.
 ScopedFd OpenLogFile(const std::string& path, std::string& fault) {
   ScopedFd file(open(path.c_str(),
@@ -92,8 +92,8 @@ bool IsNamed(int fd, const std::string& path) {
 
 /// Renames the full file, unless another process is about to or has done so. Nobody waits for the lock, so that a
 /// process that is stopped while it holds it stops no other.
-/// @param locked_or_not  Renames it though somebody holds the lock. Whoever opened it when its mode still let him may
-///                       hold the lock for ever.
+/// @param locked_or_not  Renames it though somebody holds the lock. Whoever opened it when its mode still let them
+///                       may hold the lock for ever.
 void RenameFullFile(const ScopedFd& file, const std::string& path, bool locked_or_not) {
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 && !locked_or_not) return;
   if (IsNamed(file.get(), path)) (void)rename(path.c_str(), (path + ".1").c_str());

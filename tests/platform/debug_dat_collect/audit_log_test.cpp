@@ -138,11 +138,11 @@ TEST_F(AuditLogTest, SecondNameOfAnotherFileIsLeftAlone) {
 TEST_F(AuditLogTest, FileOfAnotherUserIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   constexpr uid_t kNobody = 65534;
-  WriteText(log_, "his\n");
+  WriteText(log_, "theirs\n");
   ASSERT_EQ(chown(log_.c_str(), kNobody, kNobody), 0);
   EXPECT_THAT([&] { AppendAuditLine(log_, 100, "line\n"); },
               testing::ThrowsMessage<std::runtime_error>(HasSubstr("the caller's own")));
-  EXPECT_EQ(ReadText(log_), "his\n");
+  EXPECT_EQ(ReadText(log_), "theirs\n");
 }
 
 TEST_F(AuditLogTest, LockThatANeighbourKeepsIsNotWaitedForForEver) {

@@ -83,7 +83,7 @@ TEST_F(ProgramTest, PeopleGetTheVeryArchiveThatATicketGetsAndItsListBeforehand) 
 }
 
 TEST_F(ProgramTest, ItsUsersOtherProcessesCannotLookIntoItsMemory) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can run it as another user than himself";
+  if (geteuid() != 0) GTEST_SKIP() << "only root can run it as another user than itself";
   WriteText(folder_ / "demo.json", R"({"commands": [
       {"argv": ["sh", "-c", "cat /proc/$PPID/environ 2>&1 && echo open"]},
       {"argv": ["cat", "/proc/self/oom_score_adj"]}]})");

@@ -146,7 +146,7 @@ TEST_F(TrustedPathTest, InAUserNamespaceWithoutRootWhatIsRootsOutsideIsTrusted) 
   });
   if (inside.Answer().rfind("no ", 0) == 0) GTEST_SKIP() << inside.Answer();
   EXPECT_EQ(inside.Answer(), "|unmapped");
-  EXPECT_EQ(IsTrustedUser(kNeighbour), geteuid() == kNeighbour) << "here he is somebody";
+  EXPECT_EQ(IsTrustedUser(kNeighbour), geteuid() == kNeighbour) << "here they are somebody";
 }
 
 }  // namespace

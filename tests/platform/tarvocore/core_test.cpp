@@ -136,7 +136,7 @@ class TarvoCoreTest : public testing::Test {
   std::function<int()> Creation() {
     return [this] { return Create(); };
   }
-  /// Lets an ordinary user into the folder, and lets him write there.
+  /// Lets an ordinary user into the folder, and lets them write there.
   void LetOthersIn() const { fs::permissions(folder_, static_cast<fs::perms>(0777)); }
 
   const test_support::TemporaryFolder temporary_;

@@ -143,7 +143,7 @@ TEST_F(LoggerTest, AFifoOrALinkIsNoLogFile) {
 void ExpectRefused(const std::string& content, const std::string& file) {
   EXPECT_EQ(LoggerManager::instance_, nullptr);
   EXPECT_THAT(TakeSyslogText(), HasSubstr("no file of the daemon's own with one name; remove it"));
-  EXPECT_EQ(content, "his\n");
+  EXPECT_EQ(content, "theirs\n");
   struct stat status {};
   ASSERT_EQ(stat(file.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0644u);
@@ -152,7 +152,7 @@ void ExpectRefused(const std::string& content, const std::string& file) {
 TEST_F(LoggerTest, AFileOfAnotherUserIsNoLogFile) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   constexpr uid_t kNobody = 65534;
-  folder_.Write("log", "his\n");
+  folder_.Write("log", "theirs\n");
   ASSERT_EQ(chmod(options_.log_file.c_str(), 0644), 0);
   ASSERT_EQ(chown(options_.log_file.c_str(), kNobody, kNobody), 0);
   TurnOn();
@@ -160,7 +160,7 @@ TEST_F(LoggerTest, AFileOfAnotherUserIsNoLogFile) {
 }
 
 TEST_F(LoggerTest, ASecondNameOfAFileIsNoLogFile) {
-  ASSERT_EQ(chmod(folder_.Write("other", "his\n").c_str(), 0644), 0);
+  ASSERT_EQ(chmod(folder_.Write("other", "theirs\n").c_str(), 0644), 0);
   std::filesystem::create_hard_link(folder_.File("other"), options_.log_file);
   TurnOn();
   ExpectRefused(folder_.Read("other"), folder_.File("other"));
@@ -198,7 +198,7 @@ TEST_F(LoggerTest, AFullFileThatCannotBeRenamedTakesNoMoreThanTwiceItsLimit) {
 TEST_F(LoggerTest, ALockThatANeighbourKeepsDoesNotLetTheFileGrow) {
   options_.max_file_bytes = 1000;
   TurnOn();
-  // He opened it when its mode let him.
+  // They opened it when its mode let them.
   const ScopedFd neighbour(open(options_.log_file.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(flock(neighbour.get(), LOCK_EX), 0);
   for (int i = 0; i < 50; ++i) LoggerManager::instance_->Log(LOG_ERR, std::string(100, 'x'));
