@@ -76,7 +76,7 @@ pid_t StartProgram(std::vector<std::string> argv, std::vector<std::string> envir
                    const Streams& streams);
 
 /// A forked process that runs one piece of code, which the constructor waits for, then stays until the object goes.
-/// Its session is its own: whoever runs the tests keeps the priority of his when a task lowers that of its session.
+/// Its session is its own: whoever runs the tests keeps their priority when a task lowers that of its session.
 class CallerProcess {
  public:
   /// @param fork_call  How it is forked; fork() unless that is what is tested.
