@@ -140,24 +140,40 @@ install_packages() {
 
 # ---------- Build ----------
 
-# configure_build PRESET: once.
-configure_build() {
-  [ ! -f "$root/build/$1/build.ninja" ] || return 0
-  say "Configuring build/$1 (some seconds)"
-  (cd "$root" && cmake --preset "$1") || fail "CMake could not configure the build; its messages are above"
+# configure_once PRESET: and again what has changed of the build's description.
+configure_once() {
+  if [ ! -f "$root/build/$1/build.ninja" ]; then
+    say "Configuring build/$1 (some seconds)"
+    (cd "$root" && cmake --preset "$1")
+  else
+    cmake --build "$root/build/$1" --target build.ninja >"$root/build/$1/configure.log" ||
+      { cat "$root/build/$1/configure.log"; false; }
+  fi || fail "CMake could not configure the build; its messages are above"
 }
 
-# build PRESET [TARGET...]: configures once, and builds what has changed.
-build() {
-  local preset=$1
-  shift
+# in_turn COMMAND...: while nobody else builds in this checkout.
+in_turn() {
   mkdir -p "$root/build" || fail "can't make $root/build"
   wait_for_turn "$root/build/.lock" build
-  configure_build "$preset"
+  "$@"
+  exec {turn}>&-
+}
+
+compile() {
+  local preset=$1
+  shift
   say "Building build/$preset${1:+: $*} (the first time takes some minutes)"
   (cd "$root" && cmake --build --preset "$preset" ${1:+--target "$@"}) ||
     fail "the build failed; its messages are above"
-  exec {turn}>&-
+}
+
+# configure PRESET: once, and again what has changed of the build's description.
+configure() { in_turn configure_once "$1"; }
+
+# build PRESET [TARGET...]: what has changed.
+build() {
+  [ -f "$root/build/$1/build.ninja" ] || configure "$1"
+  in_turn compile "$@"
 }
 
 # ---------- Sandbox ----------
