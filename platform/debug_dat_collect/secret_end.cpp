@@ -218,11 +218,8 @@ bool SecretEnd::EndsDelimiter(char byte) {
   return matched_ == delimiter.size();
 }
 
-/// Each level of quoting turns n backslashes into 2n, and 2n + 1 before a quote; what exceeds the opening quote's
-/// are escaped backslashes of the content.
 bool SecretEnd::IsClosingQuote(char byte) const {
-  return byte == secret_.mark && run_ >= secret_.level &&
-         (run_ - secret_.level) % (2 * (secret_.level + 1)) == 0;
+  return byte == secret_.mark && ClosesString(run_, secret_.level);
 }
 
 }  // namespace TARVO::SupportForm

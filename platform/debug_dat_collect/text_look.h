@@ -119,6 +119,12 @@ inline std::size_t SkipBlanksBack(std::string_view text, std::size_t at) {
   return Is(byte, kBlank) || Contains("mK", byte) ? SkipBlanksAndColoursBack(text, at) : word;
 }
 std::size_t CountBackslashes(std::string_view text, std::size_t at);
+/// Whether a quote with `run` backslashes before it closes the string whose opening quote had `level`. Each level of
+/// quoting turns n backslashes into 2n, and 2n + 1 before a quote; what exceeds the opening quote's are escaped
+/// backslashes of the content, and these come in multiples of 2 (level + 1).
+constexpr bool ClosesString(std::size_t run, std::size_t level) {
+  return run >= level && (run - level) % (2 * (level + 1)) == 0;
+}
 /// The word up to a blank or line end, at most `most` bytes.
 std::string_view WordAt(std::string_view text, std::size_t at, std::size_t most);
 /// The rest of the line, at most `most` bytes.

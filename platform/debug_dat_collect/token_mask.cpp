@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "text_look.h"
+
 namespace TARVO::SupportForm {
 namespace {
 
@@ -112,7 +114,7 @@ void TokenMask::StepString(char& byte) {
     TakeBackslash(&byte);
   } else if (byte == '"' && run_ < key_level_) {
     EnterKey();
-  } else if (byte == '"' && EndsString()) {
+  } else if (byte == '"' && ClosesString(run_, level_)) {
     MaskRun(&byte, run_ - level_);
     run_ = 0;
     state_ = State::kText;
@@ -138,7 +140,7 @@ void TokenMask::StepContainer(char& byte) {
   if (byte == '"' && !in_string_) {
     level_ = run_;
     in_string_ = true;
-  } else if (byte == '"' && EndsString()) {
+  } else if (byte == '"' && ClosesString(run_, level_)) {
     in_string_ = false;
   } else if (!in_string_) {
     if (byte == '[' || byte == '{') ++depth_;
@@ -186,11 +188,6 @@ void TokenMask::EnterKey() {
   matched_ = 0;
   run_ = 0;
 }
-
-/// Whether a quote with `run_` backslashes before it closes the string whose opening quote had `level_`. Each
-/// level of quoting turns n backslashes into 2n, and 2n + 1 before a quote; what exceeds the opening quote's
-/// are escaped backslashes of the content, and these come in multiples of 2 (level_ + 1).
-bool TokenMask::EndsString() const { return run_ >= level_ && (run_ - level_) % (2 * (level_ + 1)) == 0; }
 
 std::string Masked(std::string_view text) {
   TokenMask mask;

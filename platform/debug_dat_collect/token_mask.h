@@ -59,7 +59,6 @@ class TokenMask {
   void MaskRun(char* end, std::size_t count);
   void EnterKey();
   [[nodiscard]] bool InQuotes() const { return state_ == State::kString || state_ == State::kContainer; }
-  [[nodiscard]] bool EndsString() const;
 
   State state_ = State::kText;
   std::uint64_t count_ = 0;
