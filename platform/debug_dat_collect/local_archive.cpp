@@ -66,9 +66,7 @@ class WorkFolder {
 
   /// Async-signal-safe.
   static void Remove() {
-    for (const char* name : {kUnfinishedFile, kArchiveFile, kSpoolFile, kProgressFile, "progress.new"}) {
-      unlinkat(current_fd, name, 0);
-    }
+    for (const char* name : kTaskFiles) unlinkat(current_fd, name, 0);
     unlinkat(current_parent_fd, current_name, AT_REMOVEDIR);
   }
 

@@ -26,7 +26,7 @@ void Progress::WriteWhenDue() {
 void Progress::Write() {
   const std::string text =
       R"({"bytes":)" + std::to_string(bytes_) + R"(,"files":)" + std::to_string(files_) + "}\n";
-  static_cast<void>(ReplaceFile(folder_fd_, kProgressFile, text));
+  static_cast<void>(ReplaceFile(folder_fd_, kProgressFile, kNewProgressFile, text));
   written_at_ms_ = MonotonicMs();
 }
 

@@ -92,12 +92,9 @@ bool ReadFileUpTo(const std::string& path, std::size_t limit, std::string& out, 
   return ReadUpTo(fd.get(), limit, out, more);
 }
 
-bool ReplaceFile(int folder_fd, const std::string& name, std::string_view text) {
-  const std::string fresh = name + ".new";
-  const UniqueFd fd(
-      openat(folder_fd, fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-  return fd.valid() && WriteAll(fd.get(), text) &&
-         renameat(folder_fd, fresh.c_str(), folder_fd, name.c_str()) == 0;
+bool ReplaceFile(int folder_fd, const char* name, const char* fresh, std::string_view text) {
+  const UniqueFd fd(openat(folder_fd, fresh, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+  return fd.valid() && WriteAll(fd.get(), text) && renameat(folder_fd, fresh, folder_fd, name) == 0;
 }
 
 bool IsKernelFileSystem(int fd) {

@@ -42,7 +42,8 @@ void SleepMs(std::int64_t milliseconds);
 
 /// Creates or replaces the file `name` in a folder in one step: a reader sees the old text or the new one,
 /// whole. Mode 0600. Returns false, with errno set, on failure.
-[[nodiscard]] bool ReplaceFile(int folder_fd, const std::string& name, std::string_view text);
+/// @param fresh  A name in the folder for the new text until it is whole; what has it is overwritten.
+[[nodiscard]] bool ReplaceFile(int folder_fd, const char* name, const char* fresh, std::string_view text);
 
 /// Whether the file lies in a file system whose files the kernel makes as they are read: proc, sysfs and the like.
 [[nodiscard]] bool IsKernelFileSystem(int fd);

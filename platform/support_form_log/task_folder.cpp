@@ -206,12 +206,7 @@ std::vector<std::string> RemoveLeftovers(int state_fd) {
 bool RemoveTask(int state_fd, const std::string& task_id) {
   const UniqueFd folder(openat(state_fd, task_id.c_str(), kFolderFlags));
   if (!folder.valid()) return errno == ENOENT;
-  const std::string fresh = ".new";
-  for (const std::string& name : {std::string(kProgressFile), kProgressFile + fresh, std::string(kSpoolFile),
-                                  std::string(kUnfinishedFile), std::string(kArchiveFile),
-                                  std::string(kLockFile), std::string(kOwnerFile)}) {
-    unlinkat(folder.get(), name.c_str(), 0);
-  }
+  for (const char* name : kTaskFiles) unlinkat(folder.get(), name, 0);
   return unlinkat(state_fd, task_id.c_str(), AT_REMOVEDIR) == 0;
 }
 

@@ -14,6 +14,7 @@
 /// and not the folder's own: where an operator lets others read that, they could keep it locked.
 #pragma once
 
+#include <array>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,9 +27,13 @@ namespace TARVO::SupportForm {
 inline constexpr const char* kLockFile = "lock";
 inline constexpr const char* kOwnerFile = "owner";
 inline constexpr const char* kProgressFile = "progress";          ///< A JSON object {"bytes", "files"}.
+inline constexpr const char* kNewProgressFile = "progress.new";   ///< The next one, until it is whole.
 inline constexpr const char* kSpoolFile = "spool";                ///< Output of a command, unlinked at once.
 inline constexpr const char* kUnfinishedFile = "debug.dat.part";  ///< The archive while it is being made.
 inline constexpr const char* kArchiveFile = "debug.dat";          ///< The archive, once it is complete.
+/// All of the above: what may lie in a task folder, in the order in which it is removed.
+inline constexpr std::array<const char*, 7> kTaskFiles = {
+    kProgressFile, kNewProgressFile, kSpoolFile, kUnfinishedFile, kArchiveFile, kLockFile, kOwnerFile};
 
 /// A folder made for a new task.
 struct NewTask {
