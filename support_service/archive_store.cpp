@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "hex_text.h"
+
 namespace TarvoOrvane::SupportService {
 namespace {
 
@@ -132,8 +134,7 @@ void IncomingArchive::Finish() {
   if (EVP_DigestFinal_ex(digest_.get(), hash.data(), &length) != 1) {
     throw std::runtime_error("cannot compute SHA-256");
   }
-  constexpr std::string_view kHex = "0123456789abcdef";
-  for (unsigned int i = 0; i < length; ++i) sha256_ += {kHex[hash.at(i) >> 4], kHex[hash.at(i) & 0x0f]};
+  sha256_ = HexText(hash.data(), length);
 }
 
 ArchiveStore::ArchiveStore(const fs::path& data_folder) : folder_(data_folder) {

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include "hex_text.h"
+
 namespace TarvoOrvane::SupportService {
 
 void EventLog::Write(const std::string& event) {
@@ -37,7 +39,6 @@ std::string TimeText(std::chrono::system_clock::time_point time) {
 }
 
 std::string Printable(std::string_view text, std::size_t max_bytes) {
-  constexpr std::string_view kHex = "0123456789abcdef";
   std::string result;
   for (const char character : text.substr(0, max_bytes)) {
     const auto byte = static_cast<unsigned char>(character);
@@ -46,7 +47,7 @@ std::string Printable(std::string_view text, std::size_t max_bytes) {
     } else if (byte >= 0x20 && byte <= 0x7e) {
       result += character;
     } else {
-      result += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0x0f]};
+      result += "\\x" + HexText(&byte, 1);
     }
   }
   if (text.size() > max_bytes) result += "...";

@@ -10,6 +10,8 @@
 #include <system_error>
 #include <utility>
 
+#include "hex_text.h"
+
 namespace TarvoOrvane::SupportService {
 namespace {
 
@@ -20,7 +22,6 @@ constexpr std::size_t kMaxTicketBytes = std::size_t{60} * 1024;
 constexpr std::size_t kMaxChanges = 256;
 
 std::string RandomHex(std::size_t bytes) {
-  constexpr std::string_view kHex = "0123456789abcdef";
   std::vector<unsigned char> random(bytes);
   // A request of up to 256 bytes is answered whole once the kernel's generator is seeded.
   ssize_t count = 0;
@@ -30,9 +31,7 @@ std::string RandomHex(std::size_t bytes) {
   if (count != static_cast<ssize_t>(bytes)) {
     throw std::system_error(errno, std::generic_category(), "cannot get random bytes");
   }
-  std::string text;
-  for (const unsigned char byte : random) text += {kHex[byte >> 4], kHex[byte & 0x0f]};
-  return text;
+  return HexText(random.data(), random.size());
 }
 
 std::string TicketJson(const std::string& token, const std::vector<std::string>& apps) {

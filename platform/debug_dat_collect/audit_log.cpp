@@ -1,7 +1,6 @@
 #include "audit_log.h"
 
 #include <fcntl.h>
-#include <json/writer.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 
 #include "app_description.h"
 #include "file_util.h"
+#include "json_text.h"
 #include "unique_fd.h"
 
 namespace TARVO::SupportForm {
@@ -85,9 +85,7 @@ std::string AuditLine(const AuditRecord& record) {
   line["sha256"] = record.archive.sha256;
   line["redaction"] = record.redaction;
   line["redacted"] = Json::UInt64{record.archive.redacted};
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, line) + "\n";
+  return CompactJson(line) + "\n";
 }
 
 void AppendAuditLine(const std::string& path, std::uint64_t max_bytes, const std::string& line,

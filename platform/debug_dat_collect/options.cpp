@@ -10,6 +10,7 @@
 namespace TARVO::SupportForm {
 namespace {
 
+// These few lines stand in support_service/options.cpp, too: the two sides share no code, only the wire.
 constexpr int kUsageError = 2;
 
 constexpr const char* kFooter =

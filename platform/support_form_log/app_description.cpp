@@ -1,13 +1,13 @@
 #include "app_description.h"
 
 #include <json/reader.h>
-#include <json/writer.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <memory>
 
 #include "file_util.h"
+#include "json_text.h"
 #include "trusted_path.h"
 
 namespace TARVO::SupportForm {
@@ -177,9 +177,7 @@ bool IsAppName(std::string_view name) {
 }
 
 std::string NotAnAppName(const Json::Value& asked) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return "not an application name: " + Json::writeString(builder, asked);
+  return "not an application name: " + CompactJson(asked);
 }
 
 AppDescription LoadAppDescription(const Paths& paths, const Limits& limits, const std::string& name) {

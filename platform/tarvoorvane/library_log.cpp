@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "allowance.h"
+#include "hex_text.h"
 #include "platform/support_service_client.h"
 
 namespace TarvoOrvane::Internal {
@@ -55,9 +56,8 @@ std::string PrintableByte(char byte) {
   if (byte == '\n') return "\\n";
   if (byte == '\r') return "\\r";
   if (byte == '\t') return "\\t";
-  static constexpr char kHexDigits[] = "0123456789abcdef";
   const auto value = static_cast<unsigned char>(byte);
-  return {'\\', 'x', kHexDigits[value >> 4], kHexDigits[value & 0xf]};
+  return "\\x" + HexText(&value, 1);
 }
 
 void LogForGrpc(gpr_log_func_args* args) {

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "hex_text.h"
 #include "library_log.h"
 #include "scoped_fd.h"
 
@@ -108,12 +109,7 @@ std::string HashOfMachineId(const std::string& digits) {
                           kApplicationId.size(), hash.data(), nullptr) == nullptr) {
     return {};
   }
-  static constexpr char kHexDigits[] = "0123456789abcdef";
-  std::string text;
-  for (size_t i = 0; i < kMachineIdDigits / 2; ++i) {
-    text += {kHexDigits[hash[i] >> 4], kHexDigits[hash[i] & 0xf]};
-  }
-  return text;
+  return HexText(hash.data(), kMachineIdDigits / 2);
 }
 
 }  // namespace

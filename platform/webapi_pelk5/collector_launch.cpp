@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <json/writer.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <climits>
 
 #include "file_util.h"
+#include "json_text.h"
 #include "task_folder.h"
 #include "task_process.h"
 
@@ -45,12 +45,6 @@ bool GiveInput(const std::string& text) {
          dup2(input.get(), STDIN_FILENO) >= 0;
 }
 
-std::string CompactText(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value);
-}
-
 /// Returns only when the program can't be started, with errno set.
 void Execute(const std::string& program, const std::string& task_id, const std::string& input) {
   if (!GiveInput(input) || fcntl(kTaskLockFd, F_SETFD, 0) != 0) return;
@@ -64,7 +58,7 @@ void Execute(const std::string& program, const std::string& task_id, const std::
 int BecomeProgram(const std::string& program, const std::string& task_id, const Json::Value& app_list) {
   WriteTaskRecord(kTaskLockFd, "the collector " + program + " ended before it began its work: see whether " +
                                    program + " --help runs");
-  Execute(program, task_id, CompactText(app_list));
+  Execute(program, task_id, CompactJson(app_list));
   const std::string failure = "the collector " + program + " can't be started: " + ErrorText(errno);
   WriteTaskRecord(kTaskLockFd, failure);
   return 1;

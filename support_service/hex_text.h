@@ -1,0 +1,17 @@
+/// Hexadecimal text. The platform has its own: the service shares only the wire with it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace TarvoOrvane::SupportService {
+
+/// Bytes as lower-case hex digits, two each.
+inline std::string HexText(const unsigned char* bytes, std::size_t count) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (std::size_t i = 0; i < count; ++i) text += {kDigits[bytes[i] >> 4U], kDigits[bytes[i] & 15U]};
+  return text;
+}
+
+}  // namespace TarvoOrvane::SupportService
