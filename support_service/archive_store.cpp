@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "hex_text.h"
+#include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
 namespace {
@@ -27,6 +27,7 @@ void MakePrivateFolder(const fs::path& folder) {
   if (mkdir(folder.c_str(), 0700) == -1 && errno != EEXIST) ThrowErrno("cannot make " + folder.string());
 }
 
+/// Brings a folder's names to disk: a file that is synced may lose its name by a power cut.
 void SyncFolder(const fs::path& folder) {
   const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const bool synced = fd != -1 && fsync(fd) == 0;
@@ -66,6 +67,7 @@ void TakeDataFolder(const fs::path& folder) {
 }
 
 int LockFolder(const fs::path& folder) {
+  // O_NOFOLLOW: a link there would have been put by somebody else.
   const fs::path path = folder / "lock";
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd == -1) ThrowErrno("cannot open " + path.string());
@@ -108,7 +110,7 @@ IncomingArchive::IncomingArchive(const fs::path& folder) : digest_(EVP_MD_CTX_ne
   if (!digest_ || EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr) != 1) {
     throw std::runtime_error("cannot compute SHA-256");
   }
-  std::string name = (folder / "XXXXXX").string();
+  std::string name = (folder / "XXXXXX").string();  // mkostemp() makes it 0600
   fd_ = mkostemp(name.data(), O_CLOEXEC);
   if (fd_ == -1) ThrowErrno("cannot make a file in " + folder.string());
   path_ = name;
@@ -143,6 +145,7 @@ ArchiveStore::ArchiveStore(const fs::path& data_folder) : folder_(data_folder) {
   try {
     MakePrivateFolder(folder_ / "incoming");
     MakePrivateFolder(folder_ / "received");
+    // The lock is ours, so nobody is still writing these.
     for (const auto& leftover : fs::directory_iterator(folder_ / "incoming")) fs::remove(leftover);
   } catch (...) {
     close(lock_fd_);
@@ -173,8 +176,9 @@ void ArchiveStore::GiveName(IncomingArchive& file, const std::string& ticket_id,
   const fs::path received = folder_ / "received";
   const fs::path folder = received / ticket_id;
   MakePrivateFolder(folder);
+  // One step: whoever looks there finds the former file or this one, whole.
   fs::rename(file.path_, folder / name);
-  file.path_.clear();
+  file.path_.clear();  // it is no leftover any more
   SyncFolder(folder);
   SyncFolder(received);
 }

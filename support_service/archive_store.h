@@ -20,59 +20,75 @@
 
 namespace TarvoOrvane::SupportService {
 
-/// A file that is being received. It is removed again unless the store gives it a name. Used by one
-/// thread at a time.
+/// A file that is being received: an archive, or a record on its way to disk. It lies in DATA/incoming and is removed
+/// with the object, unless the store has given it a name. Used by one thread at a time.
 class IncomingArchive {
  public:
-  /// @throw std::system_error  the file can't be made.
+  /// Makes an empty file of mode 0600.
+  /// @param folder  DATA/incoming, on the same file system as the name that it gets in the end.
+  /// @throws std::system_error when the file can't be made.
   explicit IncomingArchive(const std::filesystem::path& folder);
   ~IncomingArchive();
   IncomingArchive(const IncomingArchive&) = delete;
   IncomingArchive& operator=(const IncomingArchive&) = delete;
 
-  /// Appends data. @throw std::system_error  it can't be written.
+  /// Appends data. What was written before a failure stays in the file, and so the object is of no use any more.
+  /// @throws std::system_error when the data can't be written, for instance because the disk is full.
   void Write(std::string_view data);
 
-  /// Waits until all data is on disk; no Write after this. @throw std::system_error
+  /// Waits until all data is on disk. Called once, with no Write() after it.
+  /// @throws std::system_error when the system can't bring it there.
   void Finish();
 
+  /// How much was written, in bytes.
   [[nodiscard]] std::uint64_t size_bytes() const { return size_bytes_; }
-  [[nodiscard]] const std::string& sha256() const { return sha256_; }  ///< Empty before Finish().
+  /// The hash of all data, in lower-case hex; empty before Finish().
+  [[nodiscard]] const std::string& sha256() const { return sha256_; }
 
  private:
   friend class ArchiveStore;
 
   std::filesystem::path path_;  ///< Empty once published.
-  int fd_ = -1;
+  int fd_ = -1;                 ///< Open from the constructor to the destructor.
   std::uint64_t size_bytes_ = 0;
-  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> digest_;
+  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> digest_;  ///< Takes each piece as it is written.
   std::string sha256_;
 };
 
+/// The data folder, held by this process for as long as the object lives. Made at the service's start, before any thread
+/// that uses it; any thread may call it. It begins as IncomingArchive does, because each holds one descriptor.
 class ArchiveStore {
  public:
   /// Takes the data folder for this process, making it where it is missing, and removes what an earlier
   /// service left half received.
-  /// @throw std::runtime_error  the folder is used by another service, open to other users or unusable.
+  /// @param data_folder  DATA above. The folders above it are made as well.
+  /// @throws std::runtime_error when another service uses the folder, when it is open to other users, or when it can't
+  ///         be used. The text says what to do.
   explicit ArchiveStore(const std::filesystem::path& data_folder);
   ~ArchiveStore();
   ArchiveStore(const ArchiveStore&) = delete;
   ArchiveStore& operator=(const ArchiveStore&) = delete;
 
+  /// Starts to receive an archive; the caller owns it.
+  /// @throws std::system_error when the file can't be made.
   [[nodiscard]] std::unique_ptr<IncomingArchive> Begin() const;
 
-  /// Gives a finished archive its name; takes the place of the ticket's former one.
-  /// @throw std::system_error
+  /// Gives a finished archive its name; it takes the place of the ticket's former one in one step. The name is on disk
+  /// when this returns.
+  /// @param archive  Finish() was called; from here on its file stays when it is destroyed.
+  /// @throws std::system_error when the folder or the name can't be made.
   void Publish(IncomingArchive& archive, const std::string& ticket_id) const;
 
-  /// Writes the ticket's ticket.json anew. @throw std::system_error
+  /// Writes the ticket's ticket.json anew, whole or not at all. Two calls for one ticket must not overlap: the one that
+  /// began earlier could win (CssDesk::record_mutex).
+  /// @throws std::system_error when it can't be written; the former one then stays.
   void WriteRecord(const TicketView& ticket) const;
 
  private:
   void GiveName(IncomingArchive& file, const std::string& ticket_id, const char* name) const;
 
   std::filesystem::path folder_;
-  int lock_fd_ = -1;
+  int lock_fd_ = -1;  ///< Of DATA/lock. The kernel drops the lock with the process, however it ends.
 };
 
 }  // namespace TarvoOrvane::SupportService

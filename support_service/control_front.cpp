@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
@@ -10,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "event_log.h"
 #include "listen_address.h"
+#include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -23,29 +24,24 @@ namespace {
 constexpr std::chrono::milliseconds kWatchStep{250};
 /// How long the server waits at its end for clients to close their connections.
 constexpr std::chrono::milliseconds kShutdownLimit{250};
+/// Of an application's name and a serial number: more than a device takes of either.
 constexpr std::size_t kMaxNameBytes = 256;
 
 std::int64_t UnixTimeMs(std::chrono::system_clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
-proto::TicketState StateOf(TicketState state) {
-  switch (state) {
-    case TicketState::kWaiting:
-      return proto::TICKET_STATE_WAITING;
-    case TicketState::kDelivered:
-      return proto::TICKET_STATE_DELIVERED;
-    case TicketState::kAccepted:
-      return proto::TICKET_STATE_ACCEPTED;
-    case TicketState::kRejected:
-      return proto::TICKET_STATE_REJECTED;
-    case TicketState::kUploaded:
-      return proto::TICKET_STATE_UPLOADED;
-    case TicketState::kReported:
-      return proto::TICKET_STATE_REPORTED;
-  }
-  return proto::TICKET_STATE_UNSPECIFIED;
-}
+/// What each of the book's states is in messages.
+constexpr std::array<std::pair<TicketState, proto::TicketState>, 6> kStates = {{
+    {TicketState::kWaiting, proto::TICKET_STATE_WAITING},
+    {TicketState::kDelivered, proto::TICKET_STATE_DELIVERED},
+    {TicketState::kAccepted, proto::TICKET_STATE_ACCEPTED},
+    {TicketState::kRejected, proto::TICKET_STATE_REJECTED},
+    {TicketState::kUploaded, proto::TICKET_STATE_UPLOADED},
+    {TicketState::kReported, proto::TICKET_STATE_REPORTED},
+}};
+
+proto::TicketState StateOf(TicketState state) { return kStates.at(static_cast<std::size_t>(state)).second; }
 
 void Fill(const TicketChange& change, proto::TicketChange& out) {
   out.set_state(StateOf(change.state));
@@ -62,9 +58,17 @@ void CheckName(const std::string& what, const std::string& name) {
 
 }  // namespace
 
+const char* ToText(proto::TicketState state) {
+  for (const auto& [own, sent] : kStates) {
+    if (sent == state) return ToText(own);
+  }
+  return "unknown state";
+}
+
 ControlFront::ControlFront(TicketBook& book, std::string socket_path)
     : book_(book), socket_path_(std::move(socket_path)) {
   const std::string target = UnixTarget(socket_path_);
+  // The data folder's lock has shown that no other service is alive: what lies there is a leftover.
   if (unlink(socket_path_.c_str()) == -1 && errno != ENOENT) {
     throw std::system_error(errno, std::generic_category(), "cannot replace " + socket_path_);
   }
@@ -79,7 +83,7 @@ ControlFront::ControlFront(TicketBook& book, std::string socket_path)
 }
 
 ControlFront::~ControlFront() {
-  book_.Close();
+  book_.Close();  // first: a call that waits for the book would hold up the shutdown
   server_->Shutdown(std::chrono::system_clock::now() + kShutdownLimit);
   server_.reset();
   unlink(socket_path_.c_str());
@@ -108,6 +112,7 @@ grpc::Status ControlFront::WatchTicket(grpc::ServerContext* context, const proto
     return {grpc::StatusCode::NOT_FOUND, "there is no such ticket"};
   }
   std::uint64_t seen = 0;
+  // In steps, because the book can't be told that the watcher has gone.
   while (!context->IsCancelled()) {
     for (const TicketChange& change : book_.WaitForChanges(request->ticket_id(), seen, kWatchStep)) {
       proto::TicketChange message;
@@ -133,6 +138,7 @@ grpc::Status ControlFront::ListTickets(grpc::ServerContext* /*context*/,
   return grpc::Status::OK;
 }
 
+// As ListTickets(), of other things: the generated messages have nothing in common that one function could fill.
 grpc::Status ControlFront::ListDevices(grpc::ServerContext* /*context*/,
                                        const proto::ListDevicesRequest* /*request*/,
                                        proto::ListDevicesResponse* response) {

@@ -1,5 +1,8 @@
 /// ControlService over gRPC on a unix socket, for the command-line client. The socket's folder and the
 /// socket itself are open to their owner only; whoever may open it may send tickets.
+///
+/// The front decides nothing: it asks the book and puts what that says into messages. What came from a device or a
+/// client goes into them printable, because the client prints it in a terminal.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
@@ -12,27 +15,41 @@
 
 namespace TarvoOrvane::SupportService {
 
+/// A ticket's state as messages carry it, in the words that ToText() has for the book's own; "unknown state" for what a
+/// later service may send.
+const char* ToText(tarvo::support::v1::TicketState state);
+
+/// gRPC calls the operations from threads of its own, several at a time; all that they share is the book.
 class ControlFront final : public tarvo::support::v1::ControlService::Service {
  public:
-  /// Starts serving. A socket that lies there from an earlier service is replaced.
-  /// @param book  Lives longer than the front.
-  /// @throw std::exception  the socket can't be served.
+  /// Starts serving. A socket that lies there is taken for an earlier service's and replaced: the lock of the data
+  /// folder has shown that no other service lives there.
+  /// @param book         Lives longer than the front.
+  /// @param socket_path  An absolute path (ControlSocketPath()).
+  /// @throws std::exception when the socket can't be served; the text is fit for the operator.
   ControlFront(TicketBook& book, std::string socket_path);
 
-  /// Closes the book, which ends the calls that wait for it, and removes the socket.
+  /// Closes the book, which ends the calls that wait for it, and removes the socket. Waits for all calls to end.
   ~ControlFront() override;
 
   ControlFront(const ControlFront&) = delete;
   ControlFront& operator=(const ControlFront&) = delete;
 
+  /// Creates a ticket.
+  /// @return INVALID_ARGUMENT for a name that is empty or too long, and for a list that is too long to be delivered.
   grpc::Status SendTicket(grpc::ServerContext* context, const tarvo::support::v1::SendTicketRequest* request,
                           tarvo::support::v1::SendTicketResponse* response) override;
+  /// Streams the ticket's changes, the earlier ones first, up to its report. Holds its thread for so long.
+  /// @return OK after the report, NOT_FOUND for an unknown ticket, UNAVAILABLE when the service ends, CANCELLED when the
+  ///         client went away.
   grpc::Status WatchTicket(grpc::ServerContext* context,
                            const tarvo::support::v1::WatchTicketRequest* request,
                            grpc::ServerWriter<tarvo::support::v1::TicketChange>* writer) override;
+  /// All tickets since the service's start, oldest first.
   grpc::Status ListTickets(grpc::ServerContext* context,
                            const tarvo::support::v1::ListTicketsRequest* request,
                            tarvo::support::v1::ListTicketsResponse* response) override;
+  /// The devices that are connected now, in the order in which they came.
   grpc::Status ListDevices(grpc::ServerContext* context,
                            const tarvo::support::v1::ListDevicesRequest* request,
                            tarvo::support::v1::ListDevicesResponse* response) override;
@@ -40,7 +57,7 @@ class ControlFront final : public tarvo::support::v1::ControlService::Service {
  private:
   TicketBook& book_;
   const std::string socket_path_;
-  std::unique_ptr<grpc::Server> server_;
+  std::unique_ptr<grpc::Server> server_;  ///< Null only inside the constructor and the destructor.
 };
 
 }  // namespace TarvoOrvane::SupportService

@@ -12,15 +12,20 @@
 #include <system_error>
 #include <utility>
 
+#include "text_forms.h"
+
 namespace TarvoOrvane::SupportService {
 namespace {
 
 constexpr const char* kUploadPath = "/orvane/ps_files";
 constexpr const char* kReportPath = "/orvane/ps_results";
+/// Of a refused body: so much is read and dropped, so that a client that is still sending gets its answer.
 constexpr std::size_t kMaxDroppedBytes = std::size_t{2} * 1024 * 1024;
+/// Of all text parts of a form together: far more than a serial number and the longest list of applications.
 constexpr std::size_t kMaxTextBytes = std::size_t{64} * 1024;
+/// The parser hands out an archive in pieces of up to this size; small ones cost processor time.
 constexpr std::size_t kFormBufferBytes = std::size_t{128} * 1024;
-constexpr std::size_t kMaxBoundaryBytes = 70;
+constexpr std::size_t kMaxBoundaryBytes = 70;  // as RFC 2046 has it
 
 std::optional<std::string> Header(MHD_Connection* connection, const char* name) {
   const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
@@ -29,6 +34,7 @@ std::optional<std::string> Header(MHD_Connection* connection, const char* name) 
 
 /// The announced length of the body; the largest number when it isn't announced.
 std::uint64_t BodyLength(MHD_Connection* connection) {
+  // A body in chunks has no length, whatever the other header says.
   if (Header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING)) {
     return std::numeric_limits<std::uint64_t>::max();
   }
@@ -64,6 +70,7 @@ Answer StorageFailure(const std::exception& failure) {
 
 /// A report's text as an object with the two strings it must have; nothing with the reason otherwise.
 std::optional<Report> ParseReport(const std::string& body, std::string& why) {
+  // Strict: the report goes into ticket.json, and what jsoncpp takes beyond JSON is not what a device sends.
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
@@ -121,6 +128,7 @@ Answer UploadExchange::Finish() {
   if (answer_.error.empty() && MHD_destroy_post_processor(form_.release()) == MHD_NO) {
     Fail(MHD_HTTP_BAD_REQUEST, "the form has no closing boundary");
   }
+  // An archive without a number is as incomplete as a number without an archive.
   if (answer_.error.empty() && (!archive_ || !has_serial_number_)) {
     Fail(MHD_HTTP_BAD_REQUEST, "the form needs the parts \"debug_file\" and \"serial_number\"");
   }
@@ -140,6 +148,7 @@ MHD_Result UploadExchange::OnPart(void* self, MHD_ValueKind /*kind*/, const char
                                   const char* /*transfer_encoding*/, const char* data, std::uint64_t offset,
                                   std::size_t size) noexcept {
   auto& exchange = *static_cast<UploadExchange*>(self);
+  // Nothing may be thrown through the library, which is written in C.
   try {
     const std::string name = key == nullptr ? "" : key;
     const bool is_start = exchange.StartsPart(name, offset, size);
@@ -169,6 +178,7 @@ bool UploadExchange::TakePart(const std::string& name, std::string_view data, bo
     has_serial_number_ = true;
     return TakeText(upload_.serial_number, data);
   }
+  // Later devices may send parts that this service does not know.
   if (name.rfind("debug_data_apps[", 0) != 0) return true;
   if (is_start) {
     if (name != "debug_data_apps[" + std::to_string(upload_.apps.size()) + "]") {
@@ -187,7 +197,7 @@ bool UploadExchange::TakeFile(std::string_view data, bool is_start) {
 }
 
 bool UploadExchange::TakeText(std::string& text, std::string_view data) {
-  text_bytes_ += data.size() + 1;
+  text_bytes_ += data.size() + 1;  // one more, so that empty parts are bounded too
   if (text_bytes_ > kMaxTextBytes) {
     return Fail(MHD_HTTP_CONTENT_TOO_LARGE, "the form's text parts are too large");
   }
@@ -210,8 +220,10 @@ Answer UploadExchange::Publish() {
     upload_.sha256 = archive_->sha256();
     upload_.time = std::chrono::system_clock::now();
     const std::lock_guard<std::mutex> lock(desk_.record_mutex);
+    // As it is now: a report may have come since the request began.
     TicketView ticket = desk_.book.Find(ticket_.id).value_or(ticket_);
     ticket.upload = upload_;
+    // On disk before the book tells of it, so that whoever waits for the change finds the file.
     desk_.store.Publish(*archive_, ticket.id);
     desk_.store.WriteRecord(ticket);
     desk_.book.RecordUpload(ticket.id, upload_);
@@ -270,6 +282,7 @@ std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, MHD_Connection* connectio
                   std::string("unknown path, there are ") + kUploadPath + " and " + kReportPath);
   }
   if (method != MHD_HTTP_METHOD_POST) return refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only POST is allowed");
+  // The token alone tells who sends. It is in no line: a refused one may be another service's.
   const auto token = Header(connection, "AUTH-TOKEN");
   if (!token) return refuse(MHD_HTTP_UNAUTHORIZED, "the AUTH-TOKEN header is missing");
   auto ticket = desk.book.FindByToken(*token);

@@ -12,24 +12,28 @@
 
 namespace TarvoOrvane::SupportService {
 
-/// The answer to a request. An empty error means success.
+/// The answer to a request.
 struct Answer {
-  unsigned int http_status = MHD_HTTP_OK;
-  std::string error;
+  unsigned int http_status =
+      MHD_HTTP_OK;    ///< For clients that look at it; the device's daemon looks at the JSON only.
+  std::string error;  ///< For the client; empty means success.
 };
 
+/// A request whose headers were read. The server makes it with BeginExchange(), feeds it the body, and then calls
+/// Finish() or Abort(), one of them and once.
 class Exchange {
  public:
   virtual ~Exchange() = default;
 
-  /// Takes the next piece of the body.
-  /// @return false to end the connection without an answer.
+  /// Takes the next piece of the body, of any size.
+  /// @return false to end the connection without an answer; what is wrong with the content waits for Finish().
   virtual bool TakeBody(std::string_view data) = 0;
 
-  /// The body is complete, as far as HTTP is concerned. Called once.
+  /// The body is complete, as far as HTTP is concerned. Does what the request asked for and logs how that went.
   virtual Answer Finish() = 0;
 
-  /// The connection ended before Finish. The object is deleted next.
+  /// The connection ended before the body was complete. What came of it is dropped; the object is deleted next.
+  /// @param cause  For the event line.
   virtual void Abort(const std::string& cause) = 0;
 };
 
@@ -52,9 +56,13 @@ class RefusedExchange final : public Exchange {
   std::size_t dropped_bytes_ = 0;
 };
 
-/// An archive upload. It is published only once the form was complete.
+/// An archive upload: a multipart form with "debug_file", "serial_number" and "debug_data_apps[0]" and so on. The archive
+/// goes to disk as it comes, and gets its name only once the form was complete: nobody ever sees half of one.
 class UploadExchange final : public Exchange {
  public:
+  /// @param desk        Lives longer than the exchange.
+  /// @param ticket      The one whose token came with the request.
+  /// @param connection  Its headers hold the form's boundary.
   UploadExchange(CssDesk& desk, TicketView ticket, MHD_Connection* connection);
 
   bool TakeBody(std::string_view data) override;
@@ -62,6 +70,7 @@ class UploadExchange final : public Exchange {
   void Abort(const std::string& cause) override;
 
  private:
+  // The library's parser calls OnPart() with each piece of each part; the others carry it out.
   static MHD_Result OnPart(void* self, MHD_ValueKind kind, const char* key, const char* file_name,
                            const char* content_type, const char* transfer_encoding, const char* data,
                            std::uint64_t offset, std::size_t size) noexcept;
@@ -75,38 +84,43 @@ class UploadExchange final : public Exchange {
   CssDesk& desk_;
   TicketView ticket_;
   std::unique_ptr<MHD_PostProcessor, MHD_Result (*)(MHD_PostProcessor*)> form_;
-  std::string part_name_;      ///< Of the part that is arriving.
-  bool part_has_data_ = true;  ///< Some of its content has arrived.
-  std::unique_ptr<IncomingArchive> archive_;
-  bool has_serial_number_ = false;
-  Upload upload_;
-  std::size_t text_bytes_ = 0;  ///< Of all text parts together.
-  Answer answer_;               ///< The first failure, if any.
+  std::string part_name_;                     ///< Of the part that is arriving.
+  bool part_has_data_ = true;                 ///< Some of its content has arrived.
+  std::unique_ptr<IncomingArchive> archive_;  ///< Null before "debug_file" came, and after a failure.
+  bool has_serial_number_ = false;            ///< An empty one counts: a device may know none.
+  Upload upload_;                             ///< Filled in as the parts come.
+  std::size_t text_bytes_ = 0;                ///< Of all text parts together.
+  Answer answer_;                             ///< The first failure, if any.
 };
 
-/// A result report.
+/// A result report: a JSON object with the strings "status" and "serial_number". It is kept whole in memory, and so it is
+/// bounded.
 class ReportExchange final : public Exchange {
  public:
+  /// As UploadExchange's.
   ReportExchange(CssDesk& desk, TicketView ticket) : desk_(desk), ticket_(std::move(ticket)) {}
 
   bool TakeBody(std::string_view data) override;
   Answer Finish() override;
   void Abort(const std::string& cause) override;
 
+  /// The largest report that is read; a device's has less than a hundredth of it.
   static constexpr std::size_t kMaxBytes = std::size_t{64} * 1024;
+  /// What a larger one is answered by, before its body if it is announced, else behind it.
   static Answer TooLarge();
 
  private:
   CssDesk& desk_;
   TicketView ticket_;
-  std::string body_;
-  bool too_large_ = false;
+  std::string body_;        ///< At most kMaxBytes.
+  bool too_large_ = false;  ///< More came; it is dropped, so that the client gets its answer.
 };
 
-/// Looks at a request's headers.
+/// Looks at a request's headers. The only place that decides who may send what: the path, the method, the token.
+/// @param desk  Lives longer than the exchange.
 /// @param peer  The client's address, for the event lines.
-/// @return the object that takes the rest of the request; a RefusedExchange when it was refused, which
-///         was then logged.
+/// @return The object that takes the rest of the request; a RefusedExchange when it was refused, which was then logged.
+///         Never null.
 std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, MHD_Connection* connection, const std::string& path,
                                         const std::string& method, const std::string& peer);
 

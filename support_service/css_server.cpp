@@ -1,6 +1,6 @@
 #include "css_server.h"
 
-#include <json/json.h>
+#include <json/value.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <unistd.h>
@@ -10,11 +10,14 @@
 #include <utility>
 
 #include "css_exchange.h"
+#include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
 namespace {
 
+/// A thread waits for the disk while an archive's piece is written; the others go on meanwhile.
 constexpr unsigned int kThreads = 4;
+/// Each takes kConnectionBytes, whoever opens it.
 constexpr unsigned int kMaxConnections = 256;
 /// Headers and the piece of a body that is read at once.
 constexpr std::size_t kConnectionBytes = std::size_t{256} * 1024;
@@ -23,15 +26,13 @@ std::string AnswerText(const Answer& answer) {
   Json::Value value(Json::objectValue);
   value["success"] = answer.error.empty();
   if (!answer.error.empty()) value["error"] = answer.error;
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "";
-  return Json::writeString(writer, value);
+  return CompactJson(value);
 }
 
 MHD_Result Queue(MHD_Connection* connection, const Answer& answer) {
   std::string text = AnswerText(answer);
   MHD_Response* response = MHD_create_response_from_buffer(text.size(), text.data(), MHD_RESPMEM_MUST_COPY);
-  if (response == nullptr) return MHD_NO;
+  if (response == nullptr) return MHD_NO;  // out of memory: the connection is closed
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/json");
   if (answer.http_status == MHD_HTTP_METHOD_NOT_ALLOWED) {
     MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, MHD_HTTP_METHOD_POST);
@@ -51,12 +52,13 @@ std::string PeerOf(MHD_Connection* connection) {
 /// A request under way: the library's pointer to it.
 struct Request {
   std::unique_ptr<Exchange> exchange;
-  bool finished = false;
+  bool finished = false;  ///< Finish() was called; Abort() is not to be.
 };
 
 /// Called with the headers, then with each piece of the body, then once more at its end.
 MHD_Result OnRequest(void* desk, MHD_Connection* connection, const char* url, const char* method,
                      const char* /*version*/, const char* data, std::size_t* size, void** state) noexcept {
+  // Nothing may be thrown through the library, which is written in C. MHD_NO closes the connection.
   try {
     auto* request = static_cast<Request*>(*state);
     if (request == nullptr) {
@@ -65,11 +67,12 @@ MHD_Result OnRequest(void* desk, MHD_Connection* connection, const char* url, co
           BeginExchange(*static_cast<CssDesk*>(desk), connection, url, method, PeerOf(connection));
       request = fresh.get();
       *state = fresh.release();
+      // To answer now, before the body, is for refusals alone, and only where the client can be expected to see it.
       const bool refused = dynamic_cast<RefusedExchange*>(request->exchange.get()) != nullptr;
       if (!refused || RefusedExchange::IsWorthReading(connection)) return MHD_YES;
     } else if (*size > 0) {
       const bool go_on = request->exchange->TakeBody({data, *size});
-      *size = 0;
+      *size = 0;  // all of it was taken
       return go_on ? MHD_YES : MHD_NO;
     }
     request->finished = true;
@@ -90,6 +93,7 @@ std::string CauseOf(MHD_RequestTerminationCode code) {
   }
 }
 
+/// Called at the end of each request, however it ended.
 void OnCompleted(void* /*desk*/, MHD_Connection* /*connection*/, void** state,
                  MHD_RequestTerminationCode code) noexcept {
   const std::unique_ptr<Request> request(static_cast<Request*>(*state));
@@ -102,6 +106,7 @@ void OnCompleted(void* /*desk*/, MHD_Connection* /*connection*/, void** state,
 CssServer::CssServer(TicketBook& book, const ArchiveStore& store, EventSink events,
                      const ListenAddress& address, std::chrono::seconds idle_limit)
     : desk_{book, store, std::move(events), {}} {
+  // Our own socket rather than the library's: it tells why an address can't be had, and which port the kernel chose.
   const int listener = OpenListener(address);
   sockaddr_storage bound{};
   socklen_t bound_size = sizeof(bound);

@@ -18,12 +18,15 @@ struct MHD_Daemon;
 
 namespace TarvoOrvane::SupportService {
 
+/// The listening socket and the threads behind it; requests are Exchange objects.
 class CssServer {
  public:
   /// Starts serving.
   /// @param book, store   Live longer than the server.
+  /// @param events        Called from the threads of the HTTP library.
+  /// @param address       Port 0 lets the kernel choose; url() tells which.
   /// @param idle_limit    A connection on which nothing moves for so long is ended; whole seconds.
-  /// @throw std::runtime_error  the address can't be listened on.
+  /// @throws std::runtime_error when the address can't be listened on.
   CssServer(TicketBook& book, const ArchiveStore& store, EventSink events, const ListenAddress& address,
             std::chrono::seconds idle_limit);
 
@@ -33,13 +36,13 @@ class CssServer {
   CssServer(const CssServer&) = delete;
   CssServer& operator=(const CssServer&) = delete;
 
-  /// @return http://ADDRESS:PORT
+  /// What a device's configuration names as the CSS server: http://ADDRESS:PORT, with the port that the kernel chose.
   [[nodiscard]] const std::string& url() const { return url_; }
 
  private:
   CssDesk desk_;
   std::string url_;
-  MHD_Daemon* daemon_ = nullptr;
+  MHD_Daemon* daemon_ = nullptr;  ///< Its threads use desk_ until it is stopped.
 };
 
 }  // namespace TarvoOrvane::SupportService

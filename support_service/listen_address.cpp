@@ -8,6 +8,7 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -52,7 +53,7 @@ ListenAddress ParseUnixAddress(const std::string& text) {
 
 ListenAddress ParseListenAddress(const std::string& text, bool unix_allowed) {
   if (unix_allowed && text.rfind("unix:", 0) == 0) return ParseUnixAddress(text);
-  const std::size_t colon = text.rfind(':');
+  const std::size_t colon = text.rfind(':');  // the last one: an IPv6 address has more
   if (colon == std::string::npos || colon == 0) Refuse(text, "write HOST:PORT, for example 127.0.0.1:0");
   std::string host = text.substr(0, colon);
   const std::string port = text.substr(colon + 1);
@@ -81,6 +82,7 @@ ListenAddress ParseListenAddress(const std::string& text, bool unix_allowed) {
 int OpenListener(const ListenAddress& address) {
   const auto* socket_address = reinterpret_cast<const sockaddr*>(&address.socket_address);
   const int fd = socket(socket_address->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  // SO_REUSEADDR: connections of a service that has just ended would keep the port for a minute.
   const int on = 1;
   if (fd == -1 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == -1 ||
       bind(fd, socket_address, address.socket_address_size) == -1 || listen(fd, SOMAXCONN) == -1) {
@@ -93,6 +95,7 @@ int OpenListener(const ListenAddress& address) {
 }
 
 void CheckFree(const ListenAddress& address) {
+  // Somebody may take the port between this and the server's own start; that then fails, only with fewer words.
   if (address.unix_path.empty()) {
     close(OpenListener(address));
   } else if (IsUnixSocketServed(address.unix_path)) {
@@ -116,14 +119,15 @@ std::string UnixTarget(const std::string& path) {
     throw std::invalid_argument("the socket's path " + path + " is too long: at most " +
                                 std::to_string(kMaxUnixPath) + " characters, choose a shorter folder");
   }
-  constexpr std::string_view kHex = "0123456789ABCDEF";
   std::string target = "unix:";
   for (const char character : path) {
     const auto byte = static_cast<unsigned char>(character);
     if (std::isalnum(byte) != 0 || std::strchr("/-._~", character) != nullptr) {
       target += character;
     } else {
-      target += {'%', kHex[byte >> 4], kHex[byte & 0x0f]};
+      std::array<char, 4> escaped{};
+      (void)std::snprintf(escaped.data(), escaped.size(), "%%%02X", byte);
+      target += escaped.data();
     }
   }
   return target;

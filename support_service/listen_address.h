@@ -9,33 +9,35 @@ namespace TarvoOrvane::SupportService {
 
 /// An address as the options name it, resolved.
 struct ListenAddress {
-  std::string text;       ///< As given.
-  std::string unix_path;  ///< Set for unix:/path; the rest then stays empty.
-  sockaddr_storage socket_address{};
-  socklen_t socket_address_size = 0;
+  std::string text;                   ///< As given.
+  std::string unix_path;              ///< Set for unix:/path; the rest then stays empty.
+  sockaddr_storage socket_address{};  ///< An IPv4 or IPv6 address with its port.
+  socklen_t socket_address_size = 0;  ///< How much of it counts, in bytes.
 };
 
-/// Resolves HOST:PORT, [IPV6]:PORT or, where allowed, unix:/path. Port 0 lets the kernel choose.
-/// @throw std::invalid_argument  what was wrong with the text.
+/// Resolves HOST:PORT, [IPV6]:PORT or, where allowed, unix:/path. Port 0 lets the kernel choose. A name is looked up by
+/// the system's resolver, which may take its time; of several addresses the first one counts.
+/// @throws std::invalid_argument with what is wrong with the text, and how to write it.
 ListenAddress ParseListenAddress(const std::string& text, bool unix_allowed);
 
-/// @return a listening, non-blocking TCP socket on the address; the caller closes it.
-/// @throw std::runtime_error  the address is in use or can't be bound.
+/// Listens on a TCP address.
+/// @return A non-blocking socket; the caller closes it.
+/// @throws std::runtime_error when the address is in use or can't be bound.
 int OpenListener(const ListenAddress& address);
 
 /// Makes sure that nobody serves the address: gRPC does not tell why it could not listen, and would
 /// take a unix socket away from its server.
-/// @throw std::runtime_error  the address is in use or can't be bound.
+/// @throws std::runtime_error when the address is in use or can't be bound.
 void CheckFree(const ListenAddress& address);
 
-/// @return ADDRESS:PORT, an IPv6 address in brackets.
+/// @return ADDRESS:PORT, an IPv6 address in brackets; "unknown address" for what is neither.
 std::string SocketAddressText(const sockaddr* address, socklen_t size);
 
-/// @return the gRPC address of a unix socket; characters that have a meaning in an address are escaped.
-/// @throw std::invalid_argument  the path is longer than a socket's name can be.
+/// @return The gRPC address of a unix socket; characters that have a meaning in an address are escaped.
+/// @throws std::invalid_argument when the path is longer than a socket's name can be.
 std::string UnixTarget(const std::string& path);
 
-/// @return whether a server accepts connections on this unix socket.
+/// Whether a server accepts connections on this unix socket. Asks by connecting, which the server sees.
 bool IsUnixSocketServed(const std::string& path);
 
 }  // namespace TarvoOrvane::SupportService

@@ -3,12 +3,11 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <exception>
-#include <iostream>
 #include <stdexcept>
 #include <string>
 
 #include "options.h"
+#include "program.h"
 #include "service.h"
 
 namespace {
@@ -26,11 +25,11 @@ sigset_t BlockEndSignals() {
   return signals;
 }
 
-void Serve(const TarvoOrvane::SupportService::ServiceSettings& settings) {
+int Serve(const TarvoOrvane::SupportService::ServiceSettings& settings) {
   const sigset_t end_signals = BlockEndSignals();
   // A reader of the event lines that went away does not end the service.
   if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) throw std::runtime_error("cannot ignore SIGPIPE");
-  umask(0077);
+  umask(0077);  // the control socket is open to its owner from its first moment
   EventLog log(STDOUT_FILENO);
   const SupportService service(settings, [&log](const std::string& event) { log.Write(event); });
   log.WritePlain("grpc listening on " + service.grpc_url());
@@ -39,21 +38,11 @@ void Serve(const TarvoOrvane::SupportService::ServiceSettings& settings) {
   int signal = 0;
   sigwait(&end_signals, &signal);
   log.Write("service ends: signal " + std::to_string(signal));
+  return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    const auto parsed = ParseServiceOptions(argc, argv);
-    if (!parsed.run) {
-      (parsed.exit_status == 0 ? std::cout : std::cerr) << parsed.text;
-      return parsed.exit_status;
-    }
-    Serve(parsed.options);
-    return 0;
-  } catch (const std::exception& error) {
-    std::cerr << "support_service: " << error.what() << "\n";
-    return 1;
-  }
+  return TarvoOrvane::SupportService::RunProgram("support_service", ParseServiceOptions, argc, argv, Serve);
 }

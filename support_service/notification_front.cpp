@@ -63,6 +63,7 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
     message.mutable_delivery()->set_ticket_id(delivery.ticket_id);
     message.mutable_delivery()->set_ticket_json(delivery.ticket_json);
     const std::lock_guard<std::mutex> lock(mutex_);
+    // The book delivers to what it knows; the stream may have ended since. It will deliver again.
     if (ended_) return;
     outgoing_.push_back(std::move(message));
     if (outgoing_.size() == 1) StartWrite(&outgoing_.front());
@@ -102,6 +103,7 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
     End(grpc::Status::CANCELLED);
   }
 
+  /// The last reaction. From here on nobody but `self_` may hold the stream.
   void OnDone() override {
     front_.Forget(id_);
     const auto last_owner = std::move(self_);
@@ -170,6 +172,7 @@ NotificationFront::NotificationFront(TicketBook& book, const ListenAddress& addr
 }
 
 NotificationFront::~NotificationFront() {
+  // The worker carries out the ends that Close() has ordered, and then ends itself.
   book_.Close();
   worker_.join();
   server_->Shutdown(std::chrono::system_clock::now() + kShutdownLimit);
@@ -191,6 +194,7 @@ grpc::ServerBidiReactor<ClientMessage, ServerMessage>* NotificationFront::Open(
 
 void NotificationFront::RunWork() {
   for (;;) {
+    // Without the mutex: while this waits, devices come and go.
     const Work work = book_.WaitForWork();
     for (const StreamEnd& end : work.ends) {
       if (const auto stream = FindStream(end.stream)) stream->End(StatusFor(end));

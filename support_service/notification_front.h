@@ -20,38 +20,44 @@ namespace TarvoOrvane::SupportService {
 
 class DeviceStream;
 
+/// The gRPC server for devices. It decides nothing: the book says what is delivered when, and which stream ends.
 class NotificationFront final : public tarvo::support::v1::NotificationService::CallbackService {
  public:
   /// Starts serving.
-  /// @param book  Lives longer than the front.
-  /// @throw std::runtime_error  the address can't be listened on.
+  /// @param book     Lives longer than the front.
+  /// @param address  TCP, or a unix socket; port 0 lets the kernel choose.
+  /// @throws std::runtime_error when the address can't be listened on.
   NotificationFront(TicketBook& book, const ListenAddress& address);
 
-  /// Closes the book, which ends all streams.
+  /// Closes the book, which ends all streams, and waits until gRPC is done with each of them.
   ~NotificationFront() override;
 
   NotificationFront(const NotificationFront&) = delete;
   NotificationFront& operator=(const NotificationFront&) = delete;
 
-  /// @return where devices reach it: http://ADDRESS:PORT or unix:/path.
+  /// What a device's configuration names as the notification server: http://ADDRESS:PORT or unix:/path.
   [[nodiscard]] const std::string& url() const { return url_; }
 
+  /// A device has opened a stream; gRPC calls it from a thread of its own.
+  /// @return The stream's reactor. It owns itself until gRPC tells that the stream is done.
   grpc::ServerBidiReactor<tarvo::support::v1::ClientMessage, tarvo::support::v1::ServerMessage>* Open(
       grpc::CallbackServerContext* context) override;
 
  private:
   friend class DeviceStream;
 
+  /// The front's own thread: waits for the book's work and carries it out.
   void RunWork();
+  /// Null once gRPC is done with the stream.
   std::shared_ptr<DeviceStream> FindStream(StreamId id);
   void Forget(StreamId id);
 
   TicketBook& book_;
-  std::mutex mutex_;
+  std::mutex mutex_;  ///< Guards streams_; never held while the book is called.
   std::map<StreamId, std::shared_ptr<DeviceStream>> streams_;  ///< Until gRPC is done with each.
   std::unique_ptr<grpc::Server> server_;
   std::string url_;
-  std::thread worker_;
+  std::thread worker_;  ///< Runs RunWork().
 };
 
 }  // namespace TarvoOrvane::SupportService

@@ -11,9 +11,9 @@ namespace TarvoOrvane::SupportService {
 namespace {
 
 constexpr int kUsageError = 2;
-constexpr std::int64_t kMaxSeconds = 86400;
+constexpr std::int64_t kMaxSeconds = 86400;  // a day: more is a slip of the keyboard
 
-/// Runs the parser.
+/// Runs the parser. debug_dat_collect does it in the same way; the service shares no code with the platform.
 /// @return whether the program is to run; otherwise text and exit status are set.
 template <typename Options>
 bool RunParser(CLI::App& app, int argc, const char* const* argv, Parsed<Options>& parsed) {
@@ -33,6 +33,25 @@ void Refuse(Parsed<Options>& parsed, const std::string& why) {
   parsed.run = false;
   parsed.exit_status = kUsageError;
   parsed.text = why + "\nRun with --help for more information.\n";
+}
+
+/// Looks at what the parser can't judge.
+/// @param check  Throws std::invalid_argument for what is wrong.
+template <typename Options, typename Check>
+Parsed<Options> Checked(Parsed<Options> parsed, const Check& check) {
+  try {
+    check(parsed.options);
+  } catch (const std::invalid_argument& error) {
+    Refuse(parsed, error.what());
+  }
+  return parsed;
+}
+
+/// @throw std::invalid_argument  the service could not be started so.
+void CheckSettings(const ServiceSettings& settings) {
+  if (settings.data_folder.empty()) throw std::invalid_argument("--data: the folder's name is empty");
+  ParseListenAddress(settings.grpc_address, true);
+  ParseListenAddress(settings.http_address, false);
 }
 
 /// "a,b" as two names; an empty text is an empty list.
@@ -81,14 +100,7 @@ Parsed<ServiceSettings> ParseServiceOptions(int argc, const char* const* argv) {
   if (!RunParser(app, argc, argv, parsed)) return parsed;
   settings.data_folder = data_folder;
   settings.tickets.retry_pause = std::chrono::seconds(retry_seconds);
-  try {
-    if (data_folder.empty()) throw std::invalid_argument("--data: the folder's name is empty");
-    ParseListenAddress(settings.grpc_address, true);
-    ParseListenAddress(settings.http_address, false);
-  } catch (const std::invalid_argument& error) {
-    Refuse(parsed, error.what());
-  }
-  return parsed;
+  return Checked(parsed, CheckSettings);
 }
 
 Parsed<TicketOptions> ParseTicketOptions(int argc, const char* const* argv) {
@@ -105,6 +117,7 @@ Parsed<TicketOptions> ParseTicketOptions(int argc, const char* const* argv) {
   auto* device_option =
       app.add_option("--device", options.device, "Serial number of the device; else the first connected one");
   app.add_option("--data", data_folder, "The service's data folder")->capture_default_str();
+  // --wait takes its number or does without.
   auto* wait_option =
       app.add_option("--wait", wait_seconds, "Follow the ticket until its report, for at most SECONDS")
           ->expected(0, 1)
@@ -131,16 +144,12 @@ Parsed<TicketOptions> ParseTicketOptions(int argc, const char* const* argv) {
   if (list_tickets) options.action = TicketOptions::Action::kListTickets;
   if (list_devices) options.action = TicketOptions::Action::kListDevices;
   if (options.action != TicketOptions::Action::kSend) return parsed;
-  if (apps_option->count() == 0) {
-    Refuse(parsed, "--apps is missing: name the applications, or write --apps \"\" for none");
-    return parsed;
-  }
-  try {
-    options.apps = SplitNames(apps);
-  } catch (const std::invalid_argument& error) {
-    Refuse(parsed, error.what());
-  }
-  return parsed;
+  return Checked(parsed, [&](TicketOptions& given) {
+    if (apps_option->count() == 0) {
+      throw std::invalid_argument("--apps is missing: name the applications, or write --apps \"\" for none");
+    }
+    given.apps = SplitNames(apps);
+  });
 }
 
 }  // namespace TarvoOrvane::SupportService

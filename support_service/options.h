@@ -1,4 +1,4 @@
-/// The command lines of the two programs.
+/// The command lines of the two programs. Parsing prints nothing and ends nothing: the main functions do (program.h).
 #pragma once
 
 #include <chrono>
@@ -14,27 +14,28 @@ namespace TarvoOrvane::SupportService {
 /// What to do with a command line: either run with the options, or print a text and exit.
 template <typename Options>
 struct Parsed {
-  Options options;
+  Options options;  ///< The defaults where a line says nothing else.
   bool run = false;
   int exit_status = 0;  ///< 0 after --help, 2 for wrong options; only where not run.
   std::string text;     ///< The help or the error; ends with a newline.
 };
 
-/// @return the options of support_service. Addresses were checked.
+/// Reads the command line of support_service. Its addresses were checked, and their hosts were looked up for that.
 Parsed<ServiceSettings> ParseServiceOptions(int argc, const char* const* argv);
 
+/// What the program ticket is asked for.
 struct TicketOptions {
   enum class Action { kSend, kListTickets, kListDevices };
 
   Action action = Action::kSend;
-  std::vector<std::string> apps;
-  std::string device;
-  std::filesystem::path data_folder = "support_service_data";
-  bool wait = false;
+  std::vector<std::string> apps;  ///< For kSend, in the order given; none for the system's data alone.
+  std::string device;             ///< For kSend: a serial number; empty for the first connected device.
+  std::filesystem::path data_folder = "support_service_data";  ///< Where the service's control socket lies.
+  bool wait = false;                               ///< After kSend: follow the ticket until its report.
   std::optional<std::chrono::seconds> wait_limit;  ///< Without one it waits as long as it takes.
 };
 
-/// @return the options of ticket.
+/// Reads the command line of ticket.
 Parsed<TicketOptions> ParseTicketOptions(int argc, const char* const* argv);
 
 }  // namespace TarvoOrvane::SupportService

@@ -14,21 +14,25 @@
 
 namespace TarvoOrvane::SupportService {
 
+/// What may be set; the defaults are those of the command line.
 struct ServiceSettings {
-  std::string grpc_address = "127.0.0.1:0";  ///< HOST:PORT or unix:/path.
-  std::string http_address = "127.0.0.1:0";  ///< HOST:PORT.
-  std::filesystem::path data_folder = "support_service_data";
+  std::string grpc_address = "127.0.0.1:0";                    ///< HOST:PORT or unix:/path.
+  std::string http_address = "127.0.0.1:0";                    ///< HOST:PORT.
+  std::filesystem::path data_folder = "support_service_data";  ///< Made where it is missing.
   TicketBook::Settings tickets;
-  std::chrono::seconds http_idle_limit{60};
+  std::chrono::seconds http_idle_limit{60};  ///< A connection on which nothing moves for so long is ended.
 };
 
-/// @return where the service with this data folder has its control socket; an absolute path.
+/// Where the service with this data folder has its control socket: an absolute path, so that client and service agree
+/// wherever each was started. The service and its client ask by this alone.
 std::string ControlSocketPath(const std::filesystem::path& data_folder);
 
+/// Used by one thread, the one that made it; all other threads are the fronts' own.
 class SupportService {
  public:
   /// Starts everything. The calling thread's signal mask is inherited by all threads of the service.
-  /// @throw std::exception  what could not be used or listened on, and what to do.
+  /// @param events  Takes the event lines, from any of them.
+  /// @throws std::exception with what could not be used or listened on, and what to do.
   SupportService(const ServiceSettings& settings, const EventSink& events);
 
   /// Ends all streams, calls and connections; takes a second or two at most.
@@ -37,12 +41,18 @@ class SupportService {
   SupportService(const SupportService&) = delete;
   SupportService& operator=(const SupportService&) = delete;
 
+  /// Where devices get tickets: what stands as grpc_server.url in their configuration.
   [[nodiscard]] const std::string& grpc_url() const { return notification_.url(); }
+  /// Where devices send archives and reports: what stands as css_server.url there.
   [[nodiscard]] const std::string& css_url() const { return css_.url(); }
+  /// Where clients reach it: the path of a unix socket.
   [[nodiscard]] const std::string& control_socket() const { return control_socket_; }
+  /// What the service knows. It lives as long as this.
   [[nodiscard]] TicketBook& book() { return book_; }
 
  private:
+  // In this order: the store's lock shows that no other service is alive before anything listens, and the fronts end
+  // before what they use.
   ArchiveStore store_;
   TicketBook book_;
   std::string control_socket_;

@@ -1,24 +1,27 @@
 #include "ticket_book.h"
 
-#include <json/json.h>
+#include <json/value.h>
 #include <openssl/crypto.h>
 #include <sys/random.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
-#include "hex_text.h"
+#include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
 namespace {
 
+/// An id only has to tell tickets apart, and people type it. A token is a secret that nobody must be able to guess.
 constexpr std::size_t kIdBytes = 8;
 constexpr std::size_t kTokenBytes = 32;
 /// Devices take messages of at most 64 KiB; this leaves room for the rest of the message.
 constexpr std::size_t kMaxTicketBytes = std::size_t{60} * 1024;
+/// Kept of one ticket. A device that rejects it for ever would fill the memory with its rejections.
 constexpr std::size_t kMaxChanges = 256;
 
 std::string RandomHex(std::size_t bytes) {
@@ -39,9 +42,7 @@ std::string TicketJson(const std::string& token, const std::vector<std::string>&
   ticket["token"] = token;
   ticket["apps"] = Json::Value(Json::arrayValue);
   for (const std::string& app : apps) ticket["apps"].append(app);
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "";
-  return Json::writeString(writer, ticket);
+  return CompactJson(ticket);
 }
 
 std::string DeviceText(const std::string& serial_number, const std::string& peer) {
@@ -56,21 +57,9 @@ std::string SecondsText(std::chrono::milliseconds time) {
 }  // namespace
 
 const char* ToText(TicketState state) {
-  switch (state) {
-    case TicketState::kWaiting:
-      return "waiting";
-    case TicketState::kDelivered:
-      return "delivered";
-    case TicketState::kAccepted:
-      return "accepted";
-    case TicketState::kRejected:
-      return "rejected";
-    case TicketState::kUploaded:
-      return "uploaded";
-    case TicketState::kReported:
-      return "reported";
-  }
-  return "unknown";
+  constexpr std::array<const char*, 6> kWords = {"waiting",  "delivered", "accepted",
+                                                 "rejected", "uploaded",  "reported"};
+  return kWords.at(static_cast<std::size_t>(state));
 }
 
 TicketBook::TicketBook(const Settings& settings, EventSink events, Clock clock)
@@ -89,6 +78,7 @@ std::string TicketBook::CreateTicket(const std::vector<std::string>& apps, const
   ticket.view.device = device;
   ticket.view.created = std::chrono::system_clock::now();
 
+  // All that may fail or take time is done: the book is locked for short.
   const std::lock_guard<std::mutex> lock(mutex_);
   do {
     ticket.view.id = RandomHex(kIdBytes);
@@ -130,6 +120,7 @@ std::vector<TicketChange> TicketBook::WaitForChanges(const std::string& ticket_i
   if (ticket == nullptr) return {};
   changed_.wait_for(lock, limit,
                     [&] { return closed_ || ticket->changes_dropped + ticket->changes.size() > seen; });
+  // A caller that is far behind has missed what was dropped; it goes on with the oldest one that is left.
   const std::uint64_t skip = std::max(seen, ticket->changes_dropped) - ticket->changes_dropped;
   std::vector<TicketChange> fresh(ticket->changes.begin() + static_cast<std::ptrdiff_t>(skip),
                                   ticket->changes.end());
@@ -144,13 +135,14 @@ StreamId TicketBook::OpenStream(const std::string& peer) {
   stream.peer = peer;
   stream.hello_deadline = clock_() + settings_.hello_limit;
   streams_.emplace(++last_stream_, std::move(stream));
-  changed_.notify_all();
+  changed_.notify_all();  // there is a new deadline to wait for
   return last_stream_;
 }
 
 void TicketBook::Hello(StreamId stream, const std::string& serial_number, std::uint32_t protocol) {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto found = streams_.find(stream);
+  // What a device says may arrive after the book has ended its stream. That is no error, here and below.
   if (found == streams_.end()) return;
   if (found->second.greeted) return EndStream(stream, EndReason::kProtocolError, "a second hello");
   if (protocol != 1) {
@@ -189,6 +181,7 @@ void TicketBook::Answer(StreamId stream, const std::string& ticket_id, bool acce
   }
   events_("ticket " + ticket_id + " answered: " + (accepted ? "accepted" : "rejected") +
           (detail.empty() ? "" : ", " + detail));
+  // An upload or a report may have overtaken the answer.
   if (ticket->view.last_change.state != TicketState::kDelivered) return;
   ticket->retry_at = clock_() + settings_.retry_pause;
   Change(*ticket, accepted ? TicketState::kAccepted : TicketState::kRejected, std::move(detail));
@@ -212,6 +205,7 @@ Work TicketBook::TakeWork() {
 Work TicketBook::WaitForWork() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
+    // Whatever wakes the thread, it looks again: it may have been woken for what is not its business.
     Work work = TakeWorkLocked();
     if (work.closed || !work.ends.empty() || !work.deliveries.empty()) return work;
     const auto deadline = NextDeadline();
@@ -225,6 +219,7 @@ Work TicketBook::WaitForWork() {
 
 void TicketBook::Close() {
   const std::lock_guard<std::mutex> lock(mutex_);
+  // Each EndStream() takes one out.
   while (!streams_.empty()) {
     EndStream(streams_.begin()->first, EndReason::kShutdown, "the service shuts down");
   }
@@ -240,6 +235,7 @@ bool TicketBook::closed() const {
 std::optional<TicketView> TicketBook::FindByToken(const std::string& token) const {
   const std::lock_guard<std::mutex> lock(mutex_);
   std::optional<TicketView> found;
+  // To the end, even behind a match: where the loop stops must tell nothing either.
   for (const Ticket& ticket : tickets_) {
     // How long a comparison takes must not tell how much of a guess was right.
     if (ticket.delivered_before && ticket.token.size() == token.size() &&
@@ -259,6 +255,7 @@ void TicketBook::RecordUpload(const std::string& ticket_id, const Upload& upload
   const std::string size_and_hash = std::to_string(upload.size_bytes) + " bytes, sha256 " + upload.sha256;
   events_("ticket " + ticket_id + " upload finished: " + size_and_hash + ", apps " + QuotedList(upload.apps) +
           ", serial " + Quoted(upload.serial_number) + (replaced ? ", replaces the former one" : ""));
+  // A report that has overtaken the upload stays the end of the road.
   if (ticket->view.last_change.state != TicketState::kReported) {
     Change(*ticket, TicketState::kUploaded, size_and_hash);
   }
@@ -286,6 +283,7 @@ const TicketBook::Ticket* TicketBook::FindTicket(const std::string& ticket_id) c
   return found == tickets_.end() ? nullptr : &*found;
 }
 
+/// The one place that moves a ticket, so that no change goes unseen by those who wait.
 void TicketBook::Change(Ticket& ticket, TicketState state, std::string detail) {
   ticket.view.last_change = {state, std::move(detail), std::chrono::system_clock::now()};
   ticket.changes.push_back(ticket.view.last_change);
@@ -301,11 +299,13 @@ StreamId TicketBook::RouteOf(const Ticket& ticket) const {
   if (!ticket.view.device.empty()) return StreamOf(ticket.view.device);
   // A device without serial number is known by its stream alone.
   if (streams_.count(ticket.stream) != 0) return ticket.stream;
+  // Otherwise any device will do: the one that has been connected longest.
   const auto first =
       std::find_if(streams_.begin(), streams_.end(), [](const auto& entry) { return entry.second.greeted; });
   return first == streams_.end() ? 0 : first->first;
 }
 
+/// The stream of a device; 0 when it is not connected. There is one at most: Hello() ends an older one.
 StreamId TicketBook::StreamOf(const std::string& serial_number) const {
   if (serial_number.empty()) return 0;
   const auto found = std::find_if(streams_.begin(), streams_.end(), [&](const auto& entry) {
@@ -320,6 +320,8 @@ bool TicketBook::IsOpen(const Ticket& ticket) const {
   return state == TicketState::kWaiting || state == TicketState::kRejected;
 }
 
+/// Notes the ticket as delivered. From here on it belongs to the device that it went to: only that one may answer it, and
+/// it gets it again if the answer is lost.
 Delivery TicketBook::Deliver(Ticket& ticket, StreamId stream) {
   const Stream& device = streams_.at(stream);
   const char* how = "delivered";
@@ -337,7 +339,7 @@ Delivery TicketBook::Deliver(Ticket& ticket, StreamId stream) {
 }
 
 void TicketBook::EndOverdueStreams(std::chrono::steady_clock::time_point now) {
-  std::vector<StreamId> overdue;
+  std::vector<StreamId> overdue;  // collected first: EndStream() changes what is walked through
   for (const auto& [id, stream] : streams_) {
     if (!stream.greeted && stream.hello_deadline <= now) overdue.push_back(id);
   }
@@ -373,6 +375,7 @@ Work TicketBook::TakeWorkLocked() {
   Work work;
   for (Ticket& ticket : tickets_) {
     if (!IsOpen(ticket)) continue;
+    // The device has said that it is busy; asked at once, it would say so again.
     if (ticket.view.last_change.state == TicketState::kRejected && now < ticket.retry_at) continue;
     const StreamId stream = RouteOf(ticket);
     if (stream != 0) work.deliveries.push_back(Deliver(ticket, stream));
@@ -392,6 +395,7 @@ std::optional<std::chrono::steady_clock::time_point> TicketBook::NextDeadline() 
     if (!stream.greeted) consider(stream.hello_deadline);
   }
   for (const Ticket& ticket : tickets_) {
+    // Without a route the end of the pause changes nothing; the device's Hello wakes who waits.
     if (ticket.view.last_change.state == TicketState::kRejected && RouteOf(ticket) != 0) {
       consider(ticket.retry_at);
     }

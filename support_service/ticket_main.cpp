@@ -4,17 +4,18 @@
 
 #include <cerrno>
 #include <chrono>
-#include <exception>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
-#include "event_log.h"
+#include "control_front.h"
 #include "listen_address.h"
 #include "options.h"
+#include "program.h"
 #include "tarvo/support/v1/control.grpc.pb.h"
+#include "text_forms.h"
 
 namespace {
 
@@ -23,8 +24,10 @@ using TarvoOrvane::SupportService::ControlSocketPath;
 using TarvoOrvane::SupportService::ParseTicketOptions;
 using TarvoOrvane::SupportService::QuotedList;
 using TarvoOrvane::SupportService::TicketOptions;
+using TarvoOrvane::SupportService::ToText;
 using Stub = proto::ControlService::Stub;
 
+/// For a call that the service answers from memory.
 constexpr std::chrono::seconds kCallLimit{10};
 
 void SetDeadline(grpc::ClientContext& context, std::chrono::seconds limit) {
@@ -33,6 +36,7 @@ void SetDeadline(grpc::ClientContext& context, std::chrono::seconds limit) {
 
 std::unique_ptr<Stub> Connect(const TicketOptions& options) {
   const std::string path = ControlSocketPath(options.data_folder);
+  // gRPC would only say that it could not connect.
   if (access(path.c_str(), R_OK | W_OK) == -1) {
     const std::string why =
         errno == ENOENT ? "there is no " + path : path + ": " + std::generic_category().message(errno);
@@ -53,23 +57,16 @@ void CheckCall(const grpc::Status& status) {
   throw std::runtime_error(status.error_message());
 }
 
-const char* StateText(proto::TicketState state) {
-  switch (state) {
-    case proto::TICKET_STATE_WAITING:
-      return "waiting";
-    case proto::TICKET_STATE_DELIVERED:
-      return "delivered";
-    case proto::TICKET_STATE_ACCEPTED:
-      return "accepted";
-    case proto::TICKET_STATE_REJECTED:
-      return "rejected";
-    case proto::TICKET_STATE_UPLOADED:
-      return "uploaded";
-    case proto::TICKET_STATE_REPORTED:
-      return "reported";
-    default:
-      return "unknown state";
-  }
+/// Makes one call that is answered at once.
+/// @throws std::runtime_error when it fails; the text is fit for the operator.
+template <typename Request, typename Response>
+Response Call(Stub& stub, grpc::Status (Stub::*method)(grpc::ClientContext*, const Request&, Response*),
+              const Request& request) {
+  grpc::ClientContext context;
+  SetDeadline(context, kCallLimit);
+  Response response;
+  CheckCall((stub.*method)(&context, request, &response));
+  return response;
 }
 
 std::string TimeText(std::int64_t unix_time_ms) {
@@ -78,9 +75,10 @@ std::string TimeText(std::int64_t unix_time_ms) {
 }
 
 std::string ChangeText(const proto::TicketChange& change) {
-  return std::string(StateText(change.state())) + (change.detail().empty() ? "" : ": " + change.detail());
+  return std::string(ToText(change.state())) + (change.detail().empty() ? "" : ": " + change.detail());
 }
 
+/// At once: who follows a ticket through a pipe sees each change when it comes.
 void PrintLine(const std::string& line) { std::cout << line << std::endl; }
 
 /// Prints the ticket's changes up to its report.
@@ -96,29 +94,23 @@ bool Follow(Stub& stub, const std::string& ticket_id, const TicketOptions& optio
   const grpc::Status status = reader->Finish();
   if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
     throw std::runtime_error("no report within " + std::to_string(options.wait_limit->count()) +
-                             " s; the ticket is still " + StateText(change.state()));
+                             " s; the ticket is still " + ToText(change.state()));
   }
   CheckCall(status);
   return change.state() == proto::TICKET_STATE_REPORTED && change.detail() == "Success";
 }
 
 bool Send(Stub& stub, const TicketOptions& options) {
-  grpc::ClientContext context;
-  SetDeadline(context, kCallLimit);
   proto::SendTicketRequest request;
   for (const std::string& app : options.apps) request.add_apps(app);
   request.set_device(options.device);
-  proto::SendTicketResponse response;
-  CheckCall(stub.SendTicket(&context, request, &response));
-  PrintLine(response.ticket_id());
-  return !options.wait || Follow(stub, response.ticket_id(), options);
+  const std::string id = Call(stub, &Stub::SendTicket, request).ticket_id();
+  PrintLine(id);
+  return !options.wait || Follow(stub, id, options);
 }
 
 bool ListTickets(Stub& stub) {
-  grpc::ClientContext context;
-  SetDeadline(context, kCallLimit);
-  proto::ListTicketsResponse response;
-  CheckCall(stub.ListTickets(&context, {}, &response));
+  const auto response = Call(stub, &Stub::ListTickets, proto::ListTicketsRequest());
   for (const proto::TicketSummary& ticket : response.tickets()) {
     PrintLine(ticket.ticket_id() + " " + TimeText(ticket.last_change().unix_time_ms()) + " apps " +
               QuotedList({ticket.apps().begin(), ticket.apps().end()}) + " device " +
@@ -129,10 +121,7 @@ bool ListTickets(Stub& stub) {
 }
 
 bool ListDevices(Stub& stub) {
-  grpc::ClientContext context;
-  SetDeadline(context, kCallLimit);
-  proto::ListDevicesResponse response;
-  CheckCall(stub.ListDevices(&context, {}, &response));
+  const auto response = Call(stub, &Stub::ListDevices, proto::ListDevicesRequest());
   for (const proto::DeviceSummary& device : response.devices()) {
     PrintLine("\"" + device.serial_number() + "\" since " + TimeText(device.connected_unix_time_ms()) +
               " from " + device.peer());
@@ -156,15 +145,6 @@ bool Run(const TicketOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    const auto parsed = ParseTicketOptions(argc, argv);
-    if (!parsed.run) {
-      (parsed.exit_status == 0 ? std::cout : std::cerr) << parsed.text;
-      return parsed.exit_status;
-    }
-    return Run(parsed.options) ? 0 : 1;
-  } catch (const std::exception& error) {
-    std::cerr << "ticket: " << error.what() << "\n";
-    return 1;
-  }
+  return TarvoOrvane::SupportService::RunProgram("ticket", ParseTicketOptions, argc, argv,
+                                                 [](const auto& options) { return Run(options) ? 0 : 1; });
 }

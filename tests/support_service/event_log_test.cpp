@@ -6,6 +6,8 @@
 #include <array>
 #include <chrono>
 
+#include "text_forms.h"
+
 namespace TarvoOrvane::SupportService {
 namespace {
 
