@@ -146,6 +146,7 @@ bool DebugDatTransmitterDaemon::WritePipeMessage(int& fd, const Json::Value& mes
   return true;
 }
 
+// What follows the call is as behind the write: each tells of its own count, under the line of its own statement.
 bool DebugDatTransmitterDaemon::ReadPipeMessage(int& fd, Json::Value& message) {
   char frame[kPipeFrameSize] = {};
   const ssize_t count = read(fd, frame, sizeof(frame));

@@ -162,6 +162,7 @@ bool DebugFileTransmitter::UploadFile(const std::string& file_path, const Json::
   return uploaded;
 }
 
+// It ends as UploadFile() does. The two stay apart because each log line tells the place that it comes from.
 bool DebugFileTransmitter::UpdateResult(const Result& result) {
   std::string body;  // libcurl sends it uncopied, up to the end of the transfer
   const CurlOptionSetter set_options = [this, result, &body](CurlHandle& handle, CurlHeaderList& headers) {
