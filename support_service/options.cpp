@@ -13,8 +13,24 @@ namespace {
 constexpr int kUsageError = 2;
 constexpr std::int64_t kMaxSeconds = 86400;  // a day: more is a slip of the keyboard
 
+constexpr char kServiceExamples[] = R"(Examples:
+  support_service
+  support_service --grpc-address 127.0.0.1:50051 --http-address 127.0.0.1:8080 --data /tmp/support
+
+Prints its addresses, then one line per event. Send tickets with the program ticket. SIGTERM or
+Ctrl-C ends it. There is no encryption: bind to other addresses than loopback only in a network
+that you trust.)";
+
+constexpr char kTicketExamples[] = R"(Examples:
+  ticket --apps web,database --wait
+  ticket --apps web --device SN0001 --wait 60
+  ticket --list
+
+Prints the ticket's id. With --wait it prints each change, and exit status 0 means that the device
+reported "Success"; without, that the service took the ticket.)";
+
 /// Runs the parser. debug_dat_collect does it in the same way; the service shares no code with the platform.
-/// @return whether the program is to run; otherwise text and exit status are set.
+/// @return Whether the program is to run; otherwise text and exit status are set.
 template <typename Options>
 bool RunParser(CLI::App& app, int argc, const char* const* argv, Parsed<Options>& parsed) {
   try {
@@ -47,7 +63,7 @@ Parsed<Options> Checked(Parsed<Options> parsed, const Check& check) {
   return parsed;
 }
 
-/// @throw std::invalid_argument  the service could not be started so.
+/// @throws std::invalid_argument when the service could not be started so.
 void CheckSettings(const ServiceSettings& settings) {
   if (settings.data_folder.empty()) throw std::invalid_argument("--data: the folder's name is empty");
   ParseListenAddress(settings.grpc_address, true);
@@ -55,7 +71,7 @@ void CheckSettings(const ServiceSettings& settings) {
 }
 
 /// "a,b" as two names; an empty text is an empty list.
-/// @throw std::invalid_argument  a name is empty.
+/// @throws std::invalid_argument when a name is empty.
 std::vector<std::string> SplitNames(const std::string& text) {
   std::vector<std::string> names;
   if (text.empty()) return names;
@@ -89,14 +105,7 @@ Parsed<ServiceSettings> ParseServiceOptions(int argc, const char* const* argv) {
   app.add_option("--retry-seconds", retry_seconds, "Pause before a rejected ticket is delivered again")
       ->check(CLI::Range(std::int64_t{1}, kMaxSeconds))
       ->capture_default_str();
-  app.footer(
-      "Examples:\n"
-      "  support_service\n"
-      "  support_service --grpc-address 127.0.0.1:50051 --http-address 127.0.0.1:8080 --data /tmp/support\n"
-      "\n"
-      "Prints its addresses, then one line per event. Send tickets with the program ticket. SIGTERM or\n"
-      "Ctrl-C ends it. There is no encryption: bind to other addresses than loopback only in a network\n"
-      "that you trust.");
+  app.footer(kServiceExamples);
   if (!RunParser(app, argc, argv, parsed)) return parsed;
   settings.data_folder = data_folder;
   settings.tickets.retry_pause = std::chrono::seconds(retry_seconds);
@@ -129,14 +138,7 @@ Parsed<TicketOptions> ParseTicketOptions(int argc, const char* const* argv) {
     listing->excludes(apps_option)->excludes(device_option)->excludes(wait_option);
   }
   list_option->excludes(devices_option);
-  app.footer(
-      "Examples:\n"
-      "  ticket --apps web,database --wait\n"
-      "  ticket --apps web --device SN0001 --wait 60\n"
-      "  ticket --list\n"
-      "\n"
-      "Prints the ticket's id. With --wait it prints each change, and exit status 0 means that the device\n"
-      "reported \"Success\"; without, that the service took the ticket.");
+  app.footer(kTicketExamples);
   if (!RunParser(app, argc, argv, parsed)) return parsed;
   options.data_folder = data_folder;
   options.wait = wait_option->count() > 0;

@@ -82,7 +82,7 @@ std::string ChangeText(const proto::TicketChange& change) {
 void PrintLine(const std::string& line) { std::cout << line << std::endl; }
 
 /// Prints the ticket's changes up to its report.
-/// @return whether the device reported success.
+/// @return Whether the device reported success.
 bool Follow(Stub& stub, const std::string& ticket_id, const TicketOptions& options) {
   grpc::ClientContext context;
   if (options.wait_limit) SetDeadline(context, *options.wait_limit);

@@ -12,21 +12,28 @@ enum class State {
   kSkipped   ///< Not checked: something that it depends on has a problem.
 };
 
+/// One line of the report, with its advice.
 struct Check {
-  std::string name;
+  std::string name;  ///< What was looked at, as docs/debug_dat_check.md lists it.
   State state = State::kOk;
   std::string text;    ///< What was found. May quote bytes from files and servers as they are.
   std::string advice;  ///< What to do; empty where there is nothing to do.
 };
 
+/// What is in order, with what was found there: an operator may see that it is not what they meant.
 [[nodiscard]] Check Ok(const std::string& name, const std::string& text);
+/// What the daemon can work with, though it had better be otherwise.
+/// @param advice  What to do; never empty.
 [[nodiscard]] Check Warning(const std::string& name, const std::string& text, const std::string& advice);
 
 /// A problem. Where its text tells of a refused access and this process is not root, as the daemon is, the advice
 /// is to run it as root.
+/// @param text    What is wrong, beginning with what it is: a path, an address.
+/// @param advice  What to do; never empty.
 [[nodiscard]] Check Problem(const std::string& name, const std::string& text, const std::string& advice);
 
-/// @param cause  Why the check was not made; completes "skipped: ".
+/// What was not looked at.
+/// @param cause  Why; it goes behind "not checked: ".
 [[nodiscard]] Check Skipped(const std::string& name, const std::string& cause);
 
 }  // namespace DebugDatCheck

@@ -23,20 +23,11 @@
 namespace DebugDatCheck {
 namespace {
 
+namespace client = TarvoOrvane::Internal;
+namespace form = TARVO::SupportForm;
 namespace fs = std::filesystem;
-using TARVO::SupportForm::Distrust;
-using TARVO::SupportForm::ErrorText;
-using TARVO::SupportForm::kPatternFileBytes;
-using TARVO::SupportForm::Limits;
-using TARVO::SupportForm::OpenTrusted;
-using TARVO::SupportForm::Paths;
-using TARVO::SupportForm::ReadTrustedFile;
-using TarvoOrvane::Internal::LoadTlsFiles;
-using TarvoOrvane::Internal::ReadSerialNumber;
-using TarvoOrvane::Internal::SerialNumberPaths;
-using TarvoOrvane::Internal::TlsFault;
-using TarvoOrvane::Internal::TlsFiles;
 
+// The checks' names, as they are printed; docs/debug_dat_check.md lists them.
 constexpr char kConfiguration[] = "configuration";
 constexpr char kTls[] = "TLS files";
 constexpr char kSerial[] = "serial number";
@@ -53,16 +44,16 @@ constexpr char kConfigurationForm[] =
     R"("css_server": {"url": "https://HOST"}}} there, then restart the daemon)";
 
 /// What others could change in a path's place, be anything there or not.
-Distrust DistrustOf(const std::string& path) { return OpenTrusted(path, O_PATH).distrust; }
+form::Distrust DistrustOf(const std::string& path) { return form::OpenTrusted(path, O_PATH).distrust; }
 
-Check Distrusted(const std::string& name, const Distrust& distrust) {
+Check Distrusted(const std::string& name, const form::Distrust& distrust) {
   return Problem(name, distrust.text, distrust.advice);
 }
 
 /// `check`, unless it is no problem and others could change what lies under the path.
 Check UnlessDistrusted(const Check& check, const std::string& path) {
   if (check.state == State::kProblem) return check;
-  const Distrust distrust = DistrustOf(path);
+  const form::Distrust distrust = DistrustOf(path);
   return distrust ? Distrusted(check.name, distrust) : check;
 }
 
@@ -94,6 +85,7 @@ std::string TakeUrl(const Json::Value& root, const char* server, std::string& ur
   const Json::Value* value = &root;
   std::string place;
   for (const char* key : {"debug_dat_file_transmitter", server, "url"}) {
+    // Before any member is looked at: jsoncpp throws where there can be none.
     if (!value->isObject()) return (place.empty() ? "the document" : place) + " is no object";
     place += (place.empty() ? "" : ".") + std::string(key);
     if (!value->isMember(key)) return place + " is missing";
@@ -113,18 +105,21 @@ std::string AsSentence(std::string text) {
 
 // ---- serial number ----
 
+/// One of the files that may tell the serial number. The library tells the number and not where it found it, so it is
+/// asked for each file alone.
 struct SerialSource {
   std::string file;
-  SerialNumberPaths paths;  ///< This source alone.
+  client::SerialNumberPaths paths;  ///< This source alone.
   std::string description;
 };
 
-std::array<SerialSource, 3> SourcesOf(const SerialNumberPaths& paths) {
+std::array<SerialSource, 3> SourcesOf(const client::SerialNumberPaths& paths) {
   return {{{paths.configured, {paths.configured, "", ""}, "from " + paths.configured},
            {paths.dmi, {"", paths.dmi, ""}, "from the board's maker, " + paths.dmi},
            {paths.machine_id, {"", "", paths.machine_id}, "a hash of " + paths.machine_id}}};
 }
 
+/// By the effective user, as the daemon's files are read; access() would ask for the real one.
 bool MayNotRead(const std::string& path) {
   return faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0 && errno == EACCES;
 }
@@ -154,7 +149,9 @@ std::string Counted(std::size_t count, const std::string& noun) {
   return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
-Check CheckDescription(const Paths& paths, const Limits& limits, const std::string& file) {
+/// One entry of the folder of descriptions.
+/// @param file  Its name there.
+Check CheckDescription(const form::Paths& paths, const form::Limits& limits, const std::string& file) {
   constexpr char kSuffix[] = ".json";
   constexpr std::size_t kSuffixSize = sizeof kSuffix - 1;
   const std::string path = paths.descriptions + "/" + file;
@@ -163,7 +160,7 @@ Check CheckDescription(const Paths& paths, const Limits& limits, const std::stri
                    "Rename it to NAME.json, or remove it");
   }
   const std::string name = file.substr(0, file.size() - kSuffixSize);
-  if (!TARVO::SupportForm::IsAppName(name)) {
+  if (!form::IsAppName(name)) {
     return Problem(kApplication, path + ": no ticket can ask for an application of this name",
                    "Rename it: a letter or digit, then up to 63 of letters, digits, '.', '_' and '-', "
                    "then .json");
@@ -173,7 +170,7 @@ Check CheckDescription(const Paths& paths, const Limits& limits, const std::stri
     return Ok(kApplication, name + ": " + Counted(app.paths.size(), "path") + ", " +
                                 Counted(app.commands.size(), "command") + ", " +
                                 Counted(app.units.size(), "journal unit"));
-  } catch (const TARVO::SupportForm::DescriptionError& error) {
+  } catch (const form::DescriptionError& error) {
     return Problem(kApplication, error.what(),
                    "Correct the file; until then a ticket for " + name + " gets nothing of it");
   }
@@ -184,8 +181,8 @@ Check CheckDescription(const Paths& paths, const Limits& limits, const std::stri
 Check CheckConfiguration(const std::string& path, ServiceUrls& urls) {
   std::string text;
   bool more = false;
-  if (!TARVO::SupportForm::ReadFileUpTo(path, kMaxConfigurationBytes, text, more)) {
-    return Problem(kConfiguration, path + " can't be read: " + ErrorText(errno), kConfigurationForm);
+  if (!form::ReadFileUpTo(path, kMaxConfigurationBytes, text, more)) {
+    return Problem(kConfiguration, path + " can't be read: " + form::ErrorText(errno), kConfigurationForm);
   }
   if (more) return Problem(kConfiguration, path + " is longer than 1 MiB", kConfigurationForm);
   Json::Value root;
@@ -204,16 +201,16 @@ Check CheckConfiguration(const std::string& path, ServiceUrls& urls) {
                  kConfigurationForm);
 }
 
-std::vector<Check> CheckTlsFiles(const std::string& folder, std::optional<TlsFiles>& out) {
-  TlsFiles files;
+std::vector<Check> CheckTlsFiles(const std::string& folder, std::optional<client::TlsFiles>& out) {
+  client::TlsFiles files;
   std::vector<Check> checks;
-  for (const TlsFault& fault : LoadTlsFiles(folder, files)) {
+  for (const client::TlsFault& fault : client::LoadTlsFiles(folder, files)) {
     checks.push_back(Problem(kTls, fault.file + ": " + fault.what, AsSentence(fault.advice)));
   }
   if (!checks.empty()) return checks;
-  std::set<std::string> told;
+  std::set<std::string> told;  // a folder that others can change is one problem, not three
   for (const char* name : {"/ca.pem", "/client.pem", "/client.key"}) {
-    const Distrust distrust = DistrustOf(folder + name);
+    const form::Distrust distrust = DistrustOf(folder + name);
     if (distrust && told.insert(distrust.text).second) checks.push_back(Distrusted(kTls, distrust));
   }
   const std::string trust = files.authorities.empty()
@@ -221,20 +218,22 @@ std::vector<Check> CheckTlsFiles(const std::string& folder, std::optional<TlsFil
                                 : "the authorities in " + folder + "/ca.pem are trusted, and no others";
   const std::string identity =
       files.client_key.empty() ? "" : ", and the device shows " + folder + "/client.pem";
+  // The files work, whoever else may have a say: the servers can be looked at with them.
   out = std::move(files);
   if (checks.empty()) checks.push_back(Ok(kTls, trust + identity));
   return checks;
 }
 
-Check CheckSerialNumber(const SerialNumberPaths& paths) {
+Check CheckSerialNumber(const client::SerialNumberPaths& paths) {
   const std::string advice = "Write the number, 1 to 128 printable ASCII characters, to " + paths.configured;
   std::string hidden;  // the first source that this process may not read
   for (const SerialSource& source : SourcesOf(paths)) {
-    auto number = ReadSerialNumber(source.paths);
+    auto number = client::ReadSerialNumber(source.paths);
     if (!number && hidden.empty() && MayNotRead(source.file)) hidden = source.file;
     if (!number) continue;
     std::string text = *number + ", " + source.description;
     if (!hidden.empty()) {
+      // An earlier source is hidden from this user, and the daemon may find its number there.
       return Warning(kSerial, text.append(", but this may not read ").append(hidden),
                      "Run this as root, as the daemon runs; it may find another number");
     }
@@ -243,23 +242,24 @@ Check CheckSerialNumber(const SerialNumberPaths& paths) {
     }
     return UnlessDistrusted(Ok(kSerial, text), paths.configured);
   }
-  const std::string refused = hidden.empty() ? "" : " (" + hidden + ": " + ErrorText(EACCES) + ")";
+  const std::string refused = hidden.empty() ? "" : " (" + hidden + ": " + form::ErrorText(EACCES) + ")";
   return Problem(kSerial, "none is found, so the service can't tell this device from others" + refused,
                  advice);
 }
 
-Check CheckFreeSpace(const Paths& paths, const Limits& limits) {
-  if (const Distrust distrust = DistrustOf(paths.state)) return Distrusted(kSpace, distrust);
+Check CheckFreeSpace(const form::Paths& paths, const form::Limits& limits) {
+  if (const form::Distrust distrust = DistrustOf(paths.state)) return Distrusted(kSpace, distrust);
   const std::string folder = NearestFolder(paths.state);
   struct statvfs status {};
   if (statvfs(folder.c_str(), &status) != 0) {
-    return Problem(kSpace, folder + " can't be looked at: " + ErrorText(errno),
+    return Problem(kSpace, folder + " can't be looked at: " + form::ErrorText(errno),
                    "Mend the file system; archives are made in " + paths.state);
   }
   if ((status.f_flag & ST_RDONLY) != 0) {
     return Problem(kSpace, folder + " is on a read-only file system",
                    "Make " + paths.state + " writable; archives are made there");
   }
+  // f_bavail: what is kept for root is not for archives.
   const std::uint64_t available = std::uint64_t{status.f_bavail} * status.f_frsize;
   const std::string text = SizeText(available) + " for archives in " + paths.state;
   const std::string advice = "Make room on the file system of " + folder;
@@ -274,27 +274,29 @@ Check CheckFreeSpace(const Paths& paths, const Limits& limits) {
   return Ok(kSpace, text);
 }
 
-Check CheckPatterns(const Paths& paths) {
+Check CheckPatterns(const form::Paths& paths) {
   const std::string advice = "Mend the file, or remove it; until then nothing is collected";
   std::string text;
   bool more = false;
-  Distrust distrust;
-  if (ReadTrustedFile(paths.redaction, kPatternFileBytes, text, more, distrust)) {
+  form::Distrust distrust;
+  if (form::ReadTrustedFile(paths.redaction, form::kPatternFileBytes, text, more, distrust)) {
     return more ? Problem(kPatterns,
-                          paths.redaction + " is longer than " + std::to_string(kPatternFileBytes) + " bytes",
+                          paths.redaction + " is longer than " + std::to_string(form::kPatternFileBytes) +
+                              " bytes",
                           advice)
                 : Ok(kPatterns, paths.redaction + " can be read");
   }
-  const int error = errno;
+  const int error = errno;  // of the reading; what follows may change it
   if (distrust) return Distrusted(kPatterns, distrust);
   std::error_code ignored;
+  // A link to nothing is no missing file: somebody meant to have patterns.
   if (error == ENOENT && !fs::is_symlink(paths.redaction, ignored)) {
     return Ok(kPatterns, "none (no " + paths.redaction + "): the built-in rules hold");
   }
-  return Problem(kPatterns, paths.redaction + " can't be read: " + ErrorText(error), advice);
+  return Problem(kPatterns, paths.redaction + " can't be read: " + form::ErrorText(error), advice);
 }
 
-Check CheckDebugFlag(const TarvoOrvane::Internal::LoggerOptions& logger) {
+Check CheckDebugFlag(const client::LoggerOptions& logger) {
   const bool on = access(logger.flag_file.c_str(), F_OK) == 0;
   return UnlessDistrusted(
       Ok(kDebugLog, on ? "log lines go to " + logger.log_file + ", because there is " + logger.flag_file
@@ -302,12 +304,14 @@ Check CheckDebugFlag(const TarvoOrvane::Internal::LoggerOptions& logger) {
       logger.flag_file);
 }
 
-std::vector<Check> CheckApplications(const Paths& paths, const Limits& limits) {
-  if (const Distrust distrust = DistrustOf(paths.descriptions)) return {Distrusted(kApplication, distrust)};
+std::vector<Check> CheckApplications(const form::Paths& paths, const form::Limits& limits) {
+  if (const form::Distrust distrust = DistrustOf(paths.descriptions))
+    return {Distrusted(kApplication, distrust)};
   const std::string advice =
       "Describe each application whose data may be asked for in " + paths.descriptions + "/NAME.json";
   std::error_code error;
   std::vector<std::string> files;
+  // All entries, not only *.json: a file that is not read is worth a word.
   for (fs::directory_iterator entry(paths.descriptions, error), end; !error && entry != end;
        entry.increment(error)) {
     files.push_back(entry->path().filename());
@@ -316,8 +320,8 @@ std::vector<Check> CheckApplications(const Paths& paths, const Limits& limits) {
     return {Warning(kApplication, "none is described: archives hold the system's data only", advice)};
   }
   if (error) {
-    return {
-        Problem(kApplication, paths.descriptions + " can't be read: " + ErrorText(error.value()), advice)};
+    return {Problem(kApplication, paths.descriptions + " can't be read: " + form::ErrorText(error.value()),
+                    advice)};
   }
   std::sort(files.begin(), files.end());
   std::vector<Check> checks;

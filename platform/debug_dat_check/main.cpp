@@ -35,7 +35,7 @@ int CheckAll(bool as_json) {
     checks.push_back(check);
     if (as_json) return;
     (void)std::fputs(CheckText(check, with_colours).c_str(), stdout);
-    (void)std::fflush(stdout);
+    (void)std::fflush(stdout);  // the next check may wait for a server
   });
   (void)std::fputs((as_json ? ReportJson(checks) : "\n" + SummaryText(checks)).c_str(), stdout);
   return HasProblem(checks) ? kProblemFound : 0;

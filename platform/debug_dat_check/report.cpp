@@ -4,6 +4,7 @@
 #include <json/writer.h>
 
 #include <algorithm>
+#include <array>
 
 #include "library_log.h"
 
@@ -14,35 +15,20 @@ using TarvoOrvane::Internal::MakePrintable;
 
 constexpr std::size_t kStateWidth = 9;
 constexpr std::size_t kNameWidth = 22;
+/// Servers and files may put in what they like.
 constexpr std::size_t kMaxText = 1000;
 
-const char* Word(State state) {
-  switch (state) {
-    case State::kOk:
-      return "ok";
-    case State::kWarning:
-      return "warning";
-    case State::kProblem:
-      return "problem";
-    case State::kSkipped:
-      return "skipped";
-  }
-  return "";
-}
+/// How a state is shown.
+struct Look {
+  const char* word;
+  const char* colour;  ///< The terminal's code for it.
+};
 
-const char* Colour(State state) {
-  switch (state) {
-    case State::kOk:
-      return "\033[32m";
-    case State::kWarning:
-      return "\033[33m";
-    case State::kProblem:
-      return "\033[1;31m";
-    case State::kSkipped:
-      return "\033[2m";
-  }
-  return "";
-}
+/// In the order of the states.
+constexpr std::array<Look, 4> kLooks = {
+    {{"ok", "\033[32m"}, {"warning", "\033[33m"}, {"problem", "\033[1;31m"}, {"skipped", "\033[2m"}}};
+
+const Look& LookOf(State state) { return kLooks.at(static_cast<std::size_t>(state)); }
 
 std::string Padded(std::string text, std::size_t width) {
   text.resize(std::max(width, text.size() + 1), ' ');
@@ -61,8 +47,8 @@ std::string Counted(std::size_t count, const std::string& noun) {
 }  // namespace
 
 std::string CheckText(const Check& check, bool with_colours) {
-  std::string state = Padded(Word(check.state), kStateWidth);
-  if (with_colours) state = Colour(check.state) + state + "\033[0m";
+  std::string state = Padded(LookOf(check.state).word, kStateWidth);
+  if (with_colours) state = LookOf(check.state).colour + state + "\033[0m";
   std::string text = state + Padded(check.name, kNameWidth) + MakePrintable(check.text, kMaxText) + "\n";
   if (!check.advice.empty()) {
     text += std::string(kStateWidth + kNameWidth, ' ') + "-> " + MakePrintable(check.advice, kMaxText) + "\n";
@@ -85,7 +71,7 @@ std::string ReportJson(const std::vector<Check>& checks) {
   for (const Check& check : checks) {
     Json::Value& entry = report["checks"].append(Json::Value(Json::objectValue));
     entry["name"] = check.name;
-    entry["state"] = Word(check.state);
+    entry["state"] = LookOf(check.state).word;
     entry["text"] = check.text;
     if (!check.advice.empty()) entry["advice"] = check.advice;
   }

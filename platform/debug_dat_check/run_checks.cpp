@@ -71,7 +71,7 @@ void RunChecks(const Places& places, const ServerLimits& limits, const Report& r
     report(Skipped("CSS server", kNoAddress));
   }
 
-  const TARVO::SupportForm::Limits collection_limits;
+  const TARVO::SupportForm::Limits collection_limits;  // a device's
   report(CheckSerialNumber(places.serial_number));
   report(CheckFreeSpace(places.collection, collection_limits));
   report(CheckPatterns(places.collection));

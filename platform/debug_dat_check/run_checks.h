@@ -16,16 +16,20 @@ namespace DebugDatCheck {
 
 /// Where to look. A device uses the values that stand here, tests pass others.
 struct Places {
+  /// The daemon's own path, which is written into it.
   std::string configuration = "/usr/tarvo/etc/tarvomibserver.conf";
   std::string tls_folder = TarvoOrvane::Internal::kTlsFolder;
+  /// The ticket client's, trusted where there is no ca.pem.
   std::string system_roots = TarvoOrvane::Internal::TicketClientOptions().system_roots_file;
   TarvoOrvane::Internal::SerialNumberPaths serial_number;
   TarvoOrvane::Internal::LoggerOptions logger;
-  TARVO::SupportForm::Paths collection;
+  TARVO::SupportForm::Paths collection;  ///< Archives, application descriptions and patterns.
 };
 
-/// Makes all checks and hands each to `report` as soon as it is made. A check that depends on one with a
-/// problem is reported as skipped.
+/// Makes all checks and hands each to `report` as soon as it is made, in the order of the document: an operator sees what
+/// there is while a server lets the next one wait. A check that depends on one with a problem is reported as skipped.
+/// @param limits  Bound each look at a server; there are four.
+/// @param report  Called in this thread.
 void RunChecks(const Places& places, const ServerLimits& limits,
                const std::function<void(const Check&)>& report);
 

@@ -26,11 +26,9 @@
 namespace DebugDatCheck {
 namespace {
 
+namespace client = TarvoOrvane::Internal;
+namespace form = TARVO::SupportForm;
 using std::chrono::milliseconds;
-using TarvoOrvane::Internal::Address;
-using TarvoOrvane::Internal::MakeChannel;
-using TarvoOrvane::Internal::StreamLimits;
-using TarvoOrvane::Internal::TlsFiles;
 using TarvoOrvane::Utils::CurlFailedException;
 using TarvoOrvane::Utils::CurlHandle;
 
@@ -60,6 +58,7 @@ std::string SecondsText(milliseconds time) { return std::to_string(time.count() 
 
 // ---- addresses ----
 
+/// By the text alone. A name that leads to this machine by some other way is warned of, which does no harm.
 bool IsLoopback(const std::string& host) {
   return host.empty() || host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
 }
@@ -117,6 +116,7 @@ Lookup LookUp(const std::string& host, int flags) {
 std::optional<Lookup> LookUpWithin(const std::string& host, milliseconds limit) {
   auto promise = std::make_shared<std::promise<Lookup>>();
   auto future = promise->get_future();
+  // The thread has copies of all that it needs: it may outlive this function by minutes.
   std::thread([promise, host] { promise->set_value(LookUp(host, 0)); }).detach();
   if (future.wait_for(limit) != std::future_status::ready) return std::nullopt;
   return future.get();
@@ -137,6 +137,7 @@ class SilentCall {
       : stub_(tarvo::support::v1::NotificationService::NewStub(channel)),
         call_(stub_->PrepareAsyncOpen(&context_, &completions_)) {}
 
+  /// Waits for gRPC to be done with the call, which the cancelling makes prompt.
   ~SilentCall() {
     context_.TryCancel();
     completions_.Shutdown();
@@ -154,6 +155,7 @@ class SilentCall {
     bool ok = false;
     call_->StartCall(nullptr);
     if (!Await(limits.answer, ok)) return Outcome::kTimedOut;
+    // The start succeeds as soon as there is a connection; a refusal comes with the first thing that is read.
     if (ok) {
       call_->Read(&message_, nullptr);
       if (!Await(limits.settle, ok) || ok) return Outcome::kOpen;
@@ -185,8 +187,8 @@ class SilentCall {
 };
 
 /// The ticket client's own limits, but for those that would make an operator wait.
-StreamLimits StreamLimitsOf(const ServerLimits& limits) {
-  StreamLimits result;
+client::StreamLimits StreamLimitsOf(const ServerLimits& limits) {
+  client::StreamLimits result;
   result.name_lookup = limits.answer;
   result.connect = limits.answer;
   return result;
@@ -292,17 +294,17 @@ Check AnswerCheck(const CurlHandle& handle, const CssAddress& address) {
 
 }  // namespace
 
-Check CheckNotificationAddress(const std::string& url, std::optional<Address>& out) {
-  Address address;
+Check CheckNotificationAddress(const std::string& url, std::optional<client::Address>& out) {
+  client::Address address;
   std::string fault;
-  if (!TarvoOrvane::Internal::ParseAddress(url, address, fault)) {
+  if (!client::ParseAddress(url, address, fault)) {
     return Problem(kNotificationAddress, fault, "Correct grpc_server.url, then restart the daemon");
   }
   out = address;
   if (!address.socket_path.empty()) {
     // gRPC does not ask who listens: it is who may put a socket there.
     const std::string folder = address.socket_path.substr(0, address.socket_path.rfind('/') + 1);
-    const auto distrust = TARVO::SupportForm::OpenTrusted(folder, O_PATH | O_DIRECTORY).distrust;
+    const auto distrust = form::OpenTrusted(folder, O_PATH | O_DIRECTORY).distrust;
     if (distrust) return Warning(kNotificationAddress, url + ": " + distrust.text, distrust.advice);
   }
   return UsableAddress(kNotificationAddress, url, address.host, address.tls);
@@ -319,7 +321,7 @@ Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out) {
   }
   CssAddress address{url, PartOf(parsed, CURLUPART_HOST), scheme == "https"};
   // Put together from its parts: a password that may stand in the address is nobody's business.
-  const std::string port = PartOf(parsed, CURLUPART_PORT);
+  const std::string port = PartOf(parsed, CURLUPART_PORT);  // empty unless the address has one
   const std::string path = PartOf(parsed, CURLUPART_PATH);
   const std::string shown =
       scheme + "://" + address.host + (port.empty() ? "" : ":" + port) + (path == "/" ? "" : path);
@@ -328,6 +330,7 @@ Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out) {
                    shown + " has a query or a fragment, behind which the daemon would append its paths",
                    advice);
   }
+  // libcurl keeps the brackets; the resolver takes none.
   if (address.host.front() == '[') address.host = address.host.substr(1, address.host.size() - 2);
   out = address;
   if (url.back() == '/') {
@@ -339,6 +342,7 @@ Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out) {
 
 Check CheckHost(const std::string& name, const std::string& host, const ServerLimits& limits) {
   if (host.empty()) return Ok(name, "a unix socket, there is no name to look up");
+  // With this flag nobody is asked.
   if (LookUp(host, AI_NUMERICHOST).error == 0)
     return Ok(name, host + " is an address, there is no name to look up");
   const std::string advice =
@@ -350,21 +354,19 @@ Check CheckHost(const std::string& name, const std::string& host, const ServerLi
   if (lookup->error == 0) return Ok(name, host + " is " + Joined(lookup->addresses));
   const bool is_system = lookup->error == EAI_SYSTEM;
   return Problem(
-      name,
-      host + ": " +
-          (is_system ? TARVO::SupportForm::ErrorText(lookup->system_error) : gai_strerror(lookup->error)),
+      name, host + ": " + (is_system ? form::ErrorText(lookup->system_error) : gai_strerror(lookup->error)),
       advice);
 }
 
-Check CheckStream(const Address& address, const TlsFiles& tls, const std::string& system_roots,
-                  const ServerLimits& limits) {
-  TlsFiles used = tls;
+Check CheckStream(const client::Address& address, const client::TlsFiles& tls,
+                  const std::string& system_roots, const ServerLimits& limits) {
+  client::TlsFiles used = tls;
   if (address.tls && used.authorities.empty() &&
-      !TarvoOrvane::Internal::ReadSystemRoots(system_roots, used.authorities).empty()) {
+      !client::ReadSystemRoots(system_roots, used.authorities).empty()) {
     return Problem(kStream, system_roots + " can't be read or holds no certificate",
                    "Install ca-certificates, or put the service's authority into /usr/tarvo/etc/tls/ca.pem");
   }
-  SilentCall call(MakeChannel(address, used, StreamLimitsOf(limits)));
+  SilentCall call(client::MakeChannel(address, used, StreamLimitsOf(limits)));
   switch (call.Open(limits)) {
     case SilentCall::Outcome::kOpen:
       return Ok(kStream, "opens (closed again without a word; the device did not register)");
@@ -385,10 +387,11 @@ Check CheckCssServer(const CssAddress& address, const std::string& tls_folder, c
   CurlHandle handle(curl_easy_init(), &curl_easy_cleanup);
   std::string answer;
   try {
+    // The URL and the time limit are the caller's in the daemon, too; all else is set by the library.
     SetOption(handle, CURLOPT_URL, (address.url + kReportPath).c_str());
     SetOption(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.answer.count()));
     TarvoOrvane::Utils::CurlSetupWriteToString(handle, answer);
-    if (const auto fault = TarvoOrvane::Internal::PerformTransfer(handle, tls_folder)) {
+    if (const auto fault = client::PerformTransfer(handle, tls_folder)) {
       return Problem(kCssServer, fault->text, TransferAdvice(fault->code));
     }
     return AnswerCheck(handle, address);

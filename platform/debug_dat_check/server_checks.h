@@ -26,22 +26,25 @@ struct CssAddress {
   bool tls = false;
 };
 
-/// Judges the configured address as the ticket client does.
-/// @param out  Set when the address can be used.
+/// Judges the configured address as the ticket client does, by its own parser. Asks no name server.
+/// @param url  grpc_server.url of the configuration.
+/// @param out  Set when the address can be used, also when there is a warning.
 [[nodiscard]] Check CheckNotificationAddress(const std::string& url,
                                              std::optional<TarvoOrvane::Internal::Address>& out);
 
-/// Judges the configured address as the transfers do.
-/// @param out  Set when the address can be used.
+/// Judges the configured address as the transfers do, by libcurl's parser. A password in it is not shown.
+/// @param url  css_server.url of the configuration.
+/// @param out  Set when the address can be used, also when there is a warning.
 [[nodiscard]] Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out);
 
-/// Looks up a host's IP addresses through the system's resolver.
+/// Looks up a host's IP addresses through the system's resolver. A lookup that takes longer than ServerLimits::answer is
+/// left to itself in a thread of its own; the system has no way to end it.
 /// @param name  The check's.
 /// @param host  A name or an IP address; empty for a unix socket.
 [[nodiscard]] Check CheckHost(const std::string& name, const std::string& host, const ServerLimits& limits);
 
 /// Opens a stream at the notification server and closes it without having said Hello, so that the server neither
-/// knows the device nor delivers a ticket to it.
+/// knows the device nor delivers a ticket to it. The channel is the ticket client's own, with its limits.
 /// @param tls           Used where the address asks for TLS.
 /// @param system_roots  File of the authorities that are trusted when `tls` names none.
 [[nodiscard]] Check CheckStream(const TarvoOrvane::Internal::Address& address,
@@ -50,6 +53,7 @@ struct CssAddress {
 
 /// Sends the CSS server a GET without a token for the path of the reports. The daemon's own requests are POSTs, so
 /// that it has no effect; any HTTP answer shows that the server is there.
+/// @param address     An https: address has the TLS files read, and a fault there is the answer.
 /// @param tls_folder  Folder of the TLS files.
 [[nodiscard]] Check CheckCssServer(const CssAddress& address, const std::string& tls_folder,
                                    const ServerLimits& limits);

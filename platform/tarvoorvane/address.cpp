@@ -17,7 +17,7 @@ constexpr char kAcceptedForms[] =
     "; accepted are http://HOST:PORT (plaintext), https://HOST[:PORT], HOST:PORT (TLS), unix:/PATH";
 constexpr char kHttpsPort[] = "443";
 constexpr char kAlphanumeric[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-constexpr size_t kMaxHostName = 253;
+constexpr size_t kMaxHostName = 253;  // both as the name system has them
 constexpr size_t kMaxLabel = 63;
 
 bool ConsistsOf(std::string_view text, const std::string& allowed) {

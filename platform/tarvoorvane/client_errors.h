@@ -1,3 +1,4 @@
+/// How the ticket client's calls fail: the numbers that the daemon logs.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +10,7 @@
 namespace TarvoOrvane::Internal {
 
 /// The ticket client's own error numbers. They start above gRPC's status codes and the system's errno values,
-/// which stand in the same field.
+/// which stand in the same field. Operators look them up in docs/ticket-stream.md: a number keeps its meaning.
 enum class ClientError : std::int32_t {
   kBadAddress = 1001,  ///< The configured address can't be used.
   kBadTlsFiles,        ///< A TLS file can't be used.
@@ -22,7 +23,8 @@ enum class ClientError : std::int32_t {
   kTooCostly           ///< The stream took more bytes, memory or processor time than it may.
 };
 
-/// A failed call's status.
+/// A failed call's status. It is all that the daemon learns: it logs both and tries again after a pause.
+/// @param text  One line, printable, without anything secret.
 [[nodiscard]] inline FastSupport::CallStatus Failure(ClientError error, std::string text) {
   FastSupport::CallStatus status;
   status.hasFail = true;

@@ -63,12 +63,14 @@ void CutConnections(const Address& address) { ForEachConnection(address, &Cut); 
 
 std::uint64_t BytesReceived(const Address& address) {
   std::uint64_t sum = 0;
-  ForEachConnection(address, [&sum](int fd) {
-    tcp_info info{};
-    socklen_t size = sizeof info;
-    if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == 0) sum += info.tcpi_bytes_received;
-  });
+  ForEachConnection(address, [&sum](int fd) { sum += BytesReceivedOn(fd); });
   return sum;
+}
+
+std::uint64_t BytesReceivedOn(int socket) {
+  tcp_info info{};
+  socklen_t size = sizeof info;
+  return getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 ? info.tcpi_bytes_received : 0;
 }
 
 }  // namespace TarvoOrvane::Internal

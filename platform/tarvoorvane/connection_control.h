@@ -16,4 +16,7 @@ void CutConnections(const Address& address);
 /// thread may call it.
 [[nodiscard]] std::uint64_t BytesReceived(const Address& address);
 
+/// How many bytes a TCP socket has received; 0 for what is none, closed ones too.
+[[nodiscard]] std::uint64_t BytesReceivedOn(int socket);
+
 }  // namespace TarvoOrvane::Internal

@@ -63,6 +63,7 @@ timer_t CreateCpuTimer() {
 
 CostWatch::CostWatch(const CostLimits& limits)
     : limits_(limits), last_cpu_(ProcessCpu()), last_look_(steady_clock::now()) {
+  // The timer wakes the thread that makes it, so that one makes it; whether it could is known before this returns.
   std::promise<void> started;
   thread_ = std::thread([this, &started] {
     try {
@@ -147,7 +148,7 @@ std::string CostWatch::Excess(steady_clock::time_point now) {
     return std::to_string((heap - heap_before_) >> 20) + " MiB of memory";
   }
   if (cpu_used_ <= limits_.cpu) return {};
-  cpu_used_ = limits_.cpu;
+  cpu_used_ = limits_.cpu;  // what went beyond is forgiven, or the next stream would start in debt
   return std::to_string(limits_.cpu.count()) + " ms of processor time";
 }
 

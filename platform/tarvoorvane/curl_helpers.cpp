@@ -19,6 +19,7 @@
 #include <system_error>
 #include <utility>
 
+#include "connection_control.h"
 #include "library_log.h"
 #include "tls_files.h"
 
@@ -42,6 +43,7 @@ constexpr char kSystemRootsFolder[] = "/etc/ssl/certs";
 constexpr char kCiphersForAesHardware[] =
     "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256";
 
+/// @throws CurlFailedException with the option's name, when libcurl refuses it.
 template <typename Value>
 void SetOption(const CurlHandle& handle, const char* name, CURLoption option, Value value) {
   const CURLcode code = curl_easy_setopt(handle.get(), option, value);
@@ -133,11 +135,7 @@ size_t CheckHeaderLine(char* line, size_t size, size_t count, void* data) {
 /// What has come on all of them together; those that libcurl has closed count nothing.
 std::uint64_t BytesReceived(const std::set<curl_socket_t>& sockets) {
   std::uint64_t sum = 0;
-  for (const curl_socket_t socket : sockets) {
-    tcp_info info{};
-    socklen_t size = sizeof info;
-    if (getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0) sum += info.tcpi_bytes_received;
-  }
+  for (const curl_socket_t socket : sockets) sum += Internal::BytesReceivedOn(socket);
   return sum;
 }
 
@@ -165,7 +163,7 @@ bool HasAesHardware() {
 }
 
 bool IsPlaintext(const CurlHandle& handle) {
-  const char* url = nullptr;
+  const char* url = nullptr;  // what the daemon has set; it stays libcurl's
   curl_easy_getinfo(handle.get(), CURLINFO_EFFECTIVE_URL, &url);
   return url != nullptr && strncasecmp(url, "http://", 7) == 0;
 }
@@ -205,6 +203,7 @@ std::string SetTlsFiles(const CurlHandle& handle, const std::string& folder) {
   return {};
 }
 
+/// Whether AppendToString() has cut the answer off: libcurl itself only knows of a failed write.
 bool AnswerIsFull(const CurlHandle& handle) {
   const std::string* answer = nullptr;
   curl_easy_getinfo(handle.get(), CURLINFO_PRIVATE, &answer);
@@ -227,6 +226,7 @@ std::string FailureText(const CurlHandle& handle, CURLcode code, const char* det
   std::string text = curl_easy_strerror(code);
   if (detail[0] != '\0') text += ": " + Internal::MakePrintable(detail, kMaxErrorText);
   if (!fault.empty()) return text + ": " + fault;
+  // libcurl 7.88 says this of a head line above its own limit.
   if (text.find("Out of memory") != std::string::npos) {
     text += ", or one line of the answer's head or trailers was longer than libcurl takes";
   }
@@ -256,6 +256,7 @@ std::optional<Internal::TransferFault> Internal::PerformTransfer(CurlHandle& han
     const std::string fault = SetTlsFiles(handle, tls_folder);
     if (!fault.empty()) return TransferFault{CURLE_SSL_CERTPROBLEM, "No connection was tried: " + fault};
   }
+  // Both are this attempt's alone. The handle keeps pointers to them, which are taken back before they go.
   char detail[CURL_ERROR_SIZE] = "";
   Attempt attempt;
   curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, detail);
@@ -312,6 +313,7 @@ void CurlSlistAppend(CurlHeaderList& list, const std::string& line) {
   }
   curl_slist* extended = curl_slist_append(list.get(), line.c_str());
   if (extended == nullptr) throw std::runtime_error("CurlSlistAppend: out of memory");
+  // In this order: had it failed, the list would still be the caller's.
   (void)list.release();  // curl_slist_append() kept the head, unless the list was empty
   list.reset(extended);
 }
@@ -331,6 +333,7 @@ void CurlHttpPostAdd(CurlHttpPost& form, const std::string& name, const CURLform
   curl_httppost* first = form.first.get();
   const CURLFORMcode code =
       curl_formadd(&first, &form.last, CURLFORM_COPYNAME, name.c_str(), option, value.c_str(), CURLFORM_END);
+  // Also after a failure: the parts that were added before stay the form's.
   if (first != form.first.get()) {
     (void)form.first.release();
     form.first.reset(first);

@@ -1,4 +1,5 @@
-/// What the curl helpers set for every transfer, where it takes parameters.
+/// What the curl helpers set for every transfer, where it takes parameters. All of it runs in the transmission child;
+/// debug_dat_check uses it as well, to meet what the child would.
 #pragma once
 
 #include <chrono>

@@ -123,6 +123,7 @@ class FileLogger final : public Utils::LoggerManager {
   void Reserved1() override {}
   void Reserved2() override {}
 
+  /// Leaves errno as it was: callers log what failed, and then look at it.
   void Log(int level, const std::string& text) override {
     const int saved_errno = errno;
     if (!Keep(FormatLoggerLine(level, text))) syslog(level, "%s", text.c_str());

@@ -193,6 +193,7 @@ void NotificationStream::Call::Handle(void* tag, bool ok) {
 
 void NotificationStream::Call::HandleRead(bool ok) {
   if (!ok) return StartFinish();
+  // A message of another kind is a later server's; it is passed over.
   if (incoming.has_delivery() && !abandoned) queue.push_back(std::move(*incoming.mutable_delivery()));
   paused = queue.size() >= kMaxQueued;
   if (!paused) StartRead();
@@ -202,7 +203,7 @@ void NotificationStream::Call::HandleFinish() {
   status_deadline.reset();
   if (opened_at) lifetime = std::chrono::steady_clock::now() - *opened_at;
   ended = true;
-  completions.Shutdown();
+  completions.Shutdown();  // what is still under way comes out first; then the thread ends
 }
 
 void NotificationStream::Call::HandleWrite(bool ok) {
@@ -262,13 +263,14 @@ NotificationStream::NotificationStream(const Address& address, const TlsFiles& t
 }
 
 NotificationStream::~NotificationStream() {
-  const Address address = call_->address;
+  const Address address = call_->address;  // for after the call is gone
   std::unique_lock<std::mutex> lock(call_->mutex);
   call_->Cancel();
   const bool is_finished =
       call_->finished.wait_for(lock, call_->limits.close, [this] { return call_->is_finished; });
   const bool was_open = call_->opened_at.has_value();
   lock.unlock();
+  // gRPC may be busy with what a server sends. The worker must not wait for that; the thread owns a part of the call.
   is_finished ? thread_.join() : thread_.detach();
   call_.reset();
   // gRPC goes on with a destroyed channel's attempt to connect. If the server answers it in time, gRPC keeps that

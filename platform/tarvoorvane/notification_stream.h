@@ -35,10 +35,13 @@ struct StreamLimits {
 [[nodiscard]] std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const TlsFiles& tls,
                                                          const StreamLimits& limits);
 
+/// The worker's thread calls all operations but GiveUp(), with all signals blocked: the threads that gRPC and this object
+/// start inherit that.
 class NotificationStream {
  public:
   /// Starts to connect and sends Hello as soon as that is possible; does not wait.
-  /// @param tls  Used where the address asks for TLS; its authorities are not empty then.
+  /// @param tls            As MakeChannel() takes it.
+  /// @param serial_number  For Hello; empty when the device knows none.
   /// @throws std::system_error when a descriptor or the thread can't be had.
   NotificationStream(const Address& address, const TlsFiles& tls, const std::string& serial_number,
                      const StreamLimits& limits);
@@ -50,10 +53,17 @@ class NotificationStream {
   NotificationStream& operator=(const NotificationStream&) = delete;
 
   /// Readable after anything has changed. DrainEvents() comes before the looks at what has.
+  /// The descriptor stays this object's.
   [[nodiscard]] int event_fd() const;
+  /// Makes the descriptor unreadable until the next change.
   void DrainEvents();
 
-  enum class Taken { kDelivery, kNothingYet, kEnded };
+  /// What Take() has found.
+  enum class Taken {
+    kDelivery,    ///< It was moved out.
+    kNothingYet,  ///< event_fd() tells when there may be one.
+    kEnded        ///< The stream is over; end_status() tells why.
+  };
 
   /// Takes the oldest queued delivery. Once the stream is known to be over nothing more is taken from it: the
   /// server delivers again.
@@ -72,9 +82,11 @@ class NotificationStream {
     kWritten,   ///< All messages are out.
     kFailed     ///< The last message could not be written.
   };
+  /// How far the messages to the server have come. "Written" means that the system has the bytes, not the server.
   [[nodiscard]] WriteState write_state() const;
 
-  /// Starts to write an answer, behind what is in flight. Fails at once when the stream is ending.
+  /// Starts to write an answer, behind what is in flight; write_state() tells what came of it. Fails at once when the
+  /// stream is ending.
   void StartAnswer(const tarvo::support::v1::Answer& answer);
 
   /// Ends the stream from this side; it then ends like any other.
@@ -89,7 +101,7 @@ class NotificationStream {
   struct Call;
 
   std::shared_ptr<Call> call_;  ///< Shared with the thread, which may have to outlive this object.
-  std::thread thread_;
+  std::thread thread_;          ///< Waits for gRPC's completions.
 };
 
 }  // namespace TarvoOrvane::Internal

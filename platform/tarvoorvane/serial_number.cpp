@@ -117,6 +117,7 @@ std::string HashOfMachineId(const std::string& digits) {
 Utils::Optional<std::string> ReadSerialNumber(const SerialNumberPaths& paths) {
   const std::string configured = FirstLine(paths.configured);
   if (IsUsable(configured)) return configured;
+  // An absent file is the ordinary case and no word.
   if (errno != 0 && errno != ENOENT) {
     LogLine(LOG_WARNING,
             paths.configured + " can't be read: " + strerror(errno) + "; other sources are asked");

@@ -18,7 +18,9 @@ namespace TarvoOrvane::Internal {
 /// mask of the thread that creates them: without this, gRPC's would run the caller's signal handlers.
 class SignalBlock {
  public:
+  /// Remembers the thread's mask, and blocks.
   SignalBlock();
+  /// Gives the thread its mask back; signals that waited meanwhile run their handlers before this returns.
   ~SignalBlock();
   SignalBlock(const SignalBlock&) = delete;
   SignalBlock& operator=(const SignalBlock&) = delete;
@@ -27,7 +29,7 @@ class SignalBlock {
   [[nodiscard]] sigset_t WaitMask() const;
 
  private:
-  sigset_t callers_{};
+  sigset_t callers_{};  ///< The thread's mask before.
 };
 
 /// Watches for SIGTERM. While any object lives, the process's SIGTERM handler is wrapped (not where SIGTERM
@@ -35,7 +37,16 @@ class SignalBlock {
 /// All of it runs in the worker's one thread, inside a SignalBlock.
 class StopSignal {
  public:
+  using Deadline = std::optional<std::chrono::steady_clock::time_point>;  ///< None: no limit.
+  enum class Wake {
+    kEvent,   ///< The descriptor is readable.
+    kStop,    ///< SIGTERM is pending.
+    kTimeout  ///< The deadline has come.
+  };
+
+  /// The first object makes the timer and wraps the handler. Without a timer it logs that and works as well as it can.
   StopSignal();
+  /// The last object takes both back, unless somebody else has set another handler since.
   ~StopSignal();
   StopSignal(const StopSignal&) = delete;
   StopSignal& operator=(const StopSignal&) = delete;
@@ -43,18 +54,17 @@ class StopSignal {
   /// Whether SIGTERM is pending and not ignored. If it is, the timer is armed.
   [[nodiscard]] bool IsPending() const;
 
-  using Deadline = std::optional<std::chrono::steady_clock::time_point>;  ///< None: no limit.
-  enum class Wake { kEvent, kStop, kTimeout };
-
   /// Sleeps until `event_fd` is readable, SIGTERM is pending or `deadline` has come. Other signals run their
   /// handlers meanwhile and end nothing.
+  /// @param event_fd  A negative one is never readable.
+  /// @param block     The calling thread's.
   /// @throws std::system_error when the wait is impossible.
   [[nodiscard]] Wake Wait(int event_fd, const SignalBlock& block, const Deadline& deadline);
 
  private:
-  int WatchedSignalFd();
+  int WatchedSignalFd();  ///< -1 while SIGTERM is ignored.
 
-  ScopedFd signal_fd_;
+  ScopedFd signal_fd_;  ///< Made when it is first needed, and never read.
 };
 
 }  // namespace TarvoOrvane::Internal

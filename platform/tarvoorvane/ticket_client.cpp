@@ -28,7 +28,9 @@ using Wake = StopSignal::Wake;
 using WriteState = NotificationStream::WriteState;
 
 constexpr std::chrono::milliseconds kLongestKeepalive = std::chrono::hours(1);
+/// Of a ticket's id in a log line; the service may choose a longer one.
 constexpr size_t kMaxShownId = 64;
+/// Larger blocks are mapped, and so unmapped when they are freed.
 constexpr int kLargestKeptBlock = 32 * 1024;
 
 CallStatus Stopped() { return Failure(ClientError::kStopped, "SIGTERM ended the wait"); }
@@ -87,6 +89,7 @@ ReceiveResult TicketClient::Receive() {
 }
 
 CallStatus TicketClient::ReceiveTicket(const SignalBlock& block, Ticket& ticket) {
+  // First: a worker that is told to stop while each attempt fails would go on trying.
   if (stop_.IsPending()) return Stopped();
   if (!address_) return Failure(ClientError::kBadAddress, address_fault_);
   if (!stream_) {
@@ -160,9 +163,9 @@ CallStatus TicketClient::AwaitDelivery(const SignalBlock& block, Delivery& deliv
 
 void TicketClient::CloseStream() {
   if (!stream_) return;
-  watch_->End();
+  watch_->End();  // it has a pointer to the stream
   stream_.reset();
-  malloc_trim(0);
+  malloc_trim(0);  // a pause of up to ten minutes may follow
   // The watch goes on: gRPC keeps a connection for as long as bytes come, even when there is no stream on it.
   watch_->Begin([address = *address_](const std::string& /*what*/) { CutConnections(address); },
                 [address = *address_] { return BytesReceived(address); });
@@ -186,6 +189,7 @@ CallStatus TicketClient::CloseEndedStream() {
 CallStatus TicketClient::ReplaceEndedStream(const SignalBlock& block) {
   const auto lived = std::chrono::duration_cast<std::chrono::milliseconds>(stream_->lifetime());
   CallStatus failure = CloseEndedStream();
+  // The daemon pauses longer after each failure; what ends soon after its start is for it to slow down.
   if (lived < options_.settled) return failure;
   const auto pause = RandomPause(options_.longest_pause);
   LogLine(LOG_NOTICE, "The stream ended after " + std::to_string(lived.count() / 1000) +
@@ -240,6 +244,7 @@ CallStatus TicketClient::Deliver(const SignalBlock& block, const Answer& answer)
       return Failure(ClientError::kAnswerNotSent, "The stream ended before the answer was written");
     }
     if (stop_.Wait(stream_->event_fd(), block, deadline) == Wake::kTimeout) {
+      // The server reads nothing. A later answer would stand behind this one and never go out either.
       stream_->Cancel();
       return Failure(ClientError::kAnswerNotSent,
                      "The answer could not be written in time; the stream is closed");

@@ -1,3 +1,4 @@
+/// Which tickets were taken, for when the service delivers one again.
 #pragma once
 
 #include <deque>
@@ -13,6 +14,7 @@ class TicketMemory {
 
   /// Makes `id` the youngest. The empty id is not remembered: it can't tell two tickets apart.
   void Add(const std::string& id);
+  /// Whether `id` is among those that were added last. False for the empty id.
   [[nodiscard]] bool Contains(const std::string& id) const;
 
  private:

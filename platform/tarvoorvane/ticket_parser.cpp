@@ -9,6 +9,7 @@
 namespace TarvoOrvane::Internal {
 namespace {
 
+/// Strictly, because what is taken here goes to the collection: jsoncpp's own reader takes much that is no JSON.
 bool ParseStrictly(const std::string& text, Json::Value& out) {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);

@@ -1,3 +1,4 @@
+/// The ticket's text, as it came from the service.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-/// The TLS files that both servers' connections use, from one folder.
+/// The TLS files that both servers' connections use, from one folder, and the system's authorities in place of a ca.pem.
 #pragma once
 
 #include <string>
