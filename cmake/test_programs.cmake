@@ -1,6 +1,6 @@
 # list_test_programs(FILE): writes a line for each program that is defined in the current folder and below: its name, and
-# the sources of it and of the test libraries that it links, as seen from the project. By this ./test NAME knows what has tests of that name before
-# anything is built.
+# the sources of it and of the test libraries that it links, as seen from the project. By this ./test NAME knows what has
+# tests of that name before anything is built.
 
 function(_collect_test_sources target result)
   set(tests ${PROJECT_SOURCE_DIR}/tests)
