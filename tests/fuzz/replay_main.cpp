@@ -1,4 +1,4 @@
-/// In place of libFuzzer: gives the target each file of a folder, and no bytes at all.
+/// In place of libFuzzer: gives the target each file of some folders, and no bytes at all.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -10,11 +10,14 @@
 
 int main(int argc, char** argv) {
   namespace fs = std::filesystem;
-  if (argc != 2 || !fs::is_directory(argv[1])) {
-    static_cast<void>(fprintf(stderr, "Usage: %s FOLDER\n", argv[0]));
-    return 2;
+  std::vector<fs::path> seeds;
+  for (int folder = 1; folder < argc; ++folder) {
+    if (!fs::is_directory(argv[folder])) {
+      static_cast<void>(fprintf(stderr, "Usage: %s FOLDER...\n", argv[0]));
+      return 2;
+    }
+    seeds.insert(seeds.end(), fs::directory_iterator(argv[folder]), fs::directory_iterator());
   }
-  std::vector<fs::path> seeds{fs::directory_iterator(argv[1]), fs::directory_iterator()};
   std::sort(seeds.begin(), seeds.end());
   LLVMFuzzerTestOneInput(nullptr, 0);
   for (const fs::path& seed : seeds) {

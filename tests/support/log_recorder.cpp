@@ -185,12 +185,7 @@ void LogRecorder::Clear() {
 
 bool LogRecorder::WaitUntil(const std::function<bool(const std::vector<Event>&)>& condition,
                             std::chrono::milliseconds deadline) const {
-  const auto end = std::chrono::steady_clock::now() + deadline;
-  while (!condition(events())) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
+  return Eventually([&] { return condition(events()); }, deadline);
 }
 
 bool LogRecorder::WaitFor(const testing::Matcher<const Event&>& matcher, std::ptrdiff_t count,

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "eventually.h"
+
 namespace test_support {
 
 /// The roles a record can carry: set for a child by the scripted forks, "supervisor" elsewhere.
@@ -73,11 +75,11 @@ class LogRecorder {
   /// Waits until `condition` holds for the records so far.
   /// @return false when it did not within `deadline`.
   bool WaitUntil(const std::function<bool(const std::vector<Event>&)>& condition,
-                 std::chrono::milliseconds deadline = std::chrono::seconds(10)) const;
+                 std::chrono::milliseconds deadline = kPatience) const;
 
   /// Waits until `count` records match.
   bool WaitFor(const testing::Matcher<const Event&>& matcher, std::ptrdiff_t count = 1,
-               std::chrono::milliseconds deadline = std::chrono::seconds(10)) const;
+               std::chrono::milliseconds deadline = kPatience) const;
 
  private:
   struct Record;

@@ -60,6 +60,9 @@ inline bool WaitFor(int fd, short events, int milliseconds) {
   return poll(&wait, 1, milliseconds) == 1;
 }
 
+/// Whether the peer, which is on this machine, has read all that was sent to it, or has gone.
+bool HasReadAll(int connection);
+
 /// Closes the connection by a reset.
 inline void CloseByReset(int fd) {
   const linger at_once = {1, 0};

@@ -294,7 +294,7 @@ TEST_F(CssServerTest, FormThatArrivesInTwoPiecesIsKeptWhereverItIsCut) {
     fs::remove_all(Received(ticket.id));
     RawHttp http(service().css_url());
     http.Send(FormHead(ticket.token, whole.size()) + whole.substr(0, cut));
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_TRUE(http.AwaitRead());
     http.Send(whole.substr(cut));
     ASSERT_THAT(http.ReadToEnd(), HasSubstr("\"success\":true")) << cut;
     ASSERT_EQ(ReadFile(Received(ticket.id) / "debug.dat"), content) << cut;

@@ -29,13 +29,13 @@ TEST(ListenAddressTest, UnixPathIsTakenOnlyWhereAllowed) {
   EXPECT_THROW(ParseListenAddress("unix:/" + std::string(107, 'a'), true), std::invalid_argument);
 }
 
-class BadAddressTest : public ::testing::TestWithParam<const char*> {};
+class BadListenAddressTest : public ::testing::TestWithParam<const char*> {};
 
-TEST_P(BadAddressTest, IsRefused) {
+TEST_P(BadListenAddressTest, IsRefused) {
   EXPECT_THROW(ParseListenAddress(GetParam(), true), std::invalid_argument);
 }
 
-INSTANTIATE_TEST_SUITE_P(ListenAddressTest, BadAddressTest,
+INSTANTIATE_TEST_SUITE_P(ListenAddressTest, BadListenAddressTest,
                          ::testing::Values("", "127.0.0.1", "127.0.0.1:", ":80", "127.0.0.1:65536",
                                            "127.0.0.1:-1", "127.0.0.1:8a", "127.0.0.1:000080", "::1:80",
                                            "http://127.0.0.1:80", "256.0.0.1.:80"));

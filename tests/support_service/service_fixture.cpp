@@ -14,6 +14,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "loopback_socket.h"
+
 namespace TarvoOrvane::SupportService {
 
 using tarvo::support::v1::ClientMessage;
@@ -272,6 +274,10 @@ RawHttp::~RawHttp() { close(fd_); }
 
 void RawHttp::Send(const std::string& text) {
   EXPECT_EQ(send(fd_, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+}
+
+bool RawHttp::AwaitRead() const {
+  return Eventually([this] { return HasReadAll(fd_); });
 }
 
 void RawHttp::Reset() {

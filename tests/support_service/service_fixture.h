@@ -129,6 +129,8 @@ class RawHttp {
   RawHttp(const RawHttp&) = delete;
   RawHttp& operator=(const RawHttp&) = delete;
   void Send(const std::string& text);
+  /// Waits until the service has read all of it.
+  [[nodiscard]] bool AwaitRead() const;
   void Reset();             ///< Breaks the connection.
   std::string ReadToEnd();  ///< Until the service closes; "" after an error or the deadline.
 

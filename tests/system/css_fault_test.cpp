@@ -205,7 +205,7 @@ std::vector<CssFault> Faults() {
   };
 }
 
-class CssServerTest : public TransmissionTest {
+class CssServerFaultTest : public TransmissionTest {
  protected:
   void SetUp() override {
     TransmissionTest::SetUp();
@@ -215,7 +215,7 @@ class CssServerTest : public TransmissionTest {
   }
 };
 
-class CssFaultTest : public CssServerTest, public testing::WithParamInterface<CssFault> {};
+class CssFaultTest : public CssServerFaultTest, public testing::WithParamInterface<CssFault> {};
 
 TEST_P(CssFaultTest, OnTheUpload) {
   const CssFault& fault = GetParam();
@@ -242,7 +242,7 @@ TEST_P(CssFaultTest, OnTheReport) {
 INSTANTIATE_TEST_SUITE_P(CssServer, CssFaultTest, testing::ValuesIn(Faults()),
                          [](const testing::TestParamInfo<CssFault>& row) { return row.param.name; });
 
-TEST_F(CssServerTest, ThatRefusesTheConnectionOnTheUploadIsTriedFiveTimesAndTheReportStillComes) {
+TEST_F(CssServerFaultTest, ThatRefusesTheConnectionOnTheUploadIsTriedFiveTimesAndTheReportStillComes) {
   HoldPauses();
   WriteConfig(ConfigWith(UnusedUrl()));
   TakeTicket();
@@ -256,7 +256,7 @@ TEST_F(CssServerTest, ThatRefusesTheConnectionOnTheUploadIsTriedFiveTimesAndTheR
   ExpectTheNextIsServedAndNothingLeft();
 }
 
-TEST_F(CssServerTest, ThatRefusesTheConnectionOnTheReportIsTriedFiveTimes) {
+TEST_F(CssServerFaultTest, ThatRefusesTheConnectionOnTheReportIsTriedFiveTimes) {
   Treatment last = Answers(kSuccess);
   last.before_answer = [this] { css_.Refuse(); };
   css_.Steer(kUploadPath, {last});
@@ -323,7 +323,7 @@ std::vector<ConfigChange> ConfigChanges() {
   };
 }
 
-class ConfigFaultTest : public CssServerTest, public testing::WithParamInterface<ConfigChange> {
+class ConfigFaultTest : public CssServerFaultTest, public testing::WithParamInterface<ConfigChange> {
  protected:
   void Configure(std::string text) const {
     if (text.empty()) {

@@ -209,7 +209,8 @@ INSTANTIATE_TEST_SUITE_P(
                    [] { WriteFile(kVendorArchive, kBig); },
                    [] {
                      fs::resize_file(kVendorArchive, 1000);
-                     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // for any other end of it
+                     std::this_thread::sleep_for(
+                         std::chrono::milliseconds(300));  // in which no other end of it has to come
                      LetAttemptTimeOut();
                    },
                    {Attempts(1, 28)},
@@ -380,7 +381,8 @@ TEST_P(ClockFaultTest, EndsTheCollectionAfter1200SecondsOfTheClockAndNotBefore) 
   ASSERT_TRUE(WaitForGate()) << WholeLog();
   WriteFile(kClock, std::to_string(GetParam().seconds));
   if (!GetParam().out_of_time) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(800));  // more than one look at the clock
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(800));  // more than one look at the clock, at which nothing has to happen
     EXPECT_THAT(css_.Requests(), IsEmpty()) << WholeLog();
     OpenGate();
   }

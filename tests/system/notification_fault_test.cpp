@@ -407,7 +407,7 @@ TEST_F(NotificationFaultTest, StreamThatStoodForAMinuteIsOpenedAgainWithoutAPaus
   const auto session = Await(server);
   ExpectServed(*session, "first");
   const std::size_t descriptors = OpenDescriptors(worker_).size();
-  std::this_thread::sleep_for(milliseconds(3000));  // the twentieth of a minute
+  std::this_thread::sleep_for(milliseconds(3000));  // the time that is tested: the twentieth of a minute
   link.Reset();
   ExpectServed(*Await(server), "second");
   EXPECT_TRUE(WorkerLogs(kPrepares + kTakesFirstTicket + kTakesTicket));

@@ -462,8 +462,8 @@ TEST_F(ProcessFaultTest, WorkerThatCannotBeForkedLeavesASilentSupervisorAndARest
   StartDaemon({{"LD_PRELOAD", SANITIZER_RUNTIME + LibraryFolder("libfault_shim.so")}});
   EXPECT_TRUE(Logs(supervisor_, Daemon(Lines{"E Failed to fork()"})));
   EXPECT_THAT(ChildrenOf(supervisor_), IsEmpty());
-  std::this_thread::sleep_for(
-      milliseconds(1200));  // a whole pass: it has nothing to say in later ones either
+  // A whole pass, in which nothing has to happen: it has nothing to say in later ones either.
+  std::this_thread::sleep_for(milliseconds(1200));
   EXPECT_TRUE(Logs(supervisor_, Daemon(Lines{"E Failed to fork()"})));
 
   kill(supervisor_, SIGTERM);

@@ -1,5 +1,6 @@
 #include "syslog_listener.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -16,7 +17,7 @@
 
 namespace {
 
-using std::chrono::seconds;
+using test_support::kPatience;
 
 class SyslogListenerTest : public testing::Test {
  protected:
@@ -67,7 +68,7 @@ TEST_F(SyslogListenerTest, TellsSupervisorWorkerAndChildByTheirDescent) {
   for (int i = 0; i < 2; ++i) {
     children[i] = SendFromChild("<12>from a child");
     ASSERT_TRUE(listener.WaitUntil(
-        [&](const auto& lines) { return lines.size() == static_cast<std::size_t>(i) + 2; }, seconds(5)));
+        [&](const auto& lines) { return lines.size() == static_cast<std::size_t>(i) + 2; }, kPatience));
   }
   const std::vector<SyslogLine> lines = listener.Lines();
   EXPECT_EQ(lines[0].role, SyslogRole::kSupervisor);
@@ -80,8 +81,11 @@ TEST_F(SyslogListenerTest, TellsSupervisorWorkerAndChildByTheirDescent) {
 
 TEST_F(SyslogListenerTest, KnowsAChildWhoseSupervisorIsGoneByItsSession) {
   const SyslogListener listener(Path("log"), Path("pid"));
+  int stays[2];  // The orphan stays until the test closes its end: a process that has gone has no session.
+  ASSERT_EQ(pipe2(stays, O_CLOEXEC), 0);
   const pid_t leader = fork();
   if (leader == 0) {
+    close(stays[1]);
     setsid();
     std::ofstream(Path("pid")) << getpid() << std::endl;
     if (fork() == 0) {
@@ -89,27 +93,30 @@ TEST_F(SyslogListenerTest, KnowsAChildWhoseSupervisorIsGoneByItsSession) {
         usleep(1000);
       }
       Send("<12>from an orphan");
-      usleep(500000);  // a process that has gone has no session
+      char byte = 0;
+      static_cast<void>(!read(stays[0], &byte, 1));
     }
     _exit(0);
   }
   waitpid(leader, nullptr, 0);
-  ASSERT_TRUE(listener.WaitUntil([](const auto& lines) { return lines.size() == 1; }, seconds(5)));
+  ASSERT_TRUE(listener.WaitUntil([](const auto& lines) { return lines.size() == 1; }, kPatience));
   EXPECT_EQ(listener.Lines()[0].role, SyslogRole::kWorker);
+  close(stays[0]);
+  close(stays[1]);
 }
 
 TEST_F(SyslogListenerTest, CallsAProcessOfAnotherDescentOther) {
   std::ofstream(Path("pid")) << 1 << '\n';
   const SyslogListener listener(Path("log"), Path("pid"));
   Send("<12>text");
-  ASSERT_TRUE(listener.WaitUntil([](const auto& lines) { return lines.size() == 1; }, seconds(5)));
+  ASSERT_TRUE(listener.WaitUntil([](const auto& lines) { return lines.size() == 1; }, kPatience));
   EXPECT_EQ(listener.Lines()[0].role, SyslogRole::kOther);
 }
 
 TEST_F(SyslogListenerTest, TakesALineOf200000Bytes) {
   const SyslogListener listener(Path("log"), Path("pid"));
   Send("<12>Nov 21 10:00:00 d: " + std::string(200000, 'x'));
-  ASSERT_TRUE(listener.WaitUntil([](const auto& lines) { return lines.size() == 1; }, seconds(5)));
+  ASSERT_TRUE(listener.WaitUntil([](const auto& lines) { return lines.size() == 1; }, kPatience));
   EXPECT_EQ(listener.Lines()[0].text.size(), 200000U);
 }
 
@@ -118,7 +125,7 @@ TEST_F(SyslogListenerTest, NeverBlocksItsSenders) {
   for (int i = 0; i < 1000; ++i) {
     Send("<12>line " + std::to_string(i));
   }
-  ASSERT_TRUE(listener.WaitUntil([](const auto& lines) { return lines.size() == 1000; }, seconds(10)));
+  ASSERT_TRUE(listener.WaitUntil([](const auto& lines) { return lines.size() == 1000; }, kPatience));
   EXPECT_EQ(listener.Lines().back().text, "line 999");
 }
 

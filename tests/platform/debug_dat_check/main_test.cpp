@@ -40,7 +40,7 @@ int RunInSandbox(const std::string& commands, std::string& output) {
   return RunShell(std::string(SANDBOX_PATH) + " bash -ec '" + commands + "'", output);
 }
 
-TEST(ProgramTest, HealthyDeviceGivesExitStatusZeroAndIsLeftUnchanged) {
+TEST(CheckProgramTest, HealthyDeviceGivesExitStatusZeroAndIsLeftUnchanged) {
   const ScriptedServer notification;
   SteerableServer css({HttpAnswer("405 Method Not Allowed", "")});
   const std::string prepare =
@@ -63,7 +63,7 @@ TEST(ProgramTest, HealthyDeviceGivesExitStatusZeroAndIsLeftUnchanged) {
   EXPECT_EQ(report["checks"][8]["text"].asString(), "SN-1, from /usr/tarvo/etc/serial_number");
 }
 
-TEST(ProgramTest, UnconfiguredDeviceGivesExitStatusOneAndALineForEachCheck) {
+TEST(CheckProgramTest, UnconfiguredDeviceGivesExitStatusOneAndALineForEachCheck) {
   std::string output;
   EXPECT_EQ(RunInSandbox(
                 "mkdir -p /usr/tarvo/etc; echo SN1 >/usr/tarvo/etc/serial_number; " + std::string(kProgram),
@@ -75,7 +75,7 @@ TEST(ProgramTest, UnconfiguredDeviceGivesExitStatusOneAndALineForEachCheck) {
   EXPECT_THAT(output, HasSubstr("\n\n1 problem, 1 warning, 6 checks skipped\n"));
 }
 
-TEST(ProgramTest, ReadOnlyFileSystemForArchivesIsAProblem) {
+TEST(CheckProgramTest, ReadOnlyFileSystemForArchivesIsAProblem) {
   std::string output;
   EXPECT_EQ(RunInSandbox("mkdir -p /var/lib/tarvo; mount -t tmpfs -o ro tmpfs /var/lib/tarvo; " +
                              std::string(kProgram),
@@ -85,13 +85,13 @@ TEST(ProgramTest, ReadOnlyFileSystemForArchivesIsAProblem) {
               HasSubstr("problem  free space            /var/lib/tarvo is on a read-only file system"));
 }
 
-TEST(ProgramTest, WrongUsageGivesExitStatusTwo) {
+TEST(CheckProgramTest, WrongUsageGivesExitStatusTwo) {
   std::string output;
   EXPECT_EQ(RunShell(std::string(kProgram) + " --frob 2>&1", output), 2);
   EXPECT_THAT(output, HasSubstr("--frob"));
 }
 
-TEST(ProgramTest, HelpTellsTheExitStatuses) {
+TEST(CheckProgramTest, HelpTellsTheExitStatuses) {
   std::string output;
   EXPECT_EQ(RunShell(std::string(kProgram) + " --help", output), 0);
   EXPECT_THAT(output, HasSubstr("Exit status: 0 no problem"));

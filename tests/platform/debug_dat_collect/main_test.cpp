@@ -13,7 +13,7 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-class ProgramTest : public SupportLogTest {
+class CollectProgramTest : public SupportLogTest {
  protected:
   /// Runs a script for bash in a session of its own, which a task gives its priority, in which "collect" is the
   /// program, "out" this test's folder and "described" the device's folder of descriptions; the first command that
@@ -37,7 +37,7 @@ std::vector<Json::Value> JsonLines(const std::string& text) {
   return values;
 }
 
-TEST_F(ProgramTest, PeopleGetTheVeryArchiveThatATicketGetsAndItsListBeforehand) {
+TEST_F(CollectProgramTest, PeopleGetTheVeryArchiveThatATicketGetsAndItsListBeforehand) {
   WriteText(data_ / "planted.log", LogWithPlantedSecrets());
   WriteText(folder_ / "demo.json",
             R"({"paths": [")" + data_.string() +
@@ -82,7 +82,7 @@ TEST_F(ProgramTest, PeopleGetTheVeryArchiveThatATicketGetsAndItsListBeforehand) 
   EXPECT_EQ(audit[1]["sha256"], Sha256Of(ReadText(folder_ / "ticket.dat")));
 }
 
-TEST_F(ProgramTest, ItsUsersOtherProcessesCannotLookIntoItsMemory) {
+TEST_F(CollectProgramTest, ItsUsersOtherProcessesCannotLookIntoItsMemory) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can run it as another user than itself";
   WriteText(folder_ / "demo.json", R"({"commands": [
       {"argv": ["sh", "-c", "cat /proc/$PPID/environ 2>&1 && echo open"]},
@@ -107,7 +107,7 @@ TEST_F(ProgramTest, ItsUsersOtherProcessesCannotLookIntoItsMemory) {
   EXPECT_EQ(ReadArchive(folder_ / "ticket.dat").Of("apps/demo/commands/02-cat.txt"), "1000\n");
 }
 
-TEST_F(ProgramTest, TestersSessionKeepsItsPriority) {
+TEST_F(CollectProgramTest, TestersSessionKeepsItsPriority) {
   if (!fs::exists("/proc/self/autogroup")) GTEST_SKIP() << "no groups of sessions here";
   RunInSandbox("cat /proc/self/autogroup >$out/group\n");
   const CallerProcess process([] { return ReadText("/proc/self/autogroup"); });
@@ -117,7 +117,7 @@ TEST_F(ProgramTest, TestersSessionKeepsItsPriority) {
   }
 }
 
-TEST_F(ProgramTest, WrongCommandLineAndFailureHaveTheirExitStatus) {
+TEST_F(CollectProgramTest, WrongCommandLineAndFailureHaveTheirExitStatus) {
   RunInSandbox(
       "touch $out/there\n"
       "collect --apps '' 2>$out/none || status=$?\n"

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "eventually.h"
 #include "stop_signal.h"
 
 namespace TarvoOrvane::Internal {
@@ -139,7 +140,7 @@ TEST_F(CostWatchTest, SoMuchInASecondIsFree) {
   CostWatch watch(limits);
   auto result = Begin(watch);
   const timespec pause{1, 100'000'000};
-  nanosleep(&pause, nullptr);
+  nanosleep(&pause, nullptr);  // the second that is free
   received_ = 1UL << 30;
   Burn(milliseconds(100));
   EXPECT_EQ(calls_, 0);
@@ -185,12 +186,8 @@ TEST_F(CostWatchTest, AQuietProcessIsNotWokenUp) {
   CostWatch watch(Wide());
   auto result = Begin(watch);
   long before = -1;
-  for (const auto end = std::chrono::steady_clock::now() + kPatience;
-       before < 0 && std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(milliseconds(1))) {
-    before = WaitsOfTheWatch();
-  }
-  ASSERT_GE(before, 0);
-  std::this_thread::sleep_for(milliseconds(300));
+  ASSERT_TRUE(test_support::Eventually([&] { return (before = WaitsOfTheWatch()) >= 0; }));
+  std::this_thread::sleep_for(milliseconds(300));  // in which nothing has to happen
   EXPECT_LE(WaitsOfTheWatch() - before, 1) << "the one that it may not have reached before";
 }
 

@@ -577,7 +577,7 @@ TEST(CurlDeadPeerTest, OneThatLivesButReadsNothingForTheWholeLimitIsGivenUp) {
 TEST(CurlDeadPeerTest, OneThatHasEverythingAndAnswersAfterTheLimitIsLeftInPeace) {
   const ScriptedTcpServer server([](int connection) {
     Testing::ReadBody(connection, Testing::ReadHead(connection));
-    std::this_thread::sleep_for(kShortLimit * 1.5);
+    std::this_thread::sleep_for(kShortLimit * 1.5);  // beyond the limit, which is what is tested
     Testing::WriteAnswer(connection);
   });
   EXPECT_EQ(FailureOfUpload(server.url(), 1000), CURLE_OK);

@@ -118,7 +118,7 @@ TEST(NotificationStreamTest, ItsLifetimeIsZeroWithoutAConnectionAndTheTimeItStoo
   const auto session = server.AwaitSession();
   ASSERT_NE(session, nullptr);
   constexpr std::chrono::milliseconds kOpen(20);
-  std::this_thread::sleep_for(kOpen);
+  std::this_thread::sleep_for(kOpen);  // the lifetime that is measured
   session->End(grpc::Status::OK);
   ASSERT_TRUE(AwaitEnd(connected));
   EXPECT_GE(connected.lifetime(), kOpen);

@@ -6,6 +6,9 @@
 
 #include <cstddef>
 #include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <type_traits>
 
 namespace TarvoOrvane {
 namespace {
@@ -13,6 +16,11 @@ namespace {
 using FastSupport::CallStatus;
 using FastSupport::ReceiveResult;
 using FastSupport::Ticket;
+using Utils::CurlFailedException;
+using Utils::CurlFormFailedException;
+using Utils::CurlHandle;
+using Utils::CurlHeaderList;
+using Utils::CurlHttpPost;
 using Utils::LoggerManager;
 using Utils::Optional;
 
@@ -78,22 +86,54 @@ TEST(BinaryContractTest, RecordsKeepTheirFieldOrder) {
   EXPECT_EQ(form.last, nullptr);
 }
 
+TEST(BinaryContractTest, TheCurlTypesAreWhatTheLibrarysFunctionsTake) {
+  static_assert(std::is_same_v<CurlHandle, std::unique_ptr<void, void (*)(void*)>>);
+  static_assert(std::is_same_v<CurlHeaderList, std::unique_ptr<curl_slist, void (*)(curl_slist*)>>);
+  static_assert(std::is_convertible_v<CurlFailedException*, std::runtime_error*>);
+  static_assert(std::is_convertible_v<CurlFormFailedException*, std::runtime_error*>);
+  EXPECT_EQ(sizeof(CurlHttpPost),
+            sizeof(std::unique_ptr<curl_httppost, void (*)(curl_httppost*)>) + sizeof(void*));
+}
+
 TEST(BinaryContractTest, TheClientIsOnePointerAndTheAnswersAreZeroAndOne) {
   EXPECT_EQ(sizeof(FastSupport::FastSupportClient), sizeof(void*));
   EXPECT_EQ(FastSupport::FastSupportClient::kAccepted, 0);
   EXPECT_EQ(FastSupport::FastSupportClient::kRejected, 1);
 }
 
-TEST(BinaryContractTest, TheOptionalCopiesMovesAndDropsItsValue) {
-  Optional<std::string> first(std::string(100, 'a'));
-  Optional<std::string> copy(first);
-  EXPECT_EQ(*copy, *first);
-  Optional<std::string> moved(std::move(copy));
-  EXPECT_EQ(moved->size(), 100u);
-  moved = Optional<std::string>();
-  EXPECT_FALSE(moved);
-  moved = first;
-  EXPECT_EQ(*moved, *first);
+TEST(BinaryContractTest, ErrorsCarryLibcurlsNumberAndTheirText) {
+  const CurlFailedException failed(CURLE_COULDNT_CONNECT, "why");
+  EXPECT_EQ(failed.code, CURLE_COULDNT_CONNECT);
+  EXPECT_STREQ(failed.what(), "why");
+  const CurlFormFailedException form_failed(CURL_FORMADD_MEMORY, "why");
+  EXPECT_EQ(form_failed.code, CURL_FORMADD_MEMORY);
+  EXPECT_STREQ(form_failed.what(), "why");
+}
+
+TEST(BinaryContractTest, TheOptionalCopiesMovesAndReleasesItsValue) {
+  const auto value = std::make_shared<int>(7);
+  {
+    Optional<std::shared_ptr<int>> first(value);
+    const Optional<std::shared_ptr<int>> copy(first);
+    EXPECT_EQ(value.use_count(), 3);
+    EXPECT_EQ(**copy, 7);
+    Optional<std::shared_ptr<int>> moved(std::move(first));
+    EXPECT_EQ(value.use_count(), 3);
+    moved = Optional<std::shared_ptr<int>>();
+    EXPECT_FALSE(static_cast<bool>(moved));
+    EXPECT_EQ(value.use_count(), 2);
+    moved = copy;
+    EXPECT_EQ(moved->use_count(), 3);
+    Optional<std::shared_ptr<int>> none;
+    moved = none;
+    EXPECT_EQ(value.use_count(), 2);
+    const Optional<std::shared_ptr<int>> copy_of_none(none);
+    EXPECT_FALSE(static_cast<bool>(copy_of_none));
+    none = value;
+    EXPECT_EQ(value.use_count(), 3);
+    none = {};
+  }
+  EXPECT_EQ(value.use_count(), 1);
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ class ReopeningPauseTest : public testing::Test {
     probe_.Command(server_.url());
     const auto session = server_.AwaitSession();
     ASSERT_NE(session, nullptr);
-    std::this_thread::sleep_for(milliseconds(5));  // for the stream to settle
+    std::this_thread::sleep_for(milliseconds(5));  // longer than a stream has to stand here
     session->End(grpc::Status(grpc::StatusCode::UNAVAILABLE, "link lost"));
     ASSERT_THAT(probe_.Line(), testing::HasSubstr("link lost; it is opened again in "));
     ASSERT_TRUE(probe_.AwaitBlockedIn("ppoll"));

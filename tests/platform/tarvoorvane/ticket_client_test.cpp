@@ -307,7 +307,8 @@ TEST_F(TicketClientTest, DestructionEndsTheThreadOfAStreamWhoseReadingPauses) {
   ASSERT_NE(session, nullptr);
   for (int i = 0; i < 40; ++i) session->Deliver(std::to_string(i), TicketJson(std::string(50'000, 't')));
   receive.Await();
-  std::this_thread::sleep_for(milliseconds(300));  // for the queue to fill
+  // For the queue to fill, which nothing tells. Too short a time makes the test milder and never fail.
+  std::this_thread::sleep_for(milliseconds(300));
   auto destruction = std::async(std::launch::async, [&client] { client.reset(); });
   if (destruction.wait_for(test_support::kPatience) != std::future_status::ready) {
     ADD_FAILURE() << "the destructor does not return";
@@ -418,7 +419,8 @@ TEST(TicketClientConnectionTest, ALinkThatDiesSilentlyIsFoundByPingsHoweverLongI
   TicketClient client(link.Url(), options);
   auto receive = StartReceive(client);
   ASSERT_NE(server.AwaitSession(), nullptr);
-  std::this_thread::sleep_for(milliseconds(100));  // for what belongs to the opening
+  // For what belongs to the opening, whose end nothing tells. If it took longer, fewer pings would be waited for.
+  std::this_thread::sleep_for(milliseconds(100));
   EXPECT_TRUE(AwaitPings(link, 3)) << "gRPC by itself sends two";
   link.Freeze();
   const auto failure = receive.Await();
@@ -562,6 +564,7 @@ class ReopeningTest : public TicketClientTest {
     options.longest_pause = longest_pause;
     return std::make_unique<TicketClient>(server_.url(), options);
   }
+  /// The time that a stream stood decides whether it is reopened.
   static void OutliveSettling(milliseconds settled) { std::this_thread::sleep_for(settled); }
 };
 

@@ -32,8 +32,8 @@ inline void Signal(int number) { static_cast<void>(raise(number)); }
 Json::Value Parse(const std::string& text);
 
 /// A supervisor's and a worker's daemon object. No wait lasts: select() looks once and is recorded as
-/// "select(descriptor, seconds, microseconds)". At its end a test fails for each line in syslog whose file and
-/// number don't lead to the statement that holds its format.
+/// "select(descriptor, seconds, microseconds)". At its end a test fails where two formats
+/// name the same file and line.
 class DaemonTest : public test_support::ScriptedPlatformTest {
  protected:
   DaemonTest();

@@ -118,6 +118,8 @@ TEST_P(LogTest, LoggerGetsAtMost255Characters) {
   }
 }
 
+class LogStatementTest : public ScriptedPlatformTest {};
+
 // Without the fixture nobody records a line, which would take memory.
 class LogMemoryTest : public testing::TestWithParam<Way> {
  protected:
@@ -174,7 +176,7 @@ TEST_P(LogTest, ExceptionOfTheLoggerReachesTheCaller) {
   EXPECT_THROW(GetParam().log(LOG_ERR, "line"), std::runtime_error);
 }
 
-TEST_F(ScriptedPlatformTest, StatementNamesItsOwnFileAndLineOnBothPaths) {
+TEST_F(LogStatementTest, StatementNamesItsOwnFileAndLineOnBothPaths) {
   for (const bool use_logger : {false, true}) {
     ScriptedPlatform::UseLogger(use_logger);
     const int number = __LINE__ + 1;
@@ -185,7 +187,7 @@ TEST_F(ScriptedPlatformTest, StatementNamesItsOwnFileAndLineOnBothPaths) {
 
 TEST(FormatLogText, EmptyTextStaysEmpty) { EXPECT_EQ(FormatLogText("%s", ""), ""); }
 
-TEST_F(ScriptedPlatformTest, ZeroFromSnprintfIsNoFailure) {
+TEST_F(LogStatementTest, ZeroFromSnprintfIsNoFailure) {
   platform_.snprintf = [](const std::string&, int) { return 0; };
   EXPECT_EQ(FormatLogText("%s", "text"), "text");
   platform_.snprintf = [](const std::string&, int) { return -1; };

@@ -124,9 +124,9 @@ TEST_F(TransmitterTest, ConfigurationNestedBeyondTheParsersLimitIsUnreadable) {
               ElementsAre(Line("Failed to read conf from: [/usr/tarvo/etc/tarvomibserver.conf]")));
 }
 
-class InvalidConfigTest : public TransmitterTest, public testing::WithParamInterface<const char*> {};
+class InvalidCssConfigTest : public TransmitterTest, public testing::WithParamInterface<const char*> {};
 
-TEST_P(InvalidConfigTest, IsLoggedAsAWholeUnchangedByTheLookup) {
+TEST_P(InvalidCssConfigTest, IsLoggedAsAWholeUnchangedByTheLookup) {
   platform_.SetServiceConfig(GetParam());
 
   EXPECT_EQ(CssServerUrl(), "");
@@ -134,7 +134,7 @@ TEST_P(InvalidConfigTest, IsLoggedAsAWholeUnchangedByTheLookup) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Documents, InvalidConfigTest,
+    Documents, InvalidCssConfigTest,
     testing::Values("[]", "7", R"({"%s%n":1})", "\"text\"", "null", "true", "{}",
                     R"({"css_server":{"url":"u"}})", R"({"debug_dat_file_transmitter":null})",
                     R"({"debug_dat_file_transmitter":"text"})",
@@ -152,18 +152,13 @@ INSTANTIATE_TEST_SUITE_P(
                     R"({"debug_dat_file_transmitter":{"css_server":{"url":["u"]}}})",
                     R"({"debug_dat_file_transmitter":{"css_server":{"url":{}}}})"));
 
-TEST_F(TransmitterTest, InvalidConfigurationIsLoggedWholeInSyslogAndCutByTheLogger) {
+TEST_F(TransmitterTest, InvalidConfigurationIsLoggedWhole) {
   const std::string document = "{\"pad\":\"" + std::string(500, 'x') + "\"}";
   platform_.SetServiceConfig(document);
   DebugFileTransmitter transmitter = MakeTransmitter();
 
   EXPECT_EQ(Peer::GetCssServerUrl(transmitter), "");
   EXPECT_THAT(log_.lines(), ElementsAre(Line("Failed to validate data: [" + document + "]")));
-  log_.Clear();
-  platform_.UseLogger(true);
-  EXPECT_EQ(Peer::GetCssServerUrl(transmitter), "");
-  ASSERT_THAT(log_.lines(), ElementsAre(Line(StartsWith("Failed to validate data: [{\"pad\":\"xxx"))));
-  EXPECT_THAT(log_.lines()[0].text, SizeIs(255));
 }
 
 class TransmitterLinesTest : public TransmitterTest {
@@ -257,26 +252,13 @@ TEST_F(TransmitterLinesTest, BearTheNumberOfTheStatementThatMetTheFailure) {
   EXPECT_THAT(sites["%s:%d Request failed, CURLcode=[%d], what=[%s]"], SizeIs(2)) << "frame and report";
 }
 
-TEST_F(TransmitterLinesTest, NameTheLineOfTheirStatement) {
-  std::ifstream source(TRANSMITTER_SOURCE);
-  std::vector<std::string> source_lines(1);  // counted from 1
-  for (std::string line; std::getline(source, line);) {
-    source_lines.push_back(line);
-  }
+TEST_F(TransmitterLinesTest, NameTheirFileAndALineForEachStatement) {
   MeetEveryFailure();
 
-  std::set<std::size_t> sites;
+  std::set<std::string> sites;
   for (const Event& line : log_.lines()) {
-    ASSERT_THAT(line.text, StartsWith("transmitter.cpp:"));
-    const std::size_t number = std::stoul(line.text.substr(std::string("transmitter.cpp:").size()));
-    ASSERT_LT(number, source_lines.size()) << line.text;
-    // A statement of two lines gives the second one's number.
-    const std::string& before = source_lines[number - 1];
-    const bool goes_on = before.find("DAEMON_LOG(") != std::string::npos && before.back() != ';';
-    const std::string statement = (goes_on ? before : "") + source_lines[number];
-    EXPECT_THAT(statement, testing::AnyOf(testing::HasSubstr("__LINE__"), testing::HasSubstr("DAEMON_LOG(")))
-        << line.text;
-    sites.insert(number);
+    EXPECT_THAT(line.text, testing::ContainsRegex("^transmitter[.]cpp:[1-9][0-9]* "));
+    sites.insert(line.text.substr(0, line.text.find(' ')));
   }
   EXPECT_GE(sites.size(), 14U) << "each format has at least one statement of its own";
 }

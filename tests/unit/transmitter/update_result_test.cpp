@@ -15,7 +15,9 @@ using testing::StartsWith;
 using Utils::CurlFailedException;
 using Utils::Optional;
 
-TEST_F(TransmitterTest, ReportMakesItsCallsInOrder) {
+class UpdateResultTest : public TransmitterTest {};
+
+TEST_F(UpdateResultTest, ReportMakesItsCallsInOrder) {
   EXPECT_TRUE(Report());
   EXPECT_THAT(
       log_.events(),
@@ -51,13 +53,13 @@ INSTANTIATE_TEST_SUITE_P(Codes, ReportedResultTest,
                                          std::pair(2, "Failed to upload debug file to server"),
                                          std::pair(3, "Unknown"), std::pair(-1, "Unknown")));
 
-TEST_F(TransmitterTest, ResultCodesAreZeroOneAndTwo) {
+TEST_F(UpdateResultTest, ResultCodesAreZeroOneAndTwo) {
   EXPECT_EQ(static_cast<int>(kSuccess), 0);
   EXPECT_EQ(static_cast<int>(kFailedToGenerateDebugFile), 1);
   EXPECT_EQ(static_cast<int>(kFailedToUploadDebugFile), 2);
 }
 
-TEST_F(TransmitterTest, ReportWithoutSerialNumberHasItEmpty) {
+TEST_F(UpdateResultTest, ReportWithoutSerialNumberHasItEmpty) {
   platform_.serial_number = [] { return Optional<std::string>(); };
 
   EXPECT_TRUE(Report());
@@ -65,7 +67,7 @@ TEST_F(TransmitterTest, ReportWithoutSerialNumberHasItEmpty) {
               Contains(R"(curl_easy_setopt(POSTFIELDS, {"serial_number":"","status":"Success"}))"));
 }
 
-TEST_F(TransmitterTest, SerialNumberIsQuotedInTheReport) {
+TEST_F(UpdateResultTest, SerialNumberIsQuotedInTheReport) {
   const std::string serial_number = "a\"b\\c\n";
   platform_.serial_number = [&] { return Optional<std::string>(serial_number); };
 
@@ -74,7 +76,7 @@ TEST_F(TransmitterTest, SerialNumberIsQuotedInTheReport) {
                                      R"("status":"Success"}))"));
 }
 
-TEST_F(TransmitterTest, ReportHoldsItsOwnCopyOfTheResult) {
+TEST_F(UpdateResultTest, ReportHoldsItsOwnCopyOfTheResult) {
   Result result = kFailedToGenerateDebugFile;
   CURL* const own = curl_easy_init();
   platform_.curl_easy_init = [&] {
@@ -87,7 +89,7 @@ TEST_F(TransmitterTest, ReportHoldsItsOwnCopyOfTheResult) {
               Contains(EndsWith(R"("status":"Failed to generate debug file"}))")));
 }
 
-TEST_F(TransmitterTest, PostDataThatCannotBeSetFailsTheReport) {
+TEST_F(UpdateResultTest, PostDataThatCannotBeSetFailsTheReport) {
   FailOption("POSTFIELDS", CURLE_OUT_OF_MEMORY);
 
   EXPECT_FALSE(Report());
@@ -97,7 +99,7 @@ TEST_F(TransmitterTest, PostDataThatCannotBeSetFailsTheReport) {
                           Line("Failed to set opt"), Call("curl_easy_cleanup()"), Line(kReportFailed)));
 }
 
-TEST_F(TransmitterTest, ContentTypeThatCannotBeAppendedFailsTheReport) {
+TEST_F(UpdateResultTest, ContentTypeThatCannotBeAppendedFailsTheReport) {
   platform_.curl_slist_append = [](const std::string&) { throw PlainException(); };
 
   EXPECT_FALSE(Report());
@@ -108,7 +110,7 @@ TEST_F(TransmitterTest, ContentTypeThatCannotBeAppendedFailsTheReport) {
                           Call("curl_easy_cleanup()"), Line(kReportFailed)));
 }
 
-TEST_F(TransmitterTest, CredentialThatCannotBeAppendedFailsTheReportAndFreesItsHeaderLine) {
+TEST_F(UpdateResultTest, CredentialThatCannotBeAppendedFailsTheReportAndFreesItsHeaderLine) {
   platform_.curl_slist_append = [](const std::string& line) {
     if (line.rfind("AUTH-TOKEN", 0) == 0) {
       throw CurlFailedException(CURLE_OUT_OF_MEMORY, "no credential");
@@ -121,7 +123,7 @@ TEST_F(TransmitterTest, CredentialThatCannotBeAppendedFailsTheReportAndFreesItsH
   EXPECT_THAT(LastCalls(2), ElementsAre("curl_slist_free_all()", "curl_easy_cleanup()"));
 }
 
-TEST_F(TransmitterTest, ReportThatTheServerRefusesLogsTheAnswerThenItsOwnLine) {
+TEST_F(UpdateResultTest, ReportThatTheServerRefusesLogsTheAnswerThenItsOwnLine) {
   AnswerWith("[]");
 
   EXPECT_FALSE(Report(kFailedToUploadDebugFile));
@@ -129,7 +131,7 @@ TEST_F(TransmitterTest, ReportThatTheServerRefusesLogsTheAnswerThenItsOwnLine) {
   EXPECT_EQ(CountOf("CurlPerform"), 1U);
 }
 
-TEST_F(TransmitterTest, ReportWithoutAnAddressLogsTheWholeChain) {
+TEST_F(UpdateResultTest, ReportWithoutAnAddressLogsTheWholeChain) {
   platform_.SetServiceConfig(R"({"debug_dat_file_transmitter":{"css_server":{"url":7}}})");
 
   EXPECT_FALSE(Report());

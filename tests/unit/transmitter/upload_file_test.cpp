@@ -16,7 +16,9 @@ using Utils::CurlFormFailedException;
 using Utils::CurlHandle;
 using Utils::Optional;
 
-TEST_F(TransmitterTest, UploadMakesItsCallsInOrder) {
+class UploadFileTest : public TransmitterTest {};
+
+TEST_F(UploadFileTest, UploadMakesItsCallsInOrder) {
   EXPECT_TRUE(Upload(Apps({"alpha", "beta", "gamma"})));
   EXPECT_THAT(
       log_.events(),
@@ -32,12 +34,12 @@ TEST_F(TransmitterTest, UploadMakesItsCallsInOrder) {
                   Call("curl_easy_cleanup()"), Call("curl_formfree()")));
 }
 
-TEST_F(TransmitterTest, UploadWithAnEmptyPathFailsAtOnce) {
+TEST_F(UploadFileTest, UploadWithAnEmptyPathFailsAtOnce) {
   EXPECT_FALSE(MakeTransmitter().UploadFile("", Apps({"a"})));
   EXPECT_THAT(log_.events(), ElementsAre(Line("File path is empty")));
 }
 
-TEST_F(TransmitterTest, UploadWithoutAppsHasTheTwoFirstPartsOnly) {
+TEST_F(UploadFileTest, UploadWithoutAppsHasTheTwoFirstPartsOnly) {
   EXPECT_TRUE(Upload(Apps({})));
   EXPECT_THAT(log_.CallsOf("CurlHttpPostAdd"),
               ElementsAre("CurlHttpPostAdd(debug_file, CURLFORM_FILE, /volume/debug.dat)",
@@ -45,14 +47,14 @@ TEST_F(TransmitterTest, UploadWithoutAppsHasTheTwoFirstPartsOnly) {
   EXPECT_THAT(log_.calls(), Contains("curl_easy_setopt(HTTPPOST, pointer)"));
 }
 
-TEST_F(TransmitterTest, UploadWithoutSerialNumberHasAnEmptyPart) {
+TEST_F(UploadFileTest, UploadWithoutSerialNumberHasAnEmptyPart) {
   platform_.serial_number = [] { return Optional<std::string>(); };
 
   EXPECT_TRUE(Upload());
   EXPECT_THAT(log_.calls(), Contains(TextPart("serial_number", "")));
 }
 
-TEST_F(TransmitterTest, IndexesOfTenAndMoreHaveAllTheirDigits) {
+TEST_F(UploadFileTest, IndexesOfTenAndMoreHaveAllTheirDigits) {
   std::vector<std::string> names(101, "x");
 
   EXPECT_TRUE(Upload(Apps(names)));
@@ -63,7 +65,7 @@ TEST_F(TransmitterTest, IndexesOfTenAndMoreHaveAllTheirDigits) {
   EXPECT_EQ(parts[2 + 100], TextPart("debug_data_apps[100]", "x"));
 }
 
-TEST_F(TransmitterTest, AppsThatAreNoStringsAreSentAsTheirText) {
+TEST_F(UploadFileTest, AppsThatAreNoStringsAreSentAsTheirText) {
   EXPECT_TRUE(Upload(Parsed(R"([7, -1, 1.5, true, false, null, ""])")));
   EXPECT_THAT(log_.CallsOf("CurlHttpPostAdd"),
               ElementsAre(StartsWith("CurlHttpPostAdd(debug_file, "), TextPart("serial_number", "SN123"),
@@ -73,12 +75,12 @@ TEST_F(TransmitterTest, AppsThatAreNoStringsAreSentAsTheirText) {
                           TextPart("debug_data_apps[6]", "")));
 }
 
-TEST_F(TransmitterTest, UploadWithNullForAppsHasTheTwoFirstPartsOnly) {
+TEST_F(UploadFileTest, UploadWithNullForAppsHasTheTwoFirstPartsOnly) {
   EXPECT_TRUE(Upload(Json::Value()));
   EXPECT_EQ(CountOf("CurlHttpPostAdd"), 2U);
 }
 
-TEST_F(TransmitterTest, UploadWithAnObjectForAppsFails) {
+TEST_F(UploadFileTest, UploadWithAnObjectForAppsFails) {
   EXPECT_FALSE(Upload(Parsed(R"({"a":"b"})")));
   EXPECT_THAT(log_.lines(), ElementsAre(Line(StartsWith("Request failed, what=[in Json::Value::operator[]")),
                                         Line("Failed to set opt"), Line(kUploadFailed)));
@@ -126,7 +128,7 @@ INSTANTIATE_TEST_SUITE_P(Parts, FailedPartTest,
                          testing::Values("debug_file", "serial_number", "debug_data_apps[0]",
                                          "debug_data_apps[1]"));
 
-TEST_F(TransmitterTest, PartThatFailsForAnotherReasonFailsTheUpload) {
+TEST_F(UploadFileTest, PartThatFailsForAnotherReasonFailsTheUpload) {
   platform_.curl_http_post_add = [](const std::string&) { throw PlainException(); };
 
   EXPECT_FALSE(Upload());
@@ -134,7 +136,7 @@ TEST_F(TransmitterTest, PartThatFailsForAnotherReasonFailsTheUpload) {
                                         Line("Failed to set opt"), Line(kUploadFailed)));
 }
 
-TEST_F(TransmitterTest, FormThatCannotBeSetOnTheHandleFailsTheUpload) {
+TEST_F(UploadFileTest, FormThatCannotBeSetOnTheHandleFailsTheUpload) {
   FailOption("HTTPPOST", CURLE_UNKNOWN_OPTION);
 
   EXPECT_FALSE(Upload());
@@ -146,7 +148,7 @@ TEST_F(TransmitterTest, FormThatCannotBeSetOnTheHandleFailsTheUpload) {
                   Call("curl_easy_cleanup()"), Line(kUploadFailed), Call("curl_formfree()")));
 }
 
-TEST_F(TransmitterTest, UploadThatTheServerRefusesLogsTheAnswerThenItsOwnLine) {
+TEST_F(UploadFileTest, UploadThatTheServerRefusesLogsTheAnswerThenItsOwnLine) {
   AnswerWith(R"({"success":false})");
 
   EXPECT_FALSE(Upload());
@@ -158,7 +160,7 @@ TEST_F(TransmitterTest, UploadThatTheServerRefusesLogsTheAnswerThenItsOwnLine) {
                           Call("curl_formfree()")));
 }
 
-TEST_F(TransmitterTest, UploadToAnUnreachableServerLogsItsLineLast) {
+TEST_F(UploadFileTest, UploadToAnUnreachableServerLogsItsLineLast) {
   platform_.curl_perform = [](CurlHandle&, std::string& response) { Refused(response); };
 
   EXPECT_FALSE(Upload());
@@ -167,7 +169,7 @@ TEST_F(TransmitterTest, UploadToAnUnreachableServerLogsItsLineLast) {
                                         Line("Failed to parse server resp: "), Line(kUploadFailed)));
 }
 
-TEST_F(TransmitterTest, UploadHoldsItsOwnCopiesOfPathAndApps) {
+TEST_F(UploadFileTest, UploadHoldsItsOwnCopiesOfPathAndApps) {
   std::string path = kArchive;
   Json::Value apps = Apps({"alpha", "beta"});
   CURL* const own = curl_easy_init();
