@@ -4,12 +4,15 @@ manifest, checksums and redaction; and a whole ticket beside the three commands 
 import json
 import os
 from pathlib import Path
+from typing import Sequence
 
-from context import Failed
-from rows import ratio_row
+from context import Context, Failed, Usage, Word
+from rows import Row, ratio_row
 from upload import ETC, MIB, Server, configure, cost_rows
 
 NUMBERS = (6, 7, 8, 9)
+
+Archive = tuple[Usage, float]  # what it took, and its size in MB
 
 TASKS = Path("/var/lib/tarvo/support_form_log")
 WITHOUT_REDACTION = "--no-redaction"
@@ -18,7 +21,7 @@ WITHOUT_REDACTION = "--no-redaction"
 class Logs:
     """A folder of logs, described as an application, and the two ways to an archive of it."""
 
-    def __init__(self, context, name, files, size):
+    def __init__(self, context: Context, name: str, files: int, size: int) -> None:
         self.name, self.size = name, size
         self.folder = context.folder / name
         self._context = context
@@ -27,17 +30,17 @@ class Logs:
         os.sync()  # nothing is to be written to the disk while something is measured
         describe(name, self.folder)
 
-    def collect(self, *switches):
+    def collect(self, *switches: str) -> Archive:
         """Ours: the archive that a ticket would get. Returns what it took and the archive's size in MB."""
         return self._make(self.collect_command(*switches))
 
-    def tar(self):
+    def tar(self) -> Archive:
         return self._make(["tar", "--zstd", "-cf", self._archive, "-C", self.folder.parent, self.name])
 
-    def collect_command(self, *switches):
+    def collect_command(self, *switches: str) -> list[Word]:
         return [self._context.bin / "debug_dat_collect", "--apps", self.name, "--out", self._archive, *switches]
 
-    def check_collection(self, *switches):
+    def check_collection(self, *switches: str) -> None:
         """Whether an archive of ours holds the logs whole."""
         self._context.run(self.collect_command(*switches), self._context.all_cores)
         manifest = json.loads(self._context.run(["tar", "--zstd", "-xOf", self._archive, "manifest.json"]).output)
@@ -48,27 +51,27 @@ class Logs:
             raise Failed(f"the archive holds {collected} bytes of {self.size} bytes of logs;"
                          f" its errors: {manifest.get('errors')}")
 
-    def collect_memory(self):
+    def collect_memory(self) -> float:
         """A collection's peak of resident memory, in MiB."""
         memory = self._context.peak_memory(self.collect_command(), self._context.all_cores)
         self._archive.unlink()
         return memory
 
-    def _make(self, argv):
+    def _make(self, argv: Sequence[Word]) -> Archive:
         usage = self._context.run(argv, self._context.all_cores)
         size = self._archive.stat().st_size / 1e6
         self._archive.unlink()
         return usage, size
 
 
-def describe(name, folder):
+def describe(name: str, folder: Path) -> None:
     descriptions = ETC / "support_form_log.d"
     descriptions.mkdir(parents=True, exist_ok=True)
     (descriptions / f"{name}.json").write_text(json.dumps({"paths": [str(folder)]}))
 
 
-def rows(context):
-    result = []
+def rows(context: Context) -> list[Row]:
+    result: list[Row] = []
     if any(context.wants(number) for number in (6, 7, 9)):
         logs = Logs(context, "logs", 33, 1024 * MIB // context.scale)
         result += rows_of_logs(context, logs)
@@ -80,14 +83,14 @@ def rows(context):
     return sorted(result, key=lambda row: row.number)
 
 
-def rows_of_logs(context, logs):
+def rows_of_logs(context: Context, logs: Logs) -> list[Row]:
     work = "collection of 1 GiB of logs, 33 files"
-    result = []
+    result: list[Row] = []
     if context.wants(6):
         logs.check_collection(WITHOUT_REDACTION)
-        pairs = context.alternate(lambda: logs.collect(WITHOUT_REDACTION), logs.tar)
-        result += cost_rows(6, f"{work}, redaction off", "tar --zstd", usages(pairs), wall=0.60, cpu=0.75)
-        result.append(ratio_row(6, f"{work}, redaction off", "tar --zstd", "MB", sizes(pairs), 1.15))
+        archives = context.alternate(lambda: logs.collect(WITHOUT_REDACTION), logs.tar)
+        result += cost_rows(6, f"{work}, redaction off", "tar --zstd", usages(archives), wall=0.60, cpu=0.75)
+        result.append(ratio_row(6, f"{work}, redaction off", "tar --zstd", "MB", sizes(archives), 1.15))
         result.append(checksum_row(context, logs))
     if context.wants(7):
         logs.check_collection()
@@ -100,15 +103,15 @@ def rows_of_logs(context, logs):
     return result
 
 
-def usages(pairs):
+def usages(pairs: Sequence[tuple[Archive, Archive]]) -> list[tuple[Usage, Usage]]:
     return [(ours[0], other[0]) for ours, other in pairs]
 
 
-def sizes(pairs):
+def sizes(pairs: Sequence[tuple[Archive, Archive]]) -> list[tuple[float, float]]:
     return [(ours[1], other[1]) for ours, other in pairs]
 
 
-def checksum_row(context, logs):
+def checksum_row(context: Context, logs: Logs) -> Row:
     """What the SHA-256 of the manifest costs by itself."""
     files = sorted(path for path in logs.folder.rglob("*") if path.is_file())
     pairs = context.alternate(lambda: context.run(["openssl", "dgst", "-sha256", *files]),
@@ -116,17 +119,17 @@ def checksum_row(context, logs):
     return cost_rows(6, "SHA-256 of the same files (openssl dgst)", "the collection", pairs, cpu=None)[0]
 
 
-def ticket_rows(context, logs):
+def ticket_rows(context: Context, logs: Logs) -> list[Row]:
     """Ours is the daemon's own transmission child, from the collection's start to its report and its end."""
     archive = context.folder / "ticket.tar.zst"
 
-    def ours(server):
+    def ours(server: Server) -> Usage:
         usage = context.run([context.bin / "serve_ticket", logs.name], context.all_cores)
         server.expect_request_of(logs.size // 100)  # the archive
         server.expect_request_of(1)  # the report
         return usage
 
-    def other(server):
+    def other(server: Server) -> Usage:
         script = 'tar --zstd -cf "$1" -C "$2" "$3" && curl -sS -F "debug_file=@$1" "$4" && rm "$1"'
         usage = context.run(["sh", "-c", script, "sh", archive, logs.folder.parent, logs.name, server.url],
                             context.all_cores)

@@ -14,9 +14,10 @@ import threading
 import time
 from contextlib import contextmanager
 from pathlib import Path
+from typing import Callable, Iterator, Sequence
 
-from context import Failed
-from rows import ratio_row
+from context import Context, Failed, Word, pipe
+from rows import Row, ratio_row
 
 NUMBERS = (10, 11, 12, 13)
 
@@ -38,20 +39,20 @@ TICKET = json.dumps({"token": "bench", "apps": ["bench"]})
 class Server:
     """The stream server, and what it printed."""
 
-    def __init__(self, context):
+    def __init__(self, context: Context) -> None:
         self._context = context
         self._process = context.start([context.bin / "stream_server"], stdin=subprocess.PIPE)
         self._text = ""
         self.address = self.expect("listening", 5)[0]
 
-    def __enter__(self):
+    def __enter__(self) -> "Server":
         return self
 
-    def __exit__(self, *_):
-        self._process.stdin.close()
+    def __exit__(self, *_: object) -> None:
+        pipe(self._process.stdin).close()
         self._context.stop(self._process)
 
-    def expect(self, beginning, seconds):
+    def expect(self, beginning: str, seconds: float) -> list[str]:
         """The words behind `beginning` of the next line that has it."""
         deadline = time.monotonic() + seconds
         while True:
@@ -60,14 +61,14 @@ class Server:
                 if line.startswith(beginning + " "):
                     return line[len(beginning):].split()
             rest = deadline - time.monotonic()
-            if rest <= 0 or not select.select([self._process.stdout], [], [], rest)[0]:
+            if rest <= 0 or not select.select([pipe(self._process.stdout)], [], [], rest)[0]:
                 raise Failed(f"the stream server printed no line \"{beginning} ...\" within {seconds} s")
-            self._text += os.read(self._process.stdout.fileno(), 65536).decode()
+            self._text += os.read(pipe(self._process.stdout).fileno(), 65536).decode()
 
-    def deliver(self, serial) -> float:
+    def deliver(self, serial: str) -> float:
         """Microseconds from the delivery of one ticket to its answer."""
-        self._process.stdin.write(f"{serial} {TICKET}\n")
-        self._process.stdin.flush()
+        pipe(self._process.stdin).write(f"{serial} {TICKET}\n")
+        pipe(self._process.stdin).flush()
         nanoseconds, status = self.expect(f"answer {serial}", 5)
         if status != "1":
             raise Failed(f"{serial} refused the ticket; only accepted ones are compared")
@@ -78,32 +79,32 @@ class Device:
     """One client of the stream server. `start_ms` is the time from exec to the server's receipt of its first
     message."""
 
-    def __init__(self, context, server, serial, argv):
+    def __init__(self, context: Context, server: Server, serial: str, argv: Sequence[Word]) -> None:
         self._context = context
         self.serial = serial
         self._process = context.start([context.bin / "start", *argv], core=context.client_core)
-        started = int(self._process.stdout.readline())
+        started = int(pipe(self._process.stdout).readline())
         self.start_ms = (int(server.expect(f"hello {serial}", 10)[0]) - started) / 1e6
 
-    def __enter__(self):
+    def __enter__(self) -> "Device":
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, *_: object) -> None:
         self._context.stop(self._process)
 
-    def processes(self):
+    def processes(self) -> list[int]:
         return [self._process.pid]
 
 
 class BareClient(Device):
-    def __init__(self, context, server):
+    def __init__(self, context: Context, server: Server) -> None:
         super().__init__(context, server, "bare", [context.bin / "bare_client", server.address])
 
 
 class Daemon(Device):
     """Supervisor and worker. The daemon writes where it does on a device, so this runs in a sandbox."""
 
-    def __init__(self, context, server, program):
+    def __init__(self, context: Context, server: Server, program: Path) -> None:
         if not Path("/dev/.sandbox").exists():
             raise Failed("the daemon runs in the sandbox only")
         CONFIGURATION.parent.mkdir(parents=True, exist_ok=True)
@@ -118,7 +119,7 @@ class Daemon(Device):
         if len(self._processes) != 2:
             raise Failed(f"expected one worker, found {children}")
 
-    def __exit__(self, *details):
+    def __exit__(self, *details: object) -> None:
         for process in self._processes:
             os.kill(process, signal.SIGTERM)
         deadline = time.monotonic() + 5
@@ -128,29 +129,29 @@ class Daemon(Device):
             time.sleep(0.02)
         super().__exit__(*details)
 
-    def processes(self):
+    def processes(self) -> list[int]:
         return self._processes
 
 
 class Syslog:
     """Takes the daemon's log lines and forgets them, as fast as they come."""
 
-    def __init__(self, core):
+    def __init__(self, core: int) -> None:
         self._core = core
 
-    def __enter__(self):
+    def __enter__(self) -> None:
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind(SYSLOG)
         self._thread = threading.Thread(target=self._drain, daemon=True)
         self._thread.start()
 
-    def __exit__(self, *_):
+    def __exit__(self, *_: object) -> None:
         self._socket.shutdown(socket.SHUT_RDWR)
         self._thread.join()
         self._socket.close()
         os.unlink(SYSLOG)
 
-    def _drain(self):
+    def _drain(self) -> None:
         os.sched_setaffinity(0, {self._core})
         while self._socket.recv(8192):
             pass
@@ -160,22 +161,22 @@ class NoTask:
     """Nothing can be written where the task folders belong: every collection fails at once, so that the transmission
     child has ended before the next ticket comes. The worker, whose answer is measured, does not know of it."""
 
-    def __enter__(self):
+    def __enter__(self) -> None:
         TASK_FOLDERS.mkdir(parents=True, exist_ok=True)
         subprocess.run(["mount", "-t", "tmpfs", "-o", "ro", "none", TASK_FOLDERS], check=True)
 
-    def __exit__(self, *_):
+    def __exit__(self, *_: object) -> None:
         subprocess.run(["umount", TASK_FOLDERS], check=True)
 
 
-def is_alive(process) -> bool:
+def is_alive(process: int) -> bool:
     try:
         return Path(f"/proc/{process}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z"
     except (FileNotFoundError, ProcessLookupError):
         return False
 
 
-def memory_mb(processes) -> float:
+def memory_mb(processes: Sequence[int]) -> float:
     """Proportional set size: each shared page counts by the share of those who map it."""
     kilobytes = 0
     for process in processes:
@@ -185,7 +186,7 @@ def memory_mb(processes) -> float:
     return kilobytes / 1024
 
 
-def wakeups(processes) -> int:
+def wakeups(processes: Sequence[int]) -> int:
     """How often the threads have gone to sleep of their own accord."""
     return sum(int(line.split()[1])
                for process in processes
@@ -193,18 +194,18 @@ def wakeups(processes) -> int:
                for line in status.read_text().splitlines() if line.startswith("voluntary_ctxt_switches:"))
 
 
-def idle_memory(make_device) -> float:
+def idle_memory(make_device: Callable[[], Device]) -> float:
     with make_device() as device:
         time.sleep(SETTLE_SECONDS)
         return memory_mb(device.processes())
 
 
-def start_time(make_device) -> float:
+def start_time(make_device: Callable[[], Device]) -> float:
     with make_device() as device:
         return device.start_ms
 
 
-def idle_wakeups(devices):
+def idle_wakeups(devices: Sequence[Device]) -> list[float]:
     """Wake-ups per second of each device, over the same seconds."""
     time.sleep(SETTLE_SECONDS)
     before = [wakeups(device.processes()) for device in devices]
@@ -212,21 +213,20 @@ def idle_wakeups(devices):
     return [(wakeups(device.processes()) - count) / WATCH_SECONDS for device, count in zip(devices, before)]
 
 
-def answer_times(server, devices, count):
+def answer_times(server: Server, devices: tuple[Device, Device], count: int) -> list[tuple[float, float]]:
     """For each of `count` rounds the microseconds that each device's answer took."""
-    rounds = []
-    for _ in range(count + 1):
-        times = []
-        for device in devices:
-            time.sleep(TICKET_PAUSE_SECONDS / len(devices))
-            times.append(server.deliver(device.serial))
-        rounds.append(times)
+    def time_of(device: Device) -> float:
+        time.sleep(TICKET_PAUSE_SECONDS / len(devices))
+        return server.deliver(device.serial)
+
+    ours, other = devices
+    rounds = [(time_of(ours), time_of(other)) for _ in range(count + 1)]
     return rounds[1:]  # the first ticket finds nothing in the processor's caches
 
 
-def rows(context):
+def rows(context: Context) -> list[Row]:
     with Server(context) as server, Syslog(context.server_core):
-        result = []
+        result: list[Row] = []
         for name, program, memory_target, start_target in (
                 (SWAPPABLE, "debug_dat_transmitter", 0.90, 0.90),
                 ("one file", "debug_dat_transmitter_single", 0.75, 0.50)):
@@ -238,14 +238,15 @@ def rows(context):
     return sorted(result, key=lambda row: row.number)
 
 
-def rows_of_build(context, server, name, program, memory_target, start_target):
-    def daemon():
+def rows_of_build(context: Context, server: Server, name: str, program: Path, memory_target: float,
+                  start_target: float) -> list[Row]:
+    def daemon() -> Device:
         return Daemon(context, server, program)
 
-    def bare():
+    def bare() -> Device:
         return BareClient(context, server)
 
-    result = []
+    result: list[Row] = []
     if context.wants(10):
         pairs = context.alternate(lambda: idle_memory(daemon), lambda: idle_memory(bare))
         result.append(ratio_row(10, f"idle, {name}", "bare client", "PSS MB", pairs, memory_target))
@@ -256,13 +257,13 @@ def rows_of_build(context, server, name, program, memory_target, start_target):
 
 
 @contextmanager
-def both(context, server):
+def both(context: Context, server: Server) -> Iterator[tuple[Device, Device]]:
     with Daemon(context, server, context.bin / "debug_dat_transmitter") as daemon:
         with BareClient(context, server) as bare:
             yield daemon, bare
 
 
-def row_of_wakeups(context, server):
+def row_of_wakeups(context: Context, server: Server) -> Row:
     # gRPC's timers come out once or twice as often, as their phases happen to lie: each pair starts afresh.
     pairs = []
     for _ in range(context.pairs):
@@ -272,7 +273,7 @@ def row_of_wakeups(context, server):
     return ratio_row(11, f"idle, {SWAPPABLE}", "bare client plus 2", "wake-ups/s", pairs, 1.1)
 
 
-def row_of_answers(context, server):
+def row_of_answers(context: Context, server: Server) -> Row:
     with both(context, server) as devices, NoTask():
         pairs = answer_times(server, devices, 3 * context.pairs)
     return ratio_row(13, f"ticket to answer, {SWAPPABLE}", "gRPC round trip", "wall us", pairs, 2.0)

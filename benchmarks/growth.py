@@ -4,8 +4,10 @@ peer and no target."""
 import shutil
 from dataclasses import dataclass
 from statistics import median
+from typing import Callable
 
 from collection import Logs
+from context import Context, Usage
 from upload import MIB, Server, Upload, make_file
 
 SIZES = (1, 32, 1024, 4000)  # MiB; the last stays below what one archive may hold, with the system's own data
@@ -22,8 +24,8 @@ class Point:
     memory: float  # MiB, the greatest
 
 
-def points(context):
-    result = []
+def points(context: Context) -> list[Point]:
+    result: list[Point] = []
     for mib in SIZES:
         needed = 2 * mib * MIB  # the data, and an archive of at most its size
         if shutil.disk_usage(context.folder).free < needed or available_memory() < needed:
@@ -38,7 +40,7 @@ def available_memory() -> int:
         return next(int(line.split()[1]) * 1024 for line in file if line.startswith("MemAvailable:"))
 
 
-def upload_point(context, mib):
+def upload_point(context: Context, mib: int) -> Point:
     path = make_file(context, mib * MIB // context.scale)
     with Server(context) as server:
         upload = Upload(context, server, path)
@@ -47,7 +49,7 @@ def upload_point(context, mib):
     return result
 
 
-def collection_point(context, mib):
+def collection_point(context: Context, mib: int) -> Point:
     logs = Logs(context, f"logs-{mib}", FILES, mib * MIB // context.scale)
     logs.check_collection()
     result = point("collection, redaction on", mib, lambda: logs.collect()[0], logs.collect_memory)
@@ -55,7 +57,7 @@ def collection_point(context, mib):
     return result
 
 
-def point(work, mib, run, peak_memory):
+def point(work: str, mib: int, run: Callable[[], Usage], peak_memory: Callable[[], float]) -> Point:
     usages = [run() for _ in range(RUNS)]
     return Point(work, mib, median(usage.wall for usage in usages), median(usage.cpu for usage in usages),
                  max(peak_memory() for _ in range(RUNS)))

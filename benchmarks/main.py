@@ -11,19 +11,21 @@ import subprocess
 import sys
 import time
 from pathlib import Path
+from typing import Sequence, Union
 
 import collection
 import footprint
 import growth
 import upload
 from context import Context, Failed
+from rows import Row
 
 MODULES = (upload, collection, footprint)
 NUMBERS = sorted(number for module in MODULES for number in module.NUMBERS)
 SMALL_SCALE = 64  # of --quick
 
 
-def parse_arguments():
+def parse_arguments() -> tuple[argparse.Namespace, frozenset[int], bool]:
     parser = argparse.ArgumentParser(prog="bench", add_help=False)
     parser.add_argument("what", nargs="*")
     parser.add_argument("--pairs", type=int, default=7)
@@ -37,12 +39,11 @@ def parse_arguments():
         parser.error(f"rows are {NUMBERS[0]} to {NUMBERS[-1]}, or 'growth'; not {' '.join(numbers)}")
     if arguments.pairs < 1:
         parser.error("--pairs takes a number from 1")
-    if not numbers and not growth_wanted:
-        numbers = NUMBERS
-    return arguments, frozenset(map(int, numbers)), growth_wanted
+    wanted = NUMBERS if not numbers and not growth_wanted else map(int, numbers)
+    return arguments, frozenset(wanted), growth_wanted
 
 
-def make_context(arguments, numbers):
+def make_context(arguments: argparse.Namespace, numbers: frozenset[int]) -> Context:
     if not Path("/dev/.sandbox").exists():
         raise Failed("this writes below /usr and /var and belongs into a sandbox; start it by ./bench")
     cores = sorted(os.sched_getaffinity(0))
@@ -53,12 +54,12 @@ def make_context(arguments, numbers):
                    client_core=cores[0], server_core=cores[1])
 
 
-def first_line(command, **options):
-    return subprocess.run(command, capture_output=True, text=True, check=True, **options).stdout.splitlines()[0]
+def first_line(command: list[str]) -> str:
+    return subprocess.run(command, capture_output=True, text=True, check=True).stdout.splitlines()[0]
 
 
-def describe_machine():
-    def value(file, name):
+def describe_machine() -> dict[str, Union[str, int]]:
+    def value(file: str, name: str) -> str:
         with open(file, encoding="utf-8") as lines:
             return next((line.split(":", 1)[1].strip() for line in lines if line.startswith(name)), "unknown")
 
@@ -70,11 +71,10 @@ def describe_machine():
         "curl": first_line(["curl", "--version"]),
         "tar": first_line(["tar", "--version"]),
         "zstd": first_line(["zstd", "--version"]),
-        "busy cores before": round(busy_cores(), 2),
     }
 
 
-def busy_cores(seconds=3) -> float:
+def busy_cores(seconds: float = 3) -> float:
     """How many cores others keep busy. The load average would still count the build before."""
     before, started = busy_seconds(), time.monotonic()
     time.sleep(seconds)
@@ -87,9 +87,10 @@ def busy_seconds() -> float:
     return (user + nice + system + sum(interrupts_and_stolen)) / os.sysconf("SC_CLK_TCK")
 
 
-def measure(context):
+def measure(context: Context) -> tuple[list[Row], bool]:
     """The rows of all modules; those of a module that fails are missing, and that is told."""
-    rows, complete = [], True
+    rows: list[Row] = []
+    complete = True
     for module in MODULES:
         wanted = [number for number in module.NUMBERS if context.wants(number)]
         if not wanted:
@@ -103,19 +104,19 @@ def measure(context):
     return rows, complete
 
 
-def show(number):
+def show(number: float) -> str:
     """Three significant digits, and all that stand before the point."""
     magnitude = math.floor(math.log10(abs(number))) if number else 0
     return f"{number:.{max(0, 2 - magnitude)}f}"
 
 
-def format_table(head, lines):
+def format_table(head: list[str], lines: list[list[str]]) -> str:
     """A table that reads well as it stands and as Markdown; numbers are aligned to the right."""
     widths = [max(len(line[column]) for line in [head, *lines]) for column in range(len(head))]
     numeric = [all(line[column][:1].isdecimal() or line[column][:1] in "-+≤" for line in lines)
                for column in range(len(head))]
 
-    def row(cells):
+    def row(cells: Sequence[str]) -> str:
         return "| " + " | ".join(cell.rjust(width) if right else cell.ljust(width)
                                  for cell, width, right in zip(cells, widths, numeric)) + " |"
 
@@ -123,7 +124,7 @@ def format_table(head, lines):
     return "\n".join([row(head), rule, *map(row, lines)])
 
 
-def table_of_rows(rows):
+def table_of_rows(rows: list[Row]) -> str:
     return format_table(
         ["#", "what", "against", "quantity", "ours", "other", "ratio", "target", "verdict"],
         [[str(row.number), row.work, row.against, row.quantity, show(row.ours), show(row.other),
@@ -132,25 +133,25 @@ def table_of_rows(rows):
          for row in rows])
 
 
-def table_of_points(points):
+def table_of_points(points: list[growth.Point]) -> str:
     return format_table(["what", "MiB", "wall s", "CPU s", "peak memory MiB"],
                         [[point.work, str(point.mib), show(point.wall), show(point.cpu), show(point.memory)]
                          for point in sorted(points, key=lambda point: (point.work, point.mib))])
 
 
-def main():
+def main() -> int:
     arguments, numbers, growth_wanted = parse_arguments()
     context = make_context(arguments, numbers)
-    machine = describe_machine()
-    if machine["busy cores before"] > 0.2:
-        print(f"bench: others keep {machine['busy cores before']} cores busy; the figures will say little",
-              file=sys.stderr)
+    busy = round(busy_cores(), 2)
+    machine: dict[str, Union[str, int, float]] = {**describe_machine(), "busy cores before": busy}
+    if busy > 0.2:
+        print(f"bench: others keep {busy} cores busy; the figures will say little", file=sys.stderr)
     rows, complete = measure(context)
     if arguments.quick:
         print(f"A trial of the harness with a {SMALL_SCALE}th of the data, no measurement:")
     if rows:
         print(table_of_rows(rows), flush=True)
-    points = []
+    points: list[growth.Point] = []
     if growth_wanted:
         print("==> Measuring growth", file=sys.stderr, flush=True)
         points = growth.points(context)

@@ -3,7 +3,9 @@ rows(context), which measures those that context.wants(number) and returns a lis
 
 from dataclasses import dataclass
 from statistics import median
-from typing import Optional
+from typing import Optional, Sequence
+
+Pairs = Sequence[tuple[float, float]]  # of ours and the other
 
 # Two runs of one command differ by up to this share on the machine where the targets were set.
 NOISE = 0.14
@@ -32,14 +34,15 @@ class Row:
         return "NOT MET"
 
 
-def ratio_row(number, work, against, quantity, pairs, target) -> Row:
+def ratio_row(number: int, work: str, against: str, quantity: str, pairs: Pairs, target: Optional[float]) -> Row:
     """A row out of pairs (ours, other) of runs that followed each other."""
     return Row(number, work, against, quantity,
                ours=median(ours for ours, _ in pairs), other=median(other for _, other in pairs),
                value=median(ours / other for ours, other in pairs), target=target)
 
 
-def difference_row(number, work, against, quantity, pairs, target) -> Row:
+def difference_row(number: int, work: str, against: str, quantity: str, pairs: Pairs,
+                   target: Optional[float]) -> Row:
     """A row whose target is how much more ours takes, in the quantity's unit."""
     return Row(number, work, against, quantity,
                ours=median(ours for ours, _ in pairs), other=median(other for _, other in pairs),

@@ -3,9 +3,10 @@
 import json
 import os
 from pathlib import Path
+from typing import Optional, Sequence
 
-from context import Failed, Usage
-from rows import difference_row, ratio_row
+from context import Context, Failed, Usage, Word, pipe
+from rows import Row, difference_row, ratio_row
 
 NUMBERS = (1, 2, 3, 4, 5)
 
@@ -17,29 +18,29 @@ KIB = 1 << 10
 class Server:
     """A discarding server: "plain", "tls" or "no-100"."""
 
-    def __init__(self, context, mode="plain"):
-        certificate = make_certificate(context) if mode == "tls" else ()
+    def __init__(self, context: Context, mode: str = "plain") -> None:
+        certificate: Sequence[Path] = make_certificate(context) if mode == "tls" else ()
         self._context = context
         self._process = context.start([context.bin / "discard_server", mode, *certificate])
-        self.port = int(self._process.stdout.readline() or 0)
+        self.port = int(pipe(self._process.stdout).readline() or 0)
         if self.port == 0:
             raise Failed("the discarding server did not start")
         self.url = f"{'https' if mode == 'tls' else 'http'}://127.0.0.1:{self.port}"
 
-    def __enter__(self):
+    def __enter__(self) -> "Server":
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, *_: object) -> None:
         self._context.stop(self._process)
 
-    def expect_request_of(self, size):
+    def expect_request_of(self, size: int) -> None:
         """Checks that the next request whose body was received whole had at least `size` bytes of it."""
-        received = int(self._process.stdout.readline() or -1)
+        received = int(pipe(self._process.stdout).readline() or -1)
         if received < size:
             raise Failed(f"the server received {received} bytes of a file of {size}")
 
 
-def make_certificate(context):
+def make_certificate(context: Context) -> tuple[Path, Path]:
     """A certificate that is its own authority; the daemon is told to trust it. Returns its file and its key's."""
     certificate, key = context.folder / "server.pem", context.folder / "server.key"
     if not certificate.exists():
@@ -51,14 +52,14 @@ def make_certificate(context):
     return certificate, key
 
 
-def configure(server):
+def configure(server: Server) -> None:
     ETC.mkdir(parents=True, exist_ok=True)
     (ETC / "serial_number").write_text("BENCHMARK-1\n")
     (ETC / "tarvomibserver.conf").write_text(
         json.dumps({"debug_dat_file_transmitter": {"css_server": {"url": server.url}}}))
 
 
-def make_file(context, size) -> Path:
+def make_file(context: Context, size: int) -> Path:
     """A file of `size` bytes that no transport compresses; it stays in the page cache."""
     path = context.folder / f"file-{size}"
     if not path.exists():
@@ -74,7 +75,7 @@ def make_file(context, size) -> Path:
 class Upload:
     """One file on its way to one server, by each of the clients."""
 
-    def __init__(self, context, server, path):
+    def __init__(self, context: Context, server: Server, path: Path) -> None:
         self._context, self._server, self._path = context, server, path
         configure(server)
 
@@ -86,27 +87,29 @@ class Upload:
         """The peak of the uploading process's resident memory, in MiB."""
         return self._by_daemon()[2] / 1024
 
-    def _by_daemon(self):
-        return tuple(map(float, self._run([self._context.bin / "upload_archive", self._path]).output.split()))
+    def _by_daemon(self) -> tuple[float, float, float]:
+        output = self._run([self._context.bin / "upload_archive", self._path]).output
+        wall, cpu, kilobytes = map(float, output.split())
+        return wall, cpu, kilobytes
 
-    def by_curl(self):
+    def by_curl(self) -> Usage:
         return self._run(["curl", "-sS", "--cacert", self._context.folder / "server.pem",
                           "-H", "AUTH-TOKEN: benchmark-token", "-F", f"debug_file=@{self._path}",
                           "-F", "serial_number=BENCHMARK-1", "-F", "debug_data_apps[0]=bench",
                           f"{self._server.url}/orvane/ps_files"])
 
-    def by_bare_loop(self):
+    def by_bare_loop(self) -> Usage:
         return self._run([self._context.bin / "bare_upload", self._server.port, self._path])
 
-    def _run(self, argv) -> Usage:
+    def _run(self, argv: Sequence[Word]) -> Usage:
         usage = self._context.run(argv)
         self._server.expect_request_of(self._path.stat().st_size)
         return usage
 
 
-def rows(context):
+def rows(context: Context) -> list[Row]:
     gib, small = 1024 * MIB // context.scale, 64 * KIB
-    result = []
+    result: list[Row] = []
     with Server(context) as server:
         if context.wants(1):
             upload = Upload(context, server, make_file(context, gib))
@@ -136,7 +139,8 @@ def rows(context):
     return sorted(result, key=lambda row: row.number)
 
 
-def cost_rows(number, work, against, pairs, **targets):
+def cost_rows(number: int, work: str, against: str, pairs: Sequence[tuple[Usage, Usage]],
+              **targets: Optional[float]) -> list[Row]:
     """A row for each of "cpu" and "wall" that `targets` names, out of pairs of Usage."""
     return [ratio_row(number, work, against, {"cpu": "CPU s", "wall": "wall s"}[quantity],
                       [(getattr(ours, quantity), getattr(other, quantity)) for ours, other in pairs], target)
