@@ -88,11 +88,12 @@ check_package_servers() {
   fail "no package server can be reached (${servers//$'\n'/, }), is this machine off line? Missing packages: $*"
 }
 
-# unpack LOG COMMAND...: to its end also if Ctrl-C comes, since a half-installed package would need repair.
+# unpack LOG COMMAND...: to its end also if Ctrl-C comes, since a half-installed package would need repair. The command has
+# to leave the terminal's session by itself: apt-get listens to Ctrl-C even where it was told to ignore it.
 unpack() {
   local log=$1 apt status interrupted=false
   shift
-  trap 'interrupted=true; complain "ending as soon as the packages are unpacked, so that none stays half installed"' INT
+  trap 'interrupted=true; complain "ending when the packages are unpacked (up to some minutes), so that none stays half installed"' INT
   (trap '' INT && exec "$@") >>"$log" 2>&1 </dev/null &
   apt=$!
   wait "$apt"
@@ -107,7 +108,7 @@ unpack() {
 # install_packages FILE...: installs what is missing of the listed Debian packages. Where nothing is missing
 # neither apt nor any privilege is needed.
 install_packages() {
-  local file package log=$root/build/packages.log missing=() install=()
+  local file package log=$root/build/packages.log missing=() install as_root=() apt=(env DEBIAN_FRONTEND=noninteractive apt-get -q -y)
   command -v dpkg-query >/dev/null ||
     fail "this is no Debian system (there is no dpkg-query). Install what $* lists by hand and build with CMake."
   for file in "$@"; do
@@ -123,16 +124,16 @@ install_packages() {
   if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || fail "packages are missing, and only root may install them (there is no sudo here)." \
       "As root: apt-get update && apt-get install --no-install-recommends ${missing[*]}"
-    install=(sudo)
+    as_root=(sudo)
   fi
   check_package_servers "${missing[@]}"
   mkdir -p "${log%/*}" || fail "can't make ${log%/*}"
   say "Packages: installing ${#missing[@]} (some minutes; apt-get's output goes to $log):"
   echo "    ${missing[*]}"
-  install+=(env DEBIAN_FRONTEND=noninteractive apt-get -q -y)
-  if ! "${install[@]}" update >"$log" 2>&1 ||
-    ! "${install[@]}" install --no-install-recommends --download-only "${missing[@]}" >>"$log" 2>&1 ||
-    ! unpack "$log" "${install[@]}" install --no-install-recommends "${missing[@]}"; then
+  install=(install --no-install-recommends "${missing[@]}")
+  if ! "${as_root[@]}" "${apt[@]}" update >"$log" 2>&1 ||
+    ! "${as_root[@]}" "${apt[@]}" --download-only "${install[@]}" >>"$log" 2>&1 ||
+    ! unpack "$log" "${as_root[@]}" setsid --wait "${apt[@]}" "${install[@]}"; then
     sed -n 's/^E: /    /p' "$log" >&2
     fail "apt-get could not install ${missing[*]}; all its messages are in $log"
   fi
