@@ -99,8 +99,6 @@ void ArchiveWriter::WriteHeader(const std::string& name, const EntrySource& sour
   Check(archive_write_header(archive_.get(), entry), "write");
 }
 
-/// Reserves room for so many further bytes of content, and for the archive's end.
-/// @return false, with errno set, when there is none.
 bool ArchiveWriter::TakeRoom(std::uint64_t more) {
   return room_.Reserve(SizeBound(more + kept_ + kEndBytes));
 }

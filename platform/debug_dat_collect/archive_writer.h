@@ -22,7 +22,8 @@ namespace TARVO::SupportForm {
 
 class ZstdStream;  // the compressor behind the tar writer; zstd_stream.h
 
-/// The archive can't be made: the disk is full, memory ran out. Ends the task.
+/// The archive can't be written on: the disk is full, a device fails, memory ran out. What is there of it is worth
+/// nothing then; the collection tries one of the manifest alone.
 class ArchiveFailed : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -70,16 +71,20 @@ struct ArchiveSummary {
 /// one thread; the compression runs in threads of its own where the process may use more than one core.
 class ArchiveWriter {
  public:
-  /// @param fd        Where the archive goes; borrowed.
+  /// @param fd        Where the archive goes: a file, empty, open for writing; borrowed.
+  /// @param zstd_level  As zstd counts them; below 0 is faster than its usual ones.
   /// @param progress  Told of every block and entry; borrowed.
   ArchiveWriter(int fd, int zstd_level, Progress& progress);
   ~ArchiveWriter();
   ArchiveWriter(const ArchiveWriter&) = delete;
   ArchiveWriter& operator=(const ArchiveWriter&) = delete;
 
-  /// Keeps room for so many bytes of the last entry.
+  /// Keeps room for so many bytes of the last entry. To be called whenever that has grown; it counts from the next
+  /// entry on.
   void KeepRoom(std::uint64_t bytes) { kept_ = bytes; }
-  /// Adds a regular file of exactly `source.size` bytes, mode 0600.
+  /// Adds a regular file of exactly `source.size` bytes, mode 0600, whatever the source gives: more is not read, zeros
+  /// stand for what is missing.
+  /// @param name  Any length, any bytes but NUL. The folders in it get no entries of their own.
   WrittenEntry Add(const std::string& name, const EntrySource& source);
   /// Adds a regular file that holds `text`.
   WrittenEntry AddText(const std::string& name, std::string_view text, std::time_t modified,
@@ -87,7 +92,8 @@ class ArchiveWriter {
   /// SHA-256 of the content of each entry so far, as it lies in the archive, in the order of the entries: kSumDigits
   /// lower-case hex digits for each. Waits for those that are still being digested.
   [[nodiscard]] const std::string& Sums();
-  /// Ends the archive. It is complete once this has returned.
+  /// Ends the archive and gives back the room that it did not need. It is complete once this has returned; nothing else
+  /// may be called then.
   ArchiveSummary Close();
 
   /// Bytes of the archive's file so far. Threads compress, so that it may grow at any time.
@@ -101,8 +107,12 @@ class ArchiveWriter {
  private:
   class Content;
 
+  /// Reserves room for so many further bytes of content, and for the archive's end.
+  /// @return false, with errno set, when there is none.
   bool TakeRoom(std::uint64_t more);
+  /// The tar header, with which an entry begins; its size can't be changed then.
   void WriteHeader(const std::string& name, const EntrySource& source);
+  /// Throws ArchiveFailed, with libarchive's reason, unless a call of it went well.
   void Check(int result, const char* what);
 
   std::unique_ptr<ZstdStream> zstd_;  // outlives archive_, which writes into it

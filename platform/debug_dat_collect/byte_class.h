@@ -1,4 +1,6 @@
-/// Kinds of bytes in logs and configuration files, as a table: a look-up per byte, the same in every locale.
+/// Kinds of bytes in logs and configuration files, as a table: a look-up per byte, the same in every locale. What the
+/// search for secrets means by a word, a name or a URL is written down here; a new kind is a bit and a line in
+/// MakeByteClasses(). Text may be in any character set: bytes beyond ASCII are one kind.
 #pragma once
 
 #include <array>
@@ -6,7 +8,7 @@
 
 namespace TARVO::SupportForm {
 
-/// Sets of bytes; they overlap.
+/// Sets of bytes; they overlap. The first are bits of the table, the last ones unions of them, to be given to Is().
 enum ByteClass : unsigned {
   kBlank = 1U << 0,         ///< Space and tab.
   kLineEnd = 1U << 1,       ///< "\n" and "\r".
@@ -26,8 +28,10 @@ enum ByteClass : unsigned {
   kHigh = 1U << 15,         ///< Beyond ASCII: of a letter in UTF-8, or of another character set.
   kColon = 1U << 16,        ///< ':'.
   kSpelled = 1U << 17,  ///< Punctuation in another spelling begins with it: '\\', '%', '&', or 0xEF of UTF-8.
+  // From here on unions: no bits of their own.
   kLowerDigit = kLower | kDigit,
   kUpperDigit = kUpper | kDigit,
+  // What names, identifiers and values of the usual encodings are written with.
   kAlnum = kUpper | kLower | kDigit,
   kIdentifierByte = kAlnum | kDash,
   kNameByte = kIdentifierByte | kDot,
@@ -36,6 +40,7 @@ enum ByteClass : unsigned {
   kBase64Byte = kAlnum | kBase64Sign,
 };
 
+/// The classes of each byte, as bits; evaluated by the compiler only.
 constexpr std::array<unsigned, 256> MakeByteClasses() {
   constexpr std::string_view kNoUrl = " \t\r\n\"'<>\\";
   std::array<unsigned, 256> table = {};
@@ -59,14 +64,16 @@ constexpr std::array<unsigned, 256> MakeByteClasses() {
   return table;
 }
 
+/// By the byte's value, 0 to 255.
 inline constexpr std::array<unsigned, 256> kByteClasses = MakeByteClasses();
 
-/// Whether the byte is of one of the classes.
+/// Whether the byte is of at least one of the classes.
+/// @param classes  Of ByteClass, joined by '|'.
 constexpr bool Is(char byte, unsigned classes) {
   return (kByteClasses[static_cast<unsigned char>(byte)] & classes) != 0;
 }
 
-/// ASCII only.
+/// The letter in lower case, of ASCII only: other bytes stay, whatever the locale.
 constexpr char ToLower(char byte) { return Is(byte, kUpper) ? static_cast<char>(byte + ('a' - 'A')) : byte; }
 
 }  // namespace TARVO::SupportForm

@@ -28,7 +28,7 @@ struct CommandRequest {
   std::string
       programs;  ///< Folders for the look-up, separated by colons; also the command's PATH. Those in which
                  ///< others can put programs don't count.
-  std::int64_t time_limit_ms = 0;
+  std::int64_t time_limit_ms = 0;  ///< From its start; 0 ends it at once.
   std::uint64_t output_limit = 0;  ///< Bytes of output that are kept; of the end up to twice as many.
   Output output = Output::kBegin;
 };
@@ -44,7 +44,7 @@ struct CommandResult {
     kNotStored,    ///< Killed because its output can't be stored; `code` is an errno value.
   };
   End end = End::kNotStarted;
-  int code = 0;
+  int code = 0;             ///< What `end` says of it.
   bool begin_lost = false;  ///< The output was longer than its kept end.
   std::string
       distrust{};  ///< Why it was not started, though it could have been: others can change the program.

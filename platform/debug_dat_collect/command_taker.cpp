@@ -62,7 +62,6 @@ bool CommandTaker::Take(const CommandEntry& entry) {
   return TakeOutput(entry.name, request, result, spool.get());
 }
 
-/// @param allowed  Bytes of output that the archive may take.
 CommandRequest CommandTaker::Request(const CommandEntry& entry, std::uint64_t allowed) {
   const CommandDescription& command = entry.command;
   CommandRequest request;
@@ -78,8 +77,6 @@ CommandRequest CommandTaker::Request(const CommandEntry& entry, std::uint64_t al
   return request;
 }
 
-/// A file without a name in the task folder, which goes with its descriptor. Invalid where there is no room for
-/// one; the manifest says so then.
 UniqueFd CommandTaker::OpenSpool(const std::string& where) {
   UniqueFd fd(openat(folder_fd_, kSpoolFile, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd.valid() || unlinkat(folder_fd_, kSpoolFile, 0) != 0) {

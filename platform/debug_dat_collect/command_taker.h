@@ -27,7 +27,11 @@ class CommandTaker {
   bool Take(const CommandEntry& entry);
 
  private:
+  /// Puts the command's own limits, the time that is left and the room for spool and archive together.
+  /// @param allowed  Bytes of output that the archive may take.
   [[nodiscard]] CommandRequest Request(const CommandEntry& entry, std::uint64_t allowed);
+  /// A file without a name in the task folder, which goes with its descriptor. Invalid where there is no room for one;
+  /// the manifest says so then.
   [[nodiscard]] UniqueFd OpenSpool(const std::string& where);
   bool TakeOutput(const std::string& name, const CommandRequest& request, const CommandResult& result,
                   int spool_fd);

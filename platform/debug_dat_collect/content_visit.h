@@ -1,6 +1,6 @@
-/// What an archive holds, in its order: the system's part, then the applications' with their files, commands and
-/// units. The rules for that stand here once. The collection is a visitor that takes all it is given; the dry run is one
-/// that names it.
+/// What an archive holds, in its order: the system's part, then the applications' with their files, commands and units.
+/// The rules for that stand here once. The collection is a visitor that takes all it is given; the dry run is one that
+/// names it.
 #pragma once
 
 #include <json/value.h>
@@ -32,13 +32,16 @@ class ContentVisitor {
  public:
   virtual ~ContentVisitor() = default;
 
+  /// A text about the system. It is only made where source.read() is called.
   virtual void TakeSystem(const SystemSource& source) = 0;
   /// Commands that stand in for each other: the first that gives any output is taken.
   virtual void TakeFirst(const std::vector<CommandEntry>& commands) = 0;
   /// What follows belongs to this application, until the next one begins.
   virtual void BeginApplication(const std::string& app, const AppDescription& description) = 0;
-  /// @return false to end the application's search for files.
+  /// A file of the application, each only once, though several patterns may match it.
+  /// @return false to end the search by the pattern that met it.
   virtual bool TakeFile(ContentFile file) = 0;
+  /// A command of the application, or its part of the journal. Nothing has run yet.
   virtual void TakeCommand(const CommandEntry& command) = 0;
 
   /// Something that the archive will not have, or not more of.

@@ -35,8 +35,6 @@ void FileTaker::TakeRegular(ManifestEntry entry, const ContentFile& file) {
   archive_.Record(std::move(entry), *taken);
 }
 
-/// Unpacks a compressed file into the archive. Returns nothing where there is no room for what it unpacks to; the
-/// manifest says so then.
 std::optional<FileEntry> FileTaker::TakePacked(const ContentFile& file, Packing packing) {
   const std::uint64_t left = limits_.unpacked_archive_bytes - unpacked_;
   const UnpackLimits unpack = {limits_.file_bytes, std::min(left, limits_.unpacked_file_bytes),
@@ -55,7 +53,6 @@ std::optional<FileEntry> FileTaker::TakePacked(const ContentFile& file, Packing 
                      unpack);
 }
 
-/// A file of the kernel's tells its size only by being read.
 void FileTaker::TakeKernel(ManifestEntry entry, const ContentFile& file) {
   std::string text;
   bool more = false;
@@ -69,7 +66,6 @@ void FileTaker::TakeKernel(ManifestEntry entry, const ContentFile& file) {
   archive_.TakeText(std::move(entry), text, rules_);
 }
 
-/// Asks the kernel once for files of one device in a row, as most are.
 bool FileTaker::IsKernels(const ContentFile& file) {
   if (file.status.st_dev != device_) {
     device_ = file.status.st_dev;

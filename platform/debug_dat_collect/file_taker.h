@@ -14,8 +14,8 @@
 
 namespace TARVO::SupportForm {
 
-/// Takes the files of a collection into its archive, each as its kind wants it: one of the kernel's is read into memory,
-/// a compressed one is unpacked, the end of any other is streamed. Lives in the collector, used in one thread.
+/// Takes the files of a collection into its archive, each as its kind wants it: one of the kernel's is read into
+/// memory, a compressed one is unpacked, the end of any other is streamed. Lives in the collector, used in one thread.
 class FileTaker {
  public:
   /// @param limits   Borrowed.
@@ -29,9 +29,15 @@ class FileTaker {
   void Take(const ContentFile& file);
 
  private:
+  /// A file of known size: its end that fits is streamed into the archive, or, of a compressed one, of what it unpacks
+  /// to.
   void TakeRegular(ManifestEntry entry, const ContentFile& file);
+  /// Unpacks a compressed file into the archive, within what all compressed files of it may cost together.
+  /// @return nothing where there is no room for what it unpacks to; the manifest says so then.
   std::optional<FileEntry> TakePacked(const ContentFile& file, Packing packing);
+  /// A file that tells its size only by being read: into memory, up to Limits::kernel_file_bytes.
   void TakeKernel(ManifestEntry entry, const ContentFile& file);
+  /// Whether the kernel makes the file as it is read. It is asked once for files of one device in a row, as most are.
   bool IsKernels(const ContentFile& file);
 
   const Limits& limits_;

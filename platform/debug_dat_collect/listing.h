@@ -18,7 +18,7 @@ struct ListedEntry {
   std::string origin;                 ///< For people: the file's path, or the command with its arguments.
 };
 
-/// What an archive would hold.
+/// What an archive would hold. For the program's --dry-run, by which makers try their descriptions.
 struct Listing {
   std::vector<ListedEntry>
       entries;  ///< In the archive's order; the manifest, always the last, not among them.

@@ -12,9 +12,9 @@
 
 namespace TARVO::SupportForm {
 
-/// What the manifest tells of one entry of the archive.
+/// What the manifest tells of one entry of the archive. A new member of it is a line here and one in AddEntry().
 struct ManifestEntry {
-  std::string name;
+  std::string name;                     ///< As in the archive.
   std::string source;                   ///< Where it comes from; empty for a command's output.
   std::vector<std::string> argv;        ///< The command; empty for anything else.
   std::string result;                   ///< How the command ended.
@@ -54,11 +54,11 @@ class Manifest {
   Json::Value root_;                     ///< All but the entries, which may be many,
   std::string entry_lines_;              ///< and so are kept as text, an object a line.
   std::vector<std::size_t> sum_places_;  ///< Where in them the digests belong.
-  unsigned max_errors_;
-  std::uint64_t entries_ = 0;   ///< Entries recorded.
-  std::uint64_t bytes_ = 0;     ///< Their sizes' sum.
-  std::uint64_t redacted_ = 0;  ///< Secrets masked in them.
-  std::uint64_t errors_ = 0;    ///< Errors, those beyond the limit counted too.
+  unsigned max_errors_;                  ///< Lines under "errors"; further ones are counted.
+  std::uint64_t entries_ = 0;            ///< Entries recorded.
+  std::uint64_t bytes_ = 0;              ///< Their sizes' sum.
+  std::uint64_t redacted_ = 0;           ///< Secrets masked in them.
+  std::uint64_t errors_ = 0;             ///< Errors, those beyond the limit counted too.
 };
 
 }  // namespace TARVO::SupportForm

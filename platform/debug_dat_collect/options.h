@@ -5,7 +5,8 @@
 
 namespace TARVO::SupportForm {
 
-/// What the command line of debug_dat_collect asks for.
+/// The command line of debug_dat_collect, of people's and of the one by which the library starts a task.
+/// What is asked for. Names of applications are valid, and there is what the action needs.
 struct CollectOptions {
   enum class Action {
     kTask,    ///< The work of a task that the library has prepared.
@@ -13,10 +14,10 @@ struct CollectOptions {
     kDryRun,  ///< A list of what the archive would take.
   };
   Action action = Action::kDryRun;
-  std::string task_id;
-  std::vector<std::string> apps;
-  std::string out;
-  bool redaction = true;
+  std::string task_id;            ///< Of kTask only: IsTaskId().
+  std::vector<std::string> apps;  ///< Not of kTask, which reads them from standard input. May be empty.
+  std::string out;                ///< Of kWrite only: the file to be written, which must not exist.
+  bool redaction = true;          ///< Off with --no-redaction, which tasks can't be given.
 };
 
 /// What to do with a command line: either run with the options, or print a text and exit.
@@ -27,6 +28,8 @@ struct ParsedOptions {
   std::string text;     ///< The help or the error; ends with a newline.
 };
 
+/// Takes the command line apart. Looks at nothing else: whether files exist is for others to see.
+/// @param argv  The program's name first, as main() has it.
 [[nodiscard]] ParsedOptions ParseOptions(int argc, const char* const* argv);
 
 }  // namespace TARVO::SupportForm

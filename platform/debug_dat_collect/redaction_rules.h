@@ -32,12 +32,15 @@ class RedactionError : public std::runtime_error {
 /// exactly.
 class RedactionRules {
  public:
+  /// A file with more is refused as a whole, and nothing is taken.
   static constexpr std::size_t kMaxPatterns = 1000;  ///< In the pattern file.
   static constexpr std::size_t kMaxEndBytes = 8;     ///< Of a fixed word's end that built_in() finds.
 
+  /// Frees what NewScratch() made.
   struct ScratchDeleter {
     void operator()(hs_scratch* scratch) const;
   };
+  /// The matcher's working memory, which any of the databases may be scanned with.
   using Scratch = std::unique_ptr<hs_scratch, ScratchDeleter>;
 
   /// Compiles the built-in rules and the patterns of the file; a file that does not exist adds none.
@@ -56,26 +59,30 @@ class RedactionRules {
   [[nodiscard]] const hs_database* from_file() const { return from_file_.get(); }
   /// Tells the exact place of a match that from_file() found, and of its group.
   [[nodiscard]] const re2::RE2& pattern(std::size_t number) const { return *patterns_[number]; }
+  /// Patterns of the file; their numbers are below this.
   [[nodiscard]] std::size_t pattern_count() const { return patterns_.size(); }
   /// Working memory for scans, about 3 KiB; each thread needs its own.
+  /// @throws std::bad_alloc
   [[nodiscard]] Scratch NewScratch() const;
 
  private:
+  /// Frees what the matcher has compiled.
   struct DatabaseDeleter {
     void operator()(hs_database* database) const;
   };
   using Database = std::unique_ptr<hs_database, DatabaseDeleter>;
 
+  // In the constructor, in this order. Each throws RedactionError.
   void CompileBuiltIn();
   void CompileFile(const std::string& path);
   void AddScratchFor(const hs_database* database);
 
-  std::vector<FixedWord> words_;
+  std::vector<FixedWord> words_;                     ///< By their numbers.
   std::vector<std::vector<unsigned>> words_of_end_;  ///< Those that the scan does not tell apart.
-  Database built_in_;
+  Database built_in_;                                ///< Never null once the constructor has returned.
   Database from_file_;
-  std::vector<std::unique_ptr<re2::RE2>> patterns_;
-  Scratch scratch_;  ///< Large enough for both databases; only cloned.
+  std::vector<std::unique_ptr<re2::RE2>> patterns_;  ///< Of the file, by their numbers.
+  Scratch scratch_;                                  ///< Large enough for both databases; only cloned.
 };
 
 }  // namespace TARVO::SupportForm

@@ -50,7 +50,7 @@ class Redactor {
     std::size_t end;
   };
 
-  /// A secret that goes on behind the block.
+  /// A secret that goes on behind the block. Its end is looked for as soon as there is more of the text.
   struct OpenSecret {
     SecretEnd search;
     std::size_t begin;
@@ -68,15 +68,16 @@ class Redactor {
   void GoOnWithSecrets();
   [[nodiscard]] std::size_t TakenUntil(std::size_t offset) const;
   void EndKey(std::size_t end);
+  /// Writes the stars of the rules' secrets; the mask of tokens writes its own.
   void MaskDecided(char* data, std::size_t decided);
 
-  const RedactionRules* rules_;
+  const RedactionRules* rules_;  ///< Null: only tokens are masked.
   RedactionRules::Scratch scratch_;
   SecretFinder finder_;
   SearchAllowance allowance_;
   TokenMask token_mask_;
-  std::uint64_t count_ = 0;
-  std::uint64_t masked_parts_ = 0;
+  std::uint64_t count_ = 0;         ///< Of the rules' secrets; the mask of tokens counts its own.
+  std::uint64_t masked_parts_ = 0;  ///< See masked_parts().
 
   // The block in work.
   std::string_view text_;
@@ -107,9 +108,9 @@ class Redactor {
 /// Bytes at the beginning of a file that tell whether it is text.
 inline constexpr std::size_t kTextHeadBytes = 8192;
 
-/// Whether a file that begins with `head` (its first kTextHeadBytes, or all of a shorter one) is text, and can be checked.
-/// It is not if `head` holds a NUL byte, unless 16 or more of them follow each other, which a power failure leaves
-/// in logs; if it begins with the mark of UTF-16; if more than one byte in fifty is a control character that
+/// Whether a file that begins with `head` (its first kTextHeadBytes, or all of a shorter one) is text, and can be
+/// checked. It is not if `head` holds a NUL byte, unless 16 or more of them follow each other, which a power failure
+/// leaves in logs; if it begins with the mark of UTF-16; if more than one byte in fifty is a control character that
 /// text does not use; or if it holds nothing but NUL bytes.
 [[nodiscard]] bool LooksLikeText(std::string_view head);
 

@@ -1,4 +1,5 @@
-/// What searching a text for secrets may cost: so much for each of its bytes, whatever the text is.
+/// What searching a text for secrets may cost: so much for each of its bytes, whatever the text is. A text made of
+/// nothing but words that are looked around at can't hold up the collection.
 #pragma once
 
 #include <algorithm>
@@ -11,12 +12,14 @@ namespace TARVO::SupportForm {
 /// logs spend a tenth of that and save some for denser parts.
 class SearchAllowance {
  public:
+  /// Nanoseconds that each byte earns.
   static constexpr std::int64_t kPerByte = 11;
-  /// What a text begins with, and saves at most.
+  /// Nanoseconds that a text begins with, and saves at most.
   static constexpr std::int64_t kSavedAtMost = 2'000'000;
 
+  /// Takes what the text has earned since the last call and gives what it has cost.
   /// @param position  Offset in the text up to which it is searched; never less than before.
-  /// @param cost      Of the last look.
+  /// @param cost      Of the last look, in nanoseconds: what look_cost has grown by.
   void Spend(std::uint64_t position, std::uint64_t cost) {
     const auto bytes = static_cast<std::int64_t>(position - position_);
     left_ = std::min(kSavedAtMost, left_ + bytes * kPerByte) - static_cast<std::int64_t>(cost);
@@ -26,6 +29,7 @@ class SearchAllowance {
   /// Forgives what was spent too much, so that one part of a text is given up for it and no more.
   void Forgive() { left_ = 0; }
 
+  /// Whether the text has cost more than it earned. What is being searched is to be masked as a whole then.
   [[nodiscard]] bool IsSpent() const { return left_ < 0; }
 
  private:

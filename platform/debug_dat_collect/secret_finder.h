@@ -13,7 +13,7 @@
 
 namespace TARVO::SupportForm {
 
-/// A fixed word to look for; its number is its place in FixedWords().
+/// A fixed word to look for; its number is its place in FixedWords(). RedactionRules makes one scan of all of them.
 struct FixedWord {
   std::string text;
   bool any_case = false;  ///< Upper and lower case letters are the same.
@@ -22,7 +22,7 @@ struct FixedWord {
 /// The words of the built-in rules. No word is the end of another as it is written.
 [[nodiscard]] std::vector<FixedWord> FixedWords();
 
-/// Bytes before and behind a fixed word that are looked at.
+/// Bytes before and behind a fixed word that are looked at. The Redactor decides nothing closer to a block's end.
 constexpr std::size_t kFinderReach = 4096;
 
 /// Tells the secrets that fixed words betray, in one text. Remembers what it looked at, so that no byte is looked at
@@ -74,6 +74,7 @@ struct KeyMarker {
 
 /// Whether the fixed word belongs to key markers: FindKeyMarker() is to be asked then, not a SecretFinder.
 [[nodiscard]] bool IsKeyMarkerWord(unsigned word);
+/// The key marker whose fixed word ends at `hit`; nothing where the rest of it does not stand around.
 [[nodiscard]] std::optional<KeyMarker> FindKeyMarker(std::string_view text, std::size_t hit);
 /// The key marker whose last dashes begin at `dashes`, without a hit.
 [[nodiscard]] std::optional<KeyMarker> FindKeyMarkerAt(std::string_view text, std::size_t dashes);

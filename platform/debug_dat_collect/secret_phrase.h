@@ -15,7 +15,8 @@ enum class Telling {
   kOther,     ///< "token", "secret", "key": words of many sentences.
 };
 
-/// Finds what stands behind the name.
+/// Finds what stands behind the name. SecretFinder asks where no separator makes what follows the name's value.
+/// @param found  Gets the secrets, if any; a call or a pair may hold two.
 void FindPhrase(const Name& name, Telling telling, std::vector<Secret>& found);
 
 /// The value of the object that is the name's value: {"db_password": {"value": "abc"}}.

@@ -21,10 +21,11 @@ struct PlaceWord {
 /// @param place  Its number in PlaceWords().
 /// @param begin  Offset of the beginning.
 /// @param hit    Offset behind it.
+/// @param found  Gets what is found; most beginnings betray one secret, lists of codes several.
 void FindAtPlace(std::size_t place, std::string_view text, std::size_t begin, std::size_t hit,
                  std::vector<Secret>& found);
 
-/// The beginnings of keys of services, and how the keys go on.
+/// The beginnings of keys of services, and how the keys go on: a new service's key is a line in this list.
 struct KeyPrefix {
   std::string_view text;
   SecretForm form;

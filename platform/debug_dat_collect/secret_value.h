@@ -17,7 +17,7 @@ std::optional<Secret> FindValue(const Name& name, const Separator& separator);
 /// it is empty or a placeholder.
 std::optional<Secret> FindQuoted(std::string_view text, std::size_t at);
 
-/// Whether the value is in quotes.
+/// Whether the value at `at` is in quotes, with what languages write before them: "x", b"x", @"x".
 bool IsQuotedAt(std::string_view text, std::size_t at);
 
 /// The item of a list of strings, or the value of another member: in quotes, or up to a blank.

@@ -48,8 +48,8 @@ class SpaceBudget {
   [[nodiscard]] Allowance Allow(std::uint64_t size, std::uint64_t least);
 
   /// Bytes of content for which there is space, whatever they compress to, beside what must remain free and what the
-  /// manifest may need. As of now only where `wanted` bytes don't fit; otherwise as of the last look, at most kLookBytes
-  /// ago.
+  /// manifest may need. As of now only where `wanted` bytes don't fit; otherwise as of the last look, at most
+  /// kLookBytes ago.
   [[nodiscard]] std::uint64_t RoomFor(std::uint64_t wanted);
 
   /// Counts an entry that the archive now has, with so many bytes of content.

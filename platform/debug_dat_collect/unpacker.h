@@ -12,7 +12,7 @@
 
 namespace TARVO::SupportForm {
 
-/// How a file is compressed.
+/// How a file is compressed. Told by its first bytes, whatever its name is.
 enum class Packing { kNone, kGzip, kXz, kZstd };
 
 /// Bytes of a file's beginning that PackingOf() looks at.
@@ -21,7 +21,7 @@ inline constexpr std::size_t kPackingMarkBytes = 6;
 /// What a file is that begins so. A longer text may be given.
 [[nodiscard]] Packing PackingOf(std::string_view head);
 
-/// "gzip"; empty for kNone.
+/// The word for people, "gzip"; empty for kNone.
 [[nodiscard]] std::string NameOf(Packing packing);
 
 /// Unpacks compressed bytes, those of several compressed parts behind each other, too, as they are read. Nothing is
@@ -35,10 +35,12 @@ class Unpacker {
   /// Memory for one file's window: enough for all levels of xz, and for those of zstd but the highest, 22.
   static constexpr std::uint64_t kWindowBytes = std::uint64_t{64} << 20;
 
-  /// Reads the next bytes into a buffer of the given capacity. 0 at the end, negative on failure.
+  /// Reads the next bytes into a buffer of the given capacity. 0 at the end, negative on failure, with errno set; it
+  /// is not asked again after either.
   using Input = std::function<ssize_t(char*, std::size_t)>;
 
   /// @param packing  Not kNone.
+  /// @param input    Gives the compressed bytes from their beginning; called by Read() only.
   Unpacker(Packing packing, Input input);
   ~Unpacker();
   Unpacker(const Unpacker&) = delete;
@@ -62,6 +64,7 @@ class Unpacker {
   class Xz;
   class Zstd;
 
+  // Those that return false have called Fail(), or there is nothing more.
   bool Refill();
   bool BeginPart();
   std::size_t Step(char* buffer, std::size_t capacity);
@@ -70,12 +73,12 @@ class Unpacker {
   Packing packing_;
   Input input_;
   std::unique_ptr<Decoder> decoder_;
-  std::vector<char> buffer_;
-  std::string_view left_;  ///< What of buffer_ is still to be unpacked.
+  std::vector<char> buffer_;  ///< Compressed bytes.
+  std::string_view left_;     ///< What of buffer_ is still to be unpacked.
   bool input_ended_ = false;
   bool begun_ = false;    ///< There was a part.
   bool in_part_ = false;  ///< A part has begun and not ended.
-  bool ended_ = false;
+  bool ended_ = false;    ///< Nothing more comes out, for whatever reason.
   bool has_tail_ = false;
   std::string failure_;
   std::uint64_t bytes_read_ = 0;

@@ -1,4 +1,6 @@
-/// A set of words that are looked up in any case, without copying them.
+/// A set of words that are looked up in any case, without copying them: the lists of the search for secrets, which asks
+/// for several of them at every hit. The lists all over the search have the same shape because they are lists; there is
+/// nothing in them to share.
 #pragma once
 
 #include <array>
@@ -12,10 +14,12 @@
 
 namespace TARVO::SupportForm {
 
-/// Of words in lower case, at most a quarter of `slots`, which is a power of two.
+/// Made once, as a local static; read by any number of threads then.
+/// @tparam slots  A power of two, at least four times as many as the words: most look-ups end at the first slot then.
 template <std::size_t slots>
 class WordSet {
  public:
+  /// @param words  In lower case, none empty; the texts they lie in outlive the set, as literals do.
   WordSet(std::initializer_list<std::string_view> words) {
     for (const std::string_view word : words) {
       words_[Find(word)] = word;
@@ -23,6 +27,7 @@ class WordSet {
     }
   }
 
+  /// Whether the word, in any case of ASCII letters, is one of them; an empty one never is.
   [[nodiscard]] bool Has(std::string_view word) const {
     look_cost += 4;
     if (word.empty() || !looks_[LookOf(word)]) return false;
@@ -31,7 +36,7 @@ class WordSet {
   }
 
  private:
-  /// Tells most words apart by their ends and their length.
+  /// Tells most words apart by their ends and their length, before all of their bytes are looked at.
   static std::size_t LookOf(std::string_view word) {
     const auto first = static_cast<unsigned char>(ToLower(word.front()));
     const auto last = static_cast<unsigned char>(ToLower(word.back()));
@@ -55,8 +60,9 @@ class WordSet {
     return true;
   }
 
+  /// Each in the first slot from its hash on that was free; the others are empty.
   std::array<std::string_view, slots> words_;
-  std::array<bool, 2 * slots> looks_ = {};  ///< Of the words.
+  std::array<bool, 2 * slots> looks_ = {};  ///< Which LookOf() the words have.
 };
 
 }  // namespace TARVO::SupportForm

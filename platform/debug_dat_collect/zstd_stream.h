@@ -27,21 +27,23 @@ namespace TARVO::SupportForm {
 /// Its failures, std::runtime_error, are for good: nothing more can be written then.
 class ZstdStream {
  public:
-  /// @param fd  Where the compressed bytes go; borrowed.
+  /// @param fd     Where the compressed bytes go; borrowed.
+  /// @param level  As zstd counts them; below 0 is faster than its usual ones.
   ZstdStream(int fd, int level);
   ~ZstdStream();
   ZstdStream(const ZstdStream&) = delete;
   ZstdStream& operator=(const ZstdStream&) = delete;
 
-  /// Takes the next bytes. They may reach the file later.
+  /// Takes the next bytes. They may reach the file later, and a failure to write them may show at a later call. Waits
+  /// while the threads are behind by all blocks of the ring.
   void Write(std::string_view bytes);
-  /// What is written from here up to EndPart() is a part, and gets a digest of its own.
+  /// What is written from here up to EndPart() is a part, and gets a digest of its own. Parts don't overlap.
   void BeginPart() { MarkHere(); }
   void EndPart() { MarkHere(); }
   /// SHA-256 of each part so far, in the order of the parts: kSumDigits lower-case hex digits for each. Waits until all
   /// that was written is digested.
   [[nodiscard]] const std::string& PartSums();
-  /// Ends the frame; all of it is in the file then.
+  /// Ends the frame and its threads; all of it is in the file then. To be called once, last but for size() and Sum().
   void End();
 
   /// Bytes of the file so far; all of them after End().
@@ -58,19 +60,22 @@ class ZstdStream {
     std::vector<std::size_t> marks;  ///< Offsets in it at which a part begins or ends, by turns.
   };
 
+  // By the caller's thread.
   void MarkHere() { filling().marks.push_back(filling().bytes.size()); }
   Block& filling() { return blocks_[handed_over_ % blocks_.size()]; }
   void HandOver();
   void StartThread();
   void WaitUntilTaken(std::size_t but);
   void StopThread();
+  // By the stream's own thread, or the caller's where there is none.
   void Run();
   void Take(Block& block);
   void DigestParts(const Block& block);
   void Compress(std::string_view bytes);
   void Flush();
 
-  int fd_;
+  int fd_;  ///< See the constructor.
+  /// The library's, with as many threads of its own as workers_ says.
   std::unique_ptr<ZSTD_CCtx_s, std::size_t (*)(ZSTD_CCtx_s*)> context_;
   std::uint64_t given_ = 0;  ///< Bytes of the stream so far. The caller's alone.
   unsigned workers_ = 0;     ///< Threads of the library's; 0: the caller does all the work.
@@ -85,13 +90,13 @@ class ZstdStream {
   bool stop_ = false;                ///< The thread is to end.
 
   // While there is a thread, these are its own.
-  Sha256 part_sum_;
-  bool in_part_ = false;  ///< The stream is between a part's beginning and its end.
-  std::string part_sums_;
-  Sha256 sum_;
-  std::vector<char> output_;  ///< Compressed bytes on their way to the file.
-  std::size_t filled_ = 0;    ///< How much of output_ is in use.
-  std::atomic<std::uint64_t> size_ = 0;
+  Sha256 part_sum_;                      ///< Of the part that has begun.
+  bool in_part_ = false;                 ///< The stream is between a part's beginning and its end.
+  std::string part_sums_;                ///< Of the parts that have ended.
+  Sha256 sum_;                           ///< Of the file.
+  std::vector<char> output_;             ///< Compressed bytes on their way to the file.
+  std::size_t filled_ = 0;               ///< How much of output_ is in use.
+  std::atomic<std::uint64_t> size_ = 0;  ///< Bytes of the file; the caller reads it at any time.
 
   std::thread thread_;  ///< Digests, feeds the library and writes what it gives.
 };

@@ -5,7 +5,7 @@
 
 namespace TARVO {
 
-/// The "code" of an unsuccessful answer.
+/// The "code" of an unsuccessful answer. Callers outside know the numbers: none may come to mean something else.
 enum class ApiErrorCode {
   kUnknownApi = 1,      ///< No API of that name.
   kUnknownVersion = 2,  ///< The API exists, but not in that version.
@@ -18,9 +18,11 @@ enum class ApiErrorCode {
   kSystem = 9,          ///< The system refused something; the message tells what.
 };
 
-/// A method's failure. It becomes the answer {"success": false, "error": {"code", "message"}}.
+/// A method's failure, thrown in the process that calls the API. It becomes the answer {"success": false, "error":
+/// {"code", "message"}}.
 class ApiError : public std::runtime_error {
  public:
+  /// @param message  For people: what failed and why.
   ApiError(ApiErrorCode error_code, const std::string& message)
       : std::runtime_error(message), code(error_code) {}
 

@@ -6,10 +6,12 @@
 
 namespace TARVO::SupportForm {
 
-/// Owns one descriptor and closes it.
+/// Owns one descriptor, or none, and closes it when it goes. What closing reports is lost: a writer that wants to know
+/// takes the descriptor back with Release() and closes it itself.
 class UniqueFd {
  public:
   UniqueFd() = default;
+  /// @param fd  From now on its own; negative, as a failed open() returns it: it holds none.
   explicit UniqueFd(int fd) : fd_(fd) {}
   UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
@@ -23,15 +25,17 @@ class UniqueFd {
   UniqueFd& operator=(const UniqueFd&) = delete;
   ~UniqueFd() { Close(); }
 
+  /// Closes it at once. Leaves errno as close() sets it.
   void Close() {
     if (fd_ >= 0) close(fd_);
     fd_ = -1;
   }
 
+  /// The descriptor for calls that only use it; negative when none is held.
   [[nodiscard]] int get() const { return fd_; }
   [[nodiscard]] bool valid() const { return fd_ >= 0; }
 
-  /// Gives the descriptor away; the caller closes it.
+  /// Gives the descriptor away: the caller closes it, and none is held here any more.
   [[nodiscard]] int Release() { return std::exchange(fd_, -1); }
 
  private:

@@ -98,6 +98,8 @@ TEST_F(SpaceBudgetTest, DeviceIsLookedAtAgainOnlyAfterSoManyBytesOrForWhatDoesNo
   budget_.Add(kLookBytes);
   static_cast<void>(budget_.RoomFor(1));
   EXPECT_EQ(looks_, 3U);
+  static_cast<void>(budget_.RoomFor(1));
+  EXPECT_EQ(looks_, 3U) << "nothing was added since";
 }
 
 TEST_F(SpaceBudgetTest, ManySmallEntriesLeadToALook) {
