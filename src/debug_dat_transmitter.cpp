@@ -55,6 +55,7 @@ constexpr time_t kCollectionLimitSeconds = 1200;
 std::atomic<bool> reconfigureRequested{false};
 std::atomic<bool> stopRequested{false};
 
+/// Sets flags and no more: the signal may have come in the middle of anything.
 void HandleSignal(int signal_number) {
   switch (signal_number) {
     case SIGHUP:
@@ -127,7 +128,7 @@ bool DebugDatTransmitterDaemon::WritePipeMessage(int& fd, const Json::Value& mes
     DAEMON_LOG(LOG_ERR, "%s:%d The ticket is too large, ticket content: %s", text.c_str());
     return false;
   }
-  char frame[kPipeFrameSize] = {};
+  char frame[kPipeFrameSize] = {};  // zero behind the text: nothing else of the memory goes along
   const int length = snprintf(frame, sizeof(frame), "%s", text.c_str());
   if (length > static_cast<int>(kPipeFrameSize - 1)) {
     DAEMON_LOG(LOG_ERR, "%s:%d The soruce data size exceeds the expected size");
@@ -186,6 +187,7 @@ bool DebugDatTransmitterDaemon::Run() {
   }
   // Set before the fork, so that the worker too configures its logger in its first pass.
   reconfigureRequested.exchange(true);
+  // The loop runs whatever this returns. Without descriptors its first wait aborts the process.
   SpawnWorker();
   while (!stopRequested) {
     ReconfigureLoggerIfRequested();
@@ -221,6 +223,8 @@ bool DebugDatTransmitterDaemon::SpawnWorker() {
   if (pid == 0) {
     return BecomeWorker();
   }
+  // Each process lets go of the other's ends; else it would never see the other's death. And neither may hang because
+  // the other one does.
   CloseDescriptor(toWorkerReadFd);
   CloseDescriptor(fromWorkerWriteFd);
   if (!SetNonBlocking(fromWorkerReadFd) || !SetNonBlocking(toWorkerWriteFd)) {
@@ -255,6 +259,7 @@ bool DebugDatTransmitterDaemon::PollTransmissionChild() {
     return true;
   }
   int status = 0;
+  // 0: it is still running. After an error, too, no ticket is taken: there may be a child.
   if (waitpid(transmitterPid, &status, WNOHANG) != transmitterPid) {
     return false;
   }
@@ -303,7 +308,7 @@ bool DebugDatTransmitterDaemon::StartToTransmitDebugFile(const Json::Value& tick
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to fork()");
     return false;
   }
-  notifyWorker = false;
+  notifyWorker = false;  // the Completion comes once the child has ended
   if (pid == 0) {
     RunTransmissionChild(token, apps, ticket);
   }
@@ -384,13 +389,14 @@ void DebugDatTransmitterDaemon::ServeNextTicket(FastSupportClient& client, std::
   retryBase = 1;
   if (waitingForMain) {
     if (!ReceiveResultFromMain()) {
+      // The former ticket is still being worked on. The service delivers this one again.
       SendResponse(client, FastSupportClient::kRejected);
       sleep(NextRetryDelay(retryBase));
       return;
     }
     DAEMON_LOG(LOG_WARNING, "%s:%d Finish waiting main process to respond");
   }
-  waitingForMain = false;
+  waitingForMain = false;  // set again only if the ticket goes out: without it no Completion will come
   DAEMON_LOG(LOG_WARNING, "%s:%d Notify main process");
   if (SendTicketToMain(*received.request)) {
     waitingForMain = true;
@@ -466,6 +472,7 @@ void DebugDatTransmitterDaemon::RunTransmissionChild(const std::string& token, c
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to update '%d' to server", static_cast<int>(result));
     success = false;
   }
+  // Whatever came of it: nobody asks for the archive again. The path is empty where there is none.
   if (TLIBCFileExist(path.c_str()) == 1 && unlink(path.c_str()) != 0) {
     DAEMON_LOG(LOG_ERR, "%s:%d Failed to remove: %s, error: %s", path.c_str(), strerror(errno));
     success = false;
@@ -521,7 +528,7 @@ bool DebugDatTransmitterDaemon::GenerateDebugDat(const Json::Value& apps, std::s
   if (!StartCollection(apps, task_id)) {
     return false;
   }
-  const time_t start = time(nullptr);
+  const time_t start = time(nullptr);  // of the wall clock: setting it moves the limit
   Json::Value parameters(Json::objectValue);
   parameters["task_id"] = task_id;
 

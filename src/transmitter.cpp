@@ -52,7 +52,7 @@ void PerformWithRetries(CurlHandle& handle) {
     } catch (const std::exception& failure) {
       LogRequestFailure(failure, __LINE__);
     }
-    sleep(kRetryPauseSeconds);
+    sleep(kRetryPauseSeconds);  // after the last attempt, too
   }
 }
 
@@ -100,13 +100,14 @@ std::string DebugFileTransmitter::GetCssServerUrl() {
 
 bool DebugFileTransmitter::SendRequest(const CurlOptionSetter& set_options, const std::string& path) {
   try {
+    // Not tested for null: without a handle the first option can't be set, and that is told.
     CurlHandle handle(curl_easy_init(), &curl_easy_cleanup);
     CurlHeaderList headers(nullptr, &curl_slist_free_all);
     if (!set_options(handle, headers)) {
       DAEMON_LOG(LOG_ERR, "%s:%d Failed to set opt");
       return false;
     }
-    Utils::CurlSlistAppend(headers, "AUTH-TOKEN: " + token_);
+    Utils::CurlSlistAppend(headers, "AUTH-TOKEN: " + token_);  // behind the caller's own lines
     CurlSetOpt(handle, "CURLOPT_HTTPHEADER", CURLOPT_HTTPHEADER, headers.get());
 
     std::string url = GetCssServerUrl();
@@ -114,7 +115,7 @@ bool DebugFileTransmitter::SendRequest(const CurlOptionSetter& set_options, cons
       DAEMON_LOG(LOG_ERR, "%s:%d Failed to get css server url");
       return false;
     }
-    url += path;
+    url += path;  // as they stand: a slash too many or too few is the configuration's
     CurlSetOpt(handle, "CURLOPT_URL", CURLOPT_URL, url.c_str());
     CurlSetOpt(handle, "CURLOPT_CONNECTTIMEOUT", CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
     CurlSetOpt(handle, "CURLOPT_TIMEOUT", CURLOPT_TIMEOUT, kTransferTimeoutSeconds);
@@ -122,6 +123,7 @@ bool DebugFileTransmitter::SendRequest(const CurlOptionSetter& set_options, cons
     std::string response;
     Utils::CurlSetupWriteToString(handle, response);
     PerformWithRetries(handle);
+    // By the text alone, whatever the HTTP status: after five failures it is normally empty.
     return JudgeAnswer(response);
   } catch (const CurlFailedException& failure) {
     LogRequestFailure(failure, __LINE__);
@@ -141,6 +143,7 @@ bool DebugFileTransmitter::UploadFile(const std::string& file_path, const Json::
     try {
       Utils::CurlHttpPostAdd(form, "debug_file", CURLFORM_FILE, file_path);
       Utils::CurlHttpPostAdd(form, "serial_number", CURLFORM_COPYCONTENTS, serial_number_);
+      // An element that is no string is sent as jsoncpp makes it one; where it can't, the request fails.
       for (Json::ArrayIndex index = 0; index < apps.size(); ++index) {
         const std::string name = "debug_data_apps[" + std::to_string(index) + "]";
         Utils::CurlHttpPostAdd(form, name, CURLFORM_COPYCONTENTS, apps[index].asString());
