@@ -55,8 +55,8 @@ class IncomingArchive {
   std::string sha256_;
 };
 
-/// The data folder, held by this process for as long as the object lives. Made at the service's start, before any thread
-/// that uses it; any thread may call it. It begins as IncomingArchive does, because each holds one descriptor.
+/// The data folder, held by this process for as long as the object lives. Made at the service's start, before any
+/// thread that uses it; any thread may call it. It begins as IncomingArchive does, because each holds one descriptor.
 class ArchiveStore {
  public:
   /// Takes the data folder for this process, making it where it is missing, and removes what an earlier

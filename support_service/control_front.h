@@ -40,8 +40,8 @@ class ControlFront final : public tarvo::support::v1::ControlService::Service {
   grpc::Status SendTicket(grpc::ServerContext* context, const tarvo::support::v1::SendTicketRequest* request,
                           tarvo::support::v1::SendTicketResponse* response) override;
   /// Streams the ticket's changes, the earlier ones first, up to its report. Holds its thread for so long.
-  /// @return OK after the report, NOT_FOUND for an unknown ticket, UNAVAILABLE when the service ends, CANCELLED when the
-  ///         client went away.
+  /// @return OK after the report, NOT_FOUND for an unknown ticket, UNAVAILABLE when the service ends, CANCELLED when
+  ///         the client went away.
   grpc::Status WatchTicket(grpc::ServerContext* context,
                            const tarvo::support::v1::WatchTicketRequest* request,
                            grpc::ServerWriter<tarvo::support::v1::TicketChange>* writer) override;

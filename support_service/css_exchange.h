@@ -14,9 +14,8 @@ namespace TarvoOrvane::SupportService {
 
 /// The answer to a request.
 struct Answer {
-  unsigned int http_status =
-      MHD_HTTP_OK;    ///< For clients that look at it; the device's daemon looks at the JSON only.
-  std::string error;  ///< For the client; empty means success.
+  unsigned int http_status = MHD_HTTP_OK;  ///< The daemon looks at the JSON only.
+  std::string error;                       ///< For the client; empty means success.
 };
 
 /// A request whose headers were read. The server makes it with BeginExchange(), feeds it the body, and then calls
@@ -56,8 +55,8 @@ class RefusedExchange final : public Exchange {
   std::size_t dropped_bytes_ = 0;
 };
 
-/// An archive upload: a multipart form with "debug_file", "serial_number" and "debug_data_apps[0]" and so on. The archive
-/// goes to disk as it comes, and gets its name only once the form was complete: nobody ever sees half of one.
+/// An archive upload: a multipart form with "debug_file", "serial_number" and "debug_data_apps[0]" and so on. The
+/// archive goes to disk as it comes, and gets its name only once the form was complete: nobody ever sees half of one.
 class UploadExchange final : public Exchange {
  public:
   /// @param desk        Lives longer than the exchange.
@@ -93,8 +92,8 @@ class UploadExchange final : public Exchange {
   Answer answer_;                             ///< The first failure, if any.
 };
 
-/// A result report: a JSON object with the strings "status" and "serial_number". It is kept whole in memory, and so it is
-/// bounded.
+/// A result report: a JSON object with the strings "status" and "serial_number". It is kept whole in memory, and so it
+/// is bounded.
 class ReportExchange final : public Exchange {
  public:
   /// As UploadExchange's.

@@ -320,8 +320,8 @@ bool TicketBook::IsOpen(const Ticket& ticket) const {
   return state == TicketState::kWaiting || state == TicketState::kRejected;
 }
 
-/// Notes the ticket as delivered. From here on it belongs to the device that it went to: only that one may answer it, and
-/// it gets it again if the answer is lost.
+/// Notes the ticket as delivered. From here on it belongs to the device that it went to: only that one may answer it,
+/// and it gets it again if the answer is lost.
 Delivery TicketBook::Deliver(Ticket& ticket, StreamId stream) {
   const Stream& device = streams_.at(stream);
   const char* how = "delivered";

@@ -194,8 +194,8 @@ class TicketBook {
 
   // For the HTTP front.
 
-  /// @return The ticket whose token was handed out to a device and equals this one; nothing for any other text. How long
-  ///         it takes tells nothing about the tokens.
+  /// @return The ticket whose token was handed out to a device and equals this one; nothing for any other text. How
+  ///         long it takes tells nothing about the tokens.
   [[nodiscard]] std::optional<TicketView> FindByToken(const std::string& token) const;
 
   /// An archive of the ticket is complete and has its name; it takes the place of a former one.

@@ -1,5 +1,6 @@
-/// Checks of what lies on the device. None of them changes or logs anything. What others than root could change, there or
-/// in a folder above, is a problem. Where to look is the caller's to say (run_checks.h), so that a test needs no device.
+/// Checks of what lies on the device. None of them changes or logs anything. What others than root could change, there
+/// or in a folder above, is a problem. Where to look is the caller's to say (run_checks.h), so that a test needs no
+/// device.
 #pragma once
 
 #include <optional>
@@ -36,8 +37,8 @@ struct ServiceUrls {
 [[nodiscard]] Check CheckSerialNumber(const TarvoOrvane::Internal::SerialNumberPaths& paths);
 
 /// Looks at the file system that archives are made on, which need not have their folder yet.
-/// @param limits  Less room than `least_bytes` beside what stays free is a problem, less than the largest archive takes a
-///                warning.
+/// @param limits  Less room than `least_bytes` beside what stays free is a problem, less than the largest archive
+///                takes a warning.
 [[nodiscard]] Check CheckFreeSpace(const TARVO::SupportForm::Paths& paths,
                                    const TARVO::SupportForm::Limits& limits);
 

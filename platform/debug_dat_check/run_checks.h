@@ -26,8 +26,9 @@ struct Places {
   TARVO::SupportForm::Paths collection;  ///< Archives, application descriptions and patterns.
 };
 
-/// Makes all checks and hands each to `report` as soon as it is made, in the order of the document: an operator sees what
-/// there is while a server lets the next one wait. A check that depends on one with a problem is reported as skipped.
+/// Makes all checks and hands each to `report` as soon as it is made, in the order of the document: an operator sees
+/// what there is while a server lets the next one wait. A check that depends on one with a problem is reported as
+/// skipped.
 /// @param limits  Bound each look at a server; there are four.
 /// @param report  Called in this thread.
 void RunChecks(const Places& places, const ServerLimits& limits,

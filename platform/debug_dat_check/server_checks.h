@@ -37,8 +37,8 @@ struct CssAddress {
 /// @param out  Set when the address can be used, also when there is a warning.
 [[nodiscard]] Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out);
 
-/// Looks up a host's IP addresses through the system's resolver. A lookup that takes longer than ServerLimits::answer is
-/// left to itself in a thread of its own; the system has no way to end it.
+/// Looks up a host's IP addresses through the system's resolver. A lookup that takes longer than ServerLimits::answer
+/// is left to itself in a thread of its own; the system has no way to end it.
 /// @param name  The check's.
 /// @param host  A name or an IP address; empty for a unix socket.
 [[nodiscard]] Check CheckHost(const std::string& name, const std::string& host, const ServerLimits& limits);

@@ -6,8 +6,9 @@
 
 namespace TarvoOrvane::Internal {
 
-/// How often something may be done: so many times at once, and once more for each interval that passes. It keeps one time
-/// and no count: each use moves on the time at which all that was used has come back. Not for several threads at once.
+/// How often something may be done: so many times at once, and once more for each interval that passes. It keeps one
+/// time and no count: each use moves on the time at which all that was used has come back. Not for several threads at
+/// once.
 class Allowance {
  public:
   using Clock = std::chrono::steady_clock;

@@ -23,11 +23,11 @@ struct CostLimits {
   std::size_t memory_bytes = 12UL << 20;  ///< The heap may grow by so much while a stream is open.
   /// Processor time of the process: so much at once, and for ever this share of one processor.
   std::chrono::milliseconds cpu{3'000};
-  int cpu_percent = 5;  ///< Of one processor.
+  int cpu_percent = 5;
   /// Bytes from the server: so many at once, and for ever so many a second.
-  std::uint64_t received_bytes = 16UL << 20;            ///< At once.
-  std::uint64_t received_bytes_per_second = 1UL << 20;  ///< Beyond those.
-  std::chrono::milliseconds look{10};                   ///< Processor time between two looks.
+  std::uint64_t received_bytes = 16UL << 20;
+  std::uint64_t received_bytes_per_second = 1UL << 20;
+  std::chrono::milliseconds look{10};  ///< Processor time between two looks.
 };
 
 /// One per ticket client. Its owner's thread creates it and calls it, with all signals blocked.
@@ -40,8 +40,8 @@ class CostWatch {
   CostWatch(const CostWatch&) = delete;
   CostWatch& operator=(const CostWatch&) = delete;
 
-  /// Called with what was too much, as "17 MiB from the server". It runs in this object's thread, which holds the mutex:
-  /// it must not call this object.
+  /// Called with what was too much, as "17 MiB from the server". It runs in this object's thread, which holds the
+  /// mutex: it must not call this object.
   using TooMuch = std::function<void(const std::string& what)>;
   /// Tells how many bytes the server has sent. Called in this object's thread, at each look at a stream.
   using Received = std::function<std::uint64_t()>;

@@ -5,8 +5,8 @@
 
 namespace TarvoOrvane::Internal {
 
-/// Whether the environment variable `name` would steer gRPC, libcurl, OpenSSL, the resolver or the C library's locale and
-/// time zone. Upper and lower case count alike: some libraries ask for both.
+/// Whether the environment variable `name` would steer gRPC, libcurl, OpenSSL, the resolver or the C library's locale
+/// and time zone. Upper and lower case count alike: some libraries ask for both.
 [[nodiscard]] bool SteersOurLibraries(std::string_view name);
 
 /// Removes every such variable from the process's environment. It runs by itself when the library is loaded:

@@ -22,10 +22,10 @@ struct LoggerOptions {
 /// Longer lines are cut there and marked by "...".
 inline constexpr size_t kMaxLineText = 1UL << 20;
 
-/// Sets LoggerManager::instance_ to the one logger object and (re)opens the log file while the flag file
-/// exists; clears it otherwise. The file is opened afresh each time, so a SIGHUP after a rotation suffices.
-/// A log file that can't be opened is told to syslog, which the lines then go to. One thread at a time; supervisor, worker
-/// and transmission child each call it for themselves.
+/// Sets LoggerManager::instance_ to the one logger object and (re)opens the log file while the flag file exists;
+/// clears it otherwise. The file is opened afresh each time, so a SIGHUP after a rotation suffices. A log file that
+/// can't be opened is told to syslog, which the lines then go to. One thread at a time; supervisor, worker and
+/// transmission child each call it for themselves.
 void ReconfigureLogger(const LoggerOptions& options);
 
 /// Builds one line of the log file: time with offset, process, level and text, with a newline at its end.

@@ -35,8 +35,8 @@ struct StreamLimits {
 [[nodiscard]] std::shared_ptr<grpc::Channel> MakeChannel(const Address& address, const TlsFiles& tls,
                                                          const StreamLimits& limits);
 
-/// The worker's thread calls all operations but GiveUp(), with all signals blocked: the threads that gRPC and this object
-/// start inherit that.
+/// The worker's thread calls all operations but GiveUp(), with all signals blocked: the threads that gRPC and this
+/// object start inherit that.
 class NotificationStream {
  public:
   /// Starts to connect and sends Hello as soon as that is possible; does not wait.

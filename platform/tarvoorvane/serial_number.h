@@ -1,5 +1,5 @@
-/// Where the device's serial number comes from. The worker asks for it before each stream, the transmission child once for
-/// each request, so that a changed number needs no restart.
+/// Where the device's serial number comes from. The worker asks for it before each stream, the transmission child once
+/// for each request, so that a changed number needs no restart.
 #pragma once
 
 #include <string>
@@ -15,9 +15,10 @@ struct SerialNumberPaths {
   std::string machine_id = "/etc/machine-id";               ///< Hashed: the id itself is confidential.
 };
 
-/// Reads the device's serial number: 1 to 128 printable ASCII characters, blanks only inside. A configured file that holds
-/// no such number, or can't be read, is logged as a warning, and the next source is asked. Board makers' placeholders
-/// ("To be filled by O.E.M.") count as no number: two devices with one number would take each other's tickets.
+/// Reads the device's serial number: 1 to 128 printable ASCII characters, blanks only inside. A configured file that
+/// holds no such number, or can't be read, is logged as a warning, and the next source is asked. Board makers'
+/// placeholders ("To be filled by O.E.M.") count as no number: two devices with one number would take each other's
+/// tickets.
 /// @return Nothing when none of the files tells a usable one.
 [[nodiscard]] Utils::Optional<std::string> ReadSerialNumber(const SerialNumberPaths& paths);
 

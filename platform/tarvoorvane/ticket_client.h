@@ -1,8 +1,8 @@
 /// The ticket client behind FastSupportClient: what the worker receives tickets with.
 ///
-/// It ties the parts together. A NotificationStream is one attempt, a CostWatch sees what that costs, StopSignal ends each
-/// wait, TicketMemory knows what was taken before. What is left for this file is the order: when a stream is opened, how
-/// often a ticket is handed out, and what becomes of one that can't be handed out.
+/// It ties the parts together. A NotificationStream is one attempt, a CostWatch sees what that costs, StopSignal ends
+/// each wait, TicketMemory knows what was taken before. What is left for this file is the order: when a stream is
+/// opened, how often a ticket is handed out, and what becomes of one that can't be handed out.
 #pragma once
 
 #include <chrono>
@@ -61,11 +61,11 @@ class TicketClient {
 
   /// Waits until there is a ticket, for as long as it takes. Tickets that are malformed, or were taken before, are
   /// answered here and not returned.
-  /// @return A ticket, which the next Send() answers; or a failure, with one of ClientError or a gRPC status code, which
-  ///         is kStopped when SIGTERM came. Throws nothing.
+  /// @return A ticket, which the next Send() answers; or a failure, with one of ClientError or a gRPC status code,
+  ///         which is kStopped when SIGTERM came. Throws nothing.
   FastSupport::ReceiveResult Receive();
-  /// Answers the last ticket and waits until the answer is out, for at most TicketClientOptions::answer_limit. Once taken,
-  /// a ticket is not returned again, whether or not the service hears of it.
+  /// Answers the last ticket and waits until the answer is out, for at most TicketClientOptions::answer_limit. Once
+  /// taken, a ticket is not returned again, whether or not the service hears of it.
   /// @return A failure also when there is no ticket to answer, and when SIGTERM came first.
   FastSupport::CallStatus Send(FastSupport::FastSupportClient::ClientStatus status);
 

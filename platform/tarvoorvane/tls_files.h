@@ -1,4 +1,5 @@
-/// The TLS files that both servers' connections use, from one folder, and the system's authorities in place of a ca.pem.
+/// The TLS files that both servers' connections use, from one folder, and the system's authorities in place of a
+/// ca.pem.
 #pragma once
 
 #include <string>
@@ -35,10 +36,10 @@ struct TlsFault {
 
 /// Logs each fault as a line of its own, at LOG_ERR.
 /// @return The first one's line; empty when there is none.
-std::string LogTlsFaults(const std::vector<TlsFault>& faults);
+[[nodiscard]] std::string LogTlsFaults(const std::vector<TlsFault>& faults);
 
-/// Reads the file of the system's authorities. It is read here rather than left to gRPC, which reads it once per process
-/// and says nothing when it holds none.
+/// Reads the file of the system's authorities. It is read here rather than left to gRPC, which reads it once per
+/// process and says nothing when it holds none.
 /// @param out  Set to its text.
 /// @return What is wrong and what to do, on one line; empty when all is well.
 [[nodiscard]] std::string ReadSystemRoots(const std::string& path, std::string& out);

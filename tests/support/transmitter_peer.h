@@ -25,9 +25,9 @@ struct DebugFileTransmitterPeer {
     return transmitter.serial_number_;
   }
 
-  // No library sees this class. Its form is fixed because it is to hold a ticket's token and the serial number and nothing
-  // else: a further field would be state that outlives an operation, and is to be a decision, not a slip. A result goes
-  // into a log line as "%d".
+  // No library sees this class. Its form is fixed because it is to hold a ticket's token and the serial number and
+  // nothing else: a further field would be state that outlives an operation, and is to be a decision, not a slip. A
+  // result goes into a log line as "%d".
   static_assert(offsetof(DebugFileTransmitter, token_) == 0, "the token is the first field");
   static_assert(offsetof(DebugFileTransmitter, serial_number_) == sizeof(std::string),
                 "the serial number is the second field");

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <functional>
+
 #include "check_matchers.h"
 #include "loopback_socket.h"
 #include "parsed_address.h"
@@ -209,94 +211,77 @@ TEST(StreamCheckTest, WebServerIsAProblemThatSaysSo) {
               AllOf(IsProblem("http1"), Advises("a web server and no gRPC server")));
 }
 
-/// A gRPC server that ends every stream at once; for UNIMPLEMENTED it has no notification service at all.
-class RefusingServer : public tarvo::support::v1::NotificationService::CallbackService {
+using Reactor = grpc::ServerBidiReactor<tarvo::support::v1::ClientMessage, tarvo::support::v1::ServerMessage>;
+
+/// A gRPC server that has a reactor made for each stream; without a maker it has no notification service at all.
+class ReactingServer : public tarvo::support::v1::NotificationService::CallbackService {
  public:
-  explicit RefusingServer(grpc::Status status) : status_(std::move(status)) {
+  explicit ReactingServer(std::function<Reactor*()> make_reactor) : make_reactor_(std::move(make_reactor)) {
     grpc::ServerBuilder builder;
     builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port_);
-    if (status_.error_code() == grpc::StatusCode::UNIMPLEMENTED) {
-      builder.RegisterCallbackGenericService(&no_service_);
-    } else {
+    if (make_reactor_) {
       builder.RegisterService(this);
+    } else {
+      builder.RegisterCallbackGenericService(&no_service_);
     }
     server_ = builder.BuildAndStart();
   }
-  ~RefusingServer() override { server_->Shutdown(std::chrono::system_clock::now()); }
-  RefusingServer(const RefusingServer&) = delete;
-  RefusingServer& operator=(const RefusingServer&) = delete;
+  ~ReactingServer() override { server_->Shutdown(std::chrono::system_clock::now()); }
+  ReactingServer(const ReactingServer&) = delete;
+  ReactingServer& operator=(const ReactingServer&) = delete;
 
   [[nodiscard]] Address address() const { return LocalServer(port_); }
 
  private:
-  using ClientMessage = tarvo::support::v1::ClientMessage;
-  using ServerMessage = tarvo::support::v1::ServerMessage;
+  Reactor* Open(grpc::CallbackServerContext*) override { return make_reactor_(); }
 
-  struct Refusal : grpc::ServerBidiReactor<ClientMessage, ServerMessage> {
-    explicit Refusal(const grpc::Status& status) { Finish(status); }
-    void OnDone() override { delete this; }
-  };
-
-  grpc::ServerBidiReactor<ClientMessage, ServerMessage>* Open(grpc::CallbackServerContext*) override {
-    return new Refusal(status_);
-  }
-
-  const grpc::Status status_;
+  const std::function<Reactor*()> make_reactor_;
   grpc::CallbackGenericService no_service_;  // as it is, it has no method
   int port_ = 0;
   std::unique_ptr<grpc::Server> server_;
 };
 
+/// Ends the stream at once.
+struct Refusal : Reactor {
+  explicit Refusal(const grpc::Status& status) { Finish(status); }
+  void OnDone() override { delete this; }
+};
+
+ReactingServer RefusingServer(const grpc::Status& status) {
+  return ReactingServer([status] { return new Refusal(status); });
+}
+
+/// Sends one message as soon as the stream opens, unasked.
+struct Unasked : Reactor {
+  explicit Unasked(std::size_t message_bytes) {
+    message.mutable_delivery()->set_ticket_json(std::string(message_bytes, 'x'));
+    StartWrite(&message);
+  }
+  void OnCancel() override { Finish(grpc::Status::CANCELLED); }
+  void OnDone() override { delete this; }
+
+  tarvo::support::v1::ServerMessage message;
+};
+
+ReactingServer UnaskedServer(std::size_t message_bytes) {
+  return ReactingServer([message_bytes] { return new Unasked(message_bytes); });
+}
+
 TEST(StreamCheckTest, ServerWithoutTheServiceIsAProblemThatSaysSo) {
-  const RefusingServer server({grpc::StatusCode::UNIMPLEMENTED, ""});
+  const ReactingServer server(nullptr);
   EXPECT_THAT(Stream(server.address()),
               AllOf(IsProblem("(status 12)"), Advises("offers no notification service")));
 }
 
 TEST(StreamCheckTest, ServerThatWantsToKnowTheDeviceIsAProblem) {
-  const RefusingServer server({grpc::StatusCode::UNAUTHENTICATED, "who are you?"});
+  const ReactingServer server = RefusingServer({grpc::StatusCode::UNAUTHENTICATED, "who are you?"});
   EXPECT_THAT(Stream(server.address()), AllOf(IsProblem("who are you? (status 16)"), Advises("client.pem")));
 }
 
 TEST(StreamCheckTest, StreamThatTheServerClosesAtOnceIsAProblem) {
-  const RefusingServer server(grpc::Status::OK);
+  const ReactingServer server = RefusingServer(grpc::Status::OK);
   EXPECT_THAT(Stream(server.address()), IsProblem("closed the stream at once"));
 }
-
-/// Sends one message as soon as a stream opens, unasked.
-class UnaskedServer : public tarvo::support::v1::NotificationService::CallbackService {
- public:
-  explicit UnaskedServer(std::size_t message_bytes) {
-    message_.mutable_delivery()->set_ticket_json(std::string(message_bytes, 'x'));
-    grpc::ServerBuilder builder;
-    builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port_);
-    builder.RegisterService(this);
-    server_ = builder.BuildAndStart();
-  }
-  ~UnaskedServer() override { server_->Shutdown(std::chrono::system_clock::now()); }
-  UnaskedServer(const UnaskedServer&) = delete;
-  UnaskedServer& operator=(const UnaskedServer&) = delete;
-
-  [[nodiscard]] Address address() const { return LocalServer(port_); }
-
- private:
-  using ClientMessage = tarvo::support::v1::ClientMessage;
-  using ServerMessage = tarvo::support::v1::ServerMessage;
-
-  struct Stream : grpc::ServerBidiReactor<ClientMessage, ServerMessage> {
-    explicit Stream(const ServerMessage& message) { StartWrite(&message); }
-    void OnCancel() override { Finish(grpc::Status::CANCELLED); }
-    void OnDone() override { delete this; }
-  };
-
-  grpc::ServerBidiReactor<ClientMessage, ServerMessage>* Open(grpc::CallbackServerContext*) override {
-    return new Stream(message_);
-  }
-
-  ServerMessage message_;
-  int port_ = 0;
-  std::unique_ptr<grpc::Server> server_;
-};
 
 TEST(StreamCheckTest, MessageThatTheTicketClientWouldNotTakeIsAProblem) {
   EXPECT_THAT(Stream(UnaskedServer(1000).address()), IsOk("opens"));
