@@ -101,7 +101,7 @@ std::string ReceivedRequest::Path() const {
 
 SteerableServer::SteerableServer() : SteerableServer(std::vector<Treatment>()) {}
 
-SteerableServer::SteerableServer(std::vector<Treatment> answers)
+SteerableServer::SteerableServer(const std::vector<Treatment>& answers)
     : listener_(BindToLoopback(SOCK_STREAM, port_)), answers_(answers.begin(), answers.end()) {
   setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &kReceiveBufferBytes, sizeof(kReceiveBufferBytes));
   Listen();

@@ -62,7 +62,7 @@ class SteerableServer {
   /// answered by {"success": true}.
   SteerableServer();
   /// Gives these answers, one each whatever the request's path, and refuses further clients.
-  explicit SteerableServer(std::vector<Treatment> answers);
+  explicit SteerableServer(const std::vector<Treatment>& answers);
   ~SteerableServer();
   SteerableServer(const SteerableServer&) = delete;
   SteerableServer& operator=(const SteerableServer&) = delete;
