@@ -134,7 +134,7 @@ install_packages() {
   if ! "${as_root[@]}" "${apt[@]}" update >"$log" 2>&1 ||
     ! "${as_root[@]}" "${apt[@]}" --download-only "${install[@]}" >>"$log" 2>&1 ||
     ! unpack "$log" "${as_root[@]}" setsid --wait "${apt[@]}" "${install[@]}"; then
-    sed -n 's/^E: /    /p' "$log" >&2
+    sed -n -e 's/^E: /    /p' -e 's/^sudo: /    &/p' "$log" >&2
     fail "apt-get could not install ${missing[*]}; all its messages are in $log"
   fi
 }
