@@ -38,8 +38,11 @@ std::string IsoTime(std::time_t time) {
 
 std::string HexText(const unsigned char* bytes, std::size_t count) {
   static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (std::size_t i = 0; i < count; ++i) text += {kDigits[bytes[i] >> 4U], kDigits[bytes[i] & 15U]};
+  std::string text(2 * count, '0');  // not appended to: every entry has a digest
+  for (std::size_t i = 0; i < count; ++i) {
+    text[2 * i] = kDigits[bytes[i] >> 4U];
+    text[2 * i + 1] = kDigits[bytes[i] & 15U];
+  }
   return text;
 }
 
