@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
   using tarvo::support::v1::ServerMessage;
 
   if (argc != 2) {
-    (void)fprintf(stderr, "usage: bare_client ADDRESS\n");
+    static_cast<void>(fprintf(stderr, "usage: bare_client ADDRESS\n"));
     return 2;
   }
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> upload(curl_easy_init(), &curl_easy_cleanup);

@@ -169,8 +169,9 @@ void WriteLog(const fs::path& path, std::uint64_t seed, std::uint64_t bytes) {
     }
     bytes -= line.size();
   }
-  if (std::fflush(file.get()) != 0)
+  if (std::fflush(file.get()) != 0) {
     throw std::runtime_error("can't write " + path.string() + ": " + std::strerror(errno));
+  }
 }
 
 void WriteLogs(const fs::path& folder, unsigned files, std::uint64_t bytes) {

@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
   if (argc < 2) return 2;
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  (void)dprintf(STDOUT_FILENO, "%lld\n", now.tv_sec * 1'000'000'000LL + now.tv_nsec);
+  static_cast<void>(dprintf(STDOUT_FILENO, "%lld\n", now.tv_sec * 1'000'000'000LL + now.tv_nsec));
   execv(argv[1], argv + 1);
   perror(argv[1]);
   return 127;

@@ -126,7 +126,7 @@ std::string UnixTarget(const std::string& path) {
       target += character;
     } else {
       std::array<char, 4> escaped{};
-      (void)std::snprintf(escaped.data(), escaped.size(), "%%%02X", byte);
+      static_cast<void>(std::snprintf(escaped.data(), escaped.size(), "%%%02X", byte));
       target += escaped.data();
     }
   }

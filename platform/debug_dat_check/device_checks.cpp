@@ -138,8 +138,8 @@ std::string SizeText(std::uint64_t bytes) {
   constexpr double kMebibyte = 1UL << 20;
   const double mebibytes = static_cast<double>(bytes) / kMebibyte;
   const bool large = mebibytes >= 1024;
-  (void)std::snprintf(text.data(), text.size(), large ? "%.1f GiB" : "%.0f MiB",
-                      large ? mebibytes / 1024 : mebibytes);
+  static_cast<void>(std::snprintf(text.data(), text.size(), large ? "%.1f GiB" : "%.0f MiB",
+                                  large ? mebibytes / 1024 : mebibytes));
   return text.data();
 }
 
@@ -305,8 +305,9 @@ Check CheckDebugFlag(const client::LoggerOptions& logger) {
 }
 
 std::vector<Check> CheckApplications(const form::Paths& paths, const form::Limits& limits) {
-  if (const form::Distrust distrust = DistrustOf(paths.descriptions))
+  if (const form::Distrust distrust = DistrustOf(paths.descriptions)) {
     return {Distrusted(kApplication, distrust)};
+  }
   const std::string advice =
       "Describe each application whose data may be asked for in " + paths.descriptions + "/NAME.json";
   std::error_code error;

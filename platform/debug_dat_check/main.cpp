@@ -28,16 +28,16 @@ void SilenceLibraries() {
 
 int CheckAll(bool as_json) {
   SilenceLibraries();
-  (void)std::signal(SIGPIPE, SIG_IGN);  // OpenSSL writes to sockets whose peer may be gone
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // OpenSSL writes to sockets whose peer may be gone
   const bool with_colours = isatty(STDOUT_FILENO) == 1;
   std::vector<Check> checks;
   RunChecks({}, {}, [&](const Check& check) {
     checks.push_back(check);
     if (as_json) return;
-    (void)std::fputs(CheckText(check, with_colours).c_str(), stdout);
-    (void)std::fflush(stdout);  // the next check may wait for a server
+    static_cast<void>(std::fputs(CheckText(check, with_colours).c_str(), stdout));
+    static_cast<void>(std::fflush(stdout));  // the next check may wait for a server
   });
-  (void)std::fputs((as_json ? ReportJson(checks) : "\n" + SummaryText(checks)).c_str(), stdout);
+  static_cast<void>(std::fputs((as_json ? ReportJson(checks) : "\n" + SummaryText(checks)).c_str(), stdout));
   return HasProblem(checks) ? kProblemFound : 0;
 }
 
@@ -66,7 +66,7 @@ int main(int argc, char** argv) {
   try {
     return Main(argc, argv);
   } catch (const std::exception& error) {
-    (void)std::fprintf(stderr, "debug_dat_check: %s\n", error.what());
+    static_cast<void>(std::fprintf(stderr, "debug_dat_check: %s\n", error.what()));
     return kProblemFound;
   }
 }

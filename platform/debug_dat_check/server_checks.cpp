@@ -343,8 +343,9 @@ Check CheckCssAddress(const std::string& url, std::optional<CssAddress>& out) {
 Check CheckHost(const std::string& name, const std::string& host, const ServerLimits& limits) {
   if (host.empty()) return Ok(name, "a unix socket, there is no name to look up");
   // With this flag nobody is asked.
-  if (LookUp(host, AI_NUMERICHOST).error == 0)
+  if (LookUp(host, AI_NUMERICHOST).error == 0) {
     return Ok(name, host + " is an address, there is no name to look up");
+  }
   const std::string advice =
       "Correct the name in the configuration, or check the name servers in /etc/resolv.conf and the network";
   const std::optional<Lookup> lookup = LookUpWithin(host, limits.answer);

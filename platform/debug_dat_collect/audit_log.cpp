@@ -54,8 +54,9 @@ UniqueFd OpenLocked(const std::string& path, unsigned wait_ms) {
     RefuseForeign(opened, path);
     Lock(fd.get(), path, wait_ms);
     struct stat named = {};
-    if (lstat(path.c_str(), &named) == 0 && named.st_dev == opened.st_dev && named.st_ino == opened.st_ino)
+    if (lstat(path.c_str(), &named) == 0 && named.st_dev == opened.st_dev && named.st_ino == opened.st_ino) {
       return fd;
+    }
   }
 }
 

@@ -55,8 +55,9 @@ FoundProgram FindProgram(const std::string& name, const std::string& folders) {
   for (const std::string& folder : Folders(folders)) {
     const std::string path = std::string(folder).append("/").append(name);
     struct stat status = {};
-    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0)
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0) {
       continue;
+    }
     const Distrust distrust = OpenTrusted(path, O_PATH).distrust;
     if (!distrust) return {path, {}};
     if (!found.distrust) found.distrust = distrust;

@@ -137,8 +137,9 @@ Unpacker::Input PackedInput(int fd, const struct stat& status, const UnpackLimit
 /// Why a compressed content that begins so is not taken; empty when it is.
 std::string WhyNotUnpacked(std::string_view head) {
   constexpr std::size_t kTarMarkOffset = 257;
-  if (head.size() > kTarMarkOffset && head.substr(kTarMarkOffset, 5) == "ustar")
+  if (head.size() > kTarMarkOffset && head.substr(kTarMarkOffset, 5) == "ustar") {
     return "a tar archive inside";
+  }
   if (PackingOf(head) != Packing::kNone) return "compressed twice";
   return LooksLikeText(head) ? "" : "no text inside";
 }

@@ -162,9 +162,10 @@ void ListContents(const Paths& paths, const Limits& limits, const CollectOptions
         << ForTerminal(entry.origin) << ")\n";
     bytes += entry.size.value_or(0);
   }
-  for (const std::string& line : listing.left_out)
+  for (const std::string& line : listing.left_out) {
     out << std::setw(12) << "left out"
         << "  " << ForTerminal(line) << "\n";
+  }
   out << listing.entries.size() << " entries and the manifest; " << bytes << " bytes in those of known size; "
       << listing.left_out.size() << " left out\n";
 }

@@ -316,8 +316,9 @@ void Redactor::MaskDecided(char* data, std::size_t decided) {
     open.begin = Carried(open.begin, decided);
     open.until = Carried(open.until, decided);
   }
-  for (std::size_t* offset : {&taken_, &key_begin_, &key_limit_, &token_until_})
+  for (std::size_t* offset : {&taken_, &key_begin_, &key_limit_, &token_until_}) {
     *offset = Carried(*offset, decided);
+  }
   position_ += decided;
   for (std::size_t& offset : found_until_) offset = Carried(offset, decided);
   begun_ = begun_ || decided > 0;

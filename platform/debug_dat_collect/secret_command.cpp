@@ -377,8 +377,9 @@ class Line {
     constexpr std::size_t kNeedReach = 32;
     look_cost += 20 + 4 * rules_->size();
     for (std::size_t number = 0; number < rules_->size() && words_.size() < kNeedReach; ++number) {
-      if (needed_at_[number] == npos && IsNeeded(*(*rules_)[number], word))
+      if (needed_at_[number] == npos && IsNeeded(*(*rules_)[number], word)) {
         needed_at_[number] = words_.size();
+      }
     }
     words_.push_back(argument);
   }
@@ -645,8 +646,9 @@ std::size_t FindCommandSecrets(std::string_view text, std::size_t word, std::vec
   const std::size_t name_end = SkipForward(text, begin, kNameByte, 64);
   const std::string_view name = From(text, begin, name_end - begin);
   const bool writes = StartsWith(name, "echo") || StartsWith(name, "printf");
-  if (Contains("[:", At(text, name_end)) || (!writes && KnownCommands().Find(name) == nullptr))
+  if (Contains("[:", At(text, name_end)) || (!writes && KnownCommands().Find(name) == nullptr)) {
     return name_end;
+  }
   const std::size_t end = begin + RestOfLine(text, begin, kCommandReach).size();
   return Line(text, begin, end, found).Find();
 }

@@ -440,8 +440,9 @@ bool IsHighPunctuation(std::string_view text, std::size_t at) {
 
 std::size_t FindNameEnd(std::string_view text, std::size_t at) {
   const std::size_t limit = at + kNameReach;
-  while (at < limit && IsNameByte(At(text, at)) && !(Is(text[at], kHigh) && IsHighPunctuation(text, at)))
+  while (at < limit && IsNameByte(At(text, at)) && !(Is(text[at], kHigh) && IsHighPunctuation(text, at))) {
     ++at;
+  }
   look_cost += 2 + (at + kNameReach - limit);
   while (Before(text, at) == '.') --at;  // Of a sentence, or a row of dots.
   return at;
@@ -639,8 +640,9 @@ std::size_t ColumnOf(const Name& name) {
 
 bool IsInTellingSection(const Name& name) {
   constexpr std::size_t kSectionReach = 256;
-  if (name.begin != name.word_begin || name.end != name.word_end || At(name.text, name.end) != '=')
+  if (name.begin != name.word_begin || name.end != name.word_end || At(name.text, name.end) != '=') {
     return false;
+  }
   if (!Is(Before(name.text, name.begin), kLineEnd)) return false;
   const std::size_t from = name.begin - std::min(name.begin, kSectionReach);
   const std::string_view above = name.text.substr(from, name.begin - from);

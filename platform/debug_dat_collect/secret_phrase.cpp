@@ -41,8 +41,9 @@ std::optional<Secret> FindElementText(const Name& name) {
     return Secret{name.end + behind.size, SecretForm::kDelimited, 0, '\0', 0, Coded(close, '<')};
   }
   const std::size_t tag_end = From(text, name.end, kTagReach).find('>');
-  if ((behind.meaning != '>' && !Is(behind.meaning, kBlank | kLineEnd)) || tag_end == npos)
+  if ((behind.meaning != '>' && !Is(behind.meaning, kBlank | kLineEnd)) || tag_end == npos) {
     return std::nullopt;
+  }
   const std::size_t tag = name.end + tag_end;
   if (Before(text, tag) == '/') return std::nullopt;
   std::size_t at = SkipForward(text, tag + 1, kBlank | kLineEnd, kBlankReach);
@@ -206,8 +207,9 @@ std::optional<Secret> FindPair(const Name& name) {
 /// A secret before its name: {"value": "abc", "name": "DB_PASSWORD"}, <param value="abc" name="password"/>.
 std::optional<Secret> FindPairBefore(const Name& name) {
   const std::string_view text = name.text;
-  if (!name.IsQuoted() || !Contains("=:", Before(name.text, SkipBlanksBack(name.text, name.start))))
+  if (!name.IsQuoted() || !Contains("=:", Before(name.text, SkipBlanksBack(name.text, name.start)))) {
     return std::nullopt;
+  }
   const std::size_t from = name.start - std::min(name.start, kPairReach);
   const std::string_view head = text.substr(from, name.start - from);
   std::size_t item = head.size();
@@ -254,8 +256,9 @@ std::optional<Secret> FindCell(const Name& name) {
   const std::string_view text = name.text;
   const std::size_t bar = SkipBlanks(text, name.end);
   if (At(text, bar) != '|' || bar == name.end || name.IsQuoted()) return std::nullopt;
-  if (!Contains("|", Before(text, SkipBlanksBack(text, name.start))) && !BeginsLine(name))
+  if (!Contains("|", Before(text, SkipBlanksBack(text, name.start))) && !BeginsLine(name)) {
     return std::nullopt;
+  }
   const std::size_t at = SkipBlanks(text, bar + 1);
   const std::string_view rest = RestOfLine(text, at, kValueReach);
   const std::size_t next = rest.find('|');
@@ -420,8 +423,9 @@ std::optional<Secret> FindStatement(const Name& name, Telling telling) {
   if (name.before.meaning == ':' && IsCompound(name) && !IsPlaceholder(text, at) && !IsProse(word)) {
     return Secret{at, SecretForm::kWord};
   }
-  if (!Is(name.before.meaning, kBlank | kLineEnd) && !Contains("({;$", name.before.meaning))
+  if (!Is(name.before.meaning, kBlank | kLineEnd) && !Contains("({;$", name.before.meaning)) {
     return std::nullopt;
+  }
   const bool begins_line = BeginsLine(name);
   if (IsQuotedAt(text, at)) {
     std::optional<Secret> secret = FindQuoted(text, at);
@@ -524,8 +528,9 @@ std::optional<Secret> FindSentence(const Name& name, Telling telling) {
         const bool key = secret && LooksLikeKey(WordAt(text, secret->begin, 17).substr(0, 16));
         return telling == Telling::kPassword || key || changed ? secret : std::nullopt;
       }
-      if (!IsPlaceholder(text, at) && likely && !from && !IsFiller(word))
+      if (!IsPlaceholder(text, at) && likely && !from && !IsFiller(word)) {
         return Secret{at, SecretForm::kWord};
+      }
     }
     const bool colon = word.back() == ':' || word == "=";
     const std::string_view bare = colon ? word.substr(0, word.size() - 1) : word;
@@ -573,8 +578,9 @@ enum class Sentence {
 Sentence SentenceAround(const Name& name, Telling telling) {
   static constexpr std::size_t kPlainReach = 16;
   const std::string_view text = name.text;
-  if (name.before.meaning != ' ' || name.before.coded || name.IsOption() || At(text, name.end) != ' ')
+  if (name.before.meaning != ' ' || name.before.coded || name.IsOption() || At(text, name.end) != ' ') {
     return Sentence::kNone;
+  }
   const std::size_t at = name.end + 1;
   const std::size_t end = SkipForward(text, at, kUpper | kLower, kPlainReach);
   if (end == at) return Sentence::kNone;

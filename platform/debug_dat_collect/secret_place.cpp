@@ -441,8 +441,9 @@ void FindInModemCommand(std::string_view text, std::size_t begin, std::size_t at
     const std::size_t comma = rest.substr(0, word).rfind(',');
     if (comma != npos) value += comma + 1;
     const std::size_t stop = end + 1 + word;
-    if (stop >= value + 4 && HasDigit(text.substr(value, stop - value)))
+    if (stop >= value + 4 && HasDigit(text.substr(value, stop - value))) {
       found.push_back({value, SecretForm::kFixed, stop});
+    }
   }
 }
 
@@ -584,8 +585,9 @@ void FindHexBlock(std::string_view text, std::size_t begin, std::size_t at, std:
   if (At(text, line) != '\n') return;
   const std::size_t first = SkipForward(text, line + 1, kBlank, 64);
   const bool bytes = At(text, first + 2) == ':' && At(text, first + 5) == ':';
-  if (first > line + 1 + before.size() && bytes)
+  if (first > line + 1 + before.size() && bytes) {
     found.push_back({line + 1, SecretForm::kBlock, 0, '\0', before.size()});
+  }
 }
 
 /// A member of a key: base64 of 20 bytes and more.
@@ -597,8 +599,9 @@ void FindEncodedMember(std::string_view text, std::size_t at, std::vector<Secret
   const std::size_t end = SkipForward(text, value, kEncodedByte, kWordReach);
   const std::string_view word = From(text, value, end - value);
   const bool telling = LooksLikeKey(word.substr(0, 64)) || LooksLikeKey(word.substr(0, 24));
-  if (word.size() >= 20 && (telling || (quoted && word.size() > 40)))
+  if (word.size() >= 20 && (telling || (quoted && word.size() > 40))) {
     found.push_back({value, SecretForm::kEncoded});
+  }
 }
 
 void Take(const std::optional<Secret>& secret, std::vector<Secret>& found) {
@@ -632,8 +635,9 @@ void FindBehindUser(std::string_view text, std::size_t hit, std::vector<Secret>&
   const std::string_view line = RestOfLine(text, hit, kWordReach);
   const std::size_t slash = line.find('/');
   const std::size_t close = line.find(']');
-  if (slash != npos && close != npos && slash + 1 < close && line[slash + 1] != '<')
+  if (slash != npos && close != npos && slash + 1 < close && line[slash + 1] != '<') {
     found.push_back({hit + slash + 1, SecretForm::kFixed, hit + close});
+  }
 }
 
 /// An entry of a key file: 1 MD5 abc
@@ -655,16 +659,18 @@ void FindLastField(std::string_view text, std::size_t begin, std::size_t hit, st
   const bool any = text.substr(begin, hit - begin) == ":*:*:";
   const std::size_t user = any || database == npos ? database : rest.find(':', database + 1);
   const std::size_t blank = FirstOf(rest, " \t");
-  if (user != npos && blank > user && user + 1 < rest.size() && !IsPlaceholder(text, hit + user + 1))
+  if (user != npos && blank > user && user + 1 < rest.size() && !IsPlaceholder(text, hit + user + 1)) {
     found.push_back({hit + user + 1, SecretForm::kLine});
+  }
 }
 
 /// 40 hexadecimal digits.
 void FindRawHash(std::string_view text, std::size_t hit, std::vector<Secret>& found) {
   const std::size_t end = SkipForward(text, hit, kUpperDigit, 41);
   const std::string_view word = From(text, hit, end - hit);
-  if (word.size() == 40 && HasDigit(word) && FirstOf(word, "GHIJKLMNOPQRSTUVWXYZ") == npos)
+  if (word.size() == 40 && HasDigit(word) && FirstOf(word, "GHIJKLMNOPQRSTUVWXYZ") == npos) {
     found.push_back({hit, SecretForm::kFixed, end});
+  }
 }
 
 /// The next line, from its last blank on: "C: ZW5naW5l"
@@ -740,8 +746,9 @@ void FindAtPlace(std::size_t place, std::string_view text, std::size_t begin, st
     case Place::kLoginLine:
       return FindLoginLine(text, begin, hit, found);
     case Place::kAclUser:
-      if (At(text, hit) != '=' && HasAny(LineBefore(text, begin, kLineReach), {"user ", "USER "}))
+      if (At(text, hit) != '=' && HasAny(LineBefore(text, begin, kLineReach), {"user ", "USER "})) {
         take(FindItem(text, hit));
+      }
       return;
     case Place::kSnmpAuth:
       return FindSnmpPhrase(text, at, found);

@@ -460,8 +460,9 @@ const WordSet<128>& Technical() {
 }
 
 std::string_view WithoutPunctuation(std::string_view word) {
-  while (!word.empty() && Is(word.back(), kPunctuation) && !Contains("<\\", word.back()))
+  while (!word.empty() && Is(word.back(), kPunctuation) && !Contains("<\\", word.back())) {
     word.remove_suffix(1);
+  }
   return word;
 }
 
@@ -509,8 +510,9 @@ std::size_t BehindBrackets(std::string_view text, std::size_t at, std::string_vi
 /// Offset behind "${NAME}"; npos where it has a default, which may be a secret.
 std::size_t BehindShellBraces(std::string_view text, std::size_t at) {
   const std::size_t end = BehindBrackets(text, at, At(text, at) == '#' ? "#{" : "${", "}");
-  if (At(text, at) == '#')
+  if (At(text, at) == '#') {
     return end != npos && FirstOf(text.substr(at, end - at), "'|\"") == npos ? end : npos;
+  }
   if (end == npos) return npos;
   const std::string_view inside = text.substr(at + 2, end - at - 3);
   const std::size_t name = SkipForward(inside, 0, kNameByte);
@@ -655,8 +657,9 @@ std::size_t BehindPlaceholder(std::string_view text, std::size_t at, bool quoted
   look_cost += 30;
   const char first = At(text, at);
   for (const std::string_view reference : kReferences) {
-    if (first == reference.front() && From(text, at, reference.size()) == reference)
+    if (first == reference.front() && From(text, at, reference.size()) == reference) {
       return SkipForward(text, at, kUrlByte, kWordReach);
+    }
   }
   std::size_t end = npos;
   const char second = At(text, at + 1);
@@ -729,8 +732,9 @@ bool IsCommented(const Name& name) {
   const std::size_t begin = SkipBack(name.text, at, kNameByte, 32);
   const std::size_t sign = Contains("[", Before(name.text, at)) ? begin : at;
   std::size_t mark = SkipBlanksBack(name.text, sign);
-  if (Contains("[", Before(name.text, mark)))
+  if (Contains("[", Before(name.text, mark))) {
     mark = SkipBlanksBack(name.text, SkipBack(name.text, mark - 1, kNameByte, 32));
+  }
   return Contains("#;*", Before(name.text, mark)) || EndsWith(name.text.substr(0, mark), "//");
 }
 
@@ -762,8 +766,9 @@ bool IsExample(const Name& name, std::size_t at) {
 
 /// Whether the value is an error's cause: "failed to refresh token: oauth2: cannot fetch it", "token: 400 Bad Request".
 bool IsCause(const Name& name, const Separator& separator) {
-  if (separator.sign != ':' || separator.quoted || separator.value == separator.behind || BeginsLine(name))
+  if (separator.sign != ':' || separator.quoted || separator.value == separator.behind || BeginsLine(name)) {
     return false;
+  }
   const std::string_view text = name.text;
   const std::string_view word = WordAt(text, separator.value, 32);
   const std::string_view next = WordAt(text, separator.value + word.size() + 1, 32);
@@ -815,8 +820,9 @@ std::size_t SkipQuotePrefix(std::string_view text, std::size_t at) {
 /// Whether what is quoted there, up to the quote's end, stands for a value.
 bool IsQuotedPlaceholder(std::string_view text, std::size_t at, std::string_view close) {
   std::size_t end = BehindPlaceholder(text, at, true);
-  if (end == npos && HasFolderOfSystem(text, at))
+  if (end == npos && HasFolderOfSystem(text, at)) {
     end = SkipForward(text, at, kNameByte | kBase64Sign, kWordReach);
+  }
   return end != npos && From(text, end, close.size()) == close;
 }
 
@@ -891,9 +897,10 @@ std::optional<Secret> FindBelow(const Name& name, const Separator& separator) {
   const std::size_t line = at + 1;
   const std::size_t first = SkipForward(text, line, kBlank, kNameReach);
   const std::size_t indent = first - line;
-  if (block)
+  if (block) {
     return indent > column ? std::optional<Secret>({line, SecretForm::kBlock, 0, '\0', column})
                            : std::nullopt;
+  }
   if (separator.quoted) return std::nullopt;
   const std::string_view rest = RestOfLine(text, first, kWordReach);
   const bool item = StartsWith(rest, "- ");
@@ -934,8 +941,9 @@ std::size_t BehindNumbers(std::string_view text, std::size_t at) {
     const bool hex = At(text, next) == '0' && ToLower(At(text, next + 1)) == 'x';
     const std::size_t begin = hex ? next + 2 : next;
     std::size_t digits = begin;
-    while (digits < begin + 4 && (hex ? IsHexDigit(At(text, digits)) : Is(At(text, digits), kDigit)))
+    while (digits < begin + 4 && (hex ? IsHexDigit(At(text, digits)) : Is(At(text, digits), kDigit))) {
       ++digits;
+    }
     if (digits == begin || digits > begin + 3) break;
     ++numbers;
     end = digits;
@@ -976,8 +984,9 @@ std::optional<Secret> FindBareValue(const Name& name, const Separator& separator
   const std::string_view text = name.text;
   const std::size_t at = separator.value;
   if (IsNoValue(text, at) || IsPlaceholder(text, at)) return std::nullopt;
-  if (IsHarmlessWord(name, separator) || IsExplained(name, separator) || IsFlag(text, at))
+  if (IsHarmlessWord(name, separator) || IsExplained(name, separator) || IsFlag(text, at)) {
     return std::nullopt;
+  }
   if (IsExample(name, at) || IsCause(name, separator)) return std::nullopt;
   if (!separator.coded.empty()) {
     // What is coded as the sign is, parts the value from the next name: "a%3Db%26c".
@@ -1047,8 +1056,9 @@ bool LooksLikeKey(std::string_view word) {
     if (!Is(byte, kEncodedByte | kBase64Sign)) return false;
     run = Is(byte, kAlnum | kBase64Sign) ? run + 1 : 0;
     longest = std::max(longest, run);
-    if (last != '\0' && (Is(last, kDigit) != Is(byte, kDigit) || (Is(last, kLower) && Is(byte, kUpper))))
+    if (last != '\0' && (Is(last, kDigit) != Is(byte, kDigit) || (Is(last, kLower) && Is(byte, kUpper)))) {
       ++turns;
+    }
     last = byte;
   }
   const bool uuid = word.size() == 36 && word[8] == '-' && word[13] == '-' && word[18] == '-';

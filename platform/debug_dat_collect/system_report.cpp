@@ -174,8 +174,9 @@ std::vector<unsigned long> ProcessIds(const std::string& proc) {
   if (!stream) return ids;
   while (const dirent* entry = readdir(stream.get())) {
     const std::string name = entry->d_name;
-    if (name.size() < 10 && name.find_first_not_of("0123456789") == std::string::npos)
+    if (name.size() < 10 && name.find_first_not_of("0123456789") == std::string::npos) {
       ids.push_back(std::stoul(name));
+    }
   }
   std::sort(ids.begin(), ids.end());
   return ids;

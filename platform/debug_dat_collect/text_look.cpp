@@ -95,8 +95,9 @@ std::size_t SkipBlanksAndColours(std::string_view text, std::size_t at) {
   while (at < limit) {
     // Columns are far apart; many looks at one word skip the same blanks.
     static constexpr std::string_view kColumn = "                ";
-    while (at + kColumn.size() <= limit && text.compare(at, kColumn.size(), kColumn) == 0)
+    while (at + kColumn.size() <= limit && text.compare(at, kColumn.size(), kColumn) == 0) {
       at += kColumn.size();
+    }
     const std::size_t word = SkipForward(text, at, kBlank, limit - at);
     const std::size_t next = SkipColour(text, word);
     at = word;

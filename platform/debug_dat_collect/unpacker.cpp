@@ -34,8 +34,9 @@ Packing PackingOf(std::string_view head) {
   if (head.substr(0, 3) == "\x1f\x8b\x08"sv) return Packing::kGzip;
   if (head.substr(0, 6) ==
       "\xfd"
-      "7zXZ\0"sv)
+      "7zXZ\0"sv) {
     return Packing::kXz;
+  }
   // The second: a frame to be skipped, with which some tools begin.
   const bool skipped = head.size() >= 4 && (head[0] & 0xF0) == 0x50 && head.substr(1, 3) == "\x2a\x4d\x18"sv;
   return head.substr(0, 4) == "\x28\xb5\x2f\xfd"sv || skipped ? Packing::kZstd : Packing::kNone;

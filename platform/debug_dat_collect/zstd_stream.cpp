@@ -28,7 +28,7 @@ std::size_t CheckZstd(std::size_t result) {
   return result;
 }
 
-/// ZSTD_compressBound(), for sizes beyond size_t as well.
+/// ZSTD_compressBound(), for sizes beyond std::size_t as well.
 std::uint64_t CompressedBound(std::uint64_t bytes) { return bytes + bytes / 256 + 1024; }
 
 /// On a single core threads would only cost memory.
@@ -42,8 +42,9 @@ unsigned WantedWorkers() {
 
 /// Returns how many there are: none where the library was built without threads.
 unsigned SetWorkers(ZSTD_CCtx* context, unsigned wanted) {
-  if (ZSTD_isError(ZSTD_CCtx_setParameter(context, ZSTD_c_nbWorkers, static_cast<int>(wanted))) != 0)
+  if (ZSTD_isError(ZSTD_CCtx_setParameter(context, ZSTD_c_nbWorkers, static_cast<int>(wanted))) != 0) {
     return 0;
+  }
   if (wanted > 0) CheckZstd(ZSTD_CCtx_setParameter(context, ZSTD_c_jobSize, static_cast<int>(kJobBytes)));
   return wanted;
 }

@@ -50,8 +50,9 @@ std::string PathPattern(const Json::Value& value, const std::string& where) {
 }
 
 std::vector<std::string> Arguments(const Json::Value& value, const std::string& where) {
-  if (!value.isArray() || value.empty())
+  if (!value.isArray() || value.empty()) {
     throw DescriptionError(where + " is not an array of at least one string");
+  }
   std::vector<std::string> argv;
   for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
     argv.push_back(SystemString(value[i], where + "[" + std::to_string(i) + "]"));
@@ -191,8 +192,9 @@ AppDescription LoadAppDescription(const Paths& paths, const Limits& limits, cons
     throw DescriptionError(error == ENOENT ? "unknown application: there is no description " + path
                                            : path + " can't be read: " + ErrorText(error));
   }
-  if (more)
+  if (more) {
     throw DescriptionError(path + ": longer than " + std::to_string(limits.description_bytes) + " bytes");
+  }
   try {
     return Convert(ParseStrictly(text), limits);
   } catch (const DescriptionError& error) {

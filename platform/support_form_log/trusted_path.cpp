@@ -50,7 +50,7 @@ bool OthersMayWrite(const struct stat& status) { return (status.st_mode & (S_IWG
 Distrust Distrusted(const std::string& path, const struct stat& status, const std::string& why,
                     const std::string& advice) {
   std::array<char, 16> mode = {};
-  (void)snprintf(mode.data(), mode.size(), "%04o", status.st_mode & 07777U);
+  static_cast<void>(snprintf(mode.data(), mode.size(), "%04o", status.st_mode & 07777U));
   const std::string owner = status.st_uid == 0 ? "root" : "user " + std::to_string(status.st_uid);
   const std::string who = geteuid() == 0 ? "others than root" : "others than root and this user";
   return {path + " (owner " + owner + ", mode " + mode.data() + ") " + why + " by " + who, advice};
@@ -194,8 +194,9 @@ bool ReadTrustedFile(const std::string& path, std::size_t limit, std::string& ou
   OpenedPath file = OpenTrusted(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
   distrust = file.distrust;
   struct stat status = {};
-  if (file.fd.valid() && (fstat(file.fd.get(), &status) != 0 || !S_ISREG(status.st_mode)))
+  if (file.fd.valid() && (fstat(file.fd.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
     file.error = EINVAL;
+  }
   errno = file.error;
   return file.error == 0 && !distrust && ReadUpTo(file.fd.get(), limit, out, more);
 }

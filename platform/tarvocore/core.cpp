@@ -17,6 +17,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstddef>
+
 namespace {
 
 /// The locked pid file; -1 when this process holds none. It stays open for the life of the process: closing any
@@ -29,7 +31,7 @@ constexpr mode_t kOwnersMode = 0600;
 constexpr int kMaxTries = 100;
 
 /// Keeps tokens that the process will hold out of core dumps, and processes of the same user out of its memory.
-void ShieldMemory() { (void)prctl(PR_SET_DUMPABLE, 0); }
+void ShieldMemory() { static_cast<void>(prctl(PR_SET_DUMPABLE, 0)); }
 
 /// Takes the lock on the whole file without waiting for a holder.
 bool LockWholeFile(int fd) {
@@ -67,7 +69,7 @@ bool WriteOwnPid(int fd) {
   char text[16];
   const int length = snprintf(text, sizeof(text), "%d\n", static_cast<int>(getpid()));
   return fchmod(fd, kOwnersMode) == 0 && ftruncate(fd, 0) == 0 &&
-         pwrite(fd, text, static_cast<size_t>(length), 0) == length;
+         pwrite(fd, text, static_cast<std::size_t>(length), 0) == length;
 }
 
 int CloseFailed(int fd) {

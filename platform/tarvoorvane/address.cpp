@@ -17,8 +17,8 @@ constexpr char kAcceptedForms[] =
     "; accepted are http://HOST:PORT (plaintext), https://HOST[:PORT], HOST:PORT (TLS), unix:/PATH";
 constexpr char kHttpsPort[] = "443";
 constexpr char kAlphanumeric[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-constexpr size_t kMaxHostName = 253;  // both as the name system has them
-constexpr size_t kMaxLabel = 63;
+constexpr std::size_t kMaxHostName = 253;  // both as the name system has them
+constexpr std::size_t kMaxLabel = 63;
 
 bool ConsistsOf(std::string_view text, const std::string& allowed) {
   return text.find_first_not_of(allowed) == std::string_view::npos;
@@ -46,7 +46,7 @@ bool IsLabel(std::string_view label) {
 bool IsHostName(std::string_view host) {
   if (!host.empty() && host.back() == '.') host.remove_suffix(1);
   if (host.size() > kMaxHostName) return false;
-  for (size_t dot = host.find('.'); dot != std::string_view::npos; dot = host.find('.')) {
+  for (std::size_t dot = host.find('.'); dot != std::string_view::npos; dot = host.find('.')) {
     if (!IsLabel(host.substr(0, dot))) return false;
     host.remove_prefix(dot + 1);
   }
@@ -69,7 +69,7 @@ struct HostAndPort {
 
 bool SplitHostAndPort(std::string_view text, HostAndPort& out, std::string& fault) {
   out.bracketed = TakePrefix(text, "[");
-  const size_t host_end = text.find(out.bracketed ? ']' : ':');
+  const std::size_t host_end = text.find(out.bracketed ? ']' : ':');
   if (out.bracketed && host_end == std::string_view::npos) {
     fault = "the closing bracket of the IPv6 address is missing";
     return false;
@@ -157,7 +157,7 @@ bool Parse(std::string_view text, Address& out, std::string& fault) {
   if (TakePrefix(text, "http://")) return ParseHostAndPort(text, "", out, fault);
   out.tls = true;
   if (TakePrefix(text, "https://")) return ParseHostAndPort(text, kHttpsPort, out, fault);
-  if (const size_t scheme = text.find("://"); scheme != std::string_view::npos) {
+  if (const std::size_t scheme = text.find("://"); scheme != std::string_view::npos) {
     fault = "the scheme " + Quoted(text.substr(0, scheme)) + " is not supported";
     return false;
   }

@@ -29,7 +29,7 @@ namespace {
 using Utils::CurlFailedException;
 using Utils::CurlHandle;
 
-constexpr size_t kMaxErrorText = 2UL * CURL_ERROR_SIZE;
+constexpr std::size_t kMaxErrorText = 2UL * CURL_ERROR_SIZE;
 
 /// At libcurl's default of 64 KiB an upload spends half of its time between the chunks. At its greatest, 2 MiB, a chunk
 /// has left the processor's second-level cache before it is sent: a fifth more CPU time, by ./bench 1.
@@ -63,10 +63,10 @@ Result WithoutThrowing(Result failure, const Work& work) {
 }
 
 /// Appends what the string still may take.
-size_t AppendToString(char* data, size_t size, size_t count, void* out) {
-  return WithoutThrowing(size_t{0}, [&] {
+std::size_t AppendToString(char* data, std::size_t size, std::size_t count, void* out) {
+  return WithoutThrowing(std::size_t{0}, [&] {
     auto& text = *static_cast<std::string*>(out);
-    const size_t room = Internal::kMaxAnswerBytes - std::min(text.size(), Internal::kMaxAnswerBytes);
+    const std::size_t room = Internal::kMaxAnswerBytes - std::min(text.size(), Internal::kMaxAnswerBytes);
     text.append(data, std::min(size * count, room));
     return std::min(size * count, room);  // less than came ends the transfer with a write error
   });
@@ -81,8 +81,8 @@ void CheckHandle(const CurlHandle& handle, const char* caller) {
 /// What a server has sent in one attempt besides the answer's body; libcurl's callbacks look at it.
 struct Attempt {
   std::set<curl_socket_t> sockets;  ///< All that libcurl has opened: of two tried at once either may win.
-  size_t header_bytes = 0;
-  size_t header_lines = 0;
+  std::size_t header_bytes = 0;
+  std::size_t header_lines = 0;
   std::string fault;  ///< Why a callback has ended the attempt; empty when none has.
 };
 
@@ -124,8 +124,8 @@ std::string FaultOfHeaderLine(Attempt& attempt, std::string_view line) {
 
 /// libcurl calls it for each line of the head, of interim answers' heads and of the trailers. libcurl keeps each line,
 /// with some hundred bytes more, and does not bound the trailers itself.
-size_t CheckHeaderLine(char* line, size_t size, size_t count, void* data) {
-  return WithoutThrowing(size_t{0}, [&] {
+std::size_t CheckHeaderLine(char* line, std::size_t size, std::size_t count, void* data) {
+  return WithoutThrowing(std::size_t{0}, [&] {
     auto& attempt = *static_cast<Attempt*>(data);
     attempt.fault = FaultOfHeaderLine(attempt, {line, size * count});
     return attempt.fault.empty() ? size * count : 0;
@@ -314,7 +314,7 @@ void CurlSlistAppend(CurlHeaderList& list, const std::string& line) {
   curl_slist* extended = curl_slist_append(list.get(), line.c_str());
   if (extended == nullptr) throw std::runtime_error("CurlSlistAppend: out of memory");
   // In this order: had it failed, the list would still be the caller's.
-  (void)list.release();  // curl_slist_append() kept the head, unless the list was empty
+  static_cast<void>(list.release());  // curl_slist_append() kept the head, unless the list was empty
   list.reset(extended);
 }
 
@@ -335,7 +335,7 @@ void CurlHttpPostAdd(CurlHttpPost& form, const std::string& name, const CURLform
       curl_formadd(&first, &form.last, CURLFORM_COPYNAME, name.c_str(), option, value.c_str(), CURLFORM_END);
   // Also after a failure: the parts that were added before stay the form's.
   if (first != form.first.get()) {
-    (void)form.first.release();
+    static_cast<void>(form.first.release());
     form.first.reset(first);
   }
   if (code != CURL_FORMADD_OK) {

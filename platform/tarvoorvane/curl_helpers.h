@@ -16,15 +16,15 @@ inline constexpr std::chrono::seconds kDeadPeerLimit{120};
 
 /// Bytes of answers that one string takes, of all attempts together. An answer is a short JSON text. The costliest text
 /// takes the JSON parser some seventy times its size in memory.
-inline constexpr size_t kMaxAnswerBytes = 256UL << 10;
+inline constexpr std::size_t kMaxAnswerBytes = 256UL << 10;
 
 /// Bytes and lines of one attempt's head, of its trailers and of its interim answers' heads, together.
-inline constexpr size_t kMaxHeaderBytes = 64UL << 10;
-inline constexpr size_t kMaxHeaderLines = 1000;
+inline constexpr std::size_t kMaxHeaderBytes = 64UL << 10;
+inline constexpr std::size_t kMaxHeaderLines = 1000;
 
 /// Bytes that a server may send in one attempt, whatever they are. The longest answer, sent in chunks of one byte
 /// without TLS, is less than half of that.
-inline constexpr size_t kMaxReceivedBytes = 4UL << 20;
+inline constexpr std::size_t kMaxReceivedBytes = 4UL << 20;
 
 /// Makes the kernel end a connection whose peer is dead: probes on an idle one (the first after half the limit),
 /// and a limit on data that stays unconfirmed or, with the peer's window closed, unsent. A peer that has

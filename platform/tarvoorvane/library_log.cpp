@@ -16,7 +16,7 @@
 namespace TarvoOrvane::Internal {
 namespace {
 
-constexpr size_t kMaxForeignText = 512;
+constexpr std::size_t kMaxForeignText = 512;
 
 std::atomic<unsigned> g_ping_complaints{0};
 
@@ -94,7 +94,7 @@ void ForgetLoggedLines() {
   g_lines = kLines;
 }
 
-std::string MakePrintable(std::string_view text, size_t max_length) {
+std::string MakePrintable(std::string_view text, std::size_t max_length) {
   std::string printable;
   for (const char byte : text) {
     const std::string shown = PrintableByte(byte);

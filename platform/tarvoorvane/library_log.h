@@ -21,7 +21,7 @@ void ForgetLoggedLines();
 
 /// Makes text from elsewhere fit for a log line: every byte that is no printable ASCII character becomes
 /// \n, \r, \t or \xHH, and what exceeds `max_length` characters is cut and marked by "...".
-[[nodiscard]] std::string MakePrintable(std::string_view text, size_t max_length);
+[[nodiscard]] std::string MakePrintable(std::string_view text, std::size_t max_length);
 
 /// Sends gRPC's and protobuf's own logs (errors only) to LogLine(); by themselves they write to stderr.
 /// Process-wide.

@@ -35,10 +35,11 @@ std::string Now() {
   localtime_r(&now.tv_sec, &local);
   char date[32];
   char offset[8];
-  (void)std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
-  (void)std::strftime(offset, sizeof offset, "%z", &local);
+  static_cast<void>(std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local));
+  static_cast<void>(std::strftime(offset, sizeof offset, "%z", &local));
   char text[64];
-  (void)std::snprintf(text, sizeof text, "%s.%03ld%.3s:%s", date, now.tv_nsec / 1000000, offset, offset + 3);
+  static_cast<void>(
+      std::snprintf(text, sizeof text, "%s.%03ld%.3s:%s", date, now.tv_nsec / 1000000, offset, offset + 3));
   return text;
 }
 
@@ -72,14 +73,14 @@ enum class Outcome {
   kFailed,  ///< It could not be written whole.
 };
 
-Outcome Append(int fd, const std::string& line, size_t max_file_bytes) {
+Outcome Append(int fd, const std::string& line, std::size_t max_file_bytes) {
   struct stat status {};
   if (TEMP_FAILURE_RETRY(write(fd, line.data(), line.size())) != static_cast<ssize_t>(line.size()) ||
       fstat(fd, &status) != 0) {
     return Outcome::kFailed;
   }
   if (!S_ISREG(status.st_mode) || status.st_nlink == 0) return Outcome::kGone;
-  return static_cast<size_t>(status.st_size) < max_file_bytes ? Outcome::kKept : Outcome::kKeptAndFull;
+  return static_cast<std::size_t>(status.st_size) < max_file_bytes ? Outcome::kKept : Outcome::kKeptAndFull;
 }
 
 /// Whether `path` still names the open file.
@@ -96,18 +97,18 @@ bool IsNamed(int fd, const std::string& path) {
 ///                       may hold the lock for ever.
 void RenameFullFile(const ScopedFd& file, const std::string& path, bool locked_or_not) {
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 && !locked_or_not) return;
-  if (IsNamed(file.get(), path)) (void)rename(path.c_str(), (path + ".1").c_str());
-  (void)flock(file.get(), LOCK_UN);
+  if (IsNamed(file.get(), path)) static_cast<void>(rename(path.c_str(), (path + ".1").c_str()));
+  static_cast<void>(flock(file.get(), LOCK_UN));
 }
 
-size_t SizeOf(const ScopedFd& file) {
+std::size_t SizeOf(const ScopedFd& file) {
   struct stat status {};
-  return file && fstat(file.get(), &status) == 0 ? static_cast<size_t>(status.st_size) : 0;
+  return file && fstat(file.get(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
 }
 
 /// The file to go on with: the one that `path` names, or a new one in the place of a full one.
 /// @return None when it can't be opened, or when it has twice the size that it may have and can't be renamed.
-ScopedFd OpenSuccessor(const std::string& path, size_t max_file_bytes) {
+ScopedFd OpenSuccessor(const std::string& path, std::size_t max_file_bytes) {
   std::string fault;
   ScopedFd file = OpenLogFile(path, fault);
   if (SizeOf(file) < max_file_bytes) return file;
@@ -132,7 +133,7 @@ class FileLogger final : public Utils::LoggerManager {
 
   /// Lets go of the former file in any case.
   /// @param fault  Why it can't be opened.
-  bool Open(const std::string& path, size_t max_file_bytes, std::string& fault) {
+  bool Open(const std::string& path, std::size_t max_file_bytes, std::string& fault) {
     const std::lock_guard<std::mutex> lock(mutex_);
     path_ = path;
     max_file_bytes_ = max_file_bytes;
@@ -196,7 +197,7 @@ class FileLogger final : public Utils::LoggerManager {
   // Held for opening and renaming only. The one process that forks, the supervisor, has one thread.
   std::mutex mutex_;
   std::string path_;  ///< Empty while closed.
-  std::atomic<size_t> max_file_bytes_{0};
+  std::atomic<std::size_t> max_file_bytes_{0};
   std::atomic<int> fd_{-1};
 };
 
@@ -237,7 +238,7 @@ void ReconfigureLogger(const LoggerOptions& options) {
            options.log_file.c_str(), options.flag_file.c_str());
   }
   // Whoever started the daemon may have limited the size of files. Beyond that a write fails; it ends no process.
-  (void)std::signal(SIGXFSZ, SIG_IGN);
+  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
   SetInstance(&TheLogger());
 }
 

@@ -16,11 +16,11 @@ struct LoggerOptions {
 
   /// A log file of this size is renamed to <log_file>.1, in the place of the former one, and a new one begun. Two
   /// files of 4 MiB hold weeks of an ordinary device and burden no flash.
-  size_t max_file_bytes = 4UL << 20;
+  std::size_t max_file_bytes = 4UL << 20;
 };
 
 /// Longer lines are cut there and marked by "...".
-inline constexpr size_t kMaxLineText = 1UL << 20;
+inline constexpr std::size_t kMaxLineText = 1UL << 20;
 
 /// Sets LoggerManager::instance_ to the one logger object and (re)opens the log file while the flag file exists;
 /// clears it otherwise. The file is opened afresh each time, so a SIGHUP after a rotation suffices. A log file that

@@ -31,11 +31,11 @@ using tarvo::support::v1::ServerMessage;
 
 constexpr int kProtocol = 1;
 constexpr int kMaxMessageBytes = 64 * 1024;
-constexpr size_t kMaxQueued = 8;  // of at most kMaxMessageBytes each; more stay in gRPC's flow control
+constexpr std::size_t kMaxQueued = 8;  // of at most kMaxMessageBytes each; more stay in gRPC's flow control
 constexpr int kMaxHeaderBytes = 8 * 1024;
 constexpr int kMaxReadBytes = 64 * 1024;  // at a time from the connection
-constexpr size_t kMaxStatusText = 400;
-constexpr size_t kQuotaBytes = 8UL << 20;
+constexpr std::size_t kMaxStatusText = 400;
+constexpr std::size_t kQuotaBytes = 8UL << 20;
 
 int Milliseconds(std::chrono::milliseconds value) { return static_cast<int>(value.count()); }
 
@@ -143,8 +143,8 @@ struct NotificationStream::Call {
 };
 
 void NotificationStream::Call::Notify() const {
-  const uint64_t one = 1;
-  (void)!write(event.get(), &one, sizeof one);
+  const std::uint64_t one = 1;
+  static_cast<void>(!write(event.get(), &one, sizeof one));
 }
 
 void NotificationStream::Call::Run() {
@@ -281,8 +281,8 @@ NotificationStream::~NotificationStream() {
 int NotificationStream::event_fd() const { return call_->event.get(); }
 
 void NotificationStream::DrainEvents() {
-  uint64_t count = 0;
-  (void)!read(call_->event.get(), &count, sizeof count);
+  std::uint64_t count = 0;
+  static_cast<void>(!read(call_->event.get(), &count, sizeof count));
 }
 
 NotificationStream::Taken NotificationStream::Take(Delivery& out) {

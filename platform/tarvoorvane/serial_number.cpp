@@ -19,9 +19,9 @@
 namespace TarvoOrvane::Internal {
 namespace {
 
-constexpr size_t kMaxFileText = 4096;
-constexpr size_t kMaxSerialNumber = 128;
-constexpr size_t kMachineIdDigits = 32;
+constexpr std::size_t kMaxFileText = 4096;
+constexpr std::size_t kMaxSerialNumber = 128;
+constexpr std::size_t kMachineIdDigits = 32;
 
 /// Names this application in the hash of the machine id. Never to change: devices would change their numbers.
 constexpr std::array<unsigned char, 16> kApplicationId = {0x5d, 0x0e, 0x2b, 0x91, 0x6c, 0x47, 0x4f, 0x3a,
@@ -67,10 +67,10 @@ std::string FirstLine(const std::string& path) {
   std::string text(kMaxFileText, '\0');
   const ssize_t size = TEMP_FAILURE_RETRY(read(file.get(), text.data(), text.size()));
   if (size <= 0) return {};
-  text.resize(static_cast<size_t>(size));
+  text.resize(static_cast<std::size_t>(size));
   text.resize(std::min(text.size(), text.find('\n')));
   constexpr char kBlanks[] = " \t\r";
-  const size_t begin = text.find_first_not_of(kBlanks);
+  const std::size_t begin = text.find_first_not_of(kBlanks);
   if (begin == std::string::npos) return {};
   return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
 }
@@ -95,7 +95,7 @@ std::string MachineIdBytes(const std::string& digits) {
     return {};
   }
   std::string bytes;
-  for (size_t i = 0; i < digits.size(); i += 2) {
+  for (std::size_t i = 0; i < digits.size(); i += 2) {
     bytes.push_back(static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
   }
   return bytes;

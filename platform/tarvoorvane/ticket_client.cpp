@@ -29,7 +29,7 @@ using WriteState = NotificationStream::WriteState;
 
 constexpr std::chrono::milliseconds kLongestKeepalive = std::chrono::hours(1);
 /// Of a ticket's id in a log line; the service may choose a longer one.
-constexpr size_t kMaxShownId = 64;
+constexpr std::size_t kMaxShownId = 64;
 /// Larger blocks are mapped, and so unmapped when they are freed.
 constexpr int kLargestKeptBlock = 32 * 1024;
 
@@ -206,14 +206,14 @@ void TicketClient::RejectMalformed(const SignalBlock& block, const std::string& 
           "Rejected the malformed ticket \"" + MakePrintable(ticket_id, kMaxShownId) + "\": " + fault);
   Answer answer = MakeAnswer(ticket_id, ServiceClient::kRejected);
   answer.set_reason(fault);
-  (void)Deliver(block, answer);
+  static_cast<void>(Deliver(block, answer));
 }
 
 void TicketClient::AcceptAgain(const SignalBlock& block, const std::string& ticket_id) {
   LogLine(LOG_NOTICE, "Accepted again the ticket \"" + MakePrintable(ticket_id, kMaxShownId) +
                           "\": it was delivered before, and is not worked on twice");
   accepted_.Add(ticket_id);
-  (void)Deliver(block, MakeAnswer(ticket_id, ServiceClient::kAccepted));
+  static_cast<void>(Deliver(block, MakeAnswer(ticket_id, ServiceClient::kAccepted)));
 }
 
 CallStatus TicketClient::Send(ServiceClient::ClientStatus status) {

@@ -10,7 +10,7 @@ namespace TarvoOrvane::Internal {
 /// the service delivers it again. In the worker's memory only: a new worker remembers nothing.
 class TicketMemory {
  public:
-  static constexpr size_t kCapacity = 256;  ///< Older ids are forgotten.
+  static constexpr std::size_t kCapacity = 256;  ///< Older ids are forgotten.
 
   /// Makes `id` the youngest. The empty id is not remembered: it can't tell two tickets apart.
   void Add(const std::string& id);

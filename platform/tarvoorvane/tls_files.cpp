@@ -24,7 +24,7 @@ namespace TarvoOrvane::Internal {
 namespace {
 
 /// Far more than a system's whole list of roots (about 220 KiB).
-constexpr size_t kMaxFileBytes = 1UL << 20;
+constexpr std::size_t kMaxFileBytes = 1UL << 20;
 
 constexpr mode_t kWritableByOthers = S_IWGRP | S_IWOTH;
 constexpr mode_t kAnyAccessByOthers = S_IRWXG | S_IRWXO;
@@ -65,7 +65,7 @@ bool ReadAll(int fd, std::string& text) {
   char chunk[16384];
   ssize_t count = 0;
   while ((count = TEMP_FAILURE_RETRY(read(fd, chunk, sizeof chunk))) > 0) {
-    text.append(chunk, static_cast<size_t>(count));
+    text.append(chunk, static_cast<std::size_t>(count));
     if (text.size() <= kMaxFileBytes) continue;
     errno = EFBIG;
     return false;
@@ -111,8 +111,9 @@ bool ParseCertificates(const std::string& text, std::vector<Certificate>& certif
 std::string TimeText(const ASN1_TIME* time) {
   tm fields{};
   char text[32] = "a time that can't be read";
-  if (ASN1_TIME_to_tm(time, &fields) == 1)
-    (void)strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &fields);
+  if (ASN1_TIME_to_tm(time, &fields) == 1) {
+    static_cast<void>(strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &fields));
+  }
   return text;
 }
 

@@ -21,8 +21,9 @@ void CheckCommand(const CommandDescription& command, const Limits& limits) {
   Require(!command.argv.empty() && !command.argv[0].empty(), "a command has a program");
   Require(command.argv[0].find('/') == std::string::npos || command.argv[0][0] == '/',
           "a program is a name or an absolute path");
-  for (const std::string& argument : command.argv)
+  for (const std::string& argument : command.argv) {
     Require(!HasNul(argument), "arguments are the system's strings");
+  }
   Require(command.time_limit_seconds >= 1 && command.time_limit_seconds <= limits.command_seconds_max,
           "a command's time is limited");
   Require(command.output_limit_bytes >= 1 && command.output_limit_bytes <= limits.output_bytes_max,

@@ -25,8 +25,9 @@ bool IsPlain(std::string_view target) {
 /// From 1 to 65535, in at most five digits.
 bool EndsInPort(std::string_view target) {
   const std::string_view port = target.substr(target.rfind(':') + 1);
-  if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string_view::npos)
+  if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string_view::npos) {
     return false;
+  }
   const int number = std::stoi(std::string(port));
   return number >= 1 && number <= 65535;
 }

@@ -78,8 +78,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string printable = PrintablePath(path);
   Require(Decoded(printable) == path, "no two paths become the same name");
   Require(printable.find_first_of("\"\\\x7f") == std::string::npos, "a name needs no quoting");
-  for (const char c : printable)
+  for (const char c : printable) {
     Require(static_cast<unsigned char>(c) >= 0x20, "a name has no control characters");
+  }
   Require(ThroughJson(printable) == printable, "a name is UTF-8");
   const std::string name = FileEntryName("mail", printable);
   CheckFileName(name, printable);

@@ -35,7 +35,7 @@ void OnSignal(int) { g_stop = true; }
 
 int main(int argc, char** argv) {
   if (argc != 4) return 2;
-  (void)signal(SIGTERM, &OnSignal);
+  static_cast<void>(signal(SIGTERM, &OnSignal));
   constexpr timespec kPause{0, 100'000'000};  // the daemon's shortest is two seconds
   PrintingLogger logger;
   TarvoOrvane::Utils::LoggerManager::instance_ = &logger;
@@ -48,11 +48,11 @@ int main(int argc, char** argv) {
   while (!g_stop) {
     const auto result = client.Receive();
     if (result.request) {
-      (void)client.Send(FastSupportClient::kAccepted);
+      static_cast<void>(client.Send(FastSupportClient::kAccepted));
       continue;
     }
     std::cout << "failed " << result.status.error << " " << result.status.errorMsg << std::endl;
-    if (!g_stop) (void)nanosleep(&kPause, nullptr);
+    if (!g_stop) static_cast<void>(nanosleep(&kPause, nullptr));
   }
   _exit(0);
 }

@@ -68,8 +68,9 @@ std::vector<Case> AllCases() {
   for (const Http2Attack& attack : Http2Attacks()) {
     const bool tls_only = attack.tls_flood != TlsFlood::kNone;
     if (!tls_only) cases.push_back({&attack, false});
-    if (tls_only || std::getenv("HOSTILE_SECONDS") != nullptr || attack.also_over_tls)
+    if (tls_only || std::getenv("HOSTILE_SECONDS") != nullptr || attack.also_over_tls) {
       cases.push_back({&attack, true});
+    }
   }
   return cases;
 }
@@ -93,8 +94,9 @@ class Worker {
   [[nodiscard]] milliseconds Cpu() const {
     clockid_t clock{};
     timespec time{};
-    if (clock_getcpuclockid(program_.pid(), &clock) != 0 || clock_gettime(clock, &time) != 0)
+    if (clock_getcpuclockid(program_.pid(), &clock) != 0 || clock_gettime(clock, &time) != 0) {
       return milliseconds(-1);
+    }
     return milliseconds(time.tv_sec * 1000 + time.tv_nsec / 1'000'000);
   }
 
@@ -133,7 +135,7 @@ class Worker {
 class WorkerUnderAttack : public testing::TestWithParam<Case> {};
 
 TEST_P(WorkerUnderAttack, StaysWithinItsBoundsAndEndsBySigterm) {
-  (void)signal(SIGPIPE, SIG_IGN);  // OpenSSL writes without MSG_NOSIGNAL
+  static_cast<void>(signal(SIGPIPE, SIG_IGN));  // OpenSSL writes without MSG_NOSIGNAL
   const Plan plan = Plan::Make();
   const test_support::TemporaryFolder folder;
   std::optional<TarvoOrvane::Testing::TestCertificate> certificate;

@@ -293,7 +293,7 @@ TEST_F(DaemonProcessTest, TicketThatWaitsInThePipeIsReadOnlyOnceTheChildIsReaped
     const pid_t pid = test_support::ScriptedPlatform::ForkAs(kWorker);
     if (pid == 0) {
       platform_.select = [](int, fd_set*, fd_set*, fd_set*, timeval*) { return 1; };
-      platform_.read = [](int, void* buffer, size_t size) {
+      platform_.read = [](int, void* buffer, std::size_t size) {
         std::memset(buffer, 0, size);
         std::memcpy(buffer, R"({"success":true})", 16);
         return static_cast<ssize_t>(size);
@@ -369,8 +369,9 @@ TEST_F(DaemonProcessTest, EachProcessKeepsItsEndsOfThePipesOnly) {
   EXPECT_EQ(main_writes.flags & (O_ACCMODE | O_NONBLOCK), O_WRONLY | O_NONBLOCK);
   EXPECT_EQ(worker_reads.flags & (O_ACCMODE | O_NONBLOCK), O_RDONLY | O_NONBLOCK);
   EXPECT_EQ(worker_writes.flags & (O_ACCMODE | O_NONBLOCK), O_WRONLY | O_NONBLOCK);
-  for (const Descriptor& end : child)
+  for (const Descriptor& end : child) {
     EXPECT_TRUE(end.target == main[0].target || end.target == main[1].target);
+  }
 }
 
 TEST_F(DaemonProcessTest, NoDescriptorIsLeftOverByTickets) {

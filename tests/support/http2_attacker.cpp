@@ -103,8 +103,9 @@ constexpr std::size_t kFrameHead = 9;
 
 std::size_t NumberAt(const std::string& text, std::size_t at, int bytes) {
   std::size_t number = 0;
-  for (int i = 0; i < bytes; ++i)
+  for (int i = 0; i < bytes; ++i) {
     number = number << 8 | static_cast<std::uint8_t>(text[at + static_cast<std::size_t>(i)]);
+  }
   return number;
 }
 
@@ -139,8 +140,9 @@ class Client {
     const std::size_t type = NumberAt(text_, 3, 1);
     const std::size_t stream = NumberAt(text_, 5, 4);
     if (type == kHeaders) has_asked_ = true;
-    if (type == kWindowUpdate)
+    if (type == kWindowUpdate) {
       (stream == 0 ? connection_window_ : stream_window_) += NumberAt(text_, kFrameHead, 4);
+    }
   }
 
   std::string text_;  ///< What has not been looked at.

@@ -74,8 +74,9 @@ struct LogRecorder::Area {
 
 void PrintTo(const Event& event, std::ostream* out) {
   *out << "[" << event.role << "] ";
-  if (event.kind == Event::kLine)
+  if (event.kind == Event::kLine) {
     *out << (event.level == LOG_ERR ? "error " : "level ") << event.level << " ";
+  }
   *out << '"' << event.text << '"';
 }
 

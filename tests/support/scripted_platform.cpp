@@ -36,8 +36,8 @@ int REAL(pipe)(int*);
 int REAL(fcntl)(int, int, ...);
 int REAL(select)(int, fd_set*, fd_set*, fd_set*, timeval*);
 int REAL(close)(int);
-ssize_t REAL(read)(int, void*, size_t);
-ssize_t REAL(write)(int, const void*, size_t);
+ssize_t REAL(read)(int, void*, std::size_t);
+ssize_t REAL(write)(int, const void*, std::size_t);
 pid_t REAL(waitpid)(pid_t, int*, int);
 int REAL(unlink)(const char*);
 test_support::ScriptedPlatform::SignalHandler REAL(signal)(int,
@@ -126,8 +126,8 @@ int Select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, t
   return REAL(select)(count, readable, writable, exceptional, timeout);
 }
 int Close(int fd) { return REAL(close)(fd); }
-ssize_t Read(int fd, void* buffer, size_t size) { return REAL(read)(fd, buffer, size); }
-ssize_t Write(int fd, const void* buffer, size_t size) { return REAL(write)(fd, buffer, size); }
+ssize_t Read(int fd, void* buffer, std::size_t size) { return REAL(read)(fd, buffer, size); }
+ssize_t Write(int fd, const void* buffer, std::size_t size) { return REAL(write)(fd, buffer, size); }
 pid_t Waitpid(pid_t pid, int* status, int options) { return REAL(waitpid)(pid, status, options); }
 int Unlink(const char* path) { return REAL(unlink)(path); }
 int Kill(pid_t pid, int signal_number) { return REAL(kill)(pid, signal_number); }
@@ -317,7 +317,7 @@ unsigned WRAP(sleep)(unsigned seconds) {
       &ScriptedPlatform::sleep, [](unsigned) { return 0U; }, seconds);
 }
 
-int WRAP(snprintf)(char* buffer, size_t size, const char* format, ...) {
+int WRAP(snprintf)(char* buffer, std::size_t size, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   const int length = vsnprintf(buffer, size, format, arguments);
@@ -370,11 +370,11 @@ int WRAP(select)(int count, fd_set* readable, fd_set* writable, fd_set* exceptio
 
 int WRAP(close)(int fd) { return Perform(&ScriptedPlatform::close, REAL(close), fd); }
 
-ssize_t WRAP(read)(int fd, void* buffer, size_t size) {
+ssize_t WRAP(read)(int fd, void* buffer, std::size_t size) {
   return Perform(&ScriptedPlatform::read, REAL(read), fd, buffer, size);
 }
 
-ssize_t WRAP(write)(int fd, const void* buffer, size_t size) {
+ssize_t WRAP(write)(int fd, const void* buffer, std::size_t size) {
   return Perform(&ScriptedPlatform::write, REAL(write), fd, buffer, size);
 }
 

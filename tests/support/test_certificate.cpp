@@ -23,7 +23,7 @@ std::string ToPem(const Writer& write) {
   const std::unique_ptr<BIO, int (*)(BIO*)> memory(BIO_new(BIO_s_mem()), &BIO_free);
   write(memory.get());
   char* data = nullptr;
-  const auto size = static_cast<size_t>(BIO_get_mem_data(memory.get(), &data));
+  const auto size = static_cast<std::size_t>(BIO_get_mem_data(memory.get(), &data));
   return {data, size};
 }
 
@@ -49,8 +49,9 @@ TestCertificate MakeTestCertificate(const Validity& validity, const std::string&
   X509_set_issuer_name(certificate.get(), name);
   AddExtension(certificate.get(), NID_basic_constraints, "critical,CA:TRUE");
   AddExtension(certificate.get(), NID_subject_alt_name, names.c_str());
-  if (X509_sign(certificate.get(), key.get(), EVP_sha256()) == 0)
+  if (X509_sign(certificate.get(), key.get(), EVP_sha256()) == 0) {
     throw std::runtime_error("X509_sign failed");
+  }
 
   TestCertificate result;
   result.certificate = CertificateText(certificate.get());
@@ -79,8 +80,8 @@ std::string EncryptKey(const std::string& key) {
 
 std::string HashedName(const std::string& certificate) {
   char name[16];
-  (void)std::snprintf(name, sizeof name, "%08lx.0",
-                      X509_subject_name_hash(ParseCertificate(certificate).get()));
+  static_cast<void>(std::snprintf(name, sizeof name, "%08lx.0",
+                                  X509_subject_name_hash(ParseCertificate(certificate).get())));
   return name;
 }
 

@@ -45,7 +45,7 @@ bool IsLibcurlLoaded() {
   return false;
 }
 
-size_t Append(char* data, size_t size, size_t count, void* out) {
+std::size_t Append(char* data, std::size_t size, std::size_t count, void* out) {
   static_cast<std::string*>(out)->append(data, size * count);
   return size * count;
 }

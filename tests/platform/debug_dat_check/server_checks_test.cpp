@@ -92,7 +92,7 @@ TEST(NotificationAddressCheckTest, HostIsTakenFromEveryForm) {
                                                         {"[2001:db8::1]:5", "2001:db8::1"},
                                                         {"unix:/run/notify", ""}}) {
     std::optional<Address> address;
-    (void)CheckNotificationAddress(url, address);
+    static_cast<void>(CheckNotificationAddress(url, address));
     ASSERT_TRUE(address) << url;
     EXPECT_EQ(address->host, host);
   }

@@ -123,8 +123,9 @@ TEST_F(ArchiveWriterTest, SecretsAreMaskedByTheRulesAndCounted) {
 TEST_F(ArchiveWriterTest, SecretAcrossBlocksIsMaskedAndNothingIsLost) {
   const RedactionRules rules(folder_ / "no-patterns");
   std::string text;
-  while (text.size() < 3'000'000)
+  while (text.size() < 3'000'000) {
     text += "an ordinary line of a log, number " + std::to_string(text.size()) + "\n";
+  }
   std::string expected = text;
   for (std::size_t at = 131'072 - 20; at < text.size(); at += 131'072 - 3) {
     text.replace(at, 26, "\npassword=hunter2-and-more");

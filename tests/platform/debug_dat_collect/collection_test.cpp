@@ -337,8 +337,9 @@ TEST_F(CollectionTest, CompressedFilesThatDoNotUnpackToTextAreLeftOutWithTheReas
 }
 
 TEST_F(CollectionTest, CompressedFilesOfAnArchiveUnpackToSoMuchTogether) {
-  for (const char* name : {"1", "2", "3"})
+  for (const char* name : {"1", "2", "3"}) {
     WriteText(data_ / name, Packed(Packing::kZstd, std::string(400'000, 'x')));
+  }
   limits_.unpacked_archive_bytes = 1'000'000;
   DescribePaths("demo", "*");
   const ArchiveContent archive = Collect(R"(["demo"])");
@@ -459,10 +460,12 @@ TEST_F(CollectionTest, WhatMustRemainFreeOnTheDeviceRemainsFree) {
     const std::string whole = ReadText(data_ / "a.log");
     if (left < kFreeBytes) return "only " + std::to_string(left) + " bytes are left";
     if (left > kFreeBytes + (30U << 20U)) return "as many as " + std::to_string(left) + " bytes are left";
-    if (a_log.size() < 1'000'000 || whole.substr(whole.size() - a_log.size()) != a_log)
+    if (a_log.size() < 1'000'000 || whole.substr(whole.size() - a_log.size()) != a_log) {
       return "not the log's end";
-    if (archive.ManifestJson()["entries"].size() != archive.entries.size() - 1)
+    }
+    if (archive.ManifestJson()["entries"].size() != archive.entries.size() - 1) {
       return "the manifest doesn't match";
+    }
     return "fine";
   });
   if (caller.Answer() == "no namespace") GTEST_SKIP() << "no private mounts here";
@@ -687,8 +690,9 @@ TEST_F(CollectionTest, MissingFileOfTheSystemIsALineInTheManifest) {
 
 TEST_F(CollectionTest, NamesInAnyEncodingGiveAValidArchiveAndManifest) {
   for (const char* name :
-       {"\xff\xfe", "line\nend", "100%", "quote\"token\":\"x\"", "gr\xc3\xbcn", "\x1b]0;title\x07"})
+       {"\xff\xfe", "line\nend", "100%", "quote\"token\":\"x\"", "gr\xc3\xbcn", "\x1b]0;title\x07"}) {
     WriteText(data_ / name, "x");
+  }
   fs::create_symlink("line\nend", data_ / "\x1b[2J\r\n\xc2\x9b");
   DescribePaths("demo", "*");
   const ArchiveContent archive = Collect(R"(["demo"])");
@@ -778,8 +782,9 @@ TEST_F(CollectionTest, OfFilesOfTheLargestSizeTheirEndIsTakenAndNothingElseRead)
 
 TEST_F(CollectionTest, ArchiveThatIsBeingWrittenIsNotTakenIntoItself) {
   Describe("demo", R"({"paths": [")" + paths_.state + R"("]})");
-  for (const std::string& name : Collect(R"(["demo"])").Names())
+  for (const std::string& name : Collect(R"(["demo"])").Names()) {
     EXPECT_THAT(name, Not(HasSubstr("debug.dat")));
+  }
 }
 
 TEST_F(CollectionTest, DeviceThatSomebodyFillsMeanwhileCostsWhatFollowsAndNothingThatWasTaken) {
@@ -796,8 +801,9 @@ TEST_F(CollectionTest, DeviceThatSomebodyFillsMeanwhileCostsWhatFollowsAndNothin
     if (!MountOwnTmpfs(paths_.state, "mode=0700,size=60m")) return "no namespace";
     const ArchiveContent archive = Collect(R"(["first", "second"])");
     if (archive.Of(InFiles("first", "1/a.log")) != log) return "the log is not whole";
-    if (archive.Record(InFiles("first", "1/a.log"))["sha256"].asString() != Sha256Of(log))
+    if (archive.Record(InFiles("first", "1/a.log"))["sha256"].asString() != Sha256Of(log)) {
       return "not its digest";
+    }
     if (archive.Has(InFiles("second", "2/c.log"))) return "the device was not full";
     fs::remove(fs::path(paths_.state) / "filler");
     const std::uint64_t used = fs::space(paths_.state).capacity - fs::space(paths_.state).free;
@@ -819,8 +825,9 @@ TEST_F(CollectionTest, UnderAFileSizeLimitTheEndThatFitsIsTaken) {
     LimitFileSize(6'000'000);
     const ArchiveContent archive = Collect(R"(["demo"])");
     const std::string taken = archive.Of(InFiles("demo", "a.log"));
-    if (taken.size() < 1'000'000 || log.substr(log.size() - taken.size()) != taken)
+    if (taken.size() < 1'000'000 || log.substr(log.size() - taken.size()) != taken) {
       return "not the log's end";
+    }
     std::string errors = std::to_string(fs::file_size(Task() / kArchiveFile) <= 6'000'000) + "\n";
     for (const std::string& error : archive.Errors()) errors += error + "\n";
     return errors;

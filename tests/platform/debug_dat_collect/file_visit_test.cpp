@@ -55,8 +55,9 @@ class FileVisitTest : public SupportLogTest, private FileVisitor {
 };
 
 TEST_F(FileVisitTest, MatchesAndFoldersAreVisitedInTheOrderOfTheirNames) {
-  for (const char* name : {"b.log", "a.log", "c.txt", "d.log/2", "d.log/1/x", "d.log/.hidden"})
+  for (const char* name : {"b.log", "a.log", "c.txt", "d.log/2", "d.log/1/x", "d.log/.hidden"}) {
     WriteText(data_ / name, "x");
+  }
   Visit("*.log");
   EXPECT_THAT(taken_, ElementsAre("a.log", "b.log", "d.log/.hidden", "d.log/1/x", "d.log/2"));
   EXPECT_THAT(left_out_, IsEmpty());
@@ -210,8 +211,9 @@ TEST_F(FileVisitTest, FolderWithTooManyNamesIsBounded) {
 }
 
 TEST_F(FileVisitTest, WildcardsAreTheShells) {
-  for (const char* name : {"a.log", "ab.log", "b.log", "[x]", "dir/a.log", "dir2/a.log", ".hidden"})
+  for (const char* name : {"a.log", "ab.log", "b.log", "[x]", "dir/a.log", "dir2/a.log", ".hidden"}) {
     WriteText(data_ / name, "x");
+  }
   const auto matches = [&](const char* pattern) {
     taken_.clear();
     Visit(pattern);

@@ -22,8 +22,9 @@ class ListingTest : public SupportLogTest {
   /// The entry whose name ends so; fails the test when there is none.
   [[nodiscard]] static ListedEntry Find(const Listing& listing, const std::string& end) {
     for (const ListedEntry& entry : listing.entries) {
-      if (entry.name.size() >= end.size() && entry.name.substr(entry.name.size() - end.size()) == end)
+      if (entry.name.size() >= end.size() && entry.name.substr(entry.name.size() - end.size()) == end) {
         return entry;
+      }
     }
     ADD_FAILURE() << "no entry " << end;
     return {};

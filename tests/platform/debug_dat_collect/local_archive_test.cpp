@@ -36,8 +36,9 @@ class LocalArchiveTest : public SupportLogTest {
   /// Names of what lies in the archive's folder.
   [[nodiscard]] std::vector<std::string> Beside() const {
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(out_.parent_path()))
+    for (const auto& entry : fs::directory_iterator(out_.parent_path())) {
       names.push_back(entry.path().filename());
+    }
     return names;
   }
 
@@ -146,8 +147,9 @@ TEST_F(LocalArchiveTest, DryRunGivesTheTerminalNoOrders) {
            R"({"paths": ["/no/\u001b]0;x\u0007"], "commands": [{"argv": ["echo", "\u001b[2J\u009b.\n"]}]})");
   ListContents(paths_, limits_, options_, printed_);
   EXPECT_THAT(printed_.str(), HasSubstr("(echo ?[2J?.?)\n"));
-  for (const char* order : {"\x1b", "\x07", "\x9b"})
+  for (const char* order : {"\x1b", "\x07", "\x9b"}) {
     EXPECT_THAT(printed_.str(), testing::Not(HasSubstr(order)));
+  }
 }
 
 TEST_F(LocalArchiveTest, DryRunTellsWhatWouldBeLeftOut) {

@@ -55,8 +55,9 @@ TEST(LowerPriorityTest, GivesWayInEveryRespectAndCommandsInheritIt) {
 }
 
 TEST(LowerPriorityTest, CountsForTheWholeSessionWhereSessionsAreGroups) {
-  if (ReadText("/proc/sys/kernel/sched_autogroup_enabled") != "1\n")
+  if (ReadText("/proc/sys/kernel/sched_autogroup_enabled") != "1\n") {
     GTEST_SKIP() << "no groups of sessions here";
+  }
   const CallerProcess process([] {
     LowerPriority();
     return ReadText("/proc/self/autogroup");

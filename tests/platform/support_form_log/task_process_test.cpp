@@ -47,9 +47,10 @@ class TaskProcessTest : public SupportLogTest {
       char target[4096];
       const ssize_t length =
           readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target));
-      if (length > 0)
+      if (length > 0) {
         text +=
             "fd " + std::to_string(fd) + " " + std::string(target, static_cast<std::size_t>(length)) + "\n";
+      }
     }
     text += ReadText("/proc/self/status");
     text += "cwd " + fs::read_symlink("/proc/self/cwd").string() + "\n";
@@ -149,8 +150,9 @@ TEST_F(TaskProcessTest, IsNobodysChildAndTheCallersMaskIsAsBefore) {
   EXPECT_EQ(errno, ECHILD);
   sigset_t after;
   sigprocmask(SIG_BLOCK, nullptr, &after);
-  for (int number = 1; number < NSIG; ++number)
+  for (int number = 1; number < NSIG; ++number) {
     EXPECT_EQ(sigismember(&before, number), sigismember(&after, number));
+  }
 }
 
 TEST_F(TaskProcessTest, HoldsTheLockAsLongAsItRuns) {

@@ -82,8 +82,9 @@ bool HasOpen(const fs::path& path) {
   if (stat(path.c_str(), &wanted) != 0) return false;
   for (int fd = 0; fd < 1024; ++fd) {
     struct stat status = {};
-    if (fstat(fd, &status) == 0 && status.st_dev == wanted.st_dev && status.st_ino == wanted.st_ino)
+    if (fstat(fd, &status) == 0 && status.st_dev == wanted.st_dev && status.st_ino == wanted.st_ino) {
       return true;
+    }
   }
   return false;
 }
@@ -93,8 +94,9 @@ constexpr uid_t kNobody = 65534;
 /// As the processes of an ordinary user are, whoever runs the test. What changed its user can't be traced.
 void BecomeOrdinaryUser() {
   if (geteuid() == 0 &&
-      (setresgid(kNobody, kNobody, kNobody) != 0 || setresuid(kNobody, kNobody, kNobody) != 0))
+      (setresgid(kNobody, kNobody, kNobody) != 0 || setresuid(kNobody, kNobody, kNobody) != 0)) {
     abort();
+  }
   if (prctl(PR_SET_DUMPABLE, 1) != 0) abort();
 }
 

@@ -87,7 +87,7 @@ class HttpServer {
   }
 
   static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char*, const char* method,
-                              const char*, const char* data, size_t* size, void** state) {
+                              const char*, const char* data, std::size_t* size, void** state) {
     auto& server = *static_cast<HttpServer*>(self);
     if (*state == nullptr) {
       *state = self;
@@ -245,11 +245,11 @@ TEST(CurlAnswerTest, OneThatExceedsTheLimitTogetherWithTheFormerAttemptsIsCutOff
 // ---- What else a server may send. ----
 
 void Send(int connection, const std::string& bytes) {
-  size_t sent = 0;
+  std::size_t sent = 0;
   while (sent < bytes.size()) {
     const ssize_t count = send(connection, &bytes[sent], bytes.size() - sent, MSG_NOSIGNAL);
     if (count <= 0) return;
-    sent += static_cast<size_t>(count);
+    sent += static_cast<std::size_t>(count);
   }
 }
 
@@ -280,9 +280,9 @@ class AnsweredBy {
   std::string out_;
 };
 
-std::string Repeated(const std::string& text, size_t times) {
+std::string Repeated(const std::string& text, std::size_t times) {
   std::string all;
-  for (size_t i = 0; i < times; ++i) all += text;
+  for (std::size_t i = 0; i < times; ++i) all += text;
   return all;
 }
 
@@ -300,7 +300,7 @@ TEST(CurlHeadTest, AsManyLinesAsTheLimitAreTakenAndOneMoreIsNot) {
 }
 
 TEST(CurlHeadTest, AsManyBytesAsTheLimitAreTakenAndOneMoreIsNot) {
-  const size_t others = kStatusLine.size() + std::string("A: \r\n\r\n").size();
+  const std::size_t others = kStatusLine.size() + std::string("A: \r\n\r\n").size();
   const std::string value(Internal::kMaxHeaderBytes - others, 'x');
   EXPECT_EQ(AnsweredBy(kStatusLine + "A: " + value + "\r\n\r\n").Attempt(), "good");
   EXPECT_THAT(AnsweredBy(kStatusLine + "A: " + value + "x\r\n\r\n").Attempt(), kTooMuchHead);
@@ -390,7 +390,7 @@ TEST(CurlHeadTest, OfTwoAddressesTriedAtOnceTheOneThatAnswersIsBounded) {
   sockaddr_in6 address{};
   address.sin6_family = AF_INET6;
   address.sin6_addr = in6addr_loopback;
-  address.sin6_port = htons(static_cast<uint16_t>(server.port()));
+  address.sin6_port = htons(static_cast<std::uint16_t>(server.port()));
   const Internal::ScopedFd silent(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (bind(silent.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
       listen(silent.get(), 1) != 0) {
@@ -415,7 +415,7 @@ TEST(CurlHeadTest, OfTwoAddressesTriedAtOnceTheOneThatAnswersIsBounded) {
 }
 
 /// A form with one part of this size.
-CurlHttpPost FormOf(size_t size) {
+CurlHttpPost FormOf(std::size_t size) {
   CurlHttpPost form;
   CurlHttpPostAdd(form, "debug_file", CURLFORM_COPYCONTENTS, std::string(size, 'x'));
   return form;
@@ -472,7 +472,7 @@ TEST(CurlUploadTest, AServerThatRefusesTheExpectationKeepsNoAttemptWaiting) {
 }
 
 /// More than the sockets' buffers hold: who reads nothing of it stops the client.
-constexpr size_t kMoreThanBuffersHold = 32UL << 20;
+constexpr std::size_t kMoreThanBuffersHold = 32UL << 20;
 constexpr char kRefusal[] = "HTTP/1.1 403 Forbidden\r\nContent-Length: 7\r\n\r\nrefused";
 
 TEST(CurlUploadTest, ARefusalIsHeardWhileTheBodyIsSentThoughTheServerReadsNoneOfIt) {
@@ -496,7 +496,7 @@ curl_socket_t OpenAndNoteSocket(void* noted, curlsocktype, curl_sockaddr* addres
 }
 
 /// libcurl calls it with the body, while the connection is there.
-size_t CheckLimits(char*, size_t, size_t count, void* noted) {
+std::size_t CheckLimits(char*, std::size_t, std::size_t count, void* noted) {
   const auto option = [socket = *static_cast<curl_socket_t*>(noted)](int level, int name) {
     int value = -1;
     socklen_t size = sizeof value;
@@ -535,7 +535,7 @@ int LimitShortly(void*, curl_socket_t socket, curlsocktype) {
 }
 
 /// Uploads with the limit shortened to kShortLimit.
-CURLcode FailureOfUpload(const std::string& url, size_t size, std::string* message = nullptr) {
+CURLcode FailureOfUpload(const std::string& url, std::size_t size, std::string* message = nullptr) {
   const CurlHttpPost form = FormOf(size);
   CurlHandle handle = NewHandle(url);
   std::string out;
@@ -834,8 +834,9 @@ TEST(CurlHttpPostAddTest, PartsArriveInOrderWithTheFilesContent) {
   EXPECT_EQ(server.method, "POST");
   std::vector<std::string> names;
   const std::string marker = "form-data; name=\"";
-  for (size_t at = server.body.find(marker); at != std::string::npos; at = server.body.find(marker, at + 1)) {
-    const size_t begin = at + marker.size();
+  for (std::size_t at = server.body.find(marker); at != std::string::npos;
+       at = server.body.find(marker, at + 1)) {
+    const std::size_t begin = at + marker.size();
     names.push_back(server.body.substr(begin, server.body.find('"', begin) - begin));
   }
   EXPECT_THAT(names, ElementsAre("debug_file", "serial_number", "debug_data_apps[0]"));

@@ -336,8 +336,8 @@ class LoggerStressTest : public LoggerTest {
 
   static void WriteLines(const std::string& name) {
     for (int i = 0; i < kLines; ++i) {
-      LoggerManager::instance_->Log(
-          LOG_ERR, name + " " + std::to_string(i) + " " + std::string(static_cast<size_t>(i % 100), 'x'));
+      LoggerManager::instance_->Log(LOG_ERR, name + " " + std::to_string(i) + " " +
+                                                 std::string(static_cast<std::size_t>(i % 100), 'x'));
     }
   }
 

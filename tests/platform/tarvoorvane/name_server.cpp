@@ -10,19 +10,19 @@ namespace TarvoOrvane::Testing {
 namespace {
 
 constexpr int kLookMs = 10;
-constexpr size_t kHeaderSize = 12;
+constexpr std::size_t kHeaderSize = 12;
 constexpr char kTypeA = 1;
 
 /// Where the question behind the header ends: labels up to an empty one, the type, the class; 0 if it does not.
-size_t EndOfQuestion(const std::string& message) {
-  const size_t name_end = message.find('\0', kHeaderSize);
-  const size_t end = name_end + 1 + 4;
+std::size_t EndOfQuestion(const std::string& message) {
+  const std::size_t name_end = message.find('\0', kHeaderSize);
+  const std::size_t end = name_end + 1 + 4;
   return name_end == std::string::npos || end > message.size() ? 0 : end;
 }
 
 /// The reply to a question: one address to one of type A, none to any other.
 std::string Reply(const std::string& message, uint32_t address) {
-  const size_t end = EndOfQuestion(message);
+  const std::size_t end = EndOfQuestion(message);
   if (end == 0) return {};
   const bool wants_address = message[end - 4] == 0 && message[end - 3] == kTypeA;
   std::string reply = message.substr(0, 2);                      // its number
@@ -71,7 +71,7 @@ void NameServer::AnswerOne() {
   if (length <= 0) return;
   ++questions_;
   if (address_ == 0) return;
-  const std::string reply = Reply({message, static_cast<size_t>(length)}, address_);
+  const std::string reply = Reply({message, static_cast<std::size_t>(length)}, address_);
   sendto(socket_.get(), reply.data(), reply.size(), 0, name, size);
 }
 

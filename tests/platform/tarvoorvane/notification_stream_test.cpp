@@ -98,7 +98,7 @@ TEST(NotificationStreamTest, DestroyedWhileItConnectsItLeavesNoConnectionToAServ
   ASSERT_NE(server.AwaitSession(), nullptr);
 
   const char settings[] = {0, 0, 0, 4, 0, 0, 0, 0, 0};
-  (void)send(connection.get(), settings, sizeof settings, MSG_NOSIGNAL);
+  static_cast<void>(send(connection.get(), settings, sizeof settings, MSG_NOSIGNAL));
   char bytes[256];
   ssize_t received = 0;
   do {

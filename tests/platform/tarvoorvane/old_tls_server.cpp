@@ -48,12 +48,12 @@ Context MakeContext(const TestCertificate& certificate) {
 /// The body of the greeting's list: a length byte, then two bytes a version.
 std::vector<int> OfferedVersions(SSL* ssl) {
   const unsigned char* list = nullptr;
-  size_t size = 0;
+  std::size_t size = 0;
   if (SSL_client_hello_get0_ext(ssl, TLSEXT_TYPE_supported_versions, &list, &size) != 1) {
     return {static_cast<int>(SSL_client_hello_get0_legacy_version(ssl))};
   }
   std::vector<int> versions;
-  for (size_t i = 1; i + 1 < size; i += 2) versions.push_back(list[i] << 8 | list[i + 1]);
+  for (std::size_t i = 1; i + 1 < size; i += 2) versions.push_back(list[i] << 8 | list[i + 1]);
   return versions;
 }
 

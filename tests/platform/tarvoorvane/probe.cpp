@@ -49,7 +49,7 @@ void Probe::Signal(int number) const { process_.Signal(number); }
 std::string Probe::Line(std::chrono::milliseconds limit) {
   const auto deadline = Clock::now() + limit;
   for (;;) {
-    if (const size_t end = buffer_.find('\n'); end != std::string::npos) {
+    if (const std::size_t end = buffer_.find('\n'); end != std::string::npos) {
       std::string line = buffer_.substr(0, end);
       buffer_.erase(0, end + 1);
       return line;
@@ -59,7 +59,7 @@ std::string Probe::Line(std::chrono::milliseconds limit) {
     char chunk[4096];
     const ssize_t size = read(from_[0].get(), chunk, sizeof chunk);
     if (size <= 0) return kNothing;
-    buffer_.append(chunk, static_cast<size_t>(size));
+    buffer_.append(chunk, static_cast<std::size_t>(size));
   }
 }
 

@@ -28,7 +28,7 @@ void Print(const std::string& line) { std::cout << line << std::endl; }
 void OnSignal(int number) {
   if (number == SIGTERM) g_stop.exchange(true);
   const char* line = number == SIGTERM ? "handler SIGTERM\n" : "handler SIGHUP\n";
-  (void)!write(STDOUT_FILENO, line, strlen(line));
+  static_cast<void>(!write(STDOUT_FILENO, line, strlen(line)));
 }
 
 void PrintStatus(const std::string& what, const CallStatus& status) {
@@ -57,7 +57,7 @@ void Send(int status) {
 long CountEntries(const char* folder) {
   long count = 0;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    (void)entry;
+    static_cast<void>(entry);
     ++count;
   }
   return count;
@@ -93,10 +93,10 @@ void PrintEnvironment() {
 bool Execute(const std::string& command, std::istringstream& arguments) {
   int number = 0;
   if (command == "handlers") {
-    (void)signal(SIGTERM, &OnSignal);
-    (void)signal(SIGHUP, &OnSignal);
+    static_cast<void>(signal(SIGTERM, &OnSignal));
+    static_cast<void>(signal(SIGHUP, &OnSignal));
   } else if (command == "ignore") {
-    (void)signal(SIGTERM, SIG_IGN);
+    static_cast<void>(signal(SIGTERM, SIG_IGN));
   } else if (command == "client") {
     std::string address;
     arguments >> address;
@@ -108,10 +108,10 @@ bool Execute(const std::string& command, std::istringstream& arguments) {
     arguments >> number;
     Send(number);
   } else if (command == "raise-and-receive") {
-    (void)raise(SIGTERM);
+    static_cast<void>(raise(SIGTERM));
     Receive();
   } else if (command == "raise") {
-    (void)raise(SIGTERM);
+    static_cast<void>(raise(SIGTERM));
   } else if (command == "block") {
     Mask(SIG_BLOCK);
   } else if (command == "unblock") {

@@ -23,7 +23,7 @@ class PrintingLogger final : public LoggerManager {
 
 void OnSignal(int number) {
   const char* line = number == SIGTERM ? "handler SIGTERM\n" : "handler SIGHUP\n";
-  (void)!write(STDOUT_FILENO, line, strlen(line));
+  static_cast<void>(!write(STDOUT_FILENO, line, strlen(line)));
 }
 
 }  // namespace
@@ -31,8 +31,8 @@ void OnSignal(int number) {
 int main() {
   PrintingLogger logger;
   LoggerManager::instance_ = &logger;
-  (void)signal(SIGTERM, &OnSignal);
-  (void)signal(SIGHUP, &OnSignal);
+  static_cast<void>(signal(SIGTERM, &OnSignal));
+  static_cast<void>(signal(SIGHUP, &OnSignal));
   std::string address;
   std::getline(std::cin, address);
   TicketClientOptions options;

@@ -65,26 +65,28 @@ inline std::string ReadHead(int connection) {
   while (text.find("\r\n\r\n") == std::string::npos) {
     const ssize_t size = read(connection, chunk, sizeof chunk);
     if (size <= 0) return {};
-    text.append(chunk, static_cast<size_t>(size));
+    text.append(chunk, static_cast<std::size_t>(size));
   }
   return text;
 }
 
 /// Reads the rest of the body of the request whose beginning ReadHead() returned.
 inline void ReadBody(int connection, const std::string& begin) {
-  const size_t body = begin.find("\r\n\r\n") + 4;
-  const size_t length_at = begin.find("Content-Length: ");
-  size_t left = std::strtoul(begin.c_str() + length_at + 16, nullptr, 10) - (begin.size() - body);
+  const std::size_t body = begin.find("\r\n\r\n") + 4;
+  const std::size_t length_at = begin.find("Content-Length: ");
+  std::size_t left = std::strtoul(begin.c_str() + length_at + 16, nullptr, 10) - (begin.size() - body);
   std::string chunk(1 << 16, '\0');
   while (left > 0) {
     const ssize_t size = read(connection, chunk.data(), chunk.size());
     if (size <= 0) return;
-    left -= static_cast<size_t>(size);
+    left -= static_cast<std::size_t>(size);
   }
 }
 
 inline constexpr char kAnswer[] = "HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nanswer";
 
-inline void WriteAnswer(int connection) { (void)!write(connection, kAnswer, sizeof kAnswer - 1); }
+inline void WriteAnswer(int connection) {
+  static_cast<void>(!write(connection, kAnswer, sizeof kAnswer - 1));
+}
 
 }  // namespace TarvoOrvane::Testing

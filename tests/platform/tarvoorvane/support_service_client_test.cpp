@@ -45,8 +45,9 @@ TEST(BinaryContractTest, LogStandsThirdInTheVirtualTable) {
 }
 
 template <typename Member, typename Record>
-size_t OffsetIn(const Record& record, const Member& member) {
-  return static_cast<size_t>(reinterpret_cast<const char*>(&member) - reinterpret_cast<const char*>(&record));
+std::size_t OffsetIn(const Record& record, const Member& member) {
+  return static_cast<std::size_t>(reinterpret_cast<const char*>(&member) -
+                                  reinterpret_cast<const char*>(&record));
 }
 
 unsigned char FirstByteOf(const Optional<std::string>& value) {

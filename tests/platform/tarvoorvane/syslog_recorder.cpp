@@ -14,7 +14,7 @@ std::vector<SyslogLine> g_lines;
 
 void Record(int level, const char* format, va_list arguments) {
   char text[4096];
-  (void)std::vsnprintf(text, sizeof text, format, arguments);
+  static_cast<void>(std::vsnprintf(text, sizeof text, format, arguments));
   const std::lock_guard<std::mutex> lock(g_mutex);
   g_lines.push_back({level, text});
 }

@@ -109,8 +109,9 @@ TEST_F(TicketClientTest, ManyTicketsOnOneStreamComeInOrder) {
   // More than the client queues, and each near the largest message, so that reading pauses and goes on.
   constexpr int kTickets = 40;
   const std::string padding(50'000, 'p');
-  for (int i = 0; i < kTickets; ++i)
+  for (int i = 0; i < kTickets; ++i) {
     session->Deliver(std::to_string(i), TicketJson(std::to_string(i) + padding));
+  }
   for (int i = 0; i < kTickets; ++i) {
     const auto result = i == 0 ? Received() : ReceiveInTime(client);
     ASSERT_EQ(Summary(result), std::to_string(i) + padding);
@@ -248,7 +249,7 @@ TEST_F(TicketClientTest, AStreamThatCostsTooMuchEndsAtOnceWithAFailureAndTheNext
   std::thread server([&] {
     for (int i = 0; i < 1'000'000 && !stop; ++i) {
       session->Deliver("bad", "no json");
-      if (i % 100 == 0) (void)session->AwaitAnswer(milliseconds(10));
+      if (i % 100 == 0) static_cast<void>(session->AwaitAnswer(milliseconds(10)));
     }
   });
   const auto failure = receive.Await();
@@ -634,7 +635,7 @@ std::set<int> LoggedPauses() {
   std::set<int> pauses;
   const std::string before = "it is opened again in ";
   for (const auto& line : Testing::TakeSyslogLines()) {
-    const size_t at = line.text.find(before);
+    const std::size_t at = line.text.find(before);
     if (at != std::string::npos) pauses.insert(std::stoi(line.text.substr(at + before.size())));
   }
   return pauses;

@@ -6,8 +6,8 @@
 namespace TarvoOrvane::Internal {
 namespace {
 
-void AddNumbered(TicketMemory& memory, size_t count) {
-  for (size_t i = 0; i < count; ++i) memory.Add("other-" + std::to_string(i));
+void AddNumbered(TicketMemory& memory, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) memory.Add("other-" + std::to_string(i));
 }
 
 TEST(TicketMemoryTest, ItContainsWhatWasAddedAndNothingElse) {

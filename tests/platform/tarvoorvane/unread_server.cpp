@@ -14,18 +14,18 @@ namespace TarvoOrvane::Testing {
 namespace {
 
 constexpr int kLookMs = 10;
-constexpr size_t kPrefaceSize = 24;
-constexpr size_t kFrameHeaderSize = 9;
+constexpr std::size_t kPrefaceSize = 24;
+constexpr std::size_t kFrameHeaderSize = 9;
 
 enum FrameType : unsigned char { kData = 0, kHeaders = 1, kSettings = 4, kGoAway = 7 };
 constexpr unsigned char kAck = 1;
 constexpr unsigned char kEndHeaders = 4;
 
-char Byte(size_t value) { return static_cast<char>(static_cast<unsigned char>(value & 0xff)); }
-unsigned char At(const std::string& text, size_t i) { return static_cast<unsigned char>(text[i]); }
+char Byte(std::size_t value) { return static_cast<char>(static_cast<unsigned char>(value & 0xff)); }
+unsigned char At(const std::string& text, std::size_t i) { return static_cast<unsigned char>(text[i]); }
 
 std::string Frame(FrameType type, unsigned char flags, unsigned char stream, const std::string& payload) {
-  const size_t size = payload.size();
+  const std::size_t size = payload.size();
   return std::string({Byte(size >> 16), Byte(size >> 8), Byte(size), Byte(type), Byte(flags), 0, 0, 0,
                       Byte(stream)}) +
          payload;
@@ -47,12 +47,12 @@ std::string DeliveryFrames(const std::string& ticket_json) {
   message.mutable_delivery()->set_ticket_id("id-1");
   message.mutable_delivery()->set_ticket_json(ticket_json);
   const std::string text = message.SerializeAsString();
-  const size_t size = text.size();
+  const std::size_t size = text.size();
   const std::string prefix = {0, Byte(size >> 24), Byte(size >> 16), Byte(size >> 8), Byte(size)};
   return HeadersFrame() + Frame(kData, 0, 1, prefix + text);
 }
 
-void Write(int fd, const std::string& text) { (void)!write(fd, text.data(), text.size()); }
+void Write(int fd, const std::string& text) { static_cast<void>(!write(fd, text.data(), text.size())); }
 
 }  // namespace
 
@@ -81,7 +81,7 @@ void UnreadServer::Run() {
   }
 }
 
-bool UnreadServer::ReadExactly(int fd, std::string& out, size_t size) const {
+bool UnreadServer::ReadExactly(int fd, std::string& out, std::size_t size) const {
   out.clear();
   while (out.size() < size && !stop_) {
     pollfd readable{fd, POLLIN, 0};
@@ -89,7 +89,7 @@ bool UnreadServer::ReadExactly(int fd, std::string& out, size_t size) const {
     char chunk[4096];
     const ssize_t count = read(fd, chunk, std::min(sizeof chunk, size - out.size()));
     if (count <= 0) return false;
-    out.append(chunk, static_cast<size_t>(count));
+    out.append(chunk, static_cast<std::size_t>(count));
   }
   return out.size() == size;
 }
@@ -101,7 +101,8 @@ void UnreadServer::Serve(int fd) const {
   std::string payload;
   if (!ReadExactly(fd, header, kPrefaceSize)) return;
   while (ReadExactly(fd, header, kFrameHeaderSize)) {
-    const size_t size = size_t{At(header, 0)} << 16 | size_t{At(header, 1)} << 8 | At(header, 2);
+    const std::size_t size =
+        std::size_t{At(header, 0)} << 16 | std::size_t{At(header, 1)} << 8 | At(header, 2);
     if (!ReadExactly(fd, payload, size)) return;
     if (At(header, 3) == kSettings && At(header, 4) != kAck) Write(fd, Frame(kSettings, kAck, 0, ""));
     if (At(header, 3) != kHeaders) continue;

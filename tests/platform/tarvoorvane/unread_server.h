@@ -28,7 +28,7 @@ class UnreadServer {
   UnreadServer(std::string reply, bool is_its_last);
   void Run();
   void Serve(int fd) const;
-  bool ReadExactly(int fd, std::string& out, size_t size) const;
+  bool ReadExactly(int fd, std::string& out, std::size_t size) const;
 
   const std::string reply_;  ///< The frames that are sent when a stream is opened.
   const bool is_its_last_;   ///< No more is sent on the connection then.

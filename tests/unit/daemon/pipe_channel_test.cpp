@@ -33,7 +33,7 @@ class PipeChannelTest : public DaemonTest {
   /// What write() returns once, and its errno; afterwards it takes everything. Counted in writes_.
   void ScriptWrite(ssize_t result, int error = 0) {
     writes_ = 0;
-    platform_.write = [this, result, error](int, const void*, size_t size) {
+    platform_.write = [this, result, error](int, const void*, std::size_t size) {
       errno = error;
       return ++writes_ == 1 ? result : static_cast<ssize_t>(size);
     };
@@ -129,7 +129,7 @@ TEST_F(PipeChannelTest, TextThatSnprintfFindsTooLongIsRefusedBeforeAnyWrite) {
 }
 
 TEST_F(PipeChannelTest, FrameIsWrittenByOneWriteToTheGivenDescriptor) {
-  platform_.write = [](int fd, const void*, size_t size) {
+  platform_.write = [](int fd, const void*, std::size_t size) {
     RecordCall("write(" + std::to_string(fd) + ", " + std::to_string(size) + ")");
     return static_cast<ssize_t>(size);
   };
@@ -174,7 +174,7 @@ TEST_F(PipeChannelTest, FailedWriteIsNotRepeatedWhateverItsError) {
 TEST_F(PipeChannelTest, InterruptedReadIsNotRepeated) {
   Put(worker_.fromWorkerWriteFd, "{}");
   int reads = 0;
-  platform_.read = [&reads](int fd, void* buffer, size_t size) {
+  platform_.read = [&reads](int fd, void* buffer, std::size_t size) {
     if (++reads > 1) return real::Read(fd, buffer, size);
     errno = EINTR;
     return ssize_t{-1};
@@ -327,7 +327,7 @@ TEST_F(PipeChannelTest, EndOfFileIsAShortRead) {
 
 TEST_F(PipeChannelTest, FailedReadIsLoggedWithItsNewlineOnBothLogPaths) {
   Put(worker_.fromWorkerWriteFd, "{}");
-  platform_.read = [](int, void*, size_t) {
+  platform_.read = [](int, void*, std::size_t) {
     errno = EIO;
     return ssize_t{-1};
   };
@@ -343,7 +343,7 @@ TEST_F(PipeChannelTest, FailedReadIsLoggedWithItsNewlineOnBothLogPaths) {
 
 TEST_F(PipeChannelTest, FrameIsReadByOneReadOfItsSize) {
   Put(worker_.fromWorkerWriteFd, "{}");
-  platform_.read = [](int fd, void* buffer, size_t size) {
+  platform_.read = [](int fd, void* buffer, std::size_t size) {
     RecordCall("read(" + std::to_string(fd) + ", " + std::to_string(size) + ")");
     return real::Read(fd, buffer, size);
   };

@@ -269,7 +269,7 @@ TEST_F(WorkerLoopTest, EachTicketNeedsTheCompletionOfTheOneBefore) {
 
 TEST_F(WorkerLoopTest, OfManyTicketsEachIsAdmittedByTheCompletionOfTheLastOneHandedOver) {
   bool write_fails = false;
-  platform_.write = [&](int fd, const void* data, size_t size) {
+  platform_.write = [&](int fd, const void* data, std::size_t size) {
     if (fd != worker_.fromWorkerWriteFd) return test_support::real::Write(fd, data, size);
     errno = EAGAIN;
     if (write_fails) return ssize_t{-1};
@@ -353,7 +353,7 @@ TEST_F(WorkerLoopTest, GoodCompletionAfterABadOneAdmitsTheNextTicket) {
 }
 
 TEST_F(WorkerLoopTest, TicketThatCannotBeWrittenIsRefusedWithoutAPauseAndNothingIsAwaited) {
-  platform_.write = [failed = false](int fd, const void* data, size_t size) mutable {
+  platform_.write = [failed = false](int fd, const void* data, std::size_t size) mutable {
     if (failed) return test_support::real::Write(fd, data, size);
     failed = true;
     errno = EAGAIN;
@@ -372,7 +372,7 @@ TEST_F(WorkerLoopTest, TicketThatCannotBeWrittenIsRefusedWithoutAPauseAndNothing
 }
 
 TEST_F(WorkerLoopTest, FailedWriteAfterACompletionLeavesNothingAwaited) {
-  platform_.write = [count = 0](int fd, const void* data, size_t size) mutable {
+  platform_.write = [count = 0](int fd, const void* data, std::size_t size) mutable {
     errno = EAGAIN;
     // The first frame and the test's own Completion pass.
     return ++count == 2 ? ssize_t{-1} : test_support::real::Write(fd, data, size);
@@ -519,7 +519,7 @@ TEST_F(WorkerLoopTest, ExceptionOfARefusalsSendHasOnePauseAndKeepsTheCompletionA
 
 TEST_F(WorkerLoopTest, ExceptionOfTheSendAfterAFailedWriteLeavesNothingAwaited) {
   SendThrowsAt(1);
-  platform_.write = [count = 0](int fd, const void* data, size_t size) mutable {
+  platform_.write = [count = 0](int fd, const void* data, std::size_t size) mutable {
     errno = EAGAIN;
     return ++count == 1 ? ssize_t{-1} : test_support::real::Write(fd, data, size);
   };
