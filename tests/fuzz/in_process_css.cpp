@@ -167,6 +167,12 @@ std::vector<std::string> InProcessCss::Post(const std::string& path, const std::
   return pieces;
 }
 
+bool InProcessCss::Takes(const std::string& path, const std::string& content_type, std::string_view body) {
+  const std::string answer = Send(Post(path, content_type, body));
+  Require(answer.rfind("HTTP/1.1 ", 0) == 0, "a request that is complete has an answer");
+  return answer.rfind("HTTP/1.1 200 ", 0) == 0;
+}
+
 TicketView InProcessCss::Ticket() const { return book_.Find(ticket_id_).value(); }
 
 void InProcessCss::CheckFiles() const {

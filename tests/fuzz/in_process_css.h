@@ -31,6 +31,10 @@ class InProcessCss {
   [[nodiscard]] std::vector<std::string> Post(const std::string& path, const std::string& content_type,
                                               std::string_view body) const;
 
+  /// Posts a body for the ticket, which has to have an answer.
+  /// @return whether it was taken.
+  [[nodiscard]] bool Takes(const std::string& path, const std::string& content_type, std::string_view body);
+
   /// What is known of the ticket.
   [[nodiscard]] TarvoOrvane::SupportService::TicketView Ticket() const;
 

@@ -79,9 +79,20 @@ void ReadBody(int fd, ReceivedRequest& request, std::size_t most) {
 }  // namespace
 
 Treatment HttpAnswer(const std::string& status, const std::string& body) {
+  return Sends(
+      {"HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body});
+}
+
+Treatment Sends(std::vector<std::string> pieces, Treatment::Ending ending) {
   Treatment treatment;
-  treatment.pieces = {"HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) +
-                      "\r\n\r\n" + body};
+  treatment.pieces = std::move(pieces);
+  treatment.ending = ending;
+  return treatment;
+}
+
+Treatment ResetsAfter(std::size_t body_bytes) {
+  Treatment treatment = Sends({}, Treatment::Ending::kReset);
+  treatment.body_bytes = body_bytes;
   return treatment;
 }
 

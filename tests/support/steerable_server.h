@@ -44,6 +44,12 @@ struct Treatment {
 /// An answer with `status` (such as "200 OK"), `body` and its length, in one piece.
 Treatment HttpAnswer(const std::string& status, const std::string& body);
 
+/// An answer of these bytes.
+Treatment Sends(std::vector<std::string> pieces, Treatment::Ending ending = Treatment::Ending::kClose);
+
+/// No answer but a reset, once so much of the body was read.
+Treatment ResetsAfter(std::size_t body_bytes);
+
 /// One request as it came over the wire.
 struct ReceivedRequest {
   std::string request_line;                                 ///< Without its line end.

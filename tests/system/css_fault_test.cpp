@@ -26,13 +26,6 @@ Treatment Answers(const std::string& body, const std::string& status = "200 OK")
   return HttpAnswer(status, body);
 }
 
-Treatment Sends(std::vector<std::string> pieces, Treatment::Ending ending = Treatment::Ending::kClose) {
-  Treatment treatment;
-  treatment.pieces = std::move(pieces);
-  treatment.ending = ending;
-  return treatment;
-}
-
 Treatment Silent() {
   Treatment treatment = Sends({}, Treatment::Ending::kKeepOpen);
   treatment.before_answer = LetAttemptTimeOut;
@@ -43,12 +36,6 @@ Treatment ReadsNothing() {
   Treatment treatment = Silent();
   treatment.says_continue = false;
   treatment.body_bytes = 0;
-  return treatment;
-}
-
-Treatment ResetsAfter(std::size_t body_bytes) {
-  Treatment treatment = Sends({}, Treatment::Ending::kReset);
-  treatment.body_bytes = body_bytes;
   return treatment;
 }
 

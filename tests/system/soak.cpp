@@ -75,19 +75,6 @@ struct CssFault {
   bool succeeds = false;
 };
 
-Treatment Sends(std::vector<std::string> pieces, Treatment::Ending ending = Treatment::Ending::kClose) {
-  Treatment treatment;
-  treatment.pieces = std::move(pieces);
-  treatment.ending = ending;
-  return treatment;
-}
-
-Treatment Resets(std::size_t body_bytes) {
-  Treatment treatment = Sends({}, Treatment::Ending::kReset);
-  treatment.body_bytes = body_bytes;
-  return treatment;
-}
-
 Treatment IsSilent() {
   Treatment treatment = Sends({}, Treatment::Ending::kKeepOpen);
   treatment.before_answer = LetAttemptTimeOut;
@@ -105,8 +92,8 @@ const std::vector<CssFault>& CssFaults() {
   static const std::string half = "HTTP/1.1 200 OK\r\nContent-Length: 17\r\n\r\n{\"suc";
   static const std::vector<CssFault> faults = {
       {"is silent", {IsSilent()}},
-      {"resets at once", {Resets(0)}},
-      {"resets within the body", {Resets(40)}},
+      {"resets at once", {ResetsAfter(0)}},
+      {"resets within the body", {ResetsAfter(40)}},
       {"closes", {Sends({})}},
       {"closes four times", {Sends({}), Sends({}), Sends({}), Sends({}), Succeeds()}, true},
       {"never says continue", {Succeeds(milliseconds(0), false)}, true},

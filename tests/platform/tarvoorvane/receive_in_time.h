@@ -55,4 +55,15 @@ FastSupport::ReceiveResult ReceiveInTime(Client& client) {
   return StartReceive(client).Await();
 }
 
+/// Has the client receive, and sends it a ticket on the stream that it opens, which then is over.
+template <typename Client>
+void ExpectTicket(ScriptedServer& server, Client& client) {
+  auto receive = StartReceive(client);
+  const auto session = server.AwaitSession();
+  ASSERT_NE(session, nullptr);
+  session->Deliver("id", TicketJson("t"));
+  EXPECT_EQ(Summary(receive.Await()), "t");
+  session->End(grpc::Status::OK);
+}
+
 }  // namespace TarvoOrvane::Testing

@@ -355,21 +355,13 @@ TEST(TicketClientConnectionTest, AnIpv6AddressWorks) {
   ScriptedServer server(options);
   if (server.port() <= 0) GTEST_SKIP() << "no IPv6 loopback here";
   FastSupportClient client("http://[::1]:" + std::to_string(server.port()));
-  auto receive = StartReceive(client);
-  const auto session = server.AwaitSession();
-  ASSERT_NE(session, nullptr);
-  session->Deliver("id", TicketJson("t"));
-  EXPECT_EQ(Summary(receive.Await()), "t");
+  Testing::ExpectTicket(server, client);
 }
 
 TEST(TicketClientConnectionTest, ANameIsLookedUp) {
   ScriptedServer server;
   FastSupportClient client("http://localhost:" + std::to_string(server.port()));
-  auto receive = StartReceive(client);
-  const auto session = server.AwaitSession();
-  ASSERT_NE(session, nullptr);
-  session->Deliver("id", TicketJson("t"));
-  EXPECT_EQ(Summary(receive.Await()), "t");
+  Testing::ExpectTicket(server, client);
 }
 
 TEST(TicketClientConnectionTest, AServerThatAcceptsButIsSilentFailsWithinTheConnectLimit) {

@@ -51,14 +51,7 @@ class TlsTest : public testing::Test {
   }
 
   /// Expects that the next Receive() of `client` brings the ticket that the server sends.
-  void ExpectTicket(TicketClient& client) {
-    auto receive = StartReceive(client);
-    const auto session = server_->AwaitSession();
-    ASSERT_NE(session, nullptr);
-    session->Deliver("id", TicketJson("t"));
-    EXPECT_EQ(Summary(receive.Await()), "t");
-    session->End(grpc::Status::OK);
-  }
+  void ExpectTicket(TicketClient& client) { Testing::ExpectTicket(*server_, client); }
   void ExpectNoSession() { EXPECT_EQ(server_->AwaitSession(milliseconds(100)), nullptr); }
 
   const test_support::TemporaryFolder folder_;
@@ -187,11 +180,7 @@ TEST_F(TlsTest, APlaintextAddressNeedsNoTlsFiles) {
   ScriptedServer plaintext;
   folder_.Write("ca.pem", "no certificate");
   TicketClient client(plaintext.url(), options_);
-  auto receive = StartReceive(client);
-  const auto session = plaintext.AwaitSession();
-  ASSERT_NE(session, nullptr);
-  session->Deliver("id", TicketJson("t"));
-  EXPECT_EQ(Summary(receive.Await()), "t");
+  Testing::ExpectTicket(plaintext, client);
 }
 
 TEST_F(TlsTest, NothingOlderThanTls12IsOffered) {

@@ -306,9 +306,8 @@ TEST_F(TransmitterWireTest, AnswerWithoutABodyIsUnparsable) {
 }
 
 TEST_F(TransmitterWireTest, ChunkedAnswerThatComesSlowlyIsPutTogether) {
-  Treatment answer;
-  answer.pieces = {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "5\r\n{\"suc\r\n",
-                   "6\r\ncess\":\r\n", "5\r\ntrue}\r\n", "0\r\n\r\n"};
+  Treatment answer = Sends({"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "5\r\n{\"suc\r\n",
+                            "6\r\ncess\":\r\n", "5\r\ntrue}\r\n", "0\r\n\r\n"});
   answer.pause_between = std::chrono::milliseconds(20);
   SteerableServer server({answer});
   UseServer(server.Url());
