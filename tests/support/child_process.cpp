@@ -9,7 +9,6 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -81,6 +80,18 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   for (std::string& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;
+}
+
+/// @return how many of the bytes came before the end or the deadline.
+std::size_t ReadInTime(int fd, void* bytes, std::size_t size) {
+  std::size_t have = 0;
+  pollfd wait = {fd, POLLIN, 0};
+  while (have < size && poll(&wait, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) == 1) {
+    const ssize_t count = read(fd, static_cast<char*>(bytes) + have, size - have);
+    if (count <= 0) break;
+    have += static_cast<std::size_t>(count);
+  }
+  return have;
 }
 
 void AddStream(posix_spawn_file_actions_t& actions, int fd, int as) {
@@ -158,7 +169,9 @@ CallerProcess::CallerProcess(const std::function<std::string()>& work,
     setsid();
     close(up[0]);
     close(down[1]);
-    const std::string answer = AnswerOf(work);
+    std::string answer = AnswerOf(work);
+    const std::size_t size = answer.size();  // goes first: what the code forked may keep the pipe open
+    answer.insert(0, reinterpret_cast<const char*>(&size), sizeof(size));
     const bool told = write(up[1], answer.data(), answer.size()) == static_cast<ssize_t>(answer.size());
     close(up[1]);
     char byte = 0;
@@ -167,12 +180,10 @@ CallerProcess::CallerProcess(const std::function<std::string()>& work,
   close(up[1]);
   close(down[0]);
   to_ = down[1];
-  pollfd wait = {up[0], POLLIN, 0};
-  std::array<char, 4096> buffer;
-  while (poll(&wait, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) == 1) {
-    const ssize_t count = read(up[0], buffer.data(), buffer.size());
-    if (count <= 0) break;
-    answer_.append(buffer.data(), static_cast<std::size_t>(count));
+  std::size_t size = 0;
+  if (ReadInTime(up[0], &size, sizeof(size)) == sizeof(size)) {
+    answer_.resize(size);
+    answer_.resize(ReadInTime(up[0], answer_.data(), size));
   }
   close(up[0]);
 }
