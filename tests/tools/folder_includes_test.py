@@ -36,7 +36,8 @@ def folder_of(path: Path, allowed: Includes) -> Optional[str]:
     """The innermost folder of the table that holds the file; nothing for a file of the system or the tests."""
     if "generated" in path.parts:
         return "proto/"
-    return max((name for name in allowed if path.is_relative_to(name)), key=len, default=None)
+    folders = [name for name in allowed if path.is_relative_to(name)]
+    return max(folders, key=len) if folders else None
 
 
 def included_files(root: Path, build: Path) -> dict[Path, set[Path]]:
