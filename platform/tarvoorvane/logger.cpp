@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <mutex>
 #include <system_error>
 #include <utility>
@@ -43,22 +44,47 @@ std::string Now() {
   return text;
 }
 
+/// Where the log file lies, and whose it may be beside the daemon's own.
+struct LogPlace {
+  std::string path;
+  uid_t owner = geteuid();
+};
+
+/// A daemon without root's rights can make no file in /var/log. So where root has put a link in the log file's place, it
+/// lies where that leads to: in a folder of that daemon's user. Any other link is refused when it is opened. The pid
+/// file's library has the same rule; device makers may replace either, so they share no code.
+LogPlace FollowRootsLink(const std::string& path) {
+  namespace fs = std::filesystem;
+  struct stat link {};
+  struct stat folder {};
+  const fs::path parent = fs::path(path).parent_path();
+  const bool is_roots = lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode) && link.st_uid == 0 &&
+                        stat(parent.c_str(), &folder) == 0 && folder.st_uid == 0 &&
+                        (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  std::error_code error;
+  const fs::path target = is_roots ? parent / fs::read_symlink(path, error) : fs::path();
+  if (!is_roots || error || stat(target.parent_path().c_str(), &folder) != 0) return {path};
+  return {target.string(), folder.st_uid};
+}
+
 /// Opens the log file for appending. Lines quote tickets, so nobody but the owner may read it. What somebody else may
 /// have put there is refused: a file of their own, or a second name of another file.
 /// @param fault  Why it can't be opened; untouched otherwise.
-ScopedFd OpenLogFile(const std::string& path, std::string& fault) {
-  ScopedFd file(open(path.c_str(),
+ScopedFd OpenLogFile(const LogPlace& place, std::string& fault) {
+  ScopedFd file(open(place.path.c_str(),
                      O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
   struct stat status {};
   if (!file || fstat(file.get(), &status) != 0) {
     fault = std::generic_category().message(errno);
     return ScopedFd();
   }
-  if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || status.st_nlink > 1) {
+  const bool is_ours = status.st_uid == geteuid() || status.st_uid == place.owner;
+  if (!S_ISREG(status.st_mode) || !is_ours || status.st_nlink > 1) {
     fault = "it is no file of the daemon's own with one name; remove it";
     return ScopedFd();
   }
-  if (fchmod(file.get(), 0600) != 0) {
+  const bool is_to_give = status.st_uid != place.owner;  // what root begins, the other goes on with
+  if (fchmod(file.get(), 0600) != 0 || (is_to_give && fchown(file.get(), place.owner, -1U) != 0)) {
     fault = std::generic_category().message(errno);
     return ScopedFd();
   }
@@ -108,12 +134,12 @@ std::size_t SizeOf(const ScopedFd& file) {
 
 /// The file to go on with: the one that `path` names, or a new one in the place of a full one.
 /// @return None when it can't be opened, or when it has twice the size that it may have and can't be renamed.
-ScopedFd OpenSuccessor(const std::string& path, std::size_t max_file_bytes) {
+ScopedFd OpenSuccessor(const LogPlace& place, std::size_t max_file_bytes) {
   std::string fault;
-  ScopedFd file = OpenLogFile(path, fault);
+  ScopedFd file = OpenLogFile(place, fault);
   if (SizeOf(file) < max_file_bytes) return file;
-  RenameFullFile(file, path, SizeOf(file) >= 2 * max_file_bytes);
-  ScopedFd next = OpenLogFile(path, fault);
+  RenameFullFile(file, place.path, SizeOf(file) >= 2 * max_file_bytes);
+  ScopedFd next = OpenLogFile(place, fault);
   return SizeOf(next) < 2 * max_file_bytes ? std::move(next) : ScopedFd();
 }
 
@@ -135,9 +161,9 @@ class FileLogger final : public Utils::LoggerManager {
   /// @param fault  Why it can't be opened.
   bool Open(const std::string& path, std::size_t max_file_bytes, std::string& fault) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    path_ = path;
+    place_ = FollowRootsLink(path);
     max_file_bytes_ = max_file_bytes;
-    const ScopedFd file = OpenLogFile(path, fault);
+    const ScopedFd file = OpenLogFile(place_, fault);
     const bool opened = file && Use(file);
     if (!opened) UseNothing();
     return opened;
@@ -145,7 +171,7 @@ class FileLogger final : public Utils::LoggerManager {
 
   void Close() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    path_.clear();
+    place_.path.clear();
     UseNothing();
   }
 
@@ -172,8 +198,8 @@ class FileLogger final : public Utils::LoggerManager {
   /// name, would fill the disk unseen.
   void Follow() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (path_.empty()) return;
-    const ScopedFd successor = OpenSuccessor(path_, max_file_bytes_);
+    if (place_.path.empty()) return;
+    const ScopedFd successor = OpenSuccessor(place_, max_file_bytes_);
     if (successor) {
       Use(successor);
     } else {
@@ -196,7 +222,7 @@ class FileLogger final : public Utils::LoggerManager {
 
   // Held for opening and renaming only. The one process that forks, the supervisor, has one thread.
   std::mutex mutex_;
-  std::string path_;  ///< Empty while closed.
+  LogPlace place_;  ///< Its path is empty while closed.
   std::atomic<std::size_t> max_file_bytes_{0};
   std::atomic<int> fd_{-1};
 };

@@ -23,7 +23,8 @@ struct LoggerOptions {
 inline constexpr std::size_t kMaxLineText = 1UL << 20;
 
 /// Sets LoggerManager::instance_ to the one logger object and (re)opens the log file while the flag file exists;
-/// clears it otherwise. The file is opened afresh each time, so a SIGHUP after a rotation suffices. A log file that
+/// clears it otherwise. The file is opened afresh each time, so a SIGHUP after a rotation suffices. In its place may be a
+/// link that none but root can have put there: the file lies where that leads to, and belongs to that folder's owner. A log file that
 /// can't be opened is told to syslog, which the lines then go to. One thread at a time; supervisor, worker and
 /// transmission child each call it for themselves.
 void ReconfigureLogger(const LoggerOptions& options);

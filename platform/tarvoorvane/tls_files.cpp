@@ -46,7 +46,8 @@ bool IsThere(const std::string& path) {
 std::optional<TlsFault> FaultOfFile(const std::string& path, int fd, mode_t forbidden) {
   struct stat status {};
   if (fstat(fd, &status) != 0) {
-    return TlsFault{path, "can't be read (" + ErrorText(errno) + ")", "put a readable file there"};
+    const int error = errno;
+    return TlsFault{path, "can't be read (" + ErrorText(error) + ")", "put a readable file there", error};
   }
   if (!S_ISREG(status.st_mode)) return TlsFault{path, "is no regular file", "put a PEM file there"};
   if (status.st_uid != 0 && status.st_uid != geteuid()) {
@@ -81,12 +82,15 @@ std::string ReadFile(const std::string& path, mode_t forbidden, Faults& faults) 
   const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   std::string text;
   if (!file) {
-    faults.push_back({path, "can't be opened (" + ErrorText(errno) + ")", "make it readable or remove it"});
+    const int error = errno;
+    faults.push_back(
+        {path, "can't be opened (" + ErrorText(error) + ")", "make it readable or remove it", error});
   } else if (auto fault = FaultOfFile(path, file.get(), forbidden)) {
     faults.push_back(*std::move(fault));
   } else if (!ReadAll(file.get(), text)) {
-    faults.push_back({path, "can't be read (" + ErrorText(errno) + ")",
-                      "put a PEM file of at most " + std::to_string(kMaxFileBytes) + " bytes there"});
+    const int error = errno;
+    faults.push_back({path, "can't be read (" + ErrorText(error) + ")",
+                      "put a PEM file of at most " + std::to_string(kMaxFileBytes) + " bytes there", error});
     text.clear();
   } else if (text.empty()) {
     faults.push_back({path, "is empty", "put a PEM file there or remove it"});

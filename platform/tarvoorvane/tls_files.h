@@ -22,6 +22,8 @@ struct TlsFault {
   std::string file;    ///< Its path.
   std::string what;    ///< What is wrong with it, to follow the path: "is empty".
   std::string advice;  ///< What to do, in the imperative: "put a PEM file there or remove it".
+  int error =
+      0;  ///< The errno value that `what` tells of; 0 where the fault is in what the file holds or is.
 };
 
 /// The fault on one line, as logs and error texts show it.

@@ -138,6 +138,17 @@ class TarvoCoreTest : public testing::Test {
   std::function<int()> Creation() {
     return [this] { return Create(); };
   }
+  /// A process of an ordinary user that has locked the pid file.
+  [[nodiscard]] Process AnotherUserWith(int (*lock)(const fs::path&)) {
+    return Process([this, lock] {
+      BecomeOrdinaryUser();
+      return lock(pid_file_);
+    });
+  }
+  void MakePidFile(mode_t mode) const {
+    WriteFile(pid_file_, "1\n");
+    fs::permissions(pid_file_, static_cast<fs::perms>(mode));
+  }
   /// Lets an ordinary user into the folder, and lets them write there.
   void LetOthersIn() const { fs::permissions(folder_, static_cast<fs::perms>(0777)); }
 
@@ -199,13 +210,9 @@ TEST_F(TarvoCoreTest, PidFileIsAFreshOneOfTheOwnersAlone) {
 }
 
 TEST_F(TarvoCoreTest, LocksOfOthersOnAPidFileThatTheyMightReadDoNotCount) {
-  WriteFile(pid_file_, "1\n");
-  fs::permissions(pid_file_, static_cast<fs::perms>(0644));
+  MakePidFile(0644);
   LetOthersIn();
-  const Process neighbour([this] {
-    BecomeOrdinaryUser();
-    return LockForReading(pid_file_);
-  });
+  const Process neighbour = AnotherUserWith(LockForReading);
   ASSERT_EQ(neighbour.Answer(), 0);
   Process first(Creation());
   EXPECT_EQ(first.Answer(), 0);
@@ -215,13 +222,9 @@ TEST_F(TarvoCoreTest, LocksOfOthersOnAPidFileThatTheyMightReadDoNotCount) {
 }
 
 TEST_F(TarvoCoreTest, WriteLockOnAFileOfAnotherUserOrOneThatOthersMayWriteToDoesNotCount) {
-  WriteFile(pid_file_, "1\n");
-  fs::permissions(pid_file_, static_cast<fs::perms>(0666));
+  MakePidFile(0666);
   LetOthersIn();
-  const Process neighbour([this] {
-    BecomeOrdinaryUser();
-    return LockForWriting(pid_file_);
-  });
+  const Process neighbour = AnotherUserWith(LockForWriting);
   ASSERT_EQ(neighbour.Answer(), 0);
   EXPECT_EQ(Process(Creation()).Answer(), 0);
 
@@ -229,10 +232,7 @@ TEST_F(TarvoCoreTest, WriteLockOnAFileOfAnotherUserOrOneThatOthersMayWriteToDoes
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   WriteFile(pid_file_, "1\n");
   ASSERT_EQ(chown(pid_file_.c_str(), kNobody, kNobody), 0);
-  const Process other([this] {
-    BecomeOrdinaryUser();
-    return LockForWriting(pid_file_);
-  });
+  const Process other = AnotherUserWith(LockForWriting);
   ASSERT_EQ(other.Answer(), 0);
   EXPECT_EQ(Process(Creation()).Answer(), 0);
 }
@@ -389,12 +389,46 @@ TEST_F(TarvoCoreTest, ForkedChildMayHoldAPidFileOfItsOwn) {
   EXPECT_EQ(daemon.Answer(), 0);
 }
 
-TEST_F(TarvoCoreTest, PidFileThatIsALinkIsRefusedAndItsTargetUntouched) {
+TEST_F(TarvoCoreTest, PidFileThatIsAnothersLinkIsRefusedAndItsTargetUntouched) {
   WriteFile(folder_ / "target", "precious");
   fs::create_symlink(folder_ / "target", pid_file_);
-  const Process daemon(Creation());
-  EXPECT_EQ(daemon.Answer(), -ELOOP);
+  const bool is_given = geteuid() != 0 || lchown(pid_file_.c_str(), kNobody, kNobody) == 0;
+  ASSERT_TRUE(is_given);
+  EXPECT_EQ(Process(Creation()).Answer(), -ELOOP);
   EXPECT_EQ(ReadFile(folder_ / "target"), "precious");
+}
+
+TEST_F(TarvoCoreTest, LinkInAFolderThatOthersMayWriteToIsRefused) {
+  fs::create_symlink(folder_ / "target", pid_file_);
+  fs::permissions(folder_, static_cast<fs::perms>(0777));
+  EXPECT_EQ(Process(Creation()).Answer(), -ELOOP);
+  EXPECT_FALSE(fs::exists(folder_ / "target"));
+}
+
+TEST_F(TarvoCoreTest, RootsLinkLeadsToThePidFileOfADaemonWithoutRootsRights) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can put the link there";
+  fs::permissions(folder_, static_cast<fs::perms>(0755));
+  const fs::path own = folder_ / "own";
+  fs::create_directory(own);
+  ASSERT_EQ(chown(own.c_str(), kNobody, kNobody), 0);
+  fs::create_symlink("own/daemon.pid", pid_file_);
+  const auto ordinary = [this] {
+    BecomeOrdinaryUser();
+    return Create();
+  };
+  for (int turn = 0; turn < 2; ++turn) {
+    Process daemon(ordinary);
+    ASSERT_EQ(daemon.Answer(), 0);
+    EXPECT_EQ(ReadFile(own / "daemon.pid"), std::to_string(daemon.pid()) + "\n");
+    EXPECT_TRUE(fs::is_symlink(pid_file_));
+    EXPECT_EQ(Process(Creation()).Answer(), -EAGAIN) << "root's daemon must see the other's lock";
+    daemon.EndBy(SIGKILL);
+
+    Process by_hand(Creation());
+    ASSERT_EQ(by_hand.Answer(), 0);
+    EXPECT_EQ(Process(ordinary).Answer(), -EAGAIN) << "the other must see the lock of root's daemon";
+    by_hand.EndBy(SIGKILL);
+  }
 }
 
 TEST_F(TarvoCoreTest, PidFileThatIsAPipeIsRefusedAtOnce) {

@@ -37,6 +37,8 @@ using Testing::TakeSyslogText;
 using testing::UnorderedElementsAre;
 using Utils::LoggerManager;
 
+constexpr uid_t kNobody = 65534;
+
 class LoggerTest : public testing::Test {
  protected:
   LoggerTest() { TakeSyslogLines(); }
@@ -49,6 +51,18 @@ class LoggerTest : public testing::Test {
   void TurnOff() {
     std::filesystem::remove(options_.flag_file);
     ReconfigureLogger(options_);
+  }
+
+  /// Locks the log file as somebody else would who has it open.
+  [[nodiscard]] ScopedFd LockAsAnother() const {
+    ScopedFd other(open(options_.log_file.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(flock(other.get(), LOCK_EX), 0);
+    return other;
+  }
+  void ExpectForItsOwnerAlone() const {
+    struct stat status {};
+    ASSERT_EQ(stat(options_.log_file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
   }
 
   test_support::TemporaryFolder folder_;
@@ -103,9 +117,7 @@ TEST_F(LoggerTest, TheLogFileIsForItsOwnerAloneAndIsAppendedTo) {
   TurnOn();
   LoggerManager::instance_->Log(LOG_ERR, "now");
   EXPECT_THAT(folder_.Read("log"), MatchesRegex("earlier\n.*now\n"));
-  struct stat status {};
-  ASSERT_EQ(stat(options_.log_file.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0600u);
+  ExpectForItsOwnerAlone();
 }
 
 TEST_F(LoggerTest, AReconfigurationFollowsARotatedLogFile) {
@@ -128,12 +140,14 @@ TEST_F(LoggerTest, ALogFileThatCannotBeOpenedLeavesLinesInSyslogAndSaysSo) {
   EXPECT_THAT(told[0].text, HasSubstr("log lines stay in syslog: No such file or directory"));
 }
 
-TEST_F(LoggerTest, AFifoOrALinkIsNoLogFile) {
+TEST_F(LoggerTest, AFifoOrAnothersLinkIsNoLogFile) {
   ASSERT_EQ(mkfifo(options_.log_file.c_str(), 0600), 0);
   TurnOn();
   EXPECT_EQ(LoggerManager::instance_, nullptr);
   std::filesystem::remove(options_.log_file);
   std::filesystem::create_symlink(folder_.File("elsewhere"), options_.log_file);
+  const bool is_given = geteuid() != 0 || lchown(options_.log_file.c_str(), kNobody, kNobody) == 0;
+  ASSERT_TRUE(is_given);
   ReconfigureLogger(options_);
   EXPECT_EQ(LoggerManager::instance_, nullptr);
   EXPECT_FALSE(std::filesystem::exists(folder_.File("elsewhere")));
@@ -151,12 +165,37 @@ void ExpectRefused(const std::string& content, const std::string& file) {
 
 TEST_F(LoggerTest, AFileOfAnotherUserIsNoLogFile) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
-  constexpr uid_t kNobody = 65534;
   folder_.Write("log", "theirs\n");
   ASSERT_EQ(chmod(options_.log_file.c_str(), 0644), 0);
   ASSERT_EQ(chown(options_.log_file.c_str(), kNobody, kNobody), 0);
   TurnOn();
   ExpectRefused(folder_.Read("log"), options_.log_file);
+}
+
+TEST_F(LoggerTest, RootsLinkLeadsToTheLogFileOfADaemonWithoutRootsRights) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can put the link there";
+  namespace fs = std::filesystem;
+  const fs::path own = folder_.path() / "own";
+  fs::permissions(folder_.path(), static_cast<fs::perms>(0755));
+  fs::create_directory(own);
+  ASSERT_EQ(chown(own.c_str(), kNobody, kNobody), 0);
+  fs::create_symlink("own/log", options_.log_file);
+  options_.max_file_bytes = 1;
+  folder_.Write("flag", "");
+  const auto write = [this](const char* text) {
+    ReconfigureLogger(options_);
+    if (LoggerManager::instance_ == nullptr) return false;
+    LoggerManager::instance_->Log(LOG_INFO, text);
+    return true;
+  };
+  EXPECT_TRUE(write("root's"));  // by hand, before
+  EXPECT_TRUE(InChild([&] { return setuid(kNobody) == 0 && write("the other's"); }));
+  EXPECT_TRUE(write("root's again"));
+  EXPECT_THAT(folder_.Read("own/log.1"), EndsWith("root's again\n"));
+  struct stat status {};
+  ASSERT_EQ(stat((own / "log.1").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, kNobody);
+  EXPECT_TRUE(fs::is_symlink(options_.log_file));
 }
 
 TEST_F(LoggerTest, ASecondNameOfAFileIsNoLogFile) {
@@ -198,9 +237,7 @@ TEST_F(LoggerTest, AFullFileThatCannotBeRenamedTakesNoMoreThanTwiceItsLimit) {
 TEST_F(LoggerTest, ALockThatANeighbourKeepsDoesNotLetTheFileGrow) {
   options_.max_file_bytes = 1000;
   TurnOn();
-  // They opened it when its mode let them.
-  const ScopedFd neighbour(open(options_.log_file.c_str(), O_RDONLY | O_CLOEXEC));
-  ASSERT_EQ(flock(neighbour.get(), LOCK_EX), 0);
+  const ScopedFd neighbour = LockAsAnother();  // they opened it when its mode let them
   for (int i = 0; i < 50; ++i) LoggerManager::instance_->Log(LOG_ERR, std::string(100, 'x'));
   EXPECT_LT(folder_.Read("log").size(), 2300u);
   EXPECT_LT(folder_.Read("log.1").size(), 2300u);
@@ -285,9 +322,7 @@ TEST_F(LoggerTest, AFullFileBecomesTheFormerOneInPlaceOfTheOneBefore) {
   EXPECT_EQ(folder_.Read("log"), "");
   LoggerManager::instance_->Log(LOG_ERR, "text");
   EXPECT_THAT(folder_.Read("log"), EndsWith(" error: text\n"));
-  struct stat status {};
-  ASSERT_EQ(stat(options_.log_file.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0600u);
+  ExpectForItsOwnerAlone();
 }
 
 TEST_F(LoggerTest, AFileThatIsNotFullYetIsKept) {
@@ -317,8 +352,7 @@ TEST_F(LoggerTest, AProcessFollowsTheRenamingOfAnother) {
 TEST_F(LoggerTest, AProcessThatHoldsTheLockDelaysTheRenamingAndNoLine) {
   options_.max_file_bytes = 1000;
   TurnOn();
-  const ScopedFd other(open(options_.log_file.c_str(), O_RDONLY | O_CLOEXEC));
-  ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+  const ScopedFd other = LockAsAnother();
   LoggerManager::instance_->Log(LOG_ERR, std::string(1000, 'x'));
   LoggerManager::instance_->Log(LOG_ERR, "text");
   EXPECT_THAT(folder_.Read("log"), EndsWith(" text\n"));

@@ -1,5 +1,5 @@
 /// Another maker's libtarvoorvane: tickets come out of a file, and there is a logger from the first
-/// ReconfigureByDebugFlag() on.
+/// ReconfigureByDebugFlag() on. The curl helpers are the template's.
 
 #include <unistd.h>
 
@@ -24,17 +24,6 @@ class FileLogger final : public TarvoOrvane::Utils::LoggerManager {
   }
 };
 
-std::size_t AppendChunk(char* data, std::size_t size, std::size_t count, void* out) {
-  static_cast<std::string*>(out)->append(data, size * count);
-  return size * count;
-}
-
-void Check(CURLcode code, const char* what) {
-  if (code != CURLE_OK) {
-    throw TarvoOrvane::Utils::CurlFailedException(code, what);
-  }
-}
-
 }  // namespace
 
 namespace TarvoOrvane::Utils {
@@ -45,39 +34,6 @@ void LoggerManager::ReconfigureByDebugFlag() {
   static FileLogger logger;
   RecordCall("ReconfigureByDebugFlag");
   instance_ = &logger;
-}
-
-void CurlSetupWriteToString(CurlHandle& handle, std::string& out) {
-  RecordCall("CurlSetupWriteToString");
-  Check(curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, &AppendChunk), "CURLOPT_WRITEFUNCTION");
-  Check(curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &out), "CURLOPT_WRITEDATA");
-}
-
-void CurlPerform(CurlHandle& handle) {
-  RecordCall("CurlPerform");
-  Check(curl_easy_perform(handle.get()), "curl_easy_perform");
-}
-
-void CurlSlistAppend(CurlHeaderList& list, const std::string& line) {
-  RecordCall("CurlSlistAppend");
-  curl_slist* const head = curl_slist_append(list.get(), line.c_str());
-  if (head == nullptr) {
-    throw std::bad_alloc();
-  }
-  static_cast<void>(list.release());
-  list.reset(head);
-}
-
-void CurlHttpPostAdd(CurlHttpPost& form, const std::string& name, const CURLformoption& option,
-                     const std::string& value) {
-  RecordCall("CurlHttpPostAdd");
-  curl_httppost* first = form.first.release();
-  const CURLFORMcode code =
-      curl_formadd(&first, &form.last, CURLFORM_COPYNAME, name.c_str(), option, value.c_str(), CURLFORM_END);
-  form.first.reset(first);
-  if (code != CURL_FORMADD_OK) {
-    throw CurlFormFailedException(code, "curl_formadd");
-  }
 }
 
 Optional<std::string> GetSerialNumber() {
