@@ -23,7 +23,7 @@ namespace {
 /// How soon a watcher that went away is noticed.
 constexpr std::chrono::milliseconds kWatchStep{250};
 /// How long the server waits at its end for clients to close their connections.
-constexpr std::chrono::milliseconds kShutdownLimit{250};
+constexpr std::chrono::milliseconds kWatchersShutdownLimit{250};
 /// Of an application's name and a serial number: more than a device takes of either.
 constexpr std::size_t kMaxNameBytes = 256;
 
@@ -84,7 +84,7 @@ ControlFront::ControlFront(TicketBook& book, std::string socket_path)
 
 ControlFront::~ControlFront() {
   book_.Close();  // first: a call that waits for the book would hold up the shutdown
-  server_->Shutdown(std::chrono::system_clock::now() + kShutdownLimit);
+  server_->Shutdown(std::chrono::system_clock::now() + kWatchersShutdownLimit);
   server_.reset();
   unlink(socket_path_.c_str());
 }

@@ -16,7 +16,7 @@ namespace {
 /// Far more than a Hello or an Answer needs.
 constexpr int kMaxMessageBytes = 64 * 1024;
 /// How long the server waits at its end for devices to close their connections; streams have ended before.
-constexpr std::chrono::milliseconds kShutdownLimit{250};
+constexpr std::chrono::milliseconds kDevicesShutdownLimit{250};
 
 grpc::Status StatusFor(const StreamEnd& end) {
   switch (end.reason) {
@@ -175,7 +175,7 @@ NotificationFront::~NotificationFront() {
   // The worker carries out the ends that Close() has ordered, and then ends itself.
   book_.Close();
   worker_.join();
-  server_->Shutdown(std::chrono::system_clock::now() + kShutdownLimit);
+  server_->Shutdown(std::chrono::system_clock::now() + kDevicesShutdownLimit);
   // Waits for every stream's OnDone, which uses this object.
   server_.reset();
 }

@@ -94,6 +94,7 @@ Parsed<ServiceSettings> ParseServiceOptions(int argc, const char* const* argv) {
   std::string data_folder = settings.data_folder.string();
   CLI::App app("A local support service: sends tickets to devices and receives their archives.",
                "support_service");
+  app.set_version_flag("--version", "support_service " DDT_VERSION);
   app.add_option("--grpc-address", settings.grpc_address,
                  "Where devices get tickets: HOST:PORT or unix:/path; port 0 is any free one")
       ->capture_default_str();
@@ -121,6 +122,7 @@ Parsed<TicketOptions> ParseTicketOptions(int argc, const char* const* argv) {
   bool list_tickets = false;
   bool list_devices = false;
   CLI::App app("Sends a support ticket through the local support service.", "ticket");
+  app.set_version_flag("--version", "ticket " DDT_VERSION);
   auto* apps_option = app.add_option(
       "--apps", apps, "Applications whose debug data is wanted, separated by commas; may be empty");
   auto* device_option =

@@ -100,6 +100,7 @@ std::optional<TicketView> TicketBook::Find(const std::string& ticket_id) const {
 std::vector<TicketView> TicketBook::Tickets() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   std::vector<TicketView> views;
+  views.reserve(tickets_.size());
   for (const Ticket& ticket : tickets_) views.push_back(ticket.view);
   return views;
 }

@@ -79,7 +79,7 @@ pid_t ParentOf(pid_t pid) {
 }  // namespace
 
 const char* SyslogRoleName(SyslogRole role) {
-  switch (role) {
+  switch (role) {  // and no table: the compiler tells which one has no name yet
     case SyslogRole::kSupervisor:
       return "supervisor";
     case SyslogRole::kWorker:

@@ -52,8 +52,8 @@ struct Device {
     static_cast<void>(folder.Write("descriptions/broken.json", "{"));
     paths.descriptions = home / "descriptions";
     paths.state = home / "state";
-    for (std::string* path :
-         {&paths.redaction, &paths.audit_log, &paths.proc, &paths.os_release, &paths.programs}) {
+    for (std::string* path : {&paths.socket, &paths.redaction, &paths.audit_log, &paths.proc,
+                              &paths.os_release, &paths.programs}) {
       *path = home / "absent";
     }
   }

@@ -13,6 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Where the shims, the other maker's library and the gated collection look while they run.
 constexpr char kPauseScale[] = "/run/sleep_shim/scale";
 constexpr char kPauseHold[] = "/run/sleep_shim/hold";
 constexpr char kCurlClock[] = "/run/curl_limit_shim/clock";
@@ -97,7 +98,6 @@ void FaultTest::SetUp() {
     return;
   }
   fs::remove_all("/run/fault_shim");
-  fs::create_directories(kVendorFolder);
   PauseShorter();
   DescribeApp("demo", {"true"});
   DescribeApp("gated", {"sh", "-c",

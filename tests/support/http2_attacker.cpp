@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "http2_frames.h"
-#include "loopback_socket.h"
 
 namespace hostile {
 namespace {
@@ -169,40 +168,25 @@ Http2Attacker::Http2Attacker(Http2Attack attack,
                              std::optional<TarvoOrvane::Testing::TestCertificate> certificate)
     : attack_(std::move(attack)),
       certificate_(std::move(certificate)),
-      listener_(ListenOnLoopback(port_)),
-      thread_([this] { Run(); }) {}
-
-Http2Attacker::~Http2Attacker() {
-  stop_ = true;
-  thread_.join();
-}
+      server_([this](int fd) { Serve(fd); }) {}
 
 std::string Http2Attacker::url() const {
-  return (certificate_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_);
+  return (certificate_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(server_.port());
 }
 
-void Http2Attacker::Run() {
-  while (!stop_) {
-    pollfd readable{listener_.get(), POLLIN, 0};
-    if (poll(&readable, 1, kLookMs) <= 0) continue;
-    const TarvoOrvane::Internal::ScopedFd connection(
-        accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!connection) continue;
-    ++connections_;
-    Attack(connection.get());
-    ++ends_;
-  }
+void Http2Attacker::Serve(int fd) {
+  ++connections_;
+  Attack(fd);
+  ++ends_;
 }
 
 void Http2Attacker::Attack(int fd) {
   std::unique_ptr<Link> link = std::make_unique<PlainLink>(fd);
   if (certificate_) {
-    const int flags = fcntl(fd, F_GETFL);
-    fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
     link = std::make_unique<TlsLink>(fd, *certificate_);
     if (!link->Open()) return;
-    fcntl(fd, F_SETFL, flags);
   }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
   const bool obeys = attack_.windows == Windows::kAreObeyed;
   Client client;
   std::string outgoing = Frame(kSettings, kNoFlags, kConnection, "");
@@ -212,7 +196,7 @@ void Http2Attacker::Attack(int fd) {
   bool attacking = false;
   bool exhausted = false;
   std::array<char, 65536> buffer{};
-  while (!stop_) {
+  while (!server_.is_stopping()) {
     const bool reads = !attacking || attack_.answers == Answers::kAreRead;
     const ssize_t count = reads ? link->Receive(buffer.data(), buffer.size()) : 0;
     if (count < 0) return;

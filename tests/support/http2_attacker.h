@@ -5,10 +5,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "http2_attacks.h"
-#include "scoped_fd.h"
+#include "loopback_server.h"
 #include "test_certificate.h"
 
 namespace hostile {
@@ -18,9 +17,6 @@ class Http2Attacker {
   /// @param certificate  TLS with this one; plaintext without.
   explicit Http2Attacker(Http2Attack attack,
                          std::optional<TarvoOrvane::Testing::TestCertificate> certificate = {});
-  ~Http2Attacker();
-  Http2Attacker(const Http2Attacker&) = delete;
-  Http2Attacker& operator=(const Http2Attacker&) = delete;
 
   [[nodiscard]] std::string url() const;
   /// How often somebody has connected, and how often such a connection was over.
@@ -30,18 +26,15 @@ class Http2Attacker {
   [[nodiscard]] std::uint64_t sent() const { return sent_; }
 
  private:
-  void Run();
+  void Serve(int fd);
   void Attack(int fd);
 
   const Http2Attack attack_;
   const std::optional<TarvoOrvane::Testing::TestCertificate> certificate_;
-  int port_ = 0;
-  TarvoOrvane::Internal::ScopedFd listener_;
-  std::atomic<bool> stop_{false};
   std::atomic<int> connections_{0};
   std::atomic<int> ends_{0};
   std::atomic<std::uint64_t> sent_{0};
-  std::thread thread_;
+  LoopbackServer server_;
 };
 
 }  // namespace hostile

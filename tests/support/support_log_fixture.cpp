@@ -39,6 +39,12 @@ void WriteText(const fs::path& path, const std::string& text) {
   ASSERT_TRUE(file.good()) << path;
 }
 
+unsigned ModeOf(const fs::path& path) {
+  struct stat status = {};
+  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+  return status.st_mode & 07777U;
+}
+
 void LimitFileSize(rlim_t bytes) {
   const rlimit limit = {bytes, bytes};
   if (signal(SIGXFSZ, SIG_IGN) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit) != 0) std::abort();
@@ -93,6 +99,13 @@ std::string RandomLetters(std::size_t count) {
   std::string text(count, ' ');
   for (char& c : text) c = kLetters[(random() >> 8U) % 64];
   return text;
+}
+
+std::string RandomBytes(std::size_t count) {
+  std::mt19937 random(1);
+  std::string bytes(count, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return bytes;
 }
 
 std::string LogWithPlantedSecrets() {
@@ -169,6 +182,7 @@ std::string ArchiveContent::Of(const std::string& name) const {
 
 std::vector<std::string> ArchiveContent::Names() const {
   std::vector<std::string> names;
+  names.reserve(entries.size());
   for (const auto& [entry, content] : entries) names.push_back(entry);
   return names;
 }
@@ -214,6 +228,7 @@ ArchiveContent ReadArchive(const fs::path& path) {
 
 SupportLogTest::SupportLogTest() {
   paths_.state = folder_ / "state" / "log";
+  paths_.socket = folder_ / "socket";
   paths_.descriptions = folder_ / "descriptions";
   paths_.redaction = folder_ / "redact";
   paths_.audit_log = folder_ / "audit.log";

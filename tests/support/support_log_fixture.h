@@ -29,6 +29,9 @@ using test_support::Eventually;
 [[nodiscard]] std::string ReadText(const fs::path& path);
 void WriteText(const fs::path& path, const std::string& text);
 
+/// The permissions of a file or folder; fails the test where there is none.
+[[nodiscard]] unsigned ModeOf(const fs::path& path);
+
 /// Lets this process write no file of more than so many bytes from now on; of 200 no archive can be made.
 void LimitFileSize(rlim_t bytes = 200);
 
@@ -45,6 +48,9 @@ void FillDevice(const fs::path& folder);
 
 /// Text in which no part comes again: it compresses by a quarter.
 [[nodiscard]] std::string RandomLetters(std::size_t count);
+
+/// What can't be compressed. The same in each run: some random bytes look like a secret, and are masked.
+[[nodiscard]] std::string RandomBytes(std::size_t count);
 
 /// What no archive may hold.
 inline constexpr const char* kPlantedSecret = "Pl4ntedS3cretx9QzAB";

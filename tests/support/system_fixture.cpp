@@ -42,7 +42,7 @@ void SystemTest::SetUp() {
   // Everything below replaces files of the device's.
   ASSERT_EQ(access(kSandboxMark, F_OK), 0) << "run this through tools/sandbox";
   RemoveFormerTraces();
-  fs::create_directories(kTestFolder);
+  for (const char* folder : {kTestFolder, "/run/vendor", "/run/sleep_shim"}) fs::create_directories(folder);
   const rlimit no_core = {0, 0};
   setrlimit(RLIMIT_CORE, &no_core);
   // A collection writes there that its session comes last. Beside busy processes it would then hardly run at all.

@@ -46,7 +46,6 @@ void TransmissionTest::SetUp() {
     return;
   }
   PauseShorter(20);
-  std::filesystem::create_directories("/run/vendor");
   ASSERT_NO_FATAL_FAILURE(StartService());
 }
 

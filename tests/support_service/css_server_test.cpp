@@ -159,6 +159,23 @@ TEST_F(CssServerTest, WrongTokenWithABodySentAtOnceGetsItsAnswer) {
   ExpectRefusal(Report("wrong", "{}"), 401);
 }
 
+TEST_F(CssServerTest, OfARefusedBodyTwoMebibytesAreReadAndWithMoreTheConnectionEnds) {
+  Start();
+  const std::string head =
+      "POST /orvane/ps_files HTTP/1.1\r\nHost: test\r\nConnection: close\r\nTransfer-Encoding: "
+      "chunked\r\n\r\n";
+  const std::string most(std::size_t{2} << 20U, 'x');
+  const auto answer_to = [&](const std::string& size, const std::string& body) {
+    RawHttp http(service().css_url());
+    http.Send(head + size + "\r\n" + body);
+    EXPECT_TRUE(http.AwaitRead());
+    http.Send("\r\n0\r\n\r\n");
+    return http.ReadToEnd();
+  };
+  EXPECT_THAT(answer_to("200000", most), HasSubstr("HTTP/1.1 401"));
+  EXPECT_EQ(answer_to("200001", most + "x"), "");
+}
+
 TEST_F(CssServerTest, TokenOfATicketThatWasNeverDeliveredIsUnknown) {
   Start();
   book().CreateTicket({"a"}, "");
@@ -349,6 +366,7 @@ TEST_F(CssServerTest, UploadsAtTheSameTimeDoNotMix) {
     WriteFile(files.back(), std::string(1500000, static_cast<char>('a' + i)));
   }
   std::vector<std::thread> uploads;
+  uploads.reserve(tickets.size());
   for (std::size_t i = 0; i < tickets.size(); ++i) {
     uploads.emplace_back([&, i] { EXPECT_EQ(Upload(tickets[i].token, files[i]).status, 200); });
   }

@@ -1,10 +1,14 @@
 #include "listen_address.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <set>
 #include <stdexcept>
 
+#include "child_process.h"
 #include "service_fixture.h"
 
 namespace TarvoOrvane::SupportService {
@@ -55,6 +59,23 @@ TEST(ListenAddressTest, AddressInUseIsToldWithItsCause) {
   }
   close(fd);
   EXPECT_NO_THROW(CheckFree(taken));
+}
+
+TEST(ListenAddressTest, UnixSocketIsFreeWhereNobodyServesItAndTheLookLeavesNothingOpen) {
+  const test_support::TemporaryFolder folder;
+  const ListenAddress address = ParseListenAddress("unix:" + folder.File("socket"), true);
+  sockaddr_un name{};
+  name.sun_family = AF_UNIX;
+  address.unix_path.copy(static_cast<char*>(name.sun_path), sizeof(name.sun_path) - 1);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&name), sizeof(name)), 0);
+  const std::set<int> open_before = test_support::OpenDescriptors(getpid());
+  EXPECT_NO_THROW(CheckFree(address)) << "what a service that crashed has left";
+  ASSERT_EQ(listen(fd, 1), 0);
+  EXPECT_THROW(CheckFree(address), std::runtime_error);
+  EXPECT_NO_THROW(CheckFree(ParseListenAddress("127.0.0.1:0", false)));
+  EXPECT_EQ(test_support::OpenDescriptors(getpid()), open_before);
+  close(fd);
 }
 
 TEST(ListenAddressTest, UnixTargetEscapesWhatHasAMeaningInAnAddress) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include "service_fixture.h"
 
@@ -19,6 +20,13 @@ class NotificationServiceTest : public ServiceTest {
  protected:
   std::string WaitForState(const std::string& id, TicketState state) {
     return Eventually([&] { return StateOf(id) == state; }) ? "" : ToText(StateOf(id));
+  }
+  /// Waits for the stream's end, which has this status.
+  static void ExpectEnd(ScriptedDevice& device, grpc::StatusCode code, const std::string& part_of_text) {
+    const auto end = device.End();
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->error_code(), code);
+    EXPECT_THAT(end->error_message(), HasSubstr(part_of_text));
   }
 };
 
@@ -42,6 +50,21 @@ TEST_F(NotificationServiceTest, StreamIsOpenBeforeTheFirstTicket) {
   ScriptedDevice device(service().grpc_url());
   device.Hello("SN1");  // expects the service's initial metadata
   EXPECT_TRUE(Eventually([&] { return book().Devices().size() == 1; }));
+}
+
+TEST_F(NotificationServiceTest, PortIsSharedWithNoOtherService) {
+  Start();
+  unsigned listening = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    int listens = 0;
+    int shared = 0;
+    socklen_t size = sizeof(int);
+    if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0 || listens == 0) continue;
+    ++listening;
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &shared, &size), 0);
+    EXPECT_EQ(shared, 0);
+  }
+  EXPECT_GE(listening, 2U);  // gRPC's and HTTP's
 }
 
 TEST_F(NotificationServiceTest, UnansweredTicketIsDeliveredAgainOnTheNextStreamUnderTheSameId) {
@@ -122,10 +145,7 @@ TEST_F(NotificationServiceTest, NewStreamOfADeviceEndsItsOldOne) {
   old_stream.Hello("SN1");
   ScriptedDevice new_stream(service().grpc_url());
   new_stream.Hello("SN1");
-  const auto end = old_stream.End();
-  ASSERT_TRUE(end);
-  EXPECT_EQ(end->error_code(), grpc::StatusCode::ABORTED);
-  EXPECT_THAT(end->error_message(), HasSubstr("newer stream"));
+  ExpectEnd(old_stream, grpc::StatusCode::ABORTED, "newer stream");
   book().CreateTicket({"a"}, "SN1");
   EXPECT_TRUE(new_stream.Next());
 }
@@ -134,20 +154,14 @@ TEST_F(NotificationServiceTest, MissingHelloEndsTheStreamWithAClearStatus) {
   settings_.tickets.hello_limit = milliseconds(100);
   Start();
   ScriptedDevice device(service().grpc_url());
-  const auto end = device.End();
-  ASSERT_TRUE(end);
-  EXPECT_EQ(end->error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
-  EXPECT_THAT(end->error_message(), HasSubstr("no hello within 100 ms"));
+  ExpectEnd(device, grpc::StatusCode::DEADLINE_EXCEEDED, "no hello within 100 ms");
 }
 
 TEST_F(NotificationServiceTest, UnknownProtocolEndsTheStreamWithAClearStatus) {
   Start();
   ScriptedDevice device(service().grpc_url());
   device.Hello("SN1", 2);
-  const auto end = device.End();
-  ASSERT_TRUE(end);
-  EXPECT_EQ(end->error_code(), grpc::StatusCode::FAILED_PRECONDITION);
-  EXPECT_THAT(end->error_message(), HasSubstr("protocol 2"));
+  ExpectEnd(device, grpc::StatusCode::FAILED_PRECONDITION, "protocol 2");
 }
 
 TEST_F(NotificationServiceTest, EmptyMessageEndsTheStream) {
@@ -222,10 +236,7 @@ TEST_F(NotificationServiceTest, ShutdownEndsOpenStreamsWithAClearStatus) {
   ScriptedDevice silent(service().grpc_url());
   ASSERT_TRUE(Eventually([&] { return book().Devices().size() == 1; }));
   service_.reset();
-  const auto end = device.End();
-  ASSERT_TRUE(end);
-  EXPECT_EQ(end->error_code(), grpc::StatusCode::UNAVAILABLE);
-  EXPECT_THAT(end->error_message(), HasSubstr("shuts down"));
+  ExpectEnd(device, grpc::StatusCode::UNAVAILABLE, "shuts down");
   EXPECT_TRUE(silent.End());
 }
 

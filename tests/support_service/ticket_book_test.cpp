@@ -33,6 +33,18 @@ class TicketBookTest : public ::testing::Test {
     return work.deliveries.empty() ? Delivery{} : work.deliveries.front();
   }
 
+  /// A ticket that device SN1 has and not answered.
+  struct Delivered {
+    StreamId stream;
+    std::string id;
+  };
+  Delivered Deliver() {
+    const StreamId stream = Connect("SN1");
+    const std::string id = book_.CreateTicket({"a"}, "");
+    TakeDelivery();
+    return {stream, id};
+  }
+
   bool NothingDue() {
     const Work work = book_.TakeWork();
     return work.deliveries.empty() && work.ends.empty();
@@ -117,9 +129,7 @@ TEST_F(TicketBookTest, WithoutAnAddresseeTheFirstConnectedDeviceGetsIt) {
 }
 
 TEST_F(TicketBookTest, AcceptedTicketIsNotDeliveredAgain) {
-  const StreamId stream = Connect("SN1");
-  const std::string id = book_.CreateTicket({"a"}, "");
-  TakeDelivery();
+  const auto [stream, id] = Deliver();
   book_.Answer(stream, id, true, "");
   EXPECT_EQ(StateOf(id), TicketState::kAccepted);
   book_.CloseStream(stream);
@@ -147,9 +157,7 @@ TEST_F(TicketBookTest, UnansweredTicketIsDeliveredOnTheDevicesNextStreamUnderThe
 }
 
 TEST_F(TicketBookTest, RejectedTicketIsRetriedAfterThePauseAndNotBefore) {
-  const StreamId stream = Connect("SN1");
-  const std::string id = book_.CreateTicket({"a"}, "");
-  TakeDelivery();
+  const auto [stream, id] = Deliver();
   book_.Answer(stream, id, false, "busy");
   EXPECT_EQ(StateOf(id), TicketState::kRejected);
   EXPECT_TRUE(events_.Has("answered: rejected, reason \"busy\", again in 5 s"));
@@ -163,9 +171,7 @@ TEST_F(TicketBookTest, RejectedTicketIsRetriedAfterThePauseAndNotBefore) {
 }
 
 TEST_F(TicketBookTest, RejectedTicketOfALostDeviceWaitsForItsNextStream) {
-  const StreamId stream = Connect("SN1");
-  const std::string id = book_.CreateTicket({"a"}, "");
-  TakeDelivery();
+  const auto [stream, id] = Deliver();
   book_.Answer(stream, id, false, "");
   book_.CloseStream(stream);
   now_ += seconds(60);
@@ -286,9 +292,7 @@ TEST_F(TicketBookTest, TokenIsKnownOnlyOnceItWasHandedOut) {
 }
 
 TEST_F(TicketBookTest, UploadAndReportMoveTheTicketToItsEnd) {
-  const StreamId stream = Connect("SN1");
-  const std::string id = book_.CreateTicket({"a"}, "");
-  TakeDelivery();
+  const auto [stream, id] = Deliver();
   book_.Answer(stream, id, true, "");
   book_.RecordUpload(id, {3, "abc", "SN1", {"a"}, {}});
   book_.RecordReport(id, {"Success", "SN1", {}});
@@ -299,9 +303,7 @@ TEST_F(TicketBookTest, UploadAndReportMoveTheTicketToItsEnd) {
 }
 
 TEST_F(TicketBookTest, UploadThatOvertakesTheAnswerCountsAndIsNotUndoneByIt) {
-  const StreamId stream = Connect("SN1");
-  const std::string id = book_.CreateTicket({"a"}, "");
-  TakeDelivery();
+  const auto [stream, id] = Deliver();
   book_.RecordUpload(id, {});
   book_.Answer(stream, id, true, "");
   EXPECT_EQ(StateOf(id), TicketState::kUploaded);
@@ -309,9 +311,7 @@ TEST_F(TicketBookTest, UploadThatOvertakesTheAnswerCountsAndIsNotUndoneByIt) {
 }
 
 TEST_F(TicketBookTest, ReportedTicketWithoutAnswerIsNotDeliveredAgain) {
-  const StreamId stream = Connect("SN1");
-  const std::string id = book_.CreateTicket({"a"}, "");
-  TakeDelivery();
+  const auto [stream, id] = Deliver();
   book_.RecordReport(id, {"Failed to generate debug file", "", {}});
   book_.CloseStream(stream);
   Connect("SN1");
@@ -320,9 +320,7 @@ TEST_F(TicketBookTest, ReportedTicketWithoutAnswerIsNotDeliveredAgain) {
 }
 
 TEST_F(TicketBookTest, ReportEndsTheRetriesOfARejectedTicket) {
-  const StreamId stream = Connect("SN1");
-  const std::string id = book_.CreateTicket({"a"}, "");
-  TakeDelivery();
+  const auto [stream, id] = Deliver();
   book_.Answer(stream, id, false, "busy with this very ticket");
   book_.RecordReport(id, {"Success", "", {}});
   now_ += seconds(60);
@@ -330,9 +328,7 @@ TEST_F(TicketBookTest, ReportEndsTheRetriesOfARejectedTicket) {
 }
 
 TEST_F(TicketBookTest, UploadAfterTheReportLeavesItReported) {
-  Connect("SN1");
-  const std::string id = book_.CreateTicket({"a"}, "");
-  TakeDelivery();
+  const std::string id = Deliver().id;
   book_.RecordReport(id, {"Success", "", {}});
   book_.RecordUpload(id, {7, "abc", "", {}, {}});
   EXPECT_EQ(StateOf(id), TicketState::kReported);

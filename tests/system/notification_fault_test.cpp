@@ -11,11 +11,11 @@
 #include <stdexcept>
 #include <thread>
 
-#include "answerless_server.h"
 #include "fault_fixture.h"
 #include "http2_attacker.h"
 #include "scripted_server.h"
 #include "test_certificate.h"
+#include "unread_server.h"
 
 namespace {
 
@@ -27,6 +27,7 @@ using TarvoOrvane::Testing::ScriptedServer;
 using TarvoOrvane::Testing::ServerOptions;
 using TarvoOrvane::Testing::Session;
 using TarvoOrvane::Testing::TestCertificate;
+using TarvoOrvane::Testing::UnreadServer;
 using testing::AnyOf;
 using testing::SizeIs;
 
@@ -417,7 +418,7 @@ TEST_F(NotificationFaultTest, StreamThatStoodForAMinuteIsOpenedAgainWithoutAPaus
 }
 
 TEST_F(NotificationFaultTest, TicketWhoseStreamDiesBeforeItsAnswerIsAcceptedAgainAndNotWorkedOnTwice) {
-  const AnswerlessServer answerless;  // its ticket's id is ticket-1
+  const UnreadServer answerless(UnreadServer::Act::kDeliversAfterHello, "ticket-1", TicketJson("the-token"));
   ScriptedServer good;
   FaultProxy link(PortOf(answerless.Url()));
   StartDaemonFor(link.Url(), WithInstantCollection());

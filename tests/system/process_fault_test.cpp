@@ -89,6 +89,17 @@ class ProcessFaultTest : public FaultTest {
     }
   }
 
+  /// Restarts the daemon, which then serves this ticket and no other.
+  void ExpectARestartServes(const std::string& ticket) {
+    const std::size_t results = Results().size();
+    RestartDaemon();
+    EXPECT_TRUE(WaitForTicket(ticket, "answered: accepted")) << WholeLog();
+    EXPECT_TRUE(Logs(supervisor_, kSupervisorTakesTicket + kSupervisorNotifies));
+    EXPECT_EQ(Results().size(), results + 1);
+    EXPECT_EQ(Results().back(), "Success");
+    ExpectNothingIsLeft();
+  }
+
   /// Starts the service, where Reach() has not, for a worker that is about to try again or to be restarted.
   void EnsureService() {
     if (!service_) {
@@ -233,15 +244,11 @@ TEST_P(WorkerKilledTest, IsMetByTheSupervisorAsDesignedAndARestartServesTheNextT
   ASSERT_NO_FATAL_FAILURE(EnsureService());
   const std::string waiting = SendTicket("demo");
   EXPECT_THAT(TicketEvents(waiting), testing::Not(testing::HasSubstr("answered")));
-  const std::size_t results = Results().size();
-  RestartDaemon();
-  EXPECT_TRUE(WaitForTicket(waiting, "answered: accepted")) << WholeLog();
-  EXPECT_TRUE(Logs(supervisor_, kSupervisorTakesTicket + kSupervisorNotifies));
-  EXPECT_EQ(Results().size(), results + 1);
-  EXPECT_EQ(Results().back(), "Success");
-  ExpectNothingIsLeft();
+  ExpectARestartServes(waiting);
 }
 
+// The rows are as in the supervisor's table below, and apart from it: what each process is killed in, and what becomes
+// of the other.
 INSTANTIATE_TEST_SUITE_P(
     Processes, WorkerKilledTest,
     testing::Values(WorkerRow{"Idle", State::kIdle, SupervisorEnd::kReadsEndOfFileForEver},
@@ -325,13 +332,7 @@ TEST_P(SupervisorKilledTest, IsMetByTheWorkerAsDesignedAndARestartServesTheTicke
     EXPECT_TRUE(WaitForTicket(ticket_, "answered: rejected")) << WholeLog();
   }
 
-  const std::size_t results = Results().size();
-  RestartDaemon();
-  EXPECT_TRUE(WaitForTicket(ticket_, "answered: accepted")) << WholeLog();
-  EXPECT_TRUE(Logs(supervisor_, kSupervisorTakesTicket + kSupervisorNotifies));
-  EXPECT_EQ(Results().size(), results + 1);
-  EXPECT_EQ(Results().back(), "Success");
-  ExpectNothingIsLeft();
+  ExpectARestartServes(ticket_);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -44,10 +44,12 @@ constexpr std::size_t kActionsBetweenRestarts = 250;
 constexpr std::size_t kFirstRestart = 10;
 constexpr std::size_t kActionsBetweenSearches = 25;
 
+// What the service may be told of a ticket.
 constexpr char kSuccess[] = "Success";
 constexpr char kNotUploaded[] = "Failed to upload debug file to server";
 constexpr char kNotCollected[] = "Failed to generate debug file";
 
+// What the shims of this run look at, and what the collector writes.
 constexpr char kForkFails[] = "/run/fault_shim/fork";
 constexpr char kClock[] = "/run/fault_shim/clock";
 constexpr char kAuditLog[] = "/var/log/debug_dat_collect.log";

@@ -5,24 +5,18 @@
 #include <filesystem>
 #include <sstream>
 
-#include "answerless_server.h"
 #include "system_fixture.h"
+#include "unread_server.h"
 
 namespace {
 
 using std::chrono::seconds;
+using TarvoOrvane::Testing::UnreadServer;
 
 constexpr char kInstantFile[] = "/run/sleep_shim/instant";
 
 class StopTest : public SystemTest {
  protected:
-  void SetUp() override {
-    SystemTest::SetUp();
-    if (!HasFatalFailure()) {
-      std::filesystem::create_directories("/run/sleep_shim");
-    }
-  }
-
   /// Makes every sleep() of daemons started with `environment_` end at once, until SleepForReal().
   static void SleepNot() { WriteFile(kInstantFile, ""); }
   static void SleepForReal() { std::filesystem::remove(kInstantFile); }
@@ -105,7 +99,8 @@ TEST_F(StopTest, SigtermEndsTheWorkerOfAServiceThatHangsWithinASecond) {
 }
 
 TEST_F(StopTest, SigtermEndsTheWorkerInSendWithinASecond) {
-  const AnswerlessServer server;
+  const UnreadServer server(UnreadServer::Act::kDeliversAfterHello, "ticket-1",
+                            R"({"token": "the-token", "apps": []})");
   WriteConfig(R"({"debug_dat_file_transmitter": {"grpc_server": {"url": ")" + server.Url() + R"("}}})");
   StartDaemon();
   worker_ = WorkerOf(supervisor_);

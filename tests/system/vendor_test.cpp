@@ -17,15 +17,18 @@ using testing::StartsWith;
 /// One of the three platform libraries is another maker's; it lies first on LD_LIBRARY_PATH.
 class VendorTest : public SystemTest {
  protected:
-  void SetUp() override {
-    SystemTest::SetUp();
-    if (!HasFatalFailure()) {
-      std::filesystem::create_directories("/run/vendor");
-    }
-  }
-
   static Environment With(const std::string& library) {
     return {{"LD_LIBRARY_PATH", LibraryFolder("vendor/" + library)}};
+  }
+
+  /// Starts service and daemon, and has the daemon serve one ticket with that library of the other maker's.
+  void ServeTicketWith(const std::string& library, const std::string& apps) {
+    ASSERT_NO_FATAL_FAILURE(StartService());
+    WriteConfig();
+    StartDaemon(With(library));
+    ticket_ = SendTicket(apps);
+    ASSERT_TRUE(WaitForTicket(ticket_, "report received: \"Success\"")) << WholeLog();
+    ASSERT_TRUE(WaitForLog(SyslogRole::kSupervisor, "Notify worker process")) << WholeLog();
   }
 
   /// What the other maker's library was called for, "NAME" by each call.
@@ -53,20 +56,17 @@ class VendorTest : public SystemTest {
     }
     return {paths.begin(), paths.end()};
   }
+
+  std::string ticket_;  ///< The one that was served.
 };
 
 // This library keeps no descriptor, so the supervisor's socket to syslog has the lowest number there is.
 TEST_F(VendorTest, AnotherMakersCoreLibraryServesTheDaemon) {
   DescribeApp("demo", {"echo", "demo"});
-  ASSERT_NO_FATAL_FAILURE(StartService());
-  WriteConfig();
-  StartDaemon(With("tarvocore"));
+  ASSERT_NO_FATAL_FAILURE(ServeTicketWith("tarvocore", "demo"));
   EXPECT_THAT(PlatformLibrariesOf(supervisor_),
               testing::UnorderedElementsAre("vendor/tarvocore/libtarvocore.so", "libtarvoorvane.so",
                                             "libwebapi-Pelk5.so"));
-  const std::string id = SendTicket("demo");
-  ASSERT_TRUE(WaitForTicket(id, "report received: \"Success\"")) << WholeLog();
-  ASSERT_TRUE(WaitForLog(SyslogRole::kSupervisor, "Notify worker process")) << WholeLog();
   EXPECT_THAT(ArchivesOnDevice(), IsEmpty());
   EXPECT_THAT(CallsBy(supervisor_),
               testing::ElementsAre("TLIBCProcPidFileCreate", "TLIBCProcForkEx(65)", "TLIBCProcFork"));
@@ -74,16 +74,11 @@ TEST_F(VendorTest, AnotherMakersCoreLibraryServesTheDaemon) {
 }
 
 TEST_F(VendorTest, AnotherMakersWebApiRunnerServesTheDaemon) {
-  ASSERT_NO_FATAL_FAILURE(StartService());
-  WriteConfig();
-  StartDaemon(With("webapi-Pelk5"));
+  ASSERT_NO_FATAL_FAILURE(ServeTicketWith("webapi-Pelk5", "one,two"));
   EXPECT_THAT(PlatformLibrariesOf(supervisor_),
               testing::UnorderedElementsAre("libtarvocore.so", "libtarvoorvane.so",
                                             "vendor/webapi-Pelk5/libwebapi-Pelk5.so"));
-  const std::string id = SendTicket("one,two");
-  ASSERT_TRUE(WaitForTicket(id, "report received: \"Success\"")) << WholeLog();
-  ASSERT_TRUE(WaitForLog(SyslogRole::kSupervisor, "Notify worker process")) << WholeLog();
-  EXPECT_EQ(ReadFile(ReceivedArchive(id)), "another maker's archive of one two");
+  EXPECT_EQ(ReadFile(ReceivedArchive(ticket_)), "another maker's archive of one two");
   EXPECT_FALSE(std::filesystem::exists("/run/vendor/debug.dat"));
   const std::string calls = ReadFile("/run/vendor/calls");
   EXPECT_THAT(calls, StartsWith("Exec(TARVO.Core.SupportForm.Log,1,collect,admin)"));
@@ -129,6 +124,34 @@ TEST_F(VendorTest, AnotherMakersSupportServiceLibraryServesTheDaemon) {
   EXPECT_THAT(log, HasSubstr("Receive a request({\"apps\":[\"demo\"],\"token\":\"the-token\"})"));
   EXPECT_THAT(log, HasSubstr("Finish handling the request("));
   EXPECT_THAT(syslog_->Lines(), IsEmpty()) << WholeLog();
+}
+
+TEST_F(VendorTest, TheTemplateForMakersServesTheDaemon) {
+  SteerableServer css_server(
+      {HttpAnswer("200 OK", R"({"success": true})"), HttpAnswer("200 OK", R"({"success": true})")});
+  WriteConfig(
+      R"({"debug_dat_file_transmitter": {"grpc_server": {"url": "/run/tickets"}, "css_server": {"url": ")" +
+      css_server.Url() + R"("}}})");
+  StartDaemon(With("template"));
+  ASSERT_TRUE(Eventually([] { return std::filesystem::is_fifo("/run/tickets"); })) << WholeLog();
+  EXPECT_THAT(
+      PlatformLibrariesOf(supervisor_),
+      testing::UnorderedElementsAre("vendor/template/libtarvocore.so", "vendor/template/libtarvoorvane.so",
+                                    "vendor/template/libwebapi-Pelk5.so"));
+
+  WriteFile("/run/tickets", "the-token mail web\n");
+
+  ASSERT_TRUE(WaitForLog(SyslogRole::kSupervisor, "Notify worker process")) << WholeLog();
+  const std::vector<ReceivedRequest> requests = css_server.Requests();
+  ASSERT_EQ(requests.size(), 2U);
+  EXPECT_EQ(requests[0].Header("AUTH-TOKEN"), "the-token");
+  EXPECT_THAT(requests[0].body, HasSubstr("Here stands what your device has of mail.\n"
+                                          "Here stands what your device has of web.\n"));
+  EXPECT_THAT(requests[1].body, HasSubstr(R"("status":"Success")"));
+  EXPECT_EQ(ReadFile("/run/tickets.answers"), "accepted\n");
+  for (const auto& entry : std::filesystem::directory_iterator("/var/tmp")) {
+    EXPECT_THAT(entry.path().string(), testing::Not(HasSubstr(".debug.dat")));
+  }
 }
 
 }  // namespace

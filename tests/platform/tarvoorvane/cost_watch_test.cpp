@@ -23,8 +23,6 @@ namespace {
 using std::chrono::milliseconds;
 using testing::HasSubstr;
 
-constexpr std::chrono::seconds kPatience{30};
-
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kHeapIsTheCLibrarys = false;
 #else
@@ -67,7 +65,7 @@ class CostWatchTest : public testing::Test {
 
   /// Uses processor time until there is a result.
   static std::string Await(std::future<std::string>& result) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    const auto deadline = std::chrono::steady_clock::now() + test_support::kPatience;
     while (result.wait_for(milliseconds(0)) != std::future_status::ready) {
       if (std::chrono::steady_clock::now() > deadline) return "(nothing)";
       Burn(milliseconds(5));

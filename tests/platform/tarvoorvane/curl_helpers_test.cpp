@@ -381,6 +381,16 @@ curl_socket_t OpenSocketAndHearIpv4(void* ipv4_listener, curlsocktype, curl_sock
   return socket(address->family, address->socktype, address->protocol);
 }
 
+using Slist = std::unique_ptr<curl_slist, void (*)(curl_slist*)>;
+
+/// Has the handle find these addresses under NAME:PORT, without a look-up.
+/// @return What libcurl reads them from; to be kept as long as the handle.
+Slist Resolve(const CurlHandle& handle, const std::string& name_and_port, const std::string& addresses) {
+  Slist names(curl_slist_append(nullptr, (name_and_port + ":" + addresses).c_str()), &curl_slist_free_all);
+  curl_easy_setopt(handle.get(), CURLOPT_RESOLVE, names.get());
+  return names;
+}
+
 TEST(CurlHeadTest, OfTwoAddressesTriedAtOnceTheOneThatAnswersIsBounded) {
   const ScriptedTcpServer server([](int connection) {
     Testing::ReadHead(connection);
@@ -402,9 +412,7 @@ TEST(CurlHeadTest, OfTwoAddressesTriedAtOnceTheOneThatAnswersIsBounded) {
   CurlHandle handle = NewHandle("http://two.example" + port);
   std::string out;
   CurlSetupWriteToString(handle, out);
-  const std::unique_ptr<curl_slist, void (*)(curl_slist*)> names(
-      curl_slist_append(nullptr, ("two.example" + port + ":127.0.0.1,[::1]").c_str()), &curl_slist_free_all);
-  curl_easy_setopt(handle.get(), CURLOPT_RESOLVE, names.get());
+  const Slist names = Resolve(handle, "two.example" + port, "127.0.0.1,[::1]");
   int listener = server.listener();
   curl_easy_setopt(handle.get(), CURLOPT_OPENSOCKETFUNCTION, &OpenSocketAndHearIpv4);
   curl_easy_setopt(handle.get(), CURLOPT_OPENSOCKETDATA, &listener);
@@ -421,6 +429,14 @@ CurlHttpPost FormOf(std::size_t size) {
   return form;
 }
 
+/// @param out  Gets the answer.
+CURLcode FailureOfPost(const ScriptedTcpServer& server, const CurlHttpPost& form, std::string& out) {
+  CurlHandle handle = NewHandle(server.url());
+  CurlSetupWriteToString(handle, out);
+  curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
+  return FailureOf(handle);
+}
+
 TEST(CurlUploadTest, AServerThatNeverSays100ContinueIsNotWaitedFor) {
   // libcurl by itself waits a second. One of five tries below that shows that ours does not, however busy the
   // machine is.
@@ -435,11 +451,8 @@ TEST(CurlUploadTest, AServerThatNeverSays100ContinueIsNotWaitedFor) {
   });
   const CurlHttpPost form = FormOf(2UL << 20);
   for (int i = 0; i < 5 && !came_sooner; ++i) {
-    CurlHandle handle = NewHandle(server.url());
     std::string out;
-    CurlSetupWriteToString(handle, out);
-    curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
-    ASSERT_EQ(FailureOf(handle), CURLE_OK);
+    ASSERT_EQ(FailureOfPost(server, form, out), CURLE_OK);
     ASSERT_EQ(out, "answer");
   }
   EXPECT_TRUE(came_sooner);
@@ -461,11 +474,8 @@ TEST(CurlUploadTest, AServerThatRefusesTheExpectationKeepsNoAttemptWaiting) {
     Testing::WriteAnswer(connection);
   });
   const CurlHttpPost form = FormOf(2UL << 20);
-  CurlHandle handle = NewHandle(server.url());
   std::string out;
-  CurlSetupWriteToString(handle, out);
-  curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
-  ASSERT_EQ(FailureOf(handle), CURLE_OK);
+  ASSERT_EQ(FailureOfPost(server, form, out), CURLE_OK);
   EXPECT_EQ(asked, 1);
   EXPECT_LE(sent, 1);
   EXPECT_EQ(out, sent == 1 ? "answer" : "");
@@ -481,11 +491,8 @@ TEST(CurlUploadTest, ARefusalIsHeardWhileTheBodyIsSentThoughTheServerReadsNoneOf
     Send(connection, kRefusal);
   });
   const CurlHttpPost form = FormOf(kMoreThanBuffersHold);
-  CurlHandle handle = NewHandle(server.url());
   std::string out;
-  CurlSetupWriteToString(handle, out);
-  curl_easy_setopt(handle.get(), CURLOPT_HTTPPOST, form.first.get());
-  EXPECT_EQ(FailureOf(handle), CURLE_OK);
+  EXPECT_EQ(FailureOfPost(server, form, out), CURLE_OK);
   EXPECT_EQ(out, "refused");
 }
 
@@ -545,15 +552,19 @@ CURLcode FailureOfUpload(const std::string& url, std::size_t size, std::string* 
   return FailureOf(handle, message);
 }
 
+void ExpectUploadTimesOut(const ScriptedTcpServer& server) {
+  std::string message;
+  EXPECT_THAT(FailureOfUpload(server.url(), kMoreThanBuffersHold, &message),
+              AnyOf(CURLE_SEND_ERROR, CURLE_RECV_ERROR));
+  EXPECT_THAT(message, HasSubstr("Connection timed out"));
+}
+
 TEST(CurlDeadPeerTest, OneThatDiesDuringTheUploadIsGivenUpBeforeTheTransfersLimit) {
   const ScriptedTcpServer server([](int connection) {
     Testing::ReadHead(connection);
     DropAll(connection);  // as if its host were gone
   });
-  std::string message;
-  EXPECT_THAT(FailureOfUpload(server.url(), kMoreThanBuffersHold, &message),
-              AnyOf(CURLE_SEND_ERROR, CURLE_RECV_ERROR));
-  EXPECT_THAT(message, HasSubstr("Connection timed out"));
+  ExpectUploadTimesOut(server);
 }
 
 TEST(CurlDeadPeerTest, OneThatDiesBeforeItAnswersIsGivenUpBeforeTheTransfersLimit) {
@@ -568,10 +579,7 @@ TEST(CurlDeadPeerTest, OneThatDiesBeforeItAnswersIsGivenUpBeforeTheTransfersLimi
 
 TEST(CurlDeadPeerTest, OneThatLivesButReadsNothingForTheWholeLimitIsGivenUp) {
   const ScriptedTcpServer server([](int connection) { Testing::ReadHead(connection); });
-  std::string message;
-  EXPECT_THAT(FailureOfUpload(server.url(), kMoreThanBuffersHold, &message),
-              AnyOf(CURLE_SEND_ERROR, CURLE_RECV_ERROR));
-  EXPECT_THAT(message, HasSubstr("Connection timed out"));
+  ExpectUploadTimesOut(server);
 }
 
 TEST(CurlDeadPeerTest, OneThatHasEverythingAndAnswersAfterTheLimitIsLeftInPeace) {
@@ -623,9 +631,7 @@ TEST_F(CurlTlsTest, TheServersNameIsVerified) {
   CurlHandle handle = NewHandle("https://other.example" + port);
   std::string out;
   CurlSetupWriteToString(handle, out);
-  const std::unique_ptr<curl_slist, void (*)(curl_slist*)> names(
-      curl_slist_append(nullptr, ("other.example" + port + ":127.0.0.1").c_str()), &curl_slist_free_all);
-  curl_easy_setopt(handle.get(), CURLOPT_RESOLVE, names.get());
+  const Slist names = Resolve(handle, "other.example" + port, "127.0.0.1");
   EXPECT_EQ(FailureOf(handle, nullptr, folder_.File("")), CURLE_PEER_FAILED_VERIFICATION);
 }
 

@@ -71,6 +71,17 @@ TEST(LibraryLogTest, ErrorsOfGrpcComeToTheLibrarysLogAndNothingElseOfIt) {
   EXPECT_EQ(lines[0].text, "libtarvoorvane: gRPC: broken\\n7");
 }
 
+TEST(LibraryLogTest, ATextOfGrpcIsCutAt512Bytes) {
+  TakeOverForeignLogs();
+  TakeSyslogLines();
+  for (const int length : {512, 513}) gpr_log(GPR_ERROR, "%s", std::string(length, 'x').c_str());
+  const auto lines = TakeSyslogLines();
+  ASSERT_EQ(lines.size(), 2u);
+  const std::string whole = "libtarvoorvane: gRPC: " + std::string(512, 'x');
+  EXPECT_EQ(lines[0].text, whole);
+  EXPECT_EQ(lines[1].text, whole + "...");
+}
+
 TEST(LibraryLogTest, LinesThatComeTooFastAreLeftOutAndCounted) {
   constexpr long kAll = 10'000;
   LogHowManyWereLeftOut();

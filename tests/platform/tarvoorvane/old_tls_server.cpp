@@ -2,7 +2,6 @@
 
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -10,13 +9,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include "loopback_socket.h"
 #include "scripted_server.h"
 
 namespace TarvoOrvane::Testing {
 namespace {
-
-constexpr int kLookMs = 10;
 
 using Context = std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)>;
 
@@ -65,26 +61,12 @@ int NoteOffer(SSL* ssl, int* /*alert*/, void* out) {
 }  // namespace
 
 OldTlsServer::OldTlsServer(TestCertificate certificate)
-    : certificate_(std::move(certificate)), listener_(ListenOnLoopback(port_)), thread_([this] { Run(); }) {}
-
-OldTlsServer::~OldTlsServer() {
-  stop_ = true;
-  thread_.join();
-}
+    : certificate_(std::move(certificate)), server_([this](int fd) { Serve(fd); }) {}
 
 std::vector<int> OldTlsServer::AwaitOfferedVersions() {
   auto offered = offered_.get_future();
   if (offered.wait_for(test_support::kPatience) != std::future_status::ready) return {};
   return offered.get();
-}
-
-void OldTlsServer::Run() {
-  while (!stop_) {
-    pollfd readable{listener_.get(), POLLIN, 0};
-    if (poll(&readable, 1, kLookMs) <= 0) continue;
-    const Internal::ScopedFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    Serve(connection.get());
-  }
 }
 
 void OldTlsServer::Serve(int fd) {

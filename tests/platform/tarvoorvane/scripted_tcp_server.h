@@ -1,18 +1,19 @@
 /// A loopback TCP server whose every move the test scripts.
 #pragma once
 
-#include <poll.h>
+#include <fcntl.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
-#include "loopback_socket.h"
+#include "loopback_server.h"
+#include "scoped_fd.h"
 
 namespace TarvoOrvane::Testing {
 
@@ -21,40 +22,29 @@ class ScriptedTcpServer {
   /// @param serve  Runs in the server's thread for one connection after the other. What it reads comes within a
   ///               minute or fails. Connections stay open until the server goes.
   explicit ScriptedTcpServer(std::function<void(int)> serve)
-      : serve_(std::move(serve)), listener_(ListenOnLoopback(port_)), thread_([this] { Run(); }) {}
-  ~ScriptedTcpServer() {
-    stop_ = true;
-    thread_.join();
-  }
-  ScriptedTcpServer(const ScriptedTcpServer&) = delete;
-  ScriptedTcpServer& operator=(const ScriptedTcpServer&) = delete;
+      : serve_(std::move(serve)),
+        server_([this](int connection) { Serve(fcntl(connection, F_DUPFD_CLOEXEC, 0)); }) {}
 
-  [[nodiscard]] std::string host_and_port() const { return "127.0.0.1:" + std::to_string(port_); }
+  [[nodiscard]] std::string host_and_port() const { return "127.0.0.1:" + std::to_string(port()); }
   [[nodiscard]] std::string url() const { return "http://" + host_and_port() + "/"; }
-  [[nodiscard]] int port() const { return port_; }
-  [[nodiscard]] int listener() const { return listener_.get(); }
+  [[nodiscard]] int port() const { return server_.port(); }
+  [[nodiscard]] int listener() const { return server_.listener(); }
   [[nodiscard]] int connections() const { return connections_; }
 
  private:
-  void Run() {
-    std::vector<Internal::ScopedFd> open;
-    while (!stop_) {
-      pollfd readable{listener_.get(), POLLIN, 0};
-      if (poll(&readable, 1, 10) <= 0) continue;
-      open.emplace_back(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-      ++connections_;
-      const timeval limit{60, 0};
-      setsockopt(open.back().get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-      serve_(open.back().get());
-    }
+  /// @param connection  Kept open, whatever becomes of its duplicate.
+  void Serve(int connection) {
+    open_.emplace_back(connection);
+    ++connections_;
+    const timeval limit{60, 0};
+    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    serve_(connection);
   }
 
   const std::function<void(int)> serve_;
-  int port_ = 0;
-  Internal::ScopedFd listener_;
+  std::vector<Internal::ScopedFd> open_;  ///< Only the thread's until it has ended.
   std::atomic<int> connections_{0};
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
+  LoopbackServer server_;
 };
 
 /// Reads a request's head, and no more of its body than came with it.

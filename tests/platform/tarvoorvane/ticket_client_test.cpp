@@ -144,6 +144,16 @@ TEST_F(TicketClientTest, AMalformedTicketIsRejectedInsideAndTheNextGoodOneIsRetu
   EXPECT_THAT(log, Not(HasSubstr("secret")));
 }
 
+TEST_F(TicketClientTest, TheServersReasonIsCutAt400BytesAndNotReadBeyond8KiBWithItsHead) {
+  FastSupportClient client(server_.url());
+  Connect(client)->End(grpc::Status(grpc::StatusCode::INTERNAL, std::string(7'500, 'x')));
+  EXPECT_EQ(Received().status.errorMsg, std::string(400, 'x') + "...");
+  Connect(client)->End(grpc::Status(grpc::StatusCode::INTERNAL, std::string(8'150, 'x')));
+  const ReceiveResult refused = Received();
+  EXPECT_EQ(refused.status.error, static_cast<int>(grpc::StatusCode::RESOURCE_EXHAUSTED))
+      << refused.status.errorMsg;
+}
+
 TEST_F(TicketClientTest, AMessageOfAnUnknownKindIsPassedOver) {
   FastSupportClient client(server_.url());
   const auto session = Connect(client);
@@ -388,8 +398,8 @@ TEST(TicketClientConnectionTest, AServerThatComplainsOfPingsIsPingedHalfAsOften)
 }
 
 TEST(TicketClientConnectionTest, SoIsOneThatComplainsByAGoAwayAlone) {
-  Testing::UnreadServer server(Testing::UnreadServer::ComplaintOfPings{});
-  TicketClient client(server.url());
+  const Testing::UnreadServer server(Testing::UnreadServer::Act::kComplainsOfPings);
+  TicketClient client(server.Url());
   const auto keepalive = client.keepalive();
   const auto failure = ReceiveInTime(client);
   EXPECT_EQ(Summary(failure), "failed 14");
@@ -429,10 +439,10 @@ TEST(TicketClientConnectionTest, TheDefaultLimitsFindADeadLinkIn35SecondsAndASil
 }
 
 TEST(TicketClientConnectionTest, AnAnswerThatCannotBeWrittenFailsAtItsLimitAndClosesTheStream) {
-  Testing::UnreadServer server(TicketJson("t1"));
+  const Testing::UnreadServer server(Testing::UnreadServer::Act::kDeliversAtOnce, "id-1", TicketJson("t1"));
   TicketClientOptions options;
   options.answer_limit = milliseconds(100);
-  TicketClient client(server.url(), options);
+  TicketClient client(server.Url(), options);
   ASSERT_EQ(Summary(ReceiveInTime(client)), "t1");
   const auto sent = client.Send(FastSupportClient::kAccepted);
   EXPECT_TRUE(sent.hasFail);
@@ -454,6 +464,11 @@ class RepeatedTicketTest : public TicketClientTest {
     ASSERT_FALSE(client_.Send(status).hasFail);
     ExpectAnswer(session, id,
                  status == FastSupportClient::kAccepted ? CLIENT_STATUS_ACCEPTED : CLIENT_STATUS_REJECTED);
+  }
+  /// The same by a further Receive().
+  void ReceiveAndSendAgain(Session& session, const std::string& id, FastSupportClient::ClientStatus status) {
+    receive_.emplace(client_);
+    ReceiveAndSend(session, id, status);
   }
   void ExpectAnswer(Session& session, const std::string& id, tarvo::support::v1::ClientStatus status) {
     const auto answer = session.AwaitAnswer();
@@ -493,8 +508,7 @@ TEST_F(RepeatedTicketTest, ItIsRememberedOnTheNextStreamAndWhateverItNowSays) {
 TEST_F(RepeatedTicketTest, ARejectedTicketIsReturnedAgainAndCanBeAcceptedThen) {
   const auto session = Connect(client_);
   ReceiveAndSend(*session, "id-1", FastSupportClient::kRejected);
-  receive_.emplace(client_);
-  ReceiveAndSend(*session, "id-1", FastSupportClient::kAccepted);
+  ReceiveAndSendAgain(*session, "id-1", FastSupportClient::kAccepted);
 }
 
 TEST_F(RepeatedTicketTest, AMalformedTicketThatComesAgainInGoodFormIsReturned) {
@@ -508,15 +522,13 @@ TEST_F(RepeatedTicketTest, ATicketThatNobodyAnsweredIsReturnedAgain) {
   const auto session = Connect(client_);
   session->Deliver("id-1", TicketJson("t1"));
   ASSERT_EQ(Summary(Received()), "t1");
-  receive_.emplace(client_);
-  ReceiveAndSend(*session, "id-1", FastSupportClient::kAccepted);
+  ReceiveAndSendAgain(*session, "id-1", FastSupportClient::kAccepted);
 }
 
 TEST_F(RepeatedTicketTest, TicketsWithoutAnIdAreAllReturned) {
   const auto session = Connect(client_);
   ReceiveAndSend(*session, "", FastSupportClient::kAccepted);
-  receive_.emplace(client_);
-  ReceiveAndSend(*session, "", FastSupportClient::kAccepted);
+  ReceiveAndSendAgain(*session, "", FastSupportClient::kAccepted);
 }
 
 TEST(TicketClientConnectionTest, ATicketWhoseAcceptingAnswerDidNotGetOutIsNotReturnedTwice) {
@@ -559,17 +571,21 @@ class ReopeningTest : public TicketClientTest {
   }
   /// The time that a stream stood decides whether it is reopened.
   static void OutliveSettling(milliseconds settled) { std::this_thread::sleep_for(settled); }
+  /// Ends so many streams, one after the other, each once it has settled.
+  void EndSettledStreams(int count, milliseconds settled, const grpc::Status& status) {
+    for (int i = 0; i < count; ++i) {
+      const auto session = AwaitSession();
+      OutliveSettling(settled);
+      session->End(status);
+    }
+  }
 };
 
 TEST_F(ReopeningTest, AStreamThatHadSettledIsReopenedInsideTheSameReceive) {
   const milliseconds settled(50);
   const auto client = MakeClient(settled, milliseconds(10));
   auto receive = StartReceive(*client);
-  for (int i = 0; i < 3; ++i) {
-    const auto session = AwaitSession();
-    OutliveSettling(settled);
-    session->End(grpc::Status(grpc::StatusCode::UNAVAILABLE, "link\nlost"));
-  }
+  EndSettledStreams(3, settled, grpc::Status(grpc::StatusCode::UNAVAILABLE, "link\nlost"));
   AwaitSession()->Deliver("id-1", TicketJson("t1"));
   EXPECT_EQ(Summary(receive.Await()), "t1");
   EXPECT_THAT(Testing::TakeSyslogText(),
@@ -637,11 +653,7 @@ TEST_F(ReopeningTest, ThePauseBeforeItIsRandomAndHasALongest) {
   const milliseconds settled(1);
   const auto client = MakeClient(settled, milliseconds(40));
   auto receive = StartReceive(*client);
-  for (int i = 0; i < 15; ++i) {
-    const auto session = AwaitSession();
-    OutliveSettling(settled);
-    session->End(grpc::Status::OK);
-  }
+  EndSettledStreams(15, settled, grpc::Status::OK);
   AwaitSession()->Deliver("id-1", TicketJson("t1"));
   ASSERT_EQ(Summary(receive.Await()), "t1");
   const auto pauses = LoggedPauses();

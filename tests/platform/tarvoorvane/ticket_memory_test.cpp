@@ -10,6 +10,8 @@ void AddNumbered(TicketMemory& memory, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) memory.Add("other-" + std::to_string(i));
 }
 
+// Each test says in full what was added, and what is known then.
+
 TEST(TicketMemoryTest, ItContainsWhatWasAddedAndNothingElse) {
   TicketMemory memory;
   EXPECT_FALSE(memory.Contains("a"));

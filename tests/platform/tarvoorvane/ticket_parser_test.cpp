@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "library_log.h"
+#include "bad_text.h"
 
 namespace TarvoOrvane::Internal {
 namespace {
@@ -33,14 +33,7 @@ TEST(TicketParserTest, ATicketTooLongForThePipeIsTaken) {
   EXPECT_EQ(ticket.token.size(), 20'000u);
 }
 
-struct Bad {
-  std::string text;
-  std::string fault;
-};
-
-void PrintTo(const Bad& bad, std::ostream* out) { *out << MakePrintable(bad.text, 60); }
-
-class BadTicketTest : public testing::TestWithParam<Bad> {};
+class BadTicketTest : public testing::TestWithParam<BadText> {};
 
 TEST_P(BadTicketTest, IsRefusedAndLeavesTheRecordAlone) {
   FastSupport::Ticket ticket{"before", {"before"}};
@@ -56,23 +49,27 @@ constexpr char kBadApp[] = "\"apps\" has an element that is not a string";
 
 INSTANTIATE_TEST_SUITE_P(
     Table, BadTicketTest,
-    testing::Values(
-        Bad{"", kNotJson}, Bad{"nonsense", kNotJson}, Bad{"{", kNotJson},
-        Bad{R"({"token": "t", "apps": []} x)", kNotJson}, Bad{R"({"token": "t", "apps": []}{})", kNotJson},
-        Bad{R"({"token": "t", "apps": ["a",]})", kNotJson}, Bad{R"({'token': 't', 'apps': []})", kNotJson},
-        Bad{R"({"token": "t", "apps": []} // comment)", kNotJson},
-        Bad{R"({"token": "t", "token": "u", "apps": []})", kNotJson},
-        Bad{R"({"token": "t", "apps": [NaN]})", kNotJson},
-        Bad{R"({"token": "t", "apps": )" + std::string(60'000, '['), kNotJson}, Bad{"7", kNotJson},
-        Bad{"null", kNotJson}, Bad{"\"token\"", kNotJson},
-        Bad{R"(["token", "apps"])", "the ticket is not a JSON object"}, Bad{R"({})", kNoToken},
-        Bad{R"({"apps": []})", kNoToken}, Bad{R"({"token": 7, "apps": []})", kNoToken},
-        Bad{R"({"token": null, "apps": []})", kNoToken}, Bad{R"({"token": ["t"], "apps": []})", kNoToken},
-        Bad{R"({"token": "t"})", kNoApps}, Bad{R"({"token": "t", "apps": "a"})", kNoApps},
-        Bad{R"({"token": "t", "apps": {}})", kNoApps}, Bad{R"({"token": "t", "apps": null})", kNoApps},
-        Bad{R"({"token": "t", "apps": ["a", 1]})", kBadApp},
-        Bad{R"({"token": "t", "apps": [null]})", kBadApp},
-        Bad{R"({"token": "t", "apps": [["a"]]})", kBadApp}));
+    testing::Values(BadText{"", kNotJson}, BadText{"nonsense", kNotJson}, BadText{"{", kNotJson},
+                    BadText{R"({"token": "t", "apps": []} x)", kNotJson},
+                    BadText{R"({"token": "t", "apps": []}{})", kNotJson},
+                    BadText{R"({"token": "t", "apps": ["a",]})", kNotJson},
+                    BadText{R"({'token': 't', 'apps': []})", kNotJson},
+                    BadText{R"({"token": "t", "apps": []} // comment)", kNotJson},
+                    BadText{R"({"token": "t", "token": "u", "apps": []})", kNotJson},
+                    BadText{R"({"token": "t", "apps": [NaN]})", kNotJson},
+                    BadText{R"({"token": "t", "apps": )" + std::string(60'000, '['), kNotJson},
+                    BadText{"7", kNotJson}, BadText{"null", kNotJson}, BadText{"\"token\"", kNotJson},
+                    BadText{R"(["token", "apps"])", "the ticket is not a JSON object"},
+                    BadText{R"({})", kNoToken}, BadText{R"({"apps": []})", kNoToken},
+                    BadText{R"({"token": 7, "apps": []})", kNoToken},
+                    BadText{R"({"token": null, "apps": []})", kNoToken},
+                    BadText{R"({"token": ["t"], "apps": []})", kNoToken},
+                    BadText{R"({"token": "t"})", kNoApps}, BadText{R"({"token": "t", "apps": "a"})", kNoApps},
+                    BadText{R"({"token": "t", "apps": {}})", kNoApps},
+                    BadText{R"({"token": "t", "apps": null})", kNoApps},
+                    BadText{R"({"token": "t", "apps": ["a", 1]})", kBadApp},
+                    BadText{R"({"token": "t", "apps": [null]})", kBadApp},
+                    BadText{R"({"token": "t", "apps": [["a"]]})", kBadApp}));
 
 TEST(TicketParserTest, TheFaultQuotesNothingOfTheTicket) {
   FastSupport::Ticket ticket;

@@ -70,6 +70,12 @@ TEST_F(TlsFilesTest, TheTextsAreHandedOutAsTheyAre) {
   EXPECT_EQ(files_.client_key, device_.key);
 }
 
+TEST_F(TlsFilesTest, AFileOfOneMebibyteIsTaken) {
+  Write("ca.pem", other_.certificate + std::string((1 << 20) - other_.certificate.size(), '\n'));
+  EXPECT_THAT(Load(), IsEmpty());
+  EXPECT_EQ(files_.authorities.size(), std::size_t{1} << 20U);
+}
+
 TEST_F(TlsFilesTest, TheFilesMayBeLinks) {
   Write("elsewhere", other_.certificate);
   std::filesystem::create_symlink("elsewhere", folder_.File("ca.pem"));

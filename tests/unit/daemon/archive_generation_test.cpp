@@ -1,8 +1,6 @@
 #include "daemon_fixture.h"
 
 using testing::Each;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 

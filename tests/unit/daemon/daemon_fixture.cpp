@@ -8,9 +8,6 @@
 
 #include "json_util.h"
 
-using test_support::RecordCall;
-namespace real = test_support::real;
-
 Json::Value Parse(const std::string& text) {
   Json::Value value;
   EXPECT_TRUE(TarvoOrvane::Utils::FromString(text, value)) << text;

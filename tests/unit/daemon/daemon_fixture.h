@@ -23,7 +23,16 @@ inline testing::Matcher<const test_support::Event&> Warning(const testing::Match
   return test_support::Warning(text, "debug_dat_transmitter.cpp");
 }
 
+// What nearly every test of the daemon object says.
 using test_support::Call;
+using test_support::ExitedWith;
+using test_support::KilledBy;
+using test_support::RecordCall;
+using test_support::RunInChild;
+using test_support::ScriptedPlatform;
+using testing::ElementsAre;
+using testing::IsEmpty;
+namespace real = test_support::real;
 
 /// Sends the calling process a signal; its handler has run when this returns.
 inline void Signal(int number) { static_cast<void>(raise(number)); }

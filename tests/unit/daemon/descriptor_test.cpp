@@ -8,15 +8,6 @@
 
 #include "daemon_fixture.h"
 
-using test_support::KilledBy;
-using test_support::RecordCall;
-using test_support::RunInChild;
-using test_support::ScriptedPlatform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
-namespace real = test_support::real;
-
 namespace {
 
 class DescriptorTest : public DaemonTest {

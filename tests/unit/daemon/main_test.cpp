@@ -10,11 +10,6 @@
 int DaemonMain();  // main.cpp's main()
 
 using test_support::Ending;
-using test_support::ExitedWith;
-using test_support::RecordCall;
-using test_support::RunInChild;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 

@@ -8,15 +8,6 @@
 #include "daemon_fixture.h"
 
 using TarvoOrvane::FastSupport::Ticket;
-using test_support::ExitedWith;
-using test_support::KilledBy;
-using test_support::RecordCall;
-using test_support::RunInChild;
-using test_support::ScriptedPlatform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
-namespace real = test_support::real;
 
 namespace {
 
@@ -59,6 +50,14 @@ class PipeChannelTest : public DaemonTest {
     JoinByOwnPipes(sigpipe);
     worker_.CloseDescriptor(worker_.toWorkerReadFd);
     return main_.SendResultToWorker();
+  }
+
+  /// The supervisor gets no ticket, and logs why in one line before its usual one.
+  void ExpectNoTicket(const std::string& line) {
+    Json::Value ticket;
+    EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
+    EXPECT_THAT(log_.lines(),
+                ElementsAre(Error(line), Error("Failed to receive message from worker process")));
   }
 
   static std::string Select(int fd) { return "select(" + std::to_string(fd) + ", 0, 500000)"; }
@@ -193,6 +192,8 @@ TEST_F(PipeChannelTest, FullPipeLosesTheMessageAtOnce) {
                                         Error("Failed to send message to main process")));
 }
 
+// Tickets go one way and completions the other, and each process tells of it in a line of its own.
+
 TEST_F(PipeChannelTest, TicketToAMainProcessThatHasGoneEndsTheWorker) {
   EXPECT_THAT(RunInChild([this] { return SendTicketWithoutReader(SIG_DFL) ? 1 : 0; }), KilledBy(SIGPIPE));
   EXPECT_THAT(log_.lines(), IsEmpty());
@@ -267,38 +268,26 @@ TEST_F(PipeChannelTest, FrameWhoseLastByteIsNotZeroIsRefused) {
   std::string frame = "{\"a\":1}";
   frame.resize(2047, '\0');
   Put(worker_.fromWorkerWriteFd, frame + "x");
-  Json::Value ticket;
-  EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
-  EXPECT_THAT(log_.lines(), ElementsAre(Error("The data format is wrong"),
-                                        Error("Failed to receive message from worker process")));
+  ExpectNoTicket("The data format is wrong");
   EXPECT_EQ(TakeAll(main_.fromWorkerReadFd), "") << "the frame is consumed";
 }
 
 TEST_F(PipeChannelTest, FrameOf2048CharactersIsRefused) {
   Put(worker_.fromWorkerWriteFd, std::string(2048, '1'));
-  Json::Value ticket;
-  EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
-  EXPECT_THAT(log_.lines(), ElementsAre(Error("The data format is wrong"),
-                                        Error("Failed to receive message from worker process")));
+  ExpectNoTicket("The data format is wrong");
 }
 
 TEST_F(PipeChannelTest, FrameThatIsNoJsonIsRefusedWithItsText) {
   for (const std::string& text : {std::string("{\"token\":"), std::string(), std::string(1200, '[')}) {
     log_.Clear();
     Put(worker_.fromWorkerWriteFd, text);
-    Json::Value ticket;
-    EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
-    EXPECT_THAT(log_.lines(), ElementsAre(Error("Failed to parse pipe data: " + text),
-                                          Error("Failed to receive message from worker process")));
+    ExpectNoTicket("Failed to parse pipe data: " + text);
   }
 }
 
 TEST_F(PipeChannelTest, PartOfAFrameIsDropped) {
   Put(worker_.fromWorkerWriteFd, "{}", 100);
-  Json::Value ticket;
-  EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
-  EXPECT_THAT(log_.lines(), ElementsAre(Error("Unexpected error, expected count: 2048, real count: 100"),
-                                        Error("Failed to receive message from worker process")));
+  ExpectNoTicket("Unexpected error, expected count: 2048, real count: 100");
 }
 
 TEST_F(PipeChannelTest, PartsOfAFrameAreNotPutTogether) {
@@ -319,10 +308,7 @@ TEST_F(PipeChannelTest, PartsOfAFrameAreNotPutTogether) {
 
 TEST_F(PipeChannelTest, EndOfFileIsAShortRead) {
   worker_.CloseDescriptor(worker_.fromWorkerWriteFd);
-  Json::Value ticket;
-  EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
-  EXPECT_THAT(log_.lines(), ElementsAre(Error("Unexpected error, expected count: 2048, real count: 0"),
-                                        Error("Failed to receive message from worker process")));
+  ExpectNoTicket("Unexpected error, expected count: 2048, real count: 0");
 }
 
 TEST_F(PipeChannelTest, FailedReadIsLoggedWithItsNewlineOnBothLogPaths) {
@@ -334,10 +320,7 @@ TEST_F(PipeChannelTest, FailedReadIsLoggedWithItsNewlineOnBothLogPaths) {
   for (const bool use_logger : {false, true}) {
     ScriptedPlatform::UseLogger(use_logger);
     log_.Clear();
-    Json::Value ticket;
-    EXPECT_FALSE(main_.ReceiveTicketFromWorker(ticket));
-    EXPECT_THAT(log_.lines(), ElementsAre(Error("Failed to do read(), err=Input/output error\n"),
-                                          Error("Failed to receive message from worker process")));
+    ExpectNoTicket("Failed to do read(), err=Input/output error\n");
   }
 }
 

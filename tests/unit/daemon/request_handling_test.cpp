@@ -12,19 +12,11 @@
 #include "daemon_fixture.h"
 
 using test_support::Event;
-using test_support::ExitedWith;
-using test_support::KilledBy;
 using test_support::kTransmissionChild;
-using test_support::RecordCall;
-using test_support::RunInChild;
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
-
-namespace real = test_support::real;
 
 namespace {
 

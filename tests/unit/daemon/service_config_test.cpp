@@ -2,9 +2,6 @@
 
 #include "daemon_fixture.h"
 
-using test_support::ScriptedPlatform;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 namespace {

@@ -7,13 +7,6 @@
 
 #include "daemon_fixture.h"
 
-using test_support::ExitedWith;
-using test_support::KilledBy;
-using test_support::RecordCall;
-using test_support::RunInChild;
-using test_support::ScriptedPlatform;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 namespace {
@@ -303,6 +296,7 @@ TEST_F(SupervisorLoopTest, FailedPipeAbortsAtTheFirstWait) {
                                          Call("ReconfigureByDebugFlag()"), Call("abort()")));
 }
 
+// All that two passes do stands here too, as in the tests of tickets above: their order is what is tested.
 TEST_F(SupervisorLoopTest, WorkerThatHasGoneIsLoggedInEveryPassAndNotStartedAgain) {
   test_support::real::Close(worker_.fromWorkerWriteFd);
   worker_.fromWorkerWriteFd = -1;

@@ -12,13 +12,7 @@ using TarvoOrvane::FastSupport::ReceiveResult;
 using TarvoOrvane::FastSupport::Ticket;
 using test_support::Ending;
 using test_support::Event;
-using test_support::ExitedWith;
-using test_support::KilledBy;
-using test_support::RecordCall;
-using test_support::RunInChild;
 using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Not;
 
 namespace {

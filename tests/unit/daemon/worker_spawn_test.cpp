@@ -5,9 +5,6 @@
 
 #include "daemon_fixture.h"
 
-using test_support::RecordCall;
-using testing::ElementsAre;
-
 namespace {
 
 /// Descriptors are numbers only here: pipe() yields 101, 102 and then 103, 104.
@@ -163,6 +160,8 @@ TEST_F(WorkerSpawnTest, WorkerKeepsItsEndsNonBlockingAndRuns) {
   EXPECT_THAT(events.back(), Error("Failed to get grpc server url"));
   EXPECT_THAT(Descriptors(), ElementsAre(101, -1, -1, 104));
 }
+
+// As in the supervisor, with the two other ends: which of them is closed or tried is all that these tests are about.
 
 TEST_F(WorkerSpawnTest, WorkerDoesNotRunWhereItsFirstEndCannotBeMadeNonBlocking) {
   fork_result_ = 0;

@@ -13,15 +13,9 @@
 namespace TarvoOrvane::Transmitter {
 namespace {
 
-using test_support::Call;
-using test_support::Event;
-using testing::Contains;
-using testing::ElementsAre;
 using testing::ElementsAreArray;
-using testing::IsEmpty;
 using testing::Matcher;
 using testing::SizeIs;
-using testing::StartsWith;
 using Utils::CurlFailedException;
 using Utils::CurlFormFailedException;
 using Utils::CurlHandle;
@@ -333,15 +327,22 @@ TEST_F(RequestFrameTest, EachRequestIsJudgedByItsOwnAnswer) {
   EXPECT_FALSE(transmitter.UpdateResult(kSuccess));
 }
 
-class RefusingAnswerTest : public TransmitterTest, public testing::WithParamInterface<const char*> {};
+/// The parameter is what the server answers.
+class AnswerTest : public TransmitterTest, public testing::WithParamInterface<const char*> {
+ protected:
+  /// The request fails, and its one line quotes the answer behind `start`.
+  void ExpectFailureLoggedAs(const std::string& start) {
+    AnswerWith(GetParam());
 
-TEST_P(RefusingAnswerTest, IsLoggedAsRefused) {
-  AnswerWith(GetParam());
+    EXPECT_FALSE(Request());
+    EXPECT_THAT(log_.lines(), ElementsAre(Line(start + GetParam())));
+    EXPECT_THAT(LastCalls(2), ElementsAre("curl_slist_free_all()", "curl_easy_cleanup()"));
+  }
+};
 
-  EXPECT_FALSE(Request());
-  EXPECT_THAT(log_.lines(), ElementsAre(Line(std::string("Failed to send form server resp: ") + GetParam())));
-  EXPECT_THAT(LastCalls(2), ElementsAre("curl_slist_free_all()", "curl_easy_cleanup()"));
-}
+class RefusingAnswerTest : public AnswerTest {};
+
+TEST_P(RefusingAnswerTest, IsLoggedAsRefused) { ExpectFailureLoggedAs("Failed to send form server resp: "); }
 
 INSTANTIATE_TEST_SUITE_P(Answers, RefusingAnswerTest,
                          testing::Values(R"({"success":"true"})", R"({"success":1})", R"({"success":false})",
@@ -350,15 +351,9 @@ INSTANTIATE_TEST_SUITE_P(Answers, RefusingAnswerTest,
                                          R"({"Success":true})", R"({"result":{"success":true}})", "{}", "[]",
                                          R"([{"success":true}])", "true", "1", R"("success")", "null"));
 
-class UnparsableAnswerTest : public TransmitterTest, public testing::WithParamInterface<const char*> {};
+class UnparsableAnswerTest : public AnswerTest {};
 
-TEST_P(UnparsableAnswerTest, IsLoggedAsAWhole) {
-  AnswerWith(GetParam());
-
-  EXPECT_FALSE(Request());
-  EXPECT_THAT(log_.lines(), ElementsAre(Line(std::string("Failed to parse server resp: ") + GetParam())));
-  EXPECT_THAT(LastCalls(2), ElementsAre("curl_slist_free_all()", "curl_easy_cleanup()"));
-}
+TEST_P(UnparsableAnswerTest, IsLoggedAsAWhole) { ExpectFailureLoggedAs("Failed to parse server resp: "); }
 
 INSTANTIATE_TEST_SUITE_P(Answers, UnparsableAnswerTest,
                          testing::Values("", " ", "OK", "<html><body>success</body></html>", R"({"success":)",

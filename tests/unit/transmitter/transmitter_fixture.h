@@ -20,6 +20,13 @@
 
 namespace TarvoOrvane::Transmitter {
 
+// What nearly every test of the transmitter says.
+using test_support::Call;
+using test_support::Event;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
 using Peer = DebugFileTransmitterPeer;
 
 constexpr char kArchive[] = "/volume/debug.dat";

@@ -12,12 +12,7 @@
 namespace TarvoOrvane::Transmitter {
 namespace {
 
-using test_support::Call;
-using test_support::Event;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
-using testing::StartsWith;
 using Utils::CurlFormFailedException;
 using Utils::Optional;
 

@@ -6,12 +6,7 @@
 namespace TarvoOrvane::Transmitter {
 namespace {
 
-using test_support::Call;
-using testing::Contains;
-using testing::ElementsAre;
 using testing::EndsWith;
-using testing::IsEmpty;
-using testing::StartsWith;
 using Utils::CurlFailedException;
 using Utils::Optional;
 

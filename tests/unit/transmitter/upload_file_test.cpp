@@ -6,12 +6,7 @@
 namespace TarvoOrvane::Transmitter {
 namespace {
 
-using test_support::Call;
-using test_support::Event;
-using testing::Contains;
-using testing::ElementsAre;
 using testing::SizeIs;
-using testing::StartsWith;
 using Utils::CurlFormFailedException;
 using Utils::CurlHandle;
 using Utils::Optional;
