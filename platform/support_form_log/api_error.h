@@ -26,7 +26,7 @@ class ApiError : public std::runtime_error {
   ApiError(ApiErrorCode error_code, const std::string& message)
       : std::runtime_error(message), code(error_code) {}
 
-  ApiErrorCode code;
+  ApiErrorCode code;  ///< For programs; what() is for people.
 };
 
 }  // namespace TARVO

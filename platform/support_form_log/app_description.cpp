@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include "file_util.h"
 #include "json_text.h"
@@ -17,14 +19,46 @@ bool IsAsciiAlnum(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
-/// Throws where `value` has a member that is not in `known`.
+/// The mistakes of one description: whoever wrote it wants to hear of all of them at once.
+class Mistakes {
+ public:
+  /// Does a part of the work. What is wrong with it is kept, so that the next part is looked at as well.
+  template <typename Part>
+  void Try(const Part& part) {
+    try {
+      part();
+    } catch (const DescriptionError& error) {
+      Add(error.what());
+    }
+  }
+
+  void Add(const std::string& text) {
+    if (++count_ <= kMaxTold) text_ += (text_.empty() ? "" : "; ") + text;
+  }
+
+  /// Throws where there is one.
+  void Tell() const {
+    if (count_ == 0) return;
+    const std::string rest = count_ > kMaxTold ? "; and " + std::to_string(count_ - kMaxTold) + " more" : "";
+    throw DescriptionError(text_ + rest);
+  }
+
+ private:
+  /// More would help nobody, and the text goes into the archive's manifest.
+  static constexpr std::size_t kMaxTold = 20;
+
+  std::size_t count_ = 0;
+  std::string text_;
+};
+
+/// Tells of each member of `value` that is not in `known`.
 void RefuseUnknownMembers(const Json::Value& value, const std::string& where,
-                          const std::vector<std::string>& known) {
-  const std::vector<std::string> names = value.getMemberNames();
-  const auto unknown = std::find_if(names.begin(), names.end(), [&](const std::string& name) {
-    return std::find(known.begin(), known.end(), name) == known.end();
-  });
-  if (unknown != names.end()) throw DescriptionError(where + ": unknown member \"" + *unknown + "\"");
+                          const std::vector<std::string>& known, Mistakes& mistakes) {
+  for (const std::string& name : value.getMemberNames()) {
+    if (std::find(known.begin(), known.end(), name) == known.end()) {
+      mistakes.Add(std::string(where).append(": unknown member \"").append(name).append("\""));
+    }
+  }
 }
 
 /// A string that can be handed to the system: without a NUL byte in it.
@@ -54,6 +88,7 @@ std::vector<std::string> Arguments(const Json::Value& value, const std::string& 
     throw DescriptionError(where + " is not an array of at least one string");
   }
   std::vector<std::string> argv;
+  argv.reserve(value.size());
   for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
     argv.push_back(SystemString(value[i], where + "[" + std::to_string(i) + "]"));
   }
@@ -80,25 +115,33 @@ Number WholeNumber(const Json::Value& value, const std::string& name, const std:
 
 PathDescription Path(const Json::Value& value, const std::string& where) {
   if (!value.isObject()) return {PathPattern(value, where), false};
-  RefuseUnknownMembers(value, where, {"path", "binary"});
+  Mistakes mistakes;
+  RefuseUnknownMembers(value, where, {"path", "binary"}, mistakes);
   PathDescription path;
-  path.pattern = PathPattern(value["path"], where + ".path");
-  if (value.isMember("binary")) {
-    if (!value["binary"].isBool()) throw DescriptionError(where + ".binary is neither true nor false");
-    path.binary = value["binary"].asBool();
+  mistakes.Try([&] { path.pattern = PathPattern(value["path"], where + ".path"); });
+  if (value.isMember("binary") && !value["binary"].isBool()) {
+    mistakes.Add(where + ".binary is neither true nor false");
   }
+  mistakes.Tell();
+  path.binary = value["binary"].asBool();
   return path;
 }
 
 CommandDescription Command(const Json::Value& value, const std::string& where, const Limits& limits) {
   if (!value.isObject()) throw DescriptionError(where + " is not an object");
-  RefuseUnknownMembers(value, where, {"argv", "time_limit_seconds", "output_limit_bytes"});
+  Mistakes mistakes;
+  RefuseUnknownMembers(value, where, {"argv", "time_limit_seconds", "output_limit_bytes"}, mistakes);
   CommandDescription command;
-  command.argv = Arguments(value["argv"], where + ".argv");
-  command.time_limit_seconds =
-      WholeNumber(value, "time_limit_seconds", where, limits.command_seconds, limits.command_seconds_max);
-  command.output_limit_bytes =
-      WholeNumber(value, "output_limit_bytes", where, limits.output_bytes, limits.output_bytes_max);
+  mistakes.Try([&] { command.argv = Arguments(value["argv"], where + ".argv"); });
+  mistakes.Try([&] {
+    command.time_limit_seconds =
+        WholeNumber(value, "time_limit_seconds", where, limits.command_seconds, limits.command_seconds_max);
+  });
+  mistakes.Try([&] {
+    command.output_limit_bytes =
+        WholeNumber(value, "output_limit_bytes", where, limits.output_bytes, limits.output_bytes_max);
+  });
+  mistakes.Tell();
   return command;
 }
 
@@ -117,39 +160,55 @@ std::string UnitName(const Json::Value& value, const std::string& where) {
 UnitDescription Unit(const Json::Value& value, const std::string& where, const Limits& limits) {
   const bool is_object = value.isObject();
   UnitDescription unit;
-  unit.unit = is_object ? UnitName(value["unit"], where + ".unit") : UnitName(value, where);
+  Mistakes mistakes;
+  mistakes.Try(
+      [&] { unit.unit = is_object ? UnitName(value["unit"], where + ".unit") : UnitName(value, where); });
   const Json::Value& options = is_object ? value : Json::Value::nullSingleton();
-  if (is_object) RefuseUnknownMembers(value, where, {"unit", "lines", "output_limit_bytes", "since_hours"});
-  unit.lines = WholeNumber(options, "lines", where, limits.journal_lines, limits.journal_lines_max);
-  unit.output_limit_bytes =
-      WholeNumber(options, "output_limit_bytes", where, limits.journal_bytes, limits.output_bytes_max);
-  unit.since_hours = WholeNumber(options, "since_hours", where, 0U, limits.journal_hours_max);
+  if (is_object) {
+    RefuseUnknownMembers(value, where, {"unit", "lines", "output_limit_bytes", "since_hours"}, mistakes);
+  }
+  mistakes.Try([&] {
+    unit.lines = WholeNumber(options, "lines", where, limits.journal_lines, limits.journal_lines_max);
+  });
+  mistakes.Try([&] {
+    unit.output_limit_bytes =
+        WholeNumber(options, "output_limit_bytes", where, limits.journal_bytes, limits.output_bytes_max);
+  });
+  mistakes.Try(
+      [&] { unit.since_hours = WholeNumber(options, "since_hours", where, 0U, limits.journal_hours_max); });
+  mistakes.Tell();
   return unit;
 }
 
 /// The elements of the array `name`; none when there is no such member.
 template <typename Convert>
-void ReadArray(const Json::Value& root, const std::string& name, const Convert& convert) {
+void ReadArray(const Json::Value& root, const std::string& name, Mistakes& mistakes, const Convert& convert) {
   if (!root.isMember(name)) return;
   const Json::Value& list = root[name];
-  if (!list.isArray()) throw DescriptionError("\"" + name + "\" is not an array");
-  for (Json::ArrayIndex i = 0; i < list.size(); ++i) convert(list[i], name + "[" + std::to_string(i) + "]");
+  if (!list.isArray()) return mistakes.Add("\"" + name + "\" is not an array");
+  for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+    mistakes.Try([&] { convert(list[i], name + "[" + std::to_string(i) + "]"); });
+  }
 }
 
 AppDescription Convert(const Json::Value& root, const Limits& limits) {
   if (!root.isObject()) throw DescriptionError("not a JSON object");
-  RefuseUnknownMembers(root, "description", {"description", "paths", "commands", "units"});
+  Mistakes mistakes;
+  RefuseUnknownMembers(root, "description", {"description", "paths", "commands", "units"}, mistakes);
   AppDescription result;
-  if (root.isMember("description")) result.description = SystemString(root["description"], "\"description\"");
-  ReadArray(root, "paths", [&](const Json::Value& value, const std::string& where) {
+  if (root.isMember("description")) {
+    mistakes.Try([&] { result.description = SystemString(root["description"], "\"description\""); });
+  }
+  ReadArray(root, "paths", mistakes, [&](const Json::Value& value, const std::string& where) {
     result.paths.push_back(Path(value, where));
   });
-  ReadArray(root, "commands", [&](const Json::Value& value, const std::string& where) {
+  ReadArray(root, "commands", mistakes, [&](const Json::Value& value, const std::string& where) {
     result.commands.push_back(Command(value, where, limits));
   });
-  ReadArray(root, "units", [&](const Json::Value& value, const std::string& where) {
+  ReadArray(root, "units", mistakes, [&](const Json::Value& value, const std::string& where) {
     result.units.push_back(Unit(value, where, limits));
   });
+  mistakes.Tell();
   return result;
 }
 
@@ -167,6 +226,14 @@ Json::Value ParseStrictly(const std::string& text) {
   }
   if (!parsed) throw DescriptionError("not valid JSON: " + errors);
   return root;
+}
+
+/// Why there is nothing under the path of a description.
+std::string MissingText(const std::string& path) {
+  std::error_code no_link;
+  const std::string target = std::filesystem::read_symlink(path, no_link);
+  return no_link ? "unknown application: there is no description " + path
+                 : path + " leads to " + target + ", which is not there";
 }
 
 }  // namespace
@@ -189,8 +256,8 @@ AppDescription LoadAppDescription(const Paths& paths, const Limits& limits, cons
   if (!ReadTrustedFile(path, limits.description_bytes, text, more, distrust)) {
     const int error = errno;
     if (distrust) throw DescriptionError(path + " is not used: " + distrust.Line());
-    throw DescriptionError(error == ENOENT ? "unknown application: there is no description " + path
-                                           : path + " can't be read: " + ErrorText(error));
+    throw DescriptionError(error == ENOENT ? MissingText(path) : path + " can't be read: " + ErrorText(error),
+                           error);
   }
   if (more) {
     throw DescriptionError(path + ": longer than " + std::to_string(limits.description_bytes) + " bytes");

@@ -1,3 +1,5 @@
+/// What a maker's description file tells of an application, as values. The collector takes what they name;
+/// debug_dat_check and the dry run tell the maker what is wrong with the file. docs/log-collection.md has its format.
 #pragma once
 
 #include <json/value.h>
@@ -12,7 +14,7 @@
 
 namespace TARVO::SupportForm {
 
-/// Files of an application.
+/// Files of an application: all that one pattern matches.
 struct PathDescription {
   std::string pattern;  ///< An absolute shell pattern.
   /// Whether files there that are not text may be taken though they can't be checked for secrets: the maker
@@ -43,26 +45,36 @@ struct AppDescription {
   std::vector<UnitDescription> units;        ///< Asked for in this order.
 };
 
-/// There is no usable description; the text tells what is wrong and where.
+/// There is no usable description; the text tells what is wrong and where: the file, then each member that is not as it
+/// has to be, up to twenty.
 class DescriptionError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit DescriptionError(const std::string& text, int error = 0)
+      : std::runtime_error(text), error_(error) {}
+
+  /// Why the file can't be read, an errno value; 0 where something else is wrong with it.
+  [[nodiscard]] int error() const { return error_; }
+
+ private:
+  int error_;
 };
 
 /// Whether `name` may name an application: a letter or digit, then up to 63 of letters, digits, '.', '_',
 /// '-'. Such a name is safe as a file name, too.
 [[nodiscard]] bool IsAppName(std::string_view name);
 
-/// For people, of something asked for that is no application's name.
+/// The words for something that was asked for and is no application's name; they quote it as JSON, whatever it is.
 [[nodiscard]] std::string NotAnAppName(const Json::Value& asked);
 
-/// Reads the description NAME.json of the application `name`, which IsAppName().
+/// Reads the description NAME.json of the application `name`, which IsAppName(). Afresh at each call, so that a changed
+/// file counts from the next task on.
 /// @throws DescriptionError when there is none, others could have changed it, or anything in it is not as it has to
 ///         be: a misspelt member must not lead to an archive that silently lacks something.
 [[nodiscard]] AppDescription LoadAppDescription(const Paths& paths, const Limits& limits,
                                                 const std::string& name);
 
 /// The command that prints a unit's part of the journal, the newest entry last. A nameless unit: all of the journal.
+/// @param limits  For the time that it may take: journalctl is no command of the maker's.
 [[nodiscard]] CommandDescription JournalCommand(const UnitDescription& unit, const Limits& limits);
 
 }  // namespace TARVO::SupportForm

@@ -12,8 +12,13 @@ namespace TARVO::SupportForm {
 struct Paths {
   /// Task folders, one per collection. Made when missing: 0700 itself, 0755 the folders above it.
   std::string state = "/var/lib/tarvo/support_form_log";
+  /// Where collections are handed over to a collector that is a service of its own; see hand_over.h. There is no such
+  /// collector where there is no such file.
+  std::string socket = "/run/debug-dat-collect.socket";
   /// Application descriptions, NAME.json each.
   std::string descriptions = "/usr/tarvo/etc/support_form_log.d";
+  /// Those that come with the collector, of which the folder above may hold links. The program sets its installation's.
+  std::string ready_descriptions = "/usr/share/tarvo/descriptions";
   /// Further patterns of secrets that are masked; may be missing.
   std::string redaction = "/usr/tarvo/etc/support_form_log.redact";
   /// A line per collection: what left the device, or could have.
@@ -26,6 +31,9 @@ struct Paths {
 
 /// Bytes of the file Paths::redaction; a longer one is refused as a whole.
 inline constexpr std::size_t kPatternFileBytes = std::size_t{256} << 10;
+
+/// Bytes of a task's list of applications, as JSON. A ticket's has at most 2047.
+inline constexpr std::size_t kAppListBytes = std::size_t{1} << 20;
 
 /// How much a collection takes and how long it may last.
 struct Limits {
@@ -86,6 +94,14 @@ struct Limits {
   unsigned status_wait_ms = 5'000;  ///< How long "status" waits for a task to end.
   unsigned prepare_wait_ms =
       10'000;  ///< How long "collect" waits for another "collect" to get its task going.
+  /// How long the collector waits for what whoever has connected asks of it. They send it at once.
+  unsigned request_wait_ms = 10'000;
+  /// How long "collect" waits for the collector's answer: for prepare_wait_ms, and until a busy device has started a
+  /// program. Below the time for which anybody would go on waiting.
+  unsigned hand_over_wait_ms = 30'000;
+  /// Task folders that may lie there when a collection is handed over, leftovers that can be removed not counted. The
+  /// daemon has one at a time. Bounds what a caller can pile up that was taken over by an attacker.
+  std::size_t handed_over_tasks = 16;
   unsigned progress_interval_ms = 1000;  ///< The progress file is not replaced more often.
   /// Level of the archive's compression. Negative: faster than the library's usual ones.
   int zstd_level = -2;

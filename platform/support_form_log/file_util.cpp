@@ -92,9 +92,10 @@ bool ReadFileUpTo(const std::string& path, std::size_t limit, std::string& out, 
   return ReadUpTo(fd.get(), limit, out, more);
 }
 
-bool ReplaceFile(int folder_fd, const char* name, const char* fresh, std::string_view text) {
+bool ReplaceFile(int folder_fd, const char* name, const char* fresh, std::string_view text, mode_t mode) {
   const UniqueFd fd(openat(folder_fd, fresh, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-  return fd.valid() && WriteAll(fd.get(), text) && renameat(folder_fd, fresh, folder_fd, name) == 0;
+  return fd.valid() && fchmod(fd.get(), mode) == 0 && WriteAll(fd.get(), text) &&
+         renameat(folder_fd, fresh, folder_fd, name) == 0;
 }
 
 bool IsKernelFileSystem(int fd) {

@@ -26,6 +26,8 @@ constexpr std::size_t kIdBytes = 16;
 constexpr std::int64_t kLockLookMs = 10;
 /// Bytes of the text in a task's lock file, which lie on the device from the beginning.
 constexpr std::size_t kRecordBytes = 4096;
+constexpr mode_t kReadableFolderMode = 0750;
+constexpr mode_t kWritableFolderMode = 0770;
 
 [[noreturn]] void Fail(const std::string& what) {
   throw ApiError(ApiErrorCode::kSystem, what + ": " + ErrorText(errno));
@@ -56,8 +58,8 @@ std::string RandomId() {
   return HexText(bytes.data(), bytes.size());
 }
 
-UniqueFd CreateLock(int folder_fd, const char* name) {
-  UniqueFd fd(openat(folder_fd, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+UniqueFd CreateLock(int folder_fd, const char* name, int access) {
+  UniqueFd fd(openat(folder_fd, name, access | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd.valid() || flock(fd.get(), LOCK_EX | LOCK_NB) != 0) Fail("the task's lock can't be taken");
   return fd;
 }
@@ -104,6 +106,13 @@ std::vector<std::string> TaskIds(int state_fd) {
     if (IsTaskId(entry->d_name)) ids.emplace_back(entry->d_name);
   }
   return ids;
+}
+
+/// A process may give what is its own to any group that it belongs to; that takes no right of root's.
+void Share(int fd, mode_t mode) {
+  if (fchown(fd, static_cast<uid_t>(-1), getegid()) != 0 || fchmod(fd, mode) != 0) {
+    Fail("the task can't be shared with its caller's group");
+  }
 }
 
 /// Whether nobody needs the task's folder any more.
@@ -163,15 +172,37 @@ NewTask CreateTask(int state_fd) {
   try {
     const UniqueFd folder(openat(state_fd, task.id.c_str(), kFolderFlags));
     if (!folder.valid()) Fail("the task's folder can't be opened");
-    task.lock = CreateLock(folder.get(), kLockFile);
+    task.lock = CreateLock(folder.get(), kLockFile, O_RDWR);
     FillRecord(task.lock.get());
-    task.owner = CreateLock(folder.get(), kOwnerFile);
+    task.owner = CreateLock(folder.get(), kOwnerFile, O_RDONLY);
   } catch (...) {
     RemoveTask(state_fd, task.id);
     throw;
   }
   return task;
 }
+
+void ShareStateFolder(int state_fd) { Share(state_fd, kReadableFolderMode); }
+
+void ShareTask(int state_fd, const NewTask& task) {
+  Share(task.lock.get(), kSharedFileMode);
+  Share(task.owner.get(), kSharedFileMode);
+  const UniqueFd folder(openat(state_fd, task.id.c_str(), kFolderFlags));
+  Share(folder.get(), kReadableFolderMode);
+}
+
+bool IsShared(int folder_fd) {
+  struct stat status = {};
+  return fstat(folder_fd, &status) == 0 && (status.st_mode & 07777U) == kReadableFolderMode;
+}
+
+void ShareArchive(int folder_fd) {
+  const UniqueFd archive(openat(folder_fd, kArchiveFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  Share(archive.get(), kSharedFileMode);
+  Share(folder_fd, kWritableFolderMode);
+}
+
+std::size_t CountTasks(int state_fd) { return TaskIds(state_fd).size(); }
 
 void WriteTaskRecord(int lock_fd, std::string_view failure) {
   std::array<char, kRecordBytes> text = {};

@@ -82,15 +82,8 @@ int Work(const std::function<int()>& work) {
 
 /// The task process, from its first instruction to its last.
 [[noreturn]] void RunWork(int lock_fd, const std::function<int()>& work) noexcept {
-  ResetSignals();
-  ShieldMemory();
-  umask(077);
   prctl(PR_SET_NAME, "support_log");
-  if (chdir("/") != 0 || !ResetDescriptors(lock_fd)) {
-    WriteTaskRecord(lock_fd, "the collection process can't be set up: " + ErrorText(errno));
-    _exit(1);
-  }
-  _exit(Work(work));
+  _exit(BecomeTaskProcess(lock_fd) ? Work(work) : 1);
 }
 
 /// The process in between: it gives the task process away by ending. Its exit status is an errno value.
@@ -118,6 +111,15 @@ void ShieldMemory() {
   const rlimit no_core = {0, 0};
   setrlimit(RLIMIT_CORE, &no_core);
   prctl(PR_SET_DUMPABLE, 0);
+}
+
+bool BecomeTaskProcess(int lock_fd) {
+  ResetSignals();
+  ShieldMemory();
+  umask(077);
+  if (chdir("/") == 0 && ResetDescriptors(lock_fd)) return true;
+  WriteTaskRecord(lock_fd, "the collection process can't be set up: " + ErrorText(errno));
+  return false;
 }
 
 void StartDetached(int lock_fd, const std::function<int()>& work) {

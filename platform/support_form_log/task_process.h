@@ -12,14 +12,19 @@ inline constexpr int kTaskLockFd = 3;
 /// size of core files stays.
 void ShieldMemory();
 
+/// Makes the calling process fit for a task: /dev/null at 0, 1 and 2, the lock at kTaskLockFd and no other descriptor,
+/// default signals (but a file-size limit is an error, not a signal) and an empty mask, umask 077, the root as working
+/// folder, ShieldMemory().
+/// @param lock_fd  The lock. It has another number afterwards, and whatever else owned a descriptor owns none any more.
+/// @return false where that fails; the task's record says why.
+[[nodiscard]] bool BecomeTaskProcess(int lock_fd);
+
 /// Starts a process that is nobody's child: it outlives the caller and becomes no zombie of the caller's. To
 /// be called from a process with one thread.
 ///
-/// The new process has nothing of the caller's but its memory: a session of its own, /dev/null at 0, 1 and 2,
-/// the lock at kTaskLockFd and no other descriptor, default signals (but a file-size limit is an error, not a
-/// signal) and an empty mask, umask 077, the root as working folder, ShieldMemory(), a name of its own. It runs
-/// `work` and ends with its result as exit status, without running destructors or exit handlers. Where it can't be
-/// made so, the task's record says why.
+/// The new process has nothing of the caller's but its memory: a session and a name of its own, and all that
+/// BecomeTaskProcess() gives. It runs `work` and ends with its result as exit status, without running destructors or
+/// exit handlers.
 /// @param lock_fd  The lock; the caller closes its own copy. It is held until the process ends.
 /// @param work     What it throws, a std::exception, is recorded as the task's failure.
 /// @throws ApiError when the process can't be started.

@@ -44,14 +44,14 @@ struct OpenedPath {
 [[nodiscard]] bool ReadTrustedFile(const std::string& path, std::size_t limit, std::string& out, bool& more,
                                    Distrust& distrust);
 
-/// Whether a user is root or the one who runs this.
+/// Whether a user, given by number, is root or the one who runs this (the effective user).
 [[nodiscard]] bool IsRootOrSelf(unsigned user);
 
 /// Whether a user is one of those who may have a say: root, or the user who runs this. In a user namespace without the
 /// device's root, its files seem to belong to the user "nobody", who counts as root there.
 [[nodiscard]] bool IsTrustedUser(unsigned user);
 
-/// The parts of a path between its slashes.
+/// The parts of a path between its slashes, from the root on; slashes behind each other part nothing.
 [[nodiscard]] std::deque<std::string> PartsOf(const std::string& path);
 
 }  // namespace TARVO::SupportForm

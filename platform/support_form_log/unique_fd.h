@@ -33,6 +33,7 @@ class UniqueFd {
 
   /// The descriptor for calls that only use it; negative when none is held.
   [[nodiscard]] int get() const { return fd_; }
+  /// Whether one is held; it need not be open any more where somebody closed it by number.
   [[nodiscard]] bool valid() const { return fd_ >= 0; }
 
   /// Gives the descriptor away: the caller closes it, and none is held here any more.

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "api_error.h"
+#include "collector_service.h"
 #include "file_util.h"
 #include "task_folder.h"
 #include "task_process.h"
@@ -46,10 +47,12 @@ Json::Value SupportFormLog::Collect(const Json::Value& params) {
     throw ApiError(ApiErrorCode::kBadParameters,
                    R"("app_list" is missing or not an array of application names)");
   }
+  if (auto task = HandOver(paths_.socket, limits_.hand_over_wait_ms, app_list)) {
+    return Own(task->id, std::move(task->owner));
+  }
   const UniqueFd state = OpenStateFolder(paths_.state);
   UniqueFd starting = LockStateFolder(paths_.state, limits_.prepare_wait_ms);
   RemoveLeftovers(state.get());
-  ForgetRemoved(state.get());
   NewTask task = CreateTask(state.get());
   starting.Close();  // From here on the task's own locks tell that it is alive.
 
@@ -59,16 +62,23 @@ Json::Value SupportFormLog::Collect(const Json::Value& params) {
     RemoveTask(state.get(), task.id);
     throw;
   }
-  owners_[task.id] = std::move(task.owner);
+  return Own(task.id, std::move(task.owner));
+}
+
+/// Keeps a task's owner lock. Returns the data of its "collect".
+Json::Value SupportFormLog::Own(const std::string& task_id, UniqueFd owner) {
+  ForgetRemoved();
+  owners_[task_id] = std::move(owner);
   Json::Value data(Json::objectValue);
-  data["task_id"] = task.id;
+  data["task_id"] = task_id;
   return data;
 }
 
 /// Gives up the owner locks of tasks whose folders are gone, whoever removed them.
-void SupportFormLog::ForgetRemoved(int state_fd) {
+void SupportFormLog::ForgetRemoved() {
   for (auto it = owners_.begin(); it != owners_.end();) {
-    const bool gone = faccessat(state_fd, it->first.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0;
+    const std::string folder = paths_.state + "/" + it->first;
+    const bool gone = faccessat(AT_FDCWD, folder.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
     it = gone ? owners_.erase(it) : std::next(it);
   }
 }
@@ -112,7 +122,8 @@ Json::Value SupportFormLog::RunningStatus(int folder_fd) const {
 }
 
 Json::Value SupportFormLog::EndedStatus(int folder_fd, const std::string& task_id) const {
-  if (faccessat(folder_fd, kArchiveFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+  // The archive of a task that was killed before it was shared can't be read.
+  if (faccessat(folder_fd, kArchiveFile, R_OK, AT_SYMLINK_NOFOLLOW) == 0) {
     Json::Value data(Json::objectValue);
     data["finished"] = true;
     data["path"] = paths_.state + "/" + task_id + "/" + kArchiveFile;

@@ -30,7 +30,8 @@ class SupportFormLog {
   /// Enters both methods. The object must outlive the registry.
   void Register(ApiRegistry& registry);
 
-  /// Starts a collection and returns at once. Removes what ended tasks left before.
+  /// Starts a collection and returns at once. Removes what ended tasks left before. Where the collector is a service
+  /// of its own, both are that one's work, and no process is started here.
   /// @param params  {"app_list": [...]}; what is in the list is checked by the task, which puts errors into the
   ///                archive's manifest.
   /// @return {"task_id": "..."}
@@ -44,7 +45,8 @@ class SupportFormLog {
   Json::Value Status(const Json::Value& params) const;
 
  private:
-  void ForgetRemoved(int state_fd);
+  Json::Value Own(const std::string& task_id, UniqueFd owner);
+  void ForgetRemoved();
   [[nodiscard]] Json::Value RunningStatus(int folder_fd) const;
   [[nodiscard]] Json::Value EndedStatus(int folder_fd, const std::string& task_id) const;
 

@@ -80,6 +80,12 @@ TEST_F(AppDescriptionTest, TellsWhatIsWrongAndInWhichFile) {
       {std::string(3000, '['), "not valid JSON"},
       {"[]", "not a JSON object"},
       {R"({"path": ["/a"]})", "unknown member \"path\""},
+      {R"({"path": 1, "paths": ["a", {"path": "/a", "binary": 1, "c": 2}], "commands": [{"argv": [],
+          "time_limit_seconds": 0}], "units": ["-u", {"unit": "a", "lines": 0}]})",
+       "description: unknown member \"path\"; paths[0] is not an absolute path: \"a\"; "
+       "paths[1]: unknown member \"c\"; paths[1].binary is neither true nor false; "
+       "commands[0].argv is not an array of at least one string; "
+       "commands[0].time_limit_seconds is not a whole number from 1 to"},
       {R"({"description": 1})", "\"description\" is not a string"},
       {R"({"paths": "/a"})", "\"paths\" is not an array"},
       {R"({"paths": ["/a", 1]})", "paths[1] is not a string"},
@@ -135,6 +141,14 @@ TEST_F(AppDescriptionTest, FileThatIsMissingTooLongOrNoFileIsAnError) {
   EXPECT_EQ(ErrorOf(R"({"paths":[]})"), "");
   ASSERT_EQ(mkfifo((fs::path(paths_.descriptions) / "pipe.json").c_str(), 0600), 0);
   EXPECT_THROW(static_cast<void>(LoadAppDescription(paths_, limits_, "pipe")), DescriptionError);
+}
+
+TEST_F(AppDescriptionTest, LinkThatLeadsNowhereIsToldAsSuch) {
+  const std::string path = paths_.descriptions + "/gone.json";
+  fs::create_symlink("/nonexistent/gone.json", path);
+  EXPECT_THAT([&] { static_cast<void>(LoadAppDescription(paths_, limits_, "gone")); },
+              testing::ThrowsMessage<DescriptionError>(
+                  path + " leads to /nonexistent/gone.json, which is not there"));
 }
 
 TEST_F(AppDescriptionTest, FileOrFolderAboveThatOthersCanChangeIsAnErrorThatTellsWhatToDo) {

@@ -15,11 +15,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-unsigned Mode(const fs::path& path) {
-  struct stat status = {};
-  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
-}
-
 class TaskFolderTest : public SupportLogTest {
  protected:
   fs::path Folder(const std::string& id) const { return fs::path(paths_.state) / id; }
@@ -41,8 +36,8 @@ TEST_F(TaskFolderTest, StateFolderIsMadeForItsOwnerOnly) {
   umask(0);
   const UniqueFd state = OpenStateFolder(paths_.state);
   umask(022);
-  EXPECT_EQ(Mode(paths_.state), 0700U);
-  EXPECT_EQ(Mode(fs::path(paths_.state).parent_path()), 0755U);
+  EXPECT_EQ(ModeOf(paths_.state), 0700U);
+  EXPECT_EQ(ModeOf(fs::path(paths_.state).parent_path()), 0755U);
 }
 
 TEST_F(TaskFolderTest, StateFolderThatOthersMayWriteToOrThatIsALinkIsRefused) {
@@ -68,7 +63,7 @@ TEST_F(TaskFolderTest, NeighbourWhoMayReadTheStateFolderCannotLockIt) {
   ASSERT_EQ(flock(neighbour.get(), LOCK_EX), 0);
   static_cast<void>(OpenStateFolder(paths_.state));
   EXPECT_TRUE(LockStateFolder(paths_.state, 0).valid());
-  EXPECT_EQ(Mode(paths_.state + ".lock"), 0600U);
+  EXPECT_EQ(ModeOf(paths_.state + ".lock"), 0600U);
 }
 
 TEST_F(TaskFolderTest, NewTaskHasItsOwnFolderAndBothLocks) {
@@ -77,10 +72,77 @@ TEST_F(TaskFolderTest, NewTaskHasItsOwnFolderAndBothLocks) {
   const NewTask second = CreateTask(state.get());
   EXPECT_TRUE(IsTaskId(first.id));
   EXPECT_NE(first.id, second.id);
-  EXPECT_EQ(Mode(Folder(first.id)), 0700U);
+  EXPECT_EQ(ModeOf(Folder(first.id)), 0700U);
   const UniqueFd folder = OpenTaskFolder(paths_.state, first.id);
   EXPECT_TRUE(IsHeld(folder.get(), kLockFile));
   EXPECT_TRUE(IsHeld(folder.get(), kOwnerFile));
+}
+
+TEST_F(TaskFolderTest, SharedTaskIsItsGroupsToReadAndOnceItsArchiveIsCompleteToDelete) {
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  ShareStateFolder(state.get());
+  const NewTask task = CreateTask(state.get());
+  const UniqueFd folder = OpenTaskFolder(paths_.state, task.id);
+  EXPECT_FALSE(IsShared(folder.get()));
+  ShareTask(state.get(), task);
+  EXPECT_TRUE(IsShared(folder.get()));
+  EXPECT_EQ(ModeOf(paths_.state), 0750U);
+  EXPECT_EQ(ModeOf(Folder(task.id)), 0750U);
+  EXPECT_EQ(ModeOf(Folder(task.id) / kLockFile), 0640U);
+  EXPECT_EQ(ModeOf(Folder(task.id) / kOwnerFile), 0640U);
+
+  WriteText(Folder(task.id) / kArchiveFile, "content");
+  ShareArchive(folder.get());
+  EXPECT_EQ(ModeOf(Folder(task.id)), 0770U);
+  EXPECT_EQ(ModeOf(Folder(task.id) / kArchiveFile), 0640U);
+}
+
+TEST_F(TaskFolderTest, SharedTaskGoesToTheGroupOfTheProcessWhateverGroupItWasOf) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root has other groups for sure";
+  const auto group_of = [](const fs::path& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? status.st_gid : 0;
+  };
+  static_cast<void>(OpenStateFolder(paths_.state));
+  const CallerProcess collector([&] {
+    EXPECT_EQ(setegid(65534), 0);
+    const UniqueFd state = OpenStateFolder(paths_.state);
+    ShareStateFolder(state.get());
+    const NewTask task = CreateTask(state.get());
+    ShareTask(state.get(), task);
+    return task.id;
+  });
+  EXPECT_EQ(group_of(paths_.state), 65534U);
+  EXPECT_EQ(group_of(Folder(collector.Answer())), 65534U);
+  EXPECT_EQ(group_of(Folder(collector.Answer()) / kLockFile), 65534U);
+}
+
+TEST_F(TaskFolderTest, ArchiveThatIsNoFileIsNotShared) {
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  const NewTask task = CreateTask(state.get());
+  ShareTask(state.get(), task);
+  WriteText(data_ / "precious", "x");
+  ASSERT_EQ(chmod((data_ / "precious").c_str(), 0600), 0);
+  fs::create_symlink(data_ / "precious", Folder(task.id) / kArchiveFile);
+  const UniqueFd folder = OpenTaskFolder(paths_.state, task.id);
+  EXPECT_THROW(ShareArchive(folder.get()), ApiError);
+  EXPECT_EQ(ModeOf(data_ / "precious"), 0600U);
+  EXPECT_EQ(ModeOf(Folder(task.id)), 0750U);
+}
+
+TEST_F(TaskFolderTest, WhoGetsTheOwnersLockCannotWriteWithIt) {
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  const NewTask task = CreateTask(state.get());
+  EXPECT_EQ(fcntl(task.owner.get(), F_GETFL) & O_ACCMODE, O_RDONLY);
+}
+
+TEST_F(TaskFolderTest, AllTaskFoldersAreCountedAndNothingElse) {
+  const UniqueFd state = OpenStateFolder(paths_.state);
+  EXPECT_EQ(CountTasks(state.get()), 0U);
+  static_cast<void>(CreateTask(state.get()));
+  EndedTask(kArchiveFile);
+  WriteText(Folder("README"), "x");
+  EXPECT_EQ(CountTasks(state.get()), 2U);
 }
 
 TEST_F(TaskFolderTest, LockIsFreeOnceItsHolderHasEnded) {

@@ -56,6 +56,7 @@ class TaskProcessTest : public SupportLogTest {
     text += "cwd " + fs::read_symlink("/proc/self/cwd").string() + "\n";
     text += "session " + std::to_string(getsid(0)) + "\n" + "group " + std::to_string(getpgid(0)) + "\n";
     text += "core " + CoreLimit() + "\n";
+    text += "dumpable " + std::to_string(prctl(PR_GET_DUMPABLE)) + "\n";
     WriteText(folder_ / "report.new", text);
     fs::rename(folder_ / "report.new", folder_ / "report");
     return Eventually([&] { return !fs::exists(data_); }) ? 0 : 1;
@@ -130,13 +131,25 @@ TEST_F(TaskProcessTest, HasDefaultSignalsWhateverTheCallerHasButForTheFileSizeLi
   }
 }
 
-TEST_F(TaskProcessTest, HasItsOwnSessionMaskAndFolderAndMakesNoCore) {
+TEST_F(TaskProcessTest, HasItsOwnSessionMaskAndFolder) {
   const std::string report = StartAndRead();
   EXPECT_THAT(report, HasSubstr("\nUmask:\t0077\n"));
   EXPECT_THAT(report, HasSubstr("\ncwd /\n"));
   EXPECT_THAT(report, testing::Not(HasSubstr("\nsession " + std::to_string(getsid(0)) + "\n")));
   EXPECT_THAT(report, testing::Not(HasSubstr("\ngroup " + std::to_string(getpgid(0)) + "\n")));
-  EXPECT_THAT(report, testing::ContainsRegex("Max core file size +0 +0 "));
+}
+
+TEST_F(TaskProcessTest, ItsMemoryIsNeitherDumpedNorLookedInto) {
+  // By a caller whose own memory is: the task inherits what is not changed.
+  const CallerProcess caller([&] {
+    rlimit core = {};
+    getrlimit(RLIMIT_CORE, &core);
+    core.rlim_cur = core.rlim_max;
+    EXPECT_TRUE(setrlimit(RLIMIT_CORE, &core) == 0 && prctl(PR_SET_DUMPABLE, 1) == 0);
+    return StartAndRead();
+  });
+  EXPECT_THAT(caller.Answer(), testing::ContainsRegex("Max core file size +0 +0 "));
+  EXPECT_THAT(caller.Answer(), HasSubstr("\ndumpable 0\n"));
 }
 
 TEST_F(TaskProcessTest, IsNobodysChildAndTheCallersMaskIsAsBefore) {

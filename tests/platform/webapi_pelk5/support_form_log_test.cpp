@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <list>
 #include <thread>
@@ -132,12 +133,8 @@ TEST_F(SupportFormLogTest, CollectGivesATaskAndStatusThePathOfItsArchive) {
   const ArchiveContent archive = ReadArchive(path);
   EXPECT_EQ(archive.Of("apps/quick/files" + (data_ / "a.log").string()), "a line\n");
   EXPECT_EQ(archive.ManifestJson()["task_id"].asString(), task);
-  struct stat folder = {};
-  struct stat file = {};
-  ASSERT_EQ(stat(Folder(task).c_str(), &folder), 0);
-  ASSERT_EQ(stat(path.c_str(), &file), 0);
-  EXPECT_EQ(folder.st_mode & 07777U, 0700U);
-  EXPECT_EQ(file.st_mode & 07777U, 0600U);
+  EXPECT_EQ(ModeOf(Folder(task)), 0700U);
+  EXPECT_EQ(ModeOf(path), 0600U);
 }
 
 TEST_F(SupportFormLogTest, FinishedTaskIsAnsweredAgainAndAgain) {
@@ -236,6 +233,20 @@ TEST_F(SupportFormLogTest, CollectorThatCantBeStartedIsAFailedTask) {
   std::string message;
   EXPECT_EQ(StatusError(task, &message), static_cast<int>(ApiErrorCode::kTaskFailed));
   EXPECT_EQ(message, "the collector " + program + " can't be started: No such file or directory");
+}
+
+TEST_F(SupportFormLogTest, CollectorIsTheOneBesideTheFileThatHoldsThisCode) {
+  // By a task's id that is longer than any argument may be, so that none is started.
+  SupportFormLog log(paths_, limits_,
+                     [](const Paths& paths, const std::string& /*id*/, const Json::Value& list) {
+                       return BecomeCollector(paths, std::string(200'000, 'a'), list);
+                     });
+  std::string message;
+  StatusError(Start(log, "quick"), &message);
+  const fs::path started_as = program_invocation_name;
+  const fs::path own = started_as.is_absolute() ? started_as : fs::read_symlink("/proc/self/exe");
+  EXPECT_THAT(message, StartsWith("the collector " + (own.parent_path() / "debug_dat_collect").string() +
+                                  " can't be started: "));
 }
 
 TEST_F(SupportFormLogTest, CollectorFindsItsTaskTheListAndNothingOfTheCallers) {
