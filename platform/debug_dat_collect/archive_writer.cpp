@@ -21,7 +21,7 @@ constexpr std::size_t kBlockBytes = std::size_t{128} << 10;
 constexpr std::uint64_t kLargestOverheadBytes = 16384;
 /// Bytes of the archive for the zeros in the place of the rest of an entry, of which there may be some 100 MiB, and for
 /// its end.
-constexpr std::uint64_t kEndBytes = std::uint64_t{256} << 10;
+constexpr std::uint64_t kArchiveEndBytes = std::uint64_t{256} << 10;
 
 la_ssize_t WriteCompressed(archive* writer, void* stream, const void* data, std::size_t size) {
   try {
@@ -100,7 +100,7 @@ void ArchiveWriter::WriteHeader(const std::string& name, const EntrySource& sour
 }
 
 bool ArchiveWriter::TakeRoom(std::uint64_t more) {
-  return room_.Reserve(SizeBound(more + kept_ + kEndBytes));
+  return room_.Reserve(SizeBound(more + kept_ + kArchiveEndBytes));
 }
 
 WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& source) {

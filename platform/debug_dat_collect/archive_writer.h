@@ -86,7 +86,10 @@ class ArchiveWriter {
   /// stand for what is missing.
   /// @param name  Any length, any bytes but NUL. The folders in it get no entries of their own.
   WrittenEntry Add(const std::string& name, const EntrySource& source);
-  /// Adds a regular file that holds `text`.
+  /// Adds a regular file that holds `text`, as Add() does with a source of it.
+  /// @param modified  Time of the last change, recorded in the archive.
+  /// @param rules     As EntrySource::rules; borrowed until this returns.
+  /// @param last      As EntrySource::last.
   WrittenEntry AddText(const std::string& name, std::string_view text, std::time_t modified,
                        const RedactionRules* rules = nullptr, bool last = false);
   /// SHA-256 of the content of each entry so far, as it lies in the archive, in the order of the entries: kSumDigits
@@ -105,7 +108,7 @@ class ArchiveWriter {
   [[nodiscard]] std::uint64_t ReservedAhead() const;
 
  private:
-  class Content;
+  class Content;  // an entry's bytes on their way through the Redactor
 
   /// Reserves room for so many further bytes of content, and for the archive's end.
   /// @return false, with errno set, when there is none.
@@ -118,11 +121,11 @@ class ArchiveWriter {
   std::unique_ptr<ZstdStream> zstd_;  // outlives archive_, which writes into it
   std::unique_ptr<archive, int (*)(archive*)> archive_;
   std::unique_ptr<archive_entry, void (*)(archive_entry*)> header_;  // used for all entries
-  Progress& progress_;
-  ReservedRoom room_;
-  std::uint64_t kept_ = 0;    // for the last entry
-  std::vector<char> buffer_;  // its part that is being read and masked
-  ArchiveSummary summary_;
+  Progress& progress_;                                               // the caller's
+  ReservedRoom room_;                                                // of the archive's file
+  std::uint64_t kept_ = 0;                                           // for the last entry
+  std::vector<char> buffer_;                                         // its part that is being read and masked
+  ArchiveSummary summary_;                                           // so far; Close() completes it
 };
 
 }  // namespace TARVO::SupportForm

@@ -21,13 +21,14 @@ struct AuditRecord {
 };
 
 /// The record as one line of JSON, with its line end. Nothing in it can hold a token: what is no application's name
-/// is not quoted.
+/// is not quoted. The collector makes one for each archive that is complete.
 [[nodiscard]] std::string AuditLine(const AuditRecord& record);
 
 /// Appends the line to the log file in one write, under a lock that all processes share. A log that would pass
 /// `max_bytes` is kept as `path`.1 in the place of a former one, and a new one begun. Both have mode 0600.
 /// @param wait_ms  For how long a lock that somebody else holds is waited for; each of us holds it for one write.
-/// @throws std::runtime_error
+/// @throws std::runtime_error  When the line can't be written, the lock was not to be had, or something else lies in
+///         the log's place. The text names the file. Nothing of the line is in the log then, unless the device is full.
 void AppendAuditLine(const std::string& path, std::uint64_t max_bytes, const std::string& line,
                      unsigned wait_ms = 5'000);
 

@@ -29,15 +29,15 @@ enum ByteClass : unsigned {
   kColon = 1U << 16,        ///< ':'.
   kSpelled = 1U << 17,  ///< Punctuation in another spelling begins with it: '\\', '%', '&', or 0xEF of UTF-8.
   // From here on unions: no bits of their own.
-  kLowerDigit = kLower | kDigit,
-  kUpperDigit = kUpper | kDigit,
+  kLowerDigit = kLower | kDigit,  ///< As of hexadecimal and base36 in lower case.
+  kUpperDigit = kUpper | kDigit,  ///< As of base32.
   // What names, identifiers and values of the usual encodings are written with.
-  kAlnum = kUpper | kLower | kDigit,
-  kIdentifierByte = kAlnum | kDash,
-  kNameByte = kIdentifierByte | kDot,
-  kEncodedByte = kNameByte | kEncoding,
-  kHashByte = kAlnum | kHashSign,
-  kBase64Byte = kAlnum | kBase64Sign,
+  kAlnum = kUpper | kLower | kDigit,     ///< Of ASCII only.
+  kIdentifierByte = kAlnum | kDash,      ///< Of variables and options: "db_password", "api-key".
+  kNameByte = kIdentifierByte | kDot,    ///< Of members behind each other, too: "spring.datasource.password".
+  kEncodedByte = kNameByte | kEncoding,  ///< Of base64 in both alphabets, percent codes and JSON web tokens.
+  kHashByte = kAlnum | kHashSign,        ///< Of crypt(3) and its kin: "$6$rounds=5000$salt$hash".
+  kBase64Byte = kAlnum | kBase64Sign,    ///< Of base64 in its usual alphabet, without the padding.
 };
 
 /// The classes of each byte, as bits; evaluated by the compiler only.
@@ -64,7 +64,7 @@ constexpr std::array<unsigned, 256> MakeByteClasses() {
   return table;
 }
 
-/// By the byte's value, 0 to 255.
+/// By the byte's value, 0 to 255. Read through Is() alone, which makes no sign of a char an offset.
 inline constexpr std::array<unsigned, 256> kByteClasses = MakeByteClasses();
 
 /// Whether the byte is of at least one of the classes.

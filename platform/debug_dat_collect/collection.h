@@ -12,7 +12,7 @@ namespace TARVO::SupportForm {
 
 /// What is asked of a collection.
 struct CollectionRequest {
-  std::string task_id;
+  std::string task_id;   ///< Stands in the manifest: the task's id, or who else asked.
   Json::Value app_list;  ///< The applications' names; what is wrong with them becomes lines in the manifest.
   /// Whether secrets are masked and what can't be checked is left out. Always so for what a ticket asks for.
   bool redact = true;
@@ -20,7 +20,7 @@ struct CollectionRequest {
 
 /// What a collection came to.
 struct CollectionSummary {
-  ArchiveSummary archive;
+  ArchiveSummary archive;    ///< What lies in the folder now.
   std::uint64_t errors = 0;  ///< Lines under "errors" in the manifest: what was left out or went wrong.
 };
 

@@ -12,11 +12,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <sstream>
 #include <string_view>
 
 #include "file_util.h"
-#include "trusted_path.h"
+#include "program_path.h"
 #include "unique_fd.h"
 
 namespace TARVO::SupportForm {
@@ -24,46 +23,6 @@ namespace {
 
 /// How often the end of a command is looked for while it keeps silent.
 constexpr std::int64_t kLookMs = 20;
-
-std::vector<std::string> Folders(const std::string& folders) {
-  std::vector<std::string> list;
-  std::istringstream stream(folders);
-  for (std::string folder; std::getline(stream, folder, ':');) list.push_back(folder);
-  return list;
-}
-
-/// The folders of the look-up in which nobody else can put programs: a command, too, finds its programs in no other.
-std::string TrustedFolders(const std::string& folders) {
-  std::string trusted;
-  for (const std::string& folder : Folders(folders)) {
-    if (!OpenTrusted(folder, O_PATH | O_DIRECTORY).fd.valid()) continue;
-    trusted += (trusted.empty() ? "" : ":") + folder;
-  }
-  return trusted;
-}
-
-struct FoundProgram {
-  std::string path;   ///< Empty when there is none that may be run.
-  Distrust distrust;  ///< Set when the only ones are such as others can change.
-};
-
-/// The program as given with a slash in it, otherwise in the first of the folders that holds one which others can't
-/// change. posix_spawnp() would search the caller's own PATH.
-FoundProgram FindProgram(const std::string& name, const std::string& folders) {
-  if (name.find('/') != std::string::npos) return {name, OpenTrusted(name, O_PATH).distrust};
-  FoundProgram found;
-  for (const std::string& folder : Folders(folders)) {
-    const std::string path = std::string(folder).append("/").append(name);
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0) {
-      continue;
-    }
-    const Distrust distrust = OpenTrusted(path, O_PATH).distrust;
-    if (!distrust) return {path, {}};
-    if (!found.distrust) found.distrust = distrust;
-  }
-  return found;
-}
 
 /// Owns what posix_spawn() is told.
 class SpawnPlan {
@@ -301,7 +260,7 @@ std::string CommandResult::Text() const {
 
 CommandResult RunCommand(const CommandRequest& request, int output_fd) {
   const auto not_started = [](int error) { return CommandResult{CommandResult::End::kNotStarted, error}; };
-  const FoundProgram program = FindProgram(request.argv.front(), request.programs);
+  const ProgramPath program = FindProgram(request.argv.front(), request.programs);
   if (program.distrust) return {CommandResult::End::kNotStarted, EPERM, false, program.distrust.Line()};
   if (program.path.empty()) return not_started(ENOENT);
   const Guardian guardian;  // before the pipe, so that it holds no end of it

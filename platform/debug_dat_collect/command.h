@@ -57,7 +57,9 @@ struct CommandResult {
 /// (PATH and LC_ALL=C), the root as working folder, /dev/null as input, default signals. When it ends, or is over a
 /// limit, its whole group is killed; so it is when the calling process ends meanwhile, however that happens. A
 /// process that left the group is beyond reach, and its output is not waited for.
+/// Used in the collector, whose thread waits meanwhile.
 /// @param output_fd  A file that receives the output, empty before and open for reading, too; borrowed.
+/// @return How it ended, a failure to start it included: there are no other failures.
 [[nodiscard]] CommandResult RunCommand(const CommandRequest& request, int output_fd);
 
 }  // namespace TARVO::SupportForm

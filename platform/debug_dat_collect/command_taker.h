@@ -33,14 +33,17 @@ class CommandTaker {
   /// A file without a name in the task folder, which goes with its descriptor. Invalid where there is no room for one;
   /// the manifest says so then.
   [[nodiscard]] UniqueFd OpenSpool(const std::string& where);
+  /// Moves what the command wrote from the spool into the archive, and records it under the entry's `name`, or why
+  /// there is none.
+  /// @return As Take().
   bool TakeOutput(const std::string& name, const CommandRequest& request, const CommandResult& result,
                   int spool_fd);
 
-  const Paths& paths_;
-  const Limits& limits_;
-  const RedactionRules* rules_;
-  int folder_fd_;
-  UnfinishedArchive& archive_;
+  const Paths& paths_;           ///< For Paths::programs.
+  const Limits& limits_;         ///< For Limits::least_bytes.
+  const RedactionRules* rules_;  ///< Null where redaction is off.
+  int folder_fd_;                ///< Where the spool is made.
+  UnfinishedArchive& archive_;   ///< What all is taken into.
 };
 
 }  // namespace TARVO::SupportForm

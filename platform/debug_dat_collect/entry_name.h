@@ -14,10 +14,13 @@ namespace TARVO::SupportForm {
 /// digest put in the place of its end: it could not be unpacked otherwise.
 /// @param printable  A PrintablePath().
 [[nodiscard]] std::string FileEntryName(const std::string& app, const std::string& printable);
-/// "apps/APP/commands/01-ls.txt".
+/// "apps/APP/commands/01-ls.txt". The program's folders are left out, and what a file name had better not have becomes
+/// '_'.
+/// @param number  Its place in the description, from 1: two commands may run the same program.
 [[nodiscard]] std::string CommandEntryName(const std::string& app, std::size_t number,
                                            const std::string& program);
-/// "apps/APP/journal/01-ssh.service.txt".
+/// "apps/APP/journal/01-ssh.service.txt", likewise.
+/// @param unit  Name or pattern of the units, of which the first 64 bytes are taken.
 [[nodiscard]] std::string UnitEntryName(const std::string& app, std::size_t number, const std::string& unit);
 
 }  // namespace TARVO::SupportForm

@@ -52,7 +52,8 @@ struct PackedFile {
   std::string left_out;    ///< Why it can't be taken, for people; empty when it can.
 };
 
-/// Reads `fd` from `offset` on, for EntrySource::read.
+/// Reads `fd` from `offset` on, for EntrySource::read. The descriptor is borrowed; its own offset is neither used nor
+/// moved.
 [[nodiscard]] std::function<ssize_t(char*, std::size_t)> ReaderOf(int fd, std::uint64_t offset);
 
 /// Adds a regular file to the archive, with the size that it had when it was opened: what grows afterwards is
@@ -67,11 +68,16 @@ FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const
 
 /// Unpacks a compressed file for the first time, to learn its size, which an archive wants to know first, and whether
 /// it is a text: what is not can't be taken. That it is damaged, too, shows before anything of it is in the archive.
+/// @param fd       The file; borrowed.
+/// @param status   Its state when it was opened.
+/// @param packing  What its first bytes say, not kNone.
 [[nodiscard]] PackedFile MeasurePacked(int fd, const struct stat& status, Packing packing,
                                        const UnpackLimits& limits);
 
 /// Unpacks it for the second time, into the archive, as AddFile() adds a file of that size.
-/// @param rules  Not null.
+/// @param packed     What MeasurePacked() found, with nothing in `left_out`.
+/// @param max_bytes  Of what it unpacks to; of more the last bytes are taken.
+/// @param rules      Not null; borrowed.
 /// @throws ArchiveFailed
 FileEntry AddUnpacked(ArchiveWriter& archive, const std::string& name, int fd, const struct stat& status,
                       const PackedFile& packed, std::uint64_t max_bytes, const RedactionRules* rules,

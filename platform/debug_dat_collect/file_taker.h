@@ -40,8 +40,8 @@ class FileTaker {
   /// Whether the kernel makes the file as it is read. It is asked once for files of one device in a row, as most are.
   bool IsKernels(const ContentFile& file);
 
-  const Limits& limits_;
-  const RedactionRules* rules_;
+  const Limits& limits_;         ///< The constructor's, as the next two.
+  const RedactionRules* rules_;  ///< Null where redaction is off.
   UnfinishedArchive& archive_;
   std::uint64_t unpacked_ = 0;  ///< Bytes that compressed files have cost, of Limits::unpacked_archive_bytes.
   dev_t device_ = 0;            ///< The last file's device, and

@@ -24,11 +24,11 @@ namespace {
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 /// A name in a folder.
-struct Name {
+struct FolderEntry {
   std::string text;
   unsigned char type;  ///< DT_REG and so on; DT_UNKNOWN where the file system doesn't tell.
 
-  bool operator<(const Name& other) const { return text < other.text; }
+  bool operator<(const FolderEntry& other) const { return text < other.text; }
 };
 
 /// A folder on the way from the root to what is visited: a real one, no link.
@@ -73,7 +73,7 @@ int ReadLink(const Folder& folder, const std::string& name, std::string& target)
 /// @param way   Leads to the folder of the real thing afterwards,
 /// @param name  and this is its name there.
 /// @return 0 or an errno value; ELOOP for a link that is not to be followed.
-int Resolve(Way& way, Name& name, unsigned max_links) {
+int Resolve(Way& way, FolderEntry& name, unsigned max_links) {
   std::deque<std::string> todo = {name.text};
   name = {".", DT_DIR};
   for (unsigned links = 0; !todo.empty();) {
@@ -111,7 +111,7 @@ int Resolve(Way& way, Name& name, unsigned max_links) {
 /// The names in a folder, sorted, "." and ".." left out.
 /// @param max  No more are read.
 /// @return 0 or an errno value; E2BIG when there are more.
-int ReadNames(const Folder& folder, std::size_t max, std::vector<Name>& names) {
+int ReadNames(const Folder& folder, std::size_t max, std::vector<FolderEntry>& names) {
   // A descriptor of its own: a duplicate would share the place in the list.
   const int fd = openat(folder.fd.get(), ".", kFolderFlags);
   const std::unique_ptr<DIR, int (*)(DIR*)> stream(fd < 0 ? nullptr : fdopendir(fd), &closedir);
@@ -174,9 +174,9 @@ class Visit {
     const std::string part = parts.front();
     parts.pop_front();
     if (!IsWildcard(part)) return MatchPlain(way, Below(path, part), part, parts);
-    std::vector<Name> names;
+    std::vector<FolderEntry> names;
     if (!List(*way.back(), path, names)) return false;
-    const bool goes_on = std::all_of(names.begin(), names.end(), [&](const Name& name) {
+    const bool goes_on = std::all_of(names.begin(), names.end(), [&](const FolderEntry& name) {
       return fnmatch(part.c_str(), name.text.c_str(), FNM_PERIOD) != 0 ||
              Found(way, name, Below(path, name.text), parts);
     });
@@ -187,14 +187,15 @@ class Visit {
   /// A part without wildcards: the one place where links are followed.
   bool MatchPlain(Way way, const std::string& path, const std::string& part,
                   const std::deque<std::string>& rest) {
-    Name name = {part, DT_UNKNOWN};
+    FolderEntry name = {part, DT_UNKNOWN};
     const int error = Resolve(way, name, limits_.links);
     if (error == ENOENT || error == ENOTDIR) return true;
     return error == 0 ? Found(way, name, path, rest) : Failed(path, error);
   }
 
   /// A name that matches; `rest` is the pattern below it.
-  bool Found(const Way& way, const Name& name, const std::string& path, const std::deque<std::string>& rest) {
+  bool Found(const Way& way, const FolderEntry& name, const std::string& path,
+             const std::deque<std::string>& rest) {
     if (rest.empty()) return At(way, name, path, limits_.folder_depth);
     Way below = way;
     const int error = Enter(below, name.text);
@@ -205,7 +206,7 @@ class Visit {
   }
 
   /// DT_UNKNOWN, with errno set, when it can't be told.
-  static unsigned char TypeOf(const Way& way, const Name& name) {
+  static unsigned char TypeOf(const Way& way, const FolderEntry& name) {
     if (name.type != DT_UNKNOWN) return name.type;
     struct stat status = {};
     return fstatat(way.back()->fd.get(), name.text.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0
@@ -214,7 +215,7 @@ class Visit {
   }
 
   /// Visits `name` in the last folder; its full path is `path`.
-  bool At(const Way& way, const Name& name, const std::string& path, unsigned depth) {
+  bool At(const Way& way, const FolderEntry& name, const std::string& path, unsigned depth) {
     switch (TypeOf(way, name)) {
       case DT_REG:
         return File(*way.back(), name.text, path);
@@ -257,21 +258,22 @@ class Visit {
   /// Visits everything in the last folder.
   bool WalkLast(const Way& way, const std::string& path, unsigned depth) {
     met_something_ = true;
-    std::vector<Name> names;
+    std::vector<FolderEntry> names;
     if (!List(*way.back(), path, names)) return false;
     const std::size_t held = names.size();
     const auto links = std::stable_partition(names.begin(), names.end(),
-                                             [](const Name& name) { return name.type != DT_LNK; });
-    const bool goes_on =
-        std::all_of(names.begin(), links,
-                    [&](const Name& name) { return At(way, name, Below(path, name.text), depth - 1); }) &&
-        LeaveOutLinks(path, {links, names.end()});
+                                             [](const FolderEntry& name) { return name.type != DT_LNK; });
+    const bool goes_on = std::all_of(names.begin(), links,
+                                     [&](const FolderEntry& name) {
+                                       return At(way, name, Below(path, name.text), depth - 1);
+                                     }) &&
+                         LeaveOutLinks(path, {links, names.end()});
     names_held_ -= held;
     return goes_on;
   }
 
   /// The links in a folder are one note: some folders hold nothing but hundreds of them.
-  bool LeaveOutLinks(const std::string& folder, const std::vector<Name>& links) {
+  bool LeaveOutLinks(const std::string& folder, const std::vector<FolderEntry>& links) {
     if (links.empty()) return true;
     const std::string first = Below(folder, links.front().text);
     if (links.size() == 1) return Failed(first, ELOOP);
@@ -279,7 +281,7 @@ class Visit {
                                " symbolic links in its folder, not followed");
   }
 
-  bool List(const Folder& folder, const std::string& path, std::vector<Name>& names) {
+  bool List(const Folder& folder, const std::string& path, std::vector<FolderEntry>& names) {
     const std::size_t max = std::min(limits_.folder_names, 2 * limits_.folder_names - names_held_);
     const int error = ReadNames(folder, max, names);
     names_held_ += names.size();

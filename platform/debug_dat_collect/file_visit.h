@@ -21,7 +21,7 @@ class FileVisitor {
  public:
   virtual ~FileVisitor() = default;
 
-  /// A regular file, open for reading.
+  /// A regular file, open for reading, which is the visitor's from now on.
   /// @param path    As the pattern has it; links that were followed are not resolved in it.
   /// @param status  Its state when it was opened.
   virtual bool TakeFile(const std::string& path, UniqueFd fd, const struct stat& status) = 0;
@@ -34,7 +34,10 @@ class FileVisitor {
 /// Gives every file that the absolute shell pattern matches to `visitor`, in the order of their names; as in a
 /// shell, a wildcard matches no leading dot. Folders that match are walked, hidden names included. Special files are
 /// not opened. A folder that is met below itself, as a mount may make it, is left out. So is, where others may write
-/// to the folder, a file with several names: one of them may have been given to a file of somebody else's.
+/// to the folder, a file with several names: one of them may have been given to a file of somebody else's. Whatever
+/// can't be opened or read is left out with the system's text; nothing is thrown but by the visitor. Runs in the
+/// collector, for one pattern after the other.
+/// @param limits  folder_depth, folder_names and links count.
 void VisitMatches(const std::string& pattern, const Limits& limits, FileVisitor& visitor);
 
 }  // namespace TARVO::SupportForm

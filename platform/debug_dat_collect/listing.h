@@ -28,6 +28,7 @@ struct Listing {
 /// Tells what a collection for these applications would take now, without running or reading anything but the
 /// descriptions and the folders' lists. What only the content tells is not told: a file that is no text and so would
 /// be left out, an output's size, the space that the archive would need.
+/// @param app_list  The applications' names, a JSON array; what is wrong with them is told in `left_out`.
 [[nodiscard]] Listing ListArchive(const Paths& paths, const Limits& limits, const Json::Value& app_list);
 
 }  // namespace TARVO::SupportForm

@@ -20,6 +20,7 @@
 #include "collection.h"
 #include "file_util.h"
 #include "listing.h"
+#include "redaction_rules.h"
 #include "task_folder.h"
 #include "unique_fd.h"
 
@@ -155,6 +156,8 @@ void WriteArchive(const Paths& paths, const Limits& limits, const CollectOptions
 
 void ListContents(const Paths& paths, const Limits& limits, const CollectOptions& options,
                   std::ostream& out) {
+  // As before an archive: with rules that can't be compiled nothing is taken, so that there is nothing to list.
+  static_cast<void>(RedactionRules(paths.redaction));
   const Listing listing = ListArchive(paths, limits, AppList(options));
   std::uint64_t bytes = 0;
   for (const ListedEntry& entry : listing.entries) {

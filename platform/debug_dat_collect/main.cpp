@@ -1,7 +1,8 @@
 /// The program that makes debug archives. `--task ID` is how libwebapi-Pelk5.so starts it for a ticket, with the
-/// list of applications, a JSON array, at standard input. What else it does, --help tells.
+/// list of applications, a JSON array, at standard input. `--connection` is how a service manager starts it for a
+/// collection that is handed over, with the connection as standard input. What else it does, --help tells.
 #include <fcntl.h>
-#include <json/reader.h>
+#include <json/value.h>
 #include <openssl/crypto.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -10,11 +11,13 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
+#include "app_list.h"
 #include "collection_limits.h"
+#include "connection.h"
+#include "description_links.h"
 #include "file_util.h"
 #include "local_archive.h"
 #include "options.h"
@@ -26,23 +29,13 @@ namespace {
 
 using namespace TARVO::SupportForm;
 
-constexpr std::size_t kMaxInputBytes = std::size_t{1} << 20;
-
 Json::Value ReadAppList() {
   std::string text;
   bool more = false;
-  if (!ReadUpTo(STDIN_FILENO, kMaxInputBytes, text, more) || more) {
+  if (!ReadUpTo(STDIN_FILENO, kAppListBytes, text, more) || more) {
     throw std::runtime_error("the list of applications can't be read from standard input");
   }
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;  // takes time that grows with the square of the text's length
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value list;
-  std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &list, &errors) || !list.isArray()) {
-    throw std::runtime_error("standard input holds no JSON array of application names: " + errors);
-  }
-  return list;
+  return ParseAppList(text, "standard input");
 }
 
 int RunTaskOfLibrary(const std::string& task_id) {
@@ -58,6 +51,29 @@ int RunTaskOfLibrary(const std::string& task_id) {
     throw;
   }
   return RunTask({}, {}, task_id, app_list);
+}
+
+/// Carries out what people ask for.
+/// @return the exit status.
+int RunForPeople(const CollectOptions& options) {
+  Paths paths;
+  paths.ready_descriptions = READY_DESCRIPTIONS;
+  switch (options.action) {
+    case CollectOptions::Action::kList:
+      PrintDescriptions(paths, {}, std::cout);
+      return 0;
+    case CollectOptions::Action::kEnable:
+    case CollectOptions::Action::kDisable: {
+      const bool enable = options.action == CollectOptions::Action::kEnable;
+      return ChangeDescriptions(paths, {}, options.apps, enable, std::cout, std::cerr) ? 0 : 1;
+    }
+    case CollectOptions::Action::kDryRun:
+      ListContents(paths, {}, options, std::cout);
+      return 0;
+    default:
+      WriteArchive(paths, {}, options, std::cout, std::cerr);
+      return 0;
+  }
 }
 
 /// What StartDetached() and RunTask() do for a task.
@@ -78,13 +94,9 @@ int Main(int argc, char** argv) {
   }
   const CollectOptions& options = parsed.options;
   if (options.action == CollectOptions::Action::kTask) return RunTaskOfLibrary(options.task_id);
+  if (options.action == CollectOptions::Action::kConnection) return ServeConnection({}, {}, STDIN_FILENO);
   SetUpProcess();
-  if (options.action == CollectOptions::Action::kDryRun) {
-    ListContents({}, {}, options, std::cout);
-  } else {
-    WriteArchive({}, {}, options, std::cout, std::cerr);
-  }
-  return 0;
+  return RunForPeople(options);
 }
 
 }  // namespace

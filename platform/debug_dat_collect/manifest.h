@@ -26,7 +26,8 @@ struct ManifestEntry {
   std::vector<std::string> notes;       ///< What is not as it was at the source, for people.
 };
 
-/// The archive's last entry: what was asked for, what was taken, what was left out and why.
+/// The archive's last entry: what was asked for, what was taken, what was left out and why. Filled by the collector
+/// while it makes the archive, in one thread; docs/log-collection.md describes its members.
 class Manifest {
  public:
   /// @param asked       The application list, as given.
@@ -34,7 +35,8 @@ class Manifest {
   /// @param max_errors  Error lines beyond that are only counted.
   Manifest(const std::string& task_id, const Json::Value& asked, bool redaction, unsigned max_errors);
 
-  /// Records an application that is being collected.
+  /// Records an application that is being collected, so that one without any entry shows, too.
+  /// @param description  AppDescription::description, as its maker wrote it.
   void AddApplication(const std::string& name, const std::string& description);
   /// Records an archive entry. To be called for each, in their order in the archive.
   void AddEntry(const ManifestEntry& entry);
@@ -42,12 +44,14 @@ class Manifest {
   /// @param where  What it is about: "apps/NAME", "system/journal".
   void AddError(const std::string& where, const std::string& message);
 
+  /// How often AddError() was called, the lines beyond the limit counted too.
   [[nodiscard]] std::uint64_t errors() const { return errors_; }
-  /// About how long Text() would be.
+  /// About how long Text() would be, in bytes; for the room that is kept for it.
   [[nodiscard]] std::uint64_t TextBytes() const;
 
   /// The manifest as it stands, as JSON. Texts in it may quote tokens: the archive writer masks them.
   /// @param sums  ArchiveWriter::Sums() of the entries recorded.
+  /// @throws std::logic_error  When there are not as many digests as entries.
   [[nodiscard]] std::string Text(std::string_view sums);
 
  private:

@@ -42,7 +42,7 @@ class MetNames {
 
  private:
   const Limits& limits_;
-  bool may_repeat_ = true;
+  bool may_repeat_ = true;  ///< A name may be met by several patterns.
   std::unordered_set<std::string>
       seen_;               ///< Empty where a name is met only once: it would cost time and memory.
   std::size_t count_ = 0;  ///< See count().

@@ -5,7 +5,8 @@
 
 namespace TARVO::SupportForm {
 
-Progress::Progress(int folder_fd, unsigned interval_ms) : folder_fd_(folder_fd), interval_ms_(interval_ms) {
+Progress::Progress(int folder_fd, unsigned interval_ms)
+    : folder_fd_(folder_fd), mode_(IsShared(folder_fd) ? kSharedFileMode : 0600), interval_ms_(interval_ms) {
   Write();
 }
 
@@ -26,7 +27,7 @@ void Progress::WriteWhenDue() {
 void Progress::Write() {
   const std::string text =
       R"({"bytes":)" + std::to_string(bytes_) + R"(,"files":)" + std::to_string(files_) + "}\n";
-  static_cast<void>(ReplaceFile(folder_fd_, kProgressFile, kNewProgressFile, text));
+  static_cast<void>(ReplaceFile(folder_fd_, kProgressFile, kNewProgressFile, text, mode_));
   written_at_ms_ = MonotonicMs();
 }
 

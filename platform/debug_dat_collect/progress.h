@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
@@ -23,10 +25,12 @@ class Progress {
   void Write();
 
  private:
+  /// Write(), unless less than an interval has passed since the last one.
   void WriteWhenDue();
 
-  int folder_fd_;
-  std::int64_t interval_ms_;
+  int folder_fd_;                   ///< Where the file is; the caller's.
+  mode_t mode_;                     ///< Of the file: who may look into the folder may read it.
+  std::int64_t interval_ms_;        ///< See the constructor.
   std::int64_t written_at_ms_ = 0;  ///< When the file was last replaced, monotonic.
   std::uint64_t bytes_ = 0;         ///< See AddBytes().
   std::uint64_t files_ = 0;         ///< See AddFile().

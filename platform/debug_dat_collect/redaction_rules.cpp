@@ -23,7 +23,7 @@ namespace {
 /// Of a longer word only so many last bytes are scanned for, or kMaxEndBytes where these could end a word of prose, as
 /// "config" does: each hit in an ordinary line costs. With kMaxEndBytes of each the scanner takes five times as long to
 /// compile.
-constexpr std::size_t kEndBytes = 6;
+constexpr std::size_t kScannedEndBytes = 6;
 
 constexpr const char* kWhatToDo = "; mend the file, or remove it";
 
@@ -67,7 +67,7 @@ std::string EndOf(const std::string& word) {
   const auto last = [&](std::size_t count) {
     return word.substr(word.size() - std::min(word.size(), count));
   };
-  const std::string end = last(kEndBytes);
+  const std::string end = last(kScannedEndBytes);
   const bool prose =
       std::all_of(end.begin(), end.end(), [](char c) { return c == ' ' || Is(c, kUpper | kLower); });
   return prose ? last(RedactionRules::kMaxEndBytes) : end;

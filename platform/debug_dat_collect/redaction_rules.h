@@ -75,12 +75,12 @@ class RedactionRules {
   // In the constructor, in this order. Each throws RedactionError.
   void CompileBuiltIn();
   void CompileFile(const std::string& path);
-  void AddScratchFor(const hs_database* database);
+  void AddScratchFor(const hs_database* database);  ///< Makes scratch_ large enough for it, too.
 
   std::vector<FixedWord> words_;                     ///< By their numbers.
   std::vector<std::vector<unsigned>> words_of_end_;  ///< Those that the scan does not tell apart.
   Database built_in_;                                ///< Never null once the constructor has returned.
-  Database from_file_;
+  Database from_file_;                               ///< Null where the file has no pattern.
   std::vector<std::unique_ptr<re2::RE2>> patterns_;  ///< Of the file, by their numbers.
   Scratch scratch_;                                  ///< Large enough for both databases; only cloned.
 };

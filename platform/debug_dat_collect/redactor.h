@@ -46,45 +46,54 @@ class Redactor {
  private:
   /// Offsets into the block; those behind what is decided stay for the next one.
   struct Span {
-    std::size_t begin;
-    std::size_t end;
+    std::size_t begin;  ///< Of the first byte.
+    std::size_t end;    ///< Behind the last one.
   };
 
   /// A secret that goes on behind the block. Its end is looked for as soon as there is more of the text.
   struct OpenSecret {
     SecretEnd search;
-    std::size_t begin;
+    std::size_t begin;  ///< Of its first byte that is not masked yet.
     std::size_t until;  ///< Up to here its end was looked for.
   };
 
+  // In the order in which Process() comes to them. Offsets are those of the block; a hit is the offset behind a word or
+  // a match that the scan has found.
   std::size_t FindSecrets(std::string_view text, bool at_end);
   void Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t),
             std::size_t before, std::size_t end);
+  /// Looks around a fixed word for the secrets that it betrays, and charges the allowance; masks a whole part where
+  /// that is spent.
+  /// @param end  The number of the word's end, for RedactionRules::WordAtEnd().
+  /// @return Up to where the scan need not look for words: where a long secret lies, nearly to its end.
   std::size_t TakeWord(unsigned end, std::size_t hit);
   std::size_t TakePattern(unsigned number, std::size_t hit);
   void LookInSecret(std::size_t begin, std::size_t end);
+  /// Enters or leaves a private key's text. A text that begins in the middle of a key is masked from its beginning.
   void TakeKeyMarker(const KeyMarker& marker);
+  /// Has a secret masked, now or in later blocks, and counts it.
   void TakeSecret(const Secret& secret);
   void GoOnWithSecrets();
   [[nodiscard]] std::size_t TakenUntil(std::size_t offset) const;
+  /// Has the key's text masked up to here, or to its longest length.
   void EndKey(std::size_t end);
   /// Writes the stars of the rules' secrets; the mask of tokens writes its own.
   void MaskDecided(char* data, std::size_t decided);
 
-  const RedactionRules* rules_;  ///< Null: only tokens are masked.
-  RedactionRules::Scratch scratch_;
-  SecretFinder finder_;
-  SearchAllowance allowance_;
-  TokenMask token_mask_;
-  std::uint64_t count_ = 0;         ///< Of the rules' secrets; the mask of tokens counts its own.
-  std::uint64_t masked_parts_ = 0;  ///< See masked_parts().
+  const RedactionRules* rules_;      ///< Null: only tokens are masked.
+  RedactionRules::Scratch scratch_;  ///< Null as the rules.
+  SecretFinder finder_;              ///< Remembers what it has looked at.
+  SearchAllowance allowance_;        ///< Of this text.
+  TokenMask token_mask_;             ///< Asked only where a "token" may be.
+  std::uint64_t count_ = 0;          ///< Of the rules' secrets; the mask of tokens counts its own.
+  std::uint64_t masked_parts_ = 0;   ///< See masked_parts().
 
   // The block in work.
   std::string_view text_;
   std::uint64_t position_ = 0;  ///< Of the block in the whole text.
   std::vector<Secret> found_;   ///< At one word.
-  bool at_end_ = false;
-  std::size_t horizon_ = 0;  ///< Hits up to here are taken; behind it too little of the text is known.
+  bool at_end_ = false;         ///< The text ends with it.
+  std::size_t horizon_ = 0;     ///< Hits up to here are taken; behind it too little of the text is known.
 
   // What is carried from block to block.
   bool begun_ = false;                    ///< A part of the text is decided.

@@ -24,12 +24,14 @@ class ReservedRoom {
   void Release(std::uint64_t bytes);
 
  private:
+  /// Has the file system reserve up to so many bytes, and notes where it can't.
+  /// @return As Reserve().
   bool Extend(std::uint64_t bytes);
 
   int fd_;
   std::uint64_t limit_;         ///< FileSizeLimit() when the file was new.
   std::uint64_t reserved_ = 0;  ///< See reserved().
-  bool supported_ = true;       ///< The file system has not refused yet.
+  bool supported_ = true;       ///< The file system has not said yet that it can't reserve.
 };
 
 /// The largest size in bytes that the process may give a file now (RLIMIT_FSIZE). Others may change it at any time.

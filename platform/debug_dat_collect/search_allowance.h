@@ -9,7 +9,7 @@ namespace TARVO::SupportForm {
 
 /// Counts what the search of one text costs, in nanoseconds of processor time as estimated for each kind of look: not
 /// measured, so that the same text is masked in the same way on every machine. A text earns by its length; ordinary
-/// logs spend a tenth of that and save some for denser parts.
+/// logs spend a tenth of that and save some for denser parts. Part of a Redactor, so there is one for each text.
 class SearchAllowance {
  public:
   /// Nanoseconds that each byte earns.
@@ -33,8 +33,8 @@ class SearchAllowance {
   [[nodiscard]] bool IsSpent() const { return left_ < 0; }
 
  private:
-  std::int64_t left_ = kSavedAtMost;
-  std::uint64_t position_ = 0;
+  std::int64_t left_ = kSavedAtMost;  ///< Nanoseconds; below 0 once more was spent than earned.
+  std::uint64_t position_ = 0;        ///< Up to here the text has earned.
 };
 
 }  // namespace TARVO::SupportForm

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace TARVO::SupportForm {
 
@@ -34,15 +36,21 @@ enum class SecretForm {
 /// Of the forms that are runs of bytes: which bytes. 0 for the others.
 [[nodiscard]] unsigned ClassesOf(SecretForm form);
 
-/// A secret that was found in a text. Its bytes are to be masked.
+/// A secret that was found in a text. Its bytes are to be masked. The searches fill it in; where it ends, maybe in a
+/// later block, a SecretEnd finds out for the Redactor.
 struct Secret {
-  std::size_t begin = 0;  ///< Offset of its first byte.
-  SecretForm form = SecretForm::kFixed;
-  std::size_t end = 0;    ///< Offset behind its last byte; of kFixed only.
-  char mark = '\0';       ///< See SecretForm; '\0' where there is none.
-  std::size_t level = 0;  ///< See SecretForm.
+  std::size_t begin = 0;                 ///< Offset of its first byte.
+  SecretForm form = SecretForm::kFixed;  ///< How its end is found.
+  std::size_t end = 0;                   ///< Offset behind its last byte; of kFixed only.
+  char mark = '\0';                      ///< See SecretForm; '\0' where there is none.
+  std::size_t level = 0;                 ///< See SecretForm.
   std::string delimiter =
       {};  ///< See SecretForm; its first byte comes in it once, or it is all the same byte.
 };
+
+/// Adds the secret to those that were found, if there is one.
+inline void Take(const std::optional<Secret>& secret, std::vector<Secret>& found) {
+  if (secret) found.push_back(*secret);
+}
 
 }  // namespace TARVO::SupportForm

@@ -11,8 +11,6 @@
 namespace TARVO::SupportForm {
 namespace {
 
-constexpr auto npos = std::string_view::npos;
-
 /// Which part of an argument is the secret.
 enum class Part {
   kWhole,
@@ -26,7 +24,7 @@ enum class Part {
 };
 
 /// Where the argument stands.
-enum class Place {
+enum class ArgumentPlace {
   kOption,      ///< Behind one of the options, or joined to it.
   kJoined,      ///< Joined to one of the options.
   kPositional,  ///< The nth word that is no option, behind `needs` where that is given.
@@ -40,36 +38,38 @@ struct CommandRule {
       needs;  ///< A word that has to stand before, or the beginning of one if it ends with '.' or is an
               ///< option's letter behind '-'; "" for none.
   const char* options;  ///< Parted by blanks.
-  Place place = Place::kOption;
+  ArgumentPlace place = ArgumentPlace::kOption;
   Part part = Part::kWhole;
   unsigned nth = 0;  ///< Of kPositional, from 1.
 };
 
+/// The rows look alike because each is a rule: programs, what has to stand in the line, where the secret is.
 constexpr CommandRule kRules[] = {
-    {"mysql* mariadb* mycli xtrabackup innobackupex", "", "-p", Place::kJoined},
-    {"mysqladmin mariadb-admin", "password", "", Place::kPositional, Part::kWhole, 1},
-    {"curl", "", "-u --user -U --proxy-user -E --cert --proxy-cert", Place::kOption, Part::kAfterColon},
-    {"curl", "", "--pass --proxy-pass --oauth2-bearer --tlspassword", Place::kOption},
-    {"curl", "", "-b --cookie", Place::kOption, Part::kAfterEquals},
+    {"mysql* mariadb* mycli xtrabackup innobackupex", "", "-p", ArgumentPlace::kJoined},
+    {"mysqladmin mariadb-admin", "password", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"curl", "", "-u --user -U --proxy-user -E --cert --proxy-cert", ArgumentPlace::kOption,
+     Part::kAfterColon},
+    {"curl", "", "--pass --proxy-pass --oauth2-bearer --tlspassword", ArgumentPlace::kOption},
+    {"curl", "", "-b --cookie", ArgumentPlace::kOption, Part::kAfterEquals},
     {"sshpass", "", "-p"},
     {"ssh-keygen", "", "-N -P"},
     {"ldap* basic_ldap_auth squid_ldap_group squid_ldap_auth ext_ldap_group_acl", "", "-w"},
     {"ldappasswd", "", "-s -a"},
     {"slappasswd", "", "-s"},
     {"redis-cli valkey-cli", "", "-a --pass"},
-    {"smbclient rpcclient net smbget smbcacls smbtree winexe samba-tool", "", "-U --user", Place::kOption,
-     Part::kAfterPercent},
-    {"wbinfo", "", "-a -K --authenticate --krb5auth", Place::kOption, Part::kAfterPercent},
-    {"net", "user", "", Place::kPositional, Part::kWhole, 2},
+    {"smbclient rpcclient net smbget smbcacls smbtree winexe samba-tool", "", "-U --user",
+     ArgumentPlace::kOption, Part::kAfterPercent},
+    {"wbinfo", "", "-a -K --authenticate --krb5auth", ArgumentPlace::kOption, Part::kAfterPercent},
+    {"net", "user", "", ArgumentPlace::kPositional, Part::kWhole, 2},
     {"snmp*", "", "-c -A -X"},
-    {"openssl", "", "-passin -passout -pass --passin --passout", Place::kOption, Part::kAfterPass},
+    {"openssl", "", "-passin -passout -pass --passin --passout", ArgumentPlace::kOption, Part::kAfterPass},
     {"openssl", "", "-k -K"},
     {"docker podman buildah nerdctl skopeo crane oras helm oc az crane regctl cf", "login", "-p -u_p"},
-    {"skopeo crictl podman buildah", "", "--creds --src-creds --dest-creds", Place::kOption,
+    {"skopeo crictl podman buildah", "", "--creds --src-creds --dest-creds", ArgumentPlace::kOption,
      Part::kAfterColon},
-    {"htpasswd mosquitto_passwd", "-b", "", Place::kLast},
+    {"htpasswd mosquitto_passwd", "-b", "", ArgumentPlace::kLast},
     {"zip unzip zipcloak", "", "-P"},
-    {"7z 7za 7zr 7zz rar unrar", "", "-p -hp", Place::kJoined},
+    {"7z 7za 7zr 7zz rar unrar", "", "-p -hp", ArgumentPlace::kJoined},
     {"mosquitto_pub mosquitto_sub mosquitto_rr", "", "-P --pw --psk"},
     {"mongo* cqlsh nodetool ncftp* twine testsaslauthd fence_* openfortivpn doveadm ipmipower bmc-info "
      "psexec "
@@ -86,41 +86,41 @@ constexpr CommandRule kRules[] = {
      "802-11-wireless-security.wep-key0 "
      "802-1x.password wep-key0 802-1x.private-key-password gsm.pin gsm.password vpn.secrets"},
     {"wpa_cli", "", "psk wep_key0 password sae_password passphrase private_key_passwd pin"},
-    {"wpa_cli", "wps_reg", "", Place::kPositional, Part::kWhole, 2},
-    {"wpa_cli", "wps_pin", "", Place::kPositional, Part::kWhole, 2},
+    {"wpa_cli", "wps_reg", "", ArgumentPlace::kPositional, Part::kWhole, 2},
+    {"wpa_cli", "wps_pin", "", ArgumentPlace::kPositional, Part::kWhole, 2},
     {"iwconfig", "", "key enc"},
     {"pppd", "", "password"},
-    {"wpa_passphrase", "", "", Place::kPositional, Part::kWhole, 2},
-    {"rabbitmqctl", "add_user", "", Place::kPositional, Part::kWhole, 2},
-    {"rabbitmqctl", "change_password", "", Place::kPositional, Part::kWhole, 2},
-    {"rabbitmqctl", "authenticate_user", "", Place::kPositional, Part::kWhole, 2},
-    {"radtest", "", "", Place::kPositional, Part::kWhole, 2},
-    {"radtest", "", "", Place::kPositional, Part::kWhole, 5},
-    {"radclient", "", "", Place::kPositional, Part::kWhole, 3},
-    {"vault", "login", "", Place::kPositional, Part::kWhole, 1},
-    {"vault", "unseal", "", Place::kPositional, Part::kWhole, 1},
-    {"composer poetry", "http-basic.", "", Place::kPositional, Part::kWhole, 2},
-    {"composer poetry", "pypi-token.", "", Place::kPositional, Part::kWhole, 1},
-    {"composer", "github-oauth.", "", Place::kPositional, Part::kWhole, 1},
-    {"composer", "gitlab-token.", "", Place::kPositional, Part::kWhole, 1},
-    {"composer", "bearer.", "", Place::kPositional, Part::kWhole, 1},
-    {"bundle", "config", "", Place::kAny, Part::kAfterColon},
-    {"etcdctl", "", "--user", Place::kOption, Part::kAfterColon},
-    {"etcdctl", "add", "", Place::kAny, Part::kAfterColon},
-    {"lftp", "", "-u", Place::kOption, Part::kAfterComma},
-    {"rclone", "obscure", "", Place::kPositional, Part::kWhole, 1},
-    {"grafana-cli", "reset-admin-password", "", Place::kPositional, Part::kWhole, 1},
-    {"transmission-remote", "", "-n --auth", Place::kOption, Part::kAfterColon},
-    {"nsupdate dig rndc mdig delv", "", "-y", Place::kOption, Part::kAfterLastColon},
-    {"doveadm", "test", "", Place::kPositional, Part::kWhole, 2},
-    {"sqlplus rman expdp impdp sqlldr", "", "", Place::kAny, Part::kAfterSlash},
+    {"wpa_passphrase", "", "", ArgumentPlace::kPositional, Part::kWhole, 2},
+    {"rabbitmqctl", "add_user", "", ArgumentPlace::kPositional, Part::kWhole, 2},
+    {"rabbitmqctl", "change_password", "", ArgumentPlace::kPositional, Part::kWhole, 2},
+    {"rabbitmqctl", "authenticate_user", "", ArgumentPlace::kPositional, Part::kWhole, 2},
+    {"radtest", "", "", ArgumentPlace::kPositional, Part::kWhole, 2},
+    {"radtest", "", "", ArgumentPlace::kPositional, Part::kWhole, 5},
+    {"radclient", "", "", ArgumentPlace::kPositional, Part::kWhole, 3},
+    {"vault", "login", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"vault", "unseal", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"composer poetry", "http-basic.", "", ArgumentPlace::kPositional, Part::kWhole, 2},
+    {"composer poetry", "pypi-token.", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"composer", "github-oauth.", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"composer", "gitlab-token.", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"composer", "bearer.", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"bundle", "config", "", ArgumentPlace::kAny, Part::kAfterColon},
+    {"etcdctl", "", "--user", ArgumentPlace::kOption, Part::kAfterColon},
+    {"etcdctl", "add", "", ArgumentPlace::kAny, Part::kAfterColon},
+    {"lftp", "", "-u", ArgumentPlace::kOption, Part::kAfterComma},
+    {"rclone", "obscure", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"grafana-cli", "reset-admin-password", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"transmission-remote", "", "-n --auth", ArgumentPlace::kOption, Part::kAfterColon},
+    {"nsupdate dig rndc mdig delv", "", "-y", ArgumentPlace::kOption, Part::kAfterLastColon},
+    {"doveadm", "test", "", ArgumentPlace::kPositional, Part::kWhole, 2},
+    {"sqlplus rman expdp impdp sqlldr", "", "", ArgumentPlace::kAny, Part::kAfterSlash},
     {"consul", "", "-encrypt"},
-    {"dotnet", "set", "", Place::kPositional, Part::kWhole, 2},
-    {"nuget", "setapikey", "", Place::kPositional, Part::kWhole, 1},
-    {"snyk", "auth", "", Place::kPositional, Part::kWhole, 1},
-    {"cargo", "login", "", Place::kPositional, Part::kWhole, 1},
+    {"dotnet", "set", "", ArgumentPlace::kPositional, Part::kWhole, 2},
+    {"nuget", "setapikey", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"snyk", "auth", "", ArgumentPlace::kPositional, Part::kWhole, 1},
+    {"cargo", "login", "", ArgumentPlace::kPositional, Part::kWhole, 1},
     {"doctl", "", "-t"},
-    {"kubectl oc", "secret", "--from-literal", Place::kOption, Part::kAfterEquals},
+    {"kubectl oc", "secret", "--from-literal", ArgumentPlace::kOption, Part::kAfterEquals},
     {"swaks", "", "-ap --auth-password"},
     {"sendemail", "", "-xp"},
     {"keytool jarsigner", "",
@@ -357,7 +357,8 @@ class Line {
     }
     for (std::size_t number = 0; number < rules_->size(); ++number) {
       const CommandRule& rule = *(*rules_)[number];
-      if ((rule.place == Place::kOption || rule.place == Place::kJoined) && needed_at_[number] != npos) {
+      if ((rule.place == ArgumentPlace::kOption || rule.place == ArgumentPlace::kJoined) &&
+          needed_at_[number] != npos) {
         if (TakeOption(rule, argument, word)) break;
       }
     }
@@ -365,8 +366,8 @@ class Line {
     if (word.front() == '-') return;
     for (std::size_t number = 0; number < rules_->size(); ++number) {
       const CommandRule& rule = *(*rules_)[number];
-      const bool any = rule.place == Place::kAny && needed_at_[number] != npos;
-      if (any || (rule.place == Place::kPositional && Position(number) == rule.nth)) {
+      const bool any = rule.place == ArgumentPlace::kAny && needed_at_[number] != npos;
+      if (any || (rule.place == ArgumentPlace::kPositional && Position(number) == rule.nth)) {
         AddPart(rule, argument.begin, argument.end);
       }
     }
@@ -393,8 +394,8 @@ class Line {
       if (taken || option.front() != word.front() || !StartsWith(word, option)) return;
       std::size_t begin = option.size();
       if (word.size() == begin) {
-        if (rule.place == Place::kOption) takes_next_ = &rule;
-        taken = rule.place == Place::kOption;
+        if (rule.place == ArgumentPlace::kOption) takes_next_ = &rule;
+        taken = rule.place == ArgumentPlace::kOption;
         return;
       }
       const bool is_long = option.size() > 2;
@@ -441,8 +442,8 @@ class Line {
     if (rules_ == nullptr || words_.empty()) return;
     for (std::size_t number = 0; number < rules_->size(); ++number) {
       const CommandRule& rule = *(*rules_)[number];
-      if (rule.place == Place::kLast && needed_at_[number] != npos && WordOf(words_.back()).front() != '-' &&
-          words_.size() > 2) {
+      if (rule.place == ArgumentPlace::kLast && needed_at_[number] != npos &&
+          WordOf(words_.back()).front() != '-' && words_.size() > 2) {
         AddPart(rule, words_.back().begin, words_.back().end);
       }
     }
@@ -451,6 +452,7 @@ class Line {
   void AddPart(const CommandRule& rule, std::size_t begin, std::size_t end) {
     const std::string_view word = text_.substr(begin, end - begin);
     std::size_t part = 0;
+    // A case for each part: where it begins, 0 where the word has none.
     switch (rule.part) {
       case Part::kWhole:
         break;

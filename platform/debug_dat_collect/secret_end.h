@@ -29,7 +29,14 @@ class SecretEnd {
  private:
   /// What was read behind a closing quote, of what makes a shell or SQL go on with the value: a quote once more, or a
   /// quote in other quoting and a quote that opens again.
-  enum class Tail { kNone, kClosed, kEscapedQuote, kOtherQuote, kOtherQuoted, kOtherClosed };
+  enum class Tail {
+    kNone,          ///< The value goes on.
+    kClosed,        ///< 'abc'
+    kEscapedQuote,  ///< 'abc'\'
+    kOtherQuote,    ///< 'abc'"
+    kOtherQuoted,   ///< 'abc'"'
+    kOtherClosed    ///< 'abc'"'"
+  };
 
   [[nodiscard]] std::size_t SkipInside(std::string_view text, std::size_t at);
   // Each tells whether the secret ends with the byte: how many bytes before it, backslashes and quotes, are no part of
@@ -45,7 +52,7 @@ class SecretEnd {
   [[nodiscard]] bool EndsDelimiter(char byte);
   [[nodiscard]] bool IsClosingQuote(char byte) const;
 
-  Secret secret_;
+  Secret secret_;                ///< With the mark, level and delimiter that its end is known by.
   std::size_t most_;             ///< Bytes of a form that goes over lines.
   std::size_t run_ = 0;          ///< Backslashes just before the next byte.
   std::size_t matched_ = 0;      ///< Bytes of the delimiter, or quotes, just before the next byte.

@@ -23,7 +23,6 @@ constexpr std::size_t kMinEncoded = 8;   ///< Bytes of the shortest credentials 
 constexpr std::size_t kMinLetters = 24;  ///< The same without any digit in it.
 constexpr std::size_t kMinKeyBase64 = 16;  ///< Bytes of base64 in a row that look like a key.
 constexpr std::size_t kMinUserToken = 16;  ///< Bytes of a token that is a URL's user.
-constexpr auto npos = std::string_view::npos;
 
 enum class Kind {
   kName,           ///< Part of a telling name.
@@ -174,8 +173,8 @@ void AddPlaces(std::vector<Rule>& rules) {
   }
 }
 
-/// The built-in rules. No word is the end of another as it is written, so two hits end at the same byte only where
-/// the case tells their words apart.
+/// The built-in rules. The rows look alike because each is a rule: a word, and what it stands for. No word is the end
+/// of another as it is written, so two hits end at the same byte only where the case tells their words apart.
 // NOLINTNEXTLINE(readability-function-size): nothing but the rules.
 std::vector<Rule> MakeRules() {
   std::vector<Rule> rules = {
@@ -327,10 +326,6 @@ std::vector<std::string> KeyMarkerWords() {
   return words;
 }
 
-void Take(const std::optional<Secret>& secret, std::vector<Secret>& found) {
-  if (secret) found.push_back(*secret);
-}
-
 // ---- Values with a telling name ----
 
 /// Whether TokenMask masks the member's value: it knows all of its forms, and counts it.
@@ -399,6 +394,11 @@ void FindNamedValue(const Name& name, Telling telling, std::vector<Secret>& foun
   Take(inner ? inner : FindValue(name, *separator), found);
 }
 
+/// Where the value at `at` begins, past the mark that it may be quoted by.
+std::size_t PastQuote(std::string_view text, std::size_t at) {
+  return IsQuotedAt(text, at) ? at + SignAt(text, at).size : at;
+}
+
 /// "pwd", "creds", "pin". A shell's PWD is a folder; a pin of four digits and more is no pin of a chip.
 void FindWholeNamedValue(const Name& name, std::vector<Secret>& found) {
   if (!IsWholeWord(name)) return;
@@ -409,7 +409,7 @@ void FindWholeNamedValue(const Name& name, std::vector<Secret>& found) {
   if (separator && Contains("/~", At(name.text, value))) return;
   if (number) {
     if (!separator) return;
-    const std::size_t digits = IsQuotedAt(name.text, value) ? value + SignAt(name.text, value).size : value;
+    const std::size_t digits = PastQuote(name.text, value);
     if (SkipForward(name.text, digits, kDigit, 16) < digits + 4) return;
   }
   FindNamedValue(name, Telling::kPassword, found);
@@ -473,8 +473,7 @@ bool IsKeyItself(const Name& name) {
   if (!EndsName(name) || (!head.empty() && !heads.Has(head))) return false;
   const std::optional<Separator> separator = FindSeparator(name);
   if (!separator || (head.empty() && Before(name.text, name.begin) == ' ' && !BeginsLine(name))) return false;
-  const std::size_t at = separator->value;
-  const std::size_t value = IsQuotedAt(name.text, at) ? at + SignAt(name.text, at).size : at;
+  const std::size_t value = PastQuote(name.text, separator->value);
   const std::size_t end = SkipForward(name.text, value, kEncodedByte | kBase64Sign, kKeyReach);
   return end - value >= 32 && LooksLikeKey(From(name.text, value, end - value));
 }
@@ -502,8 +501,7 @@ bool FindKeyValue(const Name& name, std::vector<Secret>& found) {
   if (kind == KeyName::kPerhaps) {
     const std::optional<Separator> separator = FindSeparator(name);
     if (!separator) return false;
-    const std::size_t value =
-        separator->value + (IsQuotedAt(text, separator->value) ? SignAt(text, separator->value).size : 0);
+    const std::size_t value = PastQuote(text, separator->value);
     const std::size_t end = SkipForward(text, value, kEncodedByte | kBase64Sign, kKeyReach);
     const std::size_t list = Contains("[{", At(text, value)) ? SkipBlanksAndLines(text, value + 1) : value;
     if (LooksLikeKey(From(text, value, end - value)) || BehindHexKey(text, list) != npos) {
@@ -544,22 +542,18 @@ bool IsEncodedLogin(std::string_view text, std::size_t at) {
 
 /// "auth": "dXNlcjpwYXNz", as in a registry's configuration; REDISCLI_AUTH=abc.
 void FindAuthValue(const Name& name, std::vector<Secret>& found) {
-  if (!EndsName(name)) return;
-  const std::optional<Separator> separator = FindSeparator(name);
+  const std::optional<Separator> separator = EndsName(name) ? FindSeparator(name) : std::nullopt;
   if (!separator) return;
-  const std::size_t at = separator->value;
-  const std::size_t value = IsQuotedAt(name.text, at) ? at + SignAt(name.text, at).size : at;
+  const std::size_t value = PastQuote(name.text, separator->value);
   const bool variable = EndsWith(name.whole(), "_AUTH") && separator->sign == '=';
   if (variable || IsEncodedLogin(name.text, value)) Take(FindValue(name, *separator), found);
 }
 
 /// PHPSESSID=..., "session_id": "...", if it can't be guessed.
 void FindSession(const Name& name, std::vector<Secret>& found) {
-  if (!EndsName(name)) return;
-  const std::optional<Separator> separator = FindSeparator(name);
+  const std::optional<Separator> separator = EndsName(name) ? FindSeparator(name) : std::nullopt;
   if (!separator) return;
-  const std::size_t at = separator->value;
-  const std::size_t value = IsQuotedAt(name.text, at) ? at + SignAt(name.text, at).size : at;
+  const std::size_t value = PastQuote(name.text, separator->value);
   const std::size_t end = SkipForward(name.text, value, kEncodedByte | kBase64Sign, kKeyReach);
   if (LooksLikeKey(From(name.text, value, end - value))) Take(FindValue(name, *separator), found);
 }
@@ -934,6 +928,7 @@ void SecretFinder::Find(unsigned word, std::string_view text, std::size_t hit, s
                         std::vector<Secret>& found) {
   const Rule& rule = Rules()[word];
   const std::size_t begin = hit - rule.word.size();
+  // A case for each kind, and no table: each function takes something else of the rule and the place.
   switch (rule.kind) {
     case Kind::kName:
     case Kind::kToken:
@@ -1031,6 +1026,7 @@ void SecretFinder::FindNamed(unsigned word, std::string_view text, std::size_t b
   const Kind kind = Rules()[word].kind;
   const Name& name = NameOf(text, begin, hit, position);
   bool judged = true;
+  // Likewise a case for each kind: each says in its own way whether the rest of the name is judged with it.
   switch (kind) {
     case Kind::kName:
     case Kind::kToken:

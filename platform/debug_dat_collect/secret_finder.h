@@ -50,9 +50,9 @@ class SecretFinder {
   std::size_t NextAt(std::string_view text, std::size_t at, std::size_t end, std::uint64_t position);
 
   // Offsets in the whole text.
-  Name name_;                        ///< The last name, with offsets in the text it was found in, ...
-  std::uint64_t name_position_ = 0;  ///< ... which began here.
-  bool has_name_ = false;
+  Name name_;                         ///< The last name, with offsets in the text it was found in, ...
+  std::uint64_t name_position_ = 0;   ///< ... which began here.
+  bool has_name_ = false;             ///< There was a name.
   std::uint64_t names_until_ = 0;     ///< Names that end up to here are judged.
   std::uint64_t commands_until_ = 0;  ///< Command lines are looked through up to here.
   std::uint64_t entry_mark_ = 0;      ///< The last mark of an entry in a list of users.

@@ -8,9 +8,10 @@
 namespace TARVO::SupportForm {
 namespace {
 
-constexpr auto npos = std::string_view::npos;
 constexpr std::size_t kNameWordReach = 24;  ///< Bytes of one word of a name.
 constexpr std::size_t kCloserReach = 32;    ///< Quotes and brackets that end a name.
+
+// The lists of words look alike because they are lists: see word_set.h.
 
 /// What stands at the end of names that only speak of secrets.
 // NOLINTNEXTLINE(readability-function-size): nothing but the words.

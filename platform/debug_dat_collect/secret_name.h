@@ -14,7 +14,7 @@ constexpr std::size_t kNameReach = 200;  ///< Bytes of a name looked at on each 
 
 /// A name, by offsets in the text that it was found in, which it borrows.
 struct Name {
-  std::string_view text;
+  std::string_view text;             ///< What it was found in; borrowed.
   std::size_t word_begin = 0;        ///< Of the telling word.
   std::size_t word_end = 0;          ///< Behind it.
   std::size_t begin = 0;             ///< Of the whole name, without quotes.
@@ -30,6 +30,7 @@ struct Name {
   [[nodiscard]] std::string_view tail() const { return text.substr(word_end, end - word_end); }
   /// Whether it is an option of a command: "--password", "-token".
   [[nodiscard]] bool IsOption() const { return text[begin] == '-'; }
+  /// Whether a quote stands before it, in any spelling.
   [[nodiscard]] bool IsQuoted() const { return Is(before.meaning, kQuote); }
 };
 

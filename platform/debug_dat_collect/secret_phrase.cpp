@@ -10,7 +10,6 @@
 namespace TARVO::SupportForm {
 namespace {
 
-constexpr auto npos = std::string_view::npos;
 constexpr std::size_t kTagReach = 256;       ///< Bytes of an element's beginning.
 constexpr std::size_t kElementReach = 1024;  ///< Bytes of an element's text.
 constexpr std::size_t kPairReach = 96;       ///< Bytes between a name that is a value and the word "value".
@@ -334,6 +333,7 @@ bool FindCall(const Name& name, std::vector<Secret>& found) {
 
 /// Words between a name and its value that tell how it is written: "password 7 0822455D0A16".
 bool IsValueKind(std::string_view word) {
+  // A list, and therefore alike to others: see word_set.h.
   static const WordSet<256> words = {
       "0",           "4",          "5",          "6",          "7",         "8",
       "9",           "enc",        "encrypted",  "cipher",     "simple",    "irreversible-cipher",

@@ -12,9 +12,8 @@
 namespace TARVO::SupportForm {
 namespace {
 
-constexpr auto npos = std::string_view::npos;
 constexpr std::size_t kArgumentsReach = 384;  ///< Bytes of the arguments of a command or a call.
-constexpr std::size_t kWordReach = 256;       ///< Bytes of one value.
+constexpr std::size_t kPlaceWordReach = 256;  ///< Bytes of one value.
 constexpr std::size_t kLineReach = 128;       ///< Bytes of a line before a beginning.
 
 /// How the secret stands behind the beginning.
@@ -49,6 +48,7 @@ struct PlaceRule {
   bool any_case = true;
 };
 
+/// The rows look alike because each is a rule: what stands before the secret, and in which form it follows.
 constexpr PlaceRule kPlaces[] = {
     {" pre-shared-key ", Place::kSnmpAuth},
     {"install code", Place::kCode},
@@ -344,15 +344,15 @@ constexpr PlaceRule kPlaces[] = {
 };
 
 /// A string among arguments.
-struct Argument {
+struct CallArgument {
   std::size_t begin = 0;
   std::size_t end = 0;
   bool named = false;  ///< Behind "name=" or "name:".
 };
 
 /// The strings from `at` on, up to the line's end or, of a call, to the bracket that closes it.
-std::vector<Argument> StringsFrom(std::string_view text, std::size_t at, bool call) {
-  std::vector<Argument> strings;
+std::vector<CallArgument> StringsFrom(std::string_view text, std::size_t at, bool call) {
+  std::vector<CallArgument> strings;
   const std::size_t limit = std::min(text.size(), at + kArgumentsReach);
   std::size_t depth = 0;
   while (at < limit && !Is(text[at], kLineEnd) && strings.size() < 8) {
@@ -363,7 +363,7 @@ std::vector<Argument> StringsFrom(std::string_view text, std::size_t at, bool ca
     }
     const Sign sign = SignAt(text, at);
     if (!sign.coded && (sign.meaning == '"' || (call && sign.meaning == '\''))) {
-      Argument argument;
+      CallArgument argument;
       argument.begin = at + sign.size;
       argument.named = call && Contains("=:", Before(text, SkipBlanksBack(text, at)));
       std::size_t end = argument.begin;
@@ -390,7 +390,7 @@ std::vector<Argument> StringsFrom(std::string_view text, std::size_t at, bool ca
   return strings;
 }
 
-void Add(std::string_view text, const Argument& argument, std::vector<Secret>& found) {
+void Add(std::string_view text, const CallArgument& argument, std::vector<Secret>& found) {
   if (argument.end > argument.begin && !IsPlaceholder(text, argument.begin)) {
     found.push_back({argument.begin, SecretForm::kFixed, argument.end});
   }
@@ -423,7 +423,7 @@ void FindInModemCommand(std::string_view text, std::size_t begin, std::size_t at
                                      "LOGIN", "CLCK", "FTPPW", "WPA", "PAIR", "JOIN"});
   const bool harmless = HasAny(name, {"PING", "SPIN", "PINMODE", "OPIN"});
   if ((!dialled && !wireless && !telling) || harmless) return;
-  const std::vector<Argument> strings = StringsFrom(text, end, false);
+  const std::vector<CallArgument> strings = StringsFrom(text, end, false);
   if (wireless) {
     // The name of the network comes first.
     if (strings.size() > 1) Add(text, strings[1], found);
@@ -468,11 +468,11 @@ void FindCode(std::string_view text, std::size_t begin, std::size_t hit, std::ve
   }
   if (At(text, at) == '[') at = SkipBlanks(text, at + 1);
   const std::size_t value = IsQuotedAt(text, at) ? at + SignAt(text, at).size : at;
-  std::size_t end = SkipForward(text, value, kIdentifierByte, kWordReach);
+  std::size_t end = SkipForward(text, value, kIdentifierByte, kPlaceWordReach);
   std::string_view word = From(text, value, end - value);
   if (word.size() < 4 || !HasDigit(word) || IsPlaceholder(text, value)) return;
   found.push_back({value, SecretForm::kFixed, end});
-  const std::size_t limit = end + kWordReach;
+  const std::size_t limit = end + kPlaceWordReach;
   while (plural && end < limit) {
     std::size_t next = end;
     while (next < limit && Contains(" ,\"'", At(text, next))) ++next;
@@ -485,10 +485,10 @@ void FindCode(std::string_view text, std::size_t begin, std::size_t hit, std::ve
 
 /// login("bob", "abc"), mysqli("host", "bob", "abc", "database")
 void FindInCall(std::string_view text, std::size_t at, std::vector<Secret>& found) {
-  const std::vector<Argument> strings = StringsFrom(text, at, true);
+  const std::vector<CallArgument> strings = StringsFrom(text, at, true);
   if (strings.size() < 2) return;
-  if (std::any_of(strings.begin(), strings.end(), [](const Argument& a) { return a.named; })) return;
-  const Argument& password = strings[std::min<std::size_t>(strings.size(), 3) - 1];
+  if (std::any_of(strings.begin(), strings.end(), [](const CallArgument& a) { return a.named; })) return;
+  const CallArgument& password = strings[std::min<std::size_t>(strings.size(), 3) - 1];
   const std::string_view word = text.substr(password.begin, password.end - password.begin);
   const std::string_view first = text.substr(strings[0].begin, strings[0].end - strings[0].begin);
   const bool address = FirstOf(first, ".:/") != npos && first.find('@') == npos;
@@ -501,10 +501,11 @@ void FindInCall(std::string_view text, std::size_t at, std::vector<Secret>& foun
 void FindPairValue(std::string_view text, std::size_t at, std::vector<Secret>& found) {
   const bool quoted = Is(At(text, at), kQuote);
   if (quoted) ++at;
-  const std::string_view word = WordAt(text, at, kWordReach);
+  const std::string_view word = WordAt(text, at, kPlaceWordReach);
   const std::size_t colon = word.find(':');
   if (colon == npos || colon == 0 || colon + 1 >= word.size()) return;
-  std::string_view secret = quoted ? RestOfLine(text, at + colon + 1, kWordReach) : word.substr(colon + 1);
+  std::string_view secret =
+      quoted ? RestOfLine(text, at + colon + 1, kPlaceWordReach) : word.substr(colon + 1);
   secret = secret.substr(0, FirstOf(secret, "\"'"));
   const std::string_view user = word.substr(0, colon);
   if (secret.empty() || IsAll(secret, kDigit) || FirstOf(user, "*/=,(){}\"'") != npos) return;
@@ -523,7 +524,7 @@ void FindPassLine(std::string_view text, std::size_t begin, std::size_t at, std:
   const bool user = mark.empty() && (Holds(before, "USER ") || Holds(before, "NICK "));
   if (!said && !user && !news) return;
   if (At(text, at) == ':') ++at;
-  const std::string_view word = WordAt(text, at, kWordReach);
+  const std::string_view word = WordAt(text, at, kPlaceWordReach);
   if (word.empty() || word.find('/') != npos || IsPlaceholder(text, at)) return;
   const std::size_t behind = SkipBlanks(text, at + word.size());
   if (said && !Is(At(text, behind), kLineEnd)) return;  // A sentence.
@@ -539,11 +540,11 @@ void FindLoginLine(std::string_view text, std::size_t begin, std::size_t at, std
   }
   const std::string_view tag = line.substr(LastOf(line, " \t\"'") + 1);
   if (tag.empty() || tag.size() > 10 || !IsAll(tag, kAlnum | kDot) || !HasDigit(tag)) return;
-  const std::string_view user = WordAt(text, at, kWordReach);
+  const std::string_view user = WordAt(text, at, kPlaceWordReach);
   const std::size_t value = SkipBlanks(text, at + user.size());
   if (user.empty() || Is(At(text, value), kLineEnd) || IsPlaceholder(text, value)) return;
   if (Is(At(text, value), kQuote)) {
-    const std::size_t close = ClosingQuote(text, value + 1, At(text, value), kWordReach);
+    const std::size_t close = ClosingQuote(text, value + 1, At(text, value), kPlaceWordReach);
     if (close != npos) found.push_back({value + 1, SecretForm::kFixed, close});
   } else {
     found.push_back({value, SecretForm::kWord});
@@ -555,11 +556,11 @@ void FindSnmpPhrase(std::string_view text, std::size_t at, std::vector<Secret>& 
   static const WordSet<64> between = {"128",       "192",       "256", "encrypted",
                                       "localized", "plaintext", "0",   "local"};
   for (unsigned words = 0; words < 3; ++words) {
-    const std::string_view word = WordAt(text, at, kWordReach);
+    const std::string_view word = WordAt(text, at, kPlaceWordReach);
     if (!between.Has(word)) break;
     at = SkipBlanks(text, at + word.size());
   }
-  const std::string_view word = WordAt(text, at, kWordReach);
+  const std::string_view word = WordAt(text, at, kPlaceWordReach);
   if (word.empty() || IsProse(word) || IsSameWord(word, "priv")) return;
   if (const std::optional<Secret> secret = FindItem(text, at)) found.push_back(*secret);
 }
@@ -596,7 +597,7 @@ void FindEncodedMember(std::string_view text, std::size_t at, std::vector<Secret
   const Sign quote = SignAt(text, at);
   const bool quoted = Is(quote.meaning, kQuote);
   const std::size_t value = at + (quoted ? quote.size : 0);
-  const std::size_t end = SkipForward(text, value, kEncodedByte, kWordReach);
+  const std::size_t end = SkipForward(text, value, kEncodedByte, kPlaceWordReach);
   const std::string_view word = From(text, value, end - value);
   const bool telling = LooksLikeKey(word.substr(0, 64)) || LooksLikeKey(word.substr(0, 24));
   if (word.size() >= 20 && (telling || (quoted && word.size() > 40))) {
@@ -604,15 +605,11 @@ void FindEncodedMember(std::string_view text, std::size_t at, std::vector<Secret
   }
 }
 
-void Take(const std::optional<Secret>& secret, std::vector<Secret>& found) {
-  if (secret) found.push_back(*secret);
-}
-
 /// The word behind the next one.
 void FindSecond(std::string_view text, std::size_t at, std::vector<Secret>& found) {
-  const std::string_view word = WordAt(text, at, kWordReach);
+  const std::string_view word = WordAt(text, at, kPlaceWordReach);
   const std::size_t value = SkipBlanks(text, at + word.size());
-  if (IsProse(word) || IsOutcome(word) || IsProse(WordAt(text, value, kWordReach))) return;
+  if (IsProse(word) || IsOutcome(word) || IsProse(WordAt(text, value, kPlaceWordReach))) return;
   if (value > at + word.size()) Take(FindItem(text, value), found);
 }
 
@@ -632,7 +629,7 @@ void FindHex(std::string_view text, std::size_t begin, std::size_t at, std::vect
 
 /// bob/abc]
 void FindBehindUser(std::string_view text, std::size_t hit, std::vector<Secret>& found) {
-  const std::string_view line = RestOfLine(text, hit, kWordReach);
+  const std::string_view line = RestOfLine(text, hit, kPlaceWordReach);
   const std::size_t slash = line.find('/');
   const std::size_t close = line.find(']');
   if (slash != npos && close != npos && slash + 1 < close && line[slash + 1] != '<') {
@@ -648,13 +645,13 @@ void FindTimeKey(std::string_view text, std::size_t begin, std::size_t at, std::
   if (From(text, at, 4) == "HEX:") at += 4;
   if (From(text, at, 6) == "ASCII:") at += 6;
   // "3 MD5 sums checked" is a sentence.
-  const std::size_t behind = SkipBlanks(text, at + WordAt(text, at, kWordReach).size());
+  const std::size_t behind = SkipBlanks(text, at + WordAt(text, at, kPlaceWordReach).size());
   if (Is(At(text, behind), kLineEnd) || At(text, behind) == '#') Take(FindItem(text, at), found);
 }
 
 /// The last field of host:5432:db:bob:abc
 void FindLastField(std::string_view text, std::size_t begin, std::size_t hit, std::vector<Secret>& found) {
-  const std::string_view rest = RestOfLine(text, hit, kWordReach);
+  const std::string_view rest = RestOfLine(text, hit, kPlaceWordReach);
   const std::size_t database = rest.find(':');
   const bool any = text.substr(begin, hit - begin) == ":*:*:";
   const std::size_t user = any || database == npos ? database : rest.find(':', database + 1);
@@ -675,7 +672,7 @@ void FindRawHash(std::string_view text, std::size_t hit, std::vector<Secret>& fo
 
 /// The next line, from its last blank on: "C: ZW5naW5l"
 void FindNextLine(std::string_view text, std::size_t hit, std::vector<Secret>& found) {
-  if (const std::string_view line = RestOfLine(text, hit, kWordReach); line.size() >= 8) {
+  if (const std::string_view line = RestOfLine(text, hit, kPlaceWordReach); line.size() >= 8) {
     // "C: ZW5naW5l"
     const std::size_t blank = LastOf(line, " \t");
     found.push_back({hit + (blank == npos ? 0 : blank + 1), SecretForm::kLine});
@@ -707,12 +704,12 @@ void FindAtPlace(std::size_t place, std::string_view text, std::size_t begin, st
     case Place::kInQuotes:
       return take(FindQuoted(text, hit - 1));
     case Place::kStrings:
-      for (const Argument& argument : StringsFrom(text, hit, false)) Add(text, argument, found);
+      for (const CallArgument& argument : StringsFrom(text, hit, false)) Add(text, argument, found);
       return;
     case Place::kModem:
       return FindInModemCommand(text, begin, hit, found);
     case Place::kItem:
-      if (!IsProse(WordAt(text, at, kWordReach))) take(FindItem(text, at));
+      if (!IsProse(WordAt(text, at, kPlaceWordReach))) take(FindItem(text, at));
       return;
     case Place::kSecond:
       return FindSecond(text, at, found);

@@ -12,9 +12,10 @@ namespace TARVO::SupportForm {
 
 /// The fixed beginnings; each is known by its place here.
 struct PlaceWord {
-  std::string_view text;
+  std::string_view text;  ///< Lasts as long as the program.
   bool any_case = false;  ///< Upper and lower case letters are the same.
 };
+/// All of them, the same at each call; SecretFinder makes them fixed words of its own.
 [[nodiscard]] const std::vector<PlaceWord>& PlaceWords();
 
 /// Finds what stands behind the beginning.
@@ -27,10 +28,11 @@ void FindAtPlace(std::size_t place, std::string_view text, std::size_t begin, st
 
 /// The beginnings of keys of services, and how the keys go on: a new service's key is a line in this list.
 struct KeyPrefix {
-  std::string_view text;
-  SecretForm form;
-  std::size_t least;  ///< Bytes of the shortest key behind the beginning.
+  std::string_view text;  ///< In its own case; lasts as long as the program.
+  SecretForm form;        ///< What the key is written with behind it.
+  std::size_t least;      ///< Bytes of the shortest key behind the beginning.
 };
+/// All of them, the same at each call.
 [[nodiscard]] const std::vector<KeyPrefix>& KeyPrefixes();
 
 }  // namespace TARVO::SupportForm

@@ -8,11 +8,12 @@
 namespace TARVO::SupportForm {
 namespace {
 
-constexpr auto npos = std::string_view::npos;
 constexpr std::size_t kPlaceholderReach = 128;  ///< Bytes of a placeholder.
 constexpr std::size_t kExampleWords = 8;        ///< Words of an example.
 constexpr std::size_t kWordReach = 256;         ///< Bytes of a value that are looked at to judge it.
-constexpr std::size_t kKeyReach = 512;          ///< Bytes of a key that is written as numbers.
+constexpr std::size_t kNumericKeyReach = 512;   ///< Bytes of a key that is written as numbers.
+
+// The lists of words look alike because they are lists: see word_set.h.
 
 /// Values that tell only what became of a secret, as in "token: expired", or where names are looked up, as in
 /// "passwd: files". Such a word is no secret.
@@ -924,7 +925,7 @@ std::size_t BehindHexBytes(std::string_view text, std::size_t at) {
   const bool parted = Contains(" :-", parting);
   std::size_t digits = 0;
   std::size_t end = at;
-  while (end < at + kKeyReach && IsHexDigit(At(text, end))) {
+  while (end < at + kNumericKeyReach && IsHexDigit(At(text, end))) {
     ++digits;
     ++end;
     const bool goes_on = IsHexDigit(At(text, end + 1)) && IsHexDigit(At(text, end + 2));
@@ -937,7 +938,7 @@ std::size_t BehindHexBytes(std::string_view text, std::size_t at) {
 std::size_t BehindNumbers(std::string_view text, std::size_t at) {
   std::size_t numbers = 0;
   std::size_t end = at;
-  for (std::size_t next = at; next < at + kKeyReach; next = SkipBlanksAndLines(text, end + 1)) {
+  for (std::size_t next = at; next < at + kNumericKeyReach; next = SkipBlanksAndLines(text, end + 1)) {
     const bool hex = At(text, next) == '0' && ToLower(At(text, next + 1)) == 'x';
     const std::size_t begin = hex ? next + 2 : next;
     std::size_t digits = begin;

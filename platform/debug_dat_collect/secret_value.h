@@ -10,7 +10,8 @@
 
 namespace TARVO::SupportForm {
 
-/// The value behind a name and its separator.
+/// The value behind a name and its separator; nothing where it is no secret: empty, a placeholder, a reference, an
+/// outcome.
 std::optional<Secret> FindValue(const Name& name, const Separator& separator);
 
 /// The value in quotes that begins at `at`, with what languages write before a quote; nothing where none does, or where
@@ -24,6 +25,7 @@ bool IsQuotedAt(std::string_view text, std::size_t at);
 std::optional<Secret> FindItem(std::string_view text, std::size_t at);
 
 /// Whether the value is a number: "tokens: 512", "password: 12 bytes".
+/// @param in_list  It is one of a JSON list or object: ',' and brackets end it, and no other punctuation.
 bool IsNumber(std::string_view text, std::size_t at, bool in_list);
 
 /// Whether what begins there stands for a value: "${DB_PASSWORD}", "<password>", "%s", "********".
@@ -32,7 +34,7 @@ bool IsPlaceholder(std::string_view text, std::size_t at);
 /// Whether the word tells only what became of a secret: "expired".
 bool IsOutcome(std::string_view word);
 
-/// Whether the word is one of sentences about secrets.
+/// Whether the word, without the punctuation around it, is one of sentences about secrets: "the", "of", "your".
 bool IsProse(std::string_view word);
 
 /// Whether a word of a sentence is hardly one of a language: letters with digits or signs, no name, time or address.

@@ -20,7 +20,7 @@ class Sha256 {
   /// @throws std::runtime_error when the system's cryptographic library does not provide it; so do the others.
   Sha256();
 
-  /// Takes the next bytes of the text, which may come in parts of any size.
+  /// Takes the next bytes of the text, which may come in parts of any size and are not kept.
   void Add(std::string_view bytes);
   /// Ends the text; the next one begins.
   /// @return Its digest: kSumDigits lower-case hex digits.

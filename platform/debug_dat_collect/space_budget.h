@@ -56,12 +56,14 @@ class SpaceBudget {
   void Add(std::uint64_t size);
 
  private:
+  /// Sets room_ by what the device shows now, less a small share: what can't be compressed grows a little.
   void LookAgain();
+  /// What the last look showed, for people.
   [[nodiscard]] std::string WhyNoRoom() const;
 
   const Limits& limits_;
   Look look_;
-  std::uint64_t entries_ = 0;
+  std::uint64_t entries_ = 0;      ///< Those added.
   std::uint64_t bytes_ = 0;        ///< Of their contents.
   std::uint64_t room_ = 0;         ///< Bytes of content for which there is space, as far as is known.
   std::uint64_t since_look_ = 0;   ///< Bytes added since the last look, and

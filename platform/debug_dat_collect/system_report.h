@@ -9,10 +9,11 @@ namespace TARVO::SupportForm {
 
 /// A text of bounded length.
 struct BoundedText {
-  std::string text;
+  std::string text;  ///< Whole lines, each with its end.
   std::string note;  ///< What is missing in it, for people; empty when nothing is.
 };
 
+/// The machine's name, as the kernel has it: without a domain on most machines.
 [[nodiscard]] std::string HostName();
 
 /// Kernel name, host name, release, version, machine; one line.

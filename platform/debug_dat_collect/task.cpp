@@ -100,6 +100,7 @@ int RunTask(const Paths& paths, const Limits& limits, const std::string& task_id
     const CollectionSummary summary = MakeArchive(paths, limits, folder.get(), request);
     try {
       Audit(paths, limits, {std::time(nullptr), task_id, app_list, request.redact, summary.archive});
+      if (IsShared(folder.get())) ShareArchive(folder.get());
     } catch (...) {  // no archive may leave the device of which its owner is not told
       unlinkat(folder.get(), kArchiveFile, 0);
       throw;

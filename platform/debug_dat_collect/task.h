@@ -15,7 +15,8 @@ namespace TARVO::SupportForm {
 void LowerPriority();
 
 /// Ends this process after so many seconds, with the reason in its task's record, though it may hang in a file that
-/// gives no data. Commands of it end with it.
+/// gives no data. Commands of it end with it. A thread does that, and a few seconds later the kernel, should the thread
+/// hang, too. To be called once, when the priority is lowered.
 void EndAfter(unsigned seconds);
 
 /// Leaves the reason why the task that the process works for has failed in its lock file, at kTaskLockFd. Does not

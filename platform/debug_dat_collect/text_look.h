@@ -16,16 +16,18 @@ namespace TARVO::SupportForm {
 constexpr std::size_t kBlankReach = 256;  ///< Blanks and colours between name, sign and value.
 constexpr std::size_t kEscapeReach = 32;  ///< Backslashes that escape one byte.
 
+constexpr auto npos = std::string_view::npos;  ///< No offset in a text.
+
 /// The byte at `at`, or a line end beyond the text.
 inline char At(std::string_view text, std::size_t at) { return at < text.size() ? text[at] : '\n'; }
 /// The byte before `at`; a line end at the text's beginning.
 inline char Before(std::string_view text, std::size_t at) { return at > 0 ? text[at - 1] : '\n'; }
 /// The part of the text from `at` on, empty beyond its end; at most `most` bytes.
-inline std::string_view From(std::string_view text, std::size_t at,
-                             std::size_t most = std::string_view::npos) {
+inline std::string_view From(std::string_view text, std::size_t at, std::size_t most = npos) {
   return at < text.size() ? text.substr(at, most) : std::string_view();
 }
-inline bool Contains(std::string_view bytes, char byte) { return bytes.find(byte) != std::string_view::npos; }
+/// Whether the byte is one of `bytes`: for sets that byte_class.h has no kind for.
+inline bool Contains(std::string_view bytes, char byte) { return bytes.find(byte) != npos; }
 /// The same of a literal, without a call.
 template <std::size_t size>
 constexpr bool Contains(const char (&bytes)[size], char byte) {
@@ -34,10 +36,11 @@ constexpr bool Contains(const char (&bytes)[size], char byte) {
   }
   return false;
 }
-/// Of the same case, as all that follows where nothing else is said.
+/// Whether the text begins so, in the same case, as all that follows where nothing else is said.
 inline bool StartsWith(std::string_view text, std::string_view start) {
   return text.substr(0, start.size()) == start;
 }
+/// The same of the text's end.
 inline bool EndsWith(std::string_view text, std::string_view end) {
   return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
@@ -72,7 +75,7 @@ std::size_t FirstOf(std::string_view text, const char (&bytes)[size]) {
   std::size_t at = 0;
   while (at < text.size() && !Contains(bytes, text[at])) ++at;
   look_cost += 2 + at;
-  return at < text.size() ? at : std::string_view::npos;
+  return at < text.size() ? at : npos;
 }
 /// The same of the last one.
 template <std::size_t size>
@@ -80,17 +83,18 @@ std::size_t LastOf(std::string_view text, const char (&bytes)[size]) {
   std::size_t end = text.size();
   while (end > 0 && !Contains(bytes, text[end - 1])) --end;
   look_cost += 2 + text.size() - end;
-  return end > 0 ? end - 1 : std::string_view::npos;
+  return end > 0 ? end - 1 : npos;
 }
 /// Whether a literal is part of the text. Looks at all of it, as above.
 inline bool Holds(std::string_view text, std::string_view literal) {
   look_cost += 4 + text.size();
-  return text.find(literal) != std::string_view::npos;
+  return text.find(literal) != npos;
 }
 
 /// Offset of the first byte at or behind `at` that is not of `classes`, `most` bytes further on at the latest.
+/// @param classes  Of ByteClass, joined by '|'.
 inline std::size_t SkipForward(std::string_view text, std::size_t at, unsigned classes,
-                               std::size_t most = std::string_view::npos) {
+                               std::size_t most = npos) {
   if (at >= text.size()) return at;
   const std::size_t limit = at + (most < text.size() - at ? most : text.size() - at);
   std::size_t end = at;
@@ -143,7 +147,7 @@ std::string_view WordAt(std::string_view text, std::size_t at, std::size_t most)
 /// The rest of the line from `at` on, without its end, at most `most` bytes.
 std::string_view RestOfLine(std::string_view text, std::size_t at, std::size_t most);
 
-/// The line's part before `at`, at most `most` bytes.
+/// The line's part before `at`, at most the `most` bytes next to it.
 std::string_view LineBefore(std::string_view text, std::size_t at, std::size_t most);
 
 /// A byte of punctuation, as it is, behind backslashes that escape a quote, or in another spelling: \u0022, \x22,

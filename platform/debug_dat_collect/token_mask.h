@@ -48,6 +48,7 @@ class TokenMask {
     kContainer,   ///< Inside an array or an object.
   };
 
+  // Each takes the next byte, in the states that it is named for, and masks it where it belongs to a value.
   void Step(char& byte);
   void StepKey(char byte);
   void StepValueStart(char& byte);
@@ -57,21 +58,23 @@ class TokenMask {
   void TakeBackslash(char* byte);
   void MaskByte(char& byte);
   void MaskRun(char* end, std::size_t count);
+  /// A quote was read behind which the name may stand.
   void EnterKey();
+  /// Whether backslashes wait for the byte behind them to tell what they are.
   [[nodiscard]] bool InQuotes() const { return state_ == State::kString || state_ == State::kContainer; }
 
-  State state_ = State::kText;
-  std::uint64_t count_ = 0;
-  bool counted_ = false;     ///< The value being read is in `count_`.
-  std::size_t matched_ = 0;  ///< Letters of the name read so far.
-  std::size_t run_ = 0;      ///< Backslashes just before the next byte. In quoted values they are undecided.
+  State state_ = State::kText;  ///< What was read last.
+  std::uint64_t count_ = 0;     ///< See count().
+  bool counted_ = false;        ///< The value being read is in `count_`.
+  std::size_t matched_ = 0;     ///< Letters of the name read so far.
+  std::size_t run_ = 0;  ///< Backslashes just before the next byte. In quoted values they are undecided.
   std::size_t key_level_ = 0;  ///< Backslashes before the quotes of the member's name.
   std::size_t level_ = 0;      ///< Backslashes before the opening quote of the string being read.
   std::size_t depth_ = 0;      ///< Open brackets of an array or object.
   bool in_string_ = false;     ///< Inside a string of an array or object.
 };
 
-/// Masks one whole text.
+/// Masks one whole text: of a failure's cause, before it is recorded. The caller keeps its own copy.
 [[nodiscard]] std::string Masked(std::string_view text);
 
 }  // namespace TARVO::SupportForm

@@ -43,7 +43,7 @@ Packing PackingOf(std::string_view head) {
 }
 
 std::string NameOf(Packing packing) {
-  switch (packing) {
+  switch (packing) {  // and no table: the compiler tells which one has no name yet
     case Packing::kNone:
       return {};
     case Packing::kGzip:

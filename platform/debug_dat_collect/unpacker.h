@@ -13,7 +13,12 @@
 namespace TARVO::SupportForm {
 
 /// How a file is compressed. Told by its first bytes, whatever its name is.
-enum class Packing { kNone, kGzip, kXz, kZstd };
+enum class Packing {
+  kNone,  ///< Not, or in a way that is not known here; such a file is taken as it is.
+  kGzip,
+  kXz,
+  kZstd
+};
 
 /// Bytes of a file's beginning that PackingOf() looks at.
 inline constexpr std::size_t kPackingMarkBytes = 6;
@@ -59,7 +64,7 @@ class Unpacker {
   [[nodiscard]] std::uint64_t bytes_read() const { return bytes_read_; }
 
  private:
-  class Decoder;
+  class Decoder;  // one of the three below, each over its library
   class Gzip;
   class Xz;
   class Zstd;
@@ -68,17 +73,18 @@ class Unpacker {
   bool Refill();
   bool BeginPart();
   std::size_t Step(char* buffer, std::size_t capacity);
+  /// Notes why, and that nothing more comes out.
   void Fail(const std::string& why);
 
-  Packing packing_;
-  Input input_;
-  std::unique_ptr<Decoder> decoder_;
-  std::vector<char> buffer_;  ///< Compressed bytes.
-  std::string_view left_;     ///< What of buffer_ is still to be unpacked.
-  bool input_ended_ = false;
-  bool begun_ = false;    ///< There was a part.
-  bool in_part_ = false;  ///< A part has begun and not ended.
-  bool ended_ = false;    ///< Nothing more comes out, for whatever reason.
+  Packing packing_;                   ///< How every part of the file is compressed.
+  Input input_;                       ///< The caller's.
+  std::unique_ptr<Decoder> decoder_;  ///< Never null; used for one part after the other.
+  std::vector<char> buffer_;          ///< Compressed bytes.
+  std::string_view left_;             ///< What of buffer_ is still to be unpacked.
+  bool input_ended_ = false;          ///< input_ has said so, and is not asked again.
+  bool begun_ = false;                ///< There was a part.
+  bool in_part_ = false;              ///< A part has begun and not ended.
+  bool ended_ = false;                ///< Nothing more comes out, for whatever reason.
   bool has_tail_ = false;
   std::string failure_;
   std::uint64_t bytes_read_ = 0;

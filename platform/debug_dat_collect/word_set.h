@@ -52,6 +52,7 @@ class WordSet {
     return slot;
   }
 
+  /// As IsSameWord(), without its cost: Has() has counted it.
   static bool IsSame(std::string_view lower, std::string_view word) {
     if (lower.size() != word.size()) return false;
     for (std::size_t at = 0; at < lower.size(); ++at) {

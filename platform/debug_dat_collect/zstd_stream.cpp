@@ -20,7 +20,7 @@ constexpr unsigned kMaxWorkers = 4;
 /// Bytes that a thread compresses at a time. Memory is a few times that; what is smaller compresses worse.
 constexpr std::size_t kJobBytes = std::size_t{1} << 21;
 /// Bytes that are handed over at a time. Smaller ones cost wake-ups, larger ones leave the second-level cache.
-constexpr std::size_t kBlockBytes = std::size_t{1} << 19;
+constexpr std::size_t kInputBlockBytes = std::size_t{1} << 19;
 constexpr std::size_t kOutputBytes = std::size_t{1} << 18;
 
 std::size_t CheckZstd(std::size_t result) {
@@ -68,11 +68,11 @@ void ZstdStream::Write(std::string_view bytes) {
   given_ += bytes.size();
   while (!bytes.empty()) {
     std::string& block = filling().bytes;
-    if (block.capacity() < kBlockBytes) block.reserve(kBlockBytes);
-    const std::string_view part = bytes.substr(0, kBlockBytes - block.size());
+    if (block.capacity() < kInputBlockBytes) block.reserve(kInputBlockBytes);
+    const std::string_view part = bytes.substr(0, kInputBlockBytes - block.size());
     block += part;
     bytes.remove_prefix(part.size());
-    if (block.size() == kBlockBytes) HandOver();
+    if (block.size() == kInputBlockBytes) HandOver();
   }
 }
 
@@ -190,7 +190,7 @@ void ZstdStream::End() {
 std::uint64_t ZstdStream::SizeBound(std::uint64_t more) const {
   // What the library holds: at most two more jobs than threads in either form, and a window of input.
   const std::uint64_t held =
-      (2 * std::uint64_t{workers_} + 6) * kJobBytes + output_.size() + blocks_.size() * kBlockBytes;
+      (2 * std::uint64_t{workers_} + 6) * kJobBytes + output_.size() + blocks_.size() * kInputBlockBytes;
   return std::min(size_ + CompressedBound(held + more), CompressedBound(given_ + more));
 }
 

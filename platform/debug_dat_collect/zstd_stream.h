@@ -39,6 +39,7 @@ class ZstdStream {
   void Write(std::string_view bytes);
   /// What is written from here up to EndPart() is a part, and gets a digest of its own. Parts don't overlap.
   void BeginPart() { MarkHere(); }
+  /// Its digest is among PartSums() from now on.
   void EndPart() { MarkHere(); }
   /// SHA-256 of each part so far, in the order of the parts: kSumDigits lower-case hex digits for each. Waits until all
   /// that was written is digested.
@@ -56,23 +57,23 @@ class ZstdStream {
  private:
   /// A stretch of the stream.
   struct Block {
-    std::string bytes;
+    std::string bytes;               ///< As Write() got them, not compressed.
     std::vector<std::size_t> marks;  ///< Offsets in it at which a part begins or ends, by turns.
   };
 
   // By the caller's thread.
   void MarkHere() { filling().marks.push_back(filling().bytes.size()); }
   Block& filling() { return blocks_[handed_over_ % blocks_.size()]; }
-  void HandOver();
-  void StartThread();
+  void HandOver();     ///< Gives the block that is being filled to the thread, or does its work here.
+  void StartThread();  ///< Does nothing where it runs already.
   void WaitUntilTaken(std::size_t but);
-  void StopThread();
+  void StopThread();  ///< Waits until it has taken all that it was given.
   // By the stream's own thread, or the caller's where there is none.
   void Run();
   void Take(Block& block);
-  void DigestParts(const Block& block);
+  void DigestParts(const Block& block);  ///< Goes on with the digest of the part that has begun, if one has.
   void Compress(std::string_view bytes);
-  void Flush();
+  void Flush();  ///< Writes output_ to the file and digests it.
 
   int fd_;  ///< See the constructor.
   /// The library's, with as many threads of its own as workers_ says.

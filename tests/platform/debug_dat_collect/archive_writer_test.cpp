@@ -5,22 +5,15 @@
 
 #include <memory>
 
+#include "archive_fixture.h"
 #include "file_util.h"
 #include "redaction_rules.h"
-#include "support_log_fixture.h"
-#include "unique_fd.h"
 
 namespace TARVO::SupportForm {
 namespace {
 
-class ArchiveWriterTest : public SupportLogTest {
+class ArchiveWriterTest : public ArchiveTest {
  protected:
-  ArchiveWriterTest()
-      : folder_fd_(open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-        archive_fd_(open((folder_ / "archive").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)),
-        progress_(folder_fd_.get(), 0),
-        writer_(archive_fd_.get(), 1, progress_) {}
-
   /// Ends the archive. The digests of its entries have to be those of what it holds.
   ArchiveContent Close() {
     const std::string sums = writer_.Sums();
@@ -42,10 +35,6 @@ class ArchiveWriterTest : public SupportLogTest {
     };
   }
 
-  UniqueFd folder_fd_;
-  UniqueFd archive_fd_;
-  Progress progress_;
-  ArchiveWriter writer_;
   ArchiveSummary summary_;
 };
 

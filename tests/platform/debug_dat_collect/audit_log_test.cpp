@@ -29,12 +29,6 @@ AuditRecord Record() {
   return record;
 }
 
-unsigned ModeOf(const fs::path& path) {
-  struct stat status = {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 07777U;
-}
-
 class AuditLogTest : public SupportLogTest {
  protected:
   fs::path log_ = folder_ / "audit.log";

@@ -7,7 +7,6 @@
 
 #include <fstream>
 #include <limits>
-#include <random>
 #include <regex>
 #include <set>
 
@@ -27,15 +26,6 @@ using testing::Not;
 using testing::StartsWith;
 
 const std::string kTask(32, 'a');
-
-/// What can't be compressed.
-/// The same in each run: some random bytes look like a secret, and are masked.
-std::string RandomBytes(std::size_t count) {
-  std::mt19937 random(1);
-  std::string bytes(count, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(random());
-  return bytes;
-}
 
 class CollectionTest : public SupportLogTest {
  protected:
@@ -472,6 +462,20 @@ TEST_F(CollectionTest, WhatMustRemainFreeOnTheDeviceRemainsFree) {
   EXPECT_EQ(caller.Answer(), "fine");
 }
 
+TEST_F(CollectionTest, OfALongOutputAThirdOfTheRoomIsTakenAsItLiesTwiceBesideTheArchive) {
+  Program("journalctl", "yes 'a line' | head -c 25000000");
+  Describe("demo", R"({"units": [{"unit": "web.service", "output_limit_bytes": 200000000}]})");
+  limits_.free_bytes = 4U << 20U;
+  const CallerProcess caller([&]() -> std::string {
+    if (!MountOwnTmpfs(paths_.state, "mode=0700,size=40m")) return "no namespace";
+    const ArchiveContent archive = Collect(R"(["demo"])");
+    return std::to_string(archive.Of("apps/demo/journal/01-web.service.txt").size());
+  });
+  if (caller.Answer() == "no namespace") GTEST_SKIP() << "no private mounts here";
+  EXPECT_LE(std::stoul(caller.Answer()), (36U << 20U) / 3);
+  EXPECT_GE(std::stoul(caller.Answer()), (36U << 20U) / 4);
+}
+
 TEST_F(CollectionTest, SummaryTellsWhatTheManifestAndTheFileTell) {
   WriteText(data_ / "a.log", "password=s3cret\n");
   DescribePaths("demo", "*");
@@ -836,6 +840,18 @@ TEST_F(CollectionTest, UnderAFileSizeLimitTheEndThatFitsIsTaken) {
   EXPECT_THAT(caller.Answer(),
               HasSubstr("01-yes.txt: left out for want of space: the collection may write no file of "
                         "more than 6000000 bytes"));
+}
+
+TEST_F(CollectionTest, FileSizeLimitThatComesMeanwhileBoundsTheNextOutput) {
+  Program("journalctl", "yes 'a line' | head -c 9000000");
+  Describe("first", R"({"commands": [{"argv": ["sh", "-c", "prlimit --fsize=3000000 --pid $PPID"]}]})");
+  Describe("second", R"({"units": ["web.service"]})");
+  const CallerProcess caller([&]() -> std::string {
+    LimitFileSize(1U << 30U);
+    return std::to_string(
+        Collect(R"(["first", "second"])").Of("apps/second/journal/01-web.service.txt").size());
+  });
+  EXPECT_EQ(caller.Answer(), "1000000");
 }
 
 TEST_F(CollectionTest, WriteErrorThatNothingForetoldLeavesAnArchiveThatSaysSo) {

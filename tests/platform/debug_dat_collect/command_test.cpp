@@ -203,6 +203,16 @@ TEST_F(CommandTest, OfALongOutputTheEndIsKeptWhereThatIsAskedFor) {
   EXPECT_EQ(output_.substr(output_.size() - 100'000), LastOfSeq(200'000, 100'000));
 }
 
+TEST_F(CommandTest, WhereTheEndIsKeptTheFileNeverHoldsMoreThanTwiceTheLimit) {
+  request_.output = Output::kEndNoErrors;
+  request_.output_limit = 100'000;
+  const CallerProcess caller([&] {
+    LimitFileSize(2 * request_.output_limit);
+    return Run({"seq", "1", "200000"}).Text();
+  });
+  EXPECT_EQ(caller.Answer(), "exit status 0");
+}
+
 TEST_F(CommandTest, EndOfAShortOutputIsAllOfIt) {
   request_.output = Output::kEndNoErrors;
   const CommandResult result = Run({"seq", "1", "3"});

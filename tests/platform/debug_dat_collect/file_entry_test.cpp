@@ -6,10 +6,9 @@
 
 #include <fstream>
 
+#include "archive_fixture.h"
 #include "file_util.h"
 #include "redaction_rules.h"
-#include "support_log_fixture.h"
-#include "unique_fd.h"
 
 namespace TARVO::SupportForm {
 namespace {
@@ -18,14 +17,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class FileEntryTest : public SupportLogTest {
+class FileEntryTest : public ArchiveTest {
  protected:
-  FileEntryTest()
-      : folder_fd_(open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-        archive_fd_(open((folder_ / "archive").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)),
-        progress_(folder_fd_.get(), 0),
-        writer_(archive_fd_.get(), 1, progress_) {}
-
   /// Opens the file, lets `change` happen to it, and then archives it.
   FileEntry Add(const std::string& text, const std::function<void()>& change,
                 std::uint64_t max_bytes = 1 << 20, const FileCheck& check = {}) {
@@ -42,10 +35,6 @@ class FileEntryTest : public SupportLogTest {
   }
 
   fs::path path_ = data_ / "file";
-  UniqueFd folder_fd_;
-  UniqueFd archive_fd_;
-  Progress progress_;
-  ArchiveWriter writer_;
 };
 
 TEST_F(FileEntryTest, QuietFileIsTakenAsItIs) {

@@ -47,6 +47,12 @@ class FileVisitTest : public SupportLogTest, private FileVisitor {
     return true;
   }
 
+  /// Makes files a, b and c there. As soon as a is taken, b is gone.
+  void MakeThreeOfWhichTheSecondVanishes(const std::string& folder) {
+    for (const char* name : {"a", "b", "c"}) WriteText(data_ / (folder + name), "x");
+    on_file_ = [this, folder] { fs::remove(data_ / (folder + "b")); };
+  }
+
   std::vector<std::string> taken_;
   std::string contents_;  ///< Of the files taken, one after the other.
   std::vector<std::string> left_out_;
@@ -117,16 +123,14 @@ TEST_F(FileVisitTest, FoldersBelowTheDepthAreLeftOut) {
 }
 
 TEST_F(FileVisitTest, FileThatVanishesMeanwhileIsTold) {
-  for (const char* name : {"a", "b", "c"}) WriteText(data_ / name, "x");
-  on_file_ = [&] { fs::remove(data_ / "b"); };
+  MakeThreeOfWhichTheSecondVanishes("");
   Visit("*");
   EXPECT_THAT(taken_, ElementsAre("a", "c"));
   EXPECT_THAT(left_out_, ElementsAre("b: vanished before it was read"));
 }
 
 TEST_F(FileVisitTest, FileThatVanishesFromAFolderMeanwhileIsTold) {
-  for (const char* name : {"d/a", "d/b", "d/c"}) WriteText(data_ / name, "x");
-  on_file_ = [&] { fs::remove(data_ / "d/b"); };
+  MakeThreeOfWhichTheSecondVanishes("d/");
   Visit("d");
   EXPECT_THAT(taken_, ElementsAre("d/a", "d/c"));
   EXPECT_THAT(left_out_, ElementsAre("d/b: vanished before it was read"));
@@ -210,6 +214,30 @@ TEST_F(FileVisitTest, FolderWithTooManyNamesIsBounded) {
   EXPECT_THAT(left_out_, IsEmpty());
 }
 
+TEST_F(FileVisitTest, NamesOfAFolderAndThoseAboveItAreBoundedTogether) {
+  for (const char* name : {"d/1/1/x", "d/1/2", "d/1/3", "d/2", "d/3/1", "d/3/2", "d/3/3"}) {
+    WriteText(data_ / name, "x");
+  }
+  limits_.folder_names = 3;
+  for (const char* pattern : {"d", "d/*", "d/*/*"}) {
+    taken_.clear();
+    left_out_.clear();
+    Visit(pattern);
+    EXPECT_THAT(left_out_, ElementsAre("d/1/1: more than 0 names in a folder: the others are left out"));
+    EXPECT_THAT(taken_, testing::IsSupersetOf({"d/1/2", "d/1/3", "d/3/1", "d/3/2", "d/3/3"})) << pattern;
+  }
+}
+
+TEST_F(FileVisitTest, RootThatCannotBeOpenedIsTold) {
+  const CallerProcess caller([&] {
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_NOFILE, &none);
+    Visit("*");
+    return left_out_.size() == 1 ? left_out_.front() : "no line";
+  });
+  EXPECT_EQ(caller.Answer(), ": Too many open files");
+}
+
 TEST_F(FileVisitTest, WildcardsAreTheShells) {
   for (const char* name : {"a.log", "ab.log", "b.log", "[x]", "dir/a.log", "dir2/a.log", ".hidden"}) {
     WriteText(data_ / name, "x");
@@ -246,8 +274,16 @@ TEST_F(FileVisitTest, LinksOfTheSystemsOwnAreFollowedWhereThePatternNamesThem) {
   EXPECT_NE(visitor.Answer(), "");
 }
 
+/// What lies below /mnt, and what a visit makes of it.
+struct TrustedCase {
+  const char* name;
+  void (*prepare)();
+  const char* pattern;
+  const char* lines;
+};
+
 /// A file system of the test's own, right below the root, where nobody else may write.
-class TrustedFolderTest : public FileVisitTest {
+class TrustedFolderTest : public FileVisitTest, public testing::WithParamInterface<TrustedCase> {
  protected:
   /// Visits the pattern below /mnt, where `prepare` has been at work.
   /// @return What was taken and left out, a line each; "no namespace" where none can be had.
@@ -270,88 +306,66 @@ class TrustedFolderTest : public FileVisitTest {
   }
 };
 
-TEST_F(TrustedFolderTest, LinkIsFollowedWhereThePatternNamesIt) {
-  const std::string lines = VisitMnt(
-      [] {
-        WriteText("/mnt/real/deep/a.log", "x");
-        fs::create_symlink("../mnt/./real", "/mnt/way");
-        fs::create_symlink("/mnt/way/deep", "/mnt/real/second");
-        fs::create_symlink("..", "/mnt/real/up");
-      },
-      "way/up/real/second/*.log");
+TEST_P(TrustedFolderTest, IsVisited) {
+  const std::string lines = VisitMnt(GetParam().prepare, GetParam().pattern);
   if (lines == "no namespace") GTEST_SKIP() << "no private mounts here";
-  EXPECT_EQ(lines, "way/up/real/second/a.log\n");
+  EXPECT_EQ(lines, GetParam().lines);
 }
 
-TEST_F(TrustedFolderTest, LinkIsNotFollowedWhereAWildcardMeetsIt) {
-  const std::string lines = VisitMnt(
-      [] {
-        WriteText("/mnt/real/a.log", "x");
-        fs::create_symlink("real", "/mnt/link");
-        fs::create_symlink("real/a.log", "/mnt/a.log");
-      },
-      "*");
-  if (lines == "no namespace") GTEST_SKIP() << "no private mounts here";
-  EXPECT_EQ(lines, "real/a.log\na.log: a symbolic link, not followed\nlink: a symbolic link, not followed\n");
-}
-
-TEST_F(TrustedFolderTest, LinkOfAnotherUserIsNotFollowed) {
-  const std::string lines = VisitMnt(
-      [] {
-        WriteText("/mnt/real/a.log", "x");
-        fs::create_symlink("real", "/mnt/link");
-        ASSERT_EQ(lchown("/mnt/link", 1234, 1234), 0);
-      },
-      "link/a.log");
-  if (lines == "no namespace") GTEST_SKIP() << "no private mounts here";
-  EXPECT_EQ(lines, "link: a symbolic link, not followed\n");
-}
-
-TEST_F(TrustedFolderTest, LinkInAFolderOfAnotherUserIsNotFollowed) {
-  const std::string lines = VisitMnt(
-      [] {
-        WriteText("/mnt/home/real/a.log", "x");
-        fs::create_symlink("real", "/mnt/home/link");
-        ASSERT_EQ(chown("/mnt/home", 1234, 1234), 0);
-      },
-      "home/link/a.log");
-  if (lines == "no namespace") GTEST_SKIP() << "no private mounts here";
-  EXPECT_EQ(lines, "home/link: a symbolic link, not followed\n");
-}
-
-TEST_F(TrustedFolderTest, RingOfLinksIsLeftOut) {
-  const std::string lines = VisitMnt(
-      [] {
-        fs::create_symlink("b", "/mnt/a");
-        fs::create_symlink("a", "/mnt/b");
-      },
-      "a/x.log");
-  if (lines == "no namespace") GTEST_SKIP() << "no private mounts here";
-  EXPECT_EQ(lines, "a: a symbolic link, not followed\n");
-}
-
-TEST_F(TrustedFolderTest, FileWithSeveralNamesIsTaken) {
-  const std::string lines = VisitMnt(
-      [] {
-        WriteText("/mnt/a.log", "x");
-        fs::create_hard_link("/mnt/a.log", "/mnt/b.log");
-      },
-      "*.log");
-  if (lines == "no namespace") GTEST_SKIP() << "no private mounts here";
-  EXPECT_EQ(lines, "a.log\nb.log\n");
-}
-
-TEST_F(TrustedFolderTest, FolderMountedBelowItselfEnds) {
-  const std::string lines = VisitMnt(
-      [] {
-        WriteText("/mnt/ring/a.log", "x");
-        fs::create_directory("/mnt/ring/again");
-        ASSERT_EQ(mount("/mnt/ring", "/mnt/ring/again", nullptr, MS_BIND, nullptr), 0);
-      },
-      "ring");
-  if (lines == "no namespace") GTEST_SKIP() << "no private mounts here";
-  EXPECT_EQ(lines, "ring/a.log\nring/again: a folder that is met below itself\n");
-}
+// A row for each kind of link or folder; they look alike because they are rows.
+INSTANTIATE_TEST_SUITE_P(
+    , TrustedFolderTest,
+    testing::Values(
+        TrustedCase{"LinkIsFollowedWhereThePatternNamesIt",
+                    [] {
+                      WriteText("/mnt/real/deep/a.log", "x");
+                      fs::create_symlink("../mnt/./real", "/mnt/way");
+                      fs::create_symlink("/mnt/way/deep", "/mnt/real/second");
+                      fs::create_symlink("..", "/mnt/real/up");
+                    },
+                    "way/up/real/second/*.log", "way/up/real/second/a.log\n"},
+        TrustedCase{
+            "LinkIsNotFollowedWhereAWildcardMeetsIt",
+            [] {
+              WriteText("/mnt/real/a.log", "x");
+              fs::create_symlink("real", "/mnt/link");
+              fs::create_symlink("real/a.log", "/mnt/a.log");
+            },
+            "*", "real/a.log\na.log: a symbolic link, not followed\nlink: a symbolic link, not followed\n"},
+        TrustedCase{"LinkOfAnotherUserIsNotFollowed",
+                    [] {
+                      WriteText("/mnt/real/a.log", "x");
+                      fs::create_symlink("real", "/mnt/link");
+                      ASSERT_EQ(lchown("/mnt/link", 1234, 1234), 0);
+                    },
+                    "link/a.log", "link: a symbolic link, not followed\n"},
+        TrustedCase{"LinkInAFolderOfAnotherUserIsNotFollowed",
+                    [] {
+                      WriteText("/mnt/home/real/a.log", "x");
+                      fs::create_symlink("real", "/mnt/home/link");
+                      ASSERT_EQ(chown("/mnt/home", 1234, 1234), 0);
+                    },
+                    "home/link/a.log", "home/link: a symbolic link, not followed\n"},
+        TrustedCase{"RingOfLinksIsLeftOut",
+                    [] {
+                      fs::create_symlink("b", "/mnt/a");
+                      fs::create_symlink("a", "/mnt/b");
+                    },
+                    "a/x.log", "a: a symbolic link, not followed\n"},
+        TrustedCase{"FileWithSeveralNamesIsTaken",
+                    [] {
+                      WriteText("/mnt/a.log", "x");
+                      fs::create_hard_link("/mnt/a.log", "/mnt/b.log");
+                    },
+                    "*.log", "a.log\nb.log\n"},
+        TrustedCase{"FolderMountedBelowItselfEnds",
+                    [] {
+                      WriteText("/mnt/ring/a.log", "x");
+                      fs::create_directory("/mnt/ring/again");
+                      ASSERT_EQ(mount("/mnt/ring", "/mnt/ring/again", nullptr, MS_BIND, nullptr), 0);
+                    },
+                    "ring", "ring/a.log\nring/again: a folder that is met below itself\n"}),
+    [](const auto& row) { return row.param.name; });
 
 }  // namespace
 }  // namespace TARVO::SupportForm

@@ -38,6 +38,7 @@ TEST_F(ListingTest, NamesWhatTheArchiveHasThenInItsOrder) {
       "commands": [{"argv": ["echo", "hello"]}], "units": ["web.service"]})");
   const Listing listing = List(R"(["demo"])");
   std::vector<std::string> names;
+  names.reserve(listing.entries.size() + 1);
   for (const ListedEntry& entry : listing.entries) names.push_back(entry.name);
   names.emplace_back("manifest.json");
 
@@ -83,6 +84,14 @@ TEST_F(ListingTest, NamesTheKernelLogThatIsTakenWhereTheJournalGivesNothing) {
   EXPECT_EQ(Find(List("[]"), "system/journal").origin,
             "journalctl --quiet --no-pager --output=short-iso --lines=5000; "
             "where that gives nothing, system/kernel-log: dmesg");
+}
+
+TEST_F(ListingTest, EndsWithAsManyEntriesAsAnArchiveMayHave) {
+  limits_.archive_entries = 3;
+  const Listing listing = List("[]");
+  EXPECT_EQ(listing.entries.size(), 3U);
+  ASSERT_FALSE(listing.left_out.empty());
+  EXPECT_THAT(listing.left_out.front(), testing::EndsWith("the archive has 3 entries"));
 }
 
 TEST_F(ListingTest, TellsWhereTheSearchEnds) {

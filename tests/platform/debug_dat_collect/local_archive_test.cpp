@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "redaction_rules.h"
 #include "support_log_fixture.h"
 
 namespace TARVO::SupportForm {
@@ -140,6 +141,12 @@ TEST_F(LocalArchiveTest, DryRunListsNamesAndSizesAndMakesNothing) {
   EXPECT_THAT(printed_.str(), HasSubstr("?  apps/mail/commands/01-echo.txt  (echo hello)"));
   EXPECT_THAT(Beside(), IsEmpty());
   EXPECT_FALSE(fs::exists(paths_.audit_log));
+}
+
+TEST_F(LocalArchiveTest, DryRunRefusesPatternsThatCanNotBeCompiled) {
+  WriteText(paths_.redaction, "serial=(\n");
+  EXPECT_THAT([&] { ListContents(paths_, limits_, options_, printed_); },
+              testing::ThrowsMessage<RedactionError>(HasSubstr(":1: not a valid pattern")));
 }
 
 TEST_F(LocalArchiveTest, DryRunGivesTheTerminalNoOrders) {

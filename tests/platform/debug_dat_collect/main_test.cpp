@@ -1,10 +1,14 @@
 /// The program as people and as the library start it, in a sandbox in which the device's folders are the test's.
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <sstream>
 
+#include "file_util.h"
+#include "hand_over.h"
 #include "support_log_fixture.h"
 
 namespace TARVO::SupportForm {
@@ -107,6 +111,42 @@ TEST_F(CollectProgramTest, ItsUsersOtherProcessesCannotLookIntoItsMemory) {
   EXPECT_EQ(ReadArchive(folder_ / "ticket.dat").Of("apps/demo/commands/02-cat.txt"), "1000\n");
 }
 
+TEST_F(CollectProgramTest, TaskOfAConnectionIsThatOfATicket) {
+  WriteText(folder_ / "demo.json", R"({"commands": [{"argv": ["pwd"]}, {"argv": ["env"]}, {"argv": ["nice"]},
+      {"argv": ["cat", "/proc/self/oom_score_adj"]}]})");
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  const UniqueFd here(ends[0]);
+  UniqueFd there(ends[1]);
+  ASSERT_EQ(fcntl(here.get(), F_SETFD, FD_CLOEXEC), 0);
+  const std::int64_t deadline_ms = MonotonicMs() + 120'000;
+  ASSERT_TRUE(SendMessage(here.get(), R"(["demo"])", -1, deadline_ms));
+  // Also as its output and its error, as a service manager gives it that is not told otherwise.
+  const std::string number = std::to_string(there.get());
+  RunInSandbox(
+      "cp $out/demo.json $described\n"
+      "cd $out\n"
+      "LEFT_OVER=1 collect --connection <&" +
+      number + " >&" + number + " 2>&" + number +
+      "\n"
+      "cd /var/lib/tarvo/support_form_log\n"
+      "stat -c %a . >$out/mode\n"
+      "cp */debug.dat $out/ticket.dat\n"
+      "cp /var/log/debug_dat_collect.log $out/audit.log\n");
+  there.Close();
+  Message answer;
+  ASSERT_TRUE(ReceiveMessage(here.get(), 4096, deadline_ms, answer));
+  const std::string task = ParseJson(answer.text)["task_id"].asString();
+  EXPECT_EQ(ParseJson(ReadText(folder_ / "audit.log"))["task_id"].asString(), task);
+  EXPECT_EQ(ReadText(folder_ / "mode"), "750\n");
+  const ArchiveContent archive = ReadArchive(folder_ / "ticket.dat");
+  EXPECT_EQ(archive.ManifestJson()["task_id"].asString(), task);
+  EXPECT_EQ(archive.Of("apps/demo/commands/01-pwd.txt"), "/\n");
+  EXPECT_EQ(archive.Of("apps/demo/commands/02-env.txt").find("LEFT_OVER"), std::string::npos);
+  EXPECT_EQ(archive.Of("apps/demo/commands/03-nice.txt"), "19\n");
+  EXPECT_EQ(archive.Of("apps/demo/commands/04-cat.txt"), "1000\n");
+}
+
 TEST_F(CollectProgramTest, TestersSessionKeepsItsPriority) {
   if (!fs::exists("/proc/self/autogroup")) GTEST_SKIP() << "no groups of sessions here";
   RunInSandbox("cat /proc/self/autogroup >$out/group\n");
@@ -117,6 +157,35 @@ TEST_F(CollectProgramTest, TestersSessionKeepsItsPriority) {
   }
 }
 
+TEST_F(CollectProgramTest, ReadyDescriptionIsEnabledCollectedAndDisabled) {
+  const std::string secret = "s3cret-of-a-ticket";
+  WriteText(folder_ / "debug.log", "received {\"apps\":[\"mail\"],\"token\":\"" + secret + "\"}\n");
+  RunInSandbox(
+      "mount -t tmpfs -o mode=755 tmpfs /usr/local\n"
+      "mkdir -p /usr/local/share/tarvo\n"
+      "cp -r '" READY_DESCRIPTIONS
+      "' /usr/local/share/tarvo/descriptions\n"
+      "chmod -R go-w /usr/local/share/tarvo\n"
+      "rm -rf $described\n"
+      "cp $out/debug.log /var/log/debug_dat_transmitter.log\n"
+      "collect --enable debug_dat_transmitter >$out/enabled\n"
+      "collect --list >$out/list\n"
+      "collect --apps debug_dat_transmitter --out $out/daemon.dat\n"
+      "collect --disable debug_dat_transmitter >$out/disabled\n"
+      "! collect --enable nothing 2>$out/failed\n"
+      "collect --apps debug_dat_transmitter --dry-run >$out/gone\n");
+  EXPECT_EQ(ReadText(folder_ / "enabled"), "debug_dat_transmitter: enabled\n");
+  EXPECT_THAT(ReadText(folder_ / "list"), HasSubstr("\nenabled      debug_dat_transmitter   This daemon: "));
+  EXPECT_THAT(ReadText(folder_ / "list"), HasSubstr("\navailable    wireguard "));
+  EXPECT_EQ(ReadText(folder_ / "disabled"), "debug_dat_transmitter: disabled\n");
+  EXPECT_THAT(ReadText(folder_ / "failed"), HasSubstr("nothing: there is no ready description "));
+  EXPECT_THAT(ReadText(folder_ / "gone"), HasSubstr("unknown application"));
+
+  const ArchiveContent archive = ReadArchive(folder_ / "daemon.dat");
+  const std::string log = archive.Of("apps/debug_dat_transmitter/files/var/log/debug_dat_transmitter.log");
+  EXPECT_EQ(log, "received {\"apps\":[\"mail\"],\"token\":\"" + std::string(secret.size(), '*') + "\"}\n");
+}
+
 TEST_F(CollectProgramTest, WrongCommandLineAndFailureHaveTheirExitStatus) {
   RunInSandbox(
       "touch $out/there\n"
@@ -125,12 +194,14 @@ TEST_F(CollectProgramTest, WrongCommandLineAndFailureHaveTheirExitStatus) {
       "collect --apps '' --out $out/there 2>$out/why || status=$?\n"
       "[ $status = 1 ]\n"
       "! collect --task 0123456789abcdef0123456789abcdef </dev/null 3>&- 2>$out/no_lock\n"
+      "! collect --connection </dev/null 2>$out/no_connection\n"
       "! echo '{' | '" PROGRAM_PATH
       "' --task 0123456789abcdef0123456789abcdef 3>$out/lock 2>$out/no_list\n"
       "[ ! -e /var/log/debug_dat_collect.log ]\n");
   EXPECT_THAT(ReadText(folder_ / "none"), HasSubstr("--out FILE"));
   EXPECT_THAT(ReadText(folder_ / "why"), HasSubstr("there can't be written: File exists; remove it"));
   EXPECT_THAT(ReadText(folder_ / "no_lock"), HasSubstr("only the library starts a task"));
+  EXPECT_THAT(ReadText(folder_ / "no_connection"), HasSubstr("standard input is no connection"));
   EXPECT_THAT(ReadText(folder_ / "lock"), HasSubstr("standard input holds no JSON array"));
 }
 

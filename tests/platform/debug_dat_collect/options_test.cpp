@@ -56,6 +56,17 @@ TEST(OptionsTest, TaskOfTheLibraryIsAlwaysRedacted) {
   ExpectRefused({"--task", "0123456789abcdef0123456789abcdef", "--no-redaction"}, "--no-redaction excludes");
 }
 
+TEST(OptionsTest, TaskOfAConnectionIsAlwaysRedactedAndTakesNothingElse) {
+  const ParsedOptions parsed = Parse({"--connection"});
+  ASSERT_TRUE(parsed.run) << parsed.text;
+  EXPECT_EQ(parsed.options.action, Action::kConnection);
+  EXPECT_TRUE(parsed.options.redaction);
+  ExpectRefused({"--connection", "--no-redaction"}, "--connection goes with no other option");
+  ExpectRefused({"--connection", "--apps", "mail"}, "--connection goes with no other option");
+  ExpectRefused({"--connection", "--task", "0123456789abcdef0123456789abcdef"},
+                "--connection goes with no other option");
+}
+
 TEST(OptionsTest, WrongTaskIdIsRefused) {
   ExpectRefused({"--task", "../etc"}, "--task: not the id of a task");
 }
@@ -76,12 +87,41 @@ TEST(OptionsTest, DryRunWritesNothingAndSoTakesNoFile) {
   ExpectRefused({"--apps", "mail", "--dry-run", "--out", "f"}, "--dry-run");
 }
 
+TEST(OptionsTest, DescriptionsAreListedEnabledAndDisabled) {
+  EXPECT_EQ(Parse({"--list"}).options.action, Action::kList);
+  const ParsedOptions enable = Parse({"--enable", "mail,web"});
+  ASSERT_TRUE(enable.run) << enable.text;
+  EXPECT_EQ(enable.options.action, Action::kEnable);
+  EXPECT_THAT(enable.options.apps, ElementsAre("mail", "web"));
+  const ParsedOptions disable = Parse({"--disable", "mail"});
+  ASSERT_TRUE(disable.run) << disable.text;
+  EXPECT_EQ(disable.options.action, Action::kDisable);
+  EXPECT_THAT(disable.options.apps, ElementsAre("mail"));
+}
+
+TEST(OptionsTest, OneThingIsAskedForAtATime) {
+  ExpectRefused({"--list", "--apps", "mail"}, "--list goes with no other option");
+  ExpectRefused({"--list", "--enable", "mail"}, "--list goes with no other option");
+  ExpectRefused({"--disable", "mail", "--enable", "mail"}, "--enable goes with no other option");
+  ExpectRefused({"--enable", "mail", "--dry-run"}, "--enable goes with no other option");
+  ExpectRefused({"--disable", "mail", "--out", "f"}, "--disable goes with no other option");
+  ExpectRefused({"--list", "--no-redaction"}, "--list goes with no other option");
+  ExpectRefused({"--list", "--task", "0123456789abcdef0123456789abcdef"}, "--list goes with no other option");
+}
+
+TEST(OptionsTest, DescriptionsToEnableOrDisableNeedNames) {
+  ExpectRefused({"--enable", ""}, "--enable: names none");
+  ExpectRefused({"--enable", "mail,../web"}, R"(--enable: "../web" is no application's name)");
+  ExpectRefused({"--disable", "a/b"}, R"(--disable: "a/b" is no application's name)");
+}
+
 TEST(OptionsTest, HelpShowsTheWaysForPeopleOnly) {
   const ParsedOptions parsed = Parse({"--help"});
   EXPECT_FALSE(parsed.run);
   EXPECT_EQ(parsed.exit_status, 0);
   EXPECT_THAT(parsed.text, HasSubstr("--dry-run"));
   EXPECT_THAT(parsed.text, testing::Not(HasSubstr("--task")));
+  EXPECT_THAT(parsed.text, testing::Not(HasSubstr("--connection")));
 }
 
 }  // namespace

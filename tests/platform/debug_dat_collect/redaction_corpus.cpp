@@ -1,8 +1,9 @@
-/// redaction_corpus FOLDER [--all]: masks each case of the corpus in a folder (tests/redaction_corpus/README.md tells
-/// the format) and prints for each class how many of its secrets are masked whole, how many innocent cases stay as
-/// they are, and which are wrong: the first line of each, or with --all the whole case before and after.
+/// redaction_corpus FOLDER [--all | --record]: masks each case of the corpus in a folder and prints for each class how
+/// many of its secrets are masked whole, how many innocent cases stay as they are, and which are wrong: the first line
+/// of each, or with --all the whole case before and after. Texts of which not as many bytes are masked as the folder's
+/// record says are printed, too. --record makes that record anew. tests/redaction_corpus/README.md tells the formats.
 ///
-/// Exit status 0 if the floors are reached, 1 if not, 2 if the corpus can't be read.
+/// Exit status 0 if the floors are reached and the record holds, 1 if not, 2 if the corpus can't be read.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -14,9 +15,11 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "redactor.h"
+#include "secret_finder.h"
 
 namespace {
 
@@ -147,6 +150,221 @@ void PrintScore(std::string_view name, const Score& score) {
               score.all, 100 * score.share());
 }
 
+// ---- The record: how many bytes are masked of many texts ----
+
+constexpr const char* kRecordFile = "masked_bytes";
+
+/// A text of which the record says how many bytes are masked.
+struct RecordedText {
+  std::string line;   ///< How the record's line begins.
+  std::string place;  ///< For people.
+  std::string text;
+};
+
+std::string InJson(const std::string& text) {
+  std::string escaped = R"({"level": 3, "msg": ")";
+  for (const char byte : text) {
+    if (byte == '"' || byte == '\\') escaped += '\\';
+    escaped += byte == '\n' ? "\\n" : std::string(1, byte);
+  }
+  return escaped + "\"}\n";
+}
+
+std::string InALog(const std::string& text) {
+  std::istringstream lines(text);
+  std::string log;
+  for (std::string line; std::getline(lines, line);) {
+    log += "Nov 22 10:07:15 device app[4711]: " + line + "\n";
+  }
+  return log;
+}
+
+std::string InCapitals(const std::string& text) {
+  std::string capitals = text;
+  std::transform(text.begin(), text.end(), capitals.begin(), [](char byte) {
+    return byte >= 'a' && byte <= 'z' ? static_cast<char>(byte - 'a' + 'A') : byte;
+  });
+  return capitals;
+}
+
+/// With the line ends of another system.
+std::string WithReturns(const std::string& text) {
+  std::string lines;
+  for (const char byte : text) lines += byte == '\n' ? "\r\n" : std::string(1, byte);
+  return lines;
+}
+
+/// Behind more text than is looked at around a word.
+std::string FarBehind(const std::string& text) {
+  std::string log;
+  while (log.size() < TARVO::SupportForm::kFinderReach) {
+    log += "10:07:15 the pump runs at its usual speed\n";
+  }
+  return log + text;
+}
+
+/// What may stand before and behind a fixed word.
+std::vector<std::pair<std::string, std::string>> Surroundings() {
+  const std::string key = "Zk3Yd8sQ2rT5vB9xW1mN7pL4hJ6gF0cDqAeUiOyKzR3tE8wS5uX2bV9nM1aG7fH4jP6lC0dI";
+  const std::string digits = "9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08";
+  std::vector<std::pair<std::string, std::string>> all = {{"db_", " = harbour 7, x"},
+                                                          {"", ": harbour7\nnext: 1"},
+                                                          {"\"", "\": \"harbour 7\","},
+                                                          {"--", " harbour7 host"},
+                                                          {"--", "=harbour7 host"},
+                                                          {"<", ">harbour7</x>"},
+                                                          {"set ", " harbour7"},
+                                                          {"the ", " is harbour7"},
+                                                          {"ada:1:", "(\"harbour7\")"},
+                                                          {"$ ", " -p harbour7 -u ada:harbour8 host"},
+                                                          {"http://ada", "harbour7@host/?x=1"},
+                                                          {"", digits.substr(0, 32)},
+                                                          {" ", " " + digits},
+                                                          {"", "'harbour7', 'x'"},
+                                                          {"ada ", " 482913"},
+                                                          {"", "\n  harbour7\n"},
+                                                          {"", "ada ; harbour7]"},
+                                                          {" ", ":harbour7:ada:1:2:3:4"}};
+  for (const std::size_t length :
+       {9U, 10U, 15U, 16U, 17U, 18U, 19U, 20U, 21U, 22U, 23U, 24U, 29U, 30U, 39U, 40U, 49U, 50U}) {
+    all.emplace_back("x ", key.substr(0, length) + " y");
+  }
+  return all;
+}
+
+/// A word without the blanks at which the record's lines are taken apart.
+std::string InOnePiece(const std::string& word) {
+  std::string text;
+  for (const char byte : word) {
+    if (byte > ' ' && byte < '\x7f' && byte != '%') {
+      text += byte;
+    } else {
+      char code[4];
+      static_cast<void>(std::snprintf(code, sizeof(code), "%%%02x", static_cast<unsigned>(byte) & 0xffU));
+      text += code;
+    }
+  }
+  return text;
+}
+
+/// A line of the file of values with its escapes taken for what they mean; a backslash before another byte stays.
+std::string Unescaped(const std::string& line) {
+  static constexpr std::string_view kEscapes = "nte\\";
+  static constexpr std::string_view kMeanings = "\n\t\x1b\\";
+  std::string text;
+  for (std::size_t at = 0; at < line.size(); ++at) {
+    const std::size_t escape =
+        line[at] == '\\' && at + 1 < line.size() ? kEscapes.find(line[at + 1]) : kEscapes.npos;
+    text += escape == kEscapes.npos ? line[at] : kMeanings[escape];
+    if (escape != kEscapes.npos) ++at;
+  }
+  return text;
+}
+
+/// What may stand before and behind a value.
+constexpr std::pair<const char*, const char*> kNames[] = {{"password = ", "\nnext = 1\n"},
+                                                          {"x password=", " host=x\n"},
+                                                          {"  db_password: ", "\n  next: 1\n"},
+                                                          {"password ", " next\n"},
+                                                          {"{\"password\": ", ", \"x\": 1}\n"},
+                                                          {"{\"token\": \"", "\", \"x\": 1}\n"},
+                                                          {"tool --secret ", " --next x\n"},
+                                                          {"the passphrase is ", ". next\n"},
+                                                          {"DB_PASSWORD='", "' next\n"},
+                                                          {"api_key: ", "\nnext\n"},
+                                                          {"key = ", " next\n"},
+                                                          {"\"auth\": \"", "\", x\n"},
+                                                          {"<password>", "</password> next\n"},
+                                                          {"{\\\"secret\\\": ", ", \\\"x\\\": 1}\n"}};
+
+/// The cases as they are and in other forms, each value behind many names, and each fixed word of the rules in many
+/// surroundings.
+std::vector<RecordedText> TextsToRecord(const fs::path& folder, const std::vector<Case>& cases) {
+  std::vector<RecordedText> texts;
+  constexpr std::pair<const char*, std::string (*)(const std::string&)> kForms[] = {{"/json", InJson},
+                                                                                    {"/log", InALog},
+                                                                                    {"/capitals", InCapitals},
+                                                                                    {"/returns", WithReturns},
+                                                                                    {"/far", FarBehind}};
+  for (const Case& item : cases) {
+    const std::string file = item.place.substr(0, item.place.find(':'));
+    texts.push_back({file, item.place, item.text});
+    for (const auto& [name, form] : kForms) texts.push_back({file + name, item.place, form(item.text)});
+  }
+  std::ifstream values(folder / "values");
+  for (std::string line; std::getline(values, line);) {
+    for (const auto& [before, behind] : kNames) {
+      const std::string text = before + Unescaped(line) + behind;
+      texts.push_back({"value/" + InOnePiece(line), "a value", text});
+      texts.push_back({"value/" + InOnePiece(line), "a value", FarBehind(text)});
+    }
+  }
+  for (const TARVO::SupportForm::FixedWord& word : TARVO::SupportForm::FixedWords()) {
+    for (const auto& [before, behind] : Surroundings()) {
+      std::string text = before;
+      text.append(word.text).append(behind).append("\n");
+      texts.push_back({"word/" + InOnePiece(word.text), "a fixed word", std::move(text)});
+    }
+  }
+  return texts;
+}
+
+/// The numbers of masked bytes by the beginning of their line.
+using Record = std::map<std::string, std::vector<std::size_t>>;
+
+Record ReadRecord(const fs::path& path) {
+  Record record;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    std::istringstream words(line);
+    std::string begin;
+    words >> begin;
+    for (std::size_t count = 0; words >> count;) record[begin].push_back(count);
+  }
+  return record;
+}
+
+void WriteRecord(const fs::path& path, const Record& record) {
+  std::ofstream file(path);
+  for (const auto& [begin, counts] : record) {
+    file << begin;
+    for (const std::size_t count : counts) file << ' ' << count;
+    file << '\n';
+  }
+  if (!file.flush()) throw std::runtime_error("can't write " + path.string());
+}
+
+/// Masks the texts. Prints those of which the former record says another number. The last line is what the search of
+/// all of them costs, by its own reckoning.
+Record MakeRecord(const std::vector<RecordedText>& texts, const Record& former) {
+  const RedactionRules rules("/nonexistent/patterns");
+  Record record;
+  const std::uint64_t cost_before = TARVO::SupportForm::look_cost;
+  for (const RecordedText& item : texts) {
+    const std::string redacted = Redacted(rules, item.text);
+    std::size_t count = 0;
+    for (std::size_t at = 0; at < redacted.size(); ++at) count += redacted[at] != item.text[at] ? 1 : 0;
+    std::vector<std::size_t>& counts = record[item.line];
+    counts.push_back(count);
+    const auto known = former.find(item.line);
+    if (known == former.end() || known->second.size() < counts.size()) continue;
+    const std::size_t expected = known->second[counts.size() - 1];
+    if (count == expected) continue;
+    std::printf("%s: masked are %zu bytes, recorded %zu:\n%s---- becomes\n%s\n", item.place.c_str(), count,
+                expected, item.text.c_str(), redacted.c_str());
+  }
+  record["~cost"] = {TARVO::SupportForm::look_cost - cost_before};
+  return record;
+}
+
+/// @return Whether as many bytes are masked in each text as the record says.
+bool RecordHolds(const fs::path& folder, const std::vector<Case>& cases) {
+  const Record former = ReadRecord(folder / kRecordFile);
+  const bool holds = MakeRecord(TextsToRecord(folder, cases), former) == former;
+  if (!holds) std::printf("the record does not hold\n");
+  return holds;
+}
+
 /// @return Whether the floors are reached.
 bool Evaluate(const std::vector<Case>& cases, bool whole) {
   const RedactionRules rules("/nonexistent/patterns");
@@ -178,12 +396,17 @@ bool Evaluate(const std::vector<Case>& cases, bool whole) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const bool whole = argc == 3 && std::string_view(argv[2]) == "--all";
-  if (argc != 2 && !whole) {
-    static_cast<void>(std::fprintf(stderr, "usage: redaction_corpus FOLDER [--all]\n"));
+  const std::string_view option = argc == 3 ? argv[2] : "";
+  const bool whole = option == "--all";
+  if (argc != 2 && !whole && option != "--record") {
+    static_cast<void>(std::fprintf(stderr, "usage: redaction_corpus FOLDER [--all | --record]\n"));
     return 2;
   }
-  return Evaluate(ReadCorpus(argv[1]), whole) ? 0 : 1;
+  const fs::path folder = argv[1];
+  const std::vector<Case> cases = ReadCorpus(folder);
+  if (option == "--record") WriteRecord(folder / kRecordFile, MakeRecord(TextsToRecord(folder, cases), {}));
+  const bool holds = RecordHolds(folder, cases);
+  return Evaluate(cases, whole) && holds ? 0 : 1;
 } catch (const std::exception& error) {
   static_cast<void>(std::fprintf(stderr, "redaction_corpus: %s\n", error.what()));
   return 2;

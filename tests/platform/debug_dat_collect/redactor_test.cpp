@@ -340,6 +340,16 @@ TEST(LooksLikeTextTest, TakesTheNulBytesThatAPowerFailureLeaves) {
   EXPECT_FALSE(LooksLikeText(std::string(8192, '\0')));
 }
 
+TEST(LooksLikeTextTest, FindsANulByteAtEveryPlace) {
+  for (const std::size_t size : {1, 63, 64, 65, 200}) {
+    for (std::size_t at = 0; at < size; ++at) {
+      std::string head(size, 'a');
+      head[at] = '\0';
+      EXPECT_FALSE(LooksLikeText(head)) << "at " << at << " of " << size;
+    }
+  }
+}
+
 TEST(LooksLikeTextTest, RefusesWhatIsNoText) {
   using namespace std::string_literals;
   EXPECT_FALSE(LooksLikeText("a\0b"s));

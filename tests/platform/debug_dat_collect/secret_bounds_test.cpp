@@ -58,6 +58,7 @@ INSTANTIATE_TEST_SUITE_P(
         Bound{"BlanksBehindTheSign", 256, 257, Repeats(' ', "a b: password=", "7777777 c")},
         Bound{"NameBehindItsTellingWord", 195, 196, Repeats('x', "password_", "=7777777")},
         Bound{"UserAndPasswordOfAnUrl", 1012, 1013, Repeats('x', "http://bob", ":7777777@host/")},
+        Bound{"WebTokenUpToItsFirstDot", 511, 512, Repeats('x', "a eyJ", ".7777777 c")},
         Bound{"CommandLine", 2038, 2039, Repeats('x', "mysql ", " -p7777777 db")},
         Bound{"BlockOfYaml", 32700, 32800, Repeats('x', "password: |\n  ", "\n  7777777")},
         Bound{"TripleQuotes", 32700, 32800, Repeats('x', "password = \"\"\"\n", "\n7777777\"\"\"")},

@@ -294,6 +294,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"Redis", R"("CONFIG" "SET" "requirepass" "«engine»")"},
                     Case{"RedisUser", "user ada on >«engine» ~* +@all\n"},
                     Case{"Nick", "PRIVMSG NickServ :IDENTIFY «engine»\n"},
+                    Case{"Login", "Auth: Login OK: [bob/«engine»] (from client ap1 [10.0.0.1] port 0)\n"},
                     Case{"TunnelGroup", "tunnel-group x ikev1 pre-shared-key «abcdef»\n"},
                     Case{"SnmpUser",
                          "snmp-server user ada grp v3 auth sha «authpw77» priv aes 128 «privpw77»\n"}),

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <limits>
 #include <new>
+#include <stdexcept>
 
 #include "support_log_fixture.h"
 #include "task_folder.h"
@@ -135,6 +136,26 @@ TEST_F(TaskTest, WhereverMemoryRunsOutThereIsTheCauseOrAnArchive) {
   }
   EXPECT_GT(failed, 2U);
   EXPECT_LT(failed, 1'000U) << "no archive however much memory there is";
+}
+
+TEST_F(TaskTest, ThatItHasNotBegunIsNotSaidOfItAnyMore) {
+  const fs::path folder = Run("[]", [] { WriteTaskRecord(kTaskLockFd, "it ended before it began"); });
+  const UniqueFd folder_fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  EXPECT_EQ(ReadFailure(folder_fd.get()), "");
+}
+
+TEST_F(TaskTest, FailureIsRecordedThoughNoMemoryIsLeftToMaskItsText) {
+  WriteText(folder_ / "lock", "");
+  const CallerProcess process([&] {
+    const UniqueFd lock(open((folder_ / "lock").c_str(), O_RDWR | O_CLOEXEC));
+    dup2(lock.get(), kTaskLockFd);
+    const std::runtime_error failure("a cause with too long a text to be kept where the string itself is");
+    allocations_left = 0;
+    RecordFailure(failure);
+    allocations_left = kNoEnd;
+    return std::string();
+  });
+  EXPECT_THAT(ReadText(folder_ / "lock"), HasSubstr("memory ran out"));
 }
 
 TEST_F(TaskTest, FailedTaskLeavesItsReasonAndNoLine) {

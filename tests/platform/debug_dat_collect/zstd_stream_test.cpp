@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <random>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -17,13 +16,6 @@
 
 namespace TARVO::SupportForm {
 namespace {
-
-std::string RandomBytes(std::size_t count) {
-  std::mt19937 random(1);
-  std::string bytes(count, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(random());
-  return bytes;
-}
 
 class ZstdStreamTest : public SupportLogTest {
  protected:
@@ -37,6 +29,12 @@ class ZstdStreamTest : public SupportLogTest {
     EXPECT_FALSE(ZSTD_isError(count)) << ZSTD_getErrorName(count);
     text.resize(ZSTD_isError(count) ? 0 : count);
     return text;
+  }
+
+  /// Of this process.
+  static std::size_t Threads() {
+    return static_cast<std::size_t>(
+        std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
   }
 
   fs::path path_ = folder_ / "stream";
@@ -139,19 +137,27 @@ TEST_F(ZstdStreamTest, ProcessWithOneCoreStartsNoThread) {
     CPU_ZERO(&one);
     CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
     ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-    const auto count = [] {
-      return static_cast<std::size_t>(
-          std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
-    };
-    const std::size_t before = count();
+    const std::size_t before = Threads();
     ZstdStream stream(fd_.get(), 1);
     stream.Write(std::string(8'000'000, 'a'));
-    threads = count() - before;
+    threads = Threads() - before;
     stream.End();
   });
   pinned.join();
   EXPECT_EQ(threads, 0U);
   EXPECT_EQ(Decompressed(8'000'000), std::string(8'000'000, 'a'));
+}
+
+TEST_F(ZstdStreamTest, ProcessWithSeveralCoresHasAThreadForEachOfUpToFourAndOneThatFeedsThem) {
+  cpu_set_t cores;
+  ASSERT_EQ(sched_getaffinity(0, sizeof cores, &cores), 0);
+  const auto count = static_cast<std::size_t>(CPU_COUNT(&cores));
+  if (count < 2) GTEST_SKIP() << "one core";
+  const std::size_t before = Threads();
+  ZstdStream stream(fd_.get(), 1);
+  stream.Write(RandomBytes(5'000'000));
+  EXPECT_TRUE(Eventually([&] { return Threads() - before == std::min(count, std::size_t{4}) + 1; }))
+      << Threads() - before;
 }
 
 TEST_F(ZstdStreamTest, FullDiskIsAnErrorThatNamesItsCause) {
@@ -174,15 +180,12 @@ TEST_F(ZstdStreamTest, FullDiskIsFoundWhileWritingToo) {
 }
 
 TEST_F(ZstdStreamTest, StreamThatIsNotEndedStopsItsThreads) {
-  const auto threads = [] {
-    return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
-  };
-  const auto before = threads();
+  const std::size_t before = Threads();
   {
     ZstdStream stream(fd_.get(), 1);
     stream.Write(RandomBytes(5'000'000));
   }
-  EXPECT_TRUE(Eventually([&] { return threads() == before; }));
+  EXPECT_TRUE(Eventually([&] { return Threads() == before; }));
 }
 
 }  // namespace
