@@ -1,20 +1,11 @@
 #include "check.h"
 
+#include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
 
-#include "file_util.h"
-
 namespace DebugDatCheck {
-namespace {
-
-/// By the text, because some of these texts are gRPC's or libcurl's, which tell no errno value beside them.
-bool LacksRights(const std::string& text) {
-  return geteuid() != 0 && text.find(TARVO::SupportForm::ErrorText(EACCES)) != std::string::npos;
-}
-
-}  // namespace
 
 Check Ok(const std::string& name, const std::string& text) { return {name, State::kOk, text, {}}; }
 
@@ -22,14 +13,30 @@ Check Warning(const std::string& name, const std::string& text, const std::strin
   return {name, State::kWarning, text, advice};
 }
 
-Check Problem(const std::string& name, const std::string& text, const std::string& advice) {
+Check Problem(const std::string& name, const std::string& text, const std::string& advice, int error) {
+  if (error != EACCES || geteuid() == 0) return {name, State::kProblem, text, advice};
+  uid_t real = 0;
+  uid_t effective = 0;
+  uid_t saved = 0;
+  static_cast<void>(getresuid(&real, &effective, &saved));
+  if (saved != 0 || real == 0) {
+    return {name, State::kProblem, text,
+            "Run this as root, as the daemon runs; it may not read this as an ordinary user"};
+  }
+  // Root looks with the rights of the daemon's user, and will be root again.
+  const passwd* const user = getpwuid(effective);
+  const std::string who = user != nullptr ? user->pw_name : std::to_string(effective);
   return {name, State::kProblem, text,
-          LacksRights(text) ? "Run this as root, as the daemon runs; it may not read this as an ordinary user"
-                            : advice};
+          "The daemon runs as the user " + who + ", who lacks the right. Give it to that user: chown " + who +
+              " for client.key, chgrp " + who + " and chmod g+r for all else, g+x for folders"};
 }
 
 Check Skipped(const std::string& name, const std::string& cause) {
   return {name, State::kSkipped, "not checked: " + cause, {}};
+}
+
+std::string Counted(std::size_t count, const std::string& noun) {
+  return (count == 0 ? "no" : std::to_string(count)) + " " + noun + (count == 1 ? "" : "s");
 }
 
 }  // namespace DebugDatCheck

@@ -1,6 +1,7 @@
 /// What one check found.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace DebugDatCheck {
@@ -26,14 +27,19 @@ struct Check {
 /// @param advice  What to do; never empty.
 [[nodiscard]] Check Warning(const std::string& name, const std::string& text, const std::string& advice);
 
-/// A problem. Where its text tells of a refused access and this process is not root, as the daemon is, the advice
-/// is to run it as root.
+/// A problem. Where it is a refused access, the advice is to run this as root; or, where root looks with the rights of the
+/// daemon's user (run_checks.h), to give that user the right.
 /// @param text    What is wrong, beginning with what it is: a path, an address.
 /// @param advice  What to do; never empty.
-[[nodiscard]] Check Problem(const std::string& name, const std::string& text, const std::string& advice);
+/// @param error   The errno value that the text tells of; 0 where it tells of none.
+[[nodiscard]] Check Problem(const std::string& name, const std::string& text, const std::string& advice,
+                            int error = 0);
 
 /// What was not looked at.
 /// @param cause  Why; it goes behind "not checked: ".
 [[nodiscard]] Check Skipped(const std::string& name, const std::string& cause);
+
+/// A count with its noun: "no paths", "1 path", "2 paths".
+[[nodiscard]] std::string Counted(std::size_t count, const std::string& noun);
 
 }  // namespace DebugDatCheck

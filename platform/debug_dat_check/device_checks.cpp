@@ -18,6 +18,8 @@
 
 #include "app_description.h"
 #include "file_util.h"
+#include "program_path.h"
+#include "redaction_rules.h"
 #include "trusted_path.h"
 
 namespace DebugDatCheck {
@@ -27,7 +29,7 @@ namespace client = TarvoOrvane::Internal;
 namespace form = TARVO::SupportForm;
 namespace fs = std::filesystem;
 
-// The checks' names, as they are printed; docs/debug_dat_check.md lists them.
+// The checks' names, as they are printed, a line each; docs/debug_dat_check.md lists them.
 constexpr char kConfiguration[] = "configuration";
 constexpr char kTls[] = "TLS files";
 constexpr char kSerial[] = "serial number";
@@ -145,8 +147,29 @@ std::string SizeText(std::uint64_t bytes) {
 
 // ---- application descriptions ----
 
-std::string Counted(std::size_t count, const std::string& noun) {
-  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+bool IsProgram(const std::string& path) {
+  std::error_code ignored;
+  return fs::is_regular_file(path, ignored) && faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
+}
+
+/// What commands of the description can't be run, and why; empty where all can.
+std::string MissingPrograms(const form::AppDescription& app, const form::Paths& paths) {
+  std::vector<std::string> programs;
+  programs.reserve(app.commands.size() + 1);
+  for (const form::CommandDescription& command : app.commands) programs.push_back(command.argv.front());
+  if (!app.units.empty()) programs.push_back(form::JournalCommand({}, {}).argv.front());
+  std::string text;
+  std::set<std::string> seen;
+  for (const std::string& program : programs) {
+    if (!seen.insert(program).second) continue;
+    const form::ProgramPath found = form::FindProgram(program, paths.programs);
+    if (found.distrust) {
+      text += (text.empty() ? "" : "; ") + found.distrust.text;
+    } else if (!IsProgram(found.path)) {
+      text += (text.empty() ? "" : "; ") + std::string("there is no program ") + program;
+    }
+  }
+  return text;
 }
 
 /// One entry of the folder of descriptions.
@@ -167,12 +190,22 @@ Check CheckDescription(const form::Paths& paths, const form::Limits& limits, con
   }
   try {
     const auto app = LoadAppDescription(paths, limits, name);
+    if (const std::string missing = MissingPrograms(app, paths); !missing.empty()) {
+      // Ready descriptions are for many devices, of which some lack one program or another.
+      std::error_code ignored;
+      const bool is_ready = fs::read_symlink(path, ignored).parent_path() == paths.ready_descriptions;
+      const std::string advice =
+          "Install what has it, or take it out of the file; until then it is missing in each archive";
+      return is_ready ? Warning(kApplication, path + ": " + missing, "Install what has it, if it is wanted")
+                      : Problem(kApplication, path + ": " + missing, advice);
+    }
     return Ok(kApplication, name + ": " + Counted(app.paths.size(), "path") + ", " +
                                 Counted(app.commands.size(), "command") + ", " +
                                 Counted(app.units.size(), "journal unit"));
   } catch (const form::DescriptionError& error) {
     return Problem(kApplication, error.what(),
-                   "Correct the file; until then a ticket for " + name + " gets nothing of it");
+                   "Correct the file; until then a ticket for " + name + " gets nothing of it",
+                   error.error());
   }
 }
 
@@ -182,7 +215,9 @@ Check CheckConfiguration(const std::string& path, ServiceUrls& urls) {
   std::string text;
   bool more = false;
   if (!form::ReadFileUpTo(path, kMaxConfigurationBytes, text, more)) {
-    return Problem(kConfiguration, path + " can't be read: " + form::ErrorText(errno), kConfigurationForm);
+    const int error = errno;
+    return Problem(kConfiguration, path + " can't be read: " + form::ErrorText(error), kConfigurationForm,
+                   error);
   }
   if (more) return Problem(kConfiguration, path + " is longer than 1 MiB", kConfigurationForm);
   Json::Value root;
@@ -205,7 +240,7 @@ std::vector<Check> CheckTlsFiles(const std::string& folder, std::optional<client
   client::TlsFiles files;
   std::vector<Check> checks;
   for (const client::TlsFault& fault : client::LoadTlsFiles(folder, files)) {
-    checks.push_back(Problem(kTls, fault.file + ": " + fault.what, AsSentence(fault.advice)));
+    checks.push_back(Problem(kTls, fault.file + ": " + fault.what, AsSentence(fault.advice), fault.error));
   }
   if (!checks.empty()) return checks;
   std::set<std::string> told;  // a folder that others can change is one problem, not three
@@ -244,7 +279,7 @@ Check CheckSerialNumber(const client::SerialNumberPaths& paths) {
   }
   const std::string refused = hidden.empty() ? "" : " (" + hidden + ": " + form::ErrorText(EACCES) + ")";
   return Problem(kSerial, "none is found, so the service can't tell this device from others" + refused,
-                 advice);
+                 advice, hidden.empty() ? 0 : EACCES);
 }
 
 Check CheckFreeSpace(const form::Paths& paths, const form::Limits& limits) {
@@ -252,8 +287,9 @@ Check CheckFreeSpace(const form::Paths& paths, const form::Limits& limits) {
   const std::string folder = NearestFolder(paths.state);
   struct statvfs status {};
   if (statvfs(folder.c_str(), &status) != 0) {
-    return Problem(kSpace, folder + " can't be looked at: " + form::ErrorText(errno),
-                   "Mend the file system; archives are made in " + paths.state);
+    const int error = errno;
+    return Problem(kSpace, folder + " can't be looked at: " + form::ErrorText(error),
+                   "Mend the file system; archives are made in " + paths.state, error);
   }
   if ((status.f_flag & ST_RDONLY) != 0) {
     return Problem(kSpace, folder + " is on a read-only file system",
@@ -280,11 +316,16 @@ Check CheckPatterns(const form::Paths& paths) {
   bool more = false;
   form::Distrust distrust;
   if (form::ReadTrustedFile(paths.redaction, form::kPatternFileBytes, text, more, distrust)) {
-    return more ? Problem(kPatterns,
-                          paths.redaction + " is longer than " + std::to_string(form::kPatternFileBytes) +
-                              " bytes",
-                          advice)
-                : Ok(kPatterns, paths.redaction + " can be read");
+    if (more) {
+      const std::string limit = std::to_string(form::kPatternFileBytes);
+      return Problem(kPatterns, paths.redaction + " is longer than " + limit + " bytes", advice);
+    }
+    try {
+      const form::RedactionRules rules(paths.redaction);
+      return Ok(kPatterns, paths.redaction + ": " + Counted(rules.pattern_count(), "pattern"));
+    } catch (const form::RedactionError& error) {
+      return Problem(kPatterns, error.what(), advice);
+    }
   }
   const int error = errno;  // of the reading; what follows may change it
   if (distrust) return Distrusted(kPatterns, distrust);
@@ -293,7 +334,7 @@ Check CheckPatterns(const form::Paths& paths) {
   if (error == ENOENT && !fs::is_symlink(paths.redaction, ignored)) {
     return Ok(kPatterns, "none (no " + paths.redaction + "): the built-in rules hold");
   }
-  return Problem(kPatterns, paths.redaction + " can't be read: " + form::ErrorText(error), advice);
+  return Problem(kPatterns, paths.redaction + " can't be read: " + form::ErrorText(error), advice, error);
 }
 
 Check CheckDebugFlag(const client::LoggerOptions& logger) {
@@ -322,7 +363,7 @@ std::vector<Check> CheckApplications(const form::Paths& paths, const form::Limit
   }
   if (error) {
     return {Problem(kApplication, paths.descriptions + " can't be read: " + form::ErrorText(error.value()),
-                    advice)};
+                    advice, error.value())};
   }
   std::sort(files.begin(), files.end());
   std::vector<Check> checks;

@@ -42,13 +42,13 @@ struct ServiceUrls {
 [[nodiscard]] Check CheckFreeSpace(const TARVO::SupportForm::Paths& paths,
                                    const TARVO::SupportForm::Limits& limits);
 
-/// Reads the file of further patterns as a collection does, but does not compile them.
+/// Reads and compiles the file of further patterns as a collection does.
 [[nodiscard]] Check CheckPatterns(const TARVO::SupportForm::Paths& paths);
 
 /// Tells where log lines go. Either way is in order; an operator who looks into the other place finds nothing.
 [[nodiscard]] Check CheckDebugFlag(const TarvoOrvane::Internal::LoggerOptions& logger);
 
-/// Reads every application description as a collection does.
+/// Reads every application description as a collection does, and looks for the programs that it names.
 /// @return One check for each entry of the folder, or a single one, in the order of their names.
 [[nodiscard]] std::vector<Check> CheckApplications(const TARVO::SupportForm::Paths& paths,
                                                    const TARVO::SupportForm::Limits& limits);

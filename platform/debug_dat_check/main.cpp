@@ -7,8 +7,10 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <string>
 #include <vector>
 
+#include "daemon_checks.h"
 #include "library_log.h"
 #include "report.h"
 #include "run_checks.h"
@@ -17,8 +19,8 @@ namespace {
 
 using namespace DebugDatCheck;
 
-constexpr int kProblemFound = 1;
-constexpr int kUsageError = 2;
+/// Of the line that --status prints; a log's line may go into it.
+constexpr std::size_t kMaxStatusBytes = 1000;
 
 /// The libraries' own log lines would repeat in the system's log what is printed here.
 void SilenceLibraries() {
@@ -31,33 +33,50 @@ int CheckAll(bool as_json) {
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // OpenSSL writes to sockets whose peer may be gone
   const bool with_colours = isatty(STDOUT_FILENO) == 1;
   std::vector<Check> checks;
-  RunChecks({}, {}, [&](const Check& check) {
+  Places places;
+  places.collection.ready_descriptions = READY_DESCRIPTIONS;
+  RunChecks(places, {}, [&](const Check& check) {
     checks.push_back(check);
     if (as_json) return;
     static_cast<void>(std::fputs(CheckText(check, with_colours).c_str(), stdout));
     static_cast<void>(std::fflush(stdout));  // the next check may wait for a server
   });
   static_cast<void>(std::fputs((as_json ? ReportJson(checks) : "\n" + SummaryText(checks)).c_str(), stdout));
-  return HasProblem(checks) ? kProblemFound : 0;
+  return ExitStatus(checks);
+}
+
+int TellStatus(bool as_json) {
+  const Places places;
+  const Check check = DaemonStatus(FindDaemon(places.pid_file), places.logger, places.collection);
+  const std::string text = as_json ? ReportJson({check})
+                                   : TarvoOrvane::Internal::MakePrintable(check.text, kMaxStatusBytes) + "\n";
+  static_cast<void>(std::fputs(text.c_str(), stdout));
+  return ExitStatus({check});
 }
 
 int Main(int argc, char** argv) {
   bool as_json = false;
+  bool status = false;
   CLI::App app("Checks whether everything that debug_dat_transmitter needs on this device is in order.",
                "debug_dat_check");
+  app.set_version_flag("--version", "debug_dat_transmitter " DDT_VERSION);
   app.add_flag("--json", as_json, "Print one JSON object at the end instead of a line per check");
+  app.add_flag("--status", status,
+               "Only tell, in one line, whether the daemon works, and of its last ticket");
   app.footer(
-      "Run it as root, as the daemon runs. The daemon need not be running, and nothing is changed on the "
-      "device\n"
-      "or on the servers. Each look at a server ends after ten seconds.\n"
+      "Run it as root: it looks with the rights of the user that the daemon runs as. Nothing is changed on "
+      "the\n"
+      "device or on the servers. Each look at a server ends after ten seconds.\n"
       "\n"
-      "Exit status: 0 no problem (there may be warnings), 1 at least one problem, 2 wrong usage.");
+      "Exit status: 0 no problem (there may be warnings), 1 problems of several kinds, 2 wrong usage, 3 a "
+      "problem\n"
+      "of the configuration, 4 of a server, 5 of the collection, 6 of the daemon's processes.");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kUsageError;
+    return app.exit(error) == 0 ? 0 : kWrongUsage;
   }
-  return CheckAll(as_json);
+  return status ? TellStatus(as_json) : CheckAll(as_json);
 }
 
 }  // namespace
@@ -67,6 +86,6 @@ int main(int argc, char** argv) {
     return Main(argc, argv);
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "debug_dat_check: %s\n", error.what()));
-    return kProblemFound;
+    return kSeveralKinds;
   }
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <string_view>
 
 #include "library_log.h"
 
@@ -35,13 +36,30 @@ std::string Padded(std::string text, std::size_t width) {
   return text;
 }
 
+/// The names of checks, by what kind of problem theirs are; all others are the configuration's.
+struct Kind {
+  std::string_view name;
+  int exit_status;
+};
+constexpr std::array<Kind, 9> kKinds = {{{"notification host", kServerProblem},
+                                         {"notification stream", kServerProblem},
+                                         {"CSS host", kServerProblem},
+                                         {"CSS server", kServerProblem},
+                                         {"free space", kCollectionProblem},
+                                         {"pattern file", kCollectionProblem},
+                                         {"application", kCollectionProblem},
+                                         {"collector", kCollectionProblem},
+                                         {"daemon", kDaemonProblem}}};
+
+int KindOf(const Check& check) {
+  const auto* const kind =
+      std::find_if(kKinds.begin(), kKinds.end(), [&](const Kind& one) { return one.name == check.name; });
+  return kind == kKinds.end() ? kConfigurationProblem : kind->exit_status;
+}
+
 std::size_t CountOf(const std::vector<Check>& checks, State state) {
   return static_cast<std::size_t>(std::count_if(
       checks.begin(), checks.end(), [state](const Check& check) { return check.state == state; }));
-}
-
-std::string Counted(std::size_t count, const std::string& noun) {
-  return (count == 0 ? "no" : std::to_string(count)) + " " + noun + (count == 1 ? "" : "s");
 }
 
 }  // namespace
@@ -81,5 +99,15 @@ std::string ReportJson(const std::vector<Check>& checks) {
 }
 
 bool HasProblem(const std::vector<Check>& checks) { return CountOf(checks, State::kProblem) > 0; }
+
+int ExitStatus(const std::vector<Check>& checks) {
+  int status = kNoProblem;
+  for (const Check& check : checks) {
+    if (check.state != State::kProblem) continue;
+    if (status != kNoProblem && status != KindOf(check)) return kSeveralKinds;
+    status = KindOf(check);
+  }
+  return status;
+}
 
 }  // namespace DebugDatCheck

@@ -1,7 +1,13 @@
 #include "run_checks.h"
 
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <optional>
 
+#include "daemon_checks.h"
 #include "device_checks.h"
 
 namespace DebugDatCheck {
@@ -39,9 +45,8 @@ void CheckServer(const Common& common, const std::string& host_check, const std:
   }
 }
 
-}  // namespace
-
-void RunChecks(const Places& places, const ServerLimits& limits, const Report& report) {
+/// What the daemon itself reads, connects to and writes, in the order of the document.
+void CheckWhatTheDaemonUses(const Places& places, const ServerLimits& limits, const Report& report) {
   ServiceUrls urls;
   report(CheckConfiguration(places.configuration, urls));
 
@@ -71,12 +76,60 @@ void RunChecks(const Places& places, const ServerLimits& limits, const Report& r
     report(Skipped("CSS server", kNoAddress));
   }
 
-  const TARVO::SupportForm::Limits collection_limits;  // a device's
   report(CheckSerialNumber(places.serial_number));
+  report(CheckDebugFlag(places.logger));
+}
+
+/// Who the daemon runs as, where root asks and that is somebody else.
+std::optional<UserIds> OtherUserOf(const Places& places, const DaemonProcesses& daemon) {
+  if (geteuid() != 0) return std::nullopt;
+  if (daemon.supervisor) {
+    const std::optional<UserIds> ids = UserOf(daemon.supervisor->pid);
+    return ids && ids->user != 0 ? ids : std::nullopt;
+  }
+  const passwd* const user = access(places.unit.c_str(), F_OK) == 0 ? getpwnam(kUnitUser) : nullptr;
+  return user != nullptr ? std::optional<UserIds>({user->pw_uid, user->pw_gid, {}}) : std::nullopt;
+}
+
+/// Looks with another user's rights for as long as it lives; with the present ones where that is not allowed, as in the
+/// collector's sandbox.
+class AsUser {
+ public:
+  explicit AsUser(const std::optional<UserIds>& ids) : is_other_(ids && Become(*ids)) {}
+  ~AsUser() {
+    if (is_other_ && (setresuid(0, 0, 0) != 0 || setegid(0) != 0)) std::abort();  // root may always
+  }
+  AsUser(const AsUser&) = delete;
+  AsUser& operator=(const AsUser&) = delete;
+
+ private:
+  /// The groups that root has are not given back: root needs none.
+  static bool Become(const UserIds& ids) {
+    if (setgroups(ids.groups.size(), ids.groups.data()) != 0 || setegid(ids.group) != 0) return false;
+    if (setresuid(ids.user, ids.user, 0) == 0) return true;
+    if (setegid(0) != 0) std::abort();
+    return false;
+  }
+
+  bool is_other_;
+};
+
+}  // namespace
+
+void RunChecks(const Places& places, const ServerLimits& limits, const Report& report) {
+  const DaemonProcesses daemon = FindDaemon(places.pid_file);
+  const Check daemon_check = CheckDaemon(daemon);  // with root's rights, which see more
+  const std::optional<UserIds> other = OtherUserOf(places, daemon);
+  const TARVO::SupportForm::Limits collection_limits;  // a device's
+  {
+    const AsUser as_user(other);
+    CheckWhatTheDaemonUses(places, limits, report);
+  }
   report(CheckFreeSpace(places.collection, collection_limits));
   report(CheckPatterns(places.collection));
-  report(CheckDebugFlag(places.logger));
   for (const Check& check : CheckApplications(places.collection, collection_limits)) report(check);
+  if (other) report(CheckCollectorSocket(places.collection.socket));
+  report(daemon_check);
 }
 
 }  // namespace DebugDatCheck

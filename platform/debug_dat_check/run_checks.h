@@ -24,12 +24,16 @@ struct Places {
   TarvoOrvane::Internal::SerialNumberPaths serial_number;
   TarvoOrvane::Internal::LoggerOptions logger;
   TARVO::SupportForm::Paths collection;  ///< Archives, application descriptions and patterns.
+  std::string pid_file = "/var/run/kestrix_debug_dat_transmitter.pid";
+  /// Where it is installed the daemon runs as kUnitUser.
+  std::string unit = "/lib/systemd/system/debug-dat-transmitter.service";
 };
 
 /// Makes all checks and hands each to `report` as soon as it is made, in the order of the document: an operator sees
 /// what there is while a server lets the next one wait. A check that depends on one with a problem is reported as
-/// skipped.
-/// @param limits  Bound each look at a server; there are four.
+/// skipped. Run by root it looks at what the daemon uses with the rights of the user that the daemon runs as, or would by
+/// the installed unit, and with root's at what the collector uses. Where it may not become that user, it looks as root.
+/// @param limits  Bound each look at a server; there are five.
 /// @param report  Called in this thread.
 void RunChecks(const Places& places, const ServerLimits& limits,
                const std::function<void(const Check&)>& report);

@@ -6,6 +6,7 @@
 #include <grpcpp/channel.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -37,8 +38,8 @@ constexpr char kStream[] = "notification stream";
 constexpr char kCssAddress[] = "CSS address";
 constexpr char kCssServer[] = "CSS server";
 
-/// The daemon's own path for reports.
-constexpr char kReportPath[] = "/orvane/ps_results";
+/// The daemon's own paths, for archives and for reports. They are written into it.
+constexpr std::array<const char*, 2> kCssPaths = {"/orvane/ps_files", "/orvane/ps_results"};
 
 constexpr char kCheckServer[] =
     "Check that the server runs, the address and port in the configuration, and firewalls in between";
@@ -208,6 +209,13 @@ std::string FaultOf(const grpc::Status& status) {
   return cause == std::string::npos ? text : text.substr(cause + sizeof kBeforeCause - 1);
 }
 
+/// Why this process may not connect to the address's unix socket, an errno value: gRPC tells it in its text alone. 0
+/// where it may, or there is no such socket in the address.
+int SocketError(const client::Address& address) {
+  if (address.socket_path.empty()) return 0;
+  return faccessat(AT_FDCWD, address.socket_path.c_str(), W_OK, AT_EACCESS) == 0 ? 0 : errno;
+}
+
 /// What to do about a connection that did not come about, or a stream that was refused.
 std::string StreamAdvice(const grpc::Status& status) {
   const std::string& text = status.error_message();
@@ -270,17 +278,30 @@ void SetOption(const CurlHandle& handle, CURLoption option, Value value) {
   if (code != CURLE_OK) throw CurlFailedException(code, curl_easy_strerror(code));
 }
 
-/// Judges the status of an answer.
-Check AnswerCheck(const CurlHandle& handle, const CssAddress& address) {
+/// Judges an answer to a request for one of the daemon's paths.
+Check AnswerCheck(const CurlHandle& handle, const CssAddress& address, const std::string& path) {
   long status = 0;
   const char* redirect = nullptr;
+  const char* type = nullptr;
   curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
   curl_easy_getinfo(handle.get(), CURLINFO_REDIRECT_URL, &redirect);
-  const std::string text = "answers a request without ticket by HTTP " + std::to_string(status);
+  curl_easy_getinfo(handle.get(), CURLINFO_CONTENT_TYPE, &type);
+  const std::string text =
+      "answers a request for " + path + " without ticket by HTTP " + std::to_string(status);
   if (status / 100 == 3) {
-    return Warning(kCssServer,
+    return Problem(kCssServer,
                    text + (redirect == nullptr ? "" : ", a redirection to " + std::string(redirect)),
                    "The daemon follows no redirection: put the final address into the configuration");
+  }
+  if (status == 404 || status == 410) {
+    return Problem(
+        kCssServer, text + ": it does not serve that path",
+        "Put the address into css_server.url behind which the server serves it, without a slash at its "
+        "end");
+  }
+  if (status == 200 && type != nullptr && std::string(type).rfind("text/html", 0) == 0) {
+    return Problem(kCssServer, text + " with a web page: this is no CSS server",
+                   "Put the CSS server's address into css_server.url");
   }
   if (status >= 500) {
     return Warning(kCssServer, text, "It may be out of order: ask the server's operator");
@@ -289,7 +310,26 @@ Check AnswerCheck(const CurlHandle& handle, const CssAddress& address) {
     return Warning(kCssServer, text,
                    "It may want client.pem and client.key of the device: ask the server's operator");
   }
-  return Ok(kCssServer, text);
+  return Ok(kCssServer, "answers requests without ticket by HTTP " + std::to_string(status));
+}
+
+/// Asks for one of the daemon's paths.
+Check CheckCssPath(const CssAddress& address, const std::string& path, const std::string& tls_folder,
+                   const ServerLimits& limits) {
+  CurlHandle handle(curl_easy_init(), &curl_easy_cleanup);
+  std::string answer;
+  try {
+    // The URL and the time limit are the caller's in the daemon, too; all else is set by the library.
+    SetOption(handle, CURLOPT_URL, (address.url + path).c_str());
+    SetOption(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.answer.count()));
+    TarvoOrvane::Utils::CurlSetupWriteToString(handle, answer);
+    if (const auto fault = client::PerformTransfer(handle, tls_folder)) {
+      return Problem(kCssServer, fault->text, TransferAdvice(fault->code));
+    }
+    return AnswerCheck(handle, address, path);
+  } catch (const CurlFailedException& failure) {  // an option could not be set
+    return Problem(kCssServer, failure.what(), TransferAdvice(failure.code));
+  }
 }
 
 }  // namespace
@@ -353,10 +393,10 @@ Check CheckHost(const std::string& name, const std::string& host, const ServerLi
     return Problem(name, host + ": no name server answered within " + SecondsText(limits.answer), advice);
   }
   if (lookup->error == 0) return Ok(name, host + " is " + Joined(lookup->addresses));
-  const bool is_system = lookup->error == EAI_SYSTEM;
-  return Problem(
-      name, host + ": " + (is_system ? form::ErrorText(lookup->system_error) : gai_strerror(lookup->error)),
-      advice);
+  if (lookup->error == EAI_SYSTEM) {
+    return Problem(name, host + ": " + form::ErrorText(lookup->system_error), advice, lookup->system_error);
+  }
+  return Problem(name, host + ": " + gai_strerror(lookup->error), advice);
 }
 
 Check CheckStream(const client::Address& address, const client::TlsFiles& tls,
@@ -381,24 +421,17 @@ Check CheckStream(const client::Address& address, const client::TlsFiles& tls,
     return Problem(kStream, "the server closed the stream at once",
                    "Ask the server's operator; the daemon would try again and again");
   }
-  return Problem(kStream, FaultOf(status), StreamAdvice(status));
+  return Problem(kStream, FaultOf(status), StreamAdvice(status), SocketError(address));
 }
 
 Check CheckCssServer(const CssAddress& address, const std::string& tls_folder, const ServerLimits& limits) {
-  CurlHandle handle(curl_easy_init(), &curl_easy_cleanup);
-  std::string answer;
-  try {
-    // The URL and the time limit are the caller's in the daemon, too; all else is set by the library.
-    SetOption(handle, CURLOPT_URL, (address.url + kReportPath).c_str());
-    SetOption(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.answer.count()));
-    TarvoOrvane::Utils::CurlSetupWriteToString(handle, answer);
-    if (const auto fault = client::PerformTransfer(handle, tls_folder)) {
-      return Problem(kCssServer, fault->text, TransferAdvice(fault->code));
-    }
-    return AnswerCheck(handle, address);
-  } catch (const CurlFailedException& failure) {  // an option could not be set
-    return Problem(kCssServer, failure.what(), TransferAdvice(failure.code));
+  Check worst;
+  for (const char* path : kCssPaths) {
+    Check check = CheckCssPath(address, path, tls_folder, limits);
+    if (check.state == State::kProblem) return check;
+    if (worst.state != State::kWarning) worst = std::move(check);
   }
+  return worst;
 }
 
 }  // namespace DebugDatCheck

@@ -9,6 +9,11 @@
 
 namespace DebugDatCheck {
 
+// What most tests of the checks say.
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
 inline void PrintTo(const Check& check, std::ostream* out) {
   *out << "state " << static_cast<int>(check.state) << ", " << check.name << ": " << check.text << " -> "
        << check.advice;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "check_matchers.h"
 
 namespace DebugDatCheck {
@@ -9,13 +11,13 @@ namespace {
 
 TEST(CheckTest, RefusedAccessAdvisesAnOrdinaryUserToRunItAsRoot) {
   const AsOrdinaryUser ordinary_user;
-  EXPECT_THAT(Problem("x", "/etc/secret can't be read: Permission denied", "Write it"), Advises("as root"));
+  EXPECT_THAT(Problem("x", "/etc/secret can't be read", "Write it", EACCES), Advises("as root"));
 }
 
 TEST(CheckTest, OtherProblemsKeepTheirAdvice) {
   const AsOrdinaryUser ordinary_user;
-  EXPECT_EQ(Problem("x", "/etc/secret can't be read: No such file or directory", "Write it").advice,
-            "Write it");
+  EXPECT_EQ(Problem("x", "/etc/secret can't be read", "Write it", ENOENT).advice, "Write it");
+  EXPECT_EQ(Problem("x", "the server says: Permission denied", "Write it").advice, "Write it");
 }
 
 TEST(CheckTest, SkippedCheckTellsTheCause) {

@@ -18,10 +18,7 @@ using TarvoOrvane::Internal::SerialNumberPaths;
 using TarvoOrvane::Internal::TlsFiles;
 using TarvoOrvane::Testing::MakeTestCertificate;
 using test_support::TemporaryFolder;
-using ::testing::AllOf;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 class ConfigurationCheckTest : public ::testing::Test {
  protected:
@@ -148,6 +145,15 @@ TEST_F(TlsFilesCheckTest, EachFaultIsAProblemOfItsOwnWithItsAdvice) {
   EXPECT_FALSE(files_);
 }
 
+TEST_F(TlsFilesCheckTest, HiddenFileIsAProblemForAnOrdinaryUser) {
+  chmod(temp_.File("").c_str(), 0755);
+  chmod(temp_.Write("ca.pem", MakeTestCertificate().certificate).c_str(), 0);
+  const AsOrdinaryUser ordinary_user;
+  EXPECT_THAT(
+      CheckTlsFiles(temp_.File(""), files_),
+      ElementsAre(AllOf(IsProblem("ca.pem: can't be opened (Permission denied)"), Advises("as root"))));
+}
+
 TEST_F(TlsFilesCheckTest, FolderMayHaveAnyName) {
   std::filesystem::create_directory(temp_.File("a; b"));
   temp_.Write("a; b/ca.pem", "");
@@ -256,7 +262,13 @@ class PatternsCheckTest : public ::testing::Test {
 TEST_F(PatternsCheckTest, FileThatIsThereOrNotIsOk) {
   EXPECT_THAT(CheckPatterns(paths_), IsOk("none"));
   temp_.Write("patterns", "SN-1\n");
-  EXPECT_THAT(CheckPatterns(paths_), IsOk("patterns can be read"));
+  EXPECT_THAT(CheckPatterns(paths_), IsOk("1 pattern"));
+}
+
+TEST_F(PatternsCheckTest, PatternThatCanNotBeCompiledIsAProblemWithItsLine) {
+  temp_.Write("patterns", "SN-1\nserial=(\n");
+  EXPECT_THAT(CheckPatterns(paths_),
+              AllOf(IsProblem("patterns:2: not a valid pattern"), Advises("nothing is collected")));
 }
 
 TEST_F(PatternsCheckTest, FileThatACollectionWouldNotUseIsAProblem) {
@@ -300,9 +312,28 @@ class ApplicationsCheckTest : public ::testing::Test {
 };
 
 TEST_F(ApplicationsCheckTest, EachDescriptionIsSummedUpInTheOrderOfTheNames) {
-  Describe("web.json", R"({"paths": ["/a"], "commands": [{"argv": ["b"]}, {"argv": ["c"]}]})");
+  Describe("web.json", R"({"paths": ["/a"], "commands": [{"argv": ["ls"]}, {"argv": ["/bin/sh"]}]})");
   Describe("mail.json", R"({"paths": ["/a", "/b"]})");
-  EXPECT_THAT(CheckAll(), ElementsAre(IsOk("mail: 2 paths, 0 commands"), IsOk("web: 1 path, 2 commands")));
+  EXPECT_THAT(CheckAll(), ElementsAre(IsOk("mail: 2 paths, no commands"), IsOk("web: 1 path, 2 commands")));
+}
+
+TEST_F(ApplicationsCheckTest, ProgramThatIsNotThereIsAProblem) {
+  Describe("web.json",
+           R"({"commands": [{"argv": ["no-such-program"]}, {"argv": ["ls"]}, {"argv": ["/etc"]},
+      {"argv": ["no-such-program", "again"]}]})");
+  EXPECT_THAT(CheckAll(), ElementsAre(AllOf(IsProblem("there is no program no-such-program; "
+                                                      "there is no program /etc"),
+                                            Advises("Install"))));
+}
+
+TEST_F(ApplicationsCheckTest, ProgramThatAReadyDescriptionNamesInVainIsWarnedOf) {
+  fs::create_directory(paths_.descriptions);
+  const std::string file = temp_.Write("ready.json", R"({"commands": [{"argv": ["no-such-program"]}]})");
+  fs::create_symlink(file, temp_.File("d/web.json"));
+  EXPECT_THAT(CheckAll(), ElementsAre(IsProblem("there is no program no-such-program")))
+      << "it is the owner's own";
+  paths_.ready_descriptions = fs::path(file).parent_path();
+  EXPECT_THAT(CheckAll(), ElementsAre(Warns("there is no program no-such-program")));
 }
 
 TEST_F(ApplicationsCheckTest, FaultyDescriptionIsAProblemThatNamesTheFaultAndTheOthersAreStillRead) {
@@ -339,6 +370,15 @@ TEST_F(ApplicationsCheckTest, NoDescriptionIsWarnedOf) {
               ElementsAre(AllOf(Warns("none is described"), Advises(paths_.descriptions + "/NAME.json"))));
   fs::create_directory(paths_.descriptions);
   EXPECT_THAT(CheckAll(), ElementsAre(Warns("none is described")));
+}
+
+TEST_F(ApplicationsCheckTest, HiddenDescriptionIsAProblemForAnOrdinaryUser) {
+  Describe("mail.json", "{}");
+  chmod(temp_.File("").c_str(), 0755);
+  chmod((paths_.descriptions + "/mail.json").c_str(), 0);
+  const AsOrdinaryUser ordinary_user;
+  EXPECT_THAT(CheckAll(), ElementsAre(AllOf(IsProblem("mail.json can't be read: Permission denied"),
+                                            Advises("as root"))));
 }
 
 TEST_F(ApplicationsCheckTest, HiddenFolderIsAProblemForAnOrdinaryUser) {

@@ -42,7 +42,7 @@ int RunInSandbox(const std::string& commands, std::string& output) {
 
 TEST(CheckProgramTest, HealthyDeviceGivesExitStatusZeroAndIsLeftUnchanged) {
   const ScriptedServer notification;
-  SteerableServer css({HttpAnswer("405 Method Not Allowed", "")});
+  SteerableServer css({HttpAnswer("405 Method Not Allowed", ""), HttpAnswer("405 Method Not Allowed", "")});
   const std::string prepare =
       "mkdir -p /usr/tarvo/etc/support_form_log.d; cd /usr/tarvo/etc; echo SN-1 >serial_number;"
       "echo {} >support_form_log.d/mail.json;"
@@ -63,16 +63,16 @@ TEST(CheckProgramTest, HealthyDeviceGivesExitStatusZeroAndIsLeftUnchanged) {
   EXPECT_EQ(report["checks"][8]["text"].asString(), "SN-1, from /usr/tarvo/etc/serial_number");
 }
 
-TEST(CheckProgramTest, UnconfiguredDeviceGivesExitStatusOneAndALineForEachCheck) {
+TEST(CheckProgramTest, UnconfiguredDeviceGivesItsExitStatusAndALineForEachCheck) {
   std::string output;
   EXPECT_EQ(RunInSandbox(
                 "mkdir -p /usr/tarvo/etc; echo SN1 >/usr/tarvo/etc/serial_number; " + std::string(kProgram),
                 output),
-            1);
+            3);
   EXPECT_THAT(output,
               StartsWith("problem  configuration         /usr/tarvo/etc/tarvomibserver.conf can't be read"));
   EXPECT_THAT(output, HasSubstr("\nskipped  CSS server"));
-  EXPECT_THAT(output, HasSubstr("\n\n1 problem, 1 warning, 6 checks skipped\n"));
+  EXPECT_THAT(output, HasSubstr("\n\n1 problem, 2 warnings, 6 checks skipped\n"));
 }
 
 TEST(CheckProgramTest, ReadOnlyFileSystemForArchivesIsAProblem) {
@@ -83,6 +83,16 @@ TEST(CheckProgramTest, ReadOnlyFileSystemForArchivesIsAProblem) {
             1);
   EXPECT_THAT(output,
               HasSubstr("problem  free space            /var/lib/tarvo is on a read-only file system"));
+}
+
+TEST(CheckProgramTest, StatusIsOneLine) {
+  std::string output;
+  EXPECT_EQ(
+      RunInSandbox("echo 1 >/run/kestrix_debug_dat_transmitter.pid; " + std::string(kProgram) + " --status",
+                   output),
+      6);
+  EXPECT_THAT(output, StartsWith("not working: does not run"));
+  EXPECT_EQ(output.find('\n'), output.size() - 1) << output;
 }
 
 TEST(CheckProgramTest, WrongUsageGivesExitStatusTwo) {

@@ -28,9 +28,6 @@ using TarvoOrvane::Testing::ParsedAddress;
 using TarvoOrvane::Testing::ScriptedServer;
 using TarvoOrvane::Testing::ServerOptions;
 using test_support::TemporaryFolder;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
 using ::testing::StartsWith;
 
 constexpr char kSystemRoots[] = "/etc/ssl/certs/ca-certificates.crt";
@@ -193,6 +190,18 @@ TEST(StreamCheckTest, UnixSocketOpens) {
   EXPECT_THAT(Stream(ParsedAddress(options.listen)), IsOk("opens"));
 }
 
+TEST(StreamCheckTest, HiddenUnixSocketIsAProblemForAnOrdinaryUser) {
+  const TemporaryFolder temp;
+  ServerOptions options;
+  options.listen = "unix:" + temp.File("socket");
+  const ScriptedServer server(options);
+  chmod(temp.File("").c_str(), 0755);
+  chmod(temp.File("socket").c_str(), 0);
+  const AsOrdinaryUser ordinary_user;
+  EXPECT_THAT(Stream(ParsedAddress(options.listen)),
+              AllOf(IsProblem("Permission denied"), Advises("as root")));
+}
+
 TEST(StreamCheckTest, RefusedConnectionIsAProblemThatTellsTheCauseFirst) {
   const UnusedAddress unused;
   const Check check = Stream(LocalServer(unused.port()));
@@ -350,23 +359,43 @@ Check Css(const std::string& url, const std::string& tls_folder = "/none",
 }
 
 TEST(CssServerCheckTest, AnswerToARequestWithoutTokenShowsThatTheServerIsThere) {
-  SteerableServer server({HttpAnswer("401 Unauthorized", "{}")});
+  SteerableServer server({HttpAnswer("401 Unauthorized", "{}"), HttpAnswer("401 Unauthorized", "{}")});
   EXPECT_THAT(Css(server.Url() + "/css"), IsOk("HTTP 401"));
-  ASSERT_EQ(server.Requests().size(), 1U);
-  EXPECT_EQ(server.Requests()[0].request_line, "GET /css/orvane/ps_results HTTP/1.1");
+  ASSERT_EQ(server.Requests().size(), 2U);
+  EXPECT_EQ(server.Requests()[0].request_line, "GET /css/orvane/ps_files HTTP/1.1");
+  EXPECT_EQ(server.Requests()[1].request_line, "GET /css/orvane/ps_results HTTP/1.1");
   EXPECT_EQ(server.Requests()[0].Header("AUTH-TOKEN"), "");
   EXPECT_EQ(server.Requests()[0].body, "");
 }
 
-TEST(CssServerCheckTest, RedirectionIsWarnedOf) {
+TEST(CssServerCheckTest, PathThatTheServerDoesNotServeIsAProblem) {
+  SteerableServer neither({HttpAnswer("404 Not Found", "")});
+  EXPECT_THAT(Css(neither.Url() + "/wrong"),
+              AllOf(IsProblem("/orvane/ps_files"), IsProblem("HTTP 404"), Advises("css_server.url")));
+  SteerableServer one({HttpAnswer("405 Method Not Allowed", ""), HttpAnswer("404 Not Found", "")});
+  EXPECT_THAT(Css(one.Url()), AllOf(IsProblem("/orvane/ps_results"), IsProblem("HTTP 404")));
+  SteerableServer disturbed({HttpAnswer("503 Service Unavailable", ""), HttpAnswer("404 Not Found", "")});
+  EXPECT_THAT(Css(disturbed.Url()), IsProblem("HTTP 404"));
+  SteerableServer slash({HttpAnswer("404 Not Found", "")});
+  EXPECT_THAT(Css(slash.Url() + "/"), AllOf(IsProblem("HTTP 404"), Advises("without a slash")));
+  EXPECT_EQ(slash.Requests()[0].request_line, "GET //orvane/ps_files HTTP/1.1");
+}
+
+TEST(CssServerCheckTest, WebPageIsAProblem) {
+  SteerableServer server(
+      {{{"HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: 5\r\n\r\n<html"}}});
+  EXPECT_THAT(Css(server.Url()), AllOf(IsProblem("a web page"), Advises("css_server.url")));
+}
+
+TEST(CssServerCheckTest, RedirectionIsAProblem) {
   SteerableServer server(
       {{{"HTTP/1.1 301 Moved\r\nLocation: https://elsewhere.example.com/\r\nContent-Length: 0\r\n\r\n"}}});
-  EXPECT_THAT(Css(server.Url()), AllOf(Warns("HTTP 301, a redirection to https://elsewhere.example.com/"),
+  EXPECT_THAT(Css(server.Url()), AllOf(IsProblem("HTTP 301, a redirection to https://elsewhere.example.com/"),
                                        Advises("follows no")));
 }
 
 TEST(CssServerCheckTest, ServerErrorIsWarnedOf) {
-  SteerableServer server({HttpAnswer("502 Bad Gateway", "")});
+  SteerableServer server({HttpAnswer("502 Bad Gateway", ""), HttpAnswer("405 Method Not Allowed", "")});
   EXPECT_THAT(Css(server.Url()), Warns("HTTP 502"));
 }
 
