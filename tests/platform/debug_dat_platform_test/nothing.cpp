@@ -1,0 +1,1 @@
+/// Stands for an older version of a library.
