@@ -6,6 +6,11 @@ set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 
+# For the sources that print it, so that a new version compiles no others.
+function(tell_version)
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_DEFINITIONS DDT_VERSION="${PROJECT_VERSION}")
+endfunction()
+
 # The programs too are compiled as position-independent library code: with -fPIE they would take a copy
 # of LoggerManager::instance_, which a library linked -Bsymbolic would never write to.
 add_compile_options(-fPIC)
