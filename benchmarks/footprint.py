@@ -1,5 +1,6 @@
-"""Rows 10 to 13: what the daemon costs while nothing happens, how soon it is there, and how soon it answers. The
-yardstick is bare_client, the least that a program can be which holds the same stream open.
+"""Rows 10 to 14: what the daemon costs while nothing happens, how soon it is there, and how soon it answers. The
+yardstick is bare_client, the least that a program can be which holds the same stream open. Row 14 is what debug_dat_run
+adds to a daemon that it watches.
 
 Another process of this machine that has gRPC or libcurl in use makes the memory of both sides look smaller, and more so
 that of the bare client, which has more of them in use."""
@@ -17,9 +18,9 @@ from pathlib import Path
 from typing import Callable, Iterator, Sequence
 
 from context import Context, Failed, Word, pipe
-from rows import Row, ratio_row
+from rows import Row, difference_row, ratio_row
 
-NUMBERS = (10, 11, 12, 13)
+NUMBERS = (10, 11, 12, 13, 14)
 
 CONFIGURATION = Path("/usr/tarvo/etc/tarvomibserver.conf")
 SERIAL_NUMBER = Path("/usr/tarvo/etc/serial_number")
@@ -105,19 +106,10 @@ class Daemon(Device):
     """Supervisor and worker. The daemon writes where it does on a device, so this runs in a sandbox."""
 
     def __init__(self, context: Context, server: Server, program: Path) -> None:
-        if not Path("/dev/.sandbox").exists():
-            raise Failed("the daemon runs in the sandbox only")
-        CONFIGURATION.parent.mkdir(parents=True, exist_ok=True)
-        CONFIGURATION.write_text(json.dumps(
-            {"debug_dat_file_transmitter": {"grpc_server": {"url": f"http://{server.address}"}}}))
-        SERIAL_NUMBER.write_text("daemon\n")
+        configure(server)
         super().__init__(context, server, "daemon", [program])
         self._process.wait(timeout=5)  # the first process ends once the supervisor runs
-        supervisor = int(PID_FILE.read_text())
-        children = Path(f"/proc/{supervisor}/task/{supervisor}/children").read_text().split()
-        self._processes = [supervisor, *map(int, children)]
-        if len(self._processes) != 2:
-            raise Failed(f"expected one worker, found {children}")
+        self._processes = daemons_processes()
 
     def __exit__(self, *details: object) -> None:
         for process in self._processes:
@@ -128,6 +120,22 @@ class Daemon(Device):
                 raise Failed("the daemon does not end")
             time.sleep(0.02)
         super().__exit__(*details)
+
+    def processes(self) -> list[int]:
+        return self._processes
+
+
+class WatchedDaemon(Device):
+    """debug_dat_run and the daemon, which ends with it."""
+
+    def __init__(self, context: Context, server: Server) -> None:
+        configure(server)
+        super().__init__(context, server, "daemon", [context.bin / "debug_dat_run"])
+        self.run = self._process.pid
+        self._processes = daemons_processes()
+
+    def __enter__(self) -> "WatchedDaemon":
+        return self
 
     def processes(self) -> list[int]:
         return self._processes
@@ -169,6 +177,24 @@ class NoTask:
         subprocess.run(["umount", TASK_FOLDERS], check=True)
 
 
+def configure(server: Server) -> None:
+    if not Path("/dev/.sandbox").exists():
+        raise Failed("the daemon runs in the sandbox only")
+    CONFIGURATION.parent.mkdir(parents=True, exist_ok=True)
+    CONFIGURATION.write_text(json.dumps(
+        {"debug_dat_file_transmitter": {"grpc_server": {"url": f"http://{server.address}"}}}))
+    SERIAL_NUMBER.write_text("daemon\n")
+
+
+def daemons_processes() -> list[int]:
+    """Supervisor and worker of the daemon that is connected."""
+    supervisor = int(PID_FILE.read_text())
+    children = Path(f"/proc/{supervisor}/task/{supervisor}/children").read_text().split()
+    if len(children) != 1:
+        raise Failed(f"expected one worker, found {children}")
+    return [supervisor, int(children[0])]
+
+
 def is_alive(process: int) -> bool:
     try:
         return Path(f"/proc/{process}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z"
@@ -176,14 +202,17 @@ def is_alive(process: int) -> bool:
         return False
 
 
+def memory_kib(processes: Sequence[int], *kinds: str) -> int:
+    """The sum of those lines of smaps_rollup."""
+    return sum(int(line.split()[1])
+               for process in processes
+               for line in Path(f"/proc/{process}/smaps_rollup").read_text().splitlines()
+               if line.split(":")[0] in kinds)
+
+
 def memory_mb(processes: Sequence[int]) -> float:
     """Proportional set size: each shared page counts by the share of those who map it."""
-    kilobytes = 0
-    for process in processes:
-        for line in Path(f"/proc/{process}/smaps_rollup").read_text().splitlines():
-            if line.startswith("Pss:"):
-                kilobytes += int(line.split()[1])
-    return kilobytes / 1024
+    return memory_kib(processes, "Pss") / 1024
 
 
 def wakeups(processes: Sequence[int]) -> int:
@@ -235,6 +264,8 @@ def rows(context: Context) -> list[Row]:
             result.append(row_of_wakeups(context, server))
         if context.wants(13):
             result.append(row_of_answers(context, server))
+        if context.wants(14):
+            result += rows_of_watching(context, server)
     return sorted(result, key=lambda row: row.number)
 
 
@@ -277,3 +308,21 @@ def row_of_answers(context: Context, server: Server) -> Row:
     with both(context, server) as devices, NoTask():
         pairs = answer_times(server, devices, 3 * context.pairs)
     return ratio_row(13, f"ticket to answer, {SWAPPABLE}", "gRPC round trip", "wall us", pairs, 2.0)
+
+
+def rows_of_watching(context: Context, server: Server) -> list[Row]:
+    """How much debug_dat_run adds: what holds for the daemon with it, beside what holds for the daemon alone."""
+    memory, wake_ups = [], []
+    for _ in range(context.pairs):
+        with WatchedDaemon(context, server) as device:
+            time.sleep(SETTLE_SECONDS + 1)  # and the worker counts as settled
+            own, daemons = (memory_kib(processes, "Private_Clean", "Private_Dirty")
+                            for processes in ([device.run], device.processes()))
+            before = wakeups([device.run]), wakeups(device.processes())
+            time.sleep(WATCH_SECONDS)
+            run, daemon = ((wakeups(processes) - count) / WATCH_SECONDS
+                           for processes, count in zip(([device.run], device.processes()), before))
+        memory.append((float(own + daemons), float(daemons)))
+        wake_ups.append((run + daemon, daemon))
+    return [difference_row(14, "idle, under debug_dat_run", "the daemon alone", "private KiB", memory, 512),
+            difference_row(14, "idle, under debug_dat_run", "the daemon alone", "wake-ups/s", wake_ups, 0)]
