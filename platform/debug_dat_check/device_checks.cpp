@@ -59,6 +59,11 @@ Check UnlessDistrusted(const Check& check, const std::string& path) {
   return distrust ? Distrusted(check.name, distrust) : check;
 }
 
+/// By the effective user, as the daemon's files are read; access() would ask for the real one, who stays root.
+bool HasAccess(const std::string& path, int mode) {
+  return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0;
+}
+
 // ---- configuration ----
 
 /// Parses as the daemon does, which takes comments and drops them.
@@ -121,10 +126,7 @@ std::array<SerialSource, 3> SourcesOf(const client::SerialNumberPaths& paths) {
            {paths.machine_id, {"", "", paths.machine_id}, "a hash of " + paths.machine_id}}};
 }
 
-/// By the effective user, as the daemon's files are read; access() would ask for the real one.
-bool MayNotRead(const std::string& path) {
-  return faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0 && errno == EACCES;
-}
+bool MayNotRead(const std::string& path) { return !HasAccess(path, R_OK) && errno == EACCES; }
 
 // ---- free space ----
 
@@ -149,7 +151,7 @@ std::string SizeText(std::uint64_t bytes) {
 
 bool IsProgram(const std::string& path) {
   std::error_code ignored;
-  return fs::is_regular_file(path, ignored) && faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
+  return fs::is_regular_file(path, ignored) && HasAccess(path, X_OK);
 }
 
 /// What commands of the description can't be run, and why; empty where all can.
@@ -272,7 +274,7 @@ Check CheckSerialNumber(const client::SerialNumberPaths& paths) {
       return Warning(kSerial, text.append(", but this may not read ").append(hidden),
                      "Run this as root, as the daemon runs; it may find another number");
     }
-    if (source.file != paths.configured && access(paths.configured.c_str(), F_OK) == 0) {
+    if (source.file != paths.configured && HasAccess(paths.configured, F_OK)) {
       return Warning(kSerial, text + ", because " + paths.configured + " holds no serial number", advice);
     }
     return UnlessDistrusted(Ok(kSerial, text), paths.configured);
@@ -338,7 +340,7 @@ Check CheckPatterns(const form::Paths& paths) {
 }
 
 Check CheckDebugFlag(const client::LoggerOptions& logger) {
-  const bool on = access(logger.flag_file.c_str(), F_OK) == 0;
+  const bool on = HasAccess(logger.flag_file, F_OK);
   return UnlessDistrusted(
       Ok(kDebugLog, on ? "log lines go to " + logger.log_file + ", because there is " + logger.flag_file
                        : "off: log lines go to syslog (no " + logger.flag_file + ")"),

@@ -4,8 +4,11 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <optional>
+#include <vector>
 
 #include "daemon_checks.h"
 #include "device_checks.h"
@@ -80,15 +83,23 @@ void CheckWhatTheDaemonUses(const Places& places, const ServerLimits& limits, co
   report(CheckDebugFlag(places.logger));
 }
 
-/// Who the daemon runs as, where root asks and that is somebody else.
-std::optional<UserIds> OtherUserOf(const Places& places, const DaemonProcesses& daemon) {
-  if (geteuid() != 0) return std::nullopt;
+/// The user and all groups that a program gets which is started as that user.
+UserIds IdsOf(const passwd& user) {
+  UserIds ids = {user.pw_uid, user.pw_gid, std::vector<gid_t>(NGROUPS_MAX)};
+  int count = NGROUPS_MAX;  // no process has more
+  static_cast<void>(getgrouplist(user.pw_name, user.pw_gid, ids.groups.data(), &count));
+  ids.groups.resize(static_cast<std::size_t>(std::min(count, NGROUPS_MAX)));
+  return ids;
+}
+
+/// Who the daemon runs as, or would by the installed unit; nothing where that is root. /proc tells it to everybody.
+std::optional<UserIds> OrdinaryUserOf(const Places& places, const DaemonProcesses& daemon) {
   if (daemon.supervisor) {
     const std::optional<UserIds> ids = UserOf(daemon.supervisor->pid);
     return ids && ids->user != 0 ? ids : std::nullopt;
   }
   const passwd* const user = access(places.unit.c_str(), F_OK) == 0 ? getpwnam(kUnitUser) : nullptr;
-  return user != nullptr ? std::optional<UserIds>({user->pw_uid, user->pw_gid, {}}) : std::nullopt;
+  return user != nullptr ? std::optional<UserIds>(IdsOf(*user)) : std::nullopt;
 }
 
 /// Looks with another user's rights for as long as it lives; with the present ones where that is not allowed, as in the
@@ -97,16 +108,17 @@ class AsUser {
  public:
   explicit AsUser(const std::optional<UserIds>& ids) : is_other_(ids && Become(*ids)) {}
   ~AsUser() {
-    if (is_other_ && (setresuid(0, 0, 0) != 0 || setegid(0) != 0)) std::abort();  // root may always
+    if (is_other_ && (seteuid(0) != 0 || setegid(0) != 0)) std::abort();  // root may always
   }
   AsUser(const AsUser&) = delete;
   AsUser& operator=(const AsUser&) = delete;
 
  private:
-  /// The groups that root has are not given back: root needs none.
+  /// Real and saved ids stay root's, or that user could send signals to this process. The groups that root has are not
+  /// given back: root needs none.
   static bool Become(const UserIds& ids) {
     if (setgroups(ids.groups.size(), ids.groups.data()) != 0 || setegid(ids.group) != 0) return false;
-    if (setresuid(ids.user, ids.user, 0) == 0) return true;
+    if (setresuid(0, ids.user, 0) == 0) return true;
     if (setegid(0) != 0) std::abort();
     return false;
   }
@@ -119,16 +131,16 @@ class AsUser {
 void RunChecks(const Places& places, const ServerLimits& limits, const Report& report) {
   const DaemonProcesses daemon = FindDaemon(places.pid_file);
   const Check daemon_check = CheckDaemon(daemon);  // with root's rights, which see more
-  const std::optional<UserIds> other = OtherUserOf(places, daemon);
+  const std::optional<UserIds> user = OrdinaryUserOf(places, daemon);
   const TARVO::SupportForm::Limits collection_limits;  // a device's
   {
-    const AsUser as_user(other);
+    const AsUser as_user(geteuid() == 0 ? user : std::nullopt);
     CheckWhatTheDaemonUses(places, limits, report);
   }
   report(CheckFreeSpace(places.collection, collection_limits));
   report(CheckPatterns(places.collection));
   for (const Check& check : CheckApplications(places.collection, collection_limits)) report(check);
-  if (other) report(CheckCollectorSocket(places.collection.socket));
+  if (user) report(CheckCollectorSocket(places.collection.socket));
   report(daemon_check);
 }
 

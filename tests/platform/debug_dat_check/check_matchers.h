@@ -32,15 +32,16 @@ inline auto WasSkipped(const std::string& part) { return Tells(State::kSkipped, 
 
 MATCHER_P(Advises, part, "") { return arg.advice.find(part) != std::string::npos; }
 
+inline constexpr uid_t kNobody = 65534;
+
 /// Takes root's rights away as long as it lives. Files of the test that are to be hidden have mode 0.
 class AsOrdinaryUser {
  public:
   AsOrdinaryUser() {
-    constexpr uid_t kNobody = 65534;
-    if (was_ == 0 && seteuid(kNobody) != 0) throw std::runtime_error("seteuid failed");
+    if (was_ == 0 && setresuid(kNobody, kNobody, 0) != 0) throw std::runtime_error("setresuid failed");
   }
   ~AsOrdinaryUser() {
-    if (was_ == 0 && seteuid(was_) != 0) std::abort();
+    if (was_ == 0 && setresuid(0, 0, 0) != 0) std::abort();
   }
   AsOrdinaryUser(const AsOrdinaryUser&) = delete;
   AsOrdinaryUser& operator=(const AsOrdinaryUser&) = delete;

@@ -1,11 +1,19 @@
 #include "run_checks.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
 #include <filesystem>
 
 #include "check_matchers.h"
+#include "child_process.h"
 #include "scripted_server.h"
 #include "steerable_server.h"
 #include "temporary_folder.h"
@@ -113,6 +121,98 @@ TEST_F(RunChecksTest, ServerWhoseNameIsUnknownIsSkipped) {
   RunAll();
   EXPECT_THAT(Named("CSS host"), IsProblem("no..name"));
   EXPECT_THAT(Named("CSS server"), WasSkipped("address is not known"));
+}
+
+/// A device with the units: its daemon is the user tarvo, who is in a group beside their own.
+class UnitUserTest : public RunChecksTest {
+ protected:
+  static constexpr unsigned kUser = 64646;
+  static constexpr unsigned kOtherGroup = 64647;
+  static constexpr unsigned kStranger = 64648;
+  static constexpr int kNoNamespace = 77;
+
+  UnitUserTest() {
+    Configure("nonsense", "nonsense://");
+    temp_.Write("unit", "");
+    temp_.Write("passwd", "root:x:0:0::/:/bin/sh\ntarvo:x:64646:64646::/:/bin/false\n");
+    temp_.Write("group", "root:x:0:\ntarvo:x:64646:\nother:x:64647:tarvo\n");
+    chmod(temp_.path().c_str(), 0755);
+  }
+
+  /// Runs `body` as root in a process for which there is the user; skips the test where that can't be.
+  void OnDevice(const std::function<void()>& body) const {
+    const test_support::Ending ending = test_support::RunInChild([&] {
+      if (geteuid() != 0 || !MakeUser()) return kNoNamespace;
+      body();
+      return 0;
+    });
+    if (ending.exit_status == kNoNamespace) GTEST_SKIP() << "no other users, or no private mounts here";
+    EXPECT_THAT(ending, test_support::ExitedWith(0));
+  }
+
+  static bool Become(unsigned user) {
+    return seteuid(0) == 0 && setgroups(0, nullptr) == 0 && setresgid(user, user, user) == 0 &&
+           setresuid(user, user, user) == 0;
+  }
+
+ private:
+  [[nodiscard]] bool MakeUser() const {
+    const auto replace = [&](const char* file, const std::string& path) {
+      return mount(temp_.File(file).c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0;
+    };
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           replace("passwd", "/etc/passwd") && replace("group", "/etc/group");
+  }
+};
+
+TEST_F(UnitUserTest, WhatTheDaemonUsesIsLookedAtWithTheRightsOfAllItsGroups) {
+  OnDevice([this] {
+    ASSERT_EQ(chown(places_.configuration.c_str(), 0, kOtherGroup), 0);
+    ASSERT_EQ(chmod(places_.configuration.c_str(), 0640), 0);
+    std::filesystem::create_directory(temp_.File("closed"));
+    places_.logger.flag_file = temp_.Write("closed/debug", "");
+    ASSERT_EQ(chmod(temp_.File("closed").c_str(), 0700), 0);
+    RunAll();
+    EXPECT_THAT(Named("configuration"), IsOk("names both servers"));
+    EXPECT_THAT(Named("debug log"), IsOk("off: log lines go to syslog")) << "only root sees the file";
+  });
+}
+
+TEST_F(UnitUserTest, TheUserCanSendNoSignalsToRootsCheck) {
+  OnDevice([this] {
+    std::string sent;
+    RunChecks(places_, {}, [&](const Check& check) {
+      if (check.name != "configuration") return;
+      EXPECT_EQ(geteuid(), kUser);
+      const test_support::CallerProcess sender([]() -> std::string {
+        if (!Become(kUser)) return "still root";
+        return kill(getppid(), 0) == 0 ? "sent" : strerrorname_np(errno);
+      });
+      sent = sender.Answer();
+    });
+    EXPECT_EQ(sent, "EPERM");
+    EXPECT_EQ(geteuid(), 0U);
+  });
+}
+
+TEST_F(UnitUserTest, RefusedAccessAdvisesToGiveThatUserTheRight) {
+  OnDevice([this] {
+    ASSERT_EQ(chmod(places_.configuration.c_str(), 0600), 0);
+    RunAll();
+    EXPECT_THAT(Named("configuration"), AllOf(IsProblem("Permission denied"), Advises("the user tarvo")));
+  });
+}
+
+TEST_F(UnitUserTest, CollectorsSocketIsLookedAtWhoeverAsks) {
+  places_.collection.socket = temp_.File("socket");
+  OnDevice([this] {
+    RunAll();
+    EXPECT_THAT(Named("collector"), IsProblem("nothing listens"));
+    checks_.clear();
+    ASSERT_TRUE(Become(kStranger));
+    RunAll();
+    EXPECT_THAT(Named("collector"), IsProblem("nothing listens"));
+  });
 }
 
 }  // namespace
