@@ -51,27 +51,34 @@ std::vector<std::string> StatusLine(pid_t process, const std::string& name) {
 /// Whether a process has an id of its own in a container: then it is no daemon of this device.
 bool IsInContainer(const ProcessFacts& process) { return StatusLine(process.pid, "NSpid").size() > 1; }
 
-/// Whether the process's user may run the daemon: anybody may give a program its name.
-bool MayBeTheDaemon(const ProcessFacts& process) {
-  const std::optional<UserIds> ids = UserOf(process.pid);
-  const passwd* const unit_user = getpwnam(kUnitUser);
-  return ids && (ids->user == 0 || ids->user == geteuid() ||
-                 (unit_user != nullptr && ids->user == unit_user->pw_uid));
+/// Who may run the daemon. What others call by its name, a process or a line of the log, is not the daemon's.
+std::vector<uid_t> UsersOfTheDaemon() {
+  std::vector<uid_t> users = {0};
+  if (geteuid() != 0) users.push_back(geteuid());
+  if (const passwd* const unit_user = getpwnam(kUnitUser)) users.push_back(unit_user->pw_uid);
+  return users;
 }
 
-/// Whether the process runs one of the daemon's own files that has been replaced or removed since. Nobody but its user
-/// and root is shown that.
-bool RunsReplacedFiles(const ProcessFacts& process) {
+bool MayBeTheDaemon(const ProcessFacts& process) {
+  const std::optional<UserIds> ids = UserOf(process.pid);
+  const std::vector<uid_t> users = UsersOfTheDaemon();
+  return ids && std::find(users.begin(), users.end(), ids->user) != users.end();
+}
+
+/// Whether the process runs one of the daemon's own files that has been replaced or removed since; nothing where this
+/// user is not shown what it runs.
+std::optional<bool> RunsReplacedFiles(const ProcessFacts& process) {
   constexpr std::array<const char*, 4> kFiles = {"debug_dat_transmitter", "libtarvocore.so",
                                                  "libtarvoorvane.so", "libwebapi-Pelk5.so"};
   std::ifstream maps("/proc/" + std::to_string(process.pid) + "/maps");
-  for (std::string line; std::getline(maps, line);) {
+  bool is_shown = false;
+  for (std::string line; std::getline(maps, line); is_shown = true) {
     const auto is_gone = [&](const std::string& file) {
       return line.find("/" + file + " (deleted)") != std::string::npos;
     };
     if (std::any_of(kFiles.begin(), kFiles.end(), is_gone)) return true;
   }
-  return false;
+  return is_shown ? std::optional<bool>(false) : std::nullopt;
 }
 
 /// Whether somebody waits for connections there. The file stays when the socket's unit is stopped, and to connect would
@@ -108,6 +115,8 @@ std::string ReadJournal(const form::Paths& paths) {
                   "--output=short-iso",
                   std::string("--identifier=") + kProgram,
                   "--lines=" + std::to_string(kMaxLogLines)};
+  // The journal knows from the kernel who wrote a line; the identifier is what its writer says.
+  for (const uid_t user : UsersOfTheDaemon()) request.argv.push_back("_UID=" + std::to_string(user));
   request.programs = paths.programs;
   request.time_limit_ms = kJournalMs;
   request.output_limit = kMaxLogBytes;
@@ -228,12 +237,16 @@ Check CheckDaemon(const DaemonProcesses& daemon) {
   const std::string supervisor = "supervisor " + Named(*daemon.supervisor);
   if (!daemon.worker) return Problem(kDaemon, "its worker has ended (" + supervisor + " runs)", start_again);
   const std::string processes = supervisor + ", worker " + Named(*daemon.worker);
-  if (RunsReplacedFiles(*daemon.supervisor) || RunsReplacedFiles(*daemon.worker)) {
+  const std::optional<bool> old_supervisor = RunsReplacedFiles(*daemon.supervisor);
+  const std::optional<bool> old_worker = RunsReplacedFiles(*daemon.worker);
+  if (old_supervisor.value_or(false) || old_worker.value_or(false)) {
     return Problem(kDaemon,
                    "runs from files that have been replaced since it was started (" + processes + ")",
                    "Restart it: systemctl restart debug-dat-transmitter");
   }
-  return Ok(kDaemon, "runs since " + BeginOf(*daemon.supervisor) + " (" + processes + ")");
+  const std::string files =
+      old_supervisor && old_worker ? "" : "; whether its files have been replaced is not shown to this user";
+  return Ok(kDaemon, "runs since " + BeginOf(*daemon.supervisor) + " (" + processes + ")" + files);
 }
 
 Check CheckCollectorSocket(const std::string& path) {

@@ -46,6 +46,14 @@ TEST_F(DaemonCheckTest, WholeDaemonIsOkAlsoWithATicketUnderWay) {
   EXPECT_THAT(CheckDaemon(daemon), IsOk("(supervisor 10000001, worker 10000002)"));
 }
 
+TEST_F(DaemonCheckTest, FilesThatAreNotShownAreNotCalledTheInstalledOnes) {
+  DaemonProcesses daemon;
+  daemon.supervisor = daemon.worker = Process(getpid(), 1, 20);
+  EXPECT_THAT(CheckDaemon(daemon), AllOf(IsOk("runs since"), Not(IsOk("not shown"))));
+  daemon.worker = Process(kWorker, getpid(), 21);  // nobody is shown what it runs
+  EXPECT_THAT(CheckDaemon(daemon), IsOk("whether its files have been replaced is not shown to this user"));
+}
+
 TEST_F(DaemonCheckTest, DaemonThatNeverRanIsWarnedOf) {
   EXPECT_THAT(CheckDaemon(FindDaemon(temp_.File("none"), std::vector<ProcessFacts>())),
               Warns("does not run"));
@@ -114,6 +122,18 @@ TEST_F(DaemonCheckTest, CollectorWithoutItsSocketIsAProblem) {
 }
 
 // ---- the last ticket ----
+
+TEST_F(DaemonCheckTest, LinesOfOthersUnderTheDaemonsNameAreNotAskedFor) {
+  TARVO::SupportForm::Paths paths;
+  paths.programs = temp_.File("bin");
+  chmod(temp_.Write("bin/journalctl", "#!/bin/sh\necho \"$*\" >" + temp_.File("asked")).c_str(), 0755);
+  TarvoOrvane::Internal::LoggerOptions logger;
+  logger.flag_file = temp_.File("none");
+  EXPECT_THAT(DaemonStatus({}, logger, paths), IsProblem("no word of tickets"));
+  const std::string self = geteuid() == 0 ? "" : " _UID=" + std::to_string(geteuid());
+  EXPECT_THAT(temp_.Read("asked"), AllOf(HasSubstr(" --identifier=debug_dat_transmitter "),
+                                         ::testing::ContainsRegex(" _UID=0" + self + "( _UID=[0-9]+)?\n$")));
+}
 
 std::string TicketEnd(const std::string& log) {
   const auto ticket = LastTicketIn(log);
