@@ -10,7 +10,9 @@
 #include <ctime>
 #include <fstream>
 
+#include "address.h"
 #include "command.h"
+#include "device_checks.h"
 #include "file_util.h"
 #include "text_fields.h"
 #include "unique_fd.h"
@@ -130,6 +132,26 @@ std::string ReadJournal(const form::Paths& paths) {
     return {};
   }
   return text;
+}
+
+bool IsUnixSocket(const std::string& notification_url) {
+  TarvoOrvane::Internal::Address address;
+  std::string ignored;
+  return TarvoOrvane::Internal::ParseAddress(notification_url, address, ignored) &&
+         !address.socket_path.empty();
+}
+
+/// The worker's connection to the notification server that the configuration names; never kUnixSocket.
+Connection ConnectionOf(pid_t worker, const std::string& configuration) {
+  const std::optional<UserIds> user = UserOf(worker);
+  if (geteuid() != 0 && (!user || user->user != geteuid())) return Connection::kUnknown;
+  const Connection found = DebugDatRun::LookForConnection(worker);
+  if (found == Connection::kEstablished || found == Connection::kUnknown) return found;
+  ServiceUrls urls;
+  static_cast<void>(CheckConfiguration(configuration, urls));
+  if (!IsUnixSocket(urls.notification)) return Connection::kNone;
+  if (found == Connection::kUnixSocket) return Connection::kEstablished;
+  return geteuid() == 0 ? Connection::kNone : Connection::kUnknown;  // others need not see its unix sockets
 }
 
 std::string LastTicketText(const TarvoOrvane::Internal::LoggerOptions& logger, const form::Paths& paths) {
@@ -287,8 +309,8 @@ std::optional<LoggedTicket> LastTicketIn(std::string_view log) {
   return ticket;
 }
 
-Check DaemonStatus(const DaemonProcesses& daemon, const TarvoOrvane::Internal::LoggerOptions& logger,
-                   const form::Paths& paths) {
+Check DaemonStatus(const DaemonProcesses& daemon, const std::string& configuration,
+                   const TarvoOrvane::Internal::LoggerOptions& logger, const form::Paths& paths) {
   Check check = CheckDaemon(daemon);
   const std::string ticket = LastTicketText(logger, paths);
   if (check.state != State::kOk) {
@@ -296,10 +318,7 @@ Check DaemonStatus(const DaemonProcesses& daemon, const TarvoOrvane::Internal::L
     check.text = "not working: " + check.text + "; " + ticket;
     return check;
   }
-  const std::optional<UserIds> user = UserOf(daemon.worker->pid);
-  const bool is_shown = geteuid() == 0 || (user && user->user == geteuid());
-  const Connection connection =
-      is_shown ? DebugDatRun::LookForConnection(daemon.worker->pid) : Connection::kUnknown;
+  const Connection connection = ConnectionOf(daemon.worker->pid, configuration);
   if (connection == Connection::kNone) {
     return Problem("notification stream",
                    "not working: no connection to the notification server; " + check.text + "; " + ticket,

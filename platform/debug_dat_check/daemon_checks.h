@@ -65,10 +65,11 @@ struct LoggedTicket {
 [[nodiscard]] std::optional<LoggedTicket> LastTicketIn(std::string_view log);
 
 /// One line that answers "is it working": the processes, the connection, since when, the last ticket and its end.
-/// @param logger  Where the daemon's log may lie in place of the system's journal.
-/// @param paths   For the program that reads the journal.
+/// @param configuration  The daemon's: a connection of a unix socket counts where the notification address is one.
+/// @param logger         Where the daemon's log may lie in place of the system's journal.
+/// @param paths          For the program that reads the journal.
 /// @return kOk where the daemon runs and has a connection, or it can't be told whether it has one.
-[[nodiscard]] Check DaemonStatus(const DaemonProcesses& daemon,
+[[nodiscard]] Check DaemonStatus(const DaemonProcesses& daemon, const std::string& configuration,
                                  const TarvoOrvane::Internal::LoggerOptions& logger,
                                  const TARVO::SupportForm::Paths& paths);
 

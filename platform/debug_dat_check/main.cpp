@@ -47,7 +47,8 @@ int CheckAll(bool as_json) {
 
 int TellStatus(bool as_json) {
   const Places places;
-  const Check check = DaemonStatus(FindDaemon(places.pid_file), places.logger, places.collection);
+  const Check check =
+      DaemonStatus(FindDaemon(places.pid_file), places.configuration, places.logger, places.collection);
   const std::string text = as_json ? ReportJson({check})
                                    : TarvoOrvane::Internal::MakePrintable(check.text, kMaxStatusBytes) + "\n";
   static_cast<void>(std::fputs(text.c_str(), stdout));

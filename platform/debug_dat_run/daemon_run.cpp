@@ -79,6 +79,21 @@ std::string IdsOf(const std::vector<ProcessFacts>& processes) {
   return ids;
 }
 
+/// What a look at the worker's connection has shown, for people.
+std::string TextOf(Connection connection) {
+  switch (connection) {
+    case Connection::kEstablished:
+      return "connected, as seen at " + TimeText();
+    case Connection::kUnixSocket:
+      return "running, connected to a unix socket, as seen at " + TimeText();
+    case Connection::kNone:
+      return "running, no TCP connection when looked at " + TimeText();
+    case Connection::kUnknown:
+      break;
+  }
+  return "running";
+}
+
 [[noreturn]] void BecomeDaemon(const std::string& program) {
   GiveSignalsBack();
   execl(program.c_str(), program.c_str(), nullptr);
@@ -341,10 +356,9 @@ void DaemonRun::TakeEndOfTicket() {
 
 void DaemonRun::FindConnection() {
   const Connection connection = LookForConnection(worker_.pid());
-  connection_ = connection == Connection::kEstablished ? "connected, as seen at " + TimeText()
-                : connection == Connection::kNone      ? "running, not connected when looked at " + TimeText()
-                                                       : "running";
-  const bool looks_again = connection == Connection::kNone && look_pause_ <= kLongestLookPause;
+  connection_ = TextOf(connection);
+  const bool may_come = connection == Connection::kNone || connection == Connection::kUnixSocket;
+  const bool looks_again = may_come && look_pause_ <= kLongestLookPause;
   next_look_ = looks_again ? Now() + look_pause_ : kNever;
   look_pause_ *= 2;
   manager_.TellStatus(Status());

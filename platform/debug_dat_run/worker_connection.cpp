@@ -16,7 +16,7 @@
 namespace DebugDatRun {
 namespace {
 
-constexpr unsigned kEstablishedState = 1;  // TCP_ESTABLISHED
+using Words = std::vector<std::string_view>;
 
 /// Whether a descriptor's link leads to "socket:[INODE]".
 bool IsSocket(std::string_view target, unsigned long& inode) {
@@ -44,24 +44,36 @@ bool ReadSockets(pid_t pid, std::vector<unsigned long>& inodes) {
   return is_shown;
 }
 
-/// Whether one of the established connections in a table of /proc/net is of that kind.
-bool HasConnection(const char* table,
-                   const std::function<bool(unsigned long inode, unsigned user)>& is_ours) {
-  FILE* const file = fopen(table, "re");
+/// Whether a line of one of the tables in /proc/PID/net fits. Where the worker's is not shown, this program's own network
+/// is looked at.
+bool HasLine(pid_t worker, const std::string& table, const std::function<bool(const Words&)>& fits) {
+  FILE* file = fopen(("/proc/" + std::to_string(worker) + "/net/" + table).c_str(), "re");
+  if (file == nullptr) file = fopen(("/proc/self/net/" + table).c_str(), "re");
   if (file == nullptr) return false;
   std::array<char, 512> line = {};
   bool found = false;
   while (!found && fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
-    // Slot, both addresses, state, queues, timer, retransmissions, user, timeout, inode. The first line has names.
-    const std::vector<std::string_view> words = WordsOf(line.data());
-    unsigned state = 0;
-    unsigned user = 0;
-    unsigned long inode = 0;
-    found = words.size() > 9 && ReadNumber(words[3], state, 16) && ReadNumber(words[7], user) &&
-            ReadNumber(words[9], inode) && state == kEstablishedState && is_ours(inode, user);
+    found = fits(WordsOf(line.data()));
   }
   static_cast<void>(fclose(file));
   return found;
+}
+
+/// What a line of the tables "tcp" and "tcp6" tells of an established connection: slot, both addresses, state, queues,
+/// timer, retransmissions, user, timeout, inode.
+/// @return false for all other lines. The first has the columns' names.
+bool IsTcpConnection(const Words& words, unsigned long& inode, unsigned& user) {
+  constexpr std::string_view kEstablishedState = "01";
+  return words.size() > 9 && words[3] == kEstablishedState && ReadNumber(words[7], user) &&
+         ReadNumber(words[9], inode);
+}
+
+/// The same of the table "unix": address, references, protocol, flags, type, state, inode, and a path that the one
+/// that connected does not have.
+bool IsUnixConnection(const Words& words, unsigned long& inode) {
+  constexpr std::string_view kStream = "0001";  // not SOCK_DGRAM, as the system's log has it
+  constexpr std::string_view kConnected = "03";
+  return words.size() > 6 && words[4] == kStream && words[5] == kConnected && ReadNumber(words[6], inode);
 }
 
 }  // namespace
@@ -70,13 +82,20 @@ Connection LookForConnection(pid_t worker) {
   std::vector<unsigned long> inodes;
   const bool are_shown = ReadSockets(worker, inodes);
   if (!are_shown && geteuid() == 0) return Connection::kUnknown;
-  const auto is_ours = [&](unsigned long inode, unsigned user) {
-    return are_shown ? std::find(inodes.begin(), inodes.end(), inode) != inodes.end() : user == geteuid();
+  const auto is_held = [&](unsigned long inode) {
+    return std::find(inodes.begin(), inodes.end(), inode) != inodes.end();
   };
-  // Of this program's own network, which the daemon shares.
-  const bool found =
-      HasConnection("/proc/self/net/tcp", is_ours) || HasConnection("/proc/self/net/tcp6", is_ours);
-  return found ? Connection::kEstablished : Connection::kNone;
+  const auto is_tcp = [&](const Words& words) {
+    unsigned long inode = 0;
+    unsigned user = 0;
+    return IsTcpConnection(words, inode, user) && (are_shown ? is_held(inode) : user == geteuid());
+  };
+  const auto is_unix = [&](const Words& words) {
+    unsigned long inode = 0;
+    return IsUnixConnection(words, inode) && is_held(inode);
+  };
+  if (HasLine(worker, "tcp", is_tcp) || HasLine(worker, "tcp6", is_tcp)) return Connection::kEstablished;
+  return HasLine(worker, "unix", is_unix) ? Connection::kUnixSocket : Connection::kNone;
 }
 
 }  // namespace DebugDatRun

@@ -7,12 +7,15 @@ namespace DebugDatRun {
 
 enum class Connection {
   kUnknown,  ///< It can't be told: the worker's sockets are not shown, and not only the daemon's belong to this user.
-  kNone,
+  kNone,  ///< No TCP connection stands, and none of a unix socket is shown.
+  kUnixSocket,  ///< No TCP connection, but one of a unix stream socket. It may be the notification server's, or that of
+                ///< a name service or a log: only who knows the server's address can tell.
   kEstablished,  ///< A TCP connection stands. Whether the stream on it is open, only the worker knows.
 };
 
-/// Looks into /proc. Where the worker's descriptors can't be read, as the daemon is shielded and this program without
-/// privileges, every connection of this user counts, unless the user is root.
+/// Looks into /proc, at the worker's network. Where the worker's descriptors can't be read, as the daemon is shielded
+/// and this program without privileges, every TCP connection of this user counts, unless the user is root; whose a unix
+/// socket is can't be told then.
 [[nodiscard]] Connection LookForConnection(pid_t worker);
 
 }  // namespace DebugDatRun

@@ -12,6 +12,7 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
+constexpr int kServerProblem = 4;
 constexpr int kDaemonProblem = 6;
 
 class CheckedDaemonTest : public SystemTest {
@@ -45,6 +46,19 @@ TEST_F(CheckedDaemonTest, DeadWorkerAndDeadSupervisorAreTold) {
   EXPECT_TRUE(Eventually([&] {
     return AskStatus() == kDaemonProblem && answer_.find("does not run") != std::string::npos;
   })) << answer_;
+}
+
+TEST_F(CheckedDaemonTest, ConnectionOverAUnixSocketIsTold) {
+  ASSERT_NO_FATAL_FAILURE(StartService(std::string("unix:") + kTestFolder + "/grpc.sock"));
+  WriteConfig();
+  StartDaemon();
+  ASSERT_TRUE(WaitForService("device connected")) << WholeLog();
+  EXPECT_EQ(AskStatus(), 0);
+  EXPECT_THAT(answer_, StartsWith("working: connected, runs since 20"));
+
+  service_.reset();
+  EXPECT_TRUE(Eventually([&] { return AskStatus() == kServerProblem; })) << answer_;
+  EXPECT_THAT(answer_, StartsWith("not working: no connection to the notification server"));
 }
 
 TEST_F(CheckedDaemonTest, SecondDaemonIsTold) {

@@ -5,7 +5,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
+
 #include "check_matchers.h"
+#include "child_process.h"
 #include "temporary_folder.h"
 #include "unique_fd.h"
 
@@ -121,6 +124,27 @@ TEST_F(DaemonCheckTest, CollectorWithoutItsSocketIsAProblem) {
       << "the file alone is no socket's unit";
 }
 
+// ---- the connection ----
+
+TEST_F(DaemonCheckTest, ConnectionOfAUnixSocketCountsWhereTheNotificationAddressIsOne) {
+  std::array<int, 2> ends = {-1, -1};
+  const test_support::CallerProcess worker([&]() -> std::string {
+    return socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0 ? "" : "no sockets";
+  });
+  ASSERT_EQ(worker.Answer(), "");
+  DaemonProcesses daemon;
+  daemon.supervisor = daemon.worker = Process(worker.pid(), 1, 20);
+  const auto status_with = [&](const std::string& url) {
+    const std::string text = R"({"debug_dat_file_transmitter": {"grpc_server": {"url": ")" + url + R"("}}})";
+    TarvoOrvane::Internal::LoggerOptions logger;
+    logger.flag_file = temp_.Write("debug", "");  // no journal
+    logger.log_file = temp_.File("none");
+    return DaemonStatus(daemon, temp_.Write("conf", text), logger, {});
+  };
+  EXPECT_THAT(status_with("unix:/run/notification.sock"), IsOk("working: connected, runs since"));
+  EXPECT_THAT(status_with("http://127.0.0.1:9"), IsProblem("no connection to the notification server"));
+}
+
 // ---- the last ticket ----
 
 TEST_F(DaemonCheckTest, LinesOfOthersUnderTheDaemonsNameAreNotAskedFor) {
@@ -129,7 +153,7 @@ TEST_F(DaemonCheckTest, LinesOfOthersUnderTheDaemonsNameAreNotAskedFor) {
   chmod(temp_.Write("bin/journalctl", "#!/bin/sh\necho \"$*\" >" + temp_.File("asked")).c_str(), 0755);
   TarvoOrvane::Internal::LoggerOptions logger;
   logger.flag_file = temp_.File("none");
-  EXPECT_THAT(DaemonStatus({}, logger, paths), IsProblem("no word of tickets"));
+  EXPECT_THAT(DaemonStatus({}, temp_.File("none"), logger, paths), IsProblem("no word of tickets"));
   const std::string self = geteuid() == 0 ? "" : " _UID=" + std::to_string(geteuid());
   EXPECT_THAT(temp_.Read("asked"), AllOf(HasSubstr(" --identifier=debug_dat_transmitter "),
                                          ::testing::ContainsRegex(" _UID=0" + self + "( _UID=[0-9]+)?\n$")));
