@@ -1,7 +1,7 @@
 // What support_service_client.h promises of the curl helpers.
+#include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
 
 #include "answering_server.h"
@@ -153,10 +153,12 @@ std::string PartIn(const std::string& request, const std::string& name, std::siz
   return request.substr(begin, from == std::string::npos ? from : from - begin);
 }
 
-/// The archive's name in the request, and its content, which is another when the part is added.
+/// The archive's name in the request, and its content, which is another when the part is added. The file has no name in
+/// a folder, so nothing is left of it however this ends.
 void CheckFormParts(const Platform& platform) {
-  std::string path = "/tmp/debug_dat_platform_test.XXXXXX";
-  close(mkstemp(path.data()));
+  const int file = memfd_create("archive", MFD_CLOEXEC);
+  if (file < 0) throw CannotTell("there is no file to be sent");
+  const std::string path = "/proc/self/fd/" + std::to_string(file);
   const std::vector<Part> parts = {{"debug_file", CURLFORM_FILE, path},
                                    {"serial_number", CURLFORM_COPYCONTENTS, ""},
                                    {"debug_data_apps[0]", CURLFORM_COPYCONTENTS, "mail"},
@@ -173,7 +175,6 @@ void CheckFormParts(const Platform& platform) {
 
   AnsweringServer server(Answer("{}"));
   SendForm(platform, form, server.Url());
-  unlink(path.c_str());
   const std::string request = server.Request();
   std::size_t from = 0;
   for (std::size_t i = 0; i < parts.size(); ++i) {
@@ -183,6 +184,7 @@ void CheckFormParts(const Platform& platform) {
            "the part " + parts[i].name + " has another content");
   }
   form.first.reset();
+  close(file);
 }
 
 void CheckFormRefusal(const Platform& platform) {
