@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <future>
 #include <memory>
@@ -278,7 +279,16 @@ void SetOption(const CurlHandle& handle, CURLoption option, Value value) {
   if (code != CURLE_OK) throw CurlFailedException(code, curl_easy_strerror(code));
 }
 
-/// Judges an answer to a request for one of the daemon's paths.
+/// Whether a Content-Type, in which case does not matter, is that of a page for people.
+bool IsWebPage(std::string type) {
+  std::transform(type.begin(), type.end(), type.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return type.rfind("text/html", 0) == 0 || type.rfind("application/xhtml+xml", 0) == 0;
+}
+
+/// Judges an answer to a request for one of the daemon's paths. A refusal is in order, also one with a page for people:
+/// servers before the CSS server refuse so what they know to be no POST, or without a token.
+/// @return kOk with the status alone as its text.
 Check AnswerCheck(const CurlHandle& handle, const CssAddress& address, const std::string& path) {
   long status = 0;
   const char* redirect = nullptr;
@@ -299,7 +309,7 @@ Check AnswerCheck(const CurlHandle& handle, const CssAddress& address, const std
         "Put the address into css_server.url behind which the server serves it, without a slash at its "
         "end");
   }
-  if (status == 200 && type != nullptr && std::string(type).rfind("text/html", 0) == 0) {
+  if (status / 100 == 2 && type != nullptr && IsWebPage(type)) {
     return Problem(kCssServer, text + " with a web page: this is no CSS server",
                    "Put the CSS server's address into css_server.url");
   }
@@ -310,7 +320,7 @@ Check AnswerCheck(const CurlHandle& handle, const CssAddress& address, const std
     return Warning(kCssServer, text,
                    "It may want client.pem and client.key of the device: ask the server's operator");
   }
-  return Ok(kCssServer, "answers requests without ticket by HTTP " + std::to_string(status));
+  return Ok(kCssServer, "HTTP " + std::to_string(status));
 }
 
 /// Asks for one of the daemon's paths.
@@ -425,13 +435,15 @@ Check CheckStream(const client::Address& address, const client::TlsFiles& tls,
 }
 
 Check CheckCssServer(const CssAddress& address, const std::string& tls_folder, const ServerLimits& limits) {
-  Check worst;
+  std::optional<Check> warning;
+  std::string answers;
   for (const char* path : kCssPaths) {
-    Check check = CheckCssPath(address, path, tls_folder, limits);
+    const Check check = CheckCssPath(address, path, tls_folder, limits);
     if (check.state == State::kProblem) return check;
-    if (worst.state != State::kWarning) worst = std::move(check);
+    if (check.state == State::kWarning && !warning) warning = check;
+    if (check.text != answers) answers += (answers.empty() ? "" : " and ") + check.text;
   }
-  return worst;
+  return warning ? *warning : Ok(kCssServer, "answers requests without ticket by " + answers);
 }
 
 }  // namespace DebugDatCheck

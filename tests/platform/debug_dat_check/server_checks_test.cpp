@@ -381,10 +381,36 @@ TEST(CssServerCheckTest, PathThatTheServerDoesNotServeIsAProblem) {
   EXPECT_EQ(slash.Requests()[0].request_line, "GET //orvane/ps_files HTTP/1.1");
 }
 
+TEST(CssServerCheckTest, AnswersOfBothPathsAreTold) {
+  SteerableServer server({HttpAnswer("401 Unauthorized", ""), HttpAnswer("405 Method Not Allowed", "")});
+  EXPECT_THAT(Css(server.Url()), IsOk("by HTTP 401 and HTTP 405"));
+}
+
 TEST(CssServerCheckTest, WebPageIsAProblem) {
-  SteerableServer server(
-      {{{"HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: 5\r\n\r\n<html"}}});
-  EXPECT_THAT(Css(server.Url()), AllOf(IsProblem("a web page"), Advises("css_server.url")));
+  for (const char* type : {"text/html; charset=utf-8", "Text/HTML", "application/xhtml+xml"}) {
+    for (const char* status : {"200 OK", "203 Non-Authoritative Information"}) {
+      const std::string page = std::string("HTTP/1.1 ") + status + "\r\nContent-Type: " + type +
+                               "\r\nContent-Length: 5\r\n\r\n<html";
+      SteerableServer server({{{page}}});
+      EXPECT_THAT(Css(server.Url()), AllOf(IsProblem("a web page"), Advises("css_server.url")))
+          << type << status;
+      SteerableServer second({HttpAnswer("405 Method Not Allowed", ""), {{page}}});
+      EXPECT_THAT(Css(second.Url()), AllOf(IsProblem("/orvane/ps_results"), IsProblem("a web page")));
+    }
+  }
+}
+
+TEST(CssServerCheckTest, RefusalWithAPageIsOkAsServersBeforeTheCssServerMakeThem) {
+  const std::string refusal =
+      "HTTP/1.1 405 Not Allowed\r\nContent-Type: text/html\r\nContent-Length: 5\r\n\r\n<html";
+  SteerableServer server({{{refusal}}, {{refusal}}});
+  EXPECT_THAT(Css(server.Url()), IsOk("HTTP 405"));
+}
+
+TEST(CssServerCheckTest, JsonAnswerIsOk) {
+  const char* const body = R"({"success": false})";
+  SteerableServer server({HttpAnswer("200 OK", body), HttpAnswer("200 OK", body)});
+  EXPECT_THAT(Css(server.Url()), IsOk("HTTP 200"));
 }
 
 TEST(CssServerCheckTest, RedirectionIsAProblem) {
