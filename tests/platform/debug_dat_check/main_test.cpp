@@ -43,14 +43,16 @@ int RunInSandbox(const std::string& commands, std::string& output) {
 TEST(CheckProgramTest, HealthyDeviceGivesExitStatusZeroAndIsLeftUnchanged) {
   const ScriptedServer notification;
   SteerableServer css({HttpAnswer("405 Method Not Allowed", ""), HttpAnswer("405 Method Not Allowed", "")});
+  // Empty, or what others on this machine write there would show as changed.
   const std::string prepare =
+      "for folder in /var /run; do mount -t tmpfs -o mode=755 tmpfs $folder; done; mkdir /var/lib /var/log;"
       "mkdir -p /usr/tarvo/etc/support_form_log.d; cd /usr/tarvo/etc; echo SN-1 >serial_number;"
       "echo {} >support_form_log.d/mail.json;"
       "echo \"{\\\"debug_dat_file_transmitter\\\": {\\\"grpc_server\\\": {\\\"url\\\": \\\"" +
       notification.url() + "\\\"}, \\\"css_server\\\": {\\\"url\\\": \\\"" + css.Url() +
       "\\\"}}}\" >tarvomibserver.conf; touch marker; sleep 0.1;";
   const std::string check = "report=$(" + std::string(kProgram) + " --json);";
-  const std::string show_changes = "find /usr/tarvo /var /var/lib /var/log /run -xdev -newer marker;";
+  const std::string show_changes = "find /usr/tarvo /var /run -xdev -newer marker;";
   std::string output;
 
   ASSERT_EQ(RunInSandbox(prepare + check + show_changes + "echo \"$report\"", output), 0) << output;
