@@ -27,27 +27,14 @@ from cases import CASES, PLANTED, Case
 
 ROOT = Path(__file__).resolve().parents[2]
 READY = ROOT / "packaging" / "descriptions"
-LIMIT_SECONDS = 900  # only what hangs takes so long
+BOOTED_CONTAINER = ROOT / "tools" / "booted_container"
+LIMIT_SECONDS = 1200  # only what hangs takes so long, and booted_container ends that before
 
 # What the collector and debug_dat_check need, and what every container has.
 BASE_PACKAGES = [
     "ca-certificates", "dbus", "iproute2", "libarchive13", "libcurl4", "libgrpc++1.51", "libjsoncpp25",
     "libprotobuf-lite32", "libre2-9", "libssl3", "libvectorscan5", "libzstd1", "procps", "systemd-sysv", "udev",
 ]
-
-CASE_UNIT = """[Unit]
-After=multi-user.target
-[Service]
-Type=exec
-ExecStart=/bin/bash /out/script
-ExecStopPost=/bin/systemctl --no-block poweroff
-StandardOutput=file:/out/log
-StandardError=inherit
-"""
-
-
-# They wait for networks and time servers, which there are none of.
-MASKED_UNITS = ["chrony-wait", "NetworkManager-wait-online", "systemd-networkd-wait-online"]
 
 
 def run(command: list[str | Path], log: Path) -> int:
@@ -69,9 +56,6 @@ class Places:
     work: Path
     name_servers: str
     """The machine's resolv.conf."""
-
-    def nspawn(self, root: Path, *options: str | Path) -> list[str | Path]:
-        return ["systemd-nspawn", "--quiet", "--register=no", "--keep-unit", f"--directory={root}", *options]
 
 
 def make_base(places: Places) -> None:
@@ -95,9 +79,10 @@ def install(case: Case, merged: Path, places: Places, log: Path) -> None:
     policy.write_text("#!/bin/sh\nexit 101\n", encoding="utf-8")
     policy.chmod(0o755)
     (merged / "etc/resolv.conf").write_text(places.name_servers, encoding="utf-8")
-    command = places.nspawn(merged, "--resolv-conf=off", f"--bind={places.packages}:/var/cache/apt/archives",
-                            "--setenv=DEBIAN_FRONTEND=noninteractive", "apt-get", "-q", "-y", "-o",
-                            "APT::Keep-Downloaded-Packages=true", "install", "--no-install-recommends")
+    command = ["systemd-nspawn", "--quiet", "--register=no", "--keep-unit", f"--directory={merged}",
+               "--resolv-conf=off", f"--bind={places.packages}:/var/cache/apt/archives",
+               "--setenv=DEBIAN_FRONTEND=noninteractive", "apt-get", "-q", "-y", "-o",
+               "APT::Keep-Downloaded-Packages=true", "install", "--no-install-recommends"]
     if run([*command, *case.packages], log) != 0:
         raise Failure(log.read_text(errors="replace"))
     policy.unlink()
@@ -115,19 +100,8 @@ def prepare(name: str, case: Case, merged: Path, build: Path) -> None:
     script = ["exec 2>&1", "set -x", "timeout 120 systemctl is-system-running --wait", case.setup,
               "journalctl --sync", f"debug_dat_collect --enable {name}",
               f"debug_dat_collect --apps {name} --out /out/debug.dat"]
-    units = merged / "etc/systemd/system"
-    wants = units / "multi-user.target.wants"
-    wants.mkdir(parents=True, exist_ok=True)
-    (units / "case.service").write_text(CASE_UNIT, encoding="utf-8")
-    (wants / "case.service").symlink_to("../case.service")
-    for unit in MASKED_UNITS:
-        (units / f"{unit}.service").unlink(missing_ok=True)
-        (units / f"{unit}.service").symlink_to("/dev/null")
-    (units / "default.target").unlink(missing_ok=True)
-    (units / "default.target").symlink_to("/lib/systemd/system/multi-user.target")
     # One of its own, or the first start would turn on what the packages leave off.
     (merged / "etc/machine-id").write_text(uuid.uuid4().hex + "\n", encoding="utf-8")
-    (merged / "out").mkdir()
     (merged.parent / "out/script").write_text("\n".join(script) + "\n", encoding="utf-8")
 
 
@@ -144,11 +118,10 @@ def collect(name: str, places: Places, build: Path) -> Path:
     subprocess.run(["mount", "-t", "overlay", "overlay", "-o", options, merged], check=True)
     install(case, merged, places, out / "install.log")
     prepare(name, case, merged, build)
-    run(places.nspawn(merged, f"--bind={out}:/out", "--private-network", "--boot", "--console=pipe"),
-        out / "console.log")
+    run([BOOTED_CONTAINER, "--out", out, "--system", merged, "bash", "/out/script"], out / "log")
     if run(["tar", "--zstd", "-xf", out / "debug.dat", "-C", out / "archive"], out / "tar.log") != 0:
         raise Failure("\n".join(file.read_text(errors="replace") for file in
-                                (out / "console.log", out / "log", out / "tar.log") if file.exists()))
+                                (out / "log", out / "tar.log") if file.exists()))
     return out / "archive"
 
 
