@@ -2,5 +2,6 @@ set(DDT_SANITIZERS "" CACHE STRING "Sanitizers for every target, as -fsanitize= 
 set(DDT_SANITIZER_REPORTS "" CACHE PATH "Folder for ASan's and UBSan's reports instead of standard error")
 option(DDT_COVERAGE "Count which lines and branches of every target are run" OFF)
 option(DDT_SINGLE_FILE "Install the daemon as one file, with the platform and gRPC in it" OFF)
+option(DDT_VECTORSCAN "Scan for secrets with Vectorscan, which not every processor has; RE2 finds the same, slower" ON)
 option(DDT_BENCHMARKS "Build what ./bench runs beside the daemon" OFF)
 option(DDT_FUZZING "Link the fuzz targets with libFuzzer; needs clang" OFF)

@@ -1,6 +1,5 @@
 #include "redaction_rules.h"
 
-#include <hs.h>
 #include <re2/re2.h>
 #include <sys/stat.h>
 
@@ -26,14 +25,6 @@ namespace {
 constexpr std::size_t kScannedEndBytes = 6;
 
 constexpr const char* kWhatToDo = "; mend the file, or remove it";
-
-/// The text of a compile error, which is freed.
-std::string TakeMessage(hs_compile_error_t* error, int& expression) {
-  std::string message = error->message;
-  expression = error->expression;
-  hs_free_compile_error(error);
-  return message;
-}
 
 /// Reads the pattern file; empty where there is none.
 std::string ReadPatternFile(const std::string& path) {
@@ -109,33 +100,12 @@ std::unique_ptr<re2::RE2> CompileExact(const std::string& path, const PatternLin
 
 }  // namespace
 
-void RedactionRules::ScratchDeleter::operator()(hs_scratch* scratch) const { hs_free_scratch(scratch); }
-void RedactionRules::DatabaseDeleter::operator()(hs_database* database) const { hs_free_database(database); }
-
 RedactionRules::RedactionRules(const std::string& pattern_file) {
-  if (hs_valid_platform() != HS_SUCCESS) {
-    throw RedactionError("this processor lacks what the pattern matcher needs (SSE4.2 on x86)");
-  }
   CompileBuiltIn();
   CompileFile(pattern_file);
-  AddScratchFor(built_in());
-  if (from_file()) AddScratchFor(from_file());
 }
 
 RedactionRules::~RedactionRules() = default;
-
-void RedactionRules::AddScratchFor(const hs_database* database) {
-  hs_scratch_t* scratch = scratch_.release();
-  const hs_error_t result = hs_alloc_scratch(database, &scratch);
-  scratch_.reset(scratch);
-  if (result != HS_SUCCESS) throw std::bad_alloc();
-}
-
-RedactionRules::Scratch RedactionRules::NewScratch() const {
-  hs_scratch_t* scratch = nullptr;
-  if (hs_clone_scratch(scratch_.get(), &scratch) != HS_SUCCESS) throw std::bad_alloc();
-  return Scratch(scratch);
-}
 
 void RedactionRules::CompileBuiltIn() {
   words_ = FixedWords();
@@ -146,26 +116,16 @@ void RedactionRules::CompileBuiltIn() {
     if (any_case) std::transform(text.begin(), text.end(), text.begin(), ToLower);
     ends[{EndOf(text), any_case}].push_back(number);
   }
-  std::vector<const char*> texts;
-  std::vector<std::size_t> lengths;
-  std::vector<unsigned> flags;
-  std::vector<unsigned> numbers;
+  std::vector<ScannedWord> scanned;
   for (const auto& [end, words] : ends) {
-    numbers.push_back(static_cast<unsigned>(texts.size()));
-    texts.push_back(end.first.data());
-    lengths.push_back(end.first.size());
-    flags.push_back(end.second ? HS_FLAG_CASELESS : 0);
+    scanned.push_back({end.first, end.second});
     words_of_end_.push_back(words);
   }
-  hs_database_t* database = nullptr;
-  hs_compile_error_t* error = nullptr;
-  if (hs_compile_lit_multi(texts.data(), flags.data(), numbers.data(), lengths.data(),
-                           static_cast<unsigned>(texts.size()), HS_MODE_BLOCK, nullptr, &database,
-                           &error) != HS_SUCCESS) {
-    int number = 0;
-    throw RedactionError("the built-in rules can't be compiled: " + TakeMessage(error, number));
+  try {
+    built_in_ = Scanner::ForWords(scanned);
+  } catch (const ScannerError& error) {
+    throw RedactionError(std::string("the built-in rules can't be compiled: ") + error.what());
   }
-  built_in_.reset(database);
 }
 
 std::optional<unsigned> RedactionRules::WordAtEnd(unsigned end, std::string_view text) const {
@@ -184,24 +144,17 @@ void RedactionRules::CompileFile(const std::string& path) {
   if (lines.size() > kMaxPatterns) {
     Refuse(path, lines[kMaxPatterns].line, "more than " + std::to_string(kMaxPatterns) + " patterns");
   }
-  std::vector<const char*> texts;
-  std::vector<unsigned> flags;
-  std::vector<unsigned> numbers;
+  std::vector<std::string> scanned;
   for (const PatternLine& line : lines) {
     patterns_.push_back(CompileExact(path, line));
-    numbers.push_back(static_cast<unsigned>(texts.size()));
-    texts.push_back(line.pattern.c_str());
-    flags.push_back(HS_FLAG_MULTILINE);
+    scanned.push_back(line.pattern);
   }
-  hs_database_t* database = nullptr;
-  hs_compile_error_t* error = nullptr;
-  if (hs_compile_multi(texts.data(), flags.data(), numbers.data(), static_cast<unsigned>(texts.size()),
-                       HS_MODE_BLOCK, nullptr, &database, &error) != HS_SUCCESS) {
-    int number = -1;
-    const std::string why = "the pattern can't be searched for: " + TakeMessage(error, number);
-    Refuse(path, number < 0 ? lines.front().line : lines[static_cast<std::size_t>(number)].line, why);
+  try {
+    from_file_ = Scanner::ForPatterns(scanned);
+  } catch (const ScannerError& error) {
+    Refuse(path, lines[error.pattern()].line,
+           std::string("the pattern can't be searched for: ") + error.what());
   }
-  from_file_.reset(database);
 }
 
 }  // namespace TARVO::SupportForm

@@ -8,10 +8,9 @@
 #include <string_view>
 #include <vector>
 
+#include "scanner.h"
 #include "secret_finder.h"
 
-struct hs_database;
-struct hs_scratch;
 namespace re2 {
 class RE2;
 }
@@ -36,13 +35,6 @@ class RedactionRules {
   static constexpr std::size_t kMaxPatterns = 1000;  ///< In the pattern file.
   static constexpr std::size_t kMaxEndBytes = 8;     ///< Of a fixed word's end that built_in() finds.
 
-  /// Frees what NewScratch() made.
-  struct ScratchDeleter {
-    void operator()(hs_scratch* scratch) const;
-  };
-  /// The matcher's working memory, which any of the databases may be scanned with.
-  using Scratch = std::unique_ptr<hs_scratch, ScratchDeleter>;
-
   /// Compiles the built-in rules and the patterns of the file; a file that does not exist adds none.
   /// @throws RedactionError when a file that exists can't be read, others could have changed or removed it, a
   ///         pattern is not valid, or the machine can't run the matcher. Nothing may be taken for checked then.
@@ -52,37 +44,26 @@ class RedactionRules {
   RedactionRules& operator=(const RedactionRules&) = delete;
 
   /// Finds the ends of FixedWords(), each end under a number of its own.
-  [[nodiscard]] const hs_database* built_in() const { return built_in_.get(); }
+  [[nodiscard]] const Scanner& built_in() const { return *built_in_; }
   /// The number of the fixed word that ends `text`, whose own end has the number `end`; nothing where none does.
   [[nodiscard]] std::optional<unsigned> WordAtEnd(unsigned end, std::string_view text) const;
-  /// Finds the patterns of the file, each under its number; null where there are none.
-  [[nodiscard]] const hs_database* from_file() const { return from_file_.get(); }
+  /// Finds the patterns of the file, each under its number; nothing where there are none.
+  [[nodiscard]] const std::optional<Scanner>& from_file() const { return from_file_; }
   /// Tells the exact place of a match that from_file() found, and of its group.
   [[nodiscard]] const re2::RE2& pattern(std::size_t number) const { return *patterns_[number]; }
   /// Patterns of the file; their numbers are below this.
   [[nodiscard]] std::size_t pattern_count() const { return patterns_.size(); }
-  /// Working memory for scans, about 3 KiB; each thread needs its own.
-  /// @throws std::bad_alloc
-  [[nodiscard]] Scratch NewScratch() const;
 
  private:
-  /// Frees what the matcher has compiled.
-  struct DatabaseDeleter {
-    void operator()(hs_database* database) const;
-  };
-  using Database = std::unique_ptr<hs_database, DatabaseDeleter>;
-
   // In the constructor, in this order. Each throws RedactionError.
   void CompileBuiltIn();
   void CompileFile(const std::string& path);
-  void AddScratchFor(const hs_database* database);  ///< Makes scratch_ large enough for it, too.
 
   std::vector<FixedWord> words_;                     ///< By their numbers.
   std::vector<std::vector<unsigned>> words_of_end_;  ///< Those that the scan does not tell apart.
-  Database built_in_;                                ///< Never null once the constructor has returned.
-  Database from_file_;                               ///< Null where the file has no pattern.
+  std::optional<Scanner> built_in_;                  ///< Never nothing once the constructor has returned.
+  std::optional<Scanner> from_file_;                 ///< Nothing where the file has no pattern.
   std::vector<std::unique_ptr<re2::RE2>> patterns_;  ///< Of the file, by their numbers.
-  Scratch scratch_;                                  ///< Large enough for both databases; only cloned.
 };
 
 }  // namespace TARVO::SupportForm

@@ -1,11 +1,9 @@
 #include "redactor.h"
 
-#include <hs.h>
 #include <re2/re2.h>
 
 #include <algorithm>
 #include <array>
-#include <exception>
 #include <string>
 
 #include "byte_class.h"
@@ -79,7 +77,8 @@ bool HasUnusual(std::string_view text) {
 
 Redactor::Redactor(const RedactionRules* rules) : rules_(rules) {
   if (!rules_) return;
-  scratch_ = rules_->NewScratch();
+  words_memory_ = rules_->built_in().NewMemory();
+  if (rules_->from_file()) patterns_memory_ = rules_->from_file()->NewMemory();
   found_until_.resize(rules_->pattern_count());
 }
 
@@ -107,8 +106,10 @@ std::size_t Redactor::FindSecrets(std::string_view text, bool at_end) {
   horizon_ = at_end ? text.size() : text.size() - kReach;
   GoOnWithSecrets();
   // A word is found by its own bytes, a match of a pattern by the text around it too.
-  Scan(rules_->built_in(), &Redactor::TakeWord, RedactionRules::kMaxEndBytes, horizon_);
-  if (rules_->from_file()) Scan(rules_->from_file(), &Redactor::TakePattern, kReach, text.size());
+  Scan(rules_->built_in(), *words_memory_, &Redactor::TakeWord, RedactionRules::kMaxEndBytes, horizon_);
+  if (rules_->from_file()) {
+    Scan(*rules_->from_file(), *patterns_memory_, &Redactor::TakePattern, kReach, text.size());
+  }
   taken_ = horizon_;
   if (in_key_ && (at_end || key_limit_ <= horizon_)) EndKey(horizon_);
   return at_end ? text.size() : horizon_ - kReach;
@@ -118,40 +119,27 @@ std::size_t Redactor::FindSecrets(std::string_view text, bool at_end) {
 /// @param take    Returns the offset up to which no further hit is wanted.
 /// @param before  So many bytes before the end of a hit decide on it.
 /// @param end     The text behind it decides on no hit that is due.
-void Redactor::Scan(const hs_database* database, std::size_t (Redactor::*take)(unsigned, std::size_t),
-                    std::size_t before, std::size_t end) {
-  struct Context {
-    Redactor* self;
-    std::size_t (Redactor::*take)(unsigned, std::size_t);
-    std::size_t begin;         // Of what is scanned.
-    std::size_t taken;         // Hits up to here are not due.
-    bool stopped;              // The scan was ended, to go on behind `taken`.
-    std::exception_ptr error;  // Nothing may be thrown through the scanner.
-  } context = {this, take, 0, taken_, true, nullptr};
-  const auto on_hit = [](unsigned number, unsigned long long /*from*/, unsigned long long to,
-                         unsigned /*flags*/, void* data) noexcept {
-    auto& scan = *static_cast<Context*>(data);
-    const std::size_t hit = scan.begin + static_cast<std::size_t>(to);
-    if (hit > scan.self->horizon_) return 1;
-    if (hit <= scan.taken) return 0;
+void Redactor::Scan(const Scanner& scanner, Scanner::Memory& memory,
+                    std::size_t (Redactor::*take)(unsigned, std::size_t), std::size_t before,
+                    std::size_t end) {
+  std::size_t taken = taken_;
+  bool is_passed_over = true;  // the scan was ended, to go on behind `taken`
+  while (is_passed_over && taken < horizon_) {
+    is_passed_over = false;
+    const std::size_t begin = taken - std::min(taken, before);
+    const auto on_hit = [&](unsigned number, std::size_t offset) {
+      const std::size_t hit = begin + offset;
+      if (hit > horizon_) return false;
+      if (hit <= taken) return true;
+      const std::size_t until = (this->*take)(number, hit);
+      is_passed_over = until > hit;
+      if (is_passed_over) taken = until;
+      return !is_passed_over;
+    };
     try {
-      const std::size_t taken = (scan.self->*scan.take)(number, hit);
-      scan.stopped = taken > hit;
-      if (scan.stopped) scan.taken = taken;
-    } catch (...) {
-      scan.error = std::current_exception();
-    }
-    return scan.error || scan.stopped ? 1 : 0;
-  };
-  while (context.stopped && context.taken < horizon_) {
-    context.stopped = false;
-    context.begin = context.taken - std::min(context.taken, before);
-    const std::string_view rest = text_.substr(context.begin, end - context.begin);
-    const hs_error_t result = hs_scan(database, rest.data(), static_cast<unsigned>(rest.size()), 0,
-                                      scratch_.get(), on_hit, &context);
-    if (context.error) std::rethrow_exception(context.error);
-    if (result != HS_SUCCESS && result != HS_SCAN_TERMINATED) {
-      throw RedactionError("the text can't be searched for secrets, error " + std::to_string(result));
+      scanner.Scan(text_.substr(begin, end - begin), memory, on_hit);
+    } catch (const ScannerError& error) {
+      throw RedactionError(std::string("the text can't be searched for secrets: ") + error.what());
     }
   }
 }
