@@ -55,8 +55,13 @@ wait_for_turn() {
 
 # ---------- Packages ----------
 
+architecture=''  # of other devices than this machine, for which is built; lists of packages say ARCH for it
+
 # list_packages FILE: the packages that a list names, one a line.
-list_packages() { sed -e 's/#.*//' -e 's/[[:space:]]//g' -e '/^$/d' "$1"; }
+list_packages() {
+  sed -e 's/#.*//' -e 's/[[:space:]]//g' -e '/^$/d' -e "s/\<ARCH\>/$architecture/" "$1" |
+    grep -vx 'libvectorscan-dev:armhf'  # there is none
+}
 
 # package_servers: the hosts and ports that apt fetches from. Nothing where it may know another way: a proxy or a disk.
 package_servers() {
@@ -123,13 +128,17 @@ install_packages() {
   fi
   if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || fail "packages are missing, and only root may install them (there is no sudo here)." \
-      "As root: apt-get update && apt-get install --no-install-recommends ${missing[*]}"
+      "As root: ${architecture:+dpkg --add-architecture $architecture && }apt-get update &&" \
+      "apt-get install --no-install-recommends ${missing[*]}"
     as_root=(sudo)
   fi
   check_package_servers "${missing[@]}"
   mkdir -p "${log%/*}" || fail "can't make ${log%/*}"
   say "Packages: installing ${#missing[@]} (some minutes; apt-get's output goes to $log):"
   echo "    ${missing[*]}"
+  if [ -n "$architecture" ] && ! dpkg --print-foreign-architectures | grep -qx "$architecture"; then
+    "${as_root[@]}" dpkg --add-architecture "$architecture" || fail "dpkg can't take packages for $architecture"
+  fi
   install=(install --no-install-recommends "${missing[@]}")
   if ! "${as_root[@]}" "${apt[@]}" update >"$log" 2>&1 ||
     ! "${as_root[@]}" "${apt[@]}" --download-only "${install[@]}" >>"$log" 2>&1 ||
