@@ -63,6 +63,14 @@ list_packages() {
     grep -vx 'libvectorscan-dev:armhf'  # there is none
 }
 
+# is_installed PACKAGE[:ARCH]: for this machine's programs where no architecture is named.
+is_installed() {
+  local wanted=${1#*:}
+  [ "$wanted" != "$1" ] || wanted=$(dpkg --print-architecture)
+  # shellcheck disable=SC2016 # dpkg-query expands it
+  dpkg-query -W -f '${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null | grep -Ex "(all|$wanted) installed" >/dev/null
+}
+
 # package_servers: the hosts and ports that apt fetches from. Nothing where it may know another way: a proxy or a disk.
 package_servers() {
   local site host
@@ -118,8 +126,7 @@ install_packages() {
     fail "this is no Debian system (there is no dpkg-query). Install what $* lists by hand and build with CMake."
   for file in "$@"; do
     while read -r package; do
-      [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
-        missing+=("$package")
+      is_installed "$package" || missing+=("$package")
     done < <(list_packages "$file")
   done
   if [ ${#missing[@]} -eq 0 ]; then
