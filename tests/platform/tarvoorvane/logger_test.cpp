@@ -198,6 +198,21 @@ TEST_F(LoggerTest, RootsLinkLeadsToTheLogFileOfADaemonWithoutRootsRights) {
   EXPECT_TRUE(fs::is_symlink(options_.log_file));
 }
 
+TEST_F(LoggerTest, RootsLinkIsNotFollowedWhereOthersMayPutOneInItsPlace) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can put the link there";
+  namespace fs = std::filesystem;
+  fs::create_directory(folder_.path() / "own");
+  fs::create_symlink("own/log", options_.log_file);
+  for (const unsigned mode : {0775U, 0757U}) {
+    fs::permissions(folder_.path(), static_cast<fs::perms>(mode));
+    TurnOn();
+    EXPECT_EQ(LoggerManager::instance_, nullptr) << mode;
+  }
+  fs::permissions(folder_.path(), static_cast<fs::perms>(0755));
+  TurnOn();
+  EXPECT_NE(LoggerManager::instance_, nullptr);
+}
+
 TEST_F(LoggerTest, ASecondNameOfAFileIsNoLogFile) {
   ASSERT_EQ(chmod(folder_.Write("other", "theirs\n").c_str(), 0644), 0);
   std::filesystem::create_hard_link(folder_.File("other"), options_.log_file);
