@@ -122,7 +122,7 @@ void RedactionRules::CompileBuiltIn() {
     words_of_end_.push_back(words);
   }
   try {
-    built_in_ = Scanner::ForWords(scanned);
+    built_in_.emplace(scanned);
   } catch (const ScannerError& error) {
     throw RedactionError(std::string("the built-in rules can't be compiled: ") + error.what());
   }
@@ -144,16 +144,13 @@ void RedactionRules::CompileFile(const std::string& path) {
   if (lines.size() > kMaxPatterns) {
     Refuse(path, lines[kMaxPatterns].line, "more than " + std::to_string(kMaxPatterns) + " patterns");
   }
-  std::vector<std::string> scanned;
-  for (const PatternLine& line : lines) {
-    patterns_.push_back(CompileExact(path, line));
-    scanned.push_back(line.pattern);
-  }
+  std::vector<std::unique_ptr<re2::RE2>> patterns;
+  patterns.reserve(lines.size());
+  for (const PatternLine& line : lines) patterns.push_back(CompileExact(path, line));
   try {
-    from_file_ = Scanner::ForPatterns(scanned);
+    from_file_.emplace(std::move(patterns));
   } catch (const ScannerError& error) {
-    Refuse(path, lines[error.pattern()].line,
-           std::string("the pattern can't be searched for: ") + error.what());
+    throw RedactionError(path + " can't be searched for: " + error.what() + kWhatToDo);
   }
 }
 

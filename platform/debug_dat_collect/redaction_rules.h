@@ -11,10 +11,6 @@
 #include "scanner.h"
 #include "secret_finder.h"
 
-namespace re2 {
-class RE2;
-}
-
 namespace TARVO::SupportForm {
 
 /// Text can't be checked for secrets: the rules could not be read or compiled. The text tells why, and what to do.
@@ -44,15 +40,13 @@ class RedactionRules {
   RedactionRules& operator=(const RedactionRules&) = delete;
 
   /// Finds the ends of FixedWords(), each end under a number of its own.
-  [[nodiscard]] const Scanner& built_in() const { return *built_in_; }
+  [[nodiscard]] const WordScanner& built_in() const { return *built_in_; }
   /// The number of the fixed word that ends `text`, whose own end has the number `end`; nothing where none does.
   [[nodiscard]] std::optional<unsigned> WordAtEnd(unsigned end, std::string_view text) const;
   /// Finds the patterns of the file, each under its number; nothing where there are none.
-  [[nodiscard]] const std::optional<Scanner>& from_file() const { return from_file_; }
-  /// Tells the exact place of a match that from_file() found, and of its group.
-  [[nodiscard]] const re2::RE2& pattern(std::size_t number) const { return *patterns_[number]; }
+  [[nodiscard]] const std::optional<PatternScanner>& from_file() const { return from_file_; }
   /// Patterns of the file; their numbers are below this.
-  [[nodiscard]] std::size_t pattern_count() const { return patterns_.size(); }
+  [[nodiscard]] std::size_t pattern_count() const { return from_file_ ? from_file_->count() : 0; }
 
  private:
   // In the constructor, in this order. Each throws RedactionError.
@@ -61,9 +55,8 @@ class RedactionRules {
 
   std::vector<FixedWord> words_;                     ///< By their numbers.
   std::vector<std::vector<unsigned>> words_of_end_;  ///< Those that the scan does not tell apart.
-  std::optional<Scanner> built_in_;                  ///< Never nothing once the constructor has returned.
-  std::optional<Scanner> from_file_;                 ///< Nothing where the file has no pattern.
-  std::vector<std::unique_ptr<re2::RE2>> patterns_;  ///< Of the file, by their numbers.
+  std::optional<WordScanner> built_in_;              ///< Never nothing once the constructor has returned.
+  std::optional<PatternScanner> from_file_;          ///< Nothing where the file has no pattern.
 };
 
 }  // namespace TARVO::SupportForm

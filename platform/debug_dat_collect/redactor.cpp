@@ -78,7 +78,6 @@ bool HasUnusual(std::string_view text) {
 Redactor::Redactor(const RedactionRules* rules) : rules_(rules) {
   if (!rules_) return;
   words_memory_ = rules_->built_in().NewMemory();
-  if (rules_->from_file()) patterns_memory_ = rules_->from_file()->NewMemory();
   found_until_.resize(rules_->pattern_count());
 }
 
@@ -108,7 +107,7 @@ std::size_t Redactor::FindSecrets(std::string_view text, bool at_end) {
   // A word is found by its own bytes, a match of a pattern by the text around it too.
   Scan(rules_->built_in(), *words_memory_, &Redactor::TakeWord, RedactionRules::kMaxEndBytes, horizon_);
   if (rules_->from_file()) {
-    Scan(*rules_->from_file(), *patterns_memory_, &Redactor::TakePattern, kReach, text.size());
+    Scan(*rules_->from_file(), patterns_memory_, &Redactor::TakePattern, kReach, text.size());
   }
   taken_ = horizon_;
   if (in_key_ && (at_end || key_limit_ <= horizon_)) EndKey(horizon_);
@@ -119,7 +118,8 @@ std::size_t Redactor::FindSecrets(std::string_view text, bool at_end) {
 /// @param take    Returns the offset up to which no further hit is wanted.
 /// @param before  So many bytes before the end of a hit decide on it.
 /// @param end     The text behind it decides on no hit that is due.
-void Redactor::Scan(const Scanner& scanner, Scanner::Memory& memory,
+template <typename Scanner>
+void Redactor::Scan(const Scanner& scanner, typename Scanner::Memory& memory,
                     std::size_t (Redactor::*take)(unsigned, std::size_t), std::size_t before,
                     std::size_t end) {
   std::size_t taken = taken_;
@@ -285,7 +285,7 @@ std::size_t Redactor::TakePattern(unsigned number, std::size_t hit) {
   const bool cut_end = line_end == npos && end < text_.size();
   const std::size_t context = begin - (cut_begin ? 1 : 0);
   const re2::StringPiece window(text_.data() + context, end + (cut_end ? 1 : 0) - context);
-  const re2::RE2& pattern = rules_->pattern(number);
+  const re2::RE2& pattern = rules_->from_file()->pattern(number);
   std::array<re2::StringPiece, 2> groups;
   std::size_t at = begin - context;
   while (at <= end - context && pattern.Match(window, at, end - context, re2::RE2::UNANCHORED, groups.data(),

@@ -60,7 +60,8 @@ class Redactor {
   // In the order in which Process() comes to them. Offsets are those of the block; a hit is the offset behind a word or
   // a match that the scan has found.
   std::size_t FindSecrets(std::string_view text, bool at_end);
-  void Scan(const Scanner& scanner, Scanner::Memory& memory,
+  template <typename Scanner>
+  void Scan(const Scanner& scanner, typename Scanner::Memory& memory,
             std::size_t (Redactor::*take)(unsigned, std::size_t), std::size_t before, std::size_t end);
   /// Looks around a fixed word for the secrets that it betrays, and charges the allowance; masks a whole part where
   /// that is spent.
@@ -80,9 +81,9 @@ class Redactor {
   /// Writes the stars of the rules' secrets; the mask of tokens writes its own.
   void MaskDecided(char* data, std::size_t decided);
 
-  const RedactionRules* rules_;     ///< Null: only tokens are masked.
-  ScannerMemory words_memory_;      ///< Null as the rules.
-  ScannerMemory patterns_memory_;   ///< Null where the file has no pattern.
+  const RedactionRules* rules_;  ///< Null: only tokens are masked.
+  WordMemory words_memory_;      ///< Null as the rules.
+  PatternScanner::Memory patterns_memory_;
   SecretFinder finder_;             ///< Remembers what it has looked at.
   SearchAllowance allowance_;       ///< Of this text.
   TokenMask token_mask_;            ///< Asked only where a "token" may be.
