@@ -68,7 +68,8 @@ is_installed() {
   local wanted=${1#*:}
   [ "$wanted" != "$1" ] || wanted=$(dpkg --print-architecture)
   # shellcheck disable=SC2016 # dpkg-query expands it
-  dpkg-query -W -f '${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null | grep -Ex "(all|$wanted) installed" >/dev/null
+  dpkg-query -W -f '${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null |
+    grep -Ex "(all|$wanted) installed" >/dev/null
 }
 
 # package_servers: the hosts and ports that apt fetches from. Nothing where it may know another way: a proxy or a disk.
