@@ -141,7 +141,8 @@ bool IsUnixSocket(const std::string& notification_url) {
          !address.socket_path.empty();
 }
 
-/// The worker's connection to the notification server that the configuration names; never kUnixSocket.
+/// The worker's connection to the notification server that the configuration names; never kUnixSocket. Where no address
+/// can be read, it may be that of a unix socket: the worker has the one that it read at its start.
 Connection ConnectionOf(pid_t worker, const std::string& configuration) {
   const std::optional<UserIds> user = UserOf(worker);
   if (geteuid() != 0 && (!user || user->user != geteuid())) return Connection::kUnknown;
@@ -149,8 +150,9 @@ Connection ConnectionOf(pid_t worker, const std::string& configuration) {
   if (found == Connection::kEstablished || found == Connection::kUnknown) return found;
   ServiceUrls urls;
   static_cast<void>(CheckConfiguration(configuration, urls));
-  if (!IsUnixSocket(urls.notification)) return Connection::kNone;
-  if (found == Connection::kUnixSocket) return Connection::kEstablished;
+  const bool is_known = !urls.notification.empty();
+  if (is_known && !IsUnixSocket(urls.notification)) return Connection::kNone;
+  if (found == Connection::kUnixSocket) return is_known ? Connection::kEstablished : Connection::kUnknown;
   return geteuid() == 0 ? Connection::kNone : Connection::kUnknown;  // others need not see its unix sockets
 }
 

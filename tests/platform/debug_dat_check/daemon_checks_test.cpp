@@ -134,15 +134,21 @@ TEST_F(DaemonCheckTest, ConnectionOfAUnixSocketCountsWhereTheNotificationAddress
   ASSERT_EQ(worker.Answer(), "");
   DaemonProcesses daemon;
   daemon.supervisor = daemon.worker = Process(worker.pid(), 1, 20);
-  const auto status_with = [&](const std::string& url) {
-    const std::string text = R"({"debug_dat_file_transmitter": {"grpc_server": {"url": ")" + url + R"("}}})";
+  const auto status_with_file = [&](const std::string& configuration) {
     TarvoOrvane::Internal::LoggerOptions logger;
     logger.flag_file = temp_.Write("debug", "");  // no journal
     logger.log_file = temp_.File("none");
-    return DaemonStatus(daemon, temp_.Write("conf", text), logger, {});
+    return DaemonStatus(daemon, configuration, logger, {});
+  };
+  const auto status_with = [&](const std::string& url) {
+    const std::string text = R"({"debug_dat_file_transmitter": {"grpc_server": {"url": ")" + url + R"("}}})";
+    return status_with_file(temp_.Write("conf", text));
   };
   EXPECT_THAT(status_with("unix:/run/notification.sock"), IsOk("working: connected, runs since"));
   EXPECT_THAT(status_with("http://127.0.0.1:9"), IsProblem("no connection to the notification server"));
+  const std::string not_known = "working: its connection is not shown, runs since";
+  EXPECT_THAT(status_with_file(temp_.File("missing")), IsOk(not_known));
+  EXPECT_THAT(status_with_file(temp_.Write("conf", R"({"debug_dat_file_transmitter": )")), IsOk(not_known));
 }
 
 // ---- the last ticket ----
