@@ -1,7 +1,6 @@
 #include "device_checks.h"
 
 #include <fcntl.h>
-#include <json/reader.h>
 #include <json/value.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <system_error>
 
 #include "app_description.h"
+#include "daemon_json.h"
 #include "file_util.h"
 #include "program_path.h"
 #include "redaction_rules.h"
@@ -65,26 +65,6 @@ bool HasAccess(const std::string& path, int mode) {
 }
 
 // ---- configuration ----
-
-/// Parses as the daemon does, which takes comments and drops them.
-/// @return What is wrong and in which line; empty when nothing is.
-std::string ParseConfiguration(const std::string& text, Json::Value& root) {
-  // The successor of Json::Reader, which jsoncpp marks as deprecated, accepts other texts than the daemon.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-  Json::Reader reader;
-  try {
-    if (reader.parse(text, root, false)) return {};
-  } catch (const Json::Exception& error) {  // nesting beyond the reader's limit
-    return error.what();
-  }
-  const auto errors = reader.getStructuredErrors();
-#pragma GCC diagnostic pop
-  if (errors.empty()) return "no JSON document";
-  const auto fault_begin = text.begin() + errors.front().offset_start;
-  return "line " + std::to_string(1 + std::count(text.begin(), fault_begin, '\n')) + ": " +
-         errors.front().message;
-}
 
 /// Takes the string debug_dat_file_transmitter.SERVER.url.
 /// @return What is wrong with it; empty when nothing is.
@@ -223,7 +203,7 @@ Check CheckConfiguration(const std::string& path, ServiceUrls& urls) {
   }
   if (more) return Problem(kConfiguration, path + " is longer than 1 MiB", kConfigurationForm);
   Json::Value root;
-  if (const std::string fault = ParseConfiguration(text, root); !fault.empty()) {
+  if (const std::string fault = ParseAsTheDaemon(text, root); !fault.empty()) {
     return Problem(kConfiguration, path + " is not valid JSON: " + fault,
                    "Correct it, then restart the daemon");
   }

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "curl_helpers.h"
+#include "daemon_json.h"
 #include "file_util.h"
 #include "notification_stream.h"
 #include "platform/support_service_client.h"
@@ -286,10 +287,21 @@ bool IsWebPage(std::string type) {
   return type.rfind("text/html", 0) == 0 || type.rfind("application/xhtml+xml", 0) == 0;
 }
 
-/// Judges an answer to a request for one of the daemon's paths. A refusal is in order, also one with a page for people:
-/// servers before the CSS server refuse so what they know to be no POST, or without a token.
+/// What a body is that the daemon would not take as an answer; empty where it is one.
+/// @param type  The Content-Type; nullptr where there is none.
+std::string OtherThanAnAnswer(const char* type, const std::string& body) {
+  if (type != nullptr && IsWebPage(type)) return "a web page";
+  Json::Value answer;
+  const bool is_object = ParseAsTheDaemon(body, answer).empty() && answer.isObject();
+  return is_object ? "" : "something else than a JSON object";
+}
+
+/// Judges an answer to a request for one of the daemon's paths. A refusal is in order, also one with a page for people.
+/// A gateway before the CSS server may refuse a GET, or a request without a token, with a page of its own.
+/// @param body  The answer's.
 /// @return kOk with the status alone as its text.
-Check AnswerCheck(const CurlHandle& handle, const CssAddress& address, const std::string& path) {
+Check AnswerCheck(const CurlHandle& handle, const CssAddress& address, const std::string& path,
+                  const std::string& body) {
   long status = 0;
   const char* redirect = nullptr;
   const char* type = nullptr;
@@ -309,8 +321,9 @@ Check AnswerCheck(const CurlHandle& handle, const CssAddress& address, const std
         "Put the address into css_server.url behind which the server serves it, without a slash at its "
         "end");
   }
-  if (status / 100 == 2 && type != nullptr && IsWebPage(type)) {
-    return Problem(kCssServer, text + " with a web page: this is no CSS server",
+  const std::string other = status / 100 == 2 ? OtherThanAnAnswer(type, body) : "";
+  if (!other.empty()) {
+    return Problem(kCssServer, text + " with " + other + ": this is no CSS server",
                    "Put the CSS server's address into css_server.url");
   }
   if (status >= 500) {
@@ -327,7 +340,7 @@ Check AnswerCheck(const CurlHandle& handle, const CssAddress& address, const std
 Check CheckCssPath(const CssAddress& address, const std::string& path, const std::string& tls_folder,
                    const ServerLimits& limits) {
   CurlHandle handle(curl_easy_init(), &curl_easy_cleanup);
-  std::string answer;
+  std::string answer;  // CurlSetupWriteToString() bounds it
   try {
     // The URL and the time limit are the caller's in the daemon, too; all else is set by the library.
     SetOption(handle, CURLOPT_URL, (address.url + path).c_str());
@@ -336,7 +349,7 @@ Check CheckCssPath(const CssAddress& address, const std::string& path, const std
     if (const auto fault = client::PerformTransfer(handle, tls_folder)) {
       return Problem(kCssServer, fault->text, TransferAdvice(fault->code));
     }
-    return AnswerCheck(handle, address, path);
+    return AnswerCheck(handle, address, path, answer);
   } catch (const CurlFailedException& failure) {  // an option could not be set
     return Problem(kCssServer, failure.what(), TransferAdvice(failure.code));
   }

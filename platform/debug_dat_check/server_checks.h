@@ -51,9 +51,9 @@ struct CssAddress {
                                 const TarvoOrvane::Internal::TlsFiles& tls, const std::string& system_roots,
                                 const ServerLimits& limits);
 
-/// Sends the CSS server a GET without a token for each of the daemon's two paths. The daemon's own requests are POSTs, so
-/// that these have no effect. A server that does not know one of the paths, leads elsewhere or answers with a web page is
-/// a problem: it would serve no ticket.
+/// Sends the CSS server a GET without a token for each of the daemon's two paths. The daemon's own requests are POSTs,
+/// so that these have no effect. A server that does not know one of the paths, leads elsewhere, or accepts the request
+/// with something else than a JSON object is a problem: it would serve no ticket.
 /// @param address     An https: address has the TLS files read, and a fault there is the answer.
 /// @param tls_folder  Folder of the TLS files.
 [[nodiscard]] Check CheckCssServer(const CssAddress& address, const std::string& tls_folder,

@@ -400,6 +400,27 @@ TEST(CssServerCheckTest, WebPageIsAProblem) {
   }
 }
 
+TEST(CssServerCheckTest, AcceptedRequestWithoutAJsonObjectIsAProblem) {
+  const auto is_told = AllOf(IsProblem("with something else than a JSON object"), Advises("css_server.url"));
+  for (const char* body :
+       {"hello", "", "<html><body>It works</body></html>", "[1]", "true", "{\"success\":"}) {
+    SteerableServer server({HttpAnswer("200 OK", body)});
+    EXPECT_THAT(Css(server.Url()), AllOf(is_told, IsProblem("/orvane/ps_files"))) << body;
+    SteerableServer second({HttpAnswer("200 OK", "{}"), HttpAnswer("200 OK", body)});
+    EXPECT_THAT(Css(second.Url()), AllOf(is_told, IsProblem("/orvane/ps_results"))) << body;
+  }
+  SteerableServer without_body({{{"HTTP/1.1 204 No Content\r\n\r\n"}}});
+  EXPECT_THAT(Css(without_body.Url()), is_told);
+  SteerableServer deep({HttpAnswer("200 OK", std::string(100'000, '['))});
+  EXPECT_THAT(Css(deep.Url()), is_told);
+}
+
+TEST(CssServerCheckTest, AnswerThatNeverEndsIsAProblem) {
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100000000\r\n\r\n";
+  SteerableServer server({{{head, std::string(std::size_t{1} << 20, ' ')}}});
+  EXPECT_THAT(Css(server.Url()), IsProblem("was cut off"));
+}
+
 TEST(CssServerCheckTest, RefusalWithAPageIsOkAsServersBeforeTheCssServerMakeThem) {
   const std::string refusal =
       "HTTP/1.1 405 Not Allowed\r\nContent-Type: text/html\r\nContent-Length: 5\r\n\r\n<html";
