@@ -15,13 +15,12 @@ Check Warning(const std::string& name, const std::string& text, const std::strin
 
 Check Problem(const std::string& name, const std::string& text, const std::string& advice, int error) {
   if (error != EACCES || geteuid() == 0) return {name, State::kProblem, text, advice};
-  if (getuid() != 0) {
-    return {name, State::kProblem, text,
-            "Run this as root, as the daemon runs; it may not read this as an ordinary user"};
-  }
-  // Root looks with the rights of the daemon's user, and will be root again.
   const passwd* const user = getpwuid(geteuid());
   const std::string who = user != nullptr ? user->pw_name : std::to_string(geteuid());
+  // Where the real user is root, root looks with the rights of the daemon's user.
+  if (getuid() != 0 && who != kUnitUser) {
+    return {name, State::kProblem, text, "Run this as root; it may not read this as an ordinary user"};
+  }
   return {name, State::kProblem, text,
           "The daemon runs as the user " + who + ", who lacks the right. Give it to that user: chown " + who +
               " for client.key, chgrp " + who + " and chmod g+r for all else, g+x for folders"};

@@ -6,6 +6,9 @@
 
 namespace DebugDatCheck {
 
+/// Who the installed unit runs the daemon as.
+inline constexpr char kUnitUser[] = "tarvo";
+
 enum class State {
   kOk,
   kWarning,  ///< The daemon works, but not as well or as safely as it could.
@@ -27,8 +30,8 @@ struct Check {
 /// @param advice  What to do; never empty.
 [[nodiscard]] Check Warning(const std::string& name, const std::string& text, const std::string& advice);
 
-/// A problem. Where it is a refused access, the advice is to run this as root; or, where root looks with the rights of the
-/// daemon's user (run_checks.h), to give that user the right.
+/// A problem. Where it is a refused access, the advice is to run this as root. Where kUnitUser asks, or root looks with
+/// the rights of the daemon's user (run_checks.h), it is to give that user the right.
 /// @param text    What is wrong, beginning with what it is: a path, an address.
 /// @param advice  What to do; never empty.
 /// @param error   The errno value that the text tells of; 0 where it tells of none.

@@ -42,9 +42,6 @@ struct UserIds {
   std::vector<gid_t> groups;  ///< The others.
 };
 
-/// Who the installed unit runs the daemon as.
-inline constexpr char kUnitUser[] = "tarvo";
-
 /// Whom the process runs as; nothing where it has gone.
 [[nodiscard]] std::optional<UserIds> UserOf(pid_t process);
 
