@@ -1,5 +1,5 @@
-/// All checks of a platform, in the order of the report. They use the platform that is given here, which has to outlive
-/// them.
+/// All checks of a platform, in the order of the report. They use the platform and the folder that are given
+/// here, which have to outlive them.
 #pragma once
 
 #include <string>
@@ -7,6 +7,7 @@
 
 #include "check.h"
 #include "platform.h"
+#include "scratch_folder.h"
 
 namespace DebugDatPlatformTest {
 
@@ -17,13 +18,13 @@ namespace DebugDatPlatformTest {
 [[nodiscard]] std::vector<Check> FileChecks(const Platform& platform);
 
 /// What core.h promises.
-[[nodiscard]] std::vector<Check> CoreChecks(const Platform& platform);
+[[nodiscard]] std::vector<Check> CoreChecks(const Platform& platform, const ScratchFolder& scratch);
 
 /// What support_service_client.h promises of the logger.
 [[nodiscard]] std::vector<Check> LoggerChecks(const Platform& platform);
 
 /// What it promises of the curl helpers.
-[[nodiscard]] std::vector<Check> HttpChecks(const Platform& platform);
+[[nodiscard]] std::vector<Check> HttpChecks(const Platform& platform, const ScratchFolder& scratch);
 
 /// What it promises of the serial number and of the ticket client.
 /// @param ticket_from  The address of a notification server that has a ticket; empty for none.

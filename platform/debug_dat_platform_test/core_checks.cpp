@@ -9,38 +9,30 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "checks.h"
+#include "unique_fd.h"
 
 namespace DebugDatPlatformTest {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr int kWorkersFlags = 0x41;  // what the daemon passes
 
-/// A folder of its own for a check, removed with what is in it.
-class Folder {
- public:
-  Folder() {
-    std::string name = fs::temp_directory_path() / "debug_dat_platform_test.XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) throw CannotTell("there is no folder for temporary files");
-    path_ = name;
-  }
-  ~Folder() {
-    std::error_code error;
-    fs::remove_all(path_, error);
-  }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
+using TARVO::SupportForm::UniqueFd;
 
-  [[nodiscard]] std::string PathOf(const char* name) const { return path_ / name; }
+/// A pipe whose ends a child inherits.
+struct Pipe {
+  Pipe() {
+    std::array<int, 2> ends = {-1, -1};
+    if (pipe(ends.data()) != 0) throw CannotTell("there is no pipe");
+    reader = UniqueFd(ends[0]);
+    writer = UniqueFd(ends[1]);
+  }
 
- private:
-  fs::path path_;
+  UniqueFd reader;
+  UniqueFd writer;
 };
 
 std::string ReadText(const std::string& path) {
@@ -49,29 +41,22 @@ std::string ReadText(const std::string& path) {
   return text.str();
 }
 
-void WriteText(const std::string& path, const std::string& text) {
-  std::ofstream file(path);
-  file << text << std::flush;
-  if (!file) throw CannotTell("can't write " + path);
-}
-
 using ForkCall = std::function<int()>;
 
 /// The child tells its id over a pipe, and ends with `kChildsStatus`.
 void CheckFork(const ForkCall& fork_call) {
   constexpr int kChildsStatus = 7;
   const pid_t parent = getpid();
-  std::array<int, 2> ends = {-1, -1};
-  if (pipe(ends.data()) != 0) throw CannotTell("there is no pipe");
+  Pipe pipe;
   const int result = fork_call();
   if (getpid() != parent) {
     const std::array<pid_t, 2> told = {getpid(), result};
-    static_cast<void>(!write(ends[1], told.data(), sizeof(told)));
+    static_cast<void>(!write(pipe.writer.get(), told.data(), sizeof(told)));
     _exit(kChildsStatus);
   }
-  close(ends[1]);
+  pipe.writer.Close();
   std::array<pid_t, 2> told = {};
-  const bool was_told = read(ends[0], told.data(), sizeof(told)) == sizeof(told);
+  const bool was_told = read(pipe.reader.get(), told.data(), sizeof(told)) == sizeof(told);
   Expect(was_told, "no child wrote into the pipe that it should have inherited");
   Expect(told[1] == 0, "the child got " + std::to_string(told[1]) + " and not 0");
   Expect(result == told[0],
@@ -107,9 +92,8 @@ void CheckRefusedFork(const ForkCall& fork_call) {
 
 using PidFileCreate = int (*)(const char*);
 
-void CheckPidFile(PidFileCreate create) {
-  const Folder folder;
-  const std::string path = folder.PathOf("pid");
+void CheckPidFile(PidFileCreate create, const ScratchFolder& scratch) {
+  const std::string path = scratch.NewPath("pid");
   const int result = create(path.c_str());
   Expect(result >= 0, "the result for a new file was " + std::to_string(result));
   const std::string text = ReadText(path);
@@ -119,9 +103,8 @@ void CheckPidFile(PidFileCreate create) {
                                               "' and not the caller's id, " + std::to_string(getpid()));
 }
 
-void CheckPidFileFailure(PidFileCreate create) {
-  const Folder folder;
-  const int result = create(folder.PathOf("missing/pid").c_str());
+void CheckPidFileFailure(PidFileCreate create, const ScratchFolder& scratch) {
+  const int result = create(scratch.NewPath("missing/pid").c_str());
   Expect(result < 0, "the result was " + std::to_string(result) + " where the folder is missing");
 }
 
@@ -129,18 +112,16 @@ void CheckPidFileFailure(PidFileCreate create) {
 class Daemon {
  public:
   Daemon(PidFileCreate create, const std::string& path) {
-    std::array<int, 2> ends = {-1, -1};
-    if (pipe(ends.data()) != 0) throw CannotTell("there is no pipe");
+    Pipe pipe;
     pid_ = fork();
     if (pid_ < 0) throw CannotTell("there is no process for a daemon");
     if (pid_ == 0) {
       const int result = create(path.c_str());
-      static_cast<void>(!write(ends[1], &result, sizeof(result)));
+      static_cast<void>(!write(pipe.writer.get(), &result, sizeof(result)));
       for (;;) pause();
     }
-    close(ends[1]);
-    if (read(ends[0], &result_, sizeof(result_)) != sizeof(result_)) result_ = -1;
-    close(ends[0]);
+    pipe.writer.Close();
+    if (read(pipe.reader.get(), &result_, sizeof(result_)) != sizeof(result_)) result_ = -1;
   }
   ~Daemon() {
     kill(pid_, SIGKILL);
@@ -157,9 +138,8 @@ class Daemon {
   int result_ = -1;
 };
 
-void CheckSecondDaemon(PidFileCreate create) {
-  const Folder folder;
-  const std::string path = folder.PathOf("pid");
+void CheckSecondDaemon(PidFileCreate create, const ScratchFolder& scratch) {
+  const std::string path = scratch.NewPath("pid");
   const Daemon first(create, path);
   Expect(first.result() >= 0, "the first daemon was refused");
   const std::string text = ReadText(path);
@@ -169,9 +149,8 @@ void CheckSecondDaemon(PidFileCreate create) {
   Expect(ReadText(path) == text, "the second daemon has changed the first one's file");
 }
 
-void CheckDeadDaemon(PidFileCreate create) {
-  const Folder folder;
-  const std::string path = folder.PathOf("pid");
+void CheckDeadDaemon(PidFileCreate create, const ScratchFolder& scratch) {
+  const std::string path = scratch.NewPath("pid");
   { const Daemon dead(create, path); }
   const Daemon next(create, path);
   Expect(next.result() >= 0, "the file of a daemon that has been killed keeps the next one from starting");
@@ -179,23 +158,20 @@ void CheckDeadDaemon(PidFileCreate create) {
 
 using FileExist = int (*)(const char*);
 
-void CheckExists(FileExist exist) {
-  const Folder folder;
-  const std::string path = folder.PathOf("debug.dat");
+void CheckExists(FileExist exist, const ScratchFolder& scratch) {
+  const std::string path = scratch.NewPath("debug.dat");
   WriteText(path, "an archive");
   const int result = exist(path.c_str());
   Expect(result == 1, "the result for an archive that is there was " + std::to_string(result));
 }
 
-void CheckMissing(FileExist exist) {
-  const Folder folder;
-  Expect(exist(folder.PathOf("debug.dat").c_str()) != 1, "it was 1 for a path at which nothing is");
+void CheckMissing(FileExist exist, const ScratchFolder& scratch) {
+  Expect(exist(scratch.NewPath("debug.dat").c_str()) != 1, "it was 1 for a path at which nothing is");
   Expect(exist("") != 1, "it was 1 for the empty path, which the daemon asks for where there is no archive");
 }
 
-void CheckUnlinked(FileExist exist) {
-  const Folder folder;
-  const std::string path = folder.PathOf("debug.dat");
+void CheckUnlinked(FileExist exist, const ScratchFolder& scratch) {
+  const std::string path = scratch.NewPath("debug.dat");
   WriteText(path, "an archive");
   static_cast<void>(exist(path.c_str()));
   unlink(path.c_str());
@@ -230,9 +206,9 @@ std::vector<Check> ForkChecks(const Platform& platform) {
   };
 }
 
-std::vector<Check> PidFileChecks(const Platform& platform) {
-  const auto pid_file = [&platform](void (*check)(PidFileCreate)) {
-    return [&platform, check] { check(platform.Get<PidFileCreate>(Symbol::kPidFileCreate)); };
+std::vector<Check> PidFileChecks(const Platform& platform, const ScratchFolder& scratch) {
+  const auto pid_file = [&](void (*check)(PidFileCreate, const ScratchFolder&)) {
+    return [&, check] { check(platform.Get<PidFileCreate>(Symbol::kPidFileCreate), scratch); };
   };
   return {
       {"pid-file",
@@ -259,9 +235,9 @@ std::vector<Check> PidFileChecks(const Platform& platform) {
   };
 }
 
-std::vector<Check> FileExistChecks(const Platform& platform) {
-  const auto file = [&platform](void (*check)(FileExist)) {
-    return [&platform, check] { check(platform.Get<FileExist>(Symbol::kFileExist)); };
+std::vector<Check> FileExistChecks(const Platform& platform, const ScratchFolder& scratch) {
+  const auto file = [&](void (*check)(FileExist, const ScratchFolder&)) {
+    return [&, check] { check(platform.Get<FileExist>(Symbol::kFileExist), scratch); };
   };
   return {
       {"file-exists",
@@ -284,9 +260,10 @@ std::vector<Check> FileExistChecks(const Platform& platform) {
 
 }  // namespace
 
-std::vector<Check> CoreChecks(const Platform& platform) {
+std::vector<Check> CoreChecks(const Platform& platform, const ScratchFolder& scratch) {
   std::vector<Check> checks;
-  for (const auto& group : {ForkChecks(platform), PidFileChecks(platform), FileExistChecks(platform)}) {
+  for (const auto& group :
+       {ForkChecks(platform), PidFileChecks(platform, scratch), FileExistChecks(platform, scratch)}) {
     checks.insert(checks.end(), group.begin(), group.end());
   }
   return checks;

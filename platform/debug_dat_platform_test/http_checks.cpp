@@ -1,7 +1,4 @@
 // What support_service_client.h promises of the curl helpers.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <fstream>
 
 #include "answering_server.h"
@@ -153,12 +150,10 @@ std::string PartIn(const std::string& request, const std::string& name, std::siz
   return request.substr(begin, from == std::string::npos ? from : from - begin);
 }
 
-/// The archive's name in the request, and its content, which is another when the part is added. The file has no name in
-/// a folder, so nothing is left of it however this ends.
-void CheckFormParts(const Platform& platform) {
-  const int file = memfd_create("archive", MFD_CLOEXEC);
-  if (file < 0) throw CannotTell("there is no file to be sent");
-  const std::string path = "/proc/self/fd/" + std::to_string(file);
+/// The archive's name in the request, and its content, which is another when the part is added.
+void CheckFormParts(const Platform& platform, const ScratchFolder& scratch) {
+  const std::string path = scratch.NewPath("debug.dat");
+  WriteText(path, "");
   const std::vector<Part> parts = {{"debug_file", CURLFORM_FILE, path},
                                    {"serial_number", CURLFORM_COPYCONTENTS, ""},
                                    {"debug_data_apps[0]", CURLFORM_COPYCONTENTS, "mail"},
@@ -167,7 +162,7 @@ void CheckFormParts(const Platform& platform) {
   Guarded<CurlHttpPost> guarded;
   CurlHttpPost& form = *new (guarded.Place()) CurlHttpPost;
   AddParts(platform, form, parts);
-  std::ofstream(path) << contents[0];
+  WriteText(path, contents[0]);
   Expect(guarded.IsIntact(), "memory beside the form was written to");
   Expect(CountOf(form) == parts.size(),
          "the form has " + std::to_string(CountOf(form)) + " of " + std::to_string(parts.size()) + " parts");
@@ -184,7 +179,6 @@ void CheckFormParts(const Platform& platform) {
            "the part " + parts[i].name + " has another content");
   }
   form.first.reset();
-  close(file);
 }
 
 void CheckFormRefusal(const Platform& platform) {
@@ -201,7 +195,7 @@ void CheckFormRefusal(const Platform& platform) {
 
 }  // namespace
 
-std::vector<Check> HttpChecks(const Platform& platform) {
+std::vector<Check> HttpChecks(const Platform& platform, const ScratchFolder& scratch) {
   const auto on = [&platform](void (*check)(const Platform&)) {
     return [&platform, check] { check(platform); };
   };
@@ -234,7 +228,7 @@ std::vector<Check> HttpChecks(const Platform& platform) {
        "CurlHttpPostAdd() has to call curl_formadd() with CURLFORM_COPYNAME, the name, the option and the "
        "value",
        {Symbol::kHttpPostAdd, Symbol::kSetupWriteToString, Symbol::kPerform},
-       on(&CheckFormParts)},
+       [&] { CheckFormParts(platform, scratch); }},
       {"form-refusal",
        "CurlFormFailedException, and the form stays",
        "CurlHttpPostAdd()" + throws + ", and to leave the other parts",

@@ -68,14 +68,15 @@ struct Options {
 int TestPlatform(const Options& options, const std::string& room_fault) {
   setlogmask(LOG_MASK(LOG_EMERG));  // what the libraries log here is no news for this machine
   Platform platform(options.folder);
+  const ScratchFolder scratch;
   Report report(options.deadline_seconds);
   for (const Library library : kLibraries) {
     if (report.Run(LoadCheck(platform, library)) == State::kOk) platform.Load(library);
   }
   report.RunAll(platform, FileChecks(platform));
-  report.RunAll(platform, CoreChecks(platform));
+  report.RunAll(platform, CoreChecks(platform, scratch));
   report.RunAll(platform, LoggerChecks(platform));
-  report.RunAll(platform, HttpChecks(platform));
+  report.RunAll(platform, HttpChecks(platform, scratch));
   report.RunAll(platform, TicketChecks(platform, options.ticket_from));
   report.RunAll(platform, RunnerChecks(platform, room_fault));
   return report.Close();

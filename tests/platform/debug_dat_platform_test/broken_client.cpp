@@ -1,6 +1,7 @@
 /// The template's libtarvoorvane with a logger, and a fault. Its ticket client is connected to nobody.
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -112,6 +113,11 @@ bool AddedWrongly(CurlHttpPost& form, const std::string& name, CURLformoption op
   if (Is("form's file is read at once") && option == CURLFORM_FILE) {
     AddPart(form, name, CURLFORM_COPYCONTENTS, ReadText(value).c_str());
     return true;
+  }
+  // No fault: a link may lead to what its maker may not read.
+  if (Is("form refuses a link") && option == CURLFORM_FILE &&
+      !std::filesystem::is_regular_file(std::filesystem::symlink_status(value))) {
+    throw CurlFormFailedException(CURL_FORMADD_OPTION_TWICE, "no ordinary file");
   }
   if (Is("form crashes") && option == CURLFORM_FILE) static_cast<void>(raise(SIGSEGV));
   if (Is("form forgets its last part")) form.last = nullptr;
