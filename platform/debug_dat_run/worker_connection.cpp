@@ -44,8 +44,8 @@ bool ReadSockets(pid_t pid, std::vector<unsigned long>& inodes) {
   return is_shown;
 }
 
-/// Whether a line of one of the tables in /proc/PID/net fits. Where the worker's is not shown, this program's own network
-/// is looked at.
+/// Whether a line of one of the tables in /proc/PID/net fits. Where the worker's is not shown, this program's own
+/// network is looked at.
 bool HasLine(pid_t worker, const std::string& table, const std::function<bool(const Words&)>& fits) {
   FILE* file = fopen(("/proc/" + std::to_string(worker) + "/net/" + table).c_str(), "re");
   if (file == nullptr) file = fopen(("/proc/self/net/" + table).c_str(), "re");

@@ -8,8 +8,8 @@ namespace DebugDatRun {
 enum class Connection {
   kUnknown,  ///< It can't be told: the worker's sockets are not shown, and not only the daemon's belong to this user.
   kNone,  ///< No TCP connection stands, and none of a unix socket is shown.
-  kUnixSocket,  ///< No TCP connection, but one of a unix stream socket. It may be the notification server's, or that of
-                ///< a name service or a log: only who knows the server's address can tell.
+  kUnixSocket,  ///< No TCP connection, but one of a unix stream socket. It is the notification server's only where that
+  ///< server's address is a unix socket, which is not known here. It may be a name service's or a log's.
   kEstablished,  ///< A TCP connection stands. Whether the stream on it is open, only the worker knows.
 };
 

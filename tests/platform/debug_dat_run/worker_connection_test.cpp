@@ -18,13 +18,23 @@
 namespace DebugDatRun {
 namespace {
 
+/// Closes what whoever started the tests has left open: it may be a connected socket. What has come through an exec
+/// lacks FD_CLOEXEC; the helper's own pipes have it.
+void CloseInherited() {
+  const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+  for (const int fd : test_support::OpenDescriptors(getpid())) {
+    if (fd <= STDERR_FILENO) {
+      dup2(nowhere, fd);
+    } else if ((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0) {
+      close(fd);
+    }
+  }
+}
+
 /// What is seen of a process that has no other sockets than those which `open_sockets` leaves open in it.
 Connection SeenOf(const std::function<bool()>& open_sockets) {
   const test_support::CallerProcess worker([&]() -> std::string {
-    const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-      dup2(nowhere, fd);  // they may be sockets
-    }
+    CloseInherited();
     return open_sockets() ? "" : strerror(errno);
   });
   EXPECT_EQ(worker.Answer(), "");
