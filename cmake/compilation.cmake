@@ -14,6 +14,9 @@ endfunction()
 # The programs too are compiled as position-independent library code: with -fPIE they would take a copy
 # of LoggerManager::instance_, which a library linked -Bsymbolic would never write to.
 add_compile_options(-fPIC)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64)  # files may be larger than a word tells
+endif()
 # RUNPATH, not RPATH, so that LD_LIBRARY_PATH can swap a platform library; every symbol is bound at
 # start, so that one that a swapped library lacks shows then.
 add_link_options(-Wl,--enable-new-dtags -Wl,-z,now -Wl,-z,relro)

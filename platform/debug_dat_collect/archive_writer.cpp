@@ -41,7 +41,7 @@ class ArchiveWriter::Content {
   Content(ArchiveWriter& writer, std::uint64_t lead) : writer_(writer), lead_(lead) {}
 
   void Take(std::string_view bytes) {
-    const auto dropped = static_cast<std::size_t>(std::min<std::uint64_t>(lead_, bytes.size()));
+    const std::size_t dropped = AtMost(lead_, bytes.size());
     lead_ -= dropped;
     bytes.remove_prefix(dropped);
     if (bytes.empty()) return;
@@ -53,7 +53,7 @@ class ArchiveWriter::Content {
   void TakeZeros(std::uint64_t count) {
     static constexpr std::array<char, 4096> kZeros = {};
     while (count > 0) {
-      const std::size_t step = std::min<std::uint64_t>(count, kZeros.size());
+      const std::size_t step = AtMost(count, kZeros.size());
       Take({kZeros.data(), step});
       count -= step;
     }
@@ -105,7 +105,7 @@ bool ArchiveWriter::TakeRoom(std::uint64_t more) {
 
 WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& source) {
   WrittenEntry written;
-  if (!source.last && !TakeRoom(std::min<std::uint64_t>(source.size, buffer_.size()))) {
+  if (!source.last && !TakeRoom(AtMost(source.size, buffer_.size()))) {
     written.no_room = errno;
     written.left_out = true;
     return written;
@@ -118,7 +118,7 @@ WrittenEntry ArchiveWriter::Add(const std::string& name, const EntrySource& sour
   std::size_t held = 0;                            // bytes read, but not decided; at the buffer's beginning
   bool at_end = false;
   while (!at_end) {
-    const std::size_t room = std::min<std::uint64_t>(left, buffer_.size() - held);
+    const std::size_t room = AtMost(left, buffer_.size() - held);
     if (!source.last && room > 0 && !TakeRoom(held + room)) written.no_room = errno;
     const bool reads = room > 0 && written.no_room == 0;
     const ssize_t count = reads ? source.read(buffer_.data() + held, room) : 0;

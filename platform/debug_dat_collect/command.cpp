@@ -116,7 +116,7 @@ class OutputCopy {
       if (written_ + bytes.size() > 2 * limit_) DropBegin();
     } else if (bytes.size() > limit_ - written_) {
       over_ = true;
-      bytes = bytes.substr(0, limit_ - written_);
+      bytes = bytes.substr(0, AtMost(limit_ - written_, bytes.size()));
     }
     if (!WriteAll(to_, bytes)) write_error_ = errno;
     written_ += bytes.size();
@@ -130,8 +130,8 @@ class OutputCopy {
     std::uint64_t done = 0;
     errno = EIO;  // for a read or write that is short
     while (done < kept) {
-      const ssize_t count = pread(to_, buffer.data(), std::min<std::uint64_t>(kept - done, buffer.size()),
-                                  static_cast<off_t>(begin + done));
+      const ssize_t count =
+          pread(to_, buffer.data(), AtMost(kept - done, buffer.size()), static_cast<off_t>(begin + done));
       if (count <= 0 ||
           pwrite(to_, buffer.data(), static_cast<std::size_t>(count), static_cast<off_t>(done)) != count) {
         break;

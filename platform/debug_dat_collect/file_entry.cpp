@@ -127,8 +127,7 @@ Unpacker::Input PackedInput(int fd, const struct stat& status, const UnpackLimit
       errno = ETIME;
       return ssize_t{-1};
     }
-    const ssize_t count = ReadAt(
-        fd, buffer, static_cast<std::size_t>(std::min<std::uint64_t>(capacity, size - offset)), offset);
+    const ssize_t count = ReadAt(fd, buffer, AtMost(size - offset, capacity), offset);
     if (count > 0) offset += static_cast<std::uint64_t>(count);
     return count;
   };
@@ -170,7 +169,7 @@ FileEntry AddFile(ArchiveWriter& archive, const std::string& name, int fd, const
   HeadReader reader(ReaderOf(fd, skipped - source.lead));
   const std::uint64_t wanted = source.lead + source.size;
   // One byte more is asked for than the file had: of a small file this tells whether it grew.
-  const std::string_view head = reader.Head(std::min<std::uint64_t>(wanted + 1, kTextHeadBytes));
+  const std::string_view head = reader.Head(AtMost(wanted + 1, kTextHeadBytes));
   if (check.rules != nullptr && check.unpacks && !check.binary_allowed) {
     entry.packing = PackingOfFile(fd, head, skipped == source.lead);
     if (entry.packing != Packing::kNone) return entry;
@@ -243,14 +242,14 @@ FileEntry AddUnpacked(ArchiveWriter& archive, const std::string& name, int fd, c
   Unpacker unpacker(packed.packing, PackedInput(fd, status, limits));
   std::vector<char> buffer(kUnpackBytes);
   for (std::uint64_t left = skipped - source.lead; left > 0;) {
-    const ssize_t count = unpacker.Read(buffer.data(), std::min<std::uint64_t>(left, buffer.size()));
+    const ssize_t count = unpacker.Read(buffer.data(), AtMost(left, buffer.size()));
     if (count <= 0) break;
     left -= static_cast<std::uint64_t>(count);
   }
   HeadReader reader([&unpacker](char* to, std::size_t capacity) { return unpacker.Read(to, capacity); });
   const std::uint64_t wanted = source.lead + source.size;
   // The file may be another one than it was, and its end another kind of content than its beginning.
-  const std::string why = WhyNotUnpacked(reader.Head(std::min<std::uint64_t>(wanted, kTextHeadBytes)));
+  const std::string why = WhyNotUnpacked(reader.Head(AtMost(wanted, kTextHeadBytes)));
   if (!why.empty()) {
     entry.left_out = NotText(packed.packing, why);
     return entry;

@@ -125,7 +125,8 @@ void Expect(bool holds, const std::string& fault) {
 }
 
 Verdict RunInChild(const Check& check, unsigned deadline_seconds) {
-  const long seconds = long{deadline_seconds} * (check.patience == Patience::kTenDeadlines ? 10 : 1);
+  const long seconds =
+      static_cast<long>(deadline_seconds) * (check.patience == Patience::kTenDeadlines ? 10 : 1);
   std::array<int, 2> ends = {-1, -1};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) return {State::kSkipped, "there is no pipe to the check"};
   const pid_t child = fork();

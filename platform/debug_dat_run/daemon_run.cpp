@@ -243,7 +243,8 @@ bool DaemonRun::FindLeftovers() {
       "processes of an earlier start of the daemon are left: %s. They are ended first, a ticket has %ld s "
       "for that",
       IdsOf(found).c_str(), options_.stop_seconds);
-  manager_.TellStarting("ending what an earlier start has left", options_.stop_seconds + limits_.end / 1'000);
+  manager_.TellStarting("ending what an earlier start has left",
+                        options_.stop_seconds + static_cast<long>(limits_.end / 1'000));
   return true;
 }
 
@@ -389,7 +390,7 @@ void DaemonRun::Fail(const std::string& what, int status) {
 void DaemonRun::BeginToEnd(const std::string& reason, int status) {
   if (phase_ == Phase::kStarting) static_cast<void>(FindProcesses());
   exit_status_ = status;
-  manager_.TellStopping(reason, options_.stop_seconds + 2 * limits_.end / 1'000);
+  manager_.TellStopping(reason, options_.stop_seconds + static_cast<long>(2 * limits_.end / 1'000));
   if (worker_.valid()) {
     SignalMainProcesses(SIGTERM);
   } else {  // whatever there is; a transmission child does not end by it

@@ -24,7 +24,8 @@ std::int64_t MonotonicMs() {
 }
 
 void SleepMs(std::int64_t milliseconds) {
-  timespec left = {milliseconds / 1000, (milliseconds % 1000) * 1'000'000};
+  timespec left = {static_cast<std::time_t>(milliseconds / 1000),
+                   static_cast<long>((milliseconds % 1000) * 1'000'000)};
   while (nanosleep(&left, &left) != 0 && errno == EINTR) {
   }
 }
@@ -99,13 +100,14 @@ bool ReplaceFile(int folder_fd, const char* name, const char* fresh, std::string
 }
 
 bool IsKernelFileSystem(int fd) {
-  constexpr long kConfigFsMagic = 0x62656570;  // the kernel's headers for programs lack it
+  constexpr std::uint32_t kConfigFsMagic = 0x62656570;  // the kernel's headers for programs lack it
   struct statfs status = {};
   if (fstatfs(fd, &status) != 0) return false;
-  for (const long type : std::initializer_list<long>{
+  for (const std::uint32_t type : std::initializer_list<std::uint32_t>{
            PROC_SUPER_MAGIC, SYSFS_MAGIC, DEBUGFS_MAGIC, TRACEFS_MAGIC, CGROUP_SUPER_MAGIC,
            CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC, SELINUX_MAGIC, BINFMTFS_MAGIC, kConfigFsMagic}) {
-    if (status.f_type == type) return true;
+    // On 32-bit processors it is a signed number of as many bits.
+    if (static_cast<std::uint32_t>(status.f_type) == type) return true;
   }
   return false;
 }

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -14,6 +15,11 @@ namespace TARVO::SupportForm {
 
 /// Milliseconds of the monotonic clock: for time limits, which a change of the device's date must not touch.
 [[nodiscard]] std::int64_t MonotonicMs();
+
+/// So much of `count` as `most` allows: a count of bytes may be one of a file, which a size of memory may not hold.
+inline std::size_t AtMost(std::uint64_t count, std::size_t most) {
+  return static_cast<std::size_t>(std::min<std::uint64_t>(count, most));
+}
 
 /// Waits that long, through signals that are handled meanwhile.
 void SleepMs(std::int64_t milliseconds);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <future>
 #include <system_error>
 #include <utility>
@@ -37,7 +38,8 @@ nanoseconds ProcessCpu() { return CpuOf(CLOCK_PROCESS_CPUTIME_ID); }
 nanoseconds ThreadCpu() { return CpuOf(CLOCK_THREAD_CPUTIME_ID); }
 
 timespec ToTimespec(nanoseconds time) {
-  return {time.count() / std::nano::den, time.count() % std::nano::den};
+  return {static_cast<std::time_t>(time.count() / std::nano::den),
+          static_cast<long>(time.count() % std::nano::den)};
 }
 
 /// What is in use, not what is resident: memory that is free but kept for later is no stream's growth.

@@ -106,8 +106,8 @@ const timespec* TimeLeft(const StopSignal::Deadline& deadline, timespec& storage
   using std::chrono::nanoseconds;
   const auto left =
       std::max(std::chrono::duration_cast<nanoseconds>(*deadline - steady_clock::now()), nanoseconds(0));
-  storage.tv_sec = left.count() / std::nano::den;
-  storage.tv_nsec = left.count() % std::nano::den;
+  storage.tv_sec = static_cast<std::time_t>(left.count() / std::nano::den);
+  storage.tv_nsec = static_cast<long>(left.count() % std::nano::den);
   return &storage;
 }
 

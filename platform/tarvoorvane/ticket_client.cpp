@@ -37,7 +37,8 @@ CallStatus Stopped() { return Failure(ClientError::kStopped, "SIGTERM ended the 
 
 std::chrono::milliseconds RandomPause(std::chrono::milliseconds longest) {
   std::random_device source;
-  return std::chrono::milliseconds(std::uniform_int_distribution<long>(0, longest.count())(source));
+  return std::chrono::milliseconds(
+      std::uniform_int_distribution<std::chrono::milliseconds::rep>(0, longest.count())(source));
 }
 
 Answer MakeAnswer(const std::string& ticket_id, ServiceClient::ClientStatus status) {
