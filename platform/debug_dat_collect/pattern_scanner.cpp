@@ -52,8 +52,9 @@ PatternScanner::PatternScanner(std::vector<std::unique_ptr<re2::RE2>> patterns) 
   auto compiled = std::make_unique<Compiled>(std::move(patterns));
   for (const auto& pattern : compiled->patterns) {
     std::string error;
-    if (compiled->set.Add(pattern->pattern(), &error) < 0)
+    if (compiled->set.Add(pattern->pattern(), &error) < 0) {
       throw ScannerError(pattern->pattern() + ": " + error);
+    }
   }
   if (!compiled->set.Compile()) throw ScannerError("all patterns together need too much memory");
   compiled_ = std::move(compiled);

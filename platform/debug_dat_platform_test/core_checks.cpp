@@ -111,17 +111,15 @@ void CheckPidFileFailure(PidFileCreate create, const ScratchFolder& scratch) {
 /// A process that has made the pid file, and stays until the object goes.
 class Daemon {
  public:
-  Daemon(PidFileCreate create, const std::string& path) {
-    Pipe pipe;
-    pid_ = fork();
+  Daemon(PidFileCreate create, const std::string& path) : pid_(fork()) {
     if (pid_ < 0) throw CannotTell("there is no process for a daemon");
     if (pid_ == 0) {
       const int result = create(path.c_str());
-      static_cast<void>(!write(pipe.writer.get(), &result, sizeof(result)));
+      static_cast<void>(!write(pipe_.writer.get(), &result, sizeof(result)));
       for (;;) pause();
     }
-    pipe.writer.Close();
-    if (read(pipe.reader.get(), &result_, sizeof(result_)) != sizeof(result_)) result_ = -1;
+    pipe_.writer.Close();
+    if (read(pipe_.reader.get(), &result_, sizeof(result_)) != sizeof(result_)) result_ = -1;
   }
   ~Daemon() {
     kill(pid_, SIGKILL);
@@ -134,7 +132,8 @@ class Daemon {
   [[nodiscard]] int result() const { return result_; }
 
  private:
-  pid_t pid_ = -1;
+  Pipe pipe_;  ///< First: the process that is made next writes to it.
+  pid_t pid_;
   int result_ = -1;
 };
 

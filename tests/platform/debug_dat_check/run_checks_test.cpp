@@ -147,8 +147,9 @@ class UnitUserTest : public RunChecksTest {
       body();
       return 0;
     });
-    if (ending.exit_status == kNoNamespace)
+    if (ending.exit_status == kNoNamespace) {
       GTEST_SKIP() << "no other users, no private mounts, or a name service of its own here";
+    }
     EXPECT_THAT(ending, test_support::ExitedWith(0));
   }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -138,10 +139,17 @@ TEST_F(RedactionRulesTest, MatchesThatMayEndFarAwayAreMaskedHoweverTheTextIsCut)
   Write("customer: (.*)\nmark=.*end\n");
   std::string words;
   while (words.size() < 200'000) words += "the end of it ";
-  for (const std::string& line : {"x customer: SECRET " + words, "\"mark=SECRET end\" " + words,
-                                  words + "\"mark=SECRET end\" " + words, words + "customer: SECRET"}) {
+  // Words before the secret, and behind it.
+  for (const auto& [before, secret, behind] :
+       std::initializer_list<std::array<std::string, 3>>{{"x ", "customer: SECRET ", words},
+                                                         {"", "mark=SECRET end ", words},
+                                                         {words, "mark=SECRET end ", words},
+                                                         {words, "customer: SECRET", ""}}) {
+    std::string line = before;
+    line.append(secret).append(behind);
     for (const std::size_t size : {std::size_t{3000}, std::size_t{65536}, line.size()}) {
-      const std::string masked = RedactedInPieces(line + "\nnext line\n", [&] { return size; });
+      const std::string masked =
+          RedactedInPieces(std::string(line).append("\nnext line\n"), [&] { return size; });
       EXPECT_EQ(masked.find("SECRET"), std::string::npos) << line.substr(0, 30) << " in pieces of " << size;
       EXPECT_EQ(masked.substr(line.size()), "\nnext line\n");
     }

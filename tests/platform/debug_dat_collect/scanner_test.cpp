@@ -34,8 +34,10 @@ Hits HitsOf(const WordScanner& scanner, std::string_view text) {
 
 PatternScanner Patterns(const std::vector<std::string>& texts) {
   std::vector<std::unique_ptr<re2::RE2>> patterns;
-  for (const std::string& text : texts)
+  patterns.reserve(texts.size());
+  for (const std::string& text : texts) {
     patterns.push_back(std::make_unique<re2::RE2>(text, re2::RE2::Latin1));
+  }
   return PatternScanner(std::move(patterns));
 }
 
