@@ -4,10 +4,6 @@
 #include <archive_entry.h>
 #include <fcntl.h>
 #include <json/reader.h>
-#include <sched.h>
-#include <signal.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,7 +18,6 @@
 #include <sstream>
 
 #include "file_util.h"
-#include "unique_fd.h"
 
 namespace TARVO::SupportForm {
 
@@ -43,37 +38,6 @@ unsigned ModeOf(const fs::path& path) {
   struct stat status = {};
   EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
   return status.st_mode & 07777U;
-}
-
-void LimitFileSize(rlim_t bytes) {
-  const rlimit limit = {bytes, bytes};
-  if (signal(SIGXFSZ, SIG_IGN) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit) != 0) std::abort();
-}
-
-bool MountOwnTmpfs(const std::string& path, const std::string& options) {
-  const uid_t user = geteuid();
-  const gid_t group = getegid();
-  if (unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-  if (user != 0) {
-    for (const auto& [file, text] : std::initializer_list<std::pair<const char*, std::string>>{
-             {"/proc/self/setgroups", "deny"},
-             {"/proc/self/uid_map", "0 " + std::to_string(user) + " 1"},
-             {"/proc/self/gid_map", "0 " + std::to_string(group) + " 1"}}) {
-      const UniqueFd map(open(file, O_WRONLY | O_CLOEXEC));
-      if (!WriteAll(map.get(), text)) return false;
-    }
-  }
-  fs::create_directories(path);
-  return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount("none", path.c_str(), "tmpfs", 0, options.c_str()) == 0;
-}
-
-void FillDevice(const fs::path& folder) {
-  const UniqueFd fd(open((folder / "filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  std::string bytes(std::size_t{1} << 20, 'f');
-  while (!bytes.empty()) {
-    if (!WriteAll(fd.get(), bytes)) bytes.resize(bytes.size() / 2);
-  }
 }
 
 std::string Packed(Packing packing, const std::string& text) {

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <json/value.h>
-#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <filesystem>
@@ -16,6 +15,7 @@
 #include "child_process.h"
 #include "collection_limits.h"
 #include "eventually.h"
+#include "small_disk.h"
 #include "temporary_folder.h"
 #include "unpacker.h"
 
@@ -25,23 +25,15 @@ namespace fs = std::filesystem;
 
 using test_support::CallerProcess;
 using test_support::Eventually;
+using test_support::FillDevice;
+using test_support::LimitFileSize;
+using test_support::MountOwnTmpfs;
 
 [[nodiscard]] std::string ReadText(const fs::path& path);
 void WriteText(const fs::path& path, const std::string& text);
 
 /// The permissions of a file or folder; fails the test where there is none.
 [[nodiscard]] unsigned ModeOf(const fs::path& path);
-
-/// Lets this process write no file of more than so many bytes from now on; of 200 no archive can be made.
-void LimitFileSize(rlim_t bytes = 200);
-
-/// Gives this process a file system of its own at `path`, of which nobody else knows.
-/// @param options  "size=1m,mode=0700"
-/// @return false where the machine doesn't allow that.
-[[nodiscard]] bool MountOwnTmpfs(const std::string& path, const std::string& options);
-
-/// Fills the file system of a folder to its last byte.
-void FillDevice(const fs::path& folder);
 
 /// The text, compressed.
 [[nodiscard]] std::string Packed(Packing packing, const std::string& text);
