@@ -1,0 +1,660 @@
+#include "sqlite_store.h"
+
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <fcntl.h>
+#include <json/json.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <limits>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+namespace TarvoOrvane::SupportService {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// By this number in its head a database is known as one of ours.
+constexpr int kApplicationId = 0x746b7473;
+/// How long another program, a backup for instance, may hold the file.
+constexpr int kLockPatienceMs = 10'000;
+
+// ---------- the form of the file ----------
+
+/// The step at place N brings a file of form N to form N + 1. A step that was released stays as it is.
+/// Times are milliseconds since 1970. What a device has said is a BLOB: it may hold any bytes.
+constexpr const char* kSteps[] = {R"(
+CREATE TABLE tickets(
+  number INTEGER PRIMARY KEY,
+  id TEXT NOT NULL UNIQUE,
+  device BLOB NOT NULL,
+  apps TEXT NOT NULL,
+  created INTEGER NOT NULL,
+  deadline INTEGER NOT NULL,
+  state INTEGER NOT NULL,
+  since INTEGER NOT NULL,
+  overdue INTEGER NOT NULL,
+  rejections INTEGER NOT NULL,
+  rejected_since INTEGER,
+  last_event INTEGER NOT NULL,
+  last_text BLOB NOT NULL,
+  report BLOB
+) STRICT;
+CREATE INDEX tickets_by_device ON tickets(device);
+CREATE INDEX tickets_by_state ON tickets(state);
+CREATE INDEX tickets_by_device_and_state ON tickets(device, state);
+CREATE TABLE events(
+  number INTEGER PRIMARY KEY,
+  ticket INTEGER NOT NULL REFERENCES tickets,
+  kind INTEGER NOT NULL,
+  time INTEGER NOT NULL,
+  text BLOB NOT NULL
+) STRICT;
+CREATE INDEX events_by_ticket ON events(ticket);
+CREATE TABLE tokens(
+  hash BLOB PRIMARY KEY,
+  ticket INTEGER NOT NULL REFERENCES tickets
+) STRICT, WITHOUT ROWID;
+CREATE TABLE archives(
+  ticket INTEGER NOT NULL REFERENCES tickets,
+  version INTEGER NOT NULL,
+  size_bytes INTEGER NOT NULL,
+  sha256 TEXT NOT NULL,
+  serial_number BLOB NOT NULL,
+  apps TEXT NOT NULL,
+  received INTEGER NOT NULL,
+  PRIMARY KEY(ticket, version)
+) STRICT, WITHOUT ROWID;
+)"};
+
+// ---------- the statements ----------
+
+enum class Sql {
+  kBeginReading,
+  kBeginWriting,
+  kCommit,
+  kRollBack,
+  kCreateTicket,
+  kChangeTicket,
+  kAddEvent,
+  kAddToken,
+  kAddArchive,
+  kLastEvent,
+  kLastTicket,
+  kTicket,
+  kTicketsById,
+  kTicketByToken,
+  kTickets,
+  kTicketsOfDevice,
+  kTicketsInState,
+  kTicketsOfDeviceInState,
+  kArchives,
+  kEvents
+};
+constexpr std::size_t kStatementCount = static_cast<std::size_t>(Sql::kEvents) + 1;
+
+/// A question for tickets. An index holds the ticket's number behind what it is made of, so that each of these looks
+/// at as many rows as it returns.
+std::string TicketsWhere(const std::string& rest) {
+  return "SELECT tickets.number, id, device, apps, created, deadline, state, since, overdue, rejections,"
+         " rejected_since, last_event, last_text, report FROM tickets " +
+         rest;
+}
+
+std::string NewestWhere(const std::string& condition) {
+  return TicketsWhere("WHERE " + condition + " number < ? ORDER BY number DESC LIMIT ?");
+}
+
+std::string TextOf(Sql statement) {
+  switch (statement) {
+    case Sql::kBeginReading:
+      return "BEGIN";
+    case Sql::kBeginWriting:
+      return "BEGIN IMMEDIATE";
+    case Sql::kCommit:
+      return "COMMIT";
+    case Sql::kRollBack:
+      return "ROLLBACK";
+    case Sql::kCreateTicket:
+      return "INSERT INTO tickets(number, id, device, apps, created, deadline, state, since, overdue, "
+             "rejections,"
+             " rejected_since, last_event, last_text, report) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+             "?)";
+    case Sql::kChangeTicket:
+      return "UPDATE tickets SET state = ?, since = ?, overdue = ?, rejections = ?, rejected_since = ?,"
+             " last_event = ?, last_text = ?, report = ? WHERE number = ?";
+    case Sql::kAddEvent:
+      return "INSERT INTO events(number, ticket, kind, time, text) VALUES(?, ?, ?, ?, ?)";
+    case Sql::kAddToken:
+      return "INSERT INTO tokens(hash, ticket) VALUES(?, ?)";
+    case Sql::kAddArchive:
+      return "INSERT INTO archives(ticket, version, size_bytes, sha256, serial_number, apps, received)"
+             " VALUES(?, ?, ?, ?, ?, ?, ?)";
+    case Sql::kLastEvent:
+      return "SELECT max(number) FROM events";
+    case Sql::kLastTicket:
+      return "SELECT max(number) FROM tickets";
+    case Sql::kTicket:
+      return TicketsWhere("WHERE number = ?");
+    case Sql::kTicketsById:
+      return TicketsWhere("WHERE id >= ? AND id < ? ORDER BY id LIMIT ?");
+    case Sql::kTicketByToken:
+      return TicketsWhere("JOIN tokens ON tokens.ticket = tickets.number WHERE hash = ?");
+    case Sql::kTickets:
+      return NewestWhere("");
+    case Sql::kTicketsOfDevice:
+      return NewestWhere("device = ? AND");
+    case Sql::kTicketsInState:
+      return NewestWhere("state = ? AND");
+    case Sql::kTicketsOfDeviceInState:
+      return NewestWhere("device = ? AND state = ? AND");
+    case Sql::kArchives:
+      return "SELECT version, size_bytes, sha256, serial_number, apps, received FROM archives"
+             " WHERE ticket = ? ORDER BY version";
+    case Sql::kEvents:
+      return "SELECT number, ticket, kind, time, text FROM events"
+             " WHERE ticket = ? AND number > ? ORDER BY number LIMIT ?";
+  }
+  return "";
+}
+
+// ---------- what went wrong ----------
+
+/// What happened to the file, and what to do.
+/// @param code  SQLite's.
+std::string AdviceFor(int code, const std::string& file) {
+  const std::string replace =
+      "Stop the service. Put a backup in its place, or begin anew: move it away together with " + file +
+      "-wal and " + file + "-shm";
+  switch (code & 0xff) {
+    case SQLITE_FULL:
+      return "can't be written: the disk is full. Make room on it";
+    case SQLITE_READONLY:
+      return "is read-only, or its disk is. Let the service's user write to both";
+    case SQLITE_CORRUPT:
+      return "is damaged. " + replace;
+    case SQLITE_NOTADB:
+      return "is no database, or damaged at its beginning. " + replace;
+    case SQLITE_IOERR:
+      return "can't be read or written. Look for a quota or a limit on the size of files, and for faults of "
+             "the disk"
+             " in the kernel's log";
+    case SQLITE_BUSY:
+      return "is held by another program. End that one; a backup holds it for a moment only";
+    case SQLITE_CANTOPEN:
+      return "can't be opened. Let the service's user write to the file and its folder";
+    case SQLITE_CONSTRAINT:
+      return "contradicts what is to be written. That is a fault of the service: report it";
+    default:
+      return "can't be used. Start the service anew, and report it when that doesn't help";
+  }
+}
+
+[[noreturn]] void ThrowStoreError(const fs::path& file, const SQLite::Exception& error) {
+  const int code = std::max(error.getErrorCode(), error.getExtendedErrorCode());
+  throw StoreError(file.string() + " " + AdviceFor(code, file.string()) + " (SQLite: " + error.what() +
+                   ", code " + std::to_string(code) + ")");
+}
+
+// ---------- values ----------
+
+std::string JsonOf(const std::vector<std::string>& names) {
+  static const Json::StreamWriterBuilder builder = [] {
+    Json::StreamWriterBuilder settings;
+    settings["indentation"] = "";
+    settings["emitUTF8"] = true;  // or what is no UTF-8 would be replaced
+    return settings;
+  }();
+  Json::Value list(Json::arrayValue);
+  for (const std::string& name : names) list.append(name);
+  return Json::writeString(builder, list);
+}
+
+std::vector<std::string> NamesIn(const std::string& text) {
+  static const Json::CharReaderBuilder builder;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  std::vector<std::string> names;
+  Json::Value list;
+  try {
+    if (reader->parse(text.data(), text.data() + text.size(), &list, nullptr) && list.isArray()) {
+      for (const Json::Value& name : list) names.push_back(name.asString());
+      return names;
+    }
+  } catch (const Json::Exception&) {
+    // It is nested too deep, or holds something that is no text.
+  }
+  throw SQLite::Exception("a list of applications is none", SQLITE_CORRUPT);
+}
+
+/// One run of a prepared statement. First it is given its values in their order, then its rows are taken, each value in
+/// its order. The statement is ready for its next run when the object goes.
+class Run {
+ public:
+  explicit Run(SQLite::Statement& statement) : statement_(statement) {}
+  ~Run() { statement_.tryReset(); }  // what made it fail was thrown by Next()
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
+
+  /// SQLite's numbers end at half of ours; a limit beyond that means the same.
+  Run& Put(std::uint64_t number) {
+    constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
+    statement_.bind(++place_, static_cast<std::int64_t>(std::min(number, kLargest)));
+    return *this;
+  }
+  Run& Put(WallTime time) {
+    const auto since_epoch = time.time_since_epoch();
+    statement_.bind(++place_,
+                    std::int64_t{std::chrono::duration_cast<std::chrono::milliseconds>(since_epoch).count()});
+    return *this;
+  }
+  Run& PutText(const std::string& text) {
+    statement_.bind(++place_, text);
+    return *this;
+  }
+  Run& PutBytes(const void* bytes, std::size_t count) {
+    statement_.bind(++place_, bytes, static_cast<int>(count));
+    return *this;
+  }
+  Run& PutBytes(const std::string& bytes) { return PutBytes(bytes.data(), bytes.size()); }
+  Run& PutNothing() {
+    statement_.bind(++place_);
+    return *this;
+  }
+
+  /// Goes to the next row.
+  /// @return false behind the last one.
+  bool Next() {
+    column_ = 0;
+    return statement_.executeStep();
+  }
+
+  std::uint64_t Number() { return static_cast<std::uint64_t>(statement_.getColumn(column_++).getInt64()); }
+  WallTime Time() { return WallTime(std::chrono::milliseconds(statement_.getColumn(column_++).getInt64())); }
+  std::string Bytes() { return statement_.getColumn(column_++).getString(); }
+  /// Whether there is no value, which is then passed over.
+  bool Nothing() {
+    const bool nothing = statement_.isColumnNull(column_);
+    column_ += nothing ? 1 : 0;
+    return nothing;
+  }
+
+ private:
+  SQLite::Statement& statement_;
+  int place_ = 0;   ///< Of the last value given, counted from 1.
+  int column_ = 0;  ///< Of the next value to take, counted from 0.
+};
+
+}  // namespace
+
+/// A connection with its statements, each prepared when it is first needed. One thread uses it at a time.
+class SqliteConnection {
+ public:
+  SqliteConnection(const fs::path& file, int mode)
+      : database_(file.string(), mode | SQLite::OPEN_NOMUTEX, kLockPatienceMs) {}
+
+  /// A run of the statement, which no other run uses.
+  Run Start(Sql sql) {
+    std::optional<SQLite::Statement>& statement = statements_.at(static_cast<std::size_t>(sql));
+    if (!statement) statement.emplace(database_, TextOf(sql));
+    return Run(*statement);
+  }
+
+  SQLite::Database& database() { return database_; }
+
+ private:
+  SQLite::Database database_;
+  std::array<std::optional<SQLite::Statement>, kStatementCount> statements_;
+};
+
+namespace {
+
+/// What is done in its life is seen or written as one. Rolled back unless it was committed.
+class Transaction {
+ public:
+  Transaction(SqliteConnection& connection, Sql beginning) : connection_(connection) {
+    connection_.Start(beginning).Next();
+  }
+  ~Transaction() {
+    if (committed_) return;
+    try {
+      connection_.Start(Sql::kRollBack).Next();
+    } catch (const SQLite::Exception&) {
+      // After some failures SQLite has rolled back by itself.
+    }
+  }
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+
+  void Commit() {
+    connection_.Start(Sql::kCommit).Next();
+    committed_ = true;
+  }
+
+ private:
+  SqliteConnection& connection_;
+  bool committed_ = false;
+};
+
+// ---------- opening ----------
+
+/// @param act  What was tried with the file, "can't make".
+[[noreturn]] void ThrowErrno(const std::string& act, const fs::path& file) {
+  throw StoreError(
+      act + " " + file.string() + ": " + std::generic_category().message(errno) +
+      ". Make its folder on a disk that can be written, and let both belong to the service's user");
+}
+
+/// Makes the file where it is missing, and closes it to others. SQLite gives FILE-wal and FILE-shm the same mode.
+void TakeFile(const fs::path& file) {
+  const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd != -1) {
+    close(fd);
+    return;
+  }
+  if (errno != EEXIST) ThrowErrno("can't make", file);
+  std::error_code error;
+  if (!fs::is_regular_file(file, error)) throw StoreError(file.string() + " is no file. Move it away");
+  if (chmod(file.c_str(), 0600) == -1) ThrowErrno("can't take from others", file);
+}
+
+/// @return The file's form; 0 for a new one.
+std::size_t RequireOurs(SQLite::Database& database, const fs::path& file) {
+  const int application = database.execAndGet("PRAGMA application_id").getInt();
+  const bool is_new =
+      application == 0 && database.execAndGet("SELECT count(*) FROM sqlite_schema").getInt() == 0;
+  if (application != kApplicationId && !is_new) {
+    throw StoreError(file.string() +
+                     " is the database of another program. Move it away, or choose another data folder");
+  }
+  const std::size_t form = database.execAndGet("PRAGMA user_version").getUInt();
+  if (form > std::size(kSteps)) {
+    throw StoreError(file.string() + " was written by a newer version of the service (form " +
+                     std::to_string(form) + ", this one knows forms up to " +
+                     std::to_string(std::size(kSteps)) +
+                     "). Install that version again, or put back a backup of before it");
+  }
+  return form;
+}
+
+void Configure(SQLite::Database& database, const fs::path& file) {
+  if (database.execAndGet("PRAGMA journal_mode = WAL").getString() != "wal") {
+    throw StoreError(file.string() +
+                     " lies on a file system that processes can't share memory through. Choose a " +
+                     "data folder on a local disk");
+  }
+  database.exec("PRAGMA synchronous = FULL");  // or what was written last may be lost in a power cut
+  database.exec("PRAGMA foreign_keys = ON");
+}
+
+void BringToPresentForm(SQLite::Database& database, std::size_t form) {
+  for (; form < std::size(kSteps); ++form) {
+    SQLite::Transaction transaction(database);
+    database.exec(kSteps[form]);
+    database.exec("PRAGMA application_id = " + std::to_string(kApplicationId));
+    database.exec("PRAGMA user_version = " + std::to_string(form + 1));
+    transaction.commit();
+  }
+}
+
+std::uint64_t NumberFrom(Run&& run) {
+  run.Next();
+  return run.Number();  // of an empty table the value is null, which is read as 0
+}
+
+// ---------- writing ----------
+
+/// @param run  Whose next values are those that events change.
+void PutChanging(const Ticket& ticket, Run& run) {
+  run.Put(static_cast<std::uint64_t>(ticket.state)).Put(ticket.since);
+  run.Put(std::uint64_t{ticket.overdue}).Put(ticket.rejections);
+  ticket.rejected_since ? run.Put(*ticket.rejected_since) : run.PutNothing();
+  run.Put(ticket.last_event).PutBytes(ticket.last_text);
+  ticket.report ? run.PutBytes(*ticket.report) : run.PutNothing();
+}
+
+void CreateTicket(SqliteConnection& connection, const Ticket& ticket) {
+  Run run = connection.Start(Sql::kCreateTicket);
+  run.Put(ticket.number).PutText(ticket.id).PutBytes(ticket.device).PutText(JsonOf(ticket.apps));
+  run.Put(ticket.created).Put(ticket.deadline);
+  PutChanging(ticket, run);
+  run.Next();
+}
+
+void ChangeTicket(SqliteConnection& connection, const Ticket& ticket) {
+  Run run = connection.Start(Sql::kChangeTicket);
+  PutChanging(ticket, run);
+  run.Put(ticket.number);
+  run.Next();
+}
+
+void AddEvent(SqliteConnection& connection, const Event& event) {
+  Run run = connection.Start(Sql::kAddEvent);
+  run.Put(event.number).Put(event.ticket).Put(static_cast<std::uint64_t>(event.kind));
+  run.Put(event.time).PutBytes(event.text).Next();
+}
+
+void AddArchive(SqliteConnection& connection, TicketNumber ticket, const Archive& archive) {
+  Run run = connection.Start(Sql::kAddArchive);
+  run.Put(ticket).Put(archive.version).Put(archive.size_bytes).PutText(archive.sha256);
+  run.PutBytes(archive.serial_number).PutText(JsonOf(archive.apps)).Put(archive.received).Next();
+}
+
+void AddEntry(SqliteConnection& connection, const Entry& entry) {
+  const bool is_new = entry.event.kind == EventKind::kCreated;
+  is_new ? CreateTicket(connection, entry.ticket) : ChangeTicket(connection, entry.ticket);
+  AddEvent(connection, entry.event);  // refused where the ticket is unknown
+  if (entry.token) {
+    connection.Start(Sql::kAddToken)
+        .PutBytes(entry.token->data(), entry.token->size())
+        .Put(entry.ticket.number)
+        .Next();
+  }
+  if (entry.archive) AddArchive(connection, entry.ticket.number, *entry.archive);
+}
+
+// ---------- reading ----------
+
+Ticket TicketIn(Run& row) {
+  Ticket ticket;
+  ticket.number = row.Number();
+  ticket.id = row.Bytes();
+  ticket.device = row.Bytes();
+  ticket.apps = NamesIn(row.Bytes());
+  ticket.created = row.Time();
+  ticket.deadline = row.Time();
+  ticket.state = static_cast<TicketState>(row.Number());
+  ticket.since = row.Time();
+  ticket.overdue = row.Number() != 0;
+  ticket.rejections = row.Number();
+  if (!row.Nothing()) ticket.rejected_since = row.Time();
+  ticket.last_event = row.Number();
+  ticket.last_text = row.Bytes();
+  if (!row.Nothing()) ticket.report = row.Bytes();
+  return ticket;
+}
+
+Archive ArchiveIn(Run& row) {
+  Archive archive;
+  archive.version = row.Number();
+  archive.size_bytes = row.Number();
+  archive.sha256 = row.Bytes();
+  archive.serial_number = row.Bytes();
+  archive.apps = NamesIn(row.Bytes());
+  archive.received = row.Time();
+  return archive;
+}
+
+Event EventIn(Run& row) {
+  Event event;
+  event.number = row.Number();
+  event.ticket = row.Number();
+  event.kind = static_cast<EventKind>(row.Number());
+  event.time = row.Time();
+  event.text = row.Bytes();
+  return event;
+}
+
+/// @param run  Of a question for tickets, with its values.
+std::vector<Ticket> TicketsFrom(SqliteConnection& connection, Run& run) {
+  std::vector<Ticket> tickets;
+  while (run.Next()) {
+    tickets.push_back(TicketIn(run));
+    Run archives = connection.Start(Sql::kArchives);
+    archives.Put(tickets.back().number);
+    while (archives.Next()) tickets.back().archives.push_back(ArchiveIn(archives));
+  }
+  return tickets;
+}
+
+std::optional<Ticket> OneFrom(SqliteConnection& connection, Run& run) {
+  std::vector<Ticket> tickets = TicketsFrom(connection, run);
+  if (tickets.empty()) return std::nullopt;
+  return std::move(tickets.front());
+}
+
+constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
+
+std::vector<Ticket> TicketsLike(SqliteConnection& connection, const TicketFilter& filter,
+                                std::uint64_t limit) {
+  const Sql of_all = filter.state ? Sql::kTicketsInState : Sql::kTickets;
+  const Sql of_device = filter.state ? Sql::kTicketsOfDeviceInState : Sql::kTicketsOfDevice;
+  Run run = connection.Start(filter.device ? of_device : of_all);
+  if (filter.device) run.PutBytes(*filter.device);
+  if (filter.state) run.Put(static_cast<std::uint64_t>(*filter.state));
+  run.Put(filter.before == 0 ? kNoLimit : filter.before).Put(limit);
+  return TicketsFrom(connection, run);
+}
+
+}  // namespace
+
+/// A connection that reads, borrowed from the store.
+class SqliteStore::Reader {
+ public:
+  explicit Reader(const SqliteStore& store) : store_(store) {
+    std::unique_lock<std::mutex> lock(store_.mutex_);
+    if (!store_.idle_.empty()) {
+      connection_ = std::move(store_.idle_.back());
+      store_.idle_.pop_back();
+      return;
+    }
+    lock.unlock();
+    connection_ = std::make_unique<SqliteConnection>(store_.file_, SQLite::OPEN_READONLY);
+  }
+  ~Reader() {
+    const std::lock_guard<std::mutex> lock(store_.mutex_);
+    store_.idle_.push_back(std::move(connection_));
+  }
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
+
+  [[nodiscard]] SqliteConnection& connection() const { return *connection_; }
+
+ private:
+  const SqliteStore& store_;
+  std::unique_ptr<SqliteConnection> connection_;
+};
+
+SqliteStore::SqliteStore(const fs::path& file) : file_(file) {
+  TakeFile(file_);
+  try {
+    writer_ = std::make_unique<SqliteConnection>(file_, SQLite::OPEN_READWRITE);
+    SQLite::Database& database = writer_->database();
+    const std::size_t form = RequireOurs(database, file_);
+    Configure(database, file_);
+    BringToPresentForm(database, form);
+    last_event_ = NumberFrom(writer_->Start(Sql::kLastEvent));
+    last_ticket_ = NumberFrom(writer_->Start(Sql::kLastTicket));
+  } catch (const SQLite::Exception& error) {
+    ThrowStoreError(file_, error);
+  }
+}
+
+SqliteStore::~SqliteStore() = default;
+
+void SqliteStore::Write(const std::vector<Entry>& entries) {
+  try {
+    Transaction transaction(*writer_, Sql::kBeginWriting);
+    for (const Entry& entry : entries) AddEntry(*writer_, entry);
+    transaction.Commit();
+  } catch (const SQLite::Exception& error) {
+    ThrowStoreError(file_, error);
+  }
+  for (const Entry& entry : entries) {
+    last_event_ = std::max<EventNumber>(last_event_, entry.event.number);
+    last_ticket_ = std::max<TicketNumber>(last_ticket_, entry.ticket.number);
+  }
+}
+
+/// Answers a question from one state of the store, whatever is written meanwhile.
+template <typename Question>
+auto SqliteStore::Read(const Question& question) const {
+  try {
+    const Reader reader(*this);
+    const Transaction transaction(reader.connection(), Sql::kBeginReading);
+    return question(reader.connection());
+  } catch (const SQLite::Exception& error) {
+    ThrowStoreError(file_, error);
+  }
+}
+
+std::vector<Ticket> SqliteStore::OpenTickets() const {
+  return Read([](SqliteConnection& connection) {
+    std::vector<Ticket> open;
+    for (const TicketState state : kTicketStates) {
+      if (!IsOpen(state)) continue;
+      std::vector<Ticket> tickets = TicketsLike(connection, {std::nullopt, state, 0}, kNoLimit);
+      std::move(tickets.begin(), tickets.end(), std::back_inserter(open));
+    }
+    std::sort(open.begin(), open.end(), [](const Ticket& a, const Ticket& b) { return a.number < b.number; });
+    return open;
+  });
+}
+
+std::optional<Ticket> SqliteStore::Find(TicketNumber number) const {
+  return Read([&](SqliteConnection& connection) {
+    return OneFrom(connection, connection.Start(Sql::kTicket).Put(number));
+  });
+}
+
+std::vector<Ticket> SqliteStore::FindById(const std::string& beginning, std::size_t limit) const {
+  return Read([&](SqliteConnection& connection) {
+    Run run = connection.Start(Sql::kTicketsById);
+    run.PutText(beginning).PutText(beginning + "~");  // which comes behind every hex digit
+    return TicketsFrom(connection, run.Put(std::uint64_t{limit}));
+  });
+}
+
+std::optional<Ticket> SqliteStore::FindByToken(const TokenHash& hash) const {
+  return Read([&](SqliteConnection& connection) {
+    return OneFrom(connection, connection.Start(Sql::kTicketByToken).PutBytes(hash.data(), hash.size()));
+  });
+}
+
+std::vector<Ticket> SqliteStore::List(const TicketFilter& filter, std::size_t limit) const {
+  return Read([&](SqliteConnection& connection) { return TicketsLike(connection, filter, limit); });
+}
+
+std::vector<Event> SqliteStore::EventsOf(TicketNumber ticket, EventNumber after, std::size_t limit) const {
+  return Read([&](SqliteConnection& connection) {
+    std::vector<Event> events;
+    Run run = connection.Start(Sql::kEvents);
+    run.Put(ticket).Put(after).Put(std::uint64_t{limit});
+    while (run.Next()) events.push_back(EventIn(run));
+    return events;
+  });
+}
+
+std::vector<std::string> SqliteStore::Statements() {
+  std::vector<std::string> texts(kStatementCount);
+  for (std::size_t place = 0; place < texts.size(); ++place) texts[place] = TextOf(static_cast<Sql>(place));
+  return texts;
+}
+
+}  // namespace TarvoOrvane::SupportService
