@@ -1,7 +1,6 @@
 #include "archive_store.h"
 
 #include <fcntl.h>
-#include <json/json.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 
@@ -49,8 +49,11 @@ void WriteAll(int fd, std::string_view data, const fs::path& path) {
 /// A folder that somebody made empty, or that a service has used, is closed to others; any other one
 /// that is open to them is left alone, since it may be a shared place such as /tmp.
 void TakeDataFolder(const fs::path& folder) {
-  if (folder.has_parent_path()) fs::create_directories(folder.parent_path());
+  const fs::path parent = folder.has_parent_path() ? folder.parent_path() : ".";
+  fs::create_directories(parent);
+  const bool is_new = !fs::exists(folder);
   MakePrivateFolder(folder);
+  if (is_new) SyncFolder(parent);
   struct stat status {};
   if (stat(folder.c_str(), &status) == -1) ThrowErrno("cannot look at " + folder.string());
   if (!S_ISDIR(status.st_mode)) throw std::runtime_error(folder.string() + " is not a folder");
@@ -77,31 +80,8 @@ int LockFolder(const fs::path& folder) {
                            ": stop it or choose another folder with --data");
 }
 
-Json::Value NamesJson(const std::vector<std::string>& names) {
-  Json::Value list(Json::arrayValue);
-  for (const std::string& name : names) list.append(name);
-  return list;
-}
-
-Json::Value RecordOf(const TicketView& ticket) {
-  Json::Value record(Json::objectValue);
-  record["ticket_id"] = ticket.id;
-  record["device"] = ticket.device;
-  record["apps"] = NamesJson(ticket.apps);
-  record["created"] = TimeText(ticket.created);
-  if (ticket.upload) {
-    record["uploaded"] = TimeText(ticket.upload->time);
-    record["size"] = Json::UInt64(ticket.upload->size_bytes);
-    record["sha256"] = ticket.upload->sha256;
-    record["serial_number"] = ticket.upload->serial_number;
-    record["uploaded_apps"] = NamesJson(ticket.upload->apps);
-  }
-  if (ticket.report) {
-    record["reported"] = TimeText(ticket.report->time);
-    record["status"] = ticket.report->status;
-    record["report_serial_number"] = ticket.report->serial_number;
-  }
-  return record;
+std::string NameOf(const std::string& ticket_id, std::uint64_t version) {
+  return ticket_id + "-" + std::to_string(version) + ".dat";
 }
 
 }  // namespace
@@ -144,7 +124,7 @@ ArchiveStore::ArchiveStore(const fs::path& data_folder) : folder_(data_folder) {
   lock_fd_ = LockFolder(folder_);
   try {
     MakePrivateFolder(folder_ / "incoming");
-    MakePrivateFolder(folder_ / "received");
+    MakePrivateFolder(folder_ / "archives");
     // The lock is ours, so nobody is still writing these.
     for (const auto& leftover : fs::directory_iterator(folder_ / "incoming")) fs::remove(leftover);
   } catch (...) {
@@ -159,28 +139,56 @@ std::unique_ptr<IncomingArchive> ArchiveStore::Begin() const {
   return std::make_unique<IncomingArchive>(folder_ / "incoming");
 }
 
-void ArchiveStore::Publish(IncomingArchive& archive, const std::string& ticket_id) const {
-  GiveName(archive, ticket_id, "debug.dat");
+std::uint64_t ArchiveStore::Publish(IncomingArchive& archive, const std::string& ticket_id,
+                                    std::uint64_t after) const {
+  std::uint64_t version = after + 1;
+  // Takes the place of no other file: two uploads of one ticket may come to this at once.
+  while (link(archive.path_.c_str(), PathOf(ticket_id, version).c_str()) == -1) {
+    if (errno != EEXIST) ThrowErrno("cannot name " + PathOf(ticket_id, version).string());
+    ++version;
+  }
+  try {
+    SyncFolder(folder_ / "archives");
+  } catch (const std::system_error&) {
+    unlink(PathOf(ticket_id, version).c_str());
+    throw;
+  }
+  unlink(archive.path_.c_str());
+  archive.path_.clear();  // it is no leftover any more
+  return version;
 }
 
-void ArchiveStore::WriteRecord(const TicketView& ticket) const {
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "  ";
-  IncomingArchive file(folder_ / "incoming");
-  file.Write(Json::writeString(writer, RecordOf(ticket)) + "\n");
-  file.Finish();
-  GiveName(file, ticket.id, "ticket.json");
+fs::path ArchiveStore::PathOf(const std::string& ticket_id, std::uint64_t version) const {
+  return folder_ / "archives" / NameOf(ticket_id, version);
 }
 
-void ArchiveStore::GiveName(IncomingArchive& file, const std::string& ticket_id, const char* name) const {
-  const fs::path received = folder_ / "received";
-  const fs::path folder = received / ticket_id;
-  MakePrivateFolder(folder);
-  // One step: whoever looks there finds the former file or this one, whole.
-  fs::rename(file.path_, folder / name);
-  file.path_.clear();  // it is no leftover any more
-  SyncFolder(folder);
-  SyncFolder(received);
+void ArchiveStore::KeepOne(const std::string& ticket_id, std::uint64_t former, std::uint64_t repeated) const {
+  if (fs::exists(PathOf(ticket_id, former))) return Remove(ticket_id, repeated);
+  fs::rename(PathOf(ticket_id, repeated), PathOf(ticket_id, former));
+  SyncFolder(folder_ / "archives");
+}
+
+void ArchiveStore::Remove(const std::string& ticket_id, std::uint64_t version) const {
+  fs::remove(PathOf(ticket_id, version));
+}
+
+void ArchiveStore::Reconcile(const Store& store, const EventSink& events) const {
+  std::set<std::string> unknown;
+  for (const auto& file : fs::directory_iterator(folder_ / "archives")) {
+    unknown.insert(file.path().filename().string());
+  }
+  for (const ArchiveName& archive : store.Archives()) {
+    if (unknown.erase(NameOf(archive.ticket_id, archive.version)) == 1) continue;
+    events("ticket " + archive.ticket_id +
+           ": its archive is missing: " + PathOf(archive.ticket_id, archive.version).string());
+  }
+  if (unknown.empty()) return;
+  MakePrivateFolder(folder_ / "unknown");
+  for (const std::string& name : unknown) {
+    fs::rename(folder_ / "archives" / name, folder_ / "unknown" / name);
+    events("archive " + Printable(name) + " put aside into " + (folder_ / "unknown").string() +
+           ": the store does not know it. Its upload was not acknowledged, unless the store is an older one");
+  }
 }
 
 }  // namespace TarvoOrvane::SupportService

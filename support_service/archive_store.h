@@ -1,11 +1,12 @@
 /// What was received, as files:
 ///
-///     DATA/lock                       held by the service that uses the folder
-///     DATA/incoming/                  bodies that are still arriving; emptied at start
-///     DATA/received/TICKET/debug.dat  the newest complete archive of a ticket
-///     DATA/received/TICKET/ticket.json  what is known of it, without the token
+///     DATA/lock                         held by the service that uses the folder
+///     DATA/incoming/                    bodies that are still arriving; emptied at start
+///     DATA/archives/TICKET-VERSION.dat  complete archives
+///     DATA/unknown/                     archives of which the store did not know at the service's start
 ///
-/// A file is complete and on disk before it gets its name here. Folders are 0700, files 0600.
+/// A file is complete and on disk before it gets its name here. It counts once the store knows of it. Folders are 0700,
+/// files 0600.
 #pragma once
 
 #include <openssl/evp.h>
@@ -16,12 +17,13 @@
 #include <string>
 #include <string_view>
 
-#include "ticket_book.h"
+#include "event_log.h"
+#include "store.h"
 
 namespace TarvoOrvane::SupportService {
 
-/// A file that is being received: an archive, or a record on its way to disk. It lies in DATA/incoming and is removed
-/// with the object, unless the store has given it a name. Used by one thread at a time.
+/// An archive that is being received. It lies in DATA/incoming and is removed with the object, unless it was given a
+/// name. Used by one thread at a time.
 class IncomingArchive {
  public:
   /// Makes an empty file of mode 0600.
@@ -73,20 +75,33 @@ class ArchiveStore {
   /// @throws std::system_error when the file can't be made.
   [[nodiscard]] std::unique_ptr<IncomingArchive> Begin() const;
 
-  /// Gives a finished archive its name; it takes the place of the ticket's former one in one step. The name is on disk
-  /// when this returns.
+  /// Gives a finished archive its name. The name is on disk when this returns.
   /// @param archive  Finish() was called; from here on its file stays when it is destroyed.
-  /// @throws std::system_error when the folder or the name can't be made.
-  void Publish(IncomingArchive& archive, const std::string& ticket_id) const;
+  /// @param after    The version that the ticket has already; 0 for none.
+  /// @return The archive's version, larger than that one. No other archive of the ticket has it.
+  /// @throws std::system_error when the name can't be made.
+  [[nodiscard]] std::uint64_t Publish(IncomingArchive& archive, const std::string& ticket_id,
+                                      std::uint64_t after) const;
 
-  /// Writes the ticket's ticket.json anew, whole or not at all. Two calls for one ticket must not overlap: the one that
-  /// began earlier could win (CssDesk::record_mutex).
-  /// @throws std::system_error when it can't be written; the former one then stays.
-  void WriteRecord(const TicketView& ticket) const;
+  /// Where a published archive lies.
+  [[nodiscard]] std::filesystem::path PathOf(const std::string& ticket_id, std::uint64_t version) const;
+
+  /// Makes sure of an archive of which the ticket has another version with the same content. That one's file takes the
+  /// place of a former one that is missing, else it is deleted.
+  /// @throws std::system_error when the file can't be moved or deleted.
+  void KeepOne(const std::string& ticket_id, std::uint64_t former, std::uint64_t repeated) const;
+
+  /// Deletes a published archive; one that is not there is no failure.
+  /// @throws std::system_error when it can't be deleted.
+  void Remove(const std::string& ticket_id, std::uint64_t version) const;
+
+  /// Compares the files with what the store knows, before anything is served: puts aside what it does not know, and
+  /// tells of what is missing. The store may be a backup, so nothing is deleted.
+  /// @param events  Takes a line for each difference.
+  /// @throws StoreError or std::exception when one of them can't be read.
+  void Reconcile(const Store& store, const EventSink& events) const;
 
  private:
-  void GiveName(IncomingArchive& file, const std::string& ticket_id, const char* name) const;
-
   std::filesystem::path folder_;
   int lock_fd_ = -1;  ///< Of DATA/lock. The kernel drops the lock with the process, however it ends.
 };

@@ -24,49 +24,62 @@ namespace {
 constexpr std::chrono::milliseconds kWatchStep{250};
 /// How long the server waits at its end for clients to close their connections.
 constexpr std::chrono::milliseconds kWatchersShutdownLimit{250};
-/// Of an application's name and a serial number: more than a device takes of either.
-constexpr std::size_t kMaxNameBytes = 256;
+/// So many tickets are listed, and so many events read at once.
+constexpr std::size_t kMaxListed = 1000;
 
 std::int64_t UnixTimeMs(std::chrono::system_clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
-/// What each of the book's states is in messages.
-constexpr std::array<std::pair<TicketState, proto::TicketState>, 6> kStates = {{
-    {TicketState::kWaiting, proto::TICKET_STATE_WAITING},
-    {TicketState::kDelivered, proto::TICKET_STATE_DELIVERED},
-    {TicketState::kAccepted, proto::TICKET_STATE_ACCEPTED},
-    {TicketState::kRejected, proto::TICKET_STATE_REJECTED},
-    {TicketState::kUploaded, proto::TICKET_STATE_UPLOADED},
-    {TicketState::kReported, proto::TICKET_STATE_REPORTED},
-}};
-
-proto::TicketState StateOf(TicketState state) { return kStates.at(static_cast<std::size_t>(state)).second; }
-
-void Fill(const TicketChange& change, proto::TicketChange& out) {
-  out.set_state(StateOf(change.state));
-  // A device's text may hold bytes that a message can't.
-  out.set_detail(change.state == TicketState::kReported ? Printable(change.detail) : change.detail);
-  out.set_unix_time_ms(UnixTimeMs(change.time));
+/// The two enumerations have the same order.
+proto::TicketState StateOf(TicketState state) {
+  static_assert(static_cast<int>(TicketState::kQueued) == proto::TICKET_STATE_QUEUED &&
+                static_cast<int>(TicketState::kReported) == proto::TICKET_STATE_REPORTED &&
+                static_cast<int>(TicketState::kExpired) == proto::TICKET_STATE_EXPIRED);
+  return static_cast<proto::TicketState>(state);
 }
 
-void CheckName(const std::string& what, const std::string& name) {
-  if (name.size() > kMaxNameBytes) {
-    throw std::invalid_argument(what + " is longer than " + std::to_string(kMaxNameBytes) + " bytes");
+proto::TicketChange MessageOf(const Event& event, TicketState state) {
+  proto::TicketChange message;
+  message.set_state(StateOf(state));
+  message.set_event(ToText(event.kind));
+  // A device's text may hold bytes that a message can't.
+  message.set_detail(event.kind == EventKind::kReported ? Printable(event.text) : event.text);
+  message.set_unix_time_ms(UnixTimeMs(event.time));
+  return message;
+}
+
+/// Makes a call's status of what the dispatcher or the store throws.
+template <typename Operation>
+grpc::Status StatusOf(const Operation& operation) {
+  try {
+    return operation();
+  } catch (const std::invalid_argument& error) {
+    return {grpc::StatusCode::INVALID_ARGUMENT, error.what()};
+  } catch (const StoreError& error) {
+    return {grpc::StatusCode::UNAVAILABLE, error.what()};
   }
+}
+
+/// The ticket before its first event.
+Ticket Unborn(const Ticket& ticket) {
+  Ticket unborn;
+  unborn.number = ticket.number;
+  unborn.id = ticket.id;
+  return unborn;
 }
 
 }  // namespace
 
 const char* ToText(proto::TicketState state) {
-  for (const auto& [own, sent] : kStates) {
-    if (sent == state) return ToText(own);
+  for (const TicketState own : kTicketStates) {
+    if (StateOf(own) == state) return ToText(own);
   }
   return "unknown state";
 }
 
-ControlFront::ControlFront(TicketBook& book, std::string socket_path)
-    : book_(book), socket_path_(std::move(socket_path)) {
+ControlFront::ControlFront(Dispatcher& dispatcher, const Store& store, std::string socket_path)
+    : dispatcher_(dispatcher), store_(store), socket_path_(std::move(socket_path)) {
   const std::string target = UnixTarget(socket_path_);
   // The data folder's lock has shown that no other service is alive: what lies there is a leftover.
   if (unlink(socket_path_.c_str()) == -1 && errno != ENOENT) {
@@ -83,7 +96,7 @@ ControlFront::ControlFront(TicketBook& book, std::string socket_path)
 }
 
 ControlFront::~ControlFront() {
-  book_.Close();  // first: a call that waits for the book would hold up the shutdown
+  dispatcher_.Close();  // first: a call that waits for it would hold up the shutdown
   server_->Shutdown(std::chrono::system_clock::now() + kWatchersShutdownLimit);
   server_.reset();
   unlink(socket_path_.c_str());
@@ -92,63 +105,98 @@ ControlFront::~ControlFront() {
 grpc::Status ControlFront::SendTicket(grpc::ServerContext* /*context*/,
                                       const proto::SendTicketRequest* request,
                                       proto::SendTicketResponse* response) {
-  try {
-    for (const std::string& app : request->apps()) {
-      CheckName("an application's name", app);
-      if (app.empty()) throw std::invalid_argument("an application's name is empty");
-    }
-    CheckName("the device's serial number", request->device());
-    response->set_ticket_id(
-        book_.CreateTicket({request->apps().begin(), request->apps().end()}, request->device()));
+  return StatusOf([&] {
+    const NewTicket wanted{request->device(), {request->apps().begin(), request->apps().end()}};
+    response->set_ticket_id(dispatcher_.Call([&](TicketBook& book) { return book.Create(wanted).id; }));
     return grpc::Status::OK;
-  } catch (const std::invalid_argument& error) {
-    return {grpc::StatusCode::INVALID_ARGUMENT, error.what()};
-  }
+  });
 }
 
 grpc::Status ControlFront::WatchTicket(grpc::ServerContext* context, const proto::WatchTicketRequest* request,
                                        grpc::ServerWriter<proto::TicketChange>* writer) {
-  if (!book_.Find(request->ticket_id())) {
-    return {grpc::StatusCode::NOT_FOUND, "there is no such ticket"};
-  }
-  std::uint64_t seen = 0;
-  // In steps, because the book can't be told that the watcher has gone.
-  while (!context->IsCancelled()) {
-    for (const TicketChange& change : book_.WaitForChanges(request->ticket_id(), seen, kWatchStep)) {
-      proto::TicketChange message;
-      Fill(change, message);
-      if (!writer->Write(message)) return grpc::Status::CANCELLED;
-      if (change.state == TicketState::kReported) return grpc::Status::OK;
+  return StatusOf([&]() -> grpc::Status {
+    const auto found = store_.FindById(request->ticket_id(), 1);
+    if (found.empty() || found.front().id != request->ticket_id()) {
+      return {grpc::StatusCode::NOT_FOUND, "there is no such ticket"};
     }
-    if (book_.closed()) return {grpc::StatusCode::UNAVAILABLE, "the service shuts down"};
+    Ticket ticket = Unborn(found.front());
+    // In steps, because the dispatcher can't be told that the watcher has gone.
+    while (!context->IsCancelled()) {
+      const EventNumber newest = store_.LastEvent();
+      if (!WriteEvents(ticket, *writer)) return grpc::Status::CANCELLED;
+      if (!IsOpen(ticket.state)) return grpc::Status::OK;
+      if (dispatcher_.closed()) return {grpc::StatusCode::UNAVAILABLE, "the service shuts down"};
+      while (!context->IsCancelled() && dispatcher_.AwaitEvents(newest, kWatchStep) == newest &&
+             !dispatcher_.closed()) {
+      }
+    }
+    return grpc::Status::CANCELLED;
+  });
+}
+
+/// Writes what happened to the ticket since its last event, up to its end, and applies it.
+/// @return false when the watcher has gone.
+bool ControlFront::WriteEvents(Ticket& ticket, grpc::ServerWriter<proto::TicketChange>& writer) const {
+  for (;;) {
+    const auto events = store_.EventsOf(ticket.number, ticket.last_event, kMaxListed);
+    for (const Event& event : events) {
+      Apply(event, ticket);
+      if (!writer.Write(MessageOf(event, ticket.state))) return false;
+      if (!IsOpen(ticket.state)) return true;
+    }
+    if (events.empty()) return true;
   }
-  return grpc::Status::CANCELLED;
+}
+
+grpc::Status ControlFront::CancelTicket(grpc::ServerContext* /*context*/,
+                                        const proto::CancelTicketRequest* request,
+                                        proto::CancelTicketResponse* response) {
+  return StatusOf([&] {
+    const auto found = store_.FindById(request->ticket_id(), 2);
+    if (found.empty()) throw std::invalid_argument("there is no such ticket");
+    if (found.size() > 1) throw std::invalid_argument("there are several tickets whose id begins so");
+    const Ticket& ticket = found.front();
+    dispatcher_.Call([&](TicketBook& book) { book.Cancel(ticket.number, "over the control socket"); });
+    response->set_ticket_id(ticket.id);
+    return grpc::Status::OK;
+  });
 }
 
 grpc::Status ControlFront::ListTickets(grpc::ServerContext* /*context*/,
                                        const proto::ListTicketsRequest* /*request*/,
                                        proto::ListTicketsResponse* response) {
-  for (const TicketView& ticket : book_.Tickets()) {
-    proto::TicketSummary& summary = *response->add_tickets();
-    summary.set_ticket_id(ticket.id);
-    for (const std::string& app : ticket.apps) summary.add_apps(app);
-    summary.set_device(Printable(ticket.device));
-    Fill(ticket.last_change, *summary.mutable_last_change());
-  }
-  return grpc::Status::OK;
+  return StatusOf([&] {
+    const auto newest_first = store_.List({}, kMaxListed);
+    for (auto ticket = newest_first.rbegin(); ticket != newest_first.rend(); ++ticket) {
+      proto::TicketSummary& summary = *response->add_tickets();
+      summary.set_ticket_id(ticket->id);
+      for (const std::string& app : ticket->apps) summary.add_apps(app);
+      summary.set_device(ticket->device);
+      proto::TicketChange& change = *summary.mutable_last_change();
+      change.set_state(StateOf(ticket->state));
+      // Something may have happened since that did not move it.
+      const std::string detail = ticket->overdue ? "it takes unusually long" : ticket->last_text;
+      change.set_detail(Printable(ticket->report.value_or(detail)));
+      change.set_unix_time_ms(UnixTimeMs(ticket->since));
+    }
+    return grpc::Status::OK;
+  });
 }
 
 // As ListTickets(), of other things: the generated messages have nothing in common that one function could fill.
 grpc::Status ControlFront::ListDevices(grpc::ServerContext* /*context*/,
                                        const proto::ListDevicesRequest* /*request*/,
                                        proto::ListDevicesResponse* response) {
-  for (const DeviceView& device : book_.Devices()) {
-    proto::DeviceSummary& summary = *response->add_devices();
-    summary.set_serial_number(Printable(device.serial_number));
-    summary.set_peer(Printable(device.peer));
-    summary.set_connected_unix_time_ms(UnixTimeMs(device.connected));
-  }
-  return grpc::Status::OK;
+  return StatusOf([&] {
+    for (const DeviceView& device : dispatcher_.Call([](TicketBook& book) { return book.Devices(); })) {
+      proto::DeviceSummary& summary = *response->add_devices();
+      summary.set_serial_number(Printable(device.serial_number));
+      summary.set_peer(Printable(device.peer));
+      summary.set_connected_unix_time_ms(UnixTimeMs(device.connected));
+      summary.set_twin(Printable(device.twin));
+    }
+    return grpc::Status::OK;
+  });
 }
 
 }  // namespace TarvoOrvane::SupportService

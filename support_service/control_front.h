@@ -1,8 +1,8 @@
 /// ControlService over gRPC on a unix socket, for the command-line client. The socket's folder and the
 /// socket itself are open to their owner only; whoever may open it may send tickets.
 ///
-/// The front decides nothing: it asks the book and puts what that says into messages. What came from a device or a
-/// client goes into them printable, because the client prints it in a terminal.
+/// The front decides nothing: it asks the dispatcher and the store, and puts what they say into messages. What came from
+/// a device or a client goes into them printable, because the client prints it in a terminal.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
@@ -10,8 +10,9 @@
 #include <memory>
 #include <string>
 
+#include "dispatcher.h"
+#include "store.h"
 #include "tarvo/support/v1/control.grpc.pb.h"
-#include "ticket_book.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -19,33 +20,41 @@ namespace TarvoOrvane::SupportService {
 /// later service may send.
 const char* ToText(tarvo::support::v1::TicketState state);
 
-/// gRPC calls the operations from threads of its own, several at a time; all that they share is the book.
+/// gRPC calls the operations from threads of its own, several at a time. All that they share is the dispatcher and the
+/// store. Each returns UNAVAILABLE, with what to do, when one of these fails or the service ends.
 class ControlFront final : public tarvo::support::v1::ControlService::Service {
  public:
   /// Starts serving. A socket that lies there is taken for an earlier service's and replaced: the lock of the data
   /// folder has shown that no other service lives there.
-  /// @param book         Lives longer than the front.
+  /// @param dispatcher   Creates tickets. Lives longer than the front, as the store does.
   /// @param socket_path  An absolute path (ControlSocketPath()).
   /// @throws std::exception when the socket can't be served; the text is fit for the operator.
-  ControlFront(TicketBook& book, std::string socket_path);
+  ControlFront(Dispatcher& dispatcher, const Store& store, std::string socket_path);
 
-  /// Closes the book, which ends the calls that wait for it, and removes the socket. Waits for all calls to end.
+  /// Closes the dispatcher, which ends the calls that wait for it, and removes the socket. Waits for all calls to end.
   ~ControlFront() override;
 
   ControlFront(const ControlFront&) = delete;
   ControlFront& operator=(const ControlFront&) = delete;
 
   /// Creates a ticket.
-  /// @return INVALID_ARGUMENT for a name that is empty or too long, and for a list that is too long to be delivered.
+  /// @return OK once it is remembered. INVALID_ARGUMENT for a bad serial number, for a name that is empty, and for a
+  ///         list that is too long for a device.
   grpc::Status SendTicket(grpc::ServerContext* context, const tarvo::support::v1::SendTicketRequest* request,
                           tarvo::support::v1::SendTicketResponse* response) override;
-  /// Streams the ticket's changes, the earlier ones first, up to its report. Holds its thread for so long.
-  /// @return OK after the report, NOT_FOUND for an unknown ticket, UNAVAILABLE when the service ends, CANCELLED when
+  /// Streams the ticket's events, the earlier ones first, up to its end. Holds its thread for so long.
+  /// @return OK after the end, NOT_FOUND for an unknown ticket, UNAVAILABLE when the service ends, CANCELLED when
   ///         the client went away.
   grpc::Status WatchTicket(grpc::ServerContext* context,
                            const tarvo::support::v1::WatchTicketRequest* request,
                            grpc::ServerWriter<tarvo::support::v1::TicketChange>* writer) override;
-  /// All tickets since the service's start, oldest first.
+  /// Takes back a ticket that no device has yet.
+  /// @return OK once that is remembered. INVALID_ARGUMENT when there is no such ticket, or more than one, or when its
+  ///         device has it or had it.
+  grpc::Status CancelTicket(grpc::ServerContext* context,
+                            const tarvo::support::v1::CancelTicketRequest* request,
+                            tarvo::support::v1::CancelTicketResponse* response) override;
+  /// The newest tickets, oldest first.
   grpc::Status ListTickets(grpc::ServerContext* context,
                            const tarvo::support::v1::ListTicketsRequest* request,
                            tarvo::support::v1::ListTicketsResponse* response) override;
@@ -55,7 +64,10 @@ class ControlFront final : public tarvo::support::v1::ControlService::Service {
                            tarvo::support::v1::ListDevicesResponse* response) override;
 
  private:
-  TicketBook& book_;
+  bool WriteEvents(Ticket& ticket, grpc::ServerWriter<tarvo::support::v1::TicketChange>& writer) const;
+
+  Dispatcher& dispatcher_;
+  const Store& store_;
   const std::string socket_path_;
   std::unique_ptr<grpc::Server> server_;  ///< Null only inside the constructor and the destructor.
 };

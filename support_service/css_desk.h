@@ -1,23 +1,27 @@
 /// What the file server and its requests have in common.
 #pragma once
 
-#include <mutex>
+#include <cstdint>
 
 #include "archive_store.h"
+#include "disk_room.h"
+#include "disk_workers.h"
+#include "dispatcher.h"
 #include "event_log.h"
-#include "ticket_book.h"
+#include "store.h"
 
 namespace TarvoOrvane::SupportService {
 
 /// What requests work with. CssServer has the one object; all requests share it, in the threads of the HTTP library.
 struct CssDesk {
-  TicketBook& book;           ///< Knows which token belongs to which ticket, and is told what came.
-  const ArchiveStore& store;  ///< Where archives and records go.
-  EventSink events;           ///< Each request's beginning and end become lines.
-
-  /// Held from the reading of a ticket's state to the writing of its record. An upload and a report of one ticket may
-  /// come at once; without it one record would lack what the other has.
-  std::mutex record_mutex;
+  Dispatcher& dispatcher;        ///< Is told what came.
+  const Store& store;            ///< Knows which token belongs to which ticket.
+  const ArchiveStore& archives;  ///< Where archives go.
+  DiskWorkers& disk;             ///< Waits until they are there.
+  DiskRoom& room;                ///< Has to promise room before they come.
+  std::uint64_t largest_upload;  ///< In bytes, with all that a form adds.
+  LimitedEvents strangers;       ///< What anybody can cause becomes lines, as far as they are not too many.
+  EventSink events;              ///< What devices with a ticket do.
 };
 
 }  // namespace TarvoOrvane::SupportService

@@ -4,10 +4,12 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -19,8 +21,6 @@ namespace {
 
 constexpr const char* kUploadPath = "/orvane/ps_files";
 constexpr const char* kReportPath = "/orvane/ps_results";
-/// Of a refused body: so much is read and dropped, so that a client that is still sending gets its answer.
-constexpr std::size_t kMaxDroppedBytes = std::size_t{2} * 1024 * 1024;
 /// Of all text parts of a form together: far more than a serial number and the longest list of applications.
 constexpr std::size_t kMaxTextBytes = std::size_t{64} * 1024;
 /// The parser hands out an archive in pieces of up to this size; small ones cost processor time.
@@ -60,17 +60,28 @@ std::string BoundaryOf(const std::string& content_type) {
   return boundary.size() <= kMaxBoundaryBytes ? boundary : "";
 }
 
-Answer StorageFailure(const std::exception& failure) {
-  const auto* error = dynamic_cast<const std::system_error*>(&failure);
-  const bool full = error != nullptr && error->code() == std::errc::no_space_on_device;
-  // The cause names a path of this machine, which is for the log and not for the client.
-  if (full) return {MHD_HTTP_INSUFFICIENT_STORAGE, "no space left to keep it"};
-  return {MHD_HTTP_INTERNAL_SERVER_ERROR, "it could not be kept"};
+const Answer kNotKept = {MHD_HTTP_INTERNAL_SERVER_ERROR, "it could not be kept"};
+const Answer kTooManyVersions = {MHD_HTTP_CONFLICT, "the ticket has as many archives as are kept of one"};
+const Answer kUnwanted = {MHD_HTTP_GONE, "the ticket has come to its end"};
+
+const Answer kNoRoom = {MHD_HTTP_INSUFFICIENT_STORAGE, "no space left to keep it"};
+
+std::string TooLargeText(std::uint64_t limit) {
+  return "the upload is larger than " + std::to_string(limit) + " bytes";
 }
 
-/// A report's text as an object with the two strings it must have; nothing with the reason otherwise.
-std::optional<Report> ParseReport(const std::string& body, std::string& why) {
-  // Strict: the report goes into ticket.json, and what jsoncpp takes beyond JSON is not what a device sends.
+Answer StorageFailure(const std::exception& failure) {
+  const auto* error = dynamic_cast<const std::system_error*>(&failure);
+  const int code = error != nullptr ? error->code().value() : 0;
+  const bool full = code == ENOSPC || code == EDQUOT || code == EFBIG;
+  // The cause names a path of this machine, which is for the log and not for the client.
+  if (full) return kNoRoom;
+  return kNotKept;
+}
+
+/// The "status" of a report's text, which must be an object with two strings; nothing with the reason otherwise.
+std::optional<std::string> ParseReport(const std::string& body, std::string& why) {
+  // Strict: what jsoncpp takes beyond JSON is not what a device sends.
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
@@ -88,8 +99,7 @@ std::optional<Report> ParseReport(const std::string& body, std::string& why) {
     why = "the report must be an object with the strings \"status\" and \"serial_number\"";
     return std::nullopt;
   }
-  return Report{value["status"].asString(), value["serial_number"].asString(),
-                std::chrono::system_clock::now()};
+  return value["status"].asString();
 }
 
 }  // namespace
@@ -105,24 +115,30 @@ bool RefusedExchange::IsWorthReading(MHD_Connection* connection) {
   return length <= kMaxDroppedBytes || Header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING);
 }
 
-UploadExchange::UploadExchange(CssDesk& desk, TicketView ticket, MHD_Connection* connection)
+UploadExchange::UploadExchange(CssDesk& desk, Ticket ticket, MHD_Connection* connection,
+                               std::unique_ptr<RoomReservation> room)
     : desk_(desk),
       ticket_(std::move(ticket)),
       form_(MHD_create_post_processor(connection, kFormBufferBytes, &UploadExchange::OnPart, this),
-            MHD_destroy_post_processor) {
+            MHD_destroy_post_processor),
+      room_(std::move(room)) {
   if (!form_) Fail(MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, "the form's content type can't be read");
 }
 
 bool UploadExchange::TakeBody(std::string_view data) {
-  // After a failure the rest is read and dropped, so that the client gets the answer.
-  if (!answer_.error.empty()) return true;
+  body_bytes_ += data.size();
+  if (body_bytes_ > desk_.largest_upload) {
+    Fail(MHD_HTTP_CONTENT_TOO_LARGE, TooLargeText(desk_.largest_upload));
+  }
+  // After a failure the rest is read and dropped, so that the client gets the answer. Not without end.
+  if (!answer_.error.empty()) return body_bytes_ <= desk_.largest_upload + RefusedExchange::kMaxDroppedBytes;
   if (MHD_post_process(form_.get(), data.data(), data.size()) == MHD_NO) {
     Fail(MHD_HTTP_BAD_REQUEST, "the form is malformed");
   }
   return true;
 }
 
-Answer UploadExchange::Finish() {
+void UploadExchange::Finish(AnswerSink done) {
   // A form may lack its end although its length is as announced; then its last part may lack any part of
   // its content too.
   if (answer_.error.empty() && MHD_destroy_post_processor(form_.release()) == MHD_NO) {
@@ -132,11 +148,11 @@ Answer UploadExchange::Finish() {
   if (answer_.error.empty() && (!archive_ || !has_serial_number_)) {
     Fail(MHD_HTTP_BAD_REQUEST, "the form needs the parts \"debug_file\" and \"serial_number\"");
   }
-  if (answer_.error.empty()) answer_ = Publish();
   if (!answer_.error.empty()) {
     desk_.events("ticket " + ticket_.id + " upload refused: " + answer_.error);
+    return done(answer_);
   }
-  return answer_;
+  desk_.disk.Post([this, done = std::move(done)] { Publish(done); });
 }
 
 void UploadExchange::Abort(const std::string& cause) {
@@ -191,7 +207,8 @@ bool UploadExchange::TakePart(const std::string& name, std::string_view data, bo
 
 bool UploadExchange::TakeFile(std::string_view data, bool is_start) {
   if (is_start && archive_) return Fail(MHD_HTTP_BAD_REQUEST, "the form has a second \"debug_file\"");
-  if (!archive_) archive_ = desk_.store.Begin();
+  if (!room_->Use(data.size())) return Fail(kNoRoom.http_status, kNoRoom.error);
+  if (!archive_) archive_ = desk_.archives.Begin();
   archive_->Write(data);
   return true;
 }
@@ -213,24 +230,63 @@ bool UploadExchange::Fail(unsigned int http_status, const std::string& error) {
   return false;
 }
 
-Answer UploadExchange::Publish() {
+/// Brings the archive to disk under its name. Runs in a thread that may wait for that.
+void UploadExchange::Publish(const AnswerSink& done) {
   try {
     archive_->Finish();
     upload_.size_bytes = archive_->size_bytes();
     upload_.sha256 = archive_->sha256();
-    upload_.time = std::chrono::system_clock::now();
-    const std::lock_guard<std::mutex> lock(desk_.record_mutex);
-    // As it is now: a report may have come since the request began.
-    TicketView ticket = desk_.book.Find(ticket_.id).value_or(ticket_);
-    ticket.upload = upload_;
-    // On disk before the book tells of it, so that whoever waits for the change finds the file.
-    desk_.store.Publish(*archive_, ticket.id);
-    desk_.store.WriteRecord(ticket);
-    desk_.book.RecordUpload(ticket.id, upload_);
-    return {};
+    upload_.received = Now().wall;
+    const std::uint64_t after = ticket_.archives.empty() ? 0 : ticket_.archives.back().version;
+    upload_.version = desk_.archives.Publish(*archive_, ticket_.id, after);
   } catch (const std::exception& failure) {
     desk_.events("ticket " + ticket_.id + " upload failed: " + failure.what());
-    return StorageFailure(failure);
+    return done(StorageFailure(failure));
+  }
+  Record(done);
+}
+
+/// Has the archive remembered. Only then the device hears that it was taken.
+void UploadExchange::Record(const AnswerSink& done) {
+  const auto fate = std::make_shared<UploadFate>(UploadFate::kUnwanted);
+  desk_.dispatcher.Post(
+      [this, fate](TicketBook& book) { *fate = book.RecordUpload(ticket_.number, upload_); },
+      [this, fate, done](const std::string& fault) { Conclude(fault, *fate, done); });
+}
+
+void UploadExchange::Conclude(const std::string& fault, UploadFate fate, const AnswerSink& done) {
+  if (fault.empty() && fate == UploadFate::kKept) return done({});
+  if (fault.empty() && fate == UploadFate::kRepeated) {
+    return desk_.disk.Post([this, done] { KeepFormer(done); });
+  }
+  // A file that nobody knows of. If it can't be deleted now, the next start puts it aside.
+  desk_.disk.Post([&archives = desk_.archives, id = ticket_.id, version = upload_.version] {
+    try {
+      archives.Remove(id, version);
+    } catch (const std::exception&) {
+      return;
+    }
+  });
+  Answer answer = kNotKept;
+  if (fault.empty()) answer = fate == UploadFate::kTooMany ? kTooManyVersions : kUnwanted;
+  desk_.events("ticket " + ticket_.id + " upload failed: " + (fault.empty() ? answer.error : fault));
+  done(answer);
+}
+
+/// The ticket has an archive of this content. The answer says that it is kept, so its file had better be there.
+void UploadExchange::KeepFormer(const AnswerSink& done) {
+  try {
+    const auto ticket = desk_.store.Find(ticket_.number);
+    for (const Archive& former : ticket ? ticket->archives : std::vector<Archive>()) {
+      if (former.sha256 == upload_.sha256) {
+        desk_.archives.KeepOne(ticket_.id, former.version, upload_.version);
+      }
+    }
+    desk_.events("ticket " + ticket_.id + " upload repeated: sha256 " + upload_.sha256);
+    done({});
+  } catch (const std::exception& failure) {
+    desk_.events("ticket " + ticket_.id + " upload failed: " + failure.what());
+    done(StorageFailure(failure));
   }
 }
 
@@ -244,25 +300,23 @@ Answer ReportExchange::TooLarge() {
   return {MHD_HTTP_CONTENT_TOO_LARGE, "the report is larger than " + std::to_string(kMaxBytes) + " bytes"};
 }
 
-Answer ReportExchange::Finish() {
+void ReportExchange::Finish(AnswerSink done) {
   std::string why;
-  const auto report = too_large_ ? std::nullopt : ParseReport(body_, why);
-  if (!report) {
-    Answer answer = too_large_ ? TooLarge() : Answer{MHD_HTTP_BAD_REQUEST, why};
+  const auto status = too_large_ ? std::nullopt : ParseReport(body_, why);
+  if (!status) {
+    const Answer answer = too_large_ ? TooLarge() : Answer{MHD_HTTP_BAD_REQUEST, why};
     desk_.events("ticket " + ticket_.id + " report refused: " + answer.error);
-    return answer;
+    return done(answer);
   }
-  try {
-    const std::lock_guard<std::mutex> lock(desk_.record_mutex);
-    TicketView ticket = desk_.book.Find(ticket_.id).value_or(ticket_);
-    ticket.report = report;
-    desk_.store.WriteRecord(ticket);
-    desk_.book.RecordReport(ticket.id, *report);
-    return {};
-  } catch (const std::exception& failure) {
-    desk_.events("ticket " + ticket_.id + " report failed: " + failure.what());
-    return StorageFailure(failure);
-  }
+  const auto taken = std::make_shared<bool>(false);
+  desk_.dispatcher.Post(
+      [this, taken, text = *status](TicketBook& book) { *taken = book.RecordReport(ticket_.number, text); },
+      [this, taken, done = std::move(done)](const std::string& fault) {
+        if (fault.empty() && *taken) return done({});
+        const Answer answer = fault.empty() ? kUnwanted : kNotKept;
+        desk_.events("ticket " + ticket_.id + " report failed: " + (fault.empty() ? answer.error : fault));
+        done(answer);
+      });
 }
 
 void ReportExchange::Abort(const std::string& cause) {
@@ -272,8 +326,8 @@ void ReportExchange::Abort(const std::string& cause) {
 std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, MHD_Connection* connection, const std::string& path,
                                         const std::string& method, const std::string& peer) {
   const auto refuse = [&](unsigned int status, const std::string& error) {
-    desk.events("request refused: " + Printable(method, 16) + " " + Quoted(path) + " from " + peer + ": " +
-                error);
+    desk.strangers.Write("request refused: " + Printable(method, 16) + " " + Quoted(path) + " from " + peer +
+                         ": " + error);
     return std::make_unique<RefusedExchange>(Answer{status, error});
   };
   const bool is_upload = path == kUploadPath;
@@ -285,8 +339,18 @@ std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, MHD_Connection* connectio
   // The token alone tells who sends. It is in no line: a refused one may be another service's.
   const auto token = Header(connection, "AUTH-TOKEN");
   if (!token) return refuse(MHD_HTTP_UNAUTHORIZED, "the AUTH-TOKEN header is missing");
-  auto ticket = desk.book.FindByToken(*token);
+  std::optional<Ticket> ticket;
+  try {
+    ticket = desk.store.FindByToken(HashOf(*token));
+  } catch (const StoreError& failure) {
+    // What went wrong names paths of this machine, which are for the log and not for a client.
+    desk.strangers.Write(std::string("tokens can't be looked up: ") + failure.what());
+    return refuse(kNotKept.http_status, kNotKept.error);
+  }
   if (!ticket) return refuse(MHD_HTTP_UNAUTHORIZED, "the AUTH-TOKEN is not known");
+  if (!TakesRequests(*ticket, Now().wall)) {
+    return refuse(kUnwanted.http_status, "ticket " + ticket->id + " is " + ToText(ticket->state));
+  }
 
   if (!is_upload) {
     const std::uint64_t length = BodyLength(connection);
@@ -300,8 +364,15 @@ std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, MHD_Connection* connectio
   if (BoundaryOf(Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE).value_or("")).empty()) {
     return refuse(MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, "the body must be a multipart/form-data form");
   }
+  const bool announced = !Header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING);
+  const std::uint64_t length = announced ? BodyLength(connection) : 0;
+  if (length > desk.largest_upload) {
+    return refuse(MHD_HTTP_CONTENT_TOO_LARGE, TooLargeText(desk.largest_upload));
+  }
+  auto room = std::make_unique<RoomReservation>(desk.room);
+  if (!room->Add(length)) return refuse(kNoRoom.http_status, kNoRoom.error);
   desk.events("ticket " + ticket->id + " upload started: from " + peer);
-  return std::make_unique<UploadExchange>(desk, *std::move(ticket), connection);
+  return std::make_unique<UploadExchange>(desk, *std::move(ticket), connection, std::move(room));
 }
 
 }  // namespace TarvoOrvane::SupportService

@@ -4,6 +4,7 @@
 
 #include <microhttpd.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,6 +19,9 @@ struct Answer {
   std::string error;                       ///< For the client; empty means success.
 };
 
+/// Takes a request's answer, once. Any thread may call it.
+using AnswerSink = std::function<void(Answer)>;
+
 /// A request whose headers were read. The server makes it with BeginExchange(), feeds it the body, and then calls
 /// Finish() or Abort(), one of them and once.
 class Exchange {
@@ -28,8 +32,10 @@ class Exchange {
   /// @return false to end the connection without an answer; what is wrong with the content waits for Finish().
   virtual bool TakeBody(std::string_view data) = 0;
 
-  /// The body is complete, as far as HTTP is concerned. Does what the request asked for and logs how that went.
-  virtual Answer Finish() = 0;
+  /// The body is complete, as far as HTTP is concerned. Has done what the request asked for, and logs what went wrong.
+  /// Does not wait for the disk.
+  /// @param done  Gets the answer, now or later. The object lives until then.
+  virtual void Finish(AnswerSink done) = 0;
 
   /// The connection ended before the body was complete. What came of it is dropped; the object is deleted next.
   /// @param cause  For the event line.
@@ -42,13 +48,17 @@ class RefusedExchange final : public Exchange {
   explicit RefusedExchange(Answer answer) : answer_(std::move(answer)) {}
 
   bool TakeBody(std::string_view data) override;
-  Answer Finish() override { return answer_; }
+  void Finish(AnswerSink done) override { done(answer_); }
+  [[nodiscard]] const Answer& answer() const { return answer_; }
   void Abort(const std::string& /*cause*/) override {}
 
   /// Whether dropping so large a body is better than answering before it was read. A client that is
   /// still sending when the connection is closed may lose the answer; one that says "Expect:
   /// 100-continue" waits, and so gets a refusal before it has sent anything.
   static bool IsWorthReading(MHD_Connection* connection);
+
+  /// Of a refused body: so much is read and dropped, so that a client that is still sending gets its answer.
+  static constexpr std::size_t kMaxDroppedBytes = std::size_t{2} * 1024 * 1024;
 
  private:
   Answer answer_;
@@ -62,10 +72,12 @@ class UploadExchange final : public Exchange {
   /// @param desk        Lives longer than the exchange.
   /// @param ticket      The one whose token came with the request.
   /// @param connection  Its headers hold the form's boundary.
-  UploadExchange(CssDesk& desk, TicketView ticket, MHD_Connection* connection);
+  /// @param room        What was promised for the body, if its size was announced.
+  UploadExchange(CssDesk& desk, Ticket ticket, MHD_Connection* connection,
+                 std::unique_ptr<RoomReservation> room);
 
   bool TakeBody(std::string_view data) override;
-  Answer Finish() override;
+  void Finish(AnswerSink done) override;
   void Abort(const std::string& cause) override;
 
  private:
@@ -78,16 +90,21 @@ class UploadExchange final : public Exchange {
   bool TakeFile(std::string_view data, bool is_start);
   bool TakeText(std::string& text, std::string_view data);
   bool Fail(unsigned int http_status, const std::string& error);
-  Answer Publish();
+  void Publish(const AnswerSink& done);
+  void Record(const AnswerSink& done);
+  void KeepFormer(const AnswerSink& done);
+  void Conclude(const std::string& fault, UploadFate fate, const AnswerSink& done);
 
   CssDesk& desk_;
-  TicketView ticket_;
+  const Ticket ticket_;
   std::unique_ptr<MHD_PostProcessor, MHD_Result (*)(MHD_PostProcessor*)> form_;
+  const std::unique_ptr<RoomReservation> room_;
+  std::uint64_t body_bytes_ = 0;              ///< That have arrived.
   std::string part_name_;                     ///< Of the part that is arriving.
   bool part_has_data_ = true;                 ///< Some of its content has arrived.
   std::unique_ptr<IncomingArchive> archive_;  ///< Null before "debug_file" came, and after a failure.
   bool has_serial_number_ = false;            ///< An empty one counts: a device may know none.
-  Upload upload_;                             ///< Filled in as the parts come.
+  Archive upload_;                            ///< Filled in as the parts come.
   std::size_t text_bytes_ = 0;                ///< Of all text parts together.
   Answer answer_;                             ///< The first failure, if any.
 };
@@ -97,10 +114,10 @@ class UploadExchange final : public Exchange {
 class ReportExchange final : public Exchange {
  public:
   /// As UploadExchange's.
-  ReportExchange(CssDesk& desk, TicketView ticket) : desk_(desk), ticket_(std::move(ticket)) {}
+  ReportExchange(CssDesk& desk, Ticket ticket) : desk_(desk), ticket_(std::move(ticket)) {}
 
   bool TakeBody(std::string_view data) override;
-  Answer Finish() override;
+  void Finish(AnswerSink done) override;
   void Abort(const std::string& cause) override;
 
   /// The largest report that is read; a device's has less than a hundredth of it.
@@ -110,7 +127,7 @@ class ReportExchange final : public Exchange {
 
  private:
   CssDesk& desk_;
-  TicketView ticket_;
+  const Ticket ticket_;
   std::string body_;        ///< At most kMaxBytes.
   bool too_large_ = false;  ///< More came; it is dropped, so that the client gets its answer.
 };

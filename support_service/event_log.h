@@ -2,9 +2,15 @@
 /// event has made what came from outside printable (text_forms.h).
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <thread>
 
 namespace TarvoOrvane::SupportService {
 
@@ -12,22 +18,60 @@ namespace TarvoOrvane::SupportService {
 /// calls nothing back.
 using EventSink = std::function<void(const std::string& event)>;
 
-/// Writes each event as one line with its time, in one write. An event whose reader has gone or whose
+/// Passes on events that anybody on the network can cause, as far as they are not too many: a stranger must not be able
+/// to fill the log. Copies share what they count. Any thread may call it.
+class LimitedEvents {
+ public:
+  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
+  explicit LimitedEvents(EventSink events, Clock clock = std::chrono::steady_clock::now);
+
+  /// Passes it on, or leaves it out. The next one that is passed on follows the number of those.
+  void Write(const std::string& event) const;
+
+  /// So many at once are passed on, and so many more each second.
+  static constexpr int kBurst = 50;
+  static constexpr int kPerSecond = 5;
+
+ private:
+  struct Budget;
+  std::shared_ptr<Budget> budget_;
+};
+
+/// Writes each event as one line with its time. A thread of its own writes, so that a reader who stalls holds up nobody:
+/// lines that find no room are left out, and counted in a line of their own. An event whose reader has gone or whose
 /// file is full is dropped: the service does its work without its log.
 class EventLog {
  public:
+  /// Starts the thread.
   /// @param fd  Descriptor to write to; stays the caller's.
-  explicit EventLog(int fd) : fd_(fd) {}
+  explicit EventLog(int fd);
+  /// Writes what is left, for as long as its reader takes some of it each second.
+  ~EventLog();
+  EventLog(const EventLog&) = delete;
+  EventLog& operator=(const EventLog&) = delete;
 
-  /// Writes an event, behind the time in UTC. Any thread may call it; lines don't mix.
+  /// Takes an event, with the present time in UTC. Any thread may call it; it does not wait.
   void Write(const std::string& event);
 
-  /// Writes a line as it stands, for lines that programs read.
+  /// Takes a line as it stands, for lines that programs read.
   void WritePlain(const std::string& line);
 
+  /// So much waits to be written at most, in bytes.
+  static constexpr std::size_t kMaxWaiting = std::size_t{1} << 20;
+
  private:
-  std::mutex mutex_;  ///< Held while a line is written, so that a long one is not cut by another.
-  int fd_;
+  void Run();
+  bool WriteAll(std::string_view text);
+  bool AwaitRoom();
+
+  const int fd_;
+  std::mutex mutex_;  ///< Guards what follows.
+  std::condition_variable changed_;
+  std::string waiting_;         ///< Lines that are not written yet.
+  std::uint64_t left_out_ = 0;  ///< Lines since those.
+  bool ending_ = false;
+  std::thread thread_;
 };
 
 }  // namespace TarvoOrvane::SupportService

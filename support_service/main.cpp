@@ -1,4 +1,5 @@
 /// The local support service: the other end of the daemon, for running, demonstrating and testing it.
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,10 +26,21 @@ sigset_t BlockEndSignals() {
   return signals;
 }
 
+/// Each device has a connection. What the system's administrator allows is used.
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == -1) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int Serve(const TarvoOrvane::SupportService::ServiceSettings& settings) {
   const sigset_t end_signals = BlockEndSignals();
   // A reader of the event lines that went away does not end the service.
   if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) throw std::runtime_error("cannot ignore SIGPIPE");
+  // A limit on the size of files is told to who wrote, as a full disk is.
+  if (std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR) throw std::runtime_error("cannot ignore SIGXFSZ");
+  RaiseDescriptorLimit();
   umask(0077);  // the control socket is open to its owner from its first moment
   EventLog log(STDOUT_FILENO);
   const SupportService service(settings, [&log](const std::string& event) { log.Write(event); });

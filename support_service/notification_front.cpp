@@ -14,7 +14,9 @@ using tarvo::support::v1::ServerMessage;
 namespace {
 
 /// Far more than a Hello or an Answer needs.
-constexpr int kMaxMessageBytes = 64 * 1024;
+constexpr int kMaxMessageBytes = 8 * 1024;
+/// A device has one stream. A former one of its may not have ended yet.
+constexpr int kMaxStreamsPerConnection = 2;
 /// How long the server waits at its end for devices to close their connections; streams have ended before.
 constexpr std::chrono::milliseconds kDevicesShutdownLimit{250};
 
@@ -22,10 +24,16 @@ grpc::Status StatusFor(const StreamEnd& end) {
   switch (end.reason) {
     case EndReason::kNoHello:
       return {grpc::StatusCode::DEADLINE_EXCEEDED, end.text};
-    case EndReason::kWrongProtocol:
+    case EndReason::kBadHello:
       return {grpc::StatusCode::FAILED_PRECONDITION, end.text};
     case EndReason::kProtocolError:
       return {grpc::StatusCode::INVALID_ARGUMENT, end.text};
+    case EndReason::kTwin:
+      return {grpc::StatusCode::ALREADY_EXISTS, end.text};
+    case EndReason::kTooMany:
+      return {grpc::StatusCode::RESOURCE_EXHAUSTED, end.text};
+    case EndReason::kNoAnswer:
+      return {grpc::StatusCode::DEADLINE_EXCEEDED, end.text};
     case EndReason::kReplaced:
       return {grpc::StatusCode::ABORTED, end.text};
     case EndReason::kShutdown:
@@ -42,6 +50,8 @@ void SetKeepalive(grpc::ServerBuilder& builder) {
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 20000);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 10000);
   builder.AddChannelArgument(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);
+  // A connection without a stream is of no use to a device.
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONNECTION_IDLE_MS, 60000);
 }
 
 }  // namespace
@@ -49,7 +59,8 @@ void SetKeepalive(grpc::ServerBuilder& builder) {
 /// One device's stream. gRPC calls the reactions from its own threads; Send and End may come from any.
 class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerMessage> {
  public:
-  DeviceStream(NotificationFront& front, StreamId id) : front_(front), id_(id) {}
+  DeviceStream(NotificationFront& front, StreamId id, grpc::CallbackServerContext& context)
+      : front_(front), id_(id), context_(context) {}
 
   /// @param self  Keeps the stream alive until gRPC is done with it.
   void Start(std::shared_ptr<DeviceStream> self) {
@@ -75,18 +86,17 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
     if (ended_) return;
     ended_ = true;
     status_ = status;
-    // A write that is under way is finished first, or the status would be lost. One that never finishes ends
-    // with the connection: at the service's end, or when the keepalive finds the device gone.
-    if (outgoing_.empty()) Finish(status_);
+    if (outgoing_.empty()) return Finish(status_);
+    // The device takes nothing, and would keep its stream for as long as it likes. It is not told why.
+    context_.TryCancel();
   }
 
   void OnReadDone(bool ok) override {
     if (!ok) {
-      front_.book_.CloseStream(id_);
+      front_.dispatcher_.Post([id = id_](TicketBook& book) { book.CloseStream(id); });
       return End(grpc::Status::OK);
     }
     Handle(received_);
-    StartRead(&received_);
   }
 
   void OnWriteDone(bool ok) override {
@@ -99,7 +109,7 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
   }
 
   void OnCancel() override {
-    front_.book_.CloseStream(id_);
+    front_.dispatcher_.Post([id = id_](TicketBook& book) { book.CloseStream(id); });
     End(grpc::Status::CANCELLED);
   }
 
@@ -115,20 +125,40 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
       case ClientMessage::kHello:
         // Tells the device at once that its stream is open.
         StartSendInitialMetadataOnce();
-        return front_.book_.Hello(id_, message.hello().serial_number(), message.hello().protocol());
+        return Tell([id = id_, hello = message.hello()](TicketBook& book) {
+          book.Hello(id, hello.serial_number(), hello.protocol());
+        });
       case ClientMessage::kAnswer:
         return HandleAnswer(message.answer());
       case ClientMessage::KIND_NOT_SET:
-        return front_.book_.ProtocolError(id_, "a message that is neither hello nor answer");
+        return Refuse("a message that is neither hello nor answer");
     }
   }
 
   void HandleAnswer(const tarvo::support::v1::Answer& answer) {
     const bool accepted = answer.status() == tarvo::support::v1::CLIENT_STATUS_ACCEPTED;
     if (!accepted && answer.status() != tarvo::support::v1::CLIENT_STATUS_REJECTED) {
-      return front_.book_.ProtocolError(id_, "an answer without a known status");
+      return Refuse("an answer without a known status");
     }
-    front_.book_.Answer(id_, answer.ticket_id(), accepted, answer.reason());
+    Tell([id = id_, accepted, answer](TicketBook& book) {
+      book.Answer(id, answer.ticket_id(), accepted, answer.reason());
+    });
+  }
+
+  void Refuse(const char* text) {
+    Tell([id = id_, text](TicketBook& book) { book.ProtocolError(id, text); });
+  }
+
+  /// Reads the next message once this one is dealt with: a device can't make more work than is done.
+  void Tell(Dispatcher::Input input) {
+    front_.dispatcher_.Post(std::move(input), [self = front_.FindStream(id_)](const std::string& /*fault*/) {
+      if (self) self->ReadOn();
+    });
+  }
+
+  void ReadOn() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!ended_) StartRead(&received_);
   }
 
   void StartSendInitialMetadataOnce() {
@@ -139,6 +169,7 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
 
   NotificationFront& front_;
   const StreamId id_;
+  grpc::CallbackServerContext& context_;
   ClientMessage received_;
   std::shared_ptr<DeviceStream> self_;
   std::mutex mutex_;
@@ -148,7 +179,8 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
   bool metadata_sent_ = false;
 };
 
-NotificationFront::NotificationFront(TicketBook& book, const ListenAddress& address) : book_(book) {
+NotificationFront::NotificationFront(Dispatcher& dispatcher, const ListenAddress& address)
+    : dispatcher_(dispatcher) {
   CheckFree(address);
   const std::string target =
       address.unix_path.empty()
@@ -160,21 +192,25 @@ NotificationFront::NotificationFront(TicketBook& book, const ListenAddress& addr
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
   SetKeepalive(builder);
   builder.SetMaxReceiveMessageSize(kMaxMessageBytes);
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, kMaxStreamsPerConnection);
   int port = 0;
   builder.AddListeningPort(target, grpc::InsecureServerCredentials(), &port);
   builder.RegisterService(this);
+  // Before the first stream: what it is to get must find its way.
+  dispatcher_.SetWorkSink([this](const Work& work) { CarryOut(work); });
   server_ = builder.BuildAndStart();
-  if (!server_) throw std::runtime_error("cannot listen on " + address.text + " for gRPC");
+  if (!server_) {
+    dispatcher_.SetWorkSink({});
+    throw std::runtime_error("cannot listen on " + address.text + " for gRPC");
+  }
   url_ = address.unix_path.empty()
              ? "http://" + target.substr(0, target.rfind(':') + 1) + std::to_string(port)
              : "unix:" + address.unix_path;
-  worker_ = std::thread([this] { RunWork(); });
 }
 
 NotificationFront::~NotificationFront() {
-  // The worker carries out the ends that Close() has ordered, and then ends itself.
-  book_.Close();
-  worker_.join();
+  dispatcher_.Close();
+  dispatcher_.SetWorkSink({});
   server_->Shutdown(std::chrono::system_clock::now() + kDevicesShutdownLimit);
   // Waits for every stream's OnDone, which uses this object.
   server_.reset();
@@ -182,27 +218,25 @@ NotificationFront::~NotificationFront() {
 
 grpc::ServerBidiReactor<ClientMessage, ServerMessage>* NotificationFront::Open(
     grpc::CallbackServerContext* context) {
-  const StreamId id = book_.OpenStream(context->peer());
-  const auto stream = std::make_shared<DeviceStream>(*this, id);
+  const StreamId id = dispatcher_.closed() ? 0 : ++last_stream_;
+  const auto stream = std::make_shared<DeviceStream>(*this, id, *context);
   if (id != 0) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    streams_.emplace(id, stream);
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      streams_.emplace(id, stream);
+    }
+    dispatcher_.Post([id, peer = context->peer()](TicketBook& book) { book.OpenStream(id, peer); });
   }
   stream->Start(stream);
   return stream.get();
 }
 
-void NotificationFront::RunWork() {
-  for (;;) {
-    // Without the mutex: while this waits, devices come and go.
-    const Work work = book_.WaitForWork();
-    for (const StreamEnd& end : work.ends) {
-      if (const auto stream = FindStream(end.stream)) stream->End(StatusFor(end));
-    }
-    for (const Delivery& delivery : work.deliveries) {
-      if (const auto stream = FindStream(delivery.stream)) stream->Send(delivery);
-    }
-    if (work.closed) return;
+void NotificationFront::CarryOut(const Work& work) {
+  for (const StreamEnd& end : work.ends) {
+    if (const auto stream = FindStream(end.stream)) stream->End(StatusFor(end));
+  }
+  for (const Delivery& delivery : work.deliveries) {
+    if (const auto stream = FindStream(delivery.stream)) stream->Send(delivery);
   }
 }
 

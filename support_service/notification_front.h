@@ -1,20 +1,20 @@
 /// NotificationService over gRPC: the streams on which devices get tickets and answer them.
 ///
-/// gRPC's threads tell the book what devices say; one thread of this front carries out the work that the
-/// book hands out. A device that reads nothing holds up nobody else: no thread ever waits for a write.
+/// gRPC's threads post what devices say to the dispatcher, whose thread carries out here what the book has decided. A
+/// device that reads nothing holds up nobody else: no thread ever waits for a write.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
+#include "dispatcher.h"
 #include "listen_address.h"
 #include "tarvo/support/v1/notification.grpc.pb.h"
-#include "ticket_book.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -24,12 +24,12 @@ class DeviceStream;
 class NotificationFront final : public tarvo::support::v1::NotificationService::CallbackService {
  public:
   /// Starts serving.
-  /// @param book     Lives longer than the front.
-  /// @param address  TCP, or a unix socket; port 0 lets the kernel choose.
+  /// @param dispatcher  Lives longer than the front. It has no other front.
+  /// @param address     TCP, or a unix socket; port 0 lets the kernel choose.
   /// @throws std::runtime_error when the address can't be listened on.
-  NotificationFront(TicketBook& book, const ListenAddress& address);
+  NotificationFront(Dispatcher& dispatcher, const ListenAddress& address);
 
-  /// Closes the book, which ends all streams, and waits until gRPC is done with each of them.
+  /// Closes the dispatcher, which ends all streams, and waits until gRPC is done with each of them.
   ~NotificationFront() override;
 
   NotificationFront(const NotificationFront&) = delete;
@@ -46,18 +46,18 @@ class NotificationFront final : public tarvo::support::v1::NotificationService::
  private:
   friend class DeviceStream;
 
-  /// The front's own thread: waits for the book's work and carries it out.
-  void RunWork();
+  /// Runs in the dispatcher's thread.
+  void CarryOut(const Work& work);
   /// Null once gRPC is done with the stream.
   std::shared_ptr<DeviceStream> FindStream(StreamId id);
   void Forget(StreamId id);
 
-  TicketBook& book_;
-  std::mutex mutex_;  ///< Guards streams_; never held while the book is called.
+  Dispatcher& dispatcher_;
+  std::atomic<StreamId> last_stream_{0};
+  std::mutex mutex_;                                           ///< Guards streams_.
   std::map<StreamId, std::shared_ptr<DeviceStream>> streams_;  ///< Until gRPC is done with each.
   std::unique_ptr<grpc::Server> server_;
   std::string url_;
-  std::thread worker_;  ///< Runs RunWork().
 };
 
 }  // namespace TarvoOrvane::SupportService

@@ -11,6 +11,7 @@ namespace TarvoOrvane::SupportService {
 namespace {
 
 constexpr int kUsageError = 2;
+constexpr std::int64_t kLongestPause = 600;
 constexpr std::int64_t kMaxSeconds = 86400;  // a day: more is a slip of the keyboard
 
 constexpr char kServiceExamples[] = R"(Examples:
@@ -25,6 +26,7 @@ constexpr char kTicketExamples[] = R"(Examples:
   ticket --apps web,database --wait
   ticket --apps web --device SN0001 --wait 60
   ticket --list
+  ticket --cancel 3f9a
 
 Prints the ticket's id. With --wait it prints each change, and exit status 0 means that the device
 reported "Success"; without, that the service took the ticket.)";
@@ -90,7 +92,7 @@ std::vector<std::string> SplitNames(const std::string& text) {
 Parsed<ServiceSettings> ParseServiceOptions(int argc, const char* const* argv) {
   Parsed<ServiceSettings> parsed;
   ServiceSettings& settings = parsed.options;
-  std::int64_t retry_seconds = 5;
+  std::int64_t retry_seconds = 2;
   std::string data_folder = settings.data_folder.string();
   CLI::App app("A local support service: sends tickets to devices and receives their archives.",
                "support_service");
@@ -101,10 +103,11 @@ Parsed<ServiceSettings> ParseServiceOptions(int argc, const char* const* argv) {
   app.add_option("--http-address", settings.http_address,
                  "Where devices send archives and reports: HOST:PORT")
       ->capture_default_str();
-  app.add_option("--data", data_folder, "Folder for received files and the control socket")
+  app.add_option("--data", data_folder, "Folder for tickets, archives and the control socket")
       ->capture_default_str();
-  app.add_option("--retry-seconds", retry_seconds, "Pause before a rejected ticket is delivered again")
-      ->check(CLI::Range(std::int64_t{1}, kMaxSeconds))
+  app.add_option("--retry-seconds", retry_seconds,
+                 "Pause before a rejected ticket is delivered again; it doubles each time, up to ten minutes")
+      ->check(CLI::Range(std::int64_t{1}, kLongestPause))
       ->capture_default_str();
   app.footer(kServiceExamples);
   if (!RunParser(app, argc, argv, parsed)) return parsed;
@@ -125,28 +128,39 @@ Parsed<TicketOptions> ParseTicketOptions(int argc, const char* const* argv) {
   app.set_version_flag("--version", "ticket " DDT_VERSION);
   auto* apps_option = app.add_option(
       "--apps", apps, "Applications whose debug data is wanted, separated by commas; may be empty");
-  auto* device_option =
-      app.add_option("--device", options.device, "Serial number of the device; else the first connected one");
+  auto* device_option = app.add_option("--device", options.device,
+                                       "Serial number of the device; else the one that is connected");
   app.add_option("--data", data_folder, "The service's data folder")->capture_default_str();
   // --wait takes its number or does without.
   auto* wait_option =
-      app.add_option("--wait", wait_seconds, "Follow the ticket until its report, for at most SECONDS")
+      app.add_option("--wait", wait_seconds, "Follow the ticket to its end, for at most SECONDS")
           ->expected(0, 1)
           ->type_name("[SECONDS]")
           ->check(CLI::Range(std::int64_t{1}, kMaxSeconds));
-  auto* list_option = app.add_flag("--list", list_tickets, "Print all tickets instead");
+  auto* cancel_option =
+      app.add_option("--cancel", options.ticket,
+                     "Take back a ticket that no device has yet, instead: its id, or the beginning")
+          ->type_name("TICKET");
+  auto* list_option = app.add_flag("--list", list_tickets, "Print the newest 1000 tickets instead");
   auto* devices_option = app.add_flag("--devices", list_devices, "Print the connected devices instead");
-  for (auto* listing : {list_option, devices_option}) {
-    listing->excludes(apps_option)->excludes(device_option)->excludes(wait_option);
+  for (auto* other : {cancel_option, list_option, devices_option}) {
+    other->excludes(apps_option)->excludes(device_option)->excludes(wait_option);
   }
+  cancel_option->excludes(list_option)->excludes(devices_option);
   list_option->excludes(devices_option);
   app.footer(kTicketExamples);
   if (!RunParser(app, argc, argv, parsed)) return parsed;
   options.data_folder = data_folder;
   options.wait = wait_option->count() > 0;
   if (wait_seconds > 0) options.wait_limit = std::chrono::seconds(wait_seconds);
+  if (cancel_option->count() > 0) options.action = TicketOptions::Action::kCancel;
   if (list_tickets) options.action = TicketOptions::Action::kListTickets;
   if (list_devices) options.action = TicketOptions::Action::kListDevices;
+  if (options.action == TicketOptions::Action::kCancel) {
+    return Checked(parsed, [](TicketOptions& given) {
+      if (given.ticket.empty()) throw std::invalid_argument("--cancel: the ticket's id is empty");
+    });
+  }
   if (options.action != TicketOptions::Action::kSend) return parsed;
   return Checked(parsed, [&](TicketOptions& given) {
     if (apps_option->count() == 0) {

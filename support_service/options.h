@@ -25,11 +25,12 @@ Parsed<ServiceSettings> ParseServiceOptions(int argc, const char* const* argv);
 
 /// What the program ticket is asked for.
 struct TicketOptions {
-  enum class Action { kSend, kListTickets, kListDevices };
+  enum class Action { kSend, kCancel, kListTickets, kListDevices };
 
   Action action = Action::kSend;
   std::vector<std::string> apps;  ///< For kSend, in the order given; none for the system's data alone.
-  std::string device;             ///< For kSend: a serial number; empty for the first connected device.
+  std::string device;             ///< For kSend: a serial number; empty for the one that is connected.
+  std::string ticket;             ///< For kCancel: its id, or the beginning of it.
   std::filesystem::path data_folder = "support_service_data";  ///< Where the service's control socket lies.
   bool wait = false;                               ///< After kSend: follow the ticket until its report.
   std::optional<std::chrono::seconds> wait_limit;  ///< Without one it waits as long as it takes.

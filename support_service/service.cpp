@@ -6,15 +6,30 @@ std::string ControlSocketPath(const std::filesystem::path& data_folder) {
   return std::filesystem::absolute(data_folder / "control.sock").lexically_normal().string();
 }
 
-SupportService::SupportService(const ServiceSettings& settings, const EventSink& events)
-    : store_(settings.data_folder),
-      book_(settings.tickets, events),
-      control_socket_(ControlSocketPath(settings.data_folder)),
-      css_(book_, store_, events, ParseListenAddress(settings.http_address, false), settings.http_idle_limit),
-      notification_(book_, ParseListenAddress(settings.grpc_address, true)),
-      control_(book_, control_socket_) {}
+namespace {
 
-// Members end in reverse order: no new tickets first, then the streams, then the uploads.
+/// Before anybody reads the store for work.
+Store& Reconciled(Store& store, const ArchiveStore& archives, const EventSink& events) {
+  archives.Reconcile(store, events);
+  return store;
+}
+
+}  // namespace
+
+SupportService::SupportService(const ServiceSettings& settings, const EventSink& events)
+    : archives_(settings.data_folder),
+      store_(settings.data_folder / "tickets.db"),
+      dispatcher_(settings.tickets, Reconciled(store_, archives_, events), events),
+      room_(settings.data_folder, settings.disk_stays_free),
+      control_socket_(ControlSocketPath(settings.data_folder)),
+      control_(dispatcher_, store_, control_socket_),
+      notification_(dispatcher_, ParseListenAddress(settings.grpc_address, true)),
+      css_({dispatcher_, store_, archives_, disk_, room_, settings.largest_upload, LimitedEvents(events),
+            events},
+           ParseListenAddress(settings.http_address, false),
+           {settings.http_idle_limit, settings.http_head_limit}) {}
+
+// Members end in reverse order: complete uploads get their answers first, then the streams end, then the rest.
 SupportService::~SupportService() = default;
 
 }  // namespace TarvoOrvane::SupportService

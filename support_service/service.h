@@ -1,16 +1,21 @@
-/// The whole support service in one object: book, store and the three fronts.
+/// The whole support service in one object: store, dispatcher and the three fronts.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "archive_store.h"
 #include "control_front.h"
 #include "css_server.h"
+#include "disk_room.h"
+#include "disk_workers.h"
+#include "dispatcher.h"
 #include "event_log.h"
 #include "notification_front.h"
-#include "ticket_book.h"
+#include "sqlite_store.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -21,6 +26,10 @@ struct ServiceSettings {
   std::filesystem::path data_folder = "support_service_data";  ///< Made where it is missing.
   TicketBook::Settings tickets;
   std::chrono::seconds http_idle_limit{60};  ///< A connection on which nothing moves for so long is ended.
+  std::chrono::seconds http_head_limit{30};  ///< A request's head takes so long at most.
+  std::uint64_t largest_upload = std::uint64_t{4} << 30;  ///< In bytes.
+  /// So many bytes of the disk are never filled by uploads; nothing for a twentieth of it, a GiB at most.
+  std::optional<std::uint64_t> disk_stays_free;
 };
 
 /// Where the service with this data folder has its control socket: an absolute path, so that client and service agree
@@ -35,7 +44,7 @@ class SupportService {
   /// @throws std::exception with what could not be used or listened on, and what to do.
   SupportService(const ServiceSettings& settings, const EventSink& events);
 
-  /// Ends all streams, calls and connections; takes a second or two at most.
+  /// Ends all streams, calls and connections; waits until complete uploads and reports are remembered and answered.
   ~SupportService();
 
   SupportService(const SupportService&) = delete;
@@ -47,18 +56,22 @@ class SupportService {
   [[nodiscard]] const std::string& css_url() const { return css_.url(); }
   /// Where clients reach it: the path of a unix socket.
   [[nodiscard]] const std::string& control_socket() const { return control_socket_; }
-  /// What the service knows. It lives as long as this.
-  [[nodiscard]] TicketBook& book() { return book_; }
+  /// Who decides, and what is remembered. They live as long as this.
+  [[nodiscard]] Dispatcher& dispatcher() { return dispatcher_; }
+  [[nodiscard]] const Store& store() const { return store_; }
 
  private:
-  // In this order: the store's lock shows that no other service is alive before anything listens, and the fronts end
-  // before what they use.
-  ArchiveStore store_;
-  TicketBook book_;
+  // In this order: the folder's lock shows that no other service is alive before anything is read or listens, and each
+  // part ends before what it uses.
+  ArchiveStore archives_;
+  SqliteStore store_;
+  Dispatcher dispatcher_;
+  DiskWorkers disk_;
+  DiskRoom room_;
   std::string control_socket_;
-  CssServer css_;
-  NotificationFront notification_;
   ControlFront control_;
+  NotificationFront notification_;
+  CssServer css_;
 };
 
 }  // namespace TarvoOrvane::SupportService

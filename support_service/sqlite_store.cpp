@@ -96,9 +96,10 @@ enum class Sql {
   kTicketsInState,
   kTicketsOfDeviceInState,
   kArchives,
-  kEvents
+  kEvents,
+  kEveryArchive  // looks at all of them; asked at the service's start alone
 };
-constexpr std::size_t kStatementCount = static_cast<std::size_t>(Sql::kEvents) + 1;
+constexpr std::size_t kStatementCount = static_cast<std::size_t>(Sql::kEveryArchive) + 1;
 
 /// A question for tickets. An index holds the ticket's number behind what it is made of, so that each of these looks
 /// at as many rows as it returns.
@@ -158,6 +159,8 @@ std::string TextOf(Sql statement) {
     case Sql::kArchives:
       return "SELECT version, size_bytes, sha256, serial_number, apps, received FROM archives"
              " WHERE ticket = ? ORDER BY version";
+    case Sql::kEveryArchive:
+      return "SELECT id, version FROM archives JOIN tickets ON tickets.number = archives.ticket";
     case Sql::kEvents:
       return "SELECT number, ticket, kind, time, text FROM events"
              " WHERE ticket = ? AND number > ? ORDER BY number LIMIT ?";
@@ -170,9 +173,8 @@ std::string TextOf(Sql statement) {
 /// What happened to the file, and what to do.
 /// @param code  SQLite's.
 std::string AdviceFor(int code, const std::string& file) {
-  const std::string replace =
-      "Stop the service. Put a backup in its place, or begin anew: move it away together with " + file +
-      "-wal and " + file + "-shm";
+  const std::string replace = "Stop the service, and move it away together with " + file + "-wal and " +
+                              file + "-shm. Then put a backup in its place, or begin anew";
   switch (code & 0xff) {
     case SQLITE_FULL:
       return "can't be written: the disk is full. Make room on it";
@@ -651,8 +653,20 @@ std::vector<Event> SqliteStore::EventsOf(TicketNumber ticket, EventNumber after,
   });
 }
 
+std::vector<ArchiveName> SqliteStore::Archives() const {
+  return Read([](SqliteConnection& connection) {
+    std::vector<ArchiveName> archives;
+    Run run = connection.Start(Sql::kEveryArchive);
+    while (run.Next()) {
+      std::string id = run.Bytes();
+      archives.push_back({std::move(id), run.Number()});
+    }
+    return archives;
+  });
+}
+
 std::vector<std::string> SqliteStore::Statements() {
-  std::vector<std::string> texts(kStatementCount);
+  std::vector<std::string> texts(static_cast<std::size_t>(Sql::kEveryArchive));
   for (std::size_t place = 0; place < texts.size(); ++place) texts[place] = TextOf(static_cast<Sql>(place));
   return texts;
 }

@@ -38,8 +38,9 @@ class SqliteStore final : public Store {
   [[nodiscard]] std::vector<Ticket> List(const TicketFilter& filter, std::size_t limit) const override;
   [[nodiscard]] std::vector<Event> EventsOf(TicketNumber ticket, EventNumber after,
                                             std::size_t limit) const override;
+  [[nodiscard]] std::vector<ArchiveName> Archives() const override;
 
-  /// Every statement that reads or writes tickets, for the test that none of them looks at a whole table.
+  /// Every statement that the running service uses, for the test that none of them looks at a whole table.
   [[nodiscard]] static std::vector<std::string> Statements();
 
  private:

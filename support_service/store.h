@@ -39,6 +39,12 @@ struct TicketFilter {
   TicketNumber before = 0;  ///< Only those with a smaller number; 0 for the newest ones.
 };
 
+/// An archive's place among the files.
+struct ArchiveName {
+  std::string ticket_id;
+  std::uint64_t version = 0;
+};
+
 class Store {
  public:
   virtual ~Store() = default;
@@ -70,6 +76,8 @@ class Store {
   /// A ticket's events behind the one of that number, oldest first, at most `limit` of them.
   [[nodiscard]] virtual std::vector<Event> EventsOf(TicketNumber ticket, EventNumber after,
                                                     std::size_t limit) const = 0;
+  /// Every archive of every ticket.
+  [[nodiscard]] virtual std::vector<ArchiveName> Archives() const = 0;
 };
 
 }  // namespace TarvoOrvane::SupportService

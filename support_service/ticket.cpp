@@ -3,17 +3,27 @@
 namespace TarvoOrvane::SupportService {
 namespace {
 
+/// A device whose answer was lost sends again, and may have to wait until it is on line again.
+constexpr std::chrono::hours kTokenGrace{24};
+
+/// Between a rejection and the next delivery, if the device is there.
+constexpr std::chrono::minutes kLongerThanAnyPause{20};
+
 void Enter(TicketState state, const Event& event, Ticket& ticket) {
   ticket.state = state;
   ticket.since = event.time;
   ticket.overdue = false;
 }
 
+void ForgetRejections(Ticket& ticket) {
+  ticket.rejections = 0;
+  ticket.rejected_since.reset();
+}
+
 /// The device has taken the ticket: what it rejected before is of no interest any more.
 void EnterTaken(TicketState state, const Event& event, Ticket& ticket) {
   Enter(state, event, ticket);
-  ticket.rejections = 0;
-  ticket.rejected_since.reset();
+  ForgetRejections(ticket);
 }
 
 bool IsBeforeAnswer(TicketState state) {
@@ -95,8 +105,10 @@ void Apply(const Event& event, Ticket& ticket) {
     case EventKind::kCreated:
       return Enter(TicketState::kQueued, event, ticket);
     case EventKind::kDelivered:
-      if (ticket.state == TicketState::kQueued) Enter(TicketState::kDelivered, event, ticket);
-      return;
+      if (ticket.state != TicketState::kQueued) return;
+      // It stood in the queue for longer than any pause, so the device was away, and may be another one now.
+      if (event.time - ticket.since > kLongerThanAnyPause) ForgetRejections(ticket);
+      return Enter(TicketState::kDelivered, event, ticket);
     case EventKind::kStreamEnded:
     case EventKind::kStillBusy:
       if (ticket.state == TicketState::kDelivered) Enter(TicketState::kQueued, event, ticket);
@@ -136,6 +148,11 @@ void Apply(const Event& event, Ticket& ticket) {
       if (ticket.state == TicketState::kQueued) Enter(TicketState::kExpired, event, ticket);
       return;
   }
+}
+
+bool TakesRequests(const Ticket& ticket, WallTime now) {
+  if (!TakesResults(ticket.state)) return false;
+  return ticket.state != TicketState::kReported || now - ticket.since < kTokenGrace;
 }
 
 Outcome OutcomeOf(const std::string& report) {

@@ -39,7 +39,7 @@ inline constexpr TicketState kTicketStates[] = {
 /// Whether the service still has something to do or to wait for.
 [[nodiscard]] bool IsOpen(TicketState state);
 
-/// Whether an upload or a report that names the ticket's token is taken.
+/// Whether an upload or a report still counts.
 [[nodiscard]] bool TakesResults(TicketState state);
 
 /// What can happen to a ticket. The numbers are stored: they are never used for something else.
@@ -111,6 +111,10 @@ struct Ticket {
 /// Changes the ticket as the event says. Any order of events is taken: what has no meaning in a state changes nothing
 /// but `last_event` and `last_text`.
 void Apply(const Event& event, Ticket& ticket);
+
+/// Whether a request that comes now with one of the ticket's tokens is taken: its results count, and its report is not
+/// older than a day.
+[[nodiscard]] bool TakesRequests(const Ticket& ticket, WallTime now);
 
 /// What a report's text says, for people and programs that look for known outcomes.
 enum class Outcome { kSuccess, kNothingCollected, kNothingUploaded, kUnknown };

@@ -1,28 +1,32 @@
 #include "ticket_book.h"
 
 #include <json/value.h>
-#include <openssl/crypto.h>
+#include <openssl/sha.h>
 #include <sys/random.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
 #include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
 namespace {
 
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+using SteadyTime = std::chrono::steady_clock::time_point;
+
 /// An id only has to tell tickets apart, and people type it. A token is a secret that nobody must be able to guess.
 constexpr std::size_t kIdBytes = 8;
 constexpr std::size_t kTokenBytes = 32;
-/// Devices take messages of at most 64 KiB; this leaves room for the rest of the message.
-constexpr std::size_t kMaxTicketBytes = std::size_t{60} * 1024;
-/// Kept of one ticket. A device that rejects it for ever would fill the memory with its rejections.
-constexpr std::size_t kMaxChanges = 256;
+/// What the daemon's pipe to its main process takes of a ticket.
+constexpr std::size_t kMaxTicketBytes = 2047;
+/// What a device can have (the host platform takes no longer one), and what is printable in a name of a certificate.
+constexpr std::size_t kMaxSerialBytes = 128;
+/// Of a device's words, in an event.
+constexpr std::size_t kMaxReasonBytes = 512;
 
 std::string RandomHex(std::size_t bytes) {
   std::vector<unsigned char> random(bytes);
@@ -45,363 +49,574 @@ std::string TicketJson(const std::string& token, const std::vector<std::string>&
   return CompactJson(ticket);
 }
 
-std::string DeviceText(const std::string& serial_number, const std::string& peer) {
-  return (serial_number.empty() ? "without serial number" : Quoted(serial_number)) + ", " + Printable(peer);
-}
-
-std::string SecondsText(std::chrono::milliseconds time) {
+std::string SecondsText(milliseconds time) {
   return time.count() % 1000 == 0 ? std::to_string(time.count() / 1000) + " s"
                                   : std::to_string(time.count()) + " ms";
 }
 
+/// Why a device can't have this serial number; empty if it can.
+std::string SerialFault(const std::string& serial_number) {
+  if (serial_number.empty()) return "the serial number is empty";
+  if (serial_number.size() > kMaxSerialBytes) {
+    return "the serial number is longer than " + std::to_string(kMaxSerialBytes) + " bytes";
+  }
+  const bool printable = std::all_of(serial_number.begin(), serial_number.end(),
+                                     [](char character) { return character >= 0x20 && character <= 0x7e; });
+  return printable ? "" : "the serial number has other characters than printable ASCII";
+}
+
+std::string DeviceText(const std::string& serial_number, const std::string& peer) {
+  return (serial_number.empty() ? "without serial number" : Quoted(serial_number)) + ", " + Printable(peer);
+}
+
+/// How long ago that was, as far as the wall clock can be believed: never before the time was noted.
+milliseconds AgeOf(WallTime time, const Moment& now) {
+  return std::max(milliseconds(0), duration_cast<milliseconds>(now.wall - time));
+}
+
 }  // namespace
 
-const char* ToText(TicketState state) {
-  constexpr std::array<const char*, 6> kWords = {"waiting",  "delivered", "accepted",
-                                                 "rejected", "uploaded",  "reported"};
-  return kWords.at(static_cast<std::size_t>(state));
+Moment Now() {
+  // Whole milliseconds, as the store keeps them: what was read back compares equal to what was written.
+  const auto wall = std::chrono::system_clock::now().time_since_epoch();
+  return {std::chrono::steady_clock::now(), WallTime(duration_cast<milliseconds>(wall))};
 }
 
-TicketBook::TicketBook(const Settings& settings, EventSink events, Clock clock)
-    : settings_(settings), events_(std::move(events)), clock_(std::move(clock)) {}
+TokenHash HashOf(const std::string& token) {
+  TokenHash hash{};
+  SHA256(reinterpret_cast<const unsigned char*>(token.data()), token.size(), hash.data());
+  return hash;
+}
 
-std::string TicketBook::CreateTicket(const std::vector<std::string>& apps, const std::string& device) {
-  Ticket ticket;
-  ticket.token = RandomHex(kTokenBytes);
-  ticket.json = TicketJson(ticket.token, apps);
-  if (ticket.json.size() > kMaxTicketBytes) {
-    throw std::invalid_argument("the list of applications is too long: the ticket would have " +
-                                std::to_string(ticket.json.size()) + " bytes, the limit is " +
-                                std::to_string(kMaxTicketBytes));
+TicketBook::TicketBook(const Settings& settings, const Store& store, EventSink events, Clock clock)
+    : settings_(settings),
+      store_(store),
+      events_(std::move(events)),
+      strangers_(events_, [this] { return clock_().steady; }),
+      clock_(std::move(clock)) {
+  Reload();
+}
+
+Ticket TicketBook::Create(const NewTicket& wanted) {
+  if (const std::string fault = SerialFault(wanted.device); !fault.empty()) {
+    throw std::invalid_argument(fault + ": name the device that the ticket is for");
   }
-  ticket.view.apps = apps;
-  ticket.view.device = device;
-  ticket.view.created = std::chrono::system_clock::now();
-
-  // All that may fail or take time is done: the book is locked for short.
-  const std::lock_guard<std::mutex> lock(mutex_);
-  do {
-    ticket.view.id = RandomHex(kIdBytes);
-  } while (FindTicket(ticket.view.id) != nullptr);
-  events_("ticket " + ticket.view.id + " created: apps " + QuotedList(apps) + ", for " +
-          (device.empty() ? "the first connected device" : "device " + Quoted(device)));
-  tickets_.push_back(std::move(ticket));
-  Change(tickets_.back(), TicketState::kWaiting,
-         device.empty() ? "for any device" : "for device " + Quoted(device));
-  return tickets_.back().view.id;
+  const auto is_empty = [](const std::string& app) { return app.empty(); };
+  if (std::any_of(wanted.apps.begin(), wanted.apps.end(), is_empty)) {
+    throw std::invalid_argument("an application's name is empty");
+  }
+  const std::size_t bytes = TicketJson(std::string(2 * kTokenBytes, '0'), wanted.apps).size();
+  if (bytes > kMaxTicketBytes) {
+    throw std::invalid_argument("the list of applications is too long for a device: the ticket would have " +
+                                std::to_string(bytes) + " bytes, the limit is " +
+                                std::to_string(kMaxTicketBytes) + "; send several tickets");
+  }
+  const Moment now = clock_();
+  Ticket ticket;
+  ticket.number = ++last_ticket_;
+  ticket.id = RandomHex(kIdBytes);
+  ticket.device = wanted.device;
+  ticket.apps = wanted.apps;
+  ticket.created = now.wall;
+  ticket.deadline = now.wall + settings_.lifetime;
+  TakeUp(ticket, now);
+  OpenTicket& open = tickets_.at(ticket.number);
+  Record(open, EventKind::kCreated,
+         "apps " + QuotedList(wanted.apps) + ", for device " + Quoted(wanted.device));
+  return open.ticket;
 }
 
-std::optional<TicketView> TicketBook::Find(const std::string& ticket_id) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  const Ticket* ticket = FindTicket(ticket_id);
-  return ticket == nullptr ? std::nullopt : std::optional<TicketView>(ticket->view);
-}
-
-std::vector<TicketView> TicketBook::Tickets() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<TicketView> views;
-  views.reserve(tickets_.size());
-  for (const Ticket& ticket : tickets_) views.push_back(ticket.view);
-  return views;
+void TicketBook::Cancel(TicketNumber number, const std::string& who) {
+  OpenTicket* open = FindOrLoad(number);
+  if (open == nullptr) throw std::invalid_argument("there is no such ticket");
+  const TicketState state = open->ticket.state;
+  if (state != TicketState::kQueued) {
+    const std::string why = IsOpen(state) ? "its device has it already" : "it is at its end";
+    throw std::invalid_argument("ticket " + open->ticket.id + " is " + ToText(state) + ": " + why +
+                                ", so it can't be cancelled");
+  }
+  Record(*open, EventKind::kCancelled, who);
 }
 
 std::vector<DeviceView> TicketBook::Devices() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
   std::vector<DeviceView> views;
   for (const auto& [id, stream] : streams_) {
-    if (stream.greeted) views.push_back({stream.serial_number, stream.peer, stream.connected});
+    if (!stream.serial_number.empty()) {
+      views.push_back(
+          {stream.serial_number, stream.peer, stream.connected, devices_.at(stream.serial_number).twin});
+    }
   }
   return views;
 }
 
-std::vector<TicketChange> TicketBook::WaitForChanges(const std::string& ticket_id, std::uint64_t& seen,
-                                                     std::chrono::milliseconds limit) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  const Ticket* ticket = FindTicket(ticket_id);
-  if (ticket == nullptr) return {};
-  changed_.wait_for(lock, limit,
-                    [&] { return closed_ || ticket->changes_dropped + ticket->changes.size() > seen; });
-  // A caller that is far behind has missed what was dropped; it goes on with the oldest one that is left.
-  const std::uint64_t skip = std::max(seen, ticket->changes_dropped) - ticket->changes_dropped;
-  std::vector<TicketChange> fresh(ticket->changes.begin() + static_cast<std::ptrdiff_t>(skip),
-                                  ticket->changes.end());
-  seen = ticket->changes_dropped + ticket->changes.size();
-  return fresh;
-}
-
-StreamId TicketBook::OpenStream(const std::string& peer) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (closed_) return 0;
-  Stream stream;
-  stream.peer = peer;
-  stream.hello_deadline = clock_() + settings_.hello_limit;
-  streams_.emplace(++last_stream_, std::move(stream));
-  changed_.notify_all();  // there is a new deadline to wait for
-  return last_stream_;
+void TicketBook::OpenStream(StreamId stream, const std::string& peer) {
+  const SteadyTime deadline = clock_().steady + settings_.hello_limit;
+  streams_[stream] = {peer, "", deadline, {}};
+  greetings_.emplace(deadline, stream);
+  constexpr char kTooMany[] = "the service has as many streams as it takes, try again later";
+  if (streams_.size() > settings_.most_streams) return EndStream(stream, EndReason::kTooMany, kTooMany);
+  // The oldest of them: a device says Hello at once, and is not to wait behind those that say nothing.
+  if (greetings_.size() > settings_.most_silent_streams) {
+    EndStream(greetings_.begin()->second, EndReason::kTooMany, kTooMany);
+  }
 }
 
 void TicketBook::Hello(StreamId stream, const std::string& serial_number, std::uint32_t protocol) {
-  const std::lock_guard<std::mutex> lock(mutex_);
   const auto found = streams_.find(stream);
-  // What a device says may arrive after the book has ended its stream. That is no error, here and below.
   if (found == streams_.end()) return;
-  if (found->second.greeted) return EndStream(stream, EndReason::kProtocolError, "a second hello");
+  if (!found->second.serial_number.empty()) {
+    return EndStream(stream, EndReason::kProtocolError, "a second hello");
+  }
   if (protocol != 1) {
-    return EndStream(stream, EndReason::kWrongProtocol,
+    return EndStream(stream, EndReason::kBadHello,
                      "protocol " + std::to_string(protocol) + " is not known here, only 1 is");
   }
-  const StreamId older = StreamOf(serial_number);
-  if (older != 0) {
-    EndStream(older, EndReason::kReplaced, "the device opened a newer stream");
+  if (const std::string fault = SerialFault(serial_number); !fault.empty()) {
+    return EndStream(stream, EndReason::kBadHello, fault);
   }
+  const auto device = devices_.find(serial_number);
+  if (device != devices_.end() && device->second.stream != 0) {
+    if (IsTakenForTwin(stream, serial_number)) {
+      return EndStream(stream, EndReason::kTwin,
+                       "another machine has this serial number: each needs one of its own");
+    }
+    EndStream(device->second.stream, EndReason::kReplaced, "the device opened a newer stream");
+  }
+  greetings_.erase({found->second.hello_deadline, stream});
   found->second.serial_number = serial_number;
-  found->second.greeted = true;
-  found->second.connected = std::chrono::system_clock::now();
+  found->second.connected = clock_().wall;
+  devices_[serial_number].stream = stream;
+  stirred_.insert(serial_number);
   events_("device connected: " + DeviceText(serial_number, found->second.peer));
-  changed_.notify_all();
+}
+
+/// Whether the machine that opened this stream is another one than that which has an older one.
+bool TicketBook::IsTakenForTwin(StreamId stream, const std::string& serial_number) {
+  const SteadyTime now = clock_().steady;
+  Device& device = devices_.at(serial_number);
+  if (device.quiet_at) takeovers_.erase({*device.quiet_at, serial_number});
+  device.quiet_at = now + settings_.twin_window;
+  takeovers_.emplace(*device.quiet_at, serial_number);
+
+  while (!device.takeovers.empty() && now - device.takeovers.front() >= settings_.twin_window) {
+    device.takeovers.pop_front();
+  }
+  if (!device.has_twin && device.takeovers.size() < settings_.takeovers_in_window) {
+    device.takeovers.push_back(now);
+    return false;
+  }
+  device.twin = streams_.at(stream).peer;
+  if (!std::exchange(device.has_twin, true)) {
+    events_("device " + Quoted(serial_number) + " is there twice, at " +
+            Printable(streams_.at(device.stream).peer) + " and at " + Printable(device.twin) +
+            ": nothing is delivered to it until one of them stays away");
+  }
+  return true;
+}
+
+void TicketBook::ForgetTakeovers(SteadyTime now) {
+  while (!takeovers_.empty() && takeovers_.begin()->first <= now) {
+    const std::string serial_number = takeovers_.begin()->second;
+    takeovers_.erase(takeovers_.begin());
+    Device& device = devices_.at(serial_number);
+    device.quiet_at.reset();
+    device.takeovers.clear();
+    device.twin.clear();
+    if (std::exchange(device.has_twin, false)) {
+      events_("device " + Quoted(serial_number) + " is there only once again");
+    }
+    stirred_.insert(serial_number);
+  }
 }
 
 void TicketBook::Answer(StreamId stream, const std::string& ticket_id, bool accepted,
                         const std::string& reason) {
-  const std::lock_guard<std::mutex> lock(mutex_);
   const auto found = streams_.find(stream);
   if (found == streams_.end()) return;
-  if (!found->second.greeted) {
+  const std::string serial_number = found->second.serial_number;
+  if (serial_number.empty()) {
     return EndStream(stream, EndReason::kProtocolError, "an answer before the hello");
   }
-  Ticket* ticket = FindTicket(ticket_id);
-  if (ticket == nullptr || !ticket->answer_due || ticket->stream != stream) {
-    events_("answer ignored: ticket " + Printable(ticket_id, 64) + " is not waiting for one from " +
-            DeviceText(found->second.serial_number, found->second.peer));
+  OpenTicket* open = DeliveredOn(stream, ticket_id);
+  if (open == nullptr) {
+    strangers_.Write("answer ignored: ticket " + Printable(ticket_id, 64) + " is not waiting for one from " +
+                     DeviceText(serial_number, found->second.peer));
     return;
   }
-  ticket->answer_due = false;
-  std::string detail = reason.empty() ? "" : "reason " + Quoted(reason);
-  if (!accepted && ticket->view.last_change.state == TicketState::kDelivered) {
-    detail += (detail.empty() ? "" : ", ") + ("again in " + SecondsText(settings_.retry_pause));
+  if (!accepted) return Reject(*open, reason);
+  Supersede(*open);
+  Record(*open, EventKind::kAccepted, reason.empty() ? "" : "reason " + Quoted(reason, kMaxReasonBytes));
+}
+
+void TicketBook::Reject(OpenTicket& open, const std::string& reason) {
+  if (!reason.empty()) {
+    Record(open, EventKind::kRefused,
+           "the device says " + Quoted(reason, kMaxReasonBytes) +
+               ": send a ticket that it can take, or look at the daemon's log on the device");
+    return;
   }
-  events_("ticket " + ticket_id + " answered: " + (accepted ? "accepted" : "rejected") +
-          (detail.empty() ? "" : ", " + detail));
-  // An upload or a report may have overtaken the answer.
-  if (ticket->view.last_change.state != TicketState::kDelivered) return;
-  ticket->retry_at = clock_() + settings_.retry_pause;
-  Change(*ticket, accepted ? TicketState::kAccepted : TicketState::kRejected, std::move(detail));
+  const SteadyTime now = clock_().steady;
+  const auto& last_report = devices_.at(open.ticket.device).last_report;
+  if (last_report && now - *last_report < settings_.busy_after_report) {
+    open.retry_at = now + settings_.retry_pause;
+    Record(open, EventKind::kStillBusy, "again in " + SecondsText(settings_.retry_pause));
+    return;
+  }
+  if (open.rejected_since && now - *open.rejected_since >= settings_.rejections_limit) {
+    Record(open, EventKind::kRefused,
+           "the device has rejected it for a day: its worker is stuck, or a transmission hangs; "
+           "restart the daemon on the device");
+    return;
+  }
+  // Doubled so often that the longest pause is reached, and no number overflows.
+  const auto doublings = std::min<std::uint64_t>(open.ticket.rejections, 30);
+  const milliseconds pause =
+      std::min(settings_.longest_retry_pause, milliseconds(settings_.retry_pause.count() << doublings));
+  open.retry_at = now + pause;
+  if (!open.rejected_since) open.rejected_since = now;
+  Record(open, EventKind::kRejected, "again in " + SecondsText(pause));
 }
 
 void TicketBook::ProtocolError(StreamId stream, const std::string& text) {
-  const std::lock_guard<std::mutex> lock(mutex_);
   if (streams_.count(stream) != 0) EndStream(stream, EndReason::kProtocolError, text);
 }
 
 void TicketBook::CloseStream(StreamId stream) {
-  const std::lock_guard<std::mutex> lock(mutex_);
   if (streams_.count(stream) != 0) Release(stream, "the device ended its stream or was lost");
 }
 
-Work TicketBook::TakeWork() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  return TakeWorkLocked();
+UploadFate TicketBook::RecordUpload(TicketNumber number, const Archive& archive) {
+  OpenTicket* open = FindOrLoad(number);
+  if (open == nullptr || !TakesResults(open->ticket.state)) return UploadFate::kUnwanted;
+  const auto& archives = open->ticket.archives;
+  if (std::any_of(archives.begin(), archives.end(),
+                  [&](const Archive& former) { return former.sha256 == archive.sha256; })) {
+    return UploadFate::kRepeated;
+  }
+  if (archives.size() >= settings_.most_archives) return UploadFate::kTooMany;
+  Supersede(*open);
+  Record(*open, EventKind::kUploaded,
+         std::to_string(archive.size_bytes) + " bytes, sha256 " + archive.sha256 + ", apps " +
+             QuotedList(archive.apps) + ", serial " + Quoted(archive.serial_number))
+      .archive = archive;
+  open->ticket.archives.push_back(archive);
+  return UploadFate::kKept;
 }
 
-Work TicketBook::WaitForWork() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  for (;;) {
-    // Whatever wakes the thread, it looks again: it may have been woken for what is not its business.
-    Work work = TakeWorkLocked();
-    if (work.closed || !work.ends.empty() || !work.deliveries.empty()) return work;
-    const auto deadline = NextDeadline();
-    if (deadline) {
-      changed_.wait_for(lock, *deadline - clock_());
-    } else {
-      changed_.wait(lock);
-    }
+bool TicketBook::RecordReport(TicketNumber number, const std::string& status) {
+  OpenTicket* open = FindOrLoad(number);
+  if (open == nullptr || !TakesResults(open->ticket.state)) return false;
+  if (open->ticket.report) return true;
+  Supersede(*open);
+  Record(*open, EventKind::kReported, status);
+  // The report comes before the device is free again.
+  devices_[open->ticket.device].last_report = clock_().steady;
+  return true;
+}
+
+/// A device that takes a ticket is done with those that it had before, whatever has become of their results.
+void TicketBook::Supersede(OpenTicket& open) {
+  const auto device = devices_.find(open.ticket.device);
+  const TicketState before = open.ticket.state;
+  const bool is_news = before == TicketState::kQueued || before == TicketState::kDelivered;
+  if (device == devices_.end() || !is_news) return;
+  const std::set<TicketNumber> in_hand = device->second.in_hand;  // a copy: Record() takes ended ones out
+  for (const TicketNumber number : in_hand) {
+    OpenTicket& former = tickets_.at(number);
+    const TicketState state = former.ticket.state;
+    if (&former == &open || !(state == TicketState::kAccepted || state == TicketState::kUploaded)) continue;
+    Record(former, EventKind::kNoResult, "the device has taken ticket " + open.ticket.id + " since");
   }
 }
 
-void TicketBook::Close() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  // Each EndStream() takes one out.
-  while (!streams_.empty()) {
-    EndStream(streams_.begin()->first, EndReason::kShutdown, "the service shuts down");
+void TicketBook::Advance() {
+  const SteadyTime now = clock_().steady;
+  EndSilentStreams(now);
+  ForgetTakeovers(now);
+  while (!timers_.empty() && timers_.begin()->first <= now) {
+    OpenTicket& open = tickets_.at(timers_.begin()->second);
+    timers_.erase(timers_.begin());
+    open.due.reset();
+    HandleDue(open, now);
+    SetTimer(open);
+    stirred_.insert(open.ticket.device);
   }
-  closed_ = true;
-  changed_.notify_all();
+  for (const std::string& serial_number : std::exchange(stirred_, {})) DeliverDue(serial_number, now);
+  stirred_.clear();  // by the deliveries themselves
 }
 
-bool TicketBook::closed() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  return closed_;
-}
-
-std::optional<TicketView> TicketBook::FindByToken(const std::string& token) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  std::optional<TicketView> found;
-  // To the end, even behind a match: where the loop stops must tell nothing either.
-  for (const Ticket& ticket : tickets_) {
-    // How long a comparison takes must not tell how much of a guess was right.
-    if (ticket.delivered_before && ticket.token.size() == token.size() &&
-        CRYPTO_memcmp(ticket.token.data(), token.data(), token.size()) == 0) {
-      found = ticket.view;
-    }
-  }
-  return found;
-}
-
-void TicketBook::RecordUpload(const std::string& ticket_id, const Upload& upload) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  Ticket* ticket = FindTicket(ticket_id);
-  if (ticket == nullptr) return;
-  const bool replaced = ticket->view.upload.has_value();
-  ticket->view.upload = upload;
-  const std::string size_and_hash = std::to_string(upload.size_bytes) + " bytes, sha256 " + upload.sha256;
-  events_("ticket " + ticket_id + " upload finished: " + size_and_hash + ", apps " + QuotedList(upload.apps) +
-          ", serial " + Quoted(upload.serial_number) + (replaced ? ", replaces the former one" : ""));
-  // A report that has overtaken the upload stays the end of the road.
-  if (ticket->view.last_change.state != TicketState::kReported) {
-    Change(*ticket, TicketState::kUploaded, size_and_hash);
+/// Does what a ticket's state asks for at this time; more than one thing after a long stop of the process.
+void TicketBook::HandleDue(OpenTicket& open, SteadyTime now) {
+  switch (open.ticket.state) {
+    case TicketState::kQueued:
+      if (now >= open.deadline) {
+        Record(open, EventKind::kExpired, "no device accepted it until its deadline");
+      }
+      return;
+    case TicketState::kDelivered:
+      if (now >= open.since + settings_.answer_limit) {
+        EndStream(open.stream, EndReason::kNoAnswer,
+                  "no answer to ticket " + open.ticket.id + " within " + SecondsText(settings_.answer_limit));
+      }
+      return;
+    case TicketState::kAccepted:
+    case TicketState::kUploaded:
+      if (now >= open.since + settings_.result_limit) {
+        Record(open, EventKind::kNoResult,
+               "no report within " + std::to_string(settings_.result_limit.count()) + " h");
+      } else if (now >= open.since + settings_.overdue_after && !open.ticket.overdue) {
+        Record(open, EventKind::kOverdue, "the device's next ticket is tried");
+      }
+      return;
+    default:
+      return;
   }
 }
 
-void TicketBook::RecordReport(const std::string& ticket_id, const Report& report) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  Ticket* ticket = FindTicket(ticket_id);
-  if (ticket == nullptr) return;
-  ticket->view.report = report;
-  events_("ticket " + ticket_id + " report received: " + Quoted(report.status) + ", serial " +
-          Quoted(report.serial_number));
-  Change(*ticket, TicketState::kReported, report.status);
-}
-
-TicketBook::Ticket* TicketBook::FindTicket(const std::string& ticket_id) {
-  const auto found = std::find_if(tickets_.begin(), tickets_.end(),
-                                  [&](const Ticket& ticket) { return ticket.view.id == ticket_id; });
-  return found == tickets_.end() ? nullptr : &*found;
-}
-
-const TicketBook::Ticket* TicketBook::FindTicket(const std::string& ticket_id) const {
-  const auto found = std::find_if(tickets_.begin(), tickets_.end(),
-                                  [&](const Ticket& ticket) { return ticket.view.id == ticket_id; });
-  return found == tickets_.end() ? nullptr : &*found;
-}
-
-/// The one place that moves a ticket, so that no change goes unseen by those who wait.
-void TicketBook::Change(Ticket& ticket, TicketState state, std::string detail) {
-  ticket.view.last_change = {state, std::move(detail), std::chrono::system_clock::now()};
-  ticket.changes.push_back(ticket.view.last_change);
-  if (ticket.changes.size() > kMaxChanges) {
-    ticket.changes.pop_front();
-    ++ticket.changes_dropped;
+/// When HandleDue() has something to do for it, or its device may get it again.
+std::optional<SteadyTime> TicketBook::DueOf(const OpenTicket& open) const {
+  switch (open.ticket.state) {
+    case TicketState::kQueued:
+      return open.retry_at > clock_().steady ? std::min(open.retry_at, open.deadline) : open.deadline;
+    case TicketState::kDelivered:
+      return open.since + settings_.answer_limit;
+    case TicketState::kAccepted:
+    case TicketState::kUploaded:
+      return open.since + (open.ticket.overdue ? milliseconds(settings_.result_limit)
+                                               : milliseconds(settings_.overdue_after));
+    default:
+      return std::nullopt;
   }
-  changed_.notify_all();
 }
 
-/// The stream a ticket would be delivered on now; 0 when its device is not connected.
-StreamId TicketBook::RouteOf(const Ticket& ticket) const {
-  if (!ticket.view.device.empty()) return StreamOf(ticket.view.device);
-  // A device without serial number is known by its stream alone.
-  if (streams_.count(ticket.stream) != 0) return ticket.stream;
-  // Otherwise any device will do: the one that has been connected longest.
-  const auto first =
-      std::find_if(streams_.begin(), streams_.end(), [](const auto& entry) { return entry.second.greeted; });
-  return first == streams_.end() ? 0 : first->first;
+void TicketBook::SetTimer(OpenTicket& open) {
+  if (open.due) timers_.erase({*open.due, open.ticket.number});
+  open.due = DueOf(open);
+  if (open.due) timers_.emplace(*open.due, open.ticket.number);
 }
 
-/// The stream of a device; 0 when it is not connected. There is one at most: Hello() ends an older one.
-StreamId TicketBook::StreamOf(const std::string& serial_number) const {
-  if (serial_number.empty()) return 0;
-  const auto found = std::find_if(streams_.begin(), streams_.end(), [&](const auto& entry) {
-    return entry.second.greeted && entry.second.serial_number == serial_number;
-  });
-  return found == streams_.end() ? 0 : found->first;
-}
-
-/// Whether the ticket is still to be delivered, now or later.
-bool TicketBook::IsOpen(const Ticket& ticket) const {
-  const TicketState state = ticket.view.last_change.state;
-  return state == TicketState::kWaiting || state == TicketState::kRejected;
-}
-
-/// Notes the ticket as delivered. From here on it belongs to the device that it went to: only that one may answer it,
-/// and it gets it again if the answer is lost.
-Delivery TicketBook::Deliver(Ticket& ticket, StreamId stream) {
-  const Stream& device = streams_.at(stream);
-  const char* how = "delivered";
-  if (ticket.delivered_before) {
-    how = ticket.view.last_change.state == TicketState::kRejected ? "retried" : "redelivered";
+void TicketBook::EndSilentStreams(SteadyTime now) {
+  while (!greetings_.empty() && greetings_.begin()->first <= now) {
+    EndStream(greetings_.begin()->second, EndReason::kNoHello,
+              "no hello within " + SecondsText(settings_.hello_limit));
   }
-  ticket.stream = stream;
-  ticket.answer_due = true;
-  ticket.delivered_before = true;
-  ticket.view.device = device.serial_number.empty() ? ticket.view.device : device.serial_number;
-  const std::string to = "device " + DeviceText(device.serial_number, device.peer);
-  events_("ticket " + ticket.view.id + " " + how + ": " + to);
-  Change(ticket, TicketState::kDelivered, to);
-  return {stream, ticket.view.id, ticket.json};
 }
 
-void TicketBook::EndOverdueStreams(std::chrono::steady_clock::time_point now) {
-  std::vector<StreamId> overdue;  // collected first: EndStream() changes what is walked through
-  for (const auto& [id, stream] : streams_) {
-    if (!stream.greeted && stream.hello_deadline <= now) overdue.push_back(id);
+/// Gives a device its next ticket, if it is connected and free as far as is known.
+void TicketBook::DeliverDue(const std::string& serial_number, SteadyTime now) {
+  const auto device = devices_.find(serial_number);
+  if (device == devices_.end()) return;
+  if (device->second.stream != 0 && !device->second.has_twin) {
+    OpenTicket* next = FirstInLine(device->second);
+    if (next != nullptr && next->retry_at <= now) Deliver(*next, device->second.stream);
   }
-  for (const StreamId id : overdue) {
-    EndStream(id, EndReason::kNoHello, "no hello within " + SecondsText(settings_.hello_limit));
+  ForgetIdle(serial_number);
+}
+
+/// The ticket that the device gets next; null while it is busy with another one.
+TicketBook::OpenTicket* TicketBook::FirstInLine(const Device& device) {
+  // One that takes unusually long may never end. The next one shows whether the device is free.
+  const auto is_busy = [this](TicketNumber number) { return !tickets_.at(number).ticket.overdue; };
+  if (device.queued.empty() || std::any_of(device.in_hand.begin(), device.in_hand.end(), is_busy)) {
+    return nullptr;
   }
+  return &tickets_.at(*device.queued.begin());
+}
+
+void TicketBook::Deliver(OpenTicket& open, StreamId stream) {
+  const std::string token = RandomHex(kTokenBytes);
+  open.stream = stream;
+  Record(open, EventKind::kDelivered, "device " + DeviceText(open.ticket.device, streams_.at(stream).peer))
+      .token = HashOf(token);
+  open.delivery = open.ticket.last_event;
+  work_.deliveries.push_back({stream, open.ticket.id, TicketJson(token, open.ticket.apps)});
 }
 
 void TicketBook::EndStream(StreamId stream, EndReason reason, const std::string& text) {
   Release(stream, text);
-  ends_.push_back({stream, reason, text});
-  changed_.notify_all();
+  work_.ends.push_back({stream, reason, text});
 }
 
-/// Forgets a stream; what waited for its answer is to be delivered again.
+/// Forgets a stream; what waited for its answer is queued again.
 void TicketBook::Release(StreamId stream, const std::string& cause) {
   const auto found = streams_.find(stream);
-  events_(std::string(found->second.greeted ? "device disconnected: " : "stream without hello ended: ") +
-          DeviceText(found->second.serial_number, found->second.peer) + ": " + cause);
+  const Stream released = std::move(found->second);
   streams_.erase(found);
-  for (Ticket& ticket : tickets_) {
-    if (!ticket.answer_due || ticket.stream != stream) continue;
-    ticket.answer_due = false;
-    if (ticket.view.last_change.state == TicketState::kDelivered) {
-      Change(ticket, TicketState::kWaiting, "the stream ended before the answer");
-    }
+  const bool greeted = !released.serial_number.empty();
+  const std::string who = DeviceText(released.serial_number, released.peer) + ": " + cause;
+  if (!greeted) {
+    strangers_.Write("stream without hello ended: " + who);
+    greetings_.erase({released.hello_deadline, stream});
+    return;
+  }
+  events_("device disconnected: " + who);
+  Device& device = devices_.at(released.serial_number);
+  device.stream = 0;
+  Requeue(device, stream, cause);
+  stirred_.insert(released.serial_number);
+}
+
+void TicketBook::Requeue(const Device& device, StreamId stream, const std::string& cause) {
+  const std::set<TicketNumber> in_hand = device.in_hand;
+  for (const TicketNumber number : in_hand) {
+    OpenTicket& open = tickets_.at(number);
+    if (open.ticket.state != TicketState::kDelivered || open.stream != stream) continue;
+    Record(open, EventKind::kStreamEnded, cause);
   }
 }
 
-Work TicketBook::TakeWorkLocked() {
-  const auto now = clock_();
-  EndOverdueStreams(now);
-  Work work;
-  for (Ticket& ticket : tickets_) {
-    if (!IsOpen(ticket)) continue;
-    // The device has said that it is busy; asked at once, it would say so again.
-    if (ticket.view.last_change.state == TicketState::kRejected && now < ticket.retry_at) continue;
-    const StreamId stream = RouteOf(ticket);
-    if (stream != 0) work.deliveries.push_back(Deliver(ticket, stream));
+void TicketBook::ForgetIdle(const std::string& serial_number) {
+  const auto device = devices_.find(serial_number);
+  if (device == devices_.end()) return;
+  auto& last_report = device->second.last_report;
+  if (last_report && clock_().steady - *last_report >= settings_.busy_after_report) last_report.reset();
+  const bool has_tickets = !device->second.queued.empty() || !device->second.in_hand.empty();
+  if (device->second.stream == 0 && !has_tickets && !last_report && !device->second.quiet_at) {
+    devices_.erase(device);
   }
-  work.ends = std::exchange(ends_, {});
-  work.closed = closed_;
-  return work;
 }
 
-/// When there may be work again if nothing else happens before.
-std::optional<std::chrono::steady_clock::time_point> TicketBook::NextDeadline() const {
-  std::optional<std::chrono::steady_clock::time_point> next;
-  const auto consider = [&next](std::chrono::steady_clock::time_point time) {
-    if (!next || time < *next) next = time;
-  };
-  for (const auto& [id, stream] : streams_) {
-    if (!stream.greeted) consider(stream.hello_deadline);
+/// The one place where something happens to a ticket.
+Entry& TicketBook::Record(OpenTicket& open, EventKind kind, std::string text) {
+  const Moment now = clock_();
+  const TicketState state_before = open.ticket.state;
+  const WallTime since_before = open.ticket.since;
+  const Event event{++last_event_, open.ticket.number, kind, std::move(text), now.wall};
+  Apply(event, open.ticket);
+  // A further archive begins the wait for the report anew.
+  if (open.ticket.state != state_before || open.ticket.since != since_before) open.since = now.steady;
+  if (!open.ticket.rejected_since) open.rejected_since.reset();
+  SetTimer(open);
+  stirred_.insert(open.ticket.device);
+  Sort(open.ticket);
+  entries_.push_back({event, open.ticket, std::nullopt, std::nullopt});
+  return entries_.back();
+}
+
+/// Puts a ticket where its device's tickets of that state are.
+void TicketBook::Sort(const Ticket& ticket) {
+  if (!IsOpen(ticket.state)) ended_.insert(ticket.number);
+  const auto device = devices_.find(ticket.device);
+  if (device == devices_.end()) return;
+  device->second.queued.erase(ticket.number);
+  device->second.in_hand.erase(ticket.number);
+  if (ticket.state == TicketState::kQueued) {
+    device->second.queued.insert(ticket.number);
+  } else if (IsOpen(ticket.state)) {
+    device->second.in_hand.insert(ticket.number);
   }
-  for (const Ticket& ticket : tickets_) {
-    // Without a route the end of the pause changes nothing; the device's Hello wakes who waits.
-    if (ticket.view.last_change.state == TicketState::kRejected && RouteOf(ticket) != 0) {
-      consider(ticket.retry_at);
-    }
+}
+
+TicketBook::OpenTicket* TicketBook::FindOpen(TicketNumber number) {
+  const auto found = tickets_.find(number);
+  return found == tickets_.end() ? nullptr : &found->second;
+}
+
+/// Also a ticket that is at its end; null when there is none.
+TicketBook::OpenTicket* TicketBook::FindOrLoad(TicketNumber number) {
+  if (OpenTicket* open = FindOpen(number)) return open;
+  auto ticket = store_.Find(number);
+  if (!ticket) return nullptr;
+  OpenTicket& loaded = tickets_[number];
+  loaded.ticket = *std::move(ticket);
+  ended_.insert(number);
+  return &loaded;
+}
+
+TicketBook::OpenTicket* TicketBook::DeliveredOn(StreamId stream, const std::string& ticket_id) {
+  for (const TicketNumber number : devices_.at(streams_.at(stream).serial_number).in_hand) {
+    OpenTicket& open = tickets_.at(number);
+    const bool waits = open.ticket.state == TicketState::kDelivered && open.stream == stream;
+    if (waits && open.ticket.id == ticket_id) return &open;
   }
+  return nullptr;
+}
+
+std::optional<SteadyTime> TicketBook::NextDeadline() const {
+  // What Reload() has found is due at once.
+  if (!stirred_.empty() || !entries_.empty()) return clock_().steady;
+  std::optional<SteadyTime> next;
+  if (!timers_.empty()) next = timers_.begin()->first;
+  if (!takeovers_.empty() && (!next || takeovers_.begin()->first < *next)) next = takeovers_.begin()->first;
+  if (!greetings_.empty() && (!next || greetings_.begin()->first < *next)) next = greetings_.begin()->first;
   return next;
+}
+
+std::vector<Entry> TicketBook::TakeEntries() { return std::exchange(entries_, {}); }
+
+Work TicketBook::TakeWork() { return std::exchange(work_, {}); }
+
+void TicketBook::Settle() {
+  for (const TicketNumber number : std::exchange(ended_, {})) {
+    const auto found = tickets_.find(number);
+    if (found->second.due) timers_.erase({*found->second.due, number});
+    tickets_.erase(found);
+  }
+}
+
+void TicketBook::Reload() {
+  // First what may fail: the next try has to know what this one knew.
+  std::vector<Ticket> stored = store_.OpenTickets();
+  const std::map<TicketNumber, OpenTicket> former = std::move(tickets_);
+  tickets_.clear();
+  timers_.clear();
+  ended_.clear();
+  entries_.clear();
+  work_.deliveries.clear();
+  for (auto& [serial_number, device] : devices_) {
+    device.queued.clear();
+    device.in_hand.clear();
+  }
+  last_event_ = store_.LastEvent();
+  last_ticket_ = store_.LastTicket();
+
+  const Moment now = clock_();
+  const bool is_set_back = std::any_of(stored.begin(), stored.end(),
+                                       [&](const Ticket& ticket) { return ticket.since > now.wall; });
+  if (is_set_back) {
+    events_(
+        "the clock stands before what has happened already: the limits of such tickets begin anew. Set the "
+        "clock");
+  }
+  for (Ticket& ticket : stored) TakeUp(std::move(ticket), now);
+  for (auto& [number, open] : tickets_) {
+    if (open.ticket.state != TicketState::kDelivered) continue;
+    // Whether it still waits for the answer to the delivery that the store knows of.
+    const auto found = former.find(number);
+    const bool waits = found != former.end() && found->second.delivery == open.ticket.last_event &&
+                       streams_.count(found->second.stream) != 0;
+    if (waits) {
+      open.stream = found->second.stream;
+      open.delivery = found->second.delivery;
+    } else {
+      Record(open, EventKind::kStreamEnded,
+             "the service was restarted, or its disk failed, before the answer");
+    }
+  }
+}
+
+/// Puts an open ticket among those in play. Its limits go on from where they stand by the wall clock, within what the
+/// whole limit would be: that clock may have been set meanwhile.
+void TicketBook::TakeUp(Ticket ticket, const Moment& now) {
+  OpenTicket& open = tickets_[ticket.number];
+  open.ticket = std::move(ticket);
+  open.since = now.steady - AgeOf(open.ticket.since, now);
+  const milliseconds whole = duration_cast<milliseconds>(open.ticket.deadline - open.ticket.created);
+  const milliseconds left = duration_cast<milliseconds>(open.ticket.deadline - now.wall);
+  open.deadline = now.steady + std::clamp(left, milliseconds(0), whole);
+  if (open.ticket.rejected_since) open.rejected_since = now.steady - AgeOf(*open.ticket.rejected_since, now);
+  open.retry_at = now.steady;
+  static_cast<void>(devices_[open.ticket.device]);
+  Sort(open.ticket);
+  stirred_.insert(open.ticket.device);
+  SetTimer(open);
+}
+
+void TicketBook::CloseAllStreams() {
+  // Each EndStream() takes one out.
+  while (!streams_.empty()) {
+    EndStream(streams_.begin()->first, EndReason::kShutdown, "the service shuts down");
+  }
 }
 
 }  // namespace TarvoOrvane::SupportService

@@ -1,107 +1,80 @@
-/// The service's memory: tickets, the devices' streams, and which delivery is due when.
+/// The service's decisions: which ticket goes to which device's stream and when, and what becomes of it.
 ///
-/// The book decides, the fronts act. The gRPC front tells it what devices say and carries out the work
-/// that it hands out (deliver this, end that stream); the HTTP front asks it for tokens and records
-/// what was received; the control front creates and watches tickets. Everything is behind one mutex
-/// and may be called from any thread; no call but WaitForWork and WaitForChanges blocks.
+/// The book holds the open tickets and the connected streams. What happens becomes events, which it applies to its
+/// tickets and hands out, together with what is to be done on the streams. The caller (Dispatcher) has the store
+/// remember the events first, and carries the work out then. So nothing is said to a device or a person that a power
+/// cut could take back. If the store fails, the caller has the book forget what it did (Reload()).
 ///
 /// A ticket's road:
 ///
-///     waiting -> delivered -> accepted -> uploaded -> reported
-///        ^          |  ^
-///        |          v  | after a pause
-///        |       rejected
-///        +--- its stream ended before the answer
+///     queued -> delivered -> accepted -> uploaded -> reported
+///        ^          |
+///        +----------+  rejected (after a pause), or the stream ended before the answer
 ///
-/// HTTP and gRPC are two connections, so an upload or a report may overtake the answer; it counts
-/// from every state, and a later answer doesn't move the ticket back.
+/// and the other ends: refused, no result, cancelled, expired. HTTP and gRPC are two connections, so an upload or a
+/// report may overtake the answer. It implies it.
+///
+/// Used by one thread, the dispatcher's.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "event_log.h"
+#include "store.h"
 
 namespace TarvoOrvane::SupportService {
 
-/// Where a ticket is on its road.
-enum class TicketState {
-  kWaiting,    ///< For its device to connect.
-  kDelivered,  ///< Handed to the gRPC front for a stream; no answer yet.
-  kAccepted,   ///< The device works on it.
-  kRejected,   ///< The device could not take it; it is delivered again after a pause.
-  kUploaded,   ///< A complete archive came.
-  kReported    ///< The end.
+/// A point of time by both clocks.
+struct Moment {
+  std::chrono::steady_clock::time_point steady;  ///< Pauses and limits are measured by this one.
+  WallTime wall;                                 ///< For people, and for limits that outlive the process.
 };
 
-/// "waiting", "delivered" and so on.
-const char* ToText(TicketState state);
+/// The present, by the system's clocks.
+[[nodiscard]] Moment Now();
 
-/// One step on a ticket's road.
-struct TicketChange {
-  TicketState state = TicketState::kWaiting;
-  std::string detail;  ///< For kReported the device's text as it came; else a remark, printable.
-  std::chrono::system_clock::time_point time;  ///< When the service learned of it.
-};
-
-/// A complete archive as it was received.
-struct Upload {
-  std::uint64_t size_bytes = 0;
-  std::string sha256;                          ///< Lower-case hex.
-  std::string serial_number;                   ///< As the upload said; may be empty.
-  std::vector<std::string> apps;               ///< As the upload said, in its order.
-  std::chrono::system_clock::time_point time;  ///< When it was complete.
-};
-
-/// A result report as it was received.
-struct Report {
-  std::string status;         ///< The device's text as it came: "Success", or what failed.
-  std::string serial_number;  ///< As the report said; may be empty.
-  std::chrono::system_clock::time_point time;
-};
-
-/// A ticket as others see it: without its token.
-struct TicketView {
-  std::string id;                 ///< Chosen by the service: 16 hex digits.
-  std::vector<std::string> apps;  ///< As asked for, in that order.
-  std::string device;             ///< Serial number; empty while any device will do.
-  std::chrono::system_clock::time_point created;
-  TicketChange last_change;
-  std::optional<Upload> upload;  ///< The newest one.
-  std::optional<Report> report;  ///< The newest one.
+/// What an operator asks for.
+struct NewTicket {
+  std::string device;             ///< Serial number.
+  std::vector<std::string> apps;  ///< The applications whose data is wanted; may be none.
 };
 
 /// A connected device as others see it.
 struct DeviceView {
-  std::string serial_number;                        ///< Empty when the device knows none.
-  std::string peer;                                 ///< Its address in gRPC's words, as it came.
-  std::chrono::system_clock::time_point connected;  ///< When its Hello was accepted.
+  std::string serial_number;
+  std::string peer;    ///< Its address in gRPC's words, as it came.
+  WallTime connected;  ///< When its Hello was accepted.
+  std::string twin;  ///< Address of another machine with this serial number; empty as long as there is none.
 };
 
-/// Number of a device's stream, never used twice; 0 is none.
+/// Number of a device's stream, never used twice in a process; 0 is none.
 using StreamId = std::uint64_t;
 
 /// A delivery to write to a stream.
 struct Delivery {
   StreamId stream = 0;
   std::string ticket_id;
-  std::string ticket_json;  ///< {"token", "apps"}; the only place where the token leaves the book.
+  std::string ticket_json;  ///< {"apps", "token"}; the only place where a token leaves the book.
 };
 
 /// Why the service ends a stream.
 enum class EndReason {
-  kNoHello,        ///< It stayed silent for too long.
-  kWrongProtocol,  ///< Its Hello names a version that is not known here.
+  kTooMany,   ///< There are as many streams as the service takes.
+  kNoHello,   ///< It stayed silent for too long.
+  kBadHello,  ///< Its Hello names a protocol that is not known here, or no serial number that can be used.
   kProtocolError,  ///< It said something that has no meaning at this point.
   kReplaced,       ///< The same device has opened a newer one.
+  kTwin,           ///< Two machines have one serial number, and this is the one that came later.
+  kNoAnswer,       ///< A ticket was delivered, and not answered in time.
   kShutdown        ///< The service ends.
 };
 
@@ -112,142 +85,190 @@ struct StreamEnd {
   std::string text;                         ///< For the device's log.
 };
 
-/// What the gRPC front has to do next. It is handed out once; the book takes it for done.
+/// What is to be done on the streams, once the entries that came with it are remembered.
 struct Work {
   std::vector<StreamEnd> ends;       ///< First.
   std::vector<Delivery> deliveries;  ///< To streams that are none of those.
-  bool closed = false;               ///< Close() was called: nothing comes after this.
+};
+
+/// What became of an upload.
+enum class UploadFate {
+  kKept,      ///< It is the ticket's newest version.
+  kRepeated,  ///< The ticket has an archive of this content. This one is to be deleted.
+  kTooMany,   ///< The ticket has as many versions as are kept. This one is to be deleted.
+  kUnwanted   ///< The ticket has come to an end that takes none. This one is to be deleted.
 };
 
 class TicketBook {
  public:
-  /// Tells the time that pauses and limits are measured by; a test passes its own.
-  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+  using Clock = std::function<Moment()>;
 
   /// How long the book waits for devices.
   struct Settings {
-    std::chrono::milliseconds retry_pause{5000};   ///< Between a rejection and the next delivery.
-    std::chrono::milliseconds hello_limit{10000};  ///< From a stream's start to its Hello.
+    // From a stream's start to its Hello, and from a delivery to the answer.
+    std::chrono::milliseconds hello_limit{10'000};
+    std::chrono::milliseconds answer_limit{60'000};
+    // After a rejection. The pause doubles with each one.
+    std::chrono::milliseconds retry_pause{2'000};
+    std::chrono::milliseconds longest_retry_pause{600'000};
+    // So long after a device's report its rejections don't count, and so long there may be nothing but rejections.
+    std::chrono::seconds busy_after_report{30};
+    std::chrono::hours rejections_limit{24};
+    // From accepted or uploaded. The daemon ends after 1200 + 2 * (5 * 1800 + 4) s.
+    std::chrono::minutes overdue_after{30};
+    std::chrono::hours result_limit{6};
+    // Of a ticket that no device accepts.
+    std::chrono::hours lifetime{14 * 24};
+    // More takeovers of one number in so long are those of twins.
+    std::chrono::minutes twin_window{10};
+    std::size_t takeovers_in_window = 3;
+    // Of one ticket, of the service, and of those streams without Hello: anybody may open them.
+    std::size_t most_archives = 16;
+    std::size_t most_streams = 20'000;
+    std::size_t most_silent_streams = 1'000;
   };
 
-  /// @param events  Called with the book locked, so that lines come in the order of events.
-  /// @param clock   For pauses and limits.
-  TicketBook(const Settings& settings, EventSink events, Clock clock = std::chrono::steady_clock::now);
+  /// Takes up the tickets that are open. What was delivered and not answered is queued again.
+  /// @param store   Only read here. It lives longer than the book.
+  /// @param events  Takes the lines about streams; those about tickets are the caller's.
+  /// @throws StoreError when the store can't be read.
+  TicketBook(const Settings& settings, const Store& store, EventSink events, Clock clock = Now);
 
-  // For the control front.
+  // For operators. Each of these throws std::invalid_argument with what is wrong and what to do; nothing has changed
+  // then.
 
-  /// Creates a ticket with a fresh id and token.
-  /// @param apps    The applications whose data is wanted; may be none.
-  /// @param device  Serial number, or empty for the first connected device.
-  /// @return The ticket's id.
-  /// @throws std::invalid_argument when the ticket would be too large to deliver.
-  std::string CreateTicket(const std::vector<std::string>& apps, const std::string& device);
+  /// Creates a ticket.
+  /// @return What it is: its id is new.
+  Ticket Create(const NewTicket& wanted);
+  /// Takes back a ticket that no device has yet.
+  /// @param who  For the ticket's events.
+  void Cancel(TicketNumber number, const std::string& who);
+  /// In the order in which they connected.
+  [[nodiscard]] std::vector<DeviceView> Devices() const;
 
-  /// The ticket as it is now; nothing for an id that the book never gave out.
-  [[nodiscard]] std::optional<TicketView> Find(const std::string& ticket_id) const;
-  [[nodiscard]] std::vector<TicketView> Tickets() const;  ///< Oldest first.
-  [[nodiscard]] std::vector<DeviceView> Devices() const;  ///< In the order in which they connected.
-
-  /// Waits until the ticket has changes beyond the first `seen`, the limit is over or the book is closed.
-  /// @param seen   How many the caller knows of, 0 at first; raised past the changes returned.
-  /// @param limit  How long to wait at most.
-  /// @return The changes, oldest first; of a ticket that is rejected for ever only the newest are kept. Empty when none
-  ///         came, and for an unknown ticket.
-  std::vector<TicketChange> WaitForChanges(const std::string& ticket_id, std::uint64_t& seen,
-                                           std::chrono::milliseconds limit);
-
-  // For the gRPC front.
+  // For the streams. What a device says may arrive after the book has ended its stream; it is passed over.
 
   /// A device has connected. It has Settings::hello_limit to say who it is.
-  /// @param peer  Its address, for event lines.
-  /// @return The new stream's number; 0 once the book is closed.
-  StreamId OpenStream(const std::string& peer);
-
+  /// @param stream  A number that no stream had before.
+  /// @param peer    Its address, for event lines.
+  void OpenStream(StreamId stream, const std::string& peer);
   /// The device's first message. An older stream of the same serial number is ended: the device has lost it, though the
-  /// service may not have noticed yet.
-  /// @param serial_number  Empty when the device knows none; it is then known by its stream alone.
+  /// service may not have noticed yet. If that happens too often there are two machines with this number. Then nothing
+  /// is delivered to either, the older stream stays and newer ones are ended, until no newer one has come for
+  /// Settings::twin_window.
   void Hello(StreamId stream, const std::string& serial_number, std::uint32_t protocol);
-
-  /// The device's answer to a delivery. One that doesn't belong to a delivery on this stream is logged
-  /// and ignored.
+  /// The device's answer to a delivery. One that doesn't belong to a delivery on this stream is logged and ignored.
   /// @param reason  The device's own words, as they came; may be empty.
   void Answer(StreamId stream, const std::string& ticket_id, bool accepted, const std::string& reason);
-
   /// The device broke the protocol: its stream is ended, with `text` for its log.
   void ProtocolError(StreamId stream, const std::string& text);
-
   /// The device ended the stream or was lost; what it had not answered will be delivered again.
   void CloseStream(StreamId stream);
 
-  /// What is due now. Does not wait.
-  Work TakeWork();
+  // For the file server.
 
-  /// Waits until there is something to do.
-  Work WaitForWork();
+  /// An archive of the ticket is complete, and its file has its name.
+  UploadFate RecordUpload(TicketNumber number, const Archive& archive);
+  /// The ticket's result came. A further one changes nothing.
+  /// @param status  The device's text as it came.
+  /// @return false when the ticket has come to an end that takes none.
+  bool RecordReport(TicketNumber number, const std::string& status);
 
-  /// Ends all streams, takes no new ones and wakes every waiting call. May be called again; nothing opens the book once
-  /// more.
-  void Close();
+  // For the dispatcher.
 
-  /// Whether Close() was called.
-  [[nodiscard]] bool closed() const;
-
-  // For the HTTP front.
-
-  /// @return The ticket whose token was handed out to a device and equals this one; nothing for any other text. How
-  ///         long it takes tells nothing about the tokens.
-  [[nodiscard]] std::optional<TicketView> FindByToken(const std::string& token) const;
-
-  /// An archive of the ticket is complete and has its name; it takes the place of a former one.
-  void RecordUpload(const std::string& ticket_id, const Upload& upload);
-  /// The ticket's result came, which ends its road. A further one takes its place.
-  void RecordReport(const std::string& ticket_id, const Report& report);
+  /// Does what is due: ends overdue streams, expires, delivers.
+  void Advance();
+  /// When Advance() will have something to do if nothing happens before.
+  [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> NextDeadline() const;
+  /// What happened since the last call, for the store.
+  [[nodiscard]] std::vector<Entry> TakeEntries();
+  /// What is to be done since the last call.
+  [[nodiscard]] Work TakeWork();
+  /// The entries are remembered: tickets that are at their end are forgotten here.
+  void Settle();
+  /// The entries could not be remembered: takes the tickets up anew, as the store has them, and drops the deliveries
+  /// that were not carried out. The streams stay.
+  /// @throws StoreError when the store can't be read; the book has no tickets then, and this is to be called again.
+  void Reload();
+  /// Ends all streams.
+  void CloseAllStreams();
 
  private:
-  struct Ticket {
-    TicketView view;
-    std::string token;                               ///< The upload credential; a secret.
-    std::string json;                                ///< What is delivered, the token in it.
-    StreamId stream = 0;                             ///< The newest stream it was delivered on.
-    bool answer_due = false;                         ///< Delivered on `stream`, no answer yet.
-    bool delivered_before = false;                   ///< Its token was handed out.
-    std::chrono::steady_clock::time_point retry_at;  ///< While rejected.
-    std::deque<TicketChange> changes;                ///< The newest ones.
-    std::uint64_t changes_dropped = 0;               ///< Older ones than those.
+  using SteadyTime = std::chrono::steady_clock::time_point;
+
+  /// A ticket in play, with the times that its limits are measured from.
+  struct OpenTicket {
+    Ticket ticket;
+    SteadyTime since;  ///< Ticket::since by the other clock, as all of these.
+    SteadyTime deadline;
+    std::optional<SteadyTime> rejected_since;
+    SteadyTime retry_at;            ///< While queued: not before.
+    std::optional<SteadyTime> due;  ///< What stands in `timers_` for it.
+    StreamId stream = 0;            ///< While delivered: the stream that it was written to.
+    EventNumber delivery = 0;       ///< The event of that.
   };
 
   struct Stream {
     std::string peer;
-    std::string serial_number;                             ///< Empty before the Hello, too.
-    bool greeted = false;                                  ///< Its Hello was accepted.
-    std::chrono::steady_clock::time_point hello_deadline;  ///< While not greeted.
-    std::chrono::system_clock::time_point connected;       ///< Once greeted.
+    std::string serial_number;  ///< Empty before the Hello.
+    SteadyTime hello_deadline;  ///< Before the Hello.
+    WallTime connected;         ///< Behind it.
   };
 
-  // All of these need the mutex.
-  Ticket* FindTicket(const std::string& ticket_id);
-  const Ticket* FindTicket(const std::string& ticket_id) const;
-  void Change(Ticket& ticket, TicketState state, std::string detail);
-  StreamId RouteOf(const Ticket& ticket) const;
-  StreamId StreamOf(const std::string& serial_number) const;
-  bool IsOpen(const Ticket& ticket) const;
-  Delivery Deliver(Ticket& ticket, StreamId stream);
-  void EndOverdueStreams(std::chrono::steady_clock::time_point now);
+  /// A serial number that has a stream, open tickets or a recent report.
+  struct Device {
+    StreamId stream = 0;  ///< 0: not connected.
+    std::set<TicketNumber> queued;
+    std::set<TicketNumber> in_hand;  ///< Delivered, accepted and uploaded ones: few.
+    std::optional<SteadyTime> last_report;
+    std::deque<SteadyTime> takeovers;    ///< Within the window, no more than tell twins.
+    bool has_twin = false;               ///< Two machines have this number.
+    std::string twin;                    ///< Address of the other one.
+    std::optional<SteadyTime> quiet_at;  ///< When the last takeover is out of the window.
+  };
+
+  void TakeUp(Ticket ticket, const Moment& now);
+  OpenTicket* FindOpen(TicketNumber number);
+  OpenTicket* FindOrLoad(TicketNumber number);
+  OpenTicket* DeliveredOn(StreamId stream, const std::string& ticket_id);
+  Entry& Record(OpenTicket& open, EventKind kind, std::string text);
+  void Sort(const Ticket& ticket);
+  void SetTimer(OpenTicket& open);
+  [[nodiscard]] std::optional<SteadyTime> DueOf(const OpenTicket& open) const;
+  void Reject(OpenTicket& open, const std::string& reason);
+  void Supersede(OpenTicket& open);
+  void HandleDue(OpenTicket& open, SteadyTime now);
+  void EndSilentStreams(SteadyTime now);
+  bool IsTakenForTwin(StreamId stream, const std::string& serial_number);
+  void ForgetTakeovers(SteadyTime now);
+  void DeliverDue(const std::string& serial_number, SteadyTime now);
+  OpenTicket* FirstInLine(const Device& device);
+  void Deliver(OpenTicket& open, StreamId stream);
+  void Requeue(const Device& device, StreamId stream, const std::string& cause);
   void EndStream(StreamId stream, EndReason reason, const std::string& text);
   void Release(StreamId stream, const std::string& cause);
-  Work TakeWorkLocked();
-  std::optional<std::chrono::steady_clock::time_point> NextDeadline() const;
+  void ForgetIdle(const std::string& serial_number);
 
   const Settings settings_;
+  const Store& store_;
   const EventSink events_;
+  const LimitedEvents strangers_;  ///< For what anybody can cause.
   const Clock clock_;
-  mutable std::mutex mutex_;            ///< Guards all that follows.
-  std::condition_variable changed_;     ///< Something that a waiting call looks at is different.
-  std::deque<Ticket> tickets_;          ///< In the order of creation.
-  std::map<StreamId, Stream> streams_;  ///< The open ones.
-  std::vector<StreamEnd> ends_;         ///< Not handed out yet.
-  StreamId last_stream_ = 0;
-  bool closed_ = false;
+  std::map<TicketNumber, OpenTicket> tickets_;  ///< The open ones, and ended ones until Settle().
+  std::map<StreamId, Stream> streams_;          ///< The open ones.
+  std::map<std::string, Device> devices_;       ///< By serial number.
+  std::set<std::pair<SteadyTime, TicketNumber>> timers_;
+  std::set<std::pair<SteadyTime, StreamId>> greetings_;     ///< The streams without Hello, by their deadline.
+  std::set<std::pair<SteadyTime, std::string>> takeovers_;  ///< Serial numbers, by Device::quiet_at.
+  std::set<std::string> stirred_;                           ///< Devices to look at in Advance().
+  std::set<TicketNumber> ended_;                            ///< Tickets to forget in Settle().
+  std::vector<Entry> entries_;                              ///< Not taken yet.
+  Work work_;                                               ///< Not taken yet.
+  EventNumber last_event_ = 0;
+  TicketNumber last_ticket_ = 0;
 };
+
+/// SHA-256 of a token.
+[[nodiscard]] TokenHash HashOf(const std::string& token);
 
 }  // namespace TarvoOrvane::SupportService

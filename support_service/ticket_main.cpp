@@ -27,8 +27,8 @@ using TarvoOrvane::SupportService::TicketOptions;
 using TarvoOrvane::SupportService::ToText;
 using Stub = proto::ControlService::Stub;
 
-/// For a call that the service answers from memory.
-constexpr std::chrono::seconds kCallLimit{10};
+/// Long enough for a disk that is slow.
+constexpr std::chrono::seconds kCallLimit{30};
 
 void SetDeadline(grpc::ClientContext& context, std::chrono::seconds limit) {
   context.set_deadline(std::chrono::system_clock::now() + limit);
@@ -54,6 +54,10 @@ void CheckCall(const grpc::Status& status) {
     throw std::runtime_error("the support service does not answer, is it still running? (" +
                              status.error_message() + ")");
   }
+  if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
+    throw std::runtime_error(
+        "the support service takes too long, what was asked may still happen: see ticket --list");
+  }
   throw std::runtime_error(status.error_message());
 }
 
@@ -75,13 +79,14 @@ std::string TimeText(std::int64_t unix_time_ms) {
 }
 
 std::string ChangeText(const proto::TicketChange& change) {
-  return std::string(ToText(change.state())) + (change.detail().empty() ? "" : ": " + change.detail());
+  const std::string what = change.event().empty() ? ToText(change.state()) : change.event();
+  return what + (change.detail().empty() ? "" : ": " + change.detail());
 }
 
 /// At once: who follows a ticket through a pipe sees each change when it comes.
 void PrintLine(const std::string& line) { std::cout << line << std::endl; }
 
-/// Prints the ticket's changes up to its report.
+/// Prints the ticket's events up to its end.
 /// @return Whether the device reported success.
 bool Follow(Stub& stub, const std::string& ticket_id, const TicketOptions& options) {
   grpc::ClientContext context;
@@ -100,22 +105,39 @@ bool Follow(Stub& stub, const std::string& ticket_id, const TicketOptions& optio
   return change.state() == proto::TICKET_STATE_REPORTED && change.detail() == "Success";
 }
 
+/// The one device that is connected.
+/// @throws std::runtime_error when there is none, or more than one.
+std::string OnlyDevice(Stub& stub) {
+  const auto response = Call(stub, &Stub::ListDevices, proto::ListDevicesRequest());
+  if (response.devices_size() == 1) return response.devices(0).serial_number();
+  throw std::runtime_error(
+      response.devices_size() == 0
+          ? "no device is connected: name the one that the ticket is for with --device"
+          : "several devices are connected: name one of those that --devices shows with --device");
+}
+
 bool Send(Stub& stub, const TicketOptions& options) {
   proto::SendTicketRequest request;
   for (const std::string& app : options.apps) request.add_apps(app);
-  request.set_device(options.device);
+  request.set_device(options.device.empty() ? OnlyDevice(stub) : options.device);
   const std::string id = Call(stub, &Stub::SendTicket, request).ticket_id();
   PrintLine(id);
   return !options.wait || Follow(stub, id, options);
+}
+
+bool Cancel(Stub& stub, const TicketOptions& options) {
+  proto::CancelTicketRequest request;
+  request.set_ticket_id(options.ticket);
+  PrintLine(Call(stub, &Stub::CancelTicket, request).ticket_id() + " cancelled");
+  return true;
 }
 
 bool ListTickets(Stub& stub) {
   const auto response = Call(stub, &Stub::ListTickets, proto::ListTicketsRequest());
   for (const proto::TicketSummary& ticket : response.tickets()) {
     PrintLine(ticket.ticket_id() + " " + TimeText(ticket.last_change().unix_time_ms()) + " apps " +
-              QuotedList({ticket.apps().begin(), ticket.apps().end()}) + " device " +
-              (ticket.device().empty() ? "any" : "\"" + ticket.device() + "\"") + " " +
-              ChangeText(ticket.last_change()));
+              QuotedList({ticket.apps().begin(), ticket.apps().end()}) + " device " + "\"" + ticket.device() +
+              "\"" + " " + ChangeText(ticket.last_change()));
   }
   return true;
 }
@@ -124,7 +146,8 @@ bool ListDevices(Stub& stub) {
   const auto response = Call(stub, &Stub::ListDevices, proto::ListDevicesRequest());
   for (const proto::DeviceSummary& device : response.devices()) {
     PrintLine("\"" + device.serial_number() + "\" since " + TimeText(device.connected_unix_time_ms()) +
-              " from " + device.peer());
+              " from " + device.peer() +
+              (device.twin().empty() ? "" : ", and also at " + device.twin() + ": it gets no tickets"));
   }
   return true;
 }
@@ -132,6 +155,8 @@ bool ListDevices(Stub& stub) {
 bool Run(const TicketOptions& options) {
   const auto stub = Connect(options);
   switch (options.action) {
+    case TicketOptions::Action::kCancel:
+      return Cancel(*stub, options);
     case TicketOptions::Action::kListTickets:
       return ListTickets(*stub);
     case TicketOptions::Action::kListDevices:

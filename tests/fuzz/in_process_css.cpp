@@ -8,10 +8,12 @@
 
 #include <array>
 #include <cstdarg>
+#include <functional>
 #include <memory>
+#include <set>
 
-// In place of the real ones: the server starts without a listener and without threads, and keeps its own handlers;
-// nothing waits for a disk.
+// In place of the real ones: the server starts without a listener and without threads, and keeps its own handlers; what
+// the disk workers are given is done at once, by who gives it; nothing waits for a disk.
 namespace {
 MHD_Daemon* the_daemon = nullptr;
 constexpr unsigned kIdleLimitSeconds = 1;
@@ -28,6 +30,8 @@ MHD_Daemon* __wrap_MHD_start_daemon(unsigned /*flags*/, std::uint16_t /*port*/,
   std::size_t connection_bytes = 0;
   MHD_RequestCompletedCallback completed = nullptr;
   void* completed_context = nullptr;
+  MHD_NotifyConnectionCallback notified = nullptr;
+  void* notified_context = nullptr;
   va_list options;
   va_start(options, context);
   for (int option = va_arg(options, int); option != MHD_OPTION_END; option = va_arg(options, int)) {
@@ -38,19 +42,31 @@ MHD_Daemon* __wrap_MHD_start_daemon(unsigned /*flags*/, std::uint16_t /*port*/,
     } else if (option == MHD_OPTION_NOTIFY_COMPLETED) {
       completed = va_arg(options, MHD_RequestCompletedCallback);
       completed_context = va_arg(options, void*);
+    } else if (option == MHD_OPTION_NOTIFY_CONNECTION) {
+      notified = va_arg(options, MHD_NotifyConnectionCallback);
+      notified_context = va_arg(options, void*);
     } else {
       static_cast<void>(va_arg(options, unsigned));
     }
   }
   va_end(options);
   the_daemon = __real_MHD_start_daemon(
-      MHD_USE_EPOLL | MHD_USE_NO_LISTEN_SOCKET, 0, nullptr, nullptr, handler, context,
-      MHD_OPTION_CONNECTION_MEMORY_LIMIT, connection_bytes, MHD_OPTION_CONNECTION_TIMEOUT, kIdleLimitSeconds,
-      MHD_OPTION_NOTIFY_COMPLETED, completed, completed_context, MHD_OPTION_END);
+      MHD_USE_EPOLL | MHD_USE_NO_LISTEN_SOCKET | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, handler,
+      context, MHD_OPTION_CONNECTION_MEMORY_LIMIT, connection_bytes, MHD_OPTION_CONNECTION_TIMEOUT,
+      kIdleLimitSeconds, MHD_OPTION_NOTIFY_COMPLETED, completed, completed_context,
+      MHD_OPTION_NOTIFY_CONNECTION, notified, notified_context, MHD_OPTION_END);
   return the_daemon;
 }
 
-int __wrap_fsync(int /*fd*/) { return 0; }
+void __wrap__ZN11TarvoOrvane14SupportService11DiskWorkers4PostESt8functionIFvvEE(
+    TarvoOrvane::SupportService::DiskWorkers* /*workers*/, std::function<void()> job) {
+  const std::function<void()> now = std::move(job);
+  now();
+}
+
+// The program's own, which the library of the store calls too.
+__attribute__((visibility("default"))) int fsync(int /*fd*/) { return 0; }
+__attribute__((visibility("default"))) int fdatasync(int /*fd*/) { return 0; }
 
 __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
 
@@ -70,10 +86,14 @@ constexpr int kMaxTurns = 10'000;
 constexpr int kIdleTurns = 200;
 constexpr useconds_t kIdleTurnMicroseconds = 20'000;
 
+constexpr StreamId kStream = 1;
+/// More than any input has.
+constexpr std::uint64_t kLargestUpload = std::uint64_t{1} << 30;
+
 /// One end of a connection to the server.
 class Client {
  public:
-  Client() {
+  explicit Client(InProcessCss& css) : css_(css) {
     int ends[2] = {-1, -1};
     Require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) == 0,
             "a pair can be made");
@@ -92,6 +112,7 @@ class Client {
       const ssize_t count = send(fd_, data.data(), data.size(), MSG_NOSIGNAL);
       if (count > 0) data.remove_prefix(static_cast<std::size_t>(count));
       if (count < 0 && errno != EAGAIN) return;  // The server has ended the connection.
+      if (count < 0) css_.Settle();  // A request may wait for its answer, and hold up the next one.
       Turn();
     }
     Turn();
@@ -99,7 +120,10 @@ class Client {
 
   std::string Finish() {
     shutdown(fd_, SHUT_WR);
-    while (!ended_) Turn();
+    while (!ended_) {
+      Turn();
+      css_.Settle();
+    }
     return answer_;
   }
 
@@ -116,6 +140,7 @@ class Client {
     ended_ = count == 0 || errno != EAGAIN;
   }
 
+  InProcessCss& css_;
   int fd_ = -1;
   int turns_ = 0;
   bool ended_ = false;
@@ -131,22 +156,63 @@ std::string TokenIn(const std::string& ticket_json) {
 
 }  // namespace
 
-InProcessCss::InProcessCss() : book_({}, [](const std::string&) {}), store_(folder_.path() / "data") {
-  ticket_id_ = book_.CreateTicket({"mail", "web"}, "");
-  book_.Hello(book_.OpenStream("device"), "SN1", 1);
-  const Work work = book_.TakeWork();
-  Require(work.deliveries.size() == 1, "the ticket is delivered");
-  token_ = TokenIn(work.deliveries.front().ticket_json);
-  server_.emplace(
-      book_, store_, [this](const std::string& event) { CheckEvent(event); },
-      ParseListenAddress("127.0.0.1:0", false), std::chrono::seconds(5));
+InProcessCss::InProcessCss()
+    : archives_(folder_.path() / "data"),
+      store_(folder_.path() / "data" / "tickets.db"),
+      room_(folder_.path(), 0),
+      dispatcher_({}, store_, [this](const std::string& event) { CheckEvent(event); }) {
+  dispatcher_.SetWorkSink([this](const Work& work) {
+    for (const Delivery& delivery : work.deliveries) token_ = TokenIn(delivery.ticket_json);
+  });
+  dispatcher_.Call([](TicketBook& book) {
+    book.OpenStream(kStream, "device");
+    book.Hello(kStream, "SN1", 1);
+  });
+  const EventSink events = [this](const std::string& event) { CheckEvent(event); };
+  // So much time passes between two lines that none is left out.
+  const LimitedEvents all_of_them(
+      events, [now = std::chrono::steady_clock::now()]() mutable { return now += std::chrono::hours(1); });
+  constexpr std::chrono::seconds kLimit{5};
+  server_.emplace(CssDesk{dispatcher_, store_, archives_, disk_, room_, kLargestUpload, all_of_them, events},
+                  ParseListenAddress("127.0.0.1:0", false), CssLimits{kLimit, kLimit});
   Require(the_daemon != nullptr, "the server starts");
+  NextTicket();
+}
+
+const std::string& InProcessCss::Token() {
+  if (Ticket().state != TicketState::kAccepted) {
+    EndTicket();
+    NextTicket();
+  }
+  return token_;
+}
+
+/// The device gets its next ticket only behind the report. Archives of former tickets would only fill the disk.
+void InProcessCss::EndTicket() {
+  dispatcher_.Call([this](TicketBook& book) { book.RecordReport(ticket_, "Success"); });
+  const auto ticket = Ticket();
+  for (const Archive& archive : ticket.archives) archives_.Remove(ticket.id, archive.version);
+}
+
+void InProcessCss::NextTicket() {
+  const std::string former = token_;
+  const auto ticket = dispatcher_.Call([](TicketBook& book) {
+    return book.Create({"SN1", {"mail", "web"}});
+  });
+  Require(token_ != former, "the ticket is delivered");
+  dispatcher_.Call([&](TicketBook& book) { book.Answer(kStream, ticket.id, true, ""); });
+  ticket_ = ticket.number;
+  Require(Ticket().state == TicketState::kAccepted, "the ticket is accepted");
+}
+
+void InProcessCss::Settle() {
+  dispatcher_.Call([](TicketBook&) {});
 }
 
 std::string InProcessCss::Send(const std::vector<std::string>& pieces) {
   std::string answer;
   {
-    Client client;
+    Client client(*this);
     for (const std::string& piece : pieces) client.Write(piece);
     answer = client.Finish();
   }
@@ -156,12 +222,12 @@ std::string InProcessCss::Send(const std::vector<std::string>& pieces) {
 }
 
 std::vector<std::string> InProcessCss::Post(const std::string& path, const std::string& content_type,
-                                            std::string_view body) const {
+                                            std::string_view body) {
   std::vector<std::string> pieces = Records(body);
   std::size_t length = 0;
   for (const std::string& piece : pieces) length += piece.size();
   pieces.insert(pieces.begin(), "POST " + path +
-                                    " HTTP/1.1\r\nHost: test\r\nConnection: close\r\nAUTH-TOKEN: " + token_ +
+                                    " HTTP/1.1\r\nHost: test\r\nConnection: close\r\nAUTH-TOKEN: " + Token() +
                                     "\r\nContent-Type: " + content_type +
                                     "\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n");
   return pieces;
@@ -173,25 +239,29 @@ bool InProcessCss::Takes(const std::string& path, const std::string& content_typ
   return answer.rfind("HTTP/1.1 200 ", 0) == 0;
 }
 
-TicketView InProcessCss::Ticket() const { return book_.Find(ticket_id_).value(); }
+Ticket InProcessCss::Ticket() const { return store_.Find(ticket_).value(); }
 
 void InProcessCss::CheckFiles() const {
   const fs::path data = folder_.path() / "data";
   Require(fs::is_empty(data / "incoming"), "nothing half received is left");
+  std::set<fs::path> expected = {data, data / "lock", data / "incoming", data / "archives"};
+  for (const char* name : {"tickets.db", "tickets.db-wal", "tickets.db-shm"}) expected.insert(data / name);
+  const auto ticket = Ticket();
+  for (const Archive& archive : ticket.archives) {
+    const fs::path path = archives_.PathOf(ticket.id, archive.version);
+    Require(fs::file_size(path) == archive.size_bytes, "an archive is as large as is remembered");
+    expected.insert(path);
+  }
   for (const auto& entry : fs::recursive_directory_iterator(folder_.path())) {
-    const std::string name = entry.path().lexically_relative(data);
-    const bool expected = name == "." || name == "lock" || name == "incoming" || name == "received" ||
-                          name == "received/" + ticket_id_ ||
-                          name == "received/" + ticket_id_ + "/debug.dat" ||
-                          name == "received/" + ticket_id_ + "/ticket.json";
-    Require(expected, "no other files are made");
+    Require(expected.count(entry.path()) == 1, "no other files are made");
   }
 }
 
 void InProcessCss::CheckEvent(const std::string& event) const {
   Require(IsPrintableAscii(event), "an event is one printable line");
   const bool quotes_a_path = event.rfind("request refused: ", 0) == 0;
-  Require(quotes_a_path || event.find(token_) == std::string::npos, "an event does not tell the token");
+  Require(quotes_a_path || token_.empty() || event.find(token_) == std::string::npos,
+          "an event does not tell the token");
 }
 
 }  // namespace fuzz

@@ -1,7 +1,9 @@
 """A device that has the packages: what the tests that run inside a booted container do there."""
+import contextlib
 import json
 import os
 import pathlib
+import sqlite3
 import subprocess
 import time
 from typing import Any, Callable, Dict, List, Optional
@@ -79,6 +81,13 @@ class Device:
         run('systemctl', 'start', SERVICE)
         wait_until(lambda: 'control socket' in self.service_log(), 'the support service listens')
 
+    def let_half_an_hour_pass(self) -> None:
+        """For the service, which waits so long for a report before it tries the device's next ticket."""
+        run('systemctl', 'stop', SERVICE)
+        with contextlib.closing(sqlite3.connect(SERVICE_DATA / 'tickets.db')) as store, store:
+            store.execute('UPDATE tickets SET since = since - 30 * 60 * 1000')
+        run('systemctl', 'start', SERVICE)
+
     def configure(self, grpc: str = 'http://127.0.0.1:50051', css: str = 'http://127.0.0.1:8080') -> None:
         """Writes the service's addresses, as the owner of the device does."""
         CONFIGURATION.write_text(json.dumps({'debug_dat_file_transmitter': {
@@ -111,8 +120,9 @@ class Device:
         return run('journalctl', '--no-pager', '-o', 'cat', '-u', DAEMON).stdout
 
     def send(self, apps: str = '') -> str:
-        """Sends a ticket.
+        """Sends a ticket, once the device is connected.
         :return: Its id."""
+        self.wait_connected()
         return run('ticket', '--data', str(SERVICE_DATA), '--apps', apps).stdout.split()[-1]
 
     def result(self, ticket: str) -> Optional[str]:
@@ -134,7 +144,7 @@ class Device:
         result = self.wait_for_result(ticket)
         if not result.startswith('Success'):
             raise AssertionError(f'the ticket ended with: {result}\n{self.daemon_log()}')
-        return SERVICE_DATA / 'received' / ticket / 'debug.dat'
+        return SERVICE_DATA / 'archives' / f'{ticket}-1.dat'
 
 
 def entries_of(archive: pathlib.Path) -> List[str]:

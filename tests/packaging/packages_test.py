@@ -241,6 +241,7 @@ class TicketUnderWayTest(unittest.TestCase):
         """The service hears nothing of it; the next ticket is served."""
         ticket = self.send_slow()
         end(children_of(supervisor())[1], signal.SIGKILL)
+        self.device.let_half_an_hour_pass()
         self.device.serve_ticket()
         self.assertIsNone(self.device.result(ticket))
 

@@ -97,6 +97,7 @@ void FaultTest::SetUp() {
   if (HasFatalFailure()) {
     return;
   }
+  service_program_ = "impatient_support_service";
   fs::remove_all("/run/fault_shim");
   PauseShorter();
   DescribeApp("demo", {"true"});
@@ -223,7 +224,7 @@ void FaultTest::ExpectNextTicketIsServed() {
   const std::size_t results = Results().size();
   const std::size_t completions = CountLog(SyslogRole::kSupervisor, "Notify worker process");
   const std::string id = SendTicket("demo");
-  ASSERT_TRUE(WaitForTicket(id, "answered: accepted")) << WholeLog();
+  ASSERT_TRUE(WaitForTicket(id, " accepted")) << WholeLog();
   ASSERT_TRUE(WaitForLog(SyslogRole::kSupervisor, "Notify worker process", completions + 1)) << WholeLog();
   EXPECT_EQ(css_.RequestsFor(kUploadPath).size(), uploads + 1) << WholeLog();
   ASSERT_EQ(Results().size(), results + 1) << WholeLog();

@@ -1,7 +1,8 @@
 /// The real daemon while something fails: what it logged, line by line, what the servers heard, and what is left.
 ///
 /// Tickets come from the real support service, which hears the answers too; archives and results go to a server of
-/// the test's own, which can fail, take its time, and outlive the other one.
+/// the test's own, which can fail, take its time, and outlive the other one. So the service hears of no result, and is
+/// one that does not wait for them before it delivers the next ticket.
 #pragma once
 
 #include <gmock/gmock.h>

@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
 constexpr char kSandboxMark[] = "/dev/.sandbox";
+constexpr char kSerialNumber[] = "SYSTEM-TEST-1";
 constexpr char kServiceOutput[] = "/run/system_test/service.out";
 
 void RemoveFormerTraces() {
@@ -51,7 +52,7 @@ void SystemTest::SetUp() {
             0)
       << strerror(errno);
   AdoptOrphans();
-  WriteFile("/usr/tarvo/etc/serial_number", "SYSTEM-TEST-1\n");
+  WriteFile("/usr/tarvo/etc/serial_number", std::string(kSerialNumber) + '\n');
   syslog_ = std::make_unique<SyslogListener>();
 }
 
@@ -80,7 +81,7 @@ std::string SystemTest::LibraryFolder(const std::string& name) {
 void SystemTest::StartService(const std::string& grpc_address) {
   service_.reset();
   service_ = std::make_unique<Program>(
-      std::vector<std::string>{BinaryPath("support_service"), "--data", kServiceFolder, "--grpc-address",
+      std::vector<std::string>{BinaryPath(service_program_), "--data", kServiceFolder, "--grpc-address",
                                grpc_address, "--http-address", "127.0.0.1:0", "--retry-seconds", "2"},
       kServiceOutput);
   ASSERT_TRUE(Eventually([&] { return service_->Output().find("control socket ") != std::string::npos; }))
@@ -138,7 +139,7 @@ void SystemTest::StartAll() {
 }
 
 std::string SystemTest::SendTicket(const std::string& apps) {
-  Program client({BinaryPath("ticket"), "--data", kServiceFolder, "--apps", apps},
+  Program client({BinaryPath("ticket"), "--data", kServiceFolder, "--device", kSerialNumber, "--apps", apps},
                  std::string(kTestFolder) + "/ticket.out");
   EXPECT_EQ(client.Wait(), 0) << client.Output();
   const std::string output = client.Output();
@@ -161,7 +162,7 @@ std::string SystemTest::TicketEvents(const std::string& id) const {
 }
 
 std::string SystemTest::ReceivedArchive(const std::string& id) {
-  return std::string(kServiceFolder) + "/received/" + id + "/debug.dat";
+  return std::string(kServiceFolder) + "/archives/" + id + "-1.dat";
 }
 
 bool SystemTest::WaitForLog(SyslogRole role, const std::string& text, std::size_t count,

@@ -50,7 +50,7 @@ class SystemTest : public testing::Test {
   static std::string BinaryPath(const std::string& name);
   static std::string LibraryFolder(const std::string& name);
 
-  /// Starts the support service; grpc_url_ and css_url_ are its addresses afterwards.
+  /// Starts the support service, `service_program_`; grpc_url_ and css_url_ are its addresses afterwards.
   void StartService(const std::string& grpc_address = "127.0.0.1:0");
   /// Writes the daemon's configuration file with the running service's addresses.
   void WriteConfig() const;
@@ -69,7 +69,7 @@ class SystemTest : public testing::Test {
   /// Service, configuration and daemon; waits until the device is connected.
   void StartAll();
 
-  /// Sends a ticket with the service's client.
+  /// Sends a ticket for the device with the service's client. The device need not be connected.
   /// @return the ticket's id.
   std::string SendTicket(const std::string& apps);
   /// Follows a ticket that the service knows by its events: waits until an event about it contains `text`.
@@ -96,6 +96,7 @@ class SystemTest : public testing::Test {
   static std::vector<std::string> ArchivesOnDevice();
 
   std::unique_ptr<SyslogListener> syslog_;
+  std::string service_program_ = "support_service";
   std::unique_ptr<Program> service_;
   std::string grpc_url_;
   std::string css_url_;

@@ -66,7 +66,7 @@ std::string TransmissionTest::ConfigWith(const std::string& css_url) const {
 
 void TransmissionTest::TakeTicket(const std::string& app) {
   const std::string id = SendTicket(app);
-  EXPECT_TRUE(WaitForTicket(id, "answered: accepted")) << WholeLog();
+  EXPECT_TRUE(WaitForTicket(id, " accepted")) << WholeLog();
 }
 
 Lines TransmissionTest::LinesUpToTheCompletion(std::size_t ticket) {

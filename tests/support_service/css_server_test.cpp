@@ -3,13 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <future>
+
 #include "service_fixture.h"
 
 namespace TarvoOrvane::SupportService {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 
 class CssServerTest : public ServiceTest {
@@ -60,14 +65,68 @@ class CssServerTest : public ServiceTest {
   }
 
   void ExpectNoArchive(const std::string& ticket_id) {
-    EXPECT_FALSE(fs::exists(Received(ticket_id) / "debug.dat"));
-    EXPECT_TRUE(Eventually([&] { return IncomingFiles() == 0; }));
+    EXPECT_TRUE(Eventually([&] { return IncomingFiles() == 0 && ArchiveFiles() == 0; }));
+    EXPECT_TRUE(Remembered(ticket_id).archives.empty());
     EXPECT_NE(StateOf(ticket_id), TicketState::kUploaded);
   }
 
-  Json::Value Record(const std::string& ticket_id) {
-    return ParseJson(ReadFile(Received(ticket_id) / "ticket.json"));
+  /// What is remembered of the ticket's newest archive.
+  Archive NewestArchive(const std::string& ticket_id) {
+    const Ticket ticket = Remembered(ticket_id);
+    return ticket.archives.empty() ? Archive() : ticket.archives.back();
   }
+
+  /// A ticket that the device "SN1" can't take, and has the token of.
+  Delivered RefuseTicket(ScriptedDevice& device) {
+    Delivered ticket = DeliverTicket(device);
+    device.Answer(ticket.id, tarvo::support::v1::CLIENT_STATUS_REJECTED, "no such application");
+    EXPECT_TRUE(WaitForState(ticket.id, TicketState::kRefused));
+    return ticket;
+  }
+
+  /// Each request with the token is refused at its headers.
+  void ExpectGone(const Delivered& ticket) {
+    // More than 1 MiB: libcurl asks with "Expect: 100-continue" first.
+    const HttpAnswer upload = Upload(ticket.token, MakeFile(std::string(std::size_t{2} << 20U, 'x')));
+    ExpectRefusal(upload, 410);
+    EXPECT_EQ(upload.sent, 0);
+    ExpectRefusal(Report(ticket.token, kReport), 410);
+    const std::string state = ToText(StateOf(ticket.id));
+    EXPECT_TRUE(events_.Has("request refused: POST \"/orvane/ps_files\" from 127.0.0.1:"));
+    EXPECT_TRUE(events_.Has(": ticket " + ticket.id + " is " + state));
+    EXPECT_EQ(ArchiveFiles(), 0U);
+    EXPECT_FALSE(Remembered(ticket.id).report);
+  }
+
+  static constexpr const char* kReport = R"({"status":"Success","serial_number":"SN1"})";
+};
+
+/// What an earlier service has left in the data folder: one ticket that was delivered.
+class FormerTicket {
+ public:
+  /// @param age  So long ago it was created and delivered.
+  FormerTicket(const fs::path& data_folder, std::chrono::hours age) : time_(Now().wall - age) {
+    { const ArchiveStore folder(data_folder); }
+    store_.emplace(data_folder / "tickets.db");
+    ticket_.number = 1;
+    ticket_.id = "0123456789abcdef";
+    ticket_.device = "SN1";
+    ticket_.created = time_;
+    ticket_.deadline = time_ + std::chrono::hours(14 * 24);
+    Happened(EventKind::kCreated);
+    Happened(EventKind::kDelivered, HashOf("former token"));
+  }
+
+  void Happened(EventKind kind, std::optional<TokenHash> token = std::nullopt) {
+    const Event event{ticket_.last_event + 1, 1, kind, "Success", time_};
+    Apply(event, ticket_);
+    store_->Write({{event, ticket_, token, std::nullopt}});
+  }
+
+ private:
+  const WallTime time_;
+  std::optional<SqliteStore> store_;
+  Ticket ticket_;
 };
 
 TEST_F(CssServerTest, UploadIsKeptByteForByte) {
@@ -77,18 +136,19 @@ TEST_F(CssServerTest, UploadIsKeptByteForByte) {
   const HttpAnswer answer = Upload(ticket.token, MakeFile(content), {"web", "db", "web"});
   EXPECT_EQ(answer.status, 200) << answer.body;
   EXPECT_EQ(ParseJson(answer.body), ParseJson(R"({"success":true})"));
-  EXPECT_TRUE(ReadFile(Received(ticket.id) / "debug.dat") == content);
-  const Json::Value record = Record(ticket.id);
-  EXPECT_EQ(record["sha256"], Sha256(content));
-  EXPECT_EQ(record["size"].asUInt64(), content.size());
-  EXPECT_EQ(record["serial_number"], "SN1");
-  EXPECT_EQ(record["device"], "SN1");
-  EXPECT_EQ(record["uploaded_apps"], ParseJson(R"(["web","db","web"])"));
+  EXPECT_TRUE(ReadFile(ArchiveOf(ticket.id)) == content);
+  const Archive archive = NewestArchive(ticket.id);
+  EXPECT_EQ(archive.version, 1U);
+  EXPECT_EQ(archive.sha256, Sha256(content));
+  EXPECT_EQ(archive.size_bytes, content.size());
+  EXPECT_EQ(archive.serial_number, "SN1");
+  EXPECT_THAT(archive.apps, ElementsAre("web", "db", "web"));
   EXPECT_EQ(StateOf(ticket.id), TicketState::kUploaded);
   EXPECT_EQ(IncomingFiles(), 0U);
-  EXPECT_TRUE(events_.Has("upload started"));
-  EXPECT_TRUE(events_.Has("upload finished: " + std::to_string(content.size()) + " bytes, sha256 " +
-                          Sha256(content) + ", apps [\"web\", \"db\", \"web\"]"));
+  EXPECT_TRUE(events_.Has("ticket " + ticket.id + " upload started: from 127.0.0.1:"));
+  EXPECT_TRUE(events_.Has("ticket " + ticket.id + " uploaded: " + std::to_string(content.size()) +
+                          " bytes, sha256 " + Sha256(content) +
+                          ", apps [\"web\", \"db\", \"web\"], serial \"SN1\""));
 }
 
 TEST_F(CssServerTest, AwkwardSizesAreKeptByteForByte) {
@@ -98,8 +158,9 @@ TEST_F(CssServerTest, AwkwardSizesAreKeptByteForByte) {
     const std::string content = AwkwardData(size);
     const HttpAnswer answer = Upload(ticket.token, MakeFile(content));
     EXPECT_EQ(answer.status, 200) << size << " " << answer.body;
-    EXPECT_TRUE(ReadFile(Received(ticket.id) / "debug.dat") == content) << size;
-    EXPECT_EQ(Record(ticket.id)["sha256"], Sha256(content)) << size;
+    const Archive archive = NewestArchive(ticket.id);
+    EXPECT_TRUE(ReadFile(ArchiveOf(ticket.id, archive.version)) == content) << size;
+    EXPECT_EQ(archive.sha256, Sha256(content)) << size;
   }
 }
 
@@ -107,15 +168,13 @@ TEST_F(CssServerTest, AppsPartsAreRecordedInOrderWithTheirIndexes) {
   Start();
   const auto ticket = AcceptTicket();
   std::vector<std::string> apps;
-  Json::Value expected(Json::arrayValue);
-  for (int i = 0; i < 12; ++i) {
-    apps.push_back("app" + std::to_string(i * 7 % 12));
-    expected.append(apps.back());
-  }
+  apps.reserve(12);
+  for (int i = 0; i < 12; ++i) apps.push_back("app" + std::to_string(i * 7 % 12));
   EXPECT_EQ(Upload(ticket.token, MakeFile("x"), apps).status, 200);
-  EXPECT_EQ(Record(ticket.id)["uploaded_apps"], expected);
-  EXPECT_EQ(Upload(ticket.token, MakeFile("x"), {}).status, 200);
-  EXPECT_EQ(Record(ticket.id)["uploaded_apps"], Json::Value(Json::arrayValue));
+  EXPECT_EQ(NewestArchive(ticket.id).apps, apps);
+  EXPECT_EQ(Upload(ticket.token, MakeFile("y"), {}).status, 200);
+  EXPECT_EQ(NewestArchive(ticket.id).version, 2U);
+  EXPECT_THAT(NewestArchive(ticket.id).apps, IsEmpty());
 }
 
 TEST_F(CssServerTest, AppsPartsOutOfOrderAreRefused) {
@@ -132,8 +191,9 @@ TEST_F(CssServerTest, EmptySerialNumberIsAccepted) {
   const auto ticket = AcceptTicket();
   const HttpAnswer answer = PostForm(UploadUrl(), {Auth(ticket.token)}, DeviceForm(MakeFile("x"), "", {""}));
   EXPECT_EQ(answer.status, 200) << answer.body;
-  EXPECT_EQ(Record(ticket.id)["serial_number"], "");
-  EXPECT_EQ(Record(ticket.id)["uploaded_apps"], ParseJson(R"([""])"));
+  EXPECT_EQ(NewestArchive(ticket.id).version, 1U);
+  EXPECT_EQ(NewestArchive(ticket.id).serial_number, "");
+  EXPECT_THAT(NewestArchive(ticket.id).apps, ElementsAre(""));
 }
 
 TEST_F(CssServerTest, WrongTokenIsRefusedBeforeTheBodyIsSent) {
@@ -178,20 +238,131 @@ TEST_F(CssServerTest, OfARefusedBodyTwoMebibytesAreReadAndWithMoreTheConnectionE
 
 TEST_F(CssServerTest, TokenOfATicketThatWasNeverDeliveredIsUnknown) {
   Start();
-  book().CreateTicket({"a"}, "");
-  ExpectRefusal(Report("", R"({"status":"Success","serial_number":""})"), 401);
+  CreateTicket();
+  ExpectRefusal(Report("", kReport), 401);
 }
 
 TEST_F(CssServerTest, EachTicketHasItsOwnArchive) {
   Start();
-  ScriptedDevice device(service().grpc_url());
-  device.Hello("SN1");
-  const auto first = AcceptTicket(device);
-  const auto second = AcceptTicket(device);
+  ScriptedDevice one(service().grpc_url());
+  one.Hello("SN1");
+  ScriptedDevice two(service().grpc_url());
+  two.Hello("SN2");
+  const auto first = AcceptTicket(one);
+  const auto second = AcceptTicket(two);
   EXPECT_EQ(Upload(second.token, MakeFile("two")).status, 200);
   EXPECT_EQ(Upload(first.token, MakeFile("one")).status, 200);
-  EXPECT_EQ(ReadFile(Received(first.id) / "debug.dat"), "one");
-  EXPECT_EQ(ReadFile(Received(second.id) / "debug.dat"), "two");
+  EXPECT_EQ(ReadFile(ArchiveOf(first.id)), "one");
+  EXPECT_EQ(ReadFile(ArchiveOf(second.id)), "two");
+}
+
+TEST_F(CssServerTest, EveryTokenOfATicketCounts) {
+  Start();
+  ScriptedDevice device(service().grpc_url());
+  device.Hello("SN1");
+  const auto ticket = DeliverTicket(device);
+  device.Answer(ticket.id, tarvo::support::v1::CLIENT_STATUS_REJECTED);
+  const auto again = device.Next();
+  ASSERT_TRUE(again);
+  ASSERT_EQ(again->ticket_id(), ticket.id);
+  EXPECT_NE(TokenOf(*again), ticket.token);
+  EXPECT_EQ(Upload(ticket.token, MakeFile("one")).status, 200);
+  EXPECT_EQ(Upload(TokenOf(*again), MakeFile("two")).status, 200);
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id, 1)), "one");
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id, 2)), "two");
+}
+
+TEST_F(CssServerTest, RequestsOfARefusedTicketAreRefused) {
+  Start();
+  ScriptedDevice device(service().grpc_url());
+  device.Hello("SN1");
+  ExpectGone(RefuseTicket(device));
+}
+
+TEST_F(CssServerTest, RequestsOfACancelledTicketAreRefused) {
+  settings_.tickets.retry_pause = std::chrono::hours(1);
+  Start();
+  ScriptedDevice device(service().grpc_url());
+  device.Hello("SN1");
+  const auto ticket = DeliverTicket(device);
+  device.Answer(ticket.id, tarvo::support::v1::CLIENT_STATUS_REJECTED);
+  ASSERT_TRUE(WaitForState(ticket.id, TicketState::kQueued));
+  const TicketNumber number = Remembered(ticket.id).number;
+  service().dispatcher().Call([&](TicketBook& book) { book.Cancel(number, "the test"); });
+  ExpectGone(ticket);
+}
+
+TEST_F(CssServerTest, RequestsOfAnExpiredTicketAreRefused) {
+  { const FormerTicket former(settings_.data_folder, std::chrono::hours(15 * 24)); }
+  Start();
+  ASSERT_TRUE(WaitForState("0123456789abcdef", TicketState::kExpired));
+  ExpectGone({"0123456789abcdef", "former token"});
+}
+
+TEST_F(CssServerTest, ADayAfterTheReportATicketsRequestsAreRefusedAndNotBefore) {
+  for (const int hours : {23, 25}) {
+    settings_.data_folder = temp_.path() / std::to_string(hours);
+    {
+      FormerTicket former(settings_.data_folder, std::chrono::hours(hours));
+      former.Happened(EventKind::kReported);
+    }
+    Start();
+    ASSERT_EQ(StateOf("0123456789abcdef"), TicketState::kReported);
+    const long status = hours < 24 ? 200 : 410;
+    EXPECT_EQ(Upload("former token", MakeFile("x")).status, status) << hours;
+    EXPECT_EQ(Report("former token", kReport).status, status) << hours;
+    service_.reset();
+  }
+}
+
+TEST_F(CssServerTest, LateResultsOfATicketAreTakenAfterTheNextOne) {
+  settings_.tickets.overdue_after = std::chrono::minutes(0);
+  Start();
+  ScriptedDevice device(service().grpc_url());
+  device.Hello("SN1");
+  const auto former = AcceptTicket(device);
+  AcceptTicket(device);
+  ASSERT_EQ(StateOf(former.id), TicketState::kNoResult);
+  EXPECT_EQ(Upload(former.token, MakeFile("late")).status, 200);
+  EXPECT_EQ(ReadFile(ArchiveOf(former.id)), "late");
+  EXPECT_EQ(Report(former.token, kReport).status, 200);
+  EXPECT_EQ(StateOf(former.id), TicketState::kReported);
+}
+
+TEST_F(CssServerTest, UploadOfATicketThatComesToItsEndMeanwhileIsNotKept) {
+  Start();
+  ScriptedDevice device(service().grpc_url());
+  device.Hello("SN1");
+  const auto ticket = DeliverTicket(device);
+  const std::string body = FormBody("content", "\r\n--XX--\r\n");
+  RawHttp http(service().css_url());
+  http.Send(FormHead(ticket.token, body.size()) + body.substr(0, body.size() - 1));
+  ASSERT_TRUE(events_.WaitFor("upload started"));
+  device.Answer(ticket.id, tarvo::support::v1::CLIENT_STATUS_REJECTED, "no such application");
+  ASSERT_TRUE(WaitForState(ticket.id, TicketState::kRefused));
+  http.Send(body.substr(body.size() - 1));
+  EXPECT_THAT(http.ReadToEnd(), HasSubstr("HTTP/1.1 410"));
+  EXPECT_TRUE(events_.Has("ticket " + ticket.id + " upload failed: the ticket has come to its end"));
+  ExpectNoArchive(ticket.id);
+}
+
+TEST_F(CssServerTest, ReportOfATicketThatComesToItsEndMeanwhileIsNotTaken) {
+  Start();
+  ScriptedDevice device(service().grpc_url());
+  device.Hello("SN1");
+  const auto ticket = DeliverTicket(device);
+  const std::string body = kReport;
+  RawHttp http(service().css_url());
+  http.Send(
+      "POST /orvane/ps_results HTTP/1.1\r\nHost: test\r\nConnection: close\r\nAUTH-TOKEN: " + ticket.token +
+      "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body.substr(0, body.size() - 1));
+  ASSERT_TRUE(http.AwaitRead());
+  device.Answer(ticket.id, tarvo::support::v1::CLIENT_STATUS_REJECTED, "no such application");
+  ASSERT_TRUE(WaitForState(ticket.id, TicketState::kRefused));
+  http.Send(body.substr(body.size() - 1));
+  EXPECT_THAT(http.ReadToEnd(), HasSubstr("HTTP/1.1 410"));
+  EXPECT_TRUE(events_.Has("ticket " + ticket.id + " report "));
+  EXPECT_FALSE(Remembered(ticket.id).report);
 }
 
 TEST_F(CssServerTest, UnknownPathsAndMethodsGetJsonToo) {
@@ -283,12 +454,14 @@ TEST_F(CssServerTest, FormWithoutItsClosingBoundaryIsRefused) {
     EXPECT_EQ(ParseJson(BodyOf(response))["success"], false) << end << response;
     ExpectNoArchive(ticket.id);
   }
+  std::uint64_t version = 0;
   for (const std::string end : {"\r\n--XX--\r\n", "\r\n--XX--"}) {
-    const std::string body = FormBody("content", end);
+    const std::string content = "content " + std::to_string(++version);
+    const std::string body = FormBody(content, end);
     RawHttp http(service().css_url());
     http.Send(FormHead(ticket.token, body.size()) + body);
     EXPECT_EQ(ParseJson(BodyOf(http.ReadToEnd()))["success"], true) << end;
-    EXPECT_EQ(ReadFile(Received(ticket.id) / "debug.dat"), "content");
+    EXPECT_EQ(ReadFile(ArchiveOf(ticket.id, version)), content);
   }
 }
 
@@ -305,19 +478,20 @@ TEST_F(CssServerTest, FormCutAnywhereIsRefused) {
 }
 
 TEST_F(CssServerTest, FormThatArrivesInTwoPiecesIsKeptWhereverItIsCut) {
+  settings_.tickets.most_archives = 1000;
   Start();
   const auto ticket = AcceptTicket();
-  const std::string content = "con\r\n--Xtent";
-  const std::string whole = FormBody(content, "\r\n--XX--\r\n");
-  const std::size_t from = whole.find(content);
-  for (std::size_t cut = from; cut < whole.size(); ++cut) {
-    fs::remove_all(Received(ticket.id));
+  const auto content_of = [](std::size_t cut) { return "con\r\n--Xtent" + std::to_string(1000 + cut); };
+  const auto form_of = [&](std::size_t cut) { return FormBody(content_of(cut), "\r\n--XX--\r\n"); };
+  std::uint64_t version = 0;
+  for (std::size_t cut = form_of(0).find(content_of(0)); cut < form_of(0).size(); ++cut) {
+    const std::string whole = form_of(cut);
     RawHttp http(service().css_url());
     http.Send(FormHead(ticket.token, whole.size()) + whole.substr(0, cut));
     ASSERT_TRUE(http.AwaitRead());
     http.Send(whole.substr(cut));
     ASSERT_THAT(http.ReadToEnd(), HasSubstr("\"success\":true")) << cut;
-    ASSERT_EQ(ReadFile(Received(ticket.id) / "debug.dat"), content) << cut;
+    ASSERT_EQ(ReadFile(ArchiveOf(ticket.id, ++version)), content_of(cut)) << cut;
   }
 }
 
@@ -343,28 +517,51 @@ TEST_F(CssServerTest, FailedUploadLeavesTheFormerArchive) {
   RawHttp http(service().css_url());
   http.Send(FormHead(ticket.token, body.size()) + body);
   EXPECT_THAT(http.ReadToEnd(), HasSubstr("\"success\":false"));
-  EXPECT_EQ(ReadFile(Received(ticket.id) / "debug.dat"), "first");
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id)), "first");
+  EXPECT_EQ(Remembered(ticket.id).archives.size(), 1U);
+  EXPECT_TRUE(Eventually([&] { return IncomingFiles() == 0; }));
+  EXPECT_EQ(ArchiveFiles(), 1U);
 }
 
-TEST_F(CssServerTest, SecondUploadReplacesTheFirst) {
+TEST_F(CssServerTest, UploadOfAnotherContentIsASecondVersion) {
   Start();
   const auto ticket = AcceptTicket();
   EXPECT_EQ(Upload(ticket.token, MakeFile("first, and longer")).status, 200);
   EXPECT_EQ(Upload(ticket.token, MakeFile("second"), {"b"}).status, 200);
-  EXPECT_EQ(ReadFile(Received(ticket.id) / "debug.dat"), "second");
-  EXPECT_EQ(Record(ticket.id)["sha256"], Sha256("second"));
-  EXPECT_EQ(Record(ticket.id)["uploaded_apps"], ParseJson(R"(["b"])"));
-  EXPECT_TRUE(events_.Has("replaces the former one"));
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id, 1)), "first, and longer");
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id, 2)), "second");
+  const auto archives = Remembered(ticket.id).archives;
+  ASSERT_EQ(archives.size(), 2U);
+  EXPECT_EQ(archives[0].sha256, Sha256("first, and longer"));
+  EXPECT_EQ(archives[1].sha256, Sha256("second"));
+  EXPECT_EQ(archives[1].version, 2U);
+  EXPECT_THAT(archives[1].apps, ElementsAre("b"));
+}
+
+TEST_F(CssServerTest, RepeatedUploadIsTakenAndKeptOnce) {
+  Start();
+  const auto ticket = AcceptTicket();
+  EXPECT_EQ(Upload(ticket.token, MakeFile("first")).status, 200);
+  EXPECT_EQ(Upload(ticket.token, MakeFile("second")).status, 200);
+  const HttpAnswer again = Upload(ticket.token, MakeFile("first"));
+  EXPECT_EQ(again.status, 200);
+  EXPECT_EQ(ParseJson(again.body), ParseJson(R"({"success":true})"));
+  EXPECT_TRUE(events_.Has("ticket " + ticket.id + " upload repeated: sha256 " + Sha256("first")));
+  EXPECT_EQ(Remembered(ticket.id).archives.size(), 2U);
+  EXPECT_TRUE(Eventually([&] { return ArchiveFiles() == 2; }));
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id, 1)), "first");
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id, 2)), "second");
 }
 
 TEST_F(CssServerTest, UploadsAtTheSameTimeDoNotMix) {
   Start();
-  ScriptedDevice device(service().grpc_url());
-  device.Hello("SN1");
-  std::vector<Accepted> tickets;
+  std::vector<std::unique_ptr<ScriptedDevice>> devices;
+  std::vector<Delivered> tickets;
   std::vector<fs::path> files;
   for (int i = 0; i < 6; ++i) {
-    tickets.push_back(AcceptTicket(device));
+    devices.push_back(std::make_unique<ScriptedDevice>(service().grpc_url()));
+    devices.back()->Hello("SN" + std::to_string(i));
+    tickets.push_back(AcceptTicket(*devices.back()));
     files.push_back(temp_.path() / ("file" + std::to_string(i)));
     WriteFile(files.back(), std::string(1500000, static_cast<char>('a' + i)));
   }
@@ -375,8 +572,36 @@ TEST_F(CssServerTest, UploadsAtTheSameTimeDoNotMix) {
   }
   for (std::thread& upload : uploads) upload.join();
   for (std::size_t i = 0; i < tickets.size(); ++i) {
-    EXPECT_TRUE(ReadFile(Received(tickets[i].id) / "debug.dat") == ReadFile(files[i])) << i;
+    EXPECT_TRUE(ReadFile(ArchiveOf(tickets[i].id)) == ReadFile(files[i])) << i;
   }
+}
+
+TEST_F(CssServerTest, UploadsOfOneTicketAtTheSameTimeAreVersionsOfTheirOwn) {
+  Start();
+  const auto ticket = AcceptTicket();
+  std::vector<std::unique_ptr<RawHttp>> clients;
+  const auto body_of = [](std::size_t i) {
+    return FormBody("content " + std::to_string(i), "\r\n--XX--\r\n");
+  };
+  for (std::size_t i = 0; i < 8; ++i) {
+    clients.push_back(std::make_unique<RawHttp>(service().css_url()));
+    const std::string body = body_of(i);
+    clients.back()->Send(FormHead(ticket.token, body.size()) + body.substr(0, body.size() - 1));
+    ASSERT_TRUE(clients.back()->AwaitRead());
+  }
+  for (const auto& client : clients) client->Send("\n");
+  for (const auto& client : clients) EXPECT_THAT(client->ReadToEnd(), HasSubstr("HTTP/1.1 200"));
+  const auto archives = Remembered(ticket.id).archives;
+  ASSERT_EQ(archives.size(), 8U);
+  std::vector<std::string> contents;
+  std::uint64_t former = 0;
+  for (const Archive& archive : archives) {
+    EXPECT_GT(archive.version, std::exchange(former, archive.version));
+    contents.push_back(ReadFile(ArchiveOf(ticket.id, archive.version)));
+    EXPECT_EQ(archive.sha256, Sha256(contents.back()));
+  }
+  std::sort(contents.begin(), contents.end());
+  for (std::size_t i = 0; i < 8; ++i) EXPECT_EQ(contents[i], "content " + std::to_string(i));
 }
 
 TEST_F(CssServerTest, BodyThatStopsArrivingIsEnded) {
@@ -398,8 +623,55 @@ TEST_F(CssServerTest, ShutdownInTheMiddleOfAnUploadLeavesNothing) {
   ASSERT_TRUE(Eventually([&] { return IncomingFiles() == 1; }));
   service_.reset();
   EXPECT_EQ(IncomingFiles(), 0U);
-  EXPECT_FALSE(fs::exists(Received(ticket.id)));
+  EXPECT_EQ(ArchiveFiles(), 0U);
   EXPECT_TRUE(events_.Has("upload refused: the service shuts down"));
+}
+
+TEST_F(CssServerTest, ShutdownBehindACompleteUploadKeepsAndAnswersIt) {
+  Start();
+  const auto ticket = AcceptTicket();
+  // The dispatcher is held up, so that the archive has its name and is not remembered when the service ends.
+  std::promise<void> gate;
+  service().dispatcher().Post([opened = gate.get_future().share()](TicketBook&) { opened.wait(); });
+  const std::string body = FormBody("content", "\r\n--XX--\r\n");
+  RawHttp http(service().css_url());
+  http.Send(FormHead(ticket.token, body.size()) + body);
+  EXPECT_TRUE(Eventually([&] { return fs::exists(ArchiveOf(ticket.id)); }));
+  std::thread end([this] { service_.reset(); });
+  gate.set_value();
+  end.join();
+  const std::string answer = http.ReadToEnd();
+  EXPECT_THAT(answer, HasSubstr("HTTP/1.1 200"));
+  Start();
+  EXPECT_EQ(NewestArchive(ticket.id).sha256, Sha256("content"));
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id)), "content");
+}
+
+TEST_F(CssServerTest, UploadsAsTheServiceEndsAreKeptWholeOrNotAtAll) {
+  for (std::size_t i = 0; i < 10; ++i) {
+    Start();
+    const auto ticket = AcceptTicket();
+    const std::string content = AwkwardData(100'000 + i);
+    const std::string body = FormBody(content, "\r\n--XX--\r\n");
+    RawHttp http(service().css_url());
+    http.Send(FormHead(ticket.token, body.size()) + body);
+    if (i % 2 == 1) {
+      EXPECT_TRUE(http.AwaitRead());
+    }
+    service_.reset();
+    const bool answered = http.ReadToEnd().rfind("HTTP/1.1 200", 0) == 0;
+    EXPECT_EQ(IncomingFiles(), 0U);
+    const std::size_t files = ArchiveFiles();
+    Start();
+    const auto archives = Remembered(ticket.id).archives;
+    EXPECT_TRUE(archives.size() == 1 || !answered);
+    EXPECT_EQ(archives.size(), files) << "a file that nobody knows of, or none of one that is known";
+    if (!archives.empty()) {
+      EXPECT_TRUE(ReadFile(ArchiveOf(ticket.id)) == content);
+    }
+    service_.reset();
+    fs::remove_all(settings_.data_folder);
+  }
 }
 
 TEST_F(CssServerTest, ArchiveThatCannotBeKeptIsRefusedAndTheNextOneTaken) {
@@ -411,20 +683,63 @@ TEST_F(CssServerTest, ArchiveThatCannotBeKeptIsRefusedAndTheNextOneTaken) {
   EXPECT_THAT(answer.body, Not(HasSubstr(temp_.path().string())));
   EXPECT_TRUE(events_.Has("upload failed: cannot make a file"));
   fs::create_directory(settings_.data_folder / "incoming");
+  fs::remove(settings_.data_folder / "archives");
+  ExpectRefusal(Upload(ticket.token, MakeFile("x")), 500);
+  EXPECT_TRUE(events_.Has("upload failed: cannot name"));
+  EXPECT_EQ(StateOf(ticket.id), TicketState::kAccepted);
+  fs::create_directory(settings_.data_folder / "archives");
   EXPECT_EQ(Upload(ticket.token, MakeFile("x")).status, 200);
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id)), "x");
 }
 
-TEST_F(CssServerTest, ReportEndsTheTicketAndIsWrittenBesideTheArchive) {
+TEST_F(CssServerTest, ReportEndsTheTicket) {
   Start();
   const auto ticket = AcceptTicket();
   EXPECT_EQ(Upload(ticket.token, MakeFile("x")).status, 200);
   const HttpAnswer answer = Report(ticket.token, R"({"serial_number":"SN1","status":"Success"})");
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(ParseJson(answer.body), ParseJson(R"({"success":true})"));
-  EXPECT_EQ(Record(ticket.id)["status"], "Success");
-  EXPECT_EQ(Record(ticket.id)["sha256"], Sha256("x"));
+  EXPECT_EQ(Remembered(ticket.id).report, "Success");
+  EXPECT_EQ(NewestArchive(ticket.id).sha256, Sha256("x"));
   EXPECT_EQ(StateOf(ticket.id), TicketState::kReported);
-  EXPECT_TRUE(events_.Has("report received: \"Success\""));
+  EXPECT_TRUE(events_.Has("ticket " + ticket.id + " reported: \"Success\""));
+}
+
+TEST_F(CssServerTest, RepeatedUploadTakesThePlaceOfAFileThatIsMissing) {
+  Start();
+  const auto ticket = AcceptTicket();
+  const std::string whole = FormBody("content", "\r\n--XX--\r\n");
+  for (int times = 0; times < 2; ++times) {
+    RawHttp http(service().css_url());
+    http.Send(FormHead(ticket.token, whole.size()) + whole);
+    ASSERT_THAT(http.ReadToEnd(), HasSubstr("\"success\":true"));
+    ASSERT_EQ(ReadFile(ArchiveOf(ticket.id)), "content") << times;
+    std::filesystem::remove(ArchiveOf(ticket.id));
+  }
+}
+
+TEST_F(CssServerTest, RepeatedReportIsTakenAndChangesNothing) {
+  Start();
+  const auto ticket = AcceptTicket();
+  EXPECT_EQ(Report(ticket.token, kReport).status, 200);
+  const EventNumber last = Remembered(ticket.id).last_event;
+  for (const char* status : {"Success", "Failed to generate debug file"}) {
+    const std::string body = std::string(R"({"serial_number":"SN1","status":")") + status + "\"}";
+    const HttpAnswer again = Report(ticket.token, body);
+    EXPECT_EQ(again.status, 200);
+    EXPECT_EQ(ParseJson(again.body), ParseJson(R"({"success":true})"));
+  }
+  EXPECT_EQ(Remembered(ticket.id).report, "Success");
+  EXPECT_EQ(Remembered(ticket.id).last_event, last);
+}
+
+TEST_F(CssServerTest, UploadAfterTheReportIsKept) {
+  Start();
+  const auto ticket = AcceptTicket();
+  EXPECT_EQ(Report(ticket.token, kReport).status, 200);
+  EXPECT_EQ(Upload(ticket.token, MakeFile("x")).status, 200);
+  EXPECT_EQ(StateOf(ticket.id), TicketState::kReported);
+  EXPECT_EQ(ReadFile(ArchiveOf(ticket.id)), "x");
 }
 
 TEST_F(CssServerTest, ReportBeforeAnyUploadIsTaken) {
@@ -432,8 +747,8 @@ TEST_F(CssServerTest, ReportBeforeAnyUploadIsTaken) {
   const auto ticket = AcceptTicket();
   EXPECT_EQ(Report(ticket.token, R"({"status":"Failed to generate debug file","serial_number":""})").status,
             200);
-  EXPECT_EQ(Record(ticket.id)["status"], "Failed to generate debug file");
-  EXPECT_FALSE(fs::exists(Received(ticket.id) / "debug.dat"));
+  EXPECT_EQ(Remembered(ticket.id).report, "Failed to generate debug file");
+  EXPECT_EQ(ArchiveFiles(), 0U);
   EXPECT_EQ(StateOf(ticket.id), TicketState::kReported);
 }
 
@@ -450,7 +765,7 @@ TEST_F(CssServerTest, BadReportsAreRefused) {
     ExpectRefusal(Report(ticket.token, body), 400);
   }
   EXPECT_EQ(StateOf(ticket.id), TicketState::kAccepted);
-  EXPECT_FALSE(fs::exists(Received(ticket.id)));
+  EXPECT_TRUE(events_.Has("ticket " + ticket.id + " report refused: the report is no JSON text"));
 }
 
 TEST_F(CssServerTest, ReportsAreBounded) {
@@ -476,7 +791,7 @@ TEST_F(CssServerTest, HostileTextIsMadeHarmlessInEventLines) {
   Start();
   const auto ticket = AcceptTicket();
   EXPECT_EQ(Report(ticket.token, R"({"status":"Suc\ncess\u001b[2J","serial_number":"\u0000"})").status, 200);
-  EXPECT_TRUE(events_.Has(R"(report received: "Suc\x0acess\x1b[2J", serial "\x00")"));
+  EXPECT_TRUE(events_.Has(R"( reported: "Suc\x0acess\x1b[2J")"));
 }
 
 TEST_F(CssServerTest, TokenAppearsInNoFileAndNoEventLine) {
@@ -491,7 +806,7 @@ TEST_F(CssServerTest, TokenAppearsInNoFileAndNoEventLine) {
     ++files;
     EXPECT_THAT(ReadFile(entry.path()), Not(HasSubstr(ticket.token))) << entry.path();
   }
-  EXPECT_GE(files, 3U);
+  EXPECT_GE(files, 3U);  // the lock, the store and the archive
 }
 
 TEST_F(CssServerTest, PortInUseIsRefused) {

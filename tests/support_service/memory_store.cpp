@@ -21,16 +21,19 @@ void MemoryStore::Write(const std::vector<Entry>& entries) {
   if (fails_) throw StoreError("the store in memory was told to fail");
   const std::lock_guard<std::mutex> lock(mutex_);
   Records changed;  // copies, until each entry is known to be taken
-  auto tokens = tokens_;
+  std::map<TokenHash, TicketNumber> tokens;
   for (const Entry& entry : entries) {
     Record& record = RecordFor(entry, changed);
     record.ticket = entry.ticket;
     record.events.push_back(entry.event);
-    if (entry.token) AddOnce(tokens, *entry.token, entry.ticket.number);
+    if (entry.token) {
+      if (tokens_.count(*entry.token) != 0) throw StoreError("the token is there already");
+      AddOnce(tokens, *entry.token, entry.ticket.number);
+    }
     if (entry.archive) AddOnce(record.archives, entry.archive->version, *entry.archive);
   }
   for (auto& [number, record] : changed) records_[number] = std::move(record);
-  tokens_ = std::move(tokens);
+  tokens_.merge(tokens);
   if (!entries.empty()) last_event_ = entries.back().event.number;
 }
 
@@ -118,6 +121,15 @@ std::vector<Event> MemoryStore::EventsOf(TicketNumber ticket, EventNumber after,
     if (event.number > after && events.size() < limit) events.push_back(event);
   }
   return events;
+}
+
+std::vector<ArchiveName> MemoryStore::Archives() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<ArchiveName> names;
+  for (const auto& [number, record] : records_) {
+    for (const auto& [version, archive] : record.archives) names.push_back({record.ticket.id, version});
+  }
+  return names;
 }
 
 }  // namespace TarvoOrvane::SupportService

@@ -27,6 +27,7 @@ class MemoryStore final : public Store {
   [[nodiscard]] std::vector<Ticket> List(const TicketFilter& filter, std::size_t limit) const override;
   [[nodiscard]] std::vector<Event> EventsOf(TicketNumber ticket, EventNumber after,
                                             std::size_t limit) const override;
+  [[nodiscard]] std::vector<ArchiveName> Archives() const override;
 
  private:
   /// A ticket with all that belongs to it.

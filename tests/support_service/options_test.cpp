@@ -16,7 +16,7 @@ Parsed<ServiceSettings> Service(std::vector<const char*> arguments) {
   return ParseServiceOptions(static_cast<int>(arguments.size()), arguments.data());
 }
 
-Parsed<TicketOptions> Ticket(std::vector<const char*> arguments) {
+Parsed<TicketOptions> TicketLine(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "ticket");
   return ParseTicketOptions(static_cast<int>(arguments.size()), arguments.data());
 }
@@ -27,19 +27,19 @@ TEST(ServiceOptionsTest, DefaultsAreLoopbackAndFreePorts) {
   EXPECT_EQ(parsed.options.grpc_address, "127.0.0.1:0");
   EXPECT_EQ(parsed.options.http_address, "127.0.0.1:0");
   EXPECT_EQ(parsed.options.data_folder, "support_service_data");
-  EXPECT_EQ(parsed.options.tickets.retry_pause, seconds(5));
+  EXPECT_EQ(parsed.options.tickets.retry_pause, seconds(2));
   EXPECT_EQ(parsed.options.tickets.hello_limit, seconds(10));
   EXPECT_EQ(parsed.options.http_idle_limit, seconds(60));
 }
 
 TEST(ServiceOptionsTest, AllCanBeSet) {
   const auto parsed = Service({"--grpc-address", "unix:/tmp/x", "--http-address", "[::1]:8080", "--data",
-                               "/tmp/d", "--retry-seconds", "1"});
+                               "/tmp/d", "--retry-seconds", "7"});
   ASSERT_TRUE(parsed.run) << parsed.text;
   EXPECT_EQ(parsed.options.grpc_address, "unix:/tmp/x");
   EXPECT_EQ(parsed.options.http_address, "[::1]:8080");
   EXPECT_EQ(parsed.options.data_folder, "/tmp/d");
-  EXPECT_EQ(parsed.options.tickets.retry_pause, seconds(1));
+  EXPECT_EQ(parsed.options.tickets.retry_pause, seconds(7));
 }
 
 TEST(ServiceOptionsTest, WrongOnesAreExplainedWithStatus2) {
@@ -65,11 +65,11 @@ TEST(ServiceOptionsTest, HelpHasExamplesAndStatus0) {
 }
 
 TEST(TicketOptionsTest, AppsAreSplitAtCommas) {
-  EXPECT_THAT(Ticket({"--apps", "a,b c,d"}).options.apps, ElementsAre("a", "b c", "d"));
+  EXPECT_THAT(TicketLine({"--apps", "a,b c,d"}).options.apps, ElementsAre("a", "b c", "d"));
 }
 
 TEST(TicketOptionsTest, EmptyListOfAppsIsAllowed) {
-  const auto parsed = Ticket({"--apps", ""});
+  const auto parsed = TicketLine({"--apps", ""});
   EXPECT_TRUE(parsed.run) << parsed.text;
   EXPECT_THAT(parsed.options.apps, IsEmpty());
 }
@@ -77,7 +77,7 @@ TEST(TicketOptionsTest, EmptyListOfAppsIsAllowed) {
 TEST(TicketOptionsTest, EmptyNamesAndMissingAppsAreRefused) {
   for (const auto& arguments :
        std::vector<std::vector<const char*>>{{"--apps", "a,,b"}, {"--apps", ","}, {"--apps", "a,"}, {}}) {
-    const auto parsed = Ticket(arguments);
+    const auto parsed = TicketLine(arguments);
     EXPECT_FALSE(parsed.run);
     EXPECT_EQ(parsed.exit_status, 2);
     EXPECT_THAT(parsed.text, HasSubstr("--apps"));
@@ -85,21 +85,21 @@ TEST(TicketOptionsTest, EmptyNamesAndMissingAppsAreRefused) {
 }
 
 TEST(TicketOptionsTest, WaitTakesAnOptionalLimit) {
-  EXPECT_FALSE(Ticket({"--apps", "a"}).options.wait);
-  const auto endless = Ticket({"--apps", "a", "--wait", "--device", "SN1"});
+  EXPECT_FALSE(TicketLine({"--apps", "a"}).options.wait);
+  const auto endless = TicketLine({"--apps", "a", "--wait", "--device", "SN1"});
   EXPECT_TRUE(endless.options.wait);
   EXPECT_FALSE(endless.options.wait_limit);
   EXPECT_EQ(endless.options.device, "SN1");
-  EXPECT_EQ(Ticket({"--apps", "a", "--wait", "7"}).options.wait_limit, seconds(7));
-  EXPECT_EQ(Ticket({"--apps", "a", "--wait", "0"}).exit_status, 2);
-  EXPECT_EQ(Ticket({"--apps", "a", "--wait", "soon"}).exit_status, 2);
+  EXPECT_EQ(TicketLine({"--apps", "a", "--wait", "7"}).options.wait_limit, seconds(7));
+  EXPECT_EQ(TicketLine({"--apps", "a", "--wait", "0"}).exit_status, 2);
+  EXPECT_EQ(TicketLine({"--apps", "a", "--wait", "soon"}).exit_status, 2);
 }
 
 TEST(TicketOptionsTest, ListingsStandAlone) {
-  EXPECT_EQ(Ticket({"--list"}).options.action, TicketOptions::Action::kListTickets);
-  EXPECT_EQ(Ticket({"--devices"}).options.action, TicketOptions::Action::kListDevices);
-  EXPECT_EQ(Ticket({"--list", "--devices"}).exit_status, 2);
-  EXPECT_EQ(Ticket({"--list", "--apps", "a"}).exit_status, 2);
+  EXPECT_EQ(TicketLine({"--list"}).options.action, TicketOptions::Action::kListTickets);
+  EXPECT_EQ(TicketLine({"--devices"}).options.action, TicketOptions::Action::kListDevices);
+  EXPECT_EQ(TicketLine({"--list", "--devices"}).exit_status, 2);
+  EXPECT_EQ(TicketLine({"--list", "--apps", "a"}).exit_status, 2);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ namespace TarvoOrvane::SupportService {
 namespace {
 
 using test_support::Program;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
 class ProgramsTest : public ::testing::Test {
@@ -30,14 +31,20 @@ class ProgramsTest : public ::testing::Test {
     return std::make_unique<Program>(arguments, temp_.File("ticket.out"));
   }
 
-  /// Plays a device that accepts a ticket and reports this status. @return the ticket's id.
-  std::string ServeOneTicket(const std::string& status) {
-    ScriptedDevice device(grpc_url_);
-    device.Hello("SN1");
+  /// A device that is connected: the one that a ticket goes to whose device is not named.
+  std::unique_ptr<ScriptedDevice> ConnectDevice(const std::string& serial_number = "SN1") {
+    auto device = std::make_unique<ScriptedDevice>(grpc_url_);
+    device->Hello(serial_number);
+    EXPECT_NE(WaitForEvent("device connected: \"" + serial_number), "");
+    return device;
+  }
+
+  /// Has the device accept a ticket and report this status. @return the ticket's id.
+  std::string ServeOneTicket(ScriptedDevice& device, const std::string& status) {
     const auto delivery = device.Next();
     if (!delivery) return "";
     device.Answer(delivery->ticket_id(), tarvo::support::v1::CLIENT_STATUS_ACCEPTED);
-    EXPECT_NE(WaitForEvent("answered: accepted"), "");
+    EXPECT_NE(WaitForEvent("ticket " + delivery->ticket_id() + " accepted"), "");
     const std::string auth = "AUTH-TOKEN: " + TokenOf(*delivery);
     WriteFile(temp_.path() / "debug.dat", "archive");
     EXPECT_EQ(
@@ -64,48 +71,106 @@ class ProgramsTest : public ::testing::Test {
 
 TEST_F(ProgramsTest, TicketIsFollowedToItsSuccess) {
   StartService();
-  const auto ticket = Ticket({"--apps", "a,b", "--wait", "20"});
-  const std::string id = ServeOneTicket("Success");
+  const auto device = ConnectDevice();
+  const auto ticket = Ticket({"--apps", "a,b", "--wait"});
+  const std::string id = ServeOneTicket(*device, "Success");
   EXPECT_EQ(ticket->Wait(), 0) << ticket->Output();
   EXPECT_EQ(ticket->Output().substr(0, 17), id + "\n");
   std::size_t position = 0;
-  for (const char* state : {" waiting", " delivered", " accepted", " uploaded", " reported: Success"}) {
+  for (const char* state : {" created", " delivered", " accepted", " uploaded", " reported: Success"}) {
     position = ticket->Output().find(state, position);
     EXPECT_NE(position, std::string::npos) << state << " in order in\n" << ticket->Output();
   }
-  EXPECT_EQ(ReadFile(data_ / "received" / id / "debug.dat"), "archive");
+  EXPECT_EQ(ReadFile(data_ / "archives" / (id + "-1.dat")), "archive");
 }
 
 TEST_F(ProgramsTest, AnyOtherReportIsAFailure) {
   StartService();
   const auto ticket = Ticket({"--apps", "", "--device", "SN1", "--wait"});
-  ServeOneTicket("Failed to upload debug file to server");
+  ServeOneTicket(*ConnectDevice(), "Failed to upload debug file to server");
   EXPECT_EQ(ticket->Wait(), 1);
   EXPECT_THAT(ticket->Output(), HasSubstr("reported: Failed to upload debug file to server"));
 }
 
 TEST_F(ProgramsTest, WaitEndsAtItsLimit) {
   StartService();
-  const auto ticket = Ticket({"--apps", "a", "--wait", "1"});
+  const auto ticket = Ticket({"--apps", "a", "--device", "SN1", "--wait", "1"});
   EXPECT_EQ(ticket->Wait(), 1);
-  EXPECT_THAT(ticket->Output(), HasSubstr("no report within 1 s; the ticket is still waiting"));
+  EXPECT_THAT(ticket->Output(), HasSubstr("no report within 1 s; the ticket is still queued"));
 }
 
 TEST_F(ProgramsTest, WithoutWaitTheServiceTakingTheTicketIsEnough) {
   StartService();
-  const auto ticket = Ticket({"--apps", "a"});
+  const auto ticket = Ticket({"--apps", "a", "--device", "SN1"});
   EXPECT_EQ(ticket->Wait(), 0);
   const std::string id = ticket->Output().substr(0, 16);
   const auto list = Ticket({"--list"});
   EXPECT_EQ(list->Wait(), 0);
-  EXPECT_THAT(list->Output(), HasSubstr(id));
+  EXPECT_THAT(list->Output(),
+              ContainsRegex(id + " 20[0-9-]+T[0-9:.]+Z apps \\[\"a\"\\] device \"SN1\" queued: "));
+}
+
+TEST_F(ProgramsTest, TicketWhoseDeviceIsNotNamedGoesToTheOneThatIsConnected) {
+  StartService();
+  const auto nobody = Ticket({"--apps", "a"});
+  EXPECT_EQ(nobody->Wait(), 1);
+  EXPECT_THAT(nobody->Output(), HasSubstr("no device is connected: name the one that the ticket is for"));
+  const auto first = ConnectDevice("SN1");
+  const auto ticket = Ticket({"--apps", "a"});
+  EXPECT_EQ(ticket->Wait(), 0) << ticket->Output();
+  EXPECT_TRUE(first->Next());
+  const auto second = ConnectDevice("SN2");
+  const auto either = Ticket({"--apps", "a"});
+  EXPECT_EQ(either->Wait(), 1);
+  EXPECT_THAT(either->Output(),
+              HasSubstr("several devices are connected: name one of those that --devices shows"));
+}
+
+TEST_F(ProgramsTest, QueuedTicketIsTakenBack) {
+  StartService();
+  const auto send = Ticket({"--apps", "a", "--device", "SN1"});
+  ASSERT_EQ(send->Wait(), 0) << send->Output();
+  const std::string id = send->Output().substr(0, 16);
+  const auto cancel = Ticket({"--cancel", id.substr(0, 6)});
+  EXPECT_EQ(cancel->Wait(), 0);
+  EXPECT_EQ(cancel->Output(), id + " cancelled\n");
+  const auto again = Ticket({"--cancel", id});
+  EXPECT_EQ(again->Wait(), 1);
+  EXPECT_THAT(again->Output(), HasSubstr("can't be cancelled"));
+}
+
+TEST_F(ProgramsTest, LimitOnTheSizeOfFilesIsToldAndEndsNothing) {
+  service_ =
+      std::make_unique<Program>(std::vector<std::string>{"bash", "-c", "ulimit -f 100; exec \"$@\"", "bash",
+                                                         SUPPORT_SERVICE_PROGRAM, "--data", data_.string()},
+                                temp_.File("service.out"));
+  ASSERT_NE(service_->WaitForLine("control socket "), "");
+  int status = 0;
+  std::string output;
+  for (int i = 0; i < 100 && status == 0; ++i) {
+    const auto send = Ticket({"--apps", "a", "--device", "SN1"});
+    status = send->Wait();
+    output = send->Output();
+  }
+  EXPECT_EQ(status, 1);
+  EXPECT_THAT(output, HasSubstr("a limit on the size of files"));
+  const auto list = Ticket({"--list"});
+  EXPECT_EQ(list->Wait(), 0) << "the service still answers";
+}
+
+TEST_F(ProgramsTest, TicketsAreRememberedByTheNextService) {
+  StartService();
+  const auto ticket = Ticket({"--apps", "a", "--device", "SN1"});
+  EXPECT_EQ(ticket->Wait(), 0);
+  const std::string id = ticket->Output().substr(0, 16);
+  StartService();  // the former one gets SIGKILL
+  EXPECT_EQ(ServeOneTicket(*ConnectDevice(), "Success"), id);
+  EXPECT_EQ(ReadFile(data_ / "archives" / (id + "-1.dat")), "archive");
 }
 
 TEST_F(ProgramsTest, ConnectedDevicesAreListed) {
   StartService();
-  ScriptedDevice device(grpc_url_);
-  device.Hello("SN1");
-  ASSERT_NE(WaitForEvent("device connected"), "");
+  const auto device = ConnectDevice();
   const auto list = Ticket({"--devices"});
   EXPECT_EQ(list->Wait(), 0);
   EXPECT_THAT(list->Output(), HasSubstr("\"SN1\" since "));
@@ -131,7 +196,7 @@ TEST_F(ProgramsTest, SignalsEndTheServiceWithOpenStreamsAndWatchersWithStatus0) 
     StartService();
     ScriptedDevice device(grpc_url_);
     device.Hello("SN1");
-    const auto ticket = Ticket({"--apps", "a", "--wait"});
+    const auto ticket = Ticket({"--apps", "a", "--device", "SN1", "--wait"});
     ASSERT_TRUE(device.Next());
     service_->Signal(signal);
     EXPECT_EQ(service_->Wait(), 0) << signal;
@@ -157,11 +222,11 @@ TEST_F(ProgramsTest, WhatCannotBeServedIsExplained) {
 
 TEST_F(ProgramsTest, EventLinesCarryATime) {
   StartService();
-  const auto ticket = Ticket({"--apps", "a"});
+  const auto ticket = Ticket({"--apps", "a", "--device", "SN1"});
   EXPECT_EQ(ticket->Wait(), 0);
   ASSERT_NE(WaitForEvent("created"), "");
-  EXPECT_THAT(service_->Output(), ::testing::ContainsRegex(
-                                      "\n20[0-9-]+T[0-9:.]+Z ticket [0-9a-f]{16} created: apps \\[\"a\"\\]"));
+  EXPECT_THAT(service_->Output(),
+              ContainsRegex("\n20[0-9-]+T[0-9:.]+Z ticket [0-9a-f]{16} created: apps \\[\"a\"\\]"));
 }
 
 }  // namespace

@@ -82,6 +82,7 @@ void ScriptedDevice::ReadAll() {
 }
 
 void ScriptedDevice::Hello(const std::string& serial_number, std::uint32_t protocol) {
+  serial_number_ = serial_number;
   ClientMessage message;
   message.mutable_hello()->set_serial_number(serial_number);
   message.mutable_hello()->set_protocol(protocol);
@@ -302,24 +303,50 @@ ServiceTest::ServiceTest() {
   settings_.tickets.retry_pause = std::chrono::milliseconds(50);
 }
 
-std::size_t ServiceTest::IncomingFiles() const {
-  const std::filesystem::directory_iterator files(settings_.data_folder / "incoming");
+std::filesystem::path ServiceTest::ArchiveOf(const std::string& ticket_id, std::uint64_t version) const {
+  return settings_.data_folder / "archives" / (ticket_id + "-" + std::to_string(version) + ".dat");
+}
+
+std::size_t ServiceTest::FilesIn(const char* folder) const {
+  const std::filesystem::directory_iterator files(settings_.data_folder / folder);
   return static_cast<std::size_t>(std::distance(begin(files), end(files)));
 }
 
-ServiceTest::Accepted ServiceTest::AcceptTicket(ScriptedDevice& device,
-                                                const std::vector<std::string>& apps) {
-  const std::string id = book().CreateTicket(apps, "");
+std::string ServiceTest::CreateTicket(const std::vector<std::string>& apps, const std::string& device) {
+  return service().dispatcher().Call([&](TicketBook& book) { return book.Create({device, apps}).id; });
+}
+
+Ticket ServiceTest::Remembered(const std::string& ticket_id) {
+  const auto found = service().store().FindById(ticket_id, 1);
+  if (found.empty()) throw std::runtime_error("there is no ticket " + ticket_id);
+  return found.front();
+}
+
+bool ServiceTest::WaitForState(const std::string& ticket_id, TicketState state) {
+  return Eventually([&] { return StateOf(ticket_id) == state; });
+}
+
+std::vector<DeviceView> ServiceTest::Devices() {
+  return service().dispatcher().Call([](TicketBook& book) { return book.Devices(); });
+}
+
+ServiceTest::Delivered ServiceTest::DeliverTicket(ScriptedDevice& device) {
+  const std::string id = CreateTicket({"a"}, device.serial_number());
   const auto delivery = device.Next();
   if (!delivery || delivery->ticket_id() != id) throw std::runtime_error("the ticket was not delivered");
-  device.Answer(id, tarvo::support::v1::CLIENT_STATUS_ACCEPTED);
-  if (!Eventually([&] { return StateOf(id) == TicketState::kAccepted; })) {
-    throw std::runtime_error("the answer did not arrive");
-  }
   return {id, TokenOf(*delivery)};
 }
 
-ServiceTest::Accepted ServiceTest::AcceptTicket() {
+ServiceTest::Delivered ServiceTest::AcceptTicket(ScriptedDevice& device) {
+  Delivered ticket = DeliverTicket(device);
+  device.Answer(ticket.id, tarvo::support::v1::CLIENT_STATUS_ACCEPTED);
+  if (!WaitForState(ticket.id, TicketState::kAccepted)) {
+    throw std::runtime_error("the answer did not arrive");
+  }
+  return ticket;
+}
+
+ServiceTest::Delivered ServiceTest::AcceptTicket() {
   own_device_ = std::make_unique<ScriptedDevice>(service().grpc_url());
   own_device_->Hello("SN1");
   return AcceptTicket(*own_device_);

@@ -55,6 +55,8 @@ class ScriptedDevice {
 
   /// Says hello and waits until the service took it (or ended the stream).
   void Hello(const std::string& serial_number, std::uint32_t protocol = 1);
+  /// What it said there.
+  [[nodiscard]] const std::string& serial_number() const { return serial_number_; }
   void Send(const tarvo::support::v1::ClientMessage& message);
   void Answer(const std::string& ticket_id, tarvo::support::v1::ClientStatus status,
               const std::string& reason = "");
@@ -71,6 +73,7 @@ class ScriptedDevice {
  private:
   void ReadAll();
 
+  std::string serial_number_;
   std::unique_ptr<tarvo::support::v1::NotificationService::Stub> stub_;
   grpc::ClientContext context_;
   std::unique_ptr<
@@ -145,22 +148,36 @@ class ServiceTest : public ::testing::Test {
 
   void Start() { service_ = std::make_unique<SupportService>(settings_, events_.sink()); }
   SupportService& service() { return *service_; }
-  TicketBook& book() { return service_->book(); }
   std::string UploadUrl() { return service_->css_url() + "/orvane/ps_files"; }
   std::string ReportUrl() { return service_->css_url() + "/orvane/ps_results"; }
-  std::filesystem::path Received(const std::string& ticket_id) const {
-    return settings_.data_folder / "received" / ticket_id;
-  }
-  [[nodiscard]] std::size_t IncomingFiles() const;
-  TicketState StateOf(const std::string& ticket_id) { return book().Find(ticket_id)->last_change.state; }
+  /// Where an archive of the ticket lies, or would lie.
+  [[nodiscard]] std::filesystem::path ArchiveOf(const std::string& ticket_id,
+                                                std::uint64_t version = 1) const;
+  [[nodiscard]] std::size_t IncomingFiles() const { return FilesIn("incoming"); }
+  [[nodiscard]] std::size_t ArchiveFiles() const { return FilesIn("archives"); }
 
-  /// A ticket that a device accepted.
-  struct Accepted {
+  /// Creates a ticket.
+  /// @return its id.
+  std::string CreateTicket(const std::vector<std::string>& apps = {"a"}, const std::string& device = "SN1");
+  /// The ticket as it is remembered.
+  /// @throws std::runtime_error when there is none.
+  Ticket Remembered(const std::string& ticket_id);
+  TicketState StateOf(const std::string& ticket_id) { return Remembered(ticket_id).state; }
+  [[nodiscard]] bool WaitForState(const std::string& ticket_id, TicketState state);
+  std::vector<DeviceView> Devices();
+
+  /// A ticket of which a device has the token.
+  struct Delivered {
     std::string id;
     std::string token;
   };
-  Accepted AcceptTicket(ScriptedDevice& device, const std::vector<std::string>& apps = {"a"});
-  Accepted AcceptTicket();  ///< With a device of its own, "SN1".
+  /// Creates a ticket for the device, and waits until it was delivered.
+  Delivered DeliverTicket(ScriptedDevice& device);
+  /// The same, and the device accepts it.
+  Delivered AcceptTicket(ScriptedDevice& device);
+  Delivered AcceptTicket();  ///< With a device of its own, "SN1".
+
+  [[nodiscard]] std::size_t FilesIn(const char* folder) const;
 
   TemporaryFolder temp_;
   ServiceSettings settings_;

@@ -180,8 +180,8 @@ TEST_F(SqliteStoreTest, DamageIsToldWhenTheFileIsOpened) {
   ASSERT_GT(content.size(), 100'000U);
   std::fill(content.begin() + 4096, content.end(), '\xa5');  // all pages but the first
   WriteFile(file_, content);
-  EXPECT_THAT(OpeningError(), AllOf(StartsWith(file_.string() + " is damaged"),
-                                    HasSubstr("Put a backup in its place"), HasSubstr("store-wal")));
+  EXPECT_THAT(OpeningError(), AllOf(StartsWith(file_.string() + " is damaged"), HasSubstr("store-wal"),
+                                    HasSubstr("put a backup in its place")));
 }
 
 TEST_F(SqliteStoreTest, FileThatLostItsEndIsToldToBeDamaged) {
@@ -293,10 +293,12 @@ TEST_F(SqliteStoreTest, ManyThreadsReadAtOnce) {
   const SqliteStore store(file_);
   std::atomic<int> right{0};
   std::vector<std::thread> threads;
+  threads.reserve(8);
   for (int thread = 0; thread < 8; ++thread) {
     threads.emplace_back([&] {
-      for (TicketNumber number = 1; number <= 100; ++number)
+      for (TicketNumber number = 1; number <= 100; ++number) {
         right += store.Find(number)->number == number ? 1 : 0;
+      }
     });
   }
   for (std::thread& thread : threads) thread.join();

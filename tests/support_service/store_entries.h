@@ -58,6 +58,7 @@ class EntryMaker {
   /// So many new tickets.
   std::vector<Entry> ManyCreated(std::size_t count, const std::string& device = "SN1") {
     std::vector<Entry> entries;
+    entries.reserve(count);
     for (std::size_t i = 0; i < count; ++i) entries.push_back(Created(device));
     return entries;
   }
@@ -95,6 +96,7 @@ inline auto MembersOf(const Archive& archive) {
 }
 inline auto MembersOf(const Ticket& ticket) {
   std::vector<decltype(MembersOf(Archive()))> archives;
+  archives.reserve(ticket.archives.size());
   for (const Archive& archive : ticket.archives) archives.push_back(MembersOf(archive));
   return std::make_tuple(ticket.number, ticket.id, ticket.device, ticket.apps, ticket.created,
                          ticket.deadline, ticket.state, ticket.since, ticket.overdue, ticket.rejections,
@@ -103,11 +105,13 @@ inline auto MembersOf(const Ticket& ticket) {
 
 inline std::vector<TicketNumber> NumbersOf(const std::vector<Ticket>& tickets) {
   std::vector<TicketNumber> numbers;
+  numbers.reserve(tickets.size());
   for (const Ticket& ticket : tickets) numbers.push_back(ticket.number);
   return numbers;
 }
 inline std::vector<EventNumber> NumbersOf(const std::vector<Event>& events) {
   std::vector<EventNumber> numbers;
+  numbers.reserve(events.size());
   for (const Event& event : events) numbers.push_back(event.number);
   return numbers;
 }

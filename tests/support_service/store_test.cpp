@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <numeric>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +23,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Pair;
 using testing::UnorderedElementsAre;
 
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
@@ -220,9 +222,20 @@ TEST_P(StoreTest, ArchivesComeInTheOrderOfTheirVersions) {
   store_->Write({make_.Uploaded(1, ArchiveOf(3)), make_.Uploaded(1, ArchiveOf(100))});
   std::vector<std::uint64_t> versions;
   const std::vector<Archive> archives = store_->Find(1).value().archives;
+  versions.reserve(archives.size());
   for (const Archive& archive : archives) versions.push_back(archive.version);
   EXPECT_THAT(versions, ElementsAre(3, 20, 100));
   EXPECT_EQ(store_->Find(2)->archives.size(), 1U);
+}
+
+TEST_P(StoreTest, EveryArchiveIsListedByItsTicketsId) {
+  EXPECT_THAT(store_->Archives(), IsEmpty());
+  store_->Write({make_.Created(), make_.Created(), make_.Uploaded(1, ArchiveOf(20)),
+                 make_.Uploaded(1, ArchiveOf(3)), make_.Uploaded(2, ArchiveOf(20))});
+  std::set<std::pair<std::string, std::uint64_t>> listed;
+  for (const ArchiveName& archive : store_->Archives()) listed.emplace(archive.ticket_id, archive.version);
+  const std::string first = store_->Find(1)->id;
+  EXPECT_THAT(listed, UnorderedElementsAre(Pair(first, 3), Pair(first, 20), Pair(store_->Find(2)->id, 20)));
 }
 
 TEST_P(StoreTest, ArchivesOfTheTicketWrittenAreNotLookedAt) {

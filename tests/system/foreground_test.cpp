@@ -60,7 +60,7 @@ TEST_F(ForegroundTest, TellsItsManagerOfTheWholeRoadAndLeavesNothing) {
   const std::string id = SendTicketAndWaitForGate();
   EXPECT_TRUE(manager.WaitFor("STATUS=serving a ticket since ")) << Joined(manager.Messages());
   OpenGate();
-  EXPECT_TRUE(WaitForTicket(id, "report received: \"Success\"")) << Everything();
+  EXPECT_TRUE(WaitForTicket(id, " reported: \"Success\"")) << Everything();
   ASSERT_TRUE(Eventually([&] { return manager.Messages().back().rfind("STATUS=connected", 0) == 0; }))
       << Joined(manager.Messages());
   run_->Signal(SIGTERM);
@@ -76,7 +76,7 @@ TEST_F(ForegroundTest, DeadWorkerEndsTheDaemonAndTheNextStartServes) {
   EXPECT_THAT(run_->Output(), HasSubstr("the worker (" + std::to_string(worker_) + ") has ended: SIGKILL"));
   EXPECT_TRUE(WaitForNothingElse());
   ASSERT_NO_FATAL_FAILURE(StartAgain());
-  EXPECT_TRUE(WaitForTicket(SendTicket("demo"), "report received: \"Success\"")) << Everything();
+  EXPECT_TRUE(WaitForTicket(SendTicket("demo"), " reported: \"Success\"")) << Everything();
 }
 
 TEST_F(ForegroundTest, DeadSupervisorEndsTheDaemon) {
@@ -95,7 +95,7 @@ TEST_F(ForegroundTest, TicketIsServedToItsEndWhenTheWorkerDies) {
   EXPECT_TRUE(WaitForRunToSay("a ticket is still being served; it has 300 s to end")) << Everything();
   OpenGate();
   EXPECT_EQ(run_->Wait(), 1) << Everything();
-  EXPECT_THAT(TicketEvents(id), HasSubstr("report received: \"Success\"")) << Everything();
+  EXPECT_THAT(TicketEvents(id), HasSubstr(" reported: \"Success\"")) << Everything();
   EXPECT_TRUE(WaitForNothingElse());
 }
 
@@ -106,7 +106,7 @@ TEST_F(ForegroundTest, TicketIsServedToItsEndWhenTheDaemonIsStopped) {
   EXPECT_TRUE(WaitForRunToSay("a ticket is still being served; it has 300 s to end")) << Everything();
   OpenGate();
   EXPECT_EQ(run_->Wait(), 0) << Everything();
-  EXPECT_THAT(TicketEvents(id), HasSubstr("report received: \"Success\"")) << Everything();
+  EXPECT_THAT(TicketEvents(id), HasSubstr(" reported: \"Success\"")) << Everything();
   EXPECT_TRUE(WaitForNothingElse());
 }
 
@@ -132,7 +132,7 @@ TEST_F(ForegroundTest, SighupReachesBothProcesses) {
   WriteFile(kDebugFlag, "");
   run_->Signal(SIGHUP);
   // The supervisor acts at once, the worker after its next ticket: from then on their lines go to the file.
-  EXPECT_TRUE(WaitForTicket(SendTicket("demo"), "report received: \"Success\"")) << Everything();
+  EXPECT_TRUE(WaitForTicket(SendTicket("demo"), " reported: \"Success\"")) << Everything();
   EXPECT_TRUE(Eventually([] {
     const std::string log = ReadFile(kDebugLog);
     return log.find("Receive a request(") != std::string::npos &&
@@ -169,7 +169,7 @@ TEST_F(ForegroundTest, SecondRunLeavesTheFirstOneAlone) {
 TEST_F(ForegroundTest, ShowsTheDaemonsLogOnStandardErrorWithoutTokens) {
   syslog_.reset();  // nobody listens at /dev/log
   ASSERT_NO_FATAL_FAILURE(StartAllInForeground({"--log-to-stderr"}));
-  EXPECT_TRUE(WaitForTicket(SendTicket("demo"), "report received: \"Success\""));
+  EXPECT_TRUE(WaitForTicket(SendTicket("demo"), " reported: \"Success\""));
   EXPECT_TRUE(
       Eventually([&] { return run_->Output().find("Finish handling the request(") != std::string::npos; }));
   EXPECT_THAT(run_->Output(), HasSubstr("warning debug_dat_transmitter[" + std::to_string(worker_) +

@@ -43,7 +43,7 @@ TEST_F(StartTest, SecondStartFailsWithItsLineAndExitStatus1WhileTheFirstRunsOn) 
 
   EXPECT_EQ(ReadFile(kPidFile), pid_file);
   const std::string id = SendTicket("demo");
-  EXPECT_TRUE(WaitForTicket(id, "report received: \"Success\"")) << WholeLog();
+  EXPECT_TRUE(WaitForTicket(id, " reported: \"Success\"")) << WholeLog();
 }
 
 TEST_F(StartTest, ArgumentsAreIgnored) {
@@ -105,7 +105,7 @@ TEST_F(StartTest, SighupSwitchesTheLogFileOnAndOffWithTheFlagFile) {
   EXPECT_TRUE(WaitForLog(SyslogRole::kSupervisor, std::string("Log lines go to ") + kDebugLog)) << WholeLog();
   DescribeApp("demo", {"true"});
   const std::string first = SendTicket("demo");
-  ASSERT_TRUE(WaitForTicket(first, "report received: \"Success\"")) << WholeLog();
+  ASSERT_TRUE(WaitForTicket(first, " reported: \"Success\"")) << WholeLog();
   ASSERT_TRUE(Eventually([] {
     return ReadFile(kDebugLog).find("Notify worker process") != std::string::npos;
   })) << ReadFile(kDebugLog)
@@ -120,7 +120,7 @@ TEST_F(StartTest, SighupSwitchesTheLogFileOnAndOffWithTheFlagFile) {
   kill(supervisor_, SIGHUP);
   // It looks at its flag before it looks for a ticket, so the ticket's lines are in syslog again.
   const std::string second = SendTicket("demo");
-  ASSERT_TRUE(WaitForTicket(second, "report received: \"Success\"")) << WholeLog();
+  ASSERT_TRUE(WaitForTicket(second, " reported: \"Success\"")) << WholeLog();
   EXPECT_TRUE(WaitForLog(SyslogRole::kSupervisor, "Notify worker process")) << WholeLog();
 }
 

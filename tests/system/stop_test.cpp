@@ -126,7 +126,7 @@ TEST_F(StopTest, TransmissionChildFinishesItsWorkAfterTheSupervisorsEnd) {
   ASSERT_TRUE(WaitForLog(SyslogRole::kSupervisor, "Receive a request(")) << WholeLog();
   kill(supervisor_, SIGTERM);
   EXPECT_THAT(WaitForProcess(supervisor_), ExitedWith(0));
-  EXPECT_TRUE(WaitForTicket(id, "report received: \"Success\"")) << WholeLog();
+  EXPECT_TRUE(WaitForTicket(id, " reported: \"Success\"")) << WholeLog();
   EXPECT_TRUE(WaitForLog(SyslogRole::kChild, "Finish handling the request(")) << WholeLog();
   EXPECT_THAT(ArchivesOnDevice(), testing::IsEmpty());
 }

@@ -27,7 +27,7 @@ class VendorTest : public SystemTest {
     WriteConfig();
     StartDaemon(With(library));
     ticket_ = SendTicket(apps);
-    ASSERT_TRUE(WaitForTicket(ticket_, "report received: \"Success\"")) << WholeLog();
+    ASSERT_TRUE(WaitForTicket(ticket_, " reported: \"Success\"")) << WholeLog();
     ASSERT_TRUE(WaitForLog(SyslogRole::kSupervisor, "Notify worker process")) << WholeLog();
   }
 

@@ -100,7 +100,7 @@ def faults_of_packages(root: Path, pages: list[Path]) -> Iterator[str]:
 def faults_of_versions(root: Path) -> Iterator[str]:
     """Whether the two lists of changes end with the same release."""
     package = re.match(r"\S+ \(([^)]+)\)", (root / "debian/changelog").read_text(encoding="utf-8"))
-    release = re.search(r"^## (\S+)", (root / "CHANGELOG.md").read_text(encoding="utf-8"), re.MULTILINE)
+    release = re.search(r"^## (\d\S*)", (root / "CHANGELOG.md").read_text(encoding="utf-8"), re.MULTILINE)
     versions = [found.group(1) if found else "none" for found in (package, release)]
     if versions[0] != versions[1]:
         yield f"debian/changelog begins with version {versions[0]}, CHANGELOG.md with {versions[1]}"

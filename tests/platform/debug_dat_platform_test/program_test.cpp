@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <chrono>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -27,7 +26,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using namespace std::chrono_literals;
 
 constexpr int kFine = 0;
 constexpr int kFaultFound = 1;
@@ -120,10 +118,8 @@ TEST_F(PlatformProgramTest, HostPlatformTakesATicket) {
     session = server.AwaitSession();
     if (session == nullptr) return;
     session->Deliver("t-1", R"({"token": "the-token", "apps": ["mail"]})");
-    EXPECT_TRUE(session->AwaitEnd());
-    // The program ends right after its answer, and what ends a stream may overtake what was still unread on it.
-    const auto answer = session->AwaitAnswer(0ms);
-    EXPECT_TRUE(!answer || answer->status() == tarvo::support::v1::CLIENT_STATUS_REJECTED);
+    const auto answer = session->AwaitAnswer();
+    EXPECT_TRUE(answer.has_value() && answer->status() == tarvo::support::v1::CLIENT_STATUS_REJECTED);
   });
   EXPECT_EQ(Run({PROGRAM_PATH, HOST_FOLDER, "--ticket-from", server.url()}), kFine) << output_;
   service.join();

@@ -1,0 +1,45 @@
+#include "disk_workers.h"
+
+#include <utility>
+
+namespace TarvoOrvane::SupportService {
+namespace {
+
+/// A disk takes several requests at a time; more of them than this only wait in another place.
+constexpr int kDiskThreads = 4;
+
+}  // namespace
+
+DiskWorkers::DiskWorkers() {
+  for (int i = 0; i < kDiskThreads; ++i) threads_.emplace_back([this] { Run(); });
+}
+
+DiskWorkers::~DiskWorkers() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ending_ = true;
+    changed_.notify_all();
+  }
+  for (std::thread& thread : threads_) thread.join();
+}
+
+void DiskWorkers::Post(std::function<void()> job) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  jobs_.push_back(std::move(job));
+  changed_.notify_one();
+}
+
+void DiskWorkers::Run() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return ending_ || !jobs_.empty(); });
+    if (jobs_.empty()) return;
+    const std::function<void()> job = std::move(jobs_.front());
+    jobs_.pop_front();
+    lock.unlock();
+    job();
+    lock.lock();
+  }
+}
+
+}  // namespace TarvoOrvane::SupportService

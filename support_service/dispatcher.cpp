@@ -1,0 +1,176 @@
+#include "dispatcher.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "text_forms.h"
+
+namespace TarvoOrvane::SupportService {
+namespace {
+
+/// After a failure of the store. What comes meanwhile waits: to try at once would keep a full disk busy.
+constexpr std::chrono::seconds kStorePause{1};
+constexpr char kShutsDown[] = "the service shuts down";
+
+/// The event as a line. A device's report is quoted, because it may hold anything.
+std::string LineOf(const Entry& entry) {
+  const Event& event = entry.event;
+  const std::string text = event.kind == EventKind::kReported ? Quoted(event.text) : event.text;
+  return "ticket " + entry.ticket.id + " " + ToText(event.kind) + (text.empty() ? "" : ": " + text);
+}
+
+}  // namespace
+
+Dispatcher::Dispatcher(const TicketBook::Settings& settings, Store& store, EventSink events)
+    : events_(std::move(events)),
+      store_(store),
+      book_(settings, store, events_),
+      newest_event_(store.LastEvent()),
+      thread_([this] { Run(); }) {}
+
+Dispatcher::~Dispatcher() { Close(); }
+
+void Dispatcher::SetWorkSink(WorkSink sink) {
+  const std::lock_guard<std::mutex> lock(sink_mutex_);
+  sink_ = std::move(sink);
+}
+
+void Dispatcher::Post(Input input, Done done) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!closed_) {
+      inputs_.push_back({std::move(input), std::move(done)});
+      posted_.notify_one();
+      return;
+    }
+  }
+  if (done) done(kShutsDown);
+}
+
+EventNumber Dispatcher::AwaitEvents(EventNumber seen, std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  published_.wait_for(lock, limit, [&] { return closed_ || newest_event_ > seen; });
+  return newest_event_;
+}
+
+void Dispatcher::Close() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = true;
+    posted_.notify_one();
+    published_.notify_all();
+  }
+  if (thread_.joinable()) thread_.join();
+}
+
+bool Dispatcher::closed() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return closed_;
+}
+
+void Dispatcher::Run() {
+  while (!closed()) Handle(AwaitInputs());
+  std::unique_lock<std::mutex> lock(mutex_);
+  auto last = std::exchange(inputs_, {});  // nobody posts any more
+  lock.unlock();
+  last.push_back({[](TicketBook& book) { book.CloseAllStreams(); }, {}});
+  Handle(last);
+}
+
+/// Waits until something was posted or is due.
+std::deque<Dispatcher::Posted> Dispatcher::AwaitInputs() {
+  const auto due = book_.NextDeadline();
+  std::unique_lock<std::mutex> lock(mutex_);
+  const auto is_awake = [this] { return closed_ || !inputs_.empty(); };
+  if (due) {
+    posted_.wait_until(lock, *due, is_awake);
+  } else {
+    posted_.wait(lock, is_awake);
+  }
+  if (closed_) return {};
+  return std::exchange(inputs_, {});
+}
+
+/// One batch, from what happened to what is done about it.
+void Dispatcher::Handle(const std::deque<Posted>& posted) {
+  std::string fault;
+  std::vector<Entry> entries;
+  const auto attempt = [&fault](const auto& step) {
+    try {
+      step();
+    } catch (const std::exception& error) {
+      fault = error.what();
+    }
+  };
+  // Each of them, whatever became of the others: where a stream began or ended, that is so in any case.
+  for (const Posted& each : posted) attempt([&] { each.input(book_); });
+  attempt([&] { book_.Advance(); });
+  entries = book_.TakeEntries();
+  if (fault.empty()) attempt([&] { Remember(entries); });
+  Work work = book_.TakeWork();
+  if (fault.empty()) {
+    book_.Settle();
+    Publish(entries);
+  } else {
+    // A stream that has ended has ended, whatever is remembered.
+    work.deliveries.clear();
+    events_("nothing was remembered of what happened last: " + fault);
+  }
+  CarryOut(std::move(work));
+  for (const Posted& each : posted) {
+    if (each.done) each.done(fault);
+  }
+  if (!fault.empty()) Recover();
+}
+
+void Dispatcher::CarryOut(Work work) {
+  if (work.ends.empty() && work.deliveries.empty()) return;
+  const std::lock_guard<std::mutex> lock(sink_mutex_);
+  if (sink_) sink_(std::move(work));
+}
+
+void Dispatcher::Remember(const std::vector<Entry>& entries) {
+  if (!entries.empty()) store_.Write(entries);
+}
+
+/// Has the book forget what could not be remembered. Until that succeeds the service knows no tickets, and serves none.
+void Dispatcher::Recover() {
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      posted_.wait_for(lock, kStorePause, [this] { return closed_; });
+      if (closed_) return;
+    }
+    try {
+      return book_.Reload();
+    } catch (const std::exception& error) {
+      events_(std::string("the tickets can't be read: ") + error.what());
+      Refuse(error.what());
+    }
+  }
+}
+
+/// Tells those who wait. What devices' streams have posted stays: it is about what happened in any case.
+void Dispatcher::Refuse(const std::string& fault) {
+  std::deque<Posted> refused;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto first = std::stable_partition(inputs_.begin(), inputs_.end(),
+                                             [](const Posted& each) { return each.done == nullptr; });
+    std::move(first, inputs_.end(), std::back_inserter(refused));
+    inputs_.erase(first, inputs_.end());
+  }
+  for (const Posted& each : refused) each.done(fault);
+}
+
+/// Tells those who watch. Only now: what stands in a line has happened for good.
+void Dispatcher::Publish(const std::vector<Entry>& entries) {
+  for (const Entry& entry : entries) events_(LineOf(entry));
+  if (entries.empty()) return;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  newest_event_ = entries.back().event.number;
+  published_.notify_all();
+}
+
+}  // namespace TarvoOrvane::SupportService

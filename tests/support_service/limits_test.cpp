@@ -1,0 +1,230 @@
+/// What strangers and careless devices cost: nothing that others need.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "disk_room.h"
+#include "service_fixture.h"
+
+namespace TarvoOrvane::SupportService {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using ::testing::HasSubstr;
+
+// ---- room on the disk ----
+
+class DiskRoomTest : public ::testing::Test {
+ protected:
+  /// Room for so many bytes, and some that come and go: the disk is not the test's own.
+  [[nodiscard]] std::uint64_t StaysFreeBut(std::uint64_t bytes) const {
+    return fs::space(folder_.path()).available - bytes;
+  }
+  static constexpr std::uint64_t kMiB = 1 << 20;
+  TemporaryFolder folder_;
+};
+
+TEST_F(DiskRoomTest, WhatIsPromisedToOneIsNotPromisedToAnother) {
+  DiskRoom room(folder_.path(), StaysFreeBut(1000 * kMiB));
+  RoomReservation first(room);
+  EXPECT_TRUE(first.Add(600 * kMiB));
+  {
+    RoomReservation second(room);
+    EXPECT_FALSE(second.Add(600 * kMiB));
+    EXPECT_TRUE(second.Add(200 * kMiB));
+  }
+  RoomReservation third(room);
+  EXPECT_TRUE(third.Add(300 * kMiB)) << "the second one's has come back";
+}
+
+TEST_F(DiskRoomTest, WhatIsWrittenIsPromisedNoLonger) {
+  DiskRoom room(folder_.path(), StaysFreeBut(1000 * kMiB));
+  RoomReservation first(room);
+  ASSERT_TRUE(first.Add(900 * kMiB));
+  EXPECT_TRUE(first.Use(900 * kMiB));  // nothing was written: the disk is as free as before
+  RoomReservation second(room);
+  EXPECT_TRUE(second.Add(900 * kMiB));
+}
+
+TEST_F(DiskRoomTest, WhatWasNotAnnouncedFindsRoomPieceByPiece) {
+  DiskRoom room(folder_.path(), StaysFreeBut(500 * kMiB));
+  RoomReservation reservation(room);
+  EXPECT_TRUE(reservation.Use(1));
+  EXPECT_TRUE(reservation.Use(100 * kMiB));
+  EXPECT_FALSE(reservation.Use(100'000 * kMiB));
+}
+
+TEST_F(DiskRoomTest, ImpossibleSizesAndFoldersFindNone) {
+  DiskRoom room(folder_.path(), StaysFreeBut(1000 * kMiB));
+  EXPECT_FALSE(room.Reserve(std::numeric_limits<std::uint64_t>::max()));
+  DiskRoom full(folder_.path(), std::numeric_limits<std::uint64_t>::max() / 2);
+  EXPECT_FALSE(full.Reserve(1));
+  EXPECT_TRUE(full.Reserve(0));
+  EXPECT_FALSE(DiskRoom("/nowhere", 0).Reserve(0));
+}
+
+// ---- lines that anybody can cause ----
+
+class LimitedEventsTest : public ::testing::Test {
+ protected:
+  EventRecorder recorder_;
+  std::chrono::steady_clock::time_point now_{seconds(1000)};
+  LimitedEvents events_{recorder_.sink(), [this] { return now_; }};
+};
+
+TEST_F(LimitedEventsTest, TooManyAreCountedAndLeftOut) {
+  for (int i = 0; i < LimitedEvents::kBurst + 7; ++i) events_.Write("x");
+  EXPECT_EQ(recorder_.lines().size(), static_cast<std::size_t>(LimitedEvents::kBurst));
+  now_ += milliseconds(1000 / LimitedEvents::kPerSecond);
+  events_.Write("y");
+  events_.Write("z");
+  const auto lines = recorder_.lines();
+  ASSERT_EQ(lines.size(), static_cast<std::size_t>(LimitedEvents::kBurst) + 2);
+  EXPECT_EQ(lines[lines.size() - 2], "7 events of this kind are left out here: too many came");
+  EXPECT_EQ(lines.back(), "y");
+}
+
+TEST_F(LimitedEventsTest, WhatComesSlowlyIsAllPassedOn) {
+  for (int i = 0; i < 1000; ++i) {
+    events_.Write("x");
+    now_ += milliseconds(1000 / LimitedEvents::kPerSecond);
+  }
+  EXPECT_EQ(recorder_.lines().size(), 1000U);
+}
+
+// ---- the file server ----
+
+class LimitsTest : public ServiceTest {
+ protected:
+  HttpAnswer Upload(const std::string& token, std::size_t size) {
+    WriteFile(temp_.path() / "debug.dat", std::string(size, 'x'));
+    return PostForm(UploadUrl(), {"AUTH-TOKEN: " + token}, DeviceForm(temp_.path() / "debug.dat", "SN1", {}));
+  }
+  [[nodiscard]] std::size_t CountOf(const std::string& part) const {
+    const auto lines = events_.lines();
+    return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+      return line.find(part) != std::string::npos;
+    }));
+  }
+};
+
+TEST_F(LimitsTest, UploadThatIsTooLargeIsRefusedBeforeItIsSent) {
+  settings_.largest_upload = 3'000'000;
+  Start();
+  const Delivered ticket = AcceptTicket();
+  const HttpAnswer answer = Upload(ticket.token, 4'000'000);
+  EXPECT_EQ(answer.status, 413);
+  EXPECT_EQ(answer.sent, 0);
+  EXPECT_THAT(answer.body, HasSubstr("the upload is larger than 3000000 bytes"));
+  EXPECT_EQ(Upload(ticket.token, 2'900'000).status, 200);
+}
+
+TEST_F(LimitsTest, UploadOfUnknownSizeEndsAtTheLimit) {
+  settings_.largest_upload = 100'000;
+  Start();
+  const Delivered ticket = AcceptTicket();
+  RawHttp client(service().css_url());
+  client.Send("POST /orvane/ps_files HTTP/1.1\r\nHost: x\r\nAUTH-TOKEN: " + ticket.token +
+              "\r\nContent-Type: multipart/form-data; boundary=part\r\nTransfer-Encoding: chunked\r\n\r\n");
+  const std::string part =
+      "--part\r\nContent-Disposition: form-data; name=\"debug_file\"; filename=\"f\"\r\n\r\n" +
+      std::string(120'000, 'x') + "\r\n--part--\r\n";
+  std::ostringstream size;
+  size << std::hex << part.size();
+  client.Send(size.str() + "\r\n" + part + "\r\n0\r\n\r\n");
+  ASSERT_TRUE(events_.WaitFor("upload refused: the upload is larger than 100000 bytes"));
+  EXPECT_EQ(IncomingFiles(), 0U);
+}
+
+TEST_F(LimitsTest, UploadThatWouldFillTheDiskIsRefusedBeforeItIsSent) {
+  settings_.disk_stays_free = std::uint64_t{1} << 60;
+  Start();
+  const Delivered ticket = AcceptTicket();
+  const HttpAnswer answer = Upload(ticket.token, 4'000'000);
+  EXPECT_EQ(answer.status, 507);
+  EXPECT_EQ(answer.sent, 0);
+  EXPECT_THAT(answer.body, HasSubstr("no space left"));
+}
+
+TEST_F(LimitsTest, HeadThatDoesNotEndEndsItsConnectionAndABodyMayTakeLonger) {
+  settings_.http_head_limit = seconds(10);
+  settings_.http_idle_limit = seconds(3600);
+  Start();
+  const Delivered ticket = AcceptTicket();
+  RawHttp body(service().css_url());
+  body.Send("POST /orvane/ps_results HTTP/1.1\r\nHost: x\r\nConnection: close\r\nAUTH-TOKEN: " +
+            ticket.token + "\r\nContent-Length: 42\r\n\r\n");
+  ASSERT_TRUE(body.AwaitRead());
+  RawHttp second_request(service().css_url());
+  second_request.Send("GET /x HTTP/1.1\r\nHost: x\r\n\r\nGET /y HT");
+  ASSERT_TRUE(second_request.AwaitRead());
+  RawHttp refused(service().css_url());
+  refused.Send("POST /elsewhere HTTP/1.1\r\nHost: x\r\nContent-Length: 1000\r\n\r\nand then nothing");
+  RawHttp slow(service().css_url());
+  slow.Send("POST /orvane/ps_files HTTP/1.1\r\nHost:");
+  RawHttp silent(service().css_url());
+  EXPECT_EQ(silent.ReadToEnd(), "");
+  EXPECT_EQ(slow.ReadToEnd(), "");
+  EXPECT_EQ(refused.ReadToEnd(), "");
+  EXPECT_THAT(second_request.ReadToEnd(), HasSubstr("404 Not Found"));
+  // The limit has passed for this one, too.
+  body.Send(R"({"status": "Success", "serial_number": ""})");
+  EXPECT_THAT(body.ReadToEnd(), HasSubstr("200 OK"));
+}
+
+TEST_F(LimitsTest, OneAddressDoesNotTakeAllConnections) {
+  Start();
+  std::vector<std::unique_ptr<RawHttp>> clients;
+  clients.reserve(201);
+  for (int i = 0; i < 201; ++i) clients.push_back(std::make_unique<RawHttp>(service().css_url()));
+  EXPECT_EQ(clients.back()->ReadToEnd(), "");
+  clients.pop_back();
+  clients.pop_back();
+  EXPECT_TRUE(Eventually([this] { return Request("GET", UploadUrl(), {}, std::nullopt).status == 405; }));
+}
+
+TEST_F(LimitsTest, GuessedTokensDoNotFillTheLog) {
+  Start();
+  for (int i = 0; i < 500; ++i) Request("POST", UploadUrl(), {"AUTH-TOKEN: " + std::to_string(i)}, "");
+  EXPECT_LT(CountOf("request refused"), 500U);
+  EXPECT_GE(CountOf("request refused"), static_cast<std::size_t>(LimitedEvents::kBurst));
+}
+
+// ---- streams ----
+
+TEST_F(LimitsTest, MessageThatIsTooLargeEndsItsStream) {
+  Start();
+  ScriptedDevice device(service().grpc_url());
+  tarvo::support::v1::ClientMessage message;
+  message.mutable_hello()->set_serial_number(std::string(9000, 'x'));
+  message.mutable_hello()->set_protocol(1);
+  device.Send(message);
+  const auto end = device.End();
+  ASSERT_TRUE(end);
+  EXPECT_EQ(end->error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+}
+
+TEST_F(LimitsTest, MoreStreamsThanTheServiceTakesAreRefused) {
+  settings_.tickets.most_silent_streams = 2;
+  Start();
+  ScriptedDevice first(service().grpc_url());
+  ScriptedDevice second(service().grpc_url());
+  ASSERT_FALSE(second.End(milliseconds(0)));
+  std::vector<std::unique_ptr<ScriptedDevice>> others;
+  others.reserve(2);
+  for (int i = 0; i < 2; ++i) others.push_back(std::make_unique<ScriptedDevice>(service().grpc_url()));
+  // Whichever of the four came first.
+  std::vector<ScriptedDevice*> all = {&first, &second, others[0].get(), others[1].get()};
+  EXPECT_TRUE(Eventually([&] {
+    return std::count_if(all.begin(), all.end(), [](ScriptedDevice* device) {
+             const auto end = device->End(milliseconds(0));
+             return end && end->error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED;
+           }) == 2;
+  }));
+}
+
+}  // namespace
+}  // namespace TarvoOrvane::SupportService
