@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "private_files.h"
 #include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
@@ -19,37 +20,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-[[noreturn]] void ThrowErrno(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-void MakePrivateFolder(const fs::path& folder) {
-  if (mkdir(folder.c_str(), 0700) == -1 && errno != EEXIST) ThrowErrno("cannot make " + folder.string());
-}
-
-/// Brings a folder's names to disk: a file that is synced may lose its name by a power cut.
-void SyncFolder(const fs::path& folder) {
-  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const bool synced = fd != -1 && fsync(fd) == 0;
-  const int error = errno;
-  if (fd != -1) close(fd);
-  errno = error;
-  if (!synced) ThrowErrno("cannot sync " + folder.string());
-}
-
-void WriteAll(int fd, std::string_view data, const fs::path& path) {
-  while (!data.empty()) {
-    const ssize_t count = write(fd, data.data(), data.size());
-    if (count == -1 && errno == EINTR) continue;
-    if (count == -1) ThrowErrno("cannot write " + path.string());
-    data.remove_prefix(static_cast<std::size_t>(count));
-  }
-}
-
 /// A folder that somebody made empty, or that a service has used, is closed to others; any other one
 /// that is open to them is left alone, since it may be a shared place such as /tmp.
 void TakeDataFolder(const fs::path& folder) {
-  const fs::path parent = folder.has_parent_path() ? folder.parent_path() : ".";
+  const fs::path parent = FolderOf(folder);
   fs::create_directories(parent);
   const bool is_new = !fs::exists(folder);
   MakePrivateFolder(folder);

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "serial_number.h"
 #include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
@@ -23,8 +24,6 @@ constexpr std::size_t kIdBytes = 8;
 constexpr std::size_t kTokenBytes = 32;
 /// What the daemon's pipe to its main process takes of a ticket.
 constexpr std::size_t kMaxTicketBytes = 2047;
-/// What a device can have (the host platform takes no longer one), and what is printable in a name of a certificate.
-constexpr std::size_t kMaxSerialBytes = 128;
 /// Of a device's words, in an event.
 constexpr std::size_t kMaxReasonBytes = 512;
 
@@ -52,17 +51,6 @@ std::string TicketJson(const std::string& token, const std::vector<std::string>&
 std::string SecondsText(milliseconds time) {
   return time.count() % 1000 == 0 ? std::to_string(time.count() / 1000) + " s"
                                   : std::to_string(time.count()) + " ms";
-}
-
-/// Why a device can't have this serial number; empty if it can.
-std::string SerialFault(const std::string& serial_number) {
-  if (serial_number.empty()) return "the serial number is empty";
-  if (serial_number.size() > kMaxSerialBytes) {
-    return "the serial number is longer than " + std::to_string(kMaxSerialBytes) + " bytes";
-  }
-  const bool printable = std::all_of(serial_number.begin(), serial_number.end(),
-                                     [](char character) { return character >= 0x20 && character <= 0x7e; });
-  return printable ? "" : "the serial number has other characters than printable ASCII";
 }
 
 std::string DeviceText(const std::string& serial_number, const std::string& peer) {

@@ -4,7 +4,6 @@
 #include <archive_entry.h>
 #include <fcntl.h>
 #include <json/reader.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,12 +31,6 @@ void WriteText(const fs::path& path, const std::string& text) {
   std::ofstream file(path, std::ios::binary);
   file << text;
   ASSERT_TRUE(file.good()) << path;
-}
-
-unsigned ModeOf(const fs::path& path) {
-  struct stat status = {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 07777U;
 }
 
 std::string Packed(Packing packing, const std::string& text) {

@@ -27,13 +27,11 @@ using test_support::CallerProcess;
 using test_support::Eventually;
 using test_support::FillDevice;
 using test_support::LimitFileSize;
+using test_support::ModeOf;
 using test_support::MountOwnTmpfs;
 
 [[nodiscard]] std::string ReadText(const fs::path& path);
 void WriteText(const fs::path& path, const std::string& text);
-
-/// The permissions of a file or folder; fails the test where there is none.
-[[nodiscard]] unsigned ModeOf(const fs::path& path);
 
 /// The text, compressed.
 [[nodiscard]] std::string Packed(Packing packing, const std::string& text);

@@ -29,6 +29,14 @@ inline void WriteFile(const std::filesystem::path& path, std::string_view text) 
   if (!file) throw std::runtime_error("can't write " + path.string());
 }
 
+/// The permissions of a file or folder.
+/// @throws std::runtime_error when there is none.
+[[nodiscard]] inline unsigned ModeOf(const std::filesystem::path& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == -1) throw std::runtime_error("there is no " + path.string());
+  return status.st_mode & 07777U;
+}
+
 /// A new folder below the system's for temporary files, removed with everything in it.
 class TemporaryFolder {
  public:

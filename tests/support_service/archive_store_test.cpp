@@ -13,12 +13,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-unsigned int ModeOf(const fs::path& path) {
-  struct stat status {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 07777U;
-}
-
 class ArchiveStoreTest : public ::testing::Test {
  protected:
   /// Keeps an archive of the ticket "t1".

@@ -27,6 +27,7 @@ namespace TarvoOrvane::SupportService {
 
 using test_support::Eventually;
 using test_support::kPatience;
+using test_support::ModeOf;
 using test_support::ReadFile;
 using test_support::TemporaryFolder;
 using test_support::WriteFile;
