@@ -1,4 +1,4 @@
-/// What the file server and its requests have in common.
+/// What devices' requests over HTTP have in common.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 
 namespace TarvoOrvane::SupportService {
 
-/// What requests work with. CssServer has the one object; all requests share it, in the threads of the HTTP library.
+/// What requests work with. All of them share one object, in the threads of the HTTP library.
 struct CssDesk {
   Dispatcher& dispatcher;        ///< Is told what came.
   const Store& store;            ///< Knows which token belongs to which ticket.

@@ -5,10 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <exception>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -26,23 +24,6 @@ constexpr std::size_t kMaxTextBytes = std::size_t{64} * 1024;
 /// The parser hands out an archive in pieces of up to this size; small ones cost processor time.
 constexpr std::size_t kFormBufferBytes = std::size_t{128} * 1024;
 constexpr std::size_t kMaxBoundaryBytes = 70;  // as RFC 2046 has it
-
-std::optional<std::string> Header(MHD_Connection* connection, const char* name) {
-  const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
-  return value == nullptr ? std::nullopt : std::optional<std::string>(value);
-}
-
-/// The announced length of the body; the largest number when it isn't announced.
-std::uint64_t BodyLength(MHD_Connection* connection) {
-  // A body in chunks has no length, whatever the other header says.
-  if (Header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING)) {
-    return std::numeric_limits<std::uint64_t>::max();
-  }
-  const std::string text = Header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH).value_or("0");
-  std::uint64_t length = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), length);
-  return result.ec == std::errc() ? length : std::numeric_limits<std::uint64_t>::max();
-}
 
 /// The boundary of a form's content type; empty when it is no multipart form.
 std::string BoundaryOf(const std::string& content_type) {
@@ -104,22 +85,25 @@ std::optional<std::string> ParseReport(const std::string& body, std::string& why
 
 }  // namespace
 
-bool RefusedExchange::TakeBody(std::string_view data) {
-  dropped_bytes_ += data.size();
-  return dropped_bytes_ <= kMaxDroppedBytes;
+HttpAnswer ToHttpAnswer(const Answer& answer) {
+  Json::Value value(Json::objectValue);
+  value["success"] = answer.error.empty();
+  if (!answer.error.empty()) value["error"] = answer.error;
+  HttpAnswer result;
+  result.status = answer.http_status;
+  result.headers = {{MHD_HTTP_HEADER_CONTENT_TYPE, "application/json"}};
+  if (answer.http_status == MHD_HTTP_METHOD_NOT_ALLOWED) {
+    result.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, MHD_HTTP_METHOD_POST);
+  }
+  result.body = CompactJson(value);
+  return result;
 }
 
-bool RefusedExchange::IsWorthReading(MHD_Connection* connection) {
-  const std::uint64_t length = BodyLength(connection);
-  if (length == 0 || Header(connection, MHD_HTTP_HEADER_EXPECT)) return false;
-  return length <= kMaxDroppedBytes || Header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING);
-}
-
-UploadExchange::UploadExchange(CssDesk& desk, Ticket ticket, MHD_Connection* connection,
+UploadExchange::UploadExchange(CssDesk& desk, Ticket ticket, const HttpRequest& request,
                                std::unique_ptr<RoomReservation> room)
     : desk_(desk),
       ticket_(std::move(ticket)),
-      form_(MHD_create_post_processor(connection, kFormBufferBytes, &UploadExchange::OnPart, this),
+      form_(MHD_create_post_processor(request.connection(), kFormBufferBytes, &UploadExchange::OnPart, this),
             MHD_destroy_post_processor),
       room_(std::move(room)) {
   if (!form_) Fail(MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, "the form's content type can't be read");
@@ -150,9 +134,11 @@ void UploadExchange::Finish(AnswerSink done) {
   }
   if (!answer_.error.empty()) {
     desk_.events("ticket " + ticket_.id + " upload refused: " + answer_.error);
-    return done(answer_);
+    return done(ToHttpAnswer(answer_));
   }
-  desk_.disk.Post([this, done = std::move(done)] { Publish(done); });
+  desk_.disk.Post([this, done = std::move(done)] {
+    Publish([done](const Answer& answer) { done(ToHttpAnswer(answer)); });
+  });
 }
 
 void UploadExchange::Abort(const std::string& cause) {
@@ -231,7 +217,7 @@ bool UploadExchange::Fail(unsigned int http_status, const std::string& error) {
 }
 
 /// Brings the archive to disk under its name. Runs in a thread that may wait for that.
-void UploadExchange::Publish(const AnswerSink& done) {
+void UploadExchange::Publish(const CssSink& done) {
   try {
     archive_->Finish();
     upload_.size_bytes = archive_->size_bytes();
@@ -247,14 +233,14 @@ void UploadExchange::Publish(const AnswerSink& done) {
 }
 
 /// Has the archive remembered. Only then the device hears that it was taken.
-void UploadExchange::Record(const AnswerSink& done) {
+void UploadExchange::Record(const CssSink& done) {
   const auto fate = std::make_shared<UploadFate>(UploadFate::kUnwanted);
   desk_.dispatcher.Post(
       [this, fate](TicketBook& book) { *fate = book.RecordUpload(ticket_.number, upload_); },
       [this, fate, done](const std::string& fault) { Conclude(fault, *fate, done); });
 }
 
-void UploadExchange::Conclude(const std::string& fault, UploadFate fate, const AnswerSink& done) {
+void UploadExchange::Conclude(const std::string& fault, UploadFate fate, const CssSink& done) {
   if (fault.empty() && fate == UploadFate::kKept) return done({});
   if (fault.empty() && fate == UploadFate::kRepeated) {
     return desk_.disk.Post([this, done] { KeepFormer(done); });
@@ -274,7 +260,7 @@ void UploadExchange::Conclude(const std::string& fault, UploadFate fate, const A
 }
 
 /// The ticket has an archive of this content. The answer says that it is kept, so its file had better be there.
-void UploadExchange::KeepFormer(const AnswerSink& done) {
+void UploadExchange::KeepFormer(const CssSink& done) {
   try {
     const auto ticket = desk_.store.Find(ticket_.number);
     for (const Archive& former : ticket ? ticket->archives : std::vector<Archive>()) {
@@ -306,16 +292,16 @@ void ReportExchange::Finish(AnswerSink done) {
   if (!status) {
     const Answer answer = too_large_ ? TooLarge() : Answer{MHD_HTTP_BAD_REQUEST, why};
     desk_.events("ticket " + ticket_.id + " report refused: " + answer.error);
-    return done(answer);
+    return done(ToHttpAnswer(answer));
   }
   const auto taken = std::make_shared<bool>(false);
   desk_.dispatcher.Post(
       [this, taken, text = *status](TicketBook& book) { *taken = book.RecordReport(ticket_.number, text); },
       [this, taken, done = std::move(done)](const std::string& fault) {
-        if (fault.empty() && *taken) return done({});
+        if (fault.empty() && *taken) return done(ToHttpAnswer({}));
         const Answer answer = fault.empty() ? kUnwanted : kNotKept;
         desk_.events("ticket " + ticket_.id + " report failed: " + (fault.empty() ? answer.error : fault));
-        done(answer);
+        done(ToHttpAnswer(answer));
       });
 }
 
@@ -323,21 +309,22 @@ void ReportExchange::Abort(const std::string& cause) {
   desk_.events("ticket " + ticket_.id + " report refused: " + cause);
 }
 
-std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, MHD_Connection* connection, const std::string& path,
-                                        const std::string& method, const std::string& peer) {
+std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, const HttpRequest& request) {
   const auto refuse = [&](unsigned int status, const std::string& error) {
-    desk.strangers.Write("request refused: " + Printable(method, 16) + " " + Quoted(path) + " from " + peer +
-                         ": " + error);
-    return std::make_unique<RefusedExchange>(Answer{status, error});
+    desk.strangers.Write("request refused: " + Printable(request.method(), 16) + " " +
+                         Quoted(request.path()) + " from " + request.peer() + ": " + error);
+    return std::make_unique<RefusedExchange>(ToHttpAnswer({status, error}));
   };
-  const bool is_upload = path == kUploadPath;
-  if (!is_upload && path != kReportPath) {
+  const bool is_upload = request.path() == kUploadPath;
+  if (!is_upload && request.path() != kReportPath) {
     return refuse(MHD_HTTP_NOT_FOUND,
                   std::string("unknown path, there are ") + kUploadPath + " and " + kReportPath);
   }
-  if (method != MHD_HTTP_METHOD_POST) return refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only POST is allowed");
+  if (request.method() != MHD_HTTP_METHOD_POST) {
+    return refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only POST is allowed");
+  }
   // The token alone tells who sends. It is in no line: a refused one may be another service's.
-  const auto token = Header(connection, "AUTH-TOKEN");
+  const auto token = request.Header("AUTH-TOKEN");
   if (!token) return refuse(MHD_HTTP_UNAUTHORIZED, "the AUTH-TOKEN header is missing");
   std::optional<Ticket> ticket;
   try {
@@ -353,26 +340,23 @@ std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, MHD_Connection* connectio
   }
 
   if (!is_upload) {
-    const std::uint64_t length = BodyLength(connection);
-    const bool announced = !Header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING);
-    if (announced && length > ReportExchange::kMaxBytes) {
+    if (request.body_length().value_or(0) > ReportExchange::kMaxBytes) {
       const Answer answer = ReportExchange::TooLarge();
       return refuse(answer.http_status, answer.error);
     }
     return std::make_unique<ReportExchange>(desk, *std::move(ticket));
   }
-  if (BoundaryOf(Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE).value_or("")).empty()) {
+  if (BoundaryOf(request.Header(MHD_HTTP_HEADER_CONTENT_TYPE).value_or("")).empty()) {
     return refuse(MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, "the body must be a multipart/form-data form");
   }
-  const bool announced = !Header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING);
-  const std::uint64_t length = announced ? BodyLength(connection) : 0;
+  const std::uint64_t length = request.body_length().value_or(0);
   if (length > desk.largest_upload) {
     return refuse(MHD_HTTP_CONTENT_TOO_LARGE, TooLargeText(desk.largest_upload));
   }
   auto room = std::make_unique<RoomReservation>(desk.room);
   if (!room->Add(length)) return refuse(kNoRoom.http_status, kNoRoom.error);
-  desk.events("ticket " + ticket->id + " upload started: from " + peer);
-  return std::make_unique<UploadExchange>(desk, *std::move(ticket), connection, std::move(room));
+  desk.events("ticket " + ticket->id + " upload started: from " + request.peer());
+  return std::make_unique<UploadExchange>(desk, *std::move(ticket), request, std::move(room));
 }
 
 }  // namespace TarvoOrvane::SupportService

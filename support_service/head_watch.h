@@ -1,5 +1,5 @@
-/// Ends HTTP connections on which a request's head, or all of a refused request, takes too long. The library ends those on which nothing moves; one
-/// that sends a byte from time to time would keep its place for ever.
+/// Ends HTTP connections on which a request's head, or all of a refused request, takes too long. The library ends those
+/// on which nothing moves; one that sends a byte from time to time would keep its place for ever.
 #pragma once
 
 #include <chrono>

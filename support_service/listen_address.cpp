@@ -2,6 +2,7 @@
 
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -49,6 +50,18 @@ ListenAddress ParseUnixAddress(const std::string& text) {
   return address;
 }
 
+/// Removes the socket of a server that has not removed it.
+void ReplaceLeftover(const ListenAddress& address) {
+  struct stat status {};
+  if (lstat(address.unix_path.c_str(), &status) == -1) return;  // what else is wrong, binding will tell
+  CheckFree(address);
+  if (!S_ISSOCK(status.st_mode)) {
+    throw std::runtime_error("cannot listen on " + address.text +
+                             ": a file that is no socket is there; remove it");
+  }
+  unlink(address.unix_path.c_str());
+}
+
 }  // namespace
 
 ListenAddress ParseListenAddress(const std::string& text, bool unix_allowed) {
@@ -80,16 +93,24 @@ ListenAddress ParseListenAddress(const std::string& text, bool unix_allowed) {
 }
 
 int OpenListener(const ListenAddress& address) {
-  const auto* socket_address = reinterpret_cast<const sockaddr*>(&address.socket_address);
+  const bool is_unix = !address.unix_path.empty();
+  if (is_unix) ReplaceLeftover(address);
+  const sockaddr_un unix_address = UnixAddress(address.unix_path);
+  const auto* socket_address = is_unix ? reinterpret_cast<const sockaddr*>(&unix_address)
+                                       : reinterpret_cast<const sockaddr*>(&address.socket_address);
+  const socklen_t size = is_unix ? sizeof(unix_address) : address.socket_address_size;
   const int fd = socket(socket_address->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  // SO_REUSEADDR: connections of a service that has just ended would keep the port for a minute.
+  // SO_REUSEADDR: connections of a service that has just ended would keep the port for a minute. Nobody can connect to
+  // a unix socket before it listens, so nobody does with more rights than it ends up with.
   const int on = 1;
   if (fd == -1 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == -1 ||
-      bind(fd, socket_address, address.socket_address_size) == -1 || listen(fd, SOMAXCONN) == -1) {
+      bind(fd, socket_address, size) == -1 || (is_unix && chmod(address.unix_path.c_str(), 0600) == -1) ||
+      listen(fd, SOMAXCONN) == -1) {
     const std::string why = std::generic_category().message(errno);
     if (fd != -1) close(fd);
-    throw std::runtime_error("cannot listen on " + address.text + ": " + why +
-                             "; choose another port, or 0 for a free one");
+    throw std::runtime_error(
+        "cannot listen on " + address.text + ": " + why +
+        (is_unix ? "; choose another path" : "; choose another port, or 0 for a free one"));
   }
   return fd;
 }

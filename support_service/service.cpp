@@ -1,5 +1,7 @@
 #include "service.h"
 
+#include "css_exchange.h"
+
 namespace TarvoOrvane::SupportService {
 
 std::string ControlSocketPath(const std::filesystem::path& data_folder) {
@@ -14,6 +16,14 @@ Store& Reconciled(Store& store, const ArchiveStore& archives, const EventSink& e
   return store;
 }
 
+HttpSettings CssSettings(const ServiceSettings& settings) {
+  HttpSettings http;
+  http.address = ParseListenAddress(settings.http_address, false);
+  http.idle_limit = settings.http_idle_limit;
+  http.head_limit = settings.http_head_limit;
+  return http;
+}
+
 }  // namespace
 
 SupportService::SupportService(const ServiceSettings& settings, const EventSink& events)
@@ -24,10 +34,11 @@ SupportService::SupportService(const ServiceSettings& settings, const EventSink&
       control_socket_(ControlSocketPath(settings.data_folder)),
       control_(dispatcher_, store_, control_socket_),
       notification_(dispatcher_, ParseListenAddress(settings.grpc_address, true)),
-      css_({dispatcher_, store_, archives_, disk_, room_, settings.largest_upload, LimitedEvents(events),
-            events},
-           ParseListenAddress(settings.http_address, false),
-           {settings.http_idle_limit, settings.http_head_limit}) {}
+      css_desk_{dispatcher_,           store_, archives_, disk_, room_, settings.largest_upload,
+                LimitedEvents(events), events},
+      css_(
+          CssSettings(settings), [this](HttpRequest& request) { return BeginExchange(css_desk_, request); },
+          events) {}
 
 // Members end in reverse order: complete uploads get their answers first, then the streams end, then the rest.
 SupportService::~SupportService() = default;

@@ -9,11 +9,12 @@
 
 #include "archive_store.h"
 #include "control_front.h"
-#include "css_server.h"
+#include "css_desk.h"
 #include "disk_room.h"
 #include "disk_workers.h"
 #include "dispatcher.h"
 #include "event_log.h"
+#include "http_server.h"
 #include "notification_front.h"
 #include "sqlite_store.h"
 
@@ -71,7 +72,8 @@ class SupportService {
   std::string control_socket_;
   ControlFront control_;
   NotificationFront notification_;
-  CssServer css_;
+  CssDesk css_desk_;
+  HttpServer css_;
 };
 
 }  // namespace TarvoOrvane::SupportService

@@ -12,8 +12,10 @@
 #include <memory>
 #include <set>
 
-// In place of the real ones: the server starts without a listener and without threads, and keeps its own handlers; what
-// the disk workers are given is done at once, by who gives it; nothing waits for a disk.
+#include "css_exchange.h"
+
+// In place of the real ones: the library starts without threads, and keeps the server's handlers; nobody connects to
+// the listener. What the disk workers are given is done at once, by who gives it; nothing waits for a disk.
 namespace {
 MHD_Daemon* the_daemon = nullptr;
 constexpr unsigned kIdleLimitSeconds = 1;
@@ -32,12 +34,13 @@ MHD_Daemon* __wrap_MHD_start_daemon(unsigned /*flags*/, std::uint16_t /*port*/,
   void* completed_context = nullptr;
   MHD_NotifyConnectionCallback notified = nullptr;
   void* notified_context = nullptr;
+  using Unescape = std::size_t (*)(void*, MHD_Connection*, char*);
+  Unescape unescape = nullptr;
+  void* unescape_context = nullptr;
   va_list options;
   va_start(options, context);
   for (int option = va_arg(options, int); option != MHD_OPTION_END; option = va_arg(options, int)) {
-    if (option == MHD_OPTION_LISTEN_SOCKET) {
-      close(va_arg(options, int));
-    } else if (option == MHD_OPTION_CONNECTION_MEMORY_LIMIT) {
+    if (option == MHD_OPTION_CONNECTION_MEMORY_LIMIT) {
       connection_bytes = va_arg(options, std::size_t);
     } else if (option == MHD_OPTION_NOTIFY_COMPLETED) {
       completed = va_arg(options, MHD_RequestCompletedCallback);
@@ -45,6 +48,12 @@ MHD_Daemon* __wrap_MHD_start_daemon(unsigned /*flags*/, std::uint16_t /*port*/,
     } else if (option == MHD_OPTION_NOTIFY_CONNECTION) {
       notified = va_arg(options, MHD_NotifyConnectionCallback);
       notified_context = va_arg(options, void*);
+    } else if (option == MHD_OPTION_UNESCAPE_CALLBACK) {
+      unescape = va_arg(options, Unescape);
+      unescape_context = va_arg(options, void*);
+    } else if (option == MHD_OPTION_ARRAY) {
+      const auto* tls = va_arg(options, const MHD_OptionItem*);
+      fuzz::Require(tls->option == MHD_OPTION_END, "the server is started without TLS");
     } else {
       static_cast<void>(va_arg(options, unsigned));
     }
@@ -54,7 +63,8 @@ MHD_Daemon* __wrap_MHD_start_daemon(unsigned /*flags*/, std::uint16_t /*port*/,
       MHD_USE_EPOLL | MHD_USE_NO_LISTEN_SOCKET | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, handler,
       context, MHD_OPTION_CONNECTION_MEMORY_LIMIT, connection_bytes, MHD_OPTION_CONNECTION_TIMEOUT,
       kIdleLimitSeconds, MHD_OPTION_NOTIFY_COMPLETED, completed, completed_context,
-      MHD_OPTION_NOTIFY_CONNECTION, notified, notified_context, MHD_OPTION_END);
+      MHD_OPTION_NOTIFY_CONNECTION, notified, notified_context, MHD_OPTION_UNESCAPE_CALLBACK, unescape,
+      unescape_context, MHD_OPTION_END);
   return the_daemon;
 }
 
@@ -173,8 +183,12 @@ InProcessCss::InProcessCss()
   const LimitedEvents all_of_them(
       events, [now = std::chrono::steady_clock::now()]() mutable { return now += std::chrono::hours(1); });
   constexpr std::chrono::seconds kLimit{5};
-  server_.emplace(CssDesk{dispatcher_, store_, archives_, disk_, room_, kLargestUpload, all_of_them, events},
-                  ParseListenAddress("127.0.0.1:0", false), CssLimits{kLimit, kLimit});
+  desk_.emplace(CssDesk{dispatcher_, store_, archives_, disk_, room_, kLargestUpload, all_of_them, events});
+  HttpSettings settings;
+  settings.address = ParseListenAddress("127.0.0.1:0", false);
+  settings.idle_limit = settings.head_limit = kLimit;
+  server_.emplace(
+      settings, [this](HttpRequest& request) { return BeginExchange(*desk_, request); }, events);
   Require(the_daemon != nullptr, "the server starts");
   NextTicket();
 }

@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "css_server.h"
+#include "css_desk.h"
 #include "fuzz_support.h"
+#include "http_server.h"
 #include "sqlite_store.h"
 
 namespace fuzz {
@@ -55,7 +56,8 @@ class InProcessCss {
   TarvoOrvane::SupportService::DiskRoom room_;
   TarvoOrvane::SupportService::Dispatcher dispatcher_;
   TarvoOrvane::SupportService::DiskWorkers disk_;
-  std::optional<TarvoOrvane::SupportService::CssServer> server_;
+  std::optional<TarvoOrvane::SupportService::CssDesk> desk_;
+  std::optional<TarvoOrvane::SupportService::HttpServer> server_;
 };
 
 }  // namespace fuzz

@@ -31,33 +31,60 @@ std::unique_ptr<BIO, int (*)(BIO*)> OpenText(const std::string& text) {
   return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), &BIO_free};
 }
 
-}  // namespace
+using OwnedKey = std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)>;
+using OwnedCertificate = std::unique_ptr<X509, void (*)(X509*)>;
 
-TestCertificate MakeTestCertificate(const Validity& validity, const std::string& subject,
-                                    const std::string& names) {
-  const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"),
-                                                           &EVP_PKEY_free);
-  const std::unique_ptr<X509, void (*)(X509*)> certificate(X509_new(), &X509_free);
+OwnedKey MakeKey() { return {EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), &EVP_PKEY_free}; }
+
+OwnedCertificate MakeUnsigned(const Validity& validity, EVP_PKEY* key) {
+  OwnedCertificate certificate(X509_new(), &X509_free);
   X509_set_version(certificate.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 1);
   X509_gmtime_adj(X509_getm_notBefore(certificate.get()), validity.begin);
   X509_gmtime_adj(X509_getm_notAfter(certificate.get()), validity.end);
-  X509_set_pubkey(certificate.get(), key.get());
+  X509_set_pubkey(certificate.get(), key);
+  return certificate;
+}
+
+TestCertificate Signed(X509* certificate, EVP_PKEY* key, EVP_PKEY* issuer_key) {
+  if (X509_sign(certificate, issuer_key, EVP_sha256()) == 0) throw std::runtime_error("X509_sign failed");
+  TestCertificate result;
+  result.certificate = CertificateText(certificate);
+  result.key =
+      ToPem([&](BIO* out) { PEM_write_bio_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr); });
+  return result;
+}
+
+}  // namespace
+
+TestCertificate MakeTestCertificate(const Validity& validity, const std::string& subject,
+                                    const std::string& names) {
+  const OwnedKey key = MakeKey();
+  const OwnedCertificate certificate = MakeUnsigned(validity, key.get());
   X509_NAME* name = X509_get_subject_name(certificate.get());
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                              reinterpret_cast<const unsigned char*>(subject.c_str()), -1, -1, 0);
   X509_set_issuer_name(certificate.get(), name);
   AddExtension(certificate.get(), NID_basic_constraints, "critical,CA:TRUE");
   AddExtension(certificate.get(), NID_subject_alt_name, names.c_str());
-  if (X509_sign(certificate.get(), key.get(), EVP_sha256()) == 0) {
-    throw std::runtime_error("X509_sign failed");
-  }
+  return Signed(certificate.get(), key.get(), key.get());
+}
 
-  TestCertificate result;
-  result.certificate = CertificateText(certificate.get());
-  result.key = ToPem(
-      [&](BIO* out) { PEM_write_bio_PrivateKey(out, key.get(), nullptr, nullptr, 0, nullptr, nullptr); });
-  return result;
+TestCertificate IssueTestCertificate(const TestCertificate& issuer, const CertificateWish& wish) {
+  const OwnedKey key = MakeKey();
+  const OwnedCertificate certificate = MakeUnsigned(wish.validity, key.get());
+  X509_NAME* subject = X509_get_subject_name(certificate.get());
+  // An ASN.1 type rather than an encoding: names then have no rules.
+  for (const std::string& name : wish.common_names) {
+    X509_NAME_add_entry_by_txt(subject, "CN", V_ASN1_UTF8STRING,
+                               reinterpret_cast<const unsigned char*>(name.data()),
+                               static_cast<int>(name.size()), -1, 0);
+  }
+  X509_set_issuer_name(certificate.get(), X509_get_subject_name(ParseCertificate(issuer.certificate).get()));
+  AddExtension(certificate.get(), NID_basic_constraints, "critical,CA:FALSE");
+  if (!wish.purpose.empty()) AddExtension(certificate.get(), NID_ext_key_usage, wish.purpose.c_str());
+  if (!wish.names.empty()) AddExtension(certificate.get(), NID_subject_alt_name, wish.names.c_str());
+  return Signed(certificate.get(), key.get(), ParseKey(issuer.key).get());
 }
 
 std::unique_ptr<X509, void (*)(X509*)> ParseCertificate(const std::string& pem) {

@@ -185,8 +185,8 @@ class Device {
 
   bool Upload(const std::string& id, const std::string& token, const std::string& content) {
     WriteFile(file_, content);
-    const HttpAnswer answer = PostForm(address_.css_url + "/orvane/ps_files", {"AUTH-TOKEN: " + token},
-                                       DeviceForm(file_, serial_, {"a"}));
+    const ReceivedAnswer answer = PostForm(address_.css_url + "/orvane/ps_files", {"AUTH-TOKEN: " + token},
+                                           DeviceForm(file_, serial_, {"a"}));
     if (answer.curl_code != 0) return false;
     EXPECT_EQ(answer.status, 200) << answer.body;
     if (answer.status == 200) ledger_.Uploaded(id, Sha256(content));
@@ -194,7 +194,7 @@ class Device {
   }
 
   bool Report(const std::string& id, const std::string& token) {
-    const HttpAnswer answer =
+    const ReceivedAnswer answer =
         Request("POST", address_.css_url + "/orvane/ps_results", {"AUTH-TOKEN: " + token},
                 R"({"status": "Success", "serial_number": ")" + serial_ + "\"}");
     if (answer.curl_code != 0) return false;

@@ -99,7 +99,7 @@ TEST_F(LimitedEventsTest, WhatComesSlowlyIsAllPassedOn) {
 
 class LimitsTest : public ServiceTest {
  protected:
-  HttpAnswer Upload(const std::string& token, std::size_t size) {
+  ReceivedAnswer Upload(const std::string& token, std::size_t size) {
     WriteFile(temp_.path() / "debug.dat", std::string(size, 'x'));
     return PostForm(UploadUrl(), {"AUTH-TOKEN: " + token}, DeviceForm(temp_.path() / "debug.dat", "SN1", {}));
   }
@@ -115,7 +115,7 @@ TEST_F(LimitsTest, UploadThatIsTooLargeIsRefusedBeforeItIsSent) {
   settings_.largest_upload = 3'000'000;
   Start();
   const Delivered ticket = AcceptTicket();
-  const HttpAnswer answer = Upload(ticket.token, 4'000'000);
+  const ReceivedAnswer answer = Upload(ticket.token, 4'000'000);
   EXPECT_EQ(answer.status, 413);
   EXPECT_EQ(answer.sent, 0);
   EXPECT_THAT(answer.body, HasSubstr("the upload is larger than 3000000 bytes"));
@@ -143,7 +143,7 @@ TEST_F(LimitsTest, UploadThatWouldFillTheDiskIsRefusedBeforeItIsSent) {
   settings_.disk_stays_free = std::uint64_t{1} << 60;
   Start();
   const Delivered ticket = AcceptTicket();
-  const HttpAnswer answer = Upload(ticket.token, 4'000'000);
+  const ReceivedAnswer answer = Upload(ticket.token, 4'000'000);
   EXPECT_EQ(answer.status, 507);
   EXPECT_EQ(answer.sent, 0);
   EXPECT_THAT(answer.body, HasSubstr("no space left"));

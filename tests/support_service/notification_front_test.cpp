@@ -187,8 +187,9 @@ TEST_F(NotificationServiceTest, TicketsOfADeviceAreDeliveredOneAtATimeInTheirOrd
     device.Answer(id, CLIENT_STATUS_ACCEPTED);
     ASSERT_TRUE(WaitForState(id, TicketState::kAccepted));
     EXPECT_FALSE(device.Next(milliseconds(50)));
-    const HttpAnswer report = Request("POST", ReportUrl(), {"AUTH-TOKEN: " + TokenOf(*delivery)},
-                                      R"({"status":"Failed to generate debug file","serial_number":"SN1"})");
+    const ReceivedAnswer report =
+        Request("POST", ReportUrl(), {"AUTH-TOKEN: " + TokenOf(*delivery)},
+                R"({"status":"Failed to generate debug file","serial_number":"SN1"})");
     EXPECT_EQ(report.status, 200) << report.body;
   }
 }

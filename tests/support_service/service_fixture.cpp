@@ -1,7 +1,6 @@
 #include "service_fixture.h"
 
 #include <arpa/inet.h>
-#include <curl/curl.h>
 #include <netinet/in.h>
 #include <openssl/evp.h>
 #include <sys/socket.h>
@@ -179,58 +178,8 @@ std::vector<FormPart> DeviceForm(const std::filesystem::path& file, const std::s
   return parts;
 }
 
-namespace {
-
-std::size_t Append(char* data, std::size_t size, std::size_t count, void* out) {
-  static_cast<std::string*>(out)->append(data, size * count);
-  return size * count;
-}
-
-/// A libcurl handle with its headers, its form and its answer.
-class Transfer {
- public:
-  Transfer(const std::string& url, const std::vector<std::string>& headers) {
-    Set(CURLOPT_URL, url.c_str());
-    Set(CURLOPT_PROXY, "");
-    Set(CURLOPT_NOSIGNAL, 1L);
-    Set(CURLOPT_TIMEOUT, 30L);
-    Set(CURLOPT_WRITEFUNCTION, &Append);
-    Set(CURLOPT_WRITEDATA, &answer_.body);
-    Set(CURLOPT_HEADERFUNCTION, &Append);
-    Set(CURLOPT_HEADERDATA, &answer_.headers);
-    for (const std::string& header : headers) {
-      curl_slist* former = headers_.release();
-      headers_.reset(curl_slist_append(former, header.c_str()));
-    }
-    Set(CURLOPT_HTTPHEADER, headers_.get());
-  }
-
-  template <typename Value>
-  void Set(CURLoption option, Value value) {
-    EXPECT_EQ(curl_easy_setopt(curl_.get(), option, value), CURLE_OK);
-  }
-
-  CURL* get() { return curl_.get(); }
-
-  HttpAnswer Run() {
-    answer_.curl_code = curl_easy_perform(curl_.get());
-    curl_easy_getinfo(curl_.get(), CURLINFO_RESPONSE_CODE, &answer_.status);
-    curl_off_t sent = 0;
-    curl_easy_getinfo(curl_.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
-    answer_.sent = sent;
-    return answer_;
-  }
-
- private:
-  std::unique_ptr<CURL, void (*)(CURL*)> curl_{curl_easy_init(), curl_easy_cleanup};
-  std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers_{nullptr, curl_slist_free_all};
-  HttpAnswer answer_;
-};
-
-}  // namespace
-
-HttpAnswer PostForm(const std::string& url, const std::vector<std::string>& headers,
-                    const std::vector<FormPart>& parts) {
+ReceivedAnswer PostForm(const std::string& url, const std::vector<std::string>& headers,
+                        const std::vector<FormPart>& parts) {
   Transfer transfer(url, headers);
   const std::unique_ptr<curl_mime, void (*)(curl_mime*)> form(curl_mime_init(transfer.get()), curl_mime_free);
   for (const FormPart& part : parts) {
@@ -246,8 +195,8 @@ HttpAnswer PostForm(const std::string& url, const std::vector<std::string>& head
   return transfer.Run();
 }
 
-HttpAnswer Request(const std::string& method, const std::string& url, const std::vector<std::string>& headers,
-                   const std::optional<std::string>& body) {
+ReceivedAnswer Request(const std::string& method, const std::string& url,
+                       const std::vector<std::string>& headers, const std::optional<std::string>& body) {
   Transfer transfer(url, headers);
   if (method == "HEAD") {
     transfer.Set(CURLOPT_NOBODY, 1L);

@@ -22,6 +22,7 @@
 #include "service.h"
 #include "tarvo/support/v1/notification.grpc.pb.h"
 #include "temporary_folder.h"
+#include "transfer.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -100,14 +101,6 @@ std::string Sha256(const std::string& data);
 /// @return data that looks like anything, parts of multipart boundaries included.
 std::string AwkwardData(std::size_t size);
 
-struct HttpAnswer {
-  int curl_code = 0;      ///< CURLcode of the transfer.
-  long status = 0;        ///< 0 when there was no answer.
-  std::string body;       ///< The answer's.
-  std::string headers;    ///< The answer's.
-  std::int64_t sent = 0;  ///< Bytes of the request's body.
-};
-
 /// A part of a form: a file (path in `value`) or a text.
 struct FormPart {
   std::string name;
@@ -119,11 +112,11 @@ struct FormPart {
 std::vector<FormPart> DeviceForm(const std::filesystem::path& file, const std::string& serial_number,
                                  const std::vector<std::string>& apps);
 
-HttpAnswer PostForm(const std::string& url, const std::vector<std::string>& headers,
-                    const std::vector<FormPart>& parts);
+ReceivedAnswer PostForm(const std::string& url, const std::vector<std::string>& headers,
+                        const std::vector<FormPart>& parts);
 /// @param body  Nothing for a request without one.
-HttpAnswer Request(const std::string& method, const std::string& url, const std::vector<std::string>& headers,
-                   const std::optional<std::string>& body);
+ReceivedAnswer Request(const std::string& method, const std::string& url,
+                       const std::vector<std::string>& headers, const std::optional<std::string>& body);
 
 /// A bare connection to the service's HTTP port, for requests that no library would send.
 class RawHttp {

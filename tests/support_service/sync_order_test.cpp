@@ -87,8 +87,8 @@ TEST_F(SyncOrderTest, EverythingIsOnDiskBeforeAnybodyHearsOfIt) {
   ASSERT_TRUE(Eventually([&] { return program_.Output().find(id + " accepted") != std::string::npos; }));
   Forget();
   WriteFile(temp_.path() / "debug.dat", "archive");
-  const HttpAnswer upload = PostForm(css_url_ + "/orvane/ps_files", {"AUTH-TOKEN: " + token},
-                                     DeviceForm(temp_.path() / "debug.dat", "SN1", {}));
+  const ReceivedAnswer upload = PostForm(css_url_ + "/orvane/ps_files", {"AUTH-TOKEN: " + token},
+                                         DeviceForm(temp_.path() / "debug.dat", "SN1", {}));
   ASSERT_EQ(upload.status, 200) << upload.body;
   ExpectNext("sync ", "/incoming/");
   ExpectNext("name ", "/archives/" + id + "-1.dat");
@@ -98,8 +98,8 @@ TEST_F(SyncOrderTest, EverythingIsOnDiskBeforeAnybodyHearsOfIt) {
 
   // A report: database, answer.
   Forget();
-  const HttpAnswer report = Request("POST", css_url_ + "/orvane/ps_results", {"AUTH-TOKEN: " + token},
-                                    R"({"status": "Success", "serial_number": "SN1"})");
+  const ReceivedAnswer report = Request("POST", css_url_ + "/orvane/ps_results", {"AUTH-TOKEN: " + token},
+                                        R"({"status": "Success", "serial_number": "SN1"})");
   ASSERT_EQ(report.status, 200) << report.body;
   ExpectNext("sync ", "/tickets.db-wal");
   ExpectNext("send HTTP/1.1 200", "");

@@ -1,4 +1,4 @@
-#include "css_server.h"
+#include "css_exchange.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,12 +27,12 @@ class CssServerTest : public ServiceTest {
     return path;
   }
 
-  HttpAnswer Upload(const std::string& token, const fs::path& file,
-                    const std::vector<std::string>& apps = {"a"}) {
+  ReceivedAnswer Upload(const std::string& token, const fs::path& file,
+                        const std::vector<std::string>& apps = {"a"}) {
     return PostForm(UploadUrl(), {Auth(token)}, DeviceForm(file, "SN1", apps));
   }
 
-  HttpAnswer Report(const std::string& token, const std::string& body) {
+  ReceivedAnswer Report(const std::string& token, const std::string& body) {
     return Request("POST", ReportUrl(), {"Content-Type: application/json", Auth(token)}, body);
   }
 
@@ -54,7 +54,7 @@ class CssServerTest : public ServiceTest {
     return response.substr(std::min(response.size(), response.find("\r\n\r\n") + 4));
   }
 
-  void ExpectRefusal(const HttpAnswer& answer, long status) {
+  void ExpectRefusal(const ReceivedAnswer& answer, long status) {
     EXPECT_EQ(answer.curl_code, 0);
     EXPECT_EQ(answer.status, status) << answer.body;
     const Json::Value value = ParseJson(answer.body);
@@ -87,7 +87,7 @@ class CssServerTest : public ServiceTest {
   /// Each request with the token is refused at its headers.
   void ExpectGone(const Delivered& ticket) {
     // More than 1 MiB: libcurl asks with "Expect: 100-continue" first.
-    const HttpAnswer upload = Upload(ticket.token, MakeFile(std::string(std::size_t{2} << 20U, 'x')));
+    const ReceivedAnswer upload = Upload(ticket.token, MakeFile(std::string(std::size_t{2} << 20U, 'x')));
     ExpectRefusal(upload, 410);
     EXPECT_EQ(upload.sent, 0);
     ExpectRefusal(Report(ticket.token, kReport), 410);
@@ -133,7 +133,7 @@ TEST_F(CssServerTest, UploadIsKeptByteForByte) {
   Start();
   const auto ticket = AcceptTicket();
   const std::string content = AwkwardData(std::size_t{3} * 1024 * 1024 + 17);
-  const HttpAnswer answer = Upload(ticket.token, MakeFile(content), {"web", "db", "web"});
+  const ReceivedAnswer answer = Upload(ticket.token, MakeFile(content), {"web", "db", "web"});
   EXPECT_EQ(answer.status, 200) << answer.body;
   EXPECT_EQ(ParseJson(answer.body), ParseJson(R"({"success":true})"));
   EXPECT_TRUE(ReadFile(ArchiveOf(ticket.id)) == content);
@@ -156,7 +156,7 @@ TEST_F(CssServerTest, AwkwardSizesAreKeptByteForByte) {
   const auto ticket = AcceptTicket();
   for (const std::size_t size : {0U, 1U, 2U, 4095U, 65536U, 131072U, 262143U, 262144U, 300001U}) {
     const std::string content = AwkwardData(size);
-    const HttpAnswer answer = Upload(ticket.token, MakeFile(content));
+    const ReceivedAnswer answer = Upload(ticket.token, MakeFile(content));
     EXPECT_EQ(answer.status, 200) << size << " " << answer.body;
     const Archive archive = NewestArchive(ticket.id);
     EXPECT_TRUE(ReadFile(ArchiveOf(ticket.id, archive.version)) == content) << size;
@@ -189,7 +189,8 @@ TEST_F(CssServerTest, AppsPartsOutOfOrderAreRefused) {
 TEST_F(CssServerTest, EmptySerialNumberIsAccepted) {
   Start();
   const auto ticket = AcceptTicket();
-  const HttpAnswer answer = PostForm(UploadUrl(), {Auth(ticket.token)}, DeviceForm(MakeFile("x"), "", {""}));
+  const ReceivedAnswer answer =
+      PostForm(UploadUrl(), {Auth(ticket.token)}, DeviceForm(MakeFile("x"), "", {""}));
   EXPECT_EQ(answer.status, 200) << answer.body;
   EXPECT_EQ(NewestArchive(ticket.id).version, 1U);
   EXPECT_EQ(NewestArchive(ticket.id).serial_number, "");
@@ -203,7 +204,7 @@ TEST_F(CssServerTest, WrongTokenIsRefusedBeforeTheBodyIsSent) {
   for (const std::string& header : {std::string("X-None: 1"), Auth(std::string(64, '0')), Auth(""),
                                     Auth(ticket.token + "0"), Auth(ticket.token.substr(1))}) {
     // More than 1 MiB: libcurl asks with "Expect: 100-continue" first.
-    const HttpAnswer answer = PostForm(UploadUrl(), {header}, DeviceForm(file, "SN1", {}));
+    const ReceivedAnswer answer = PostForm(UploadUrl(), {header}, DeviceForm(file, "SN1", {}));
     ExpectRefusal(answer, 401);
     EXPECT_EQ(answer.sent, 0) << header;
   }
@@ -374,7 +375,7 @@ TEST_F(CssServerTest, UnknownPathsAndMethodsGetJsonToo) {
     ExpectRefusal(Request("POST", url + path, {Auth(ticket.token)}, "body"), 404);
   }
   for (const std::string method : {"GET", "PUT", "DELETE", "OPTIONS", "PATCH"}) {
-    const HttpAnswer answer = Request(method, UploadUrl(), {Auth(ticket.token)}, std::nullopt);
+    const ReceivedAnswer answer = Request(method, UploadUrl(), {Auth(ticket.token)}, std::nullopt);
     ExpectRefusal(answer, 405);
     EXPECT_THAT(answer.headers, HasSubstr("Allow: POST"));
     ExpectRefusal(Request(method, ReportUrl(), {Auth(ticket.token)}, "body"), 405);
@@ -415,7 +416,7 @@ TEST_F(CssServerTest, FormWithAPartTwiceIsRefused) {
   for (const std::size_t twice : {0U, 1U}) {
     auto form = DeviceForm(MakeFile("x"), "SN1", {});
     form.push_back(form[twice]);
-    const HttpAnswer answer = PostForm(UploadUrl(), {Auth(ticket.token)}, form);
+    const ReceivedAnswer answer = PostForm(UploadUrl(), {Auth(ticket.token)}, form);
     ExpectRefusal(answer, 400);
     // Not what the parser makes of having been stopped.
     EXPECT_THAT(answer.body, HasSubstr("the form has a second \\\"" + form[twice].name));
@@ -543,7 +544,7 @@ TEST_F(CssServerTest, RepeatedUploadIsTakenAndKeptOnce) {
   const auto ticket = AcceptTicket();
   EXPECT_EQ(Upload(ticket.token, MakeFile("first")).status, 200);
   EXPECT_EQ(Upload(ticket.token, MakeFile("second")).status, 200);
-  const HttpAnswer again = Upload(ticket.token, MakeFile("first"));
+  const ReceivedAnswer again = Upload(ticket.token, MakeFile("first"));
   EXPECT_EQ(again.status, 200);
   EXPECT_EQ(ParseJson(again.body), ParseJson(R"({"success":true})"));
   EXPECT_TRUE(events_.Has("ticket " + ticket.id + " upload repeated: sha256 " + Sha256("first")));
@@ -678,7 +679,8 @@ TEST_F(CssServerTest, ArchiveThatCannotBeKeptIsRefusedAndTheNextOneTaken) {
   Start();
   const auto ticket = AcceptTicket();
   fs::remove(settings_.data_folder / "incoming");
-  const HttpAnswer answer = Upload(ticket.token, MakeFile(std::string(std::size_t{3} * 1024 * 1024, 'x')));
+  const ReceivedAnswer answer =
+      Upload(ticket.token, MakeFile(std::string(std::size_t{3} * 1024 * 1024, 'x')));
   ExpectRefusal(answer, 500);
   EXPECT_THAT(answer.body, Not(HasSubstr(temp_.path().string())));
   EXPECT_TRUE(events_.Has("upload failed: cannot make a file"));
@@ -696,7 +698,7 @@ TEST_F(CssServerTest, ReportEndsTheTicket) {
   Start();
   const auto ticket = AcceptTicket();
   EXPECT_EQ(Upload(ticket.token, MakeFile("x")).status, 200);
-  const HttpAnswer answer = Report(ticket.token, R"({"serial_number":"SN1","status":"Success"})");
+  const ReceivedAnswer answer = Report(ticket.token, R"({"serial_number":"SN1","status":"Success"})");
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(ParseJson(answer.body), ParseJson(R"({"success":true})"));
   EXPECT_EQ(Remembered(ticket.id).report, "Success");
@@ -725,7 +727,7 @@ TEST_F(CssServerTest, RepeatedReportIsTakenAndChangesNothing) {
   const EventNumber last = Remembered(ticket.id).last_event;
   for (const char* status : {"Success", "Failed to generate debug file"}) {
     const std::string body = std::string(R"({"serial_number":"SN1","status":")") + status + "\"}";
-    const HttpAnswer again = Report(ticket.token, body);
+    const ReceivedAnswer again = Report(ticket.token, body);
     EXPECT_EQ(again.status, 200);
     EXPECT_EQ(ParseJson(again.body), ParseJson(R"({"success":true})"));
   }

@@ -1,0 +1,78 @@
+/// An HTTP server: a listening socket, with or without TLS, and the threads behind it. What requests mean is its
+/// factory's business.
+///
+/// Bodies are worked on as they arrive, in the threads of the HTTP library. A complete request waits for its answer
+/// without a thread, and so does an event stream for its next piece.
+///
+/// Requests that are no well-formed HTTP get a page of the HTTP library's, which has no hook for them. A refused body
+/// of unknown length is cut off behind RefusedExchange::kMaxDroppedBytes.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "event_log.h"
+#include "http_exchange.h"
+#include "http_request.h"
+#include "listen_address.h"
+
+namespace TarvoOrvane::SupportService {
+
+struct HttpParts;
+
+/// Files in PEM form. The certificate and the key are read anew when they change; the authority at the start only.
+struct TlsSettings {
+  std::filesystem::path certificate;  ///< The server's; those that lead to its authority may follow it.
+  std::filesystem::path key;          ///< The certificate's, without a passphrase.
+  /// Clients are asked for certificates only with this: of the authorities that issue them. A client without a valid
+  /// one can connect all the same, and has no HttpRequest::certificate_name().
+  std::optional<std::filesystem::path> client_authority;
+};
+
+struct HttpSettings {
+  ListenAddress address;                ///< Port 0 lets the kernel choose; url() tells which.
+  std::optional<TlsSettings> tls;       ///< Without it plaintext.
+  std::chrono::seconds idle_limit{60};  ///< A connection on which nothing moves for so long is ended.
+  /// From a connection's start, or the former answer on it, to the end of a request's head.
+  std::chrono::seconds head_limit{30};
+  /// A thread waits for the disk while a piece of a body is written; the others go on meanwhile. More than one.
+  unsigned int threads = 4;
+  unsigned int connections = 1000;  ///< More of them wait to be accepted.
+  /// More from one IP address are closed. Unix sockets have no such limit.
+  unsigned int connections_per_address = 200;
+};
+
+/// Used by the thread that made it.
+class HttpServer {
+ public:
+  /// Looks at a request's head, and makes the object that takes the rest of it; never null. Runs in the server's
+  /// threads, for several requests at a time. An exception ends the connection without an answer.
+  using Factory = std::function<std::unique_ptr<Exchange>(HttpRequest&)>;
+
+  /// Starts serving.
+  /// @param events  Told when the certificate was replaced or can't be, and when no more connections can be accepted.
+  ///                What strangers do does not become lines.
+  /// @throws std::runtime_error when the address can't be listened on or TLS files can't be used: what is wrong with
+  ///         which one, and what to do.
+  HttpServer(const HttpSettings& settings, Factory factory, const EventSink& events);
+
+  /// Waits until complete requests have their answers, ends event streams, and then all connections.
+  ~HttpServer();
+
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+
+  /// http://ADDRESS:PORT or https://ADDRESS:PORT, with the port that the kernel chose; unix:/path.
+  [[nodiscard]] const std::string& url() const { return url_; }
+
+ private:
+  std::unique_ptr<HttpParts> parts_;
+  std::string url_;
+  std::string unix_path_;  ///< Empty for TCP.
+};
+
+}  // namespace TarvoOrvane::SupportService
