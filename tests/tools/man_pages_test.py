@@ -5,6 +5,9 @@ Tells whether the pages of the manual (docs/man) say what is so: each program ha
 --help, each page is rendered by scdoc without an error, belongs to one Debian package, and refers to no page that there
 is not. Also whether CHANGELOG.md tells of the version that debian/changelog names.
 
+The page of a program with subcommands tells of each in its section COMMANDS, under the subcommand's words ("## users
+add"), with exactly the options of that subcommand's --help. Those that all have (-h, --help) stand under OPTIONS alone.
+
 Exit status 77 where scdoc is missing and all else is well.
 """
 
@@ -18,9 +21,10 @@ from pathlib import Path
 SKIPPED = 77
 # It takes no arguments.
 WITHOUT_OPTIONS = {"debug_dat_transmitter"}
+OF_EVERY_COMMAND = {"-h", "--help"}
 OPTION = re.compile(r"(?<![\w-])(-\w|--[a-z][a-z-]*)(?![\w-])")
 # What stands in the SEE ALSO of other people's pages is theirs.
-OWN_NAMES = re.compile(r"\*((?:debug_dat_|support_|ticket|tarvomib)[\w.]*)\*\((\d)\)")
+OWN_NAMES = re.compile(r"\*((?:debug_dat_|support_|supportctl|ticket|tarvomib)[\w.]*)\*\((\d)\)")
 
 
 def is_declaration(line: str) -> bool:
@@ -28,9 +32,15 @@ def is_declaration(line: str) -> bool:
     return line.startswith("*-")
 
 
-def options_of_page(text: str) -> set[str]:
-    """What the page's section OPTIONS tells of."""
-    section = text.partition("\n# OPTIONS\n")[2].partition("\n# ")[0]
+def section_of(text: str, title: str) -> str:
+    """What stands under this title, up to the next one of its rank; nothing where there is no such title."""
+    rank = title.partition(" ")[0]
+    begin = re.search(rf"^{re.escape(title)}$", text, re.MULTILINE)
+    return re.split(rf"^{'#' if rank == '#' else '##?'} ", text[begin.end():], flags=re.MULTILINE)[0] if begin else ""
+
+
+def options_of_section(section: str) -> set[str]:
+    """What it tells of."""
     return {option for line in section.splitlines() if is_declaration(line) for option in OPTION.findall(line)}
 
 
@@ -40,20 +50,56 @@ def options_of_help(text: str) -> set[str]:
     return {option for head in heads for option in OPTION.findall(head.replace(",", " "))}
 
 
+def subcommands_of_help(text: str) -> list[str]:
+    """The names in its list of subcommands."""
+    listed = re.search(r"^Subcommands:\n((?: +\S.*\n)+)", text, re.MULTILINE)
+    return re.findall(r"^ {2}(\w\S*)", listed.group(1), re.MULTILINE) if listed else []
+
+
+def helps_of(program: Path, command: str = "") -> dict[str, str]:
+    """The text of the program's --help under "", and those of its subcommands under their words."""
+    done = subprocess.run([program, *command.split(), "--help"], stdout=subprocess.PIPE, text=True, timeout=300,
+                          check=False)
+    if done.returncode != 0 or not done.stdout:
+        raise ChildProcessError(f"{program} {command} --help ended with status {done.returncode}")
+    helps = {command: done.stdout}
+    for name in subcommands_of_help(done.stdout):
+        helps |= helps_of(program, f"{command} {name}".strip())
+    return helps
+
+
+def faults_of_commands(page: Path, text: str, helps: dict[str, str]) -> Iterator[str]:
+    """Subcommands that the page does not tell of, and others that it does."""
+    told = set(re.findall(r"^## (.*)$", section_of(text, "# COMMANDS"), re.MULTILINE))
+    real = set(helps) - {""}
+    # One that does nothing without a further word needs no place of its own.
+    groups = {command for command in real if re.search(r"^Usage: .* SUBCOMMAND$", helps[command], re.MULTILINE)}
+    for command in sorted(real - groups - told):
+        yield f"{page}: has no section for the command {command}"
+    for command in sorted(told - real):
+        yield f"{page}: tells of the command {command}, which --help does not show"
+
+
 def faults_of_options(page: Path, program: Path) -> Iterator[str]:
     """How the page and the program's --help differ."""
     text = page.read_text(encoding="utf-8")
-    done = subprocess.run([program, "--help"], stdout=subprocess.PIPE, text=True, timeout=300, check=False)
-    if done.returncode != 0 or not done.stdout:
-        yield f"{program} --help ended with status {done.returncode}"
+    try:
+        helps = helps_of(program)
+    except ChildProcessError as error:
+        yield str(error)
         return
-    told, real = options_of_page(text), options_of_help(done.stdout)
-    for option in sorted(real - told):
-        yield f"{page}: says nothing of {option}"
-    for option in sorted(told - real):
-        yield f"{page}: tells of {option}, which {program.name} --help does not show"
-    # Anywhere else: an example may have another program's option, if --help has the same example.
-    known = real | told | set(OPTION.findall(done.stdout))
+    yield from faults_of_commands(page, text, helps)
+    known = set()
+    for command, help_text in helps.items():
+        told = options_of_section(section_of(text, f"## {command}" if command else "# OPTIONS"))
+        real = options_of_help(help_text) - (OF_EVERY_COMMAND if command else set())
+        name = f"{program.name} {command}".strip()
+        for option in sorted(real - told):
+            yield f"{page}: says nothing of {option} of {name}"
+        for option in sorted(told - real):
+            yield f"{page}: tells of {option}, which {name} --help does not show"
+        # Anywhere else: an example may have another program's option, if --help has the same example.
+        known |= real | told | set(OPTION.findall(help_text))
     for option in sorted({name for name in OPTION.findall(text) if name.startswith("--")} - known):
         yield f"{page}: mentions {option}, which {program.name} does not have"
 
