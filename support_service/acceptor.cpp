@@ -44,17 +44,14 @@ void Acceptor::NoteEnd() {
   if (open_.fetch_sub(1) == most_) Wake();
 }
 
-void Acceptor::Wake() const {
-  const std::uint64_t once = 1;
-  static_cast<void>(write(wake_fd_, &once, sizeof(once)));
-}
+void Acceptor::Wake() const { eventfd_write(wake_fd_, 1); }
 
 void Acceptor::Run() {
   while (!ending_) {
     std::array<pollfd, 2> targets = {{{wake_fd_, POLLIN, 0}, {open_ < most_ ? listener_ : -1, POLLIN, 0}}};
     if (poll(targets.data(), targets.size(), -1) == -1) continue;
-    std::uint64_t count = 0;
-    if (targets[0].revents != 0) static_cast<void>(read(wake_fd_, &count, sizeof(count)));
+    eventfd_t count = 0;
+    if (targets[0].revents != 0) eventfd_read(wake_fd_, &count);
     if (targets[1].revents != 0) AcceptOne();
   }
 }

@@ -152,7 +152,9 @@ void ArchiveStore::Reconcile(const Store& store, const EventSink& events) const 
     unknown.insert(file.path().filename().string());
   }
   for (const ArchiveName& archive : store.Archives()) {
-    if (unknown.erase(NameOf(archive.ticket_id, archive.version)) == 1) continue;
+    const bool is_there = unknown.erase(NameOf(archive.ticket_id, archive.version)) == 1;
+    if (archive.deleted && is_there) Remove(archive.ticket_id, archive.version);
+    if (archive.deleted || is_there) continue;
     events("ticket " + archive.ticket_id +
            ": its archive is missing: " + PathOf(archive.ticket_id, archive.version).string());
   }

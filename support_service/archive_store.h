@@ -95,8 +95,8 @@ class ArchiveStore {
   /// @throws std::system_error when it can't be deleted.
   void Remove(const std::string& ticket_id, std::uint64_t version) const;
 
-  /// Compares the files with what the store knows, before anything is served: puts aside what it does not know, and
-  /// tells of what is missing. The store may be a backup, so nothing is deleted.
+  /// Compares the files with what the store knows, before anything is served: puts aside what it does not know, tells
+  /// of what is missing, and deletes what is known to be deleted. The store may be a backup, so nothing else is deleted.
   /// @param events  Takes a line for each difference.
   /// @throws StoreError or std::exception when one of them can't be read.
   void Reconcile(const Store& store, const EventSink& events) const;

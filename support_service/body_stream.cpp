@@ -147,8 +147,7 @@ BodyStreams::BodyStreams()
 
 BodyStreams::~BodyStreams() {
   End();
-  const std::uint64_t once = 1;
-  static_cast<void>(write(wake_fd_, &once, sizeof(once)));
+  eventfd_write(wake_fd_, 1);
   thread_.join();
   close(wake_fd_);
   close(epoll_fd_);

@@ -248,6 +248,15 @@ bool IsKeyOf(const X509* certificate, const EVP_PKEY* key) {
   return EVP_PKEY_eq(X509_get0_pubkey(certificate), key) == 1;
 }
 
+std::optional<std::string> CommonNameOf(const X509* certificate) {
+  const X509_NAME* subject = X509_get_subject_name(certificate);
+  const int place = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
+  if (place == -1 || X509_NAME_get_index_by_NID(subject, NID_commonName, place) != -1) return std::nullopt;
+  const ASN1_STRING* name = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, place));
+  const auto* bytes = reinterpret_cast<const char*>(ASN1_STRING_get0_data(name));
+  return std::string(bytes, static_cast<std::size_t>(ASN1_STRING_length(name)));
+}
+
 WallTime BeginOf(const X509* certificate) { return WallTimeOf(X509_get0_notBefore(certificate)); }
 
 WallTime EndOf(const X509* certificate) { return WallTimeOf(X509_get0_notAfter(certificate)); }

@@ -7,6 +7,7 @@
 #include <openssl/x509.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -72,6 +73,9 @@ struct Signer {
 
 /// Whether that is the private key of the certificate.
 [[nodiscard]] bool IsKeyOf(const X509* certificate, const EVP_PKEY* key);
+
+/// The common name of its subject, byte for byte; nothing when there is none, or more than one.
+[[nodiscard]] std::optional<std::string> CommonNameOf(const X509* certificate);
 
 /// When it begins and ends to be valid; a time before 1881 or after 2147 is told as about then.
 [[nodiscard]] WallTime BeginOf(const X509* certificate);

@@ -19,6 +19,7 @@ struct CssDesk {
   const ArchiveStore& archives;  ///< Where archives go.
   DiskWorkers& disk;             ///< Waits until they are there.
   DiskRoom& room;                ///< Has to promise room before they come.
+  Trust trust;                   ///< How devices are known.
   std::uint64_t largest_upload;  ///< In bytes, with all that a form adds.
   LimitedEvents strangers;       ///< What anybody can cause becomes lines, as far as they are not too many.
   EventSink events;              ///< What devices with a ticket do.

@@ -45,6 +45,7 @@ const Answer kNotKept = {MHD_HTTP_INTERNAL_SERVER_ERROR, "it could not be kept"}
 const Answer kTooManyVersions = {MHD_HTTP_CONFLICT, "the ticket has as many archives as are kept of one"};
 const Answer kUnwanted = {MHD_HTTP_GONE, "the ticket has come to its end"};
 
+const Answer kBlocked = {MHD_HTTP_FORBIDDEN, "the device is blocked"};
 const Answer kNoRoom = {MHD_HTTP_INSUFFICIENT_STORAGE, "no space left to keep it"};
 
 std::string TooLargeText(std::uint64_t limit) {
@@ -60,8 +61,15 @@ Answer StorageFailure(const std::exception& failure) {
   return kNotKept;
 }
 
-/// The "status" of a report's text, which must be an object with two strings; nothing with the reason otherwise.
-std::optional<std::string> ParseReport(const std::string& body, std::string& why) {
+const Answer kOtherDevice = {MHD_HTTP_FORBIDDEN, "the serial number is another device's"};
+
+/// Whether a device that says so may be the one that has the ticket. One that can't read its number says nothing.
+bool IsSerialOf(const Ticket& ticket, const std::string& serial_number) {
+  return serial_number.empty() || serial_number == ticket.device;
+}
+
+/// The "status" of a report's text, which must be an object with two strings; nothing with the refusal otherwise.
+std::optional<std::string> ParseReport(const std::string& body, const Ticket& ticket, Answer& refusal) {
   // Strict: what jsoncpp takes beyond JSON is not what a device sends.
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
@@ -69,15 +77,20 @@ std::optional<std::string> ParseReport(const std::string& body, std::string& why
   Json::Value value;
   try {
     if (!reader->parse(body.data(), body.data() + body.size(), &value, nullptr)) {
-      why = "the report is no JSON text";
+      refusal = {MHD_HTTP_BAD_REQUEST, "the report is no JSON text"};
       return std::nullopt;
     }
-  } catch (const std::exception&) {  // nested too deeply
-    why = "the report is nested too deeply";
+  } catch (const std::exception&) {
+    refusal = {MHD_HTTP_BAD_REQUEST, "the report is nested too deeply"};
     return std::nullopt;
   }
   if (!value.isObject() || !value["status"].isString() || !value["serial_number"].isString()) {
-    why = "the report must be an object with the strings \"status\" and \"serial_number\"";
+    refusal = {MHD_HTTP_BAD_REQUEST,
+               R"(the report must be an object with the strings "status" and "serial_number")"};
+    return std::nullopt;
+  }
+  if (!IsSerialOf(ticket, value["serial_number"].asString())) {
+    refusal = kOtherDevice;
     return std::nullopt;
   }
   return value["status"].asString();
@@ -131,6 +144,9 @@ void UploadExchange::Finish(AnswerSink done) {
   // An archive without a number is as incomplete as a number without an archive.
   if (answer_.error.empty() && (!archive_ || !has_serial_number_)) {
     Fail(MHD_HTTP_BAD_REQUEST, "the form needs the parts \"debug_file\" and \"serial_number\"");
+  }
+  if (answer_.error.empty() && !IsSerialOf(ticket_, upload_.serial_number)) {
+    Fail(kOtherDevice.http_status, kOtherDevice.error);
   }
   if (!answer_.error.empty()) {
     desk_.events("ticket " + ticket_.id + " upload refused: " + answer_.error);
@@ -223,7 +239,9 @@ void UploadExchange::Publish(const CssSink& done) {
     upload_.size_bytes = archive_->size_bytes();
     upload_.sha256 = archive_->sha256();
     upload_.received = Now().wall;
-    const std::uint64_t after = ticket_.archives.empty() ? 0 : ticket_.archives.back().version;
+    // As it is now: one that has come since may have been deleted, and its version is not free.
+    const auto ticket = desk_.store.Find(ticket_.number);
+    const std::uint64_t after = !ticket || ticket->archives.empty() ? 0 : ticket->archives.back().version;
     upload_.version = desk_.archives.Publish(*archive_, ticket_.id, after);
   } catch (const std::exception& failure) {
     desk_.events("ticket " + ticket_.id + " upload failed: " + failure.what());
@@ -240,6 +258,17 @@ void UploadExchange::Record(const CssSink& done) {
       [this, fate, done](const std::string& fault) { Conclude(fault, *fate, done); });
 }
 
+namespace {
+
+/// @param fate  Of an archive that is not kept.
+const Answer& AnswerTo(UploadFate fate) {
+  if (fate == UploadFate::kTooMany) return kTooManyVersions;
+  if (fate == UploadFate::kTaken) return kNotKept;
+  return fate == UploadFate::kBlocked ? kBlocked : kUnwanted;
+}
+
+}  // namespace
+
 void UploadExchange::Conclude(const std::string& fault, UploadFate fate, const CssSink& done) {
   if (fault.empty() && fate == UploadFate::kKept) return done({});
   if (fault.empty() && fate == UploadFate::kRepeated) {
@@ -254,7 +283,7 @@ void UploadExchange::Conclude(const std::string& fault, UploadFate fate, const C
     }
   });
   Answer answer = kNotKept;
-  if (fault.empty()) answer = fate == UploadFate::kTooMany ? kTooManyVersions : kUnwanted;
+  if (fault.empty()) answer = AnswerTo(fate);
   desk_.events("ticket " + ticket_.id + " upload failed: " + (fault.empty() ? answer.error : fault));
   done(answer);
 }
@@ -264,7 +293,10 @@ void UploadExchange::KeepFormer(const CssSink& done) {
   try {
     const auto ticket = desk_.store.Find(ticket_.number);
     for (const Archive& former : ticket ? ticket->archives : std::vector<Archive>()) {
-      if (former.sha256 == upload_.sha256) {
+      if (former.sha256 != upload_.sha256) continue;
+      if (former.deleted) {
+        desk_.archives.Remove(ticket_.id, upload_.version);  // it was not to be kept
+      } else {
         desk_.archives.KeepOne(ticket_.id, former.version, upload_.version);
       }
     }
@@ -287,12 +319,11 @@ Answer ReportExchange::TooLarge() {
 }
 
 void ReportExchange::Finish(AnswerSink done) {
-  std::string why;
-  const auto status = too_large_ ? std::nullopt : ParseReport(body_, why);
+  Answer refusal = TooLarge();
+  const auto status = too_large_ ? std::nullopt : ParseReport(body_, ticket_, refusal);
   if (!status) {
-    const Answer answer = too_large_ ? TooLarge() : Answer{MHD_HTTP_BAD_REQUEST, why};
-    desk_.events("ticket " + ticket_.id + " report refused: " + answer.error);
-    return done(ToHttpAnswer(answer));
+    desk_.events("ticket " + ticket_.id + " report refused: " + refusal.error);
+    return done(ToHttpAnswer(refusal));
   }
   const auto taken = std::make_shared<bool>(false);
   desk_.dispatcher.Post(
@@ -309,6 +340,22 @@ void ReportExchange::Abort(const std::string& cause) {
   desk_.events("ticket " + ticket_.id + " report refused: " + cause);
 }
 
+namespace {
+
+/// Why the sender is not the ticket's device, or is not to get in; empty if it is and may.
+/// @throws StoreError when the store can't be read.
+std::string StrangerFault(const CssDesk& desk, const HttpRequest& request, const Ticket& ticket) {
+  const auto& name = request.certificate_name();
+  if (desk.trust != Trust::kAllowList && name != ticket.device) {
+    return name ? "the certificate is not that of the ticket's device" : "a certificate is needed";
+  }
+  const auto device = desk.store.FindDevice(ticket.device);
+  if (!device) return "the device is not enrolled";
+  return device->blocked ? "the device is blocked" : "";
+}
+
+}  // namespace
+
 std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, const HttpRequest& request) {
   const auto refuse = [&](unsigned int status, const std::string& error) {
     desk.strangers.Write("request refused: " + Printable(request.method(), 16) + " " +
@@ -323,18 +370,28 @@ std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, const HttpRequest& reques
   if (request.method() != MHD_HTTP_METHOD_POST) {
     return refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only POST is allowed");
   }
-  // The token alone tells who sends. It is in no line: a refused one may be another service's.
+  // The token tells which ticket it is about. It is in no line: a refused one may be another service's.
   const auto token = request.Header("AUTH-TOKEN");
   if (!token) return refuse(MHD_HTTP_UNAUTHORIZED, "the AUTH-TOKEN header is missing");
   std::optional<Ticket> ticket;
+  std::string fault;
   try {
     ticket = desk.store.FindByToken(HashOf(*token));
+    if (ticket) fault = StrangerFault(desk, request, *ticket);
   } catch (const StoreError& failure) {
     // What went wrong names paths of this machine, which are for the log and not for a client.
     desk.strangers.Write(std::string("tokens can't be looked up: ") + failure.what());
     return refuse(kNotKept.http_status, kNotKept.error);
   }
   if (!ticket) return refuse(MHD_HTTP_UNAUTHORIZED, "the AUTH-TOKEN is not known");
+  if (!fault.empty()) {
+    const auto& name = request.certificate_name();
+    const Actor actor{name ? "device " + *name : "a stranger", request.peer()};
+    desk.dispatcher.Post([actor, id = ticket->id, fault](TicketBook& book) {
+      book.registry().RecordRefusal(actor, "request refused", id, fault);
+    });
+    return refuse(MHD_HTTP_FORBIDDEN, fault);
+  }
   if (!TakesRequests(*ticket, Now().wall)) {
     return refuse(kUnwanted.http_status, "ticket " + ticket->id + " is " + ToText(ticket->state));
   }

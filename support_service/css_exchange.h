@@ -41,6 +41,7 @@ class UploadExchange final : public Exchange {
   bool TakeBody(std::string_view data) override;
   void Finish(AnswerSink done) override;
   void Abort(const std::string& cause) override;
+  [[nodiscard]] bool IsShort() const override { return false; }
 
  private:
   // The library's parser calls OnPart() with each piece of each part; the others carry it out.
@@ -81,6 +82,7 @@ class ReportExchange final : public Exchange {
   bool TakeBody(std::string_view data) override;
   void Finish(AnswerSink done) override;
   void Abort(const std::string& cause) override;
+  [[nodiscard]] bool IsShort() const override { return false; }
 
   /// The largest report that is read; a device's has less than a hundredth of it.
   static constexpr std::size_t kMaxBytes = std::size_t{64} * 1024;
@@ -94,7 +96,8 @@ class ReportExchange final : public Exchange {
   bool too_large_ = false;  ///< More came; it is dropped, so that the client gets its answer.
 };
 
-/// Looks at a request's head. The only place that decides who may send what: the path, the method, the token.
+/// Looks at a request's head. The only place that decides who may send what: the
+/// path, the method, the token, the certificate, and whether the device is blocked.
 /// @param desk  Lives longer than the exchange.
 /// @return The object that takes the rest of the request; a RefusedExchange when it was refused, which was then logged.
 ///         Never null.

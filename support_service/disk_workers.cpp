@@ -3,15 +3,9 @@
 #include <utility>
 
 namespace TarvoOrvane::SupportService {
-namespace {
 
-/// A disk takes several requests at a time; more of them than this only wait in another place.
-constexpr int kDiskThreads = 4;
-
-}  // namespace
-
-DiskWorkers::DiskWorkers() {
-  for (int i = 0; i < kDiskThreads; ++i) threads_.emplace_back([this] { Run(); });
+DiskWorkers::DiskWorkers(int threads) {
+  for (int i = 0; i < threads; ++i) threads_.emplace_back([this] { Run(); });
 }
 
 DiskWorkers::~DiskWorkers() {
@@ -27,6 +21,11 @@ void DiskWorkers::Post(std::function<void()> job) {
   const std::lock_guard<std::mutex> lock(mutex_);
   jobs_.push_back(std::move(job));
   changed_.notify_one();
+}
+
+std::size_t DiskWorkers::waiting() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return jobs_.size();
 }
 
 void DiskWorkers::Run() {

@@ -1,4 +1,4 @@
-/// Threads that wait for the disk, so that those that serve connections don't have to.
+/// Threads for what takes time, so that those that serve connections don't have to wait for it.
 #pragma once
 
 #include <condition_variable>
@@ -13,7 +13,7 @@ namespace TarvoOrvane::SupportService {
 class DiskWorkers {
  public:
   /// Starts the threads.
-  DiskWorkers();
+  explicit DiskWorkers(int threads = kDiskThreads);
   /// Does what was posted, and ends the threads.
   ~DiskWorkers();
   DiskWorkers(const DiskWorkers&) = delete;
@@ -22,6 +22,12 @@ class DiskWorkers {
   /// Has a thread do the job, those that were posted before first. Any thread may call it; it does not wait.
   /// @param job  Throws nothing.
   void Post(std::function<void()> job);
+
+  /// How many jobs no thread has begun.
+  [[nodiscard]] std::size_t waiting();
+
+  /// A disk takes several requests at a time; more of them than this only wait in another place.
+  static constexpr int kDiskThreads = 4;
 
  private:
   void Run();

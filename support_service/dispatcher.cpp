@@ -26,7 +26,6 @@ Dispatcher::Dispatcher(const TicketBook::Settings& settings, Store& store, Event
     : events_(std::move(events)),
       store_(store),
       book_(settings, store, events_),
-      newest_event_(store.LastEvent()),
       thread_([this] { Run(); }) {}
 
 Dispatcher::~Dispatcher() { Close(); }
@@ -34,6 +33,11 @@ Dispatcher::~Dispatcher() { Close(); }
 void Dispatcher::SetWorkSink(WorkSink sink) {
   const std::lock_guard<std::mutex> lock(sink_mutex_);
   sink_ = std::move(sink);
+}
+
+void Dispatcher::SetNewsSink(std::function<void()> sink) {
+  const std::lock_guard<std::mutex> lock(sink_mutex_);
+  news_ = std::move(sink);
 }
 
 void Dispatcher::Post(Input input, Done done) {
@@ -48,18 +52,11 @@ void Dispatcher::Post(Input input, Done done) {
   if (done) done(kShutsDown);
 }
 
-EventNumber Dispatcher::AwaitEvents(EventNumber seen, std::chrono::milliseconds limit) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  published_.wait_for(lock, limit, [&] { return closed_ || newest_event_ > seen; });
-  return newest_event_;
-}
-
 void Dispatcher::Close() {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     closed_ = true;
     posted_.notify_one();
-    published_.notify_all();
   }
   if (thread_.joinable()) thread_.join();
 }
@@ -95,7 +92,7 @@ std::deque<Dispatcher::Posted> Dispatcher::AwaitInputs() {
 /// One batch, from what happened to what is done about it.
 void Dispatcher::Handle(const std::deque<Posted>& posted) {
   std::string fault;
-  std::vector<Entry> entries;
+  std::vector<Change> changes;
   const auto attempt = [&fault](const auto& step) {
     try {
       step();
@@ -106,12 +103,12 @@ void Dispatcher::Handle(const std::deque<Posted>& posted) {
   // Each of them, whatever became of the others: where a stream began or ended, that is so in any case.
   for (const Posted& each : posted) attempt([&] { each.input(book_); });
   attempt([&] { book_.Advance(); });
-  entries = book_.TakeEntries();
-  if (fault.empty()) attempt([&] { Remember(entries); });
+  attempt([&] { changes = book_.TakeChanges(closed()); });
+  if (fault.empty()) attempt([&] { Remember(changes); });
   Work work = book_.TakeWork();
   if (fault.empty()) {
     book_.Settle();
-    Publish(entries);
+    Publish(changes);
   } else {
     // A stream that has ended has ended, whatever is remembered.
     work.deliveries.clear();
@@ -130,8 +127,8 @@ void Dispatcher::CarryOut(Work work) {
   if (sink_) sink_(std::move(work));
 }
 
-void Dispatcher::Remember(const std::vector<Entry>& entries) {
-  if (!entries.empty()) store_.Write(entries);
+void Dispatcher::Remember(const std::vector<Change>& changes) {
+  if (!changes.empty()) store_.Write(changes);
 }
 
 /// Has the book forget what could not be remembered. Until that succeeds the service knows no tickets, and serves none.
@@ -165,12 +162,17 @@ void Dispatcher::Refuse(const std::string& fault) {
 }
 
 /// Tells those who watch. Only now: what stands in a line has happened for good.
-void Dispatcher::Publish(const std::vector<Entry>& entries) {
-  for (const Entry& entry : entries) events_(LineOf(entry));
-  if (entries.empty()) return;
-  const std::lock_guard<std::mutex> lock(mutex_);
-  newest_event_ = entries.back().event.number;
-  published_.notify_all();
+void Dispatcher::Publish(const std::vector<Change>& changes) {
+  EventNumber newest = 0;
+  for (const Change& change : changes) {
+    const auto* entry = std::get_if<Entry>(&change);
+    if (entry == nullptr) continue;
+    events_(LineOf(*entry));
+    newest = entry->event.number;
+  }
+  if (newest == 0) return;
+  const std::lock_guard<std::mutex> lock(sink_mutex_);
+  if (news_) news_();
 }
 
 }  // namespace TarvoOrvane::SupportService

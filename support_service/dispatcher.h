@@ -49,6 +49,10 @@ class Dispatcher {
   /// Who carries out the work from here on; none when empty. Returns once the former one is not called any more.
   void SetWorkSink(WorkSink sink);
 
+  /// Who is told each time that the store has new events; none when empty. Called by the dispatcher's thread; must not
+  /// block. Returns once the former one is not called any more.
+  void SetNewsSink(std::function<void()> sink);
+
   /// Takes something up; does not wait. Behind Close() it is told at once that the service shuts down.
   void Post(Input input, Done done = {});
 
@@ -59,11 +63,7 @@ class Dispatcher {
   template <typename Function>
   auto Call(Function function) -> std::invoke_result_t<Function, TicketBook&>;
 
-  /// Waits until the store has events beyond that number, for at most `limit`.
-  /// @return The newest event's number.
-  EventNumber AwaitEvents(EventNumber seen, std::chrono::milliseconds limit);
-
-  /// Ends all streams, remembers what was posted before, wakes every waiting call and ends the thread. May be called
+  /// Ends all streams, remembers what was posted before, and ends the thread. May be called
   /// again.
   void Close();
   [[nodiscard]] bool closed() const;
@@ -77,11 +77,11 @@ class Dispatcher {
   void Run();
   std::deque<Posted> AwaitInputs();
   void Handle(const std::deque<Posted>& posted);
-  void Remember(const std::vector<Entry>& entries);
+  void Remember(const std::vector<Change>& changes);
   void CarryOut(Work work);
   void Recover();
   void Refuse(const std::string& fault);
-  void Publish(const std::vector<Entry>& entries);
+  void Publish(const std::vector<Change>& changes);
 
   const EventSink events_;
   Store& store_;
@@ -89,13 +89,12 @@ class Dispatcher {
 
   mutable std::mutex mutex_;  ///< Guards what follows.
   std::condition_variable posted_;
-  std::condition_variable published_;
   std::deque<Posted> inputs_;
-  EventNumber newest_event_;
   bool closed_ = false;
 
-  std::mutex sink_mutex_;  ///< Held while work is carried out.
+  std::mutex sink_mutex_;  ///< Held while one of the two is called.
   WorkSink sink_;
+  std::function<void()> news_;
   std::thread thread_;
 };
 

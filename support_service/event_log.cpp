@@ -25,7 +25,7 @@ struct LimitedEvents::Budget {
   const EventSink events;
   const Clock clock;
   std::mutex mutex;                               ///< Guards what follows.
-  std::chrono::steady_clock::time_point full_at;  ///< When all of kBurst is there again.
+  std::chrono::steady_clock::time_point full_at;  ///< From then on all of the burst may come again.
   std::uint64_t left_out = 0;
 };
 
@@ -33,13 +33,12 @@ LimitedEvents::LimitedEvents(EventSink events, Clock clock)
     : budget_(new Budget{std::move(events), std::move(clock), {}, {}, 0}) {}
 
 void LimitedEvents::Write(const std::string& event) const {
-  constexpr std::chrono::milliseconds kEach{1000 / kPerSecond};
   std::uint64_t left_out = 0;
   {
     const std::lock_guard<std::mutex> lock(budget_->mutex);
     const auto now = budget_->clock();
-    const auto full_at = std::max(budget_->full_at, now) + kEach;
-    if (full_at > now + kBurst * kEach) {
+    const auto full_at = std::max(budget_->full_at, now) + kPause;
+    if (full_at > now + kBurst * kPause) {
       ++budget_->left_out;
       return;
     }

@@ -29,9 +29,9 @@ class LimitedEvents {
   /// Passes it on, or leaves it out. The next one that is passed on follows the number of those.
   void Write(const std::string& event) const;
 
-  /// So many at once are passed on, and so many more each second.
+  /// So many at once are passed on, and one more after each pause.
   static constexpr int kBurst = 50;
-  static constexpr int kPerSecond = 5;
+  static constexpr std::chrono::milliseconds kPause{200};
 
  private:
   struct Budget;

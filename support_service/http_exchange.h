@@ -81,6 +81,9 @@ class Exchange {
   /// The connection ended before the body was complete. What came of it is dropped; the object is deleted next.
   /// @param cause  For the event line.
   virtual void Abort(const std::string& cause) = 0;
+
+  /// Whether the body has no more time than the head: it is small, or nobody knows the sender.
+  [[nodiscard]] virtual bool IsShort() const { return true; }
 };
 
 /// A request whose answer was known from its head: its body is read and dropped. Its sender may be anybody, and so gets

@@ -30,6 +30,14 @@ MHD_Result TakeParameter(void* search_pointer, MHD_ValueKind /*kind*/, const cha
   return MHD_NO;
 }
 
+MHD_Result CheckParameter(void* is_whole, MHD_ValueKind /*kind*/, const char* key, std::size_t key_size,
+                          const char* value, std::size_t value_size) {
+  const bool has_value = value == nullptr || PercentDecoded({value, value_size});
+  if (has_value && PercentDecoded({key, key_size})) return MHD_YES;
+  *static_cast<bool*>(is_whole) = false;
+  return MHD_NO;
+}
+
 }  // namespace
 
 HttpRequest::HttpRequest(MHD_Connection* connection, std::string method, std::string_view path,
@@ -49,6 +57,12 @@ std::optional<std::string> HttpRequest::Query(const std::string& name) const {
   Search search{name, std::nullopt};
   MHD_get_connection_values_n(connection_, MHD_GET_ARGUMENT_KIND, &TakeParameter, &search);
   return search.value;
+}
+
+bool HttpRequest::HasWholeQuery() const {
+  bool is_whole = true;
+  MHD_get_connection_values_n(connection_, MHD_GET_ARGUMENT_KIND, &CheckParameter, &is_whole);
+  return is_whole;
 }
 
 std::optional<std::string> HttpRequest::Cookie(const std::string& name) const {

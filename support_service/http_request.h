@@ -35,6 +35,8 @@ class HttpRequest {
   /// The first parameter of this name, decoded: "+" is a space. Nothing when it is missing or its escapes are wrong;
   /// empty where there is a name alone.
   [[nodiscard]] std::optional<std::string> Query(const std::string& name) const;
+  /// Whether every parameter can be decoded.
+  [[nodiscard]] bool HasWholeQuery() const;
   /// The first cookie of this name, as it came.
   [[nodiscard]] std::optional<std::string> Cookie(const std::string& name) const;
 

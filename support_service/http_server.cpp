@@ -24,6 +24,14 @@
 
 namespace TarvoOrvane::SupportService {
 
+HttpAnswer PlainAnswer(unsigned int status, const std::string& error) {
+  HttpAnswer answer;
+  answer.status = status;
+  answer.headers = {{MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain"}};
+  answer.body = error + "\n";
+  return answer;
+}
+
 /// At the server's end: for an answer to be taken by the system. Only a client that reads nothing needs so long.
 constexpr std::chrono::seconds kSendLimit{10};
 
@@ -69,7 +77,7 @@ class UnderWay {
 /// What the library's threads use.
 struct HttpParts {
   HttpParts(const HttpSettings& settings, HttpServer::Factory the_factory, const EventSink& events)
-      : factory(std::move(the_factory)), heads(settings.head_limit) {
+      : factory(std::move(the_factory)), own_answer(settings.own_answer), heads(settings.head_limit) {
     const LimitedEvents limited(events);
     if (settings.tls) {
       identity = std::make_unique<TlsIdentity>(settings.tls->certificate, settings.tls->key, limited);
@@ -88,6 +96,7 @@ struct HttpParts {
   HttpParts& operator=(const HttpParts&) = delete;
 
   const HttpServer::Factory factory;
+  HttpAnswer (*const own_answer)(unsigned int status, const std::string& error);
   std::unique_ptr<TlsIdentity> identity;  ///< Null for plaintext.
   std::string client_authority;           ///< In PEM form; empty where clients are asked for no certificates.
   sockaddr_storage address{};             ///< The listener's, with the port that the kernel chose.
@@ -198,24 +207,16 @@ MHD_Result Queue(HttpParts& parts, MHD_Connection* connection, HttpAnswer& answe
   return result;
 }
 
-/// For what no exchange answers.
-HttpAnswer OwnAnswer(unsigned int status, const std::string& error) {
-  HttpAnswer answer;
-  answer.status = status;
-  answer.headers = {{MHD_HTTP_HEADER_CONTENT_TYPE, "application/json"}};
-  answer.body = R"({"error":")" + error + R"(","success":false})";
-  return answer;
-}
-
 /// Has the exchange finish while the library's thread serves others. OnRequest() is called once more with its answer.
 MHD_Result FinishLater(HttpParts& parts, MHD_Connection* connection, Request& request) {
   request.finished = true;
   // What is suspended when the server ends must have been counted before.
   if (!parts.under_way.Begin()) {
-    HttpAnswer answer = OwnAnswer(MHD_HTTP_SERVICE_UNAVAILABLE, "the service shuts down");
+    HttpAnswer answer = parts.own_answer(MHD_HTTP_SERVICE_UNAVAILABLE, "the service shuts down");
     return Queue(parts, connection, answer);
   }
   request.counted = true;
+  parts.heads.End(connection);
   MHD_suspend_connection(connection);
   const auto is_answered = std::make_shared<std::atomic<bool>>(false);
   const AnswerSink done = [&under_way = parts.under_way, &request, connection,
@@ -228,7 +229,7 @@ MHD_Result FinishLater(HttpParts& parts, MHD_Connection* connection, Request& re
   try {
     request.exchange->Finish(done);
   } catch (const std::exception&) {
-    done(OwnAnswer(MHD_HTTP_INTERNAL_SERVER_ERROR, "the request failed"));
+    done(parts.own_answer(MHD_HTTP_INTERNAL_SERVER_ERROR, "the request failed"));
   }
   return MHD_YES;
 }
@@ -242,10 +243,10 @@ MHD_Result QueueFinished(HttpParts& parts, MHD_Connection* connection, Request& 
 /// The head has come.
 MHD_Result BeginRequest(HttpParts& parts, MHD_Connection* connection, Request& request) {
   request.exchange = parts.factory(request.head);
+  const Exchange& exchange = *request.exchange;
+  if (!exchange.IsShort()) parts.heads.End(connection);
   // To answer now, before the body, is for refusals alone, and only where the client can be expected to see it.
-  const auto* refused = dynamic_cast<const RefusedExchange*>(request.exchange.get());
-  // A refused one has no more time than its head had: its sender may be anybody.
-  if (refused == nullptr) parts.heads.End(connection);
+  const auto* refused = dynamic_cast<const RefusedExchange*>(&exchange);
   if (refused == nullptr || RefusedExchange::IsWorthReading(request.head)) return MHD_YES;
   request.finished = true;
   HttpAnswer answer = refused->answer();

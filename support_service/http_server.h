@@ -19,19 +19,14 @@
 #include "http_exchange.h"
 #include "http_request.h"
 #include "listen_address.h"
+#include "tls_settings.h"
 
 namespace TarvoOrvane::SupportService {
 
 struct HttpParts;
 
-/// Files in PEM form. The certificate and the key are read anew when they change; the authority at the start only.
-struct TlsSettings {
-  std::filesystem::path certificate;  ///< The server's; those that lead to its authority may follow it.
-  std::filesystem::path key;          ///< The certificate's, without a passphrase.
-  /// Clients are asked for certificates only with this: of the authorities that issue them. A client without a valid
-  /// one can connect all the same, and has no HttpRequest::certificate_name().
-  std::optional<std::filesystem::path> client_authority;
-};
+/// The error as text.
+HttpAnswer PlainAnswer(unsigned int status, const std::string& error);
 
 struct HttpSettings {
   ListenAddress address;                ///< Port 0 lets the kernel choose; url() tells which.
@@ -44,6 +39,8 @@ struct HttpSettings {
   unsigned int connections = 1000;  ///< More of them wait to be accepted.
   /// More from one IP address are closed. Unix sockets have no such limit.
   unsigned int connections_per_address = 200;
+  /// Makes the answer where no exchange can: at the server's end (503), and when one failed (500).
+  HttpAnswer (*own_answer)(unsigned int status, const std::string& error) = PlainAnswer;
 };
 
 /// Used by the thread that made it.

@@ -92,6 +92,17 @@ ListenAddress ParseListenAddress(const std::string& text, bool unix_allowed) {
   return address;
 }
 
+bool IsLocal(const ListenAddress& address) {
+  if (!address.unix_path.empty()) return true;
+  if (address.socket_address.ss_family == AF_INET6) {
+    return IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(&address.socket_address)->sin6_addr) !=
+           0;
+  }
+  constexpr std::uint32_t kLoopbackNet = 127;
+  const auto& v4 = reinterpret_cast<const sockaddr_in&>(address.socket_address);
+  return ntohl(v4.sin_addr.s_addr) >> 24 == kLoopbackNet;
+}
+
 int OpenListener(const ListenAddress& address) {
   const bool is_unix = !address.unix_path.empty();
   if (is_unix) ReplaceLeftover(address);

@@ -20,6 +20,9 @@ struct ListenAddress {
 /// @throws std::invalid_argument with what is wrong with the text, and how to write it.
 ListenAddress ParseListenAddress(const std::string& text, bool unix_allowed);
 
+/// Whether only processes of this machine can connect: a unix socket, or a loopback address.
+bool IsLocal(const ListenAddress& address);
+
 /// Listens. A unix socket's file is for the service's own user (0600), and replaces one that nobody serves.
 /// @return A non-blocking socket; the caller closes it, and removes a unix socket's file.
 /// @throws std::runtime_error when the address is in use or can't be bound.

@@ -1,21 +1,24 @@
-/// The local support service: the other end of the daemon, for running, demonstrating and testing it.
+/// The support service: the other end of the daemon.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <exception>
+#include <iostream>
 #include <stdexcept>
 #include <string>
 
 #include "options.h"
-#include "program.h"
 #include "service.h"
 
 namespace {
 
 using TarvoOrvane::SupportService::EventLog;
-using TarvoOrvane::SupportService::ParseServiceOptions;
+using TarvoOrvane::SupportService::ParseOptions;
+using TarvoOrvane::SupportService::ServiceSettings;
 using TarvoOrvane::SupportService::SupportService;
+using TarvoOrvane::SupportService::Trust;
 
 /// Blocks the signals that end the service; threads made later inherit that, so they are left for sigwait.
 sigset_t BlockEndSignals() {
@@ -34,7 +37,19 @@ void RaiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-int Serve(const TarvoOrvane::SupportService::ServiceSettings& settings) {
+/// What an operator had better know.
+void WarnAbout(const ServiceSettings& settings, const SupportService& service, EventLog& log) {
+  if (settings.tickets.trust == Trust::kAllowList) {
+    log.Write("warning: devices are believed who they are (--allow-list), use this only where nobody lies");
+  }
+  for (const std::string& url : {service.grpc_url(), service.css_url(), service.api_url()}) {
+    if (url.rfind("http://", 0) == 0) {
+      log.Write("warning: only this machine reaches what is not encrypted, " + url);
+    }
+  }
+}
+
+int Serve(const ServiceSettings& settings) {
   const sigset_t end_signals = BlockEndSignals();
   // A reader of the event lines that went away does not end the service.
   if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) throw std::runtime_error("cannot ignore SIGPIPE");
@@ -46,7 +61,9 @@ int Serve(const TarvoOrvane::SupportService::ServiceSettings& settings) {
   const SupportService service(settings, [&log](const std::string& event) { log.Write(event); });
   log.WritePlain("grpc listening on " + service.grpc_url());
   log.WritePlain("css listening on " + service.css_url());
+  if (!service.api_url().empty()) log.WritePlain("api listening on " + service.api_url());
   log.WritePlain("control socket " + service.control_socket());
+  WarnAbout(settings, service, log);
   int signal = 0;
   sigwait(&end_signals, &signal);
   log.Write("service ends: signal " + std::to_string(signal));
@@ -56,5 +73,13 @@ int Serve(const TarvoOrvane::SupportService::ServiceSettings& settings) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  return TarvoOrvane::SupportService::RunProgram("support_service", ParseServiceOptions, argc, argv, Serve);
+  try {
+    const auto parsed = ParseOptions(argc, argv);
+    if (parsed.run) return Serve(parsed.settings);
+    (parsed.exit_status == 0 ? std::cout : std::cerr) << parsed.text;
+    return parsed.exit_status;
+  } catch (const std::exception& error) {
+    std::cerr << "support_service: " << error.what() << "\n";
+    return 1;
+  }
 }

@@ -1,10 +1,17 @@
 #include "notification_front.h"
 
+#include <grpc/grpc_security_constants.h>
+#include <grpc/support/log.h>
+#include <grpcpp/security/tls_certificate_provider.h>
+#include <grpcpp/security/tls_credentials_options.h>
+
 #include <chrono>
 #include <deque>
 #include <stdexcept>
 #include <utility>
 #include <vector>
+
+#include "certificate.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -28,6 +35,8 @@ grpc::Status StatusFor(const StreamEnd& end) {
       return {grpc::StatusCode::FAILED_PRECONDITION, end.text};
     case EndReason::kProtocolError:
       return {grpc::StatusCode::INVALID_ARGUMENT, end.text};
+    case EndReason::kStranger:
+      return {grpc::StatusCode::PERMISSION_DENIED, end.text};
     case EndReason::kTwin:
       return {grpc::StatusCode::ALREADY_EXISTS, end.text};
     case EndReason::kTooMany:
@@ -40,6 +49,37 @@ grpc::Status StatusFor(const StreamEnd& end) {
       break;
   }
   return {grpc::StatusCode::UNAVAILABLE, end.text};
+}
+
+/// So often the files are looked at. gRPC reads them anew when they have changed.
+constexpr unsigned int kCertificateLookSeconds = 10;
+
+std::shared_ptr<grpc::ServerCredentials> CredentialsFor(const std::optional<TlsSettings>& tls) {
+  if (!tls) return grpc::InsecureServerCredentials();
+  grpc::experimental::TlsServerCredentialsOptions options(
+      std::make_shared<grpc::experimental::FileWatcherCertificateProvider>(
+          tls->key.string(), tls->certificate.string(), tls->client_authority.value_or("").string(),
+          kCertificateLookSeconds));
+  options.watch_identity_key_cert_pairs();
+  if (tls->client_authority) {
+    options.watch_root_certs();
+    options.set_cert_request_type(GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
+  } else {
+    options.set_cert_request_type(GRPC_SSL_DONT_REQUEST_CLIENT_CERTIFICATE);
+  }
+  return grpc::experimental::TlsServerCredentials(options);
+}
+
+/// The name in the client certificate, which gRPC has verified; nothing without one. Read as the file server reads it:
+/// gRPC's own property has the first name of several.
+std::optional<std::string> CertificateNameOf(const grpc::CallbackServerContext& context) {
+  const auto authentication = context.auth_context();
+  if (!authentication) return std::nullopt;
+  // Not gRPC's own reading of the name: of several it tells the first.
+  const auto texts = authentication->FindPropertyValues(GRPC_X509_PEM_CERT_PROPERTY_NAME);
+  if (texts.size() != 1) return std::nullopt;
+  const Certificate certificate = CertificateOf(std::string(texts.front().data(), texts.front().size()));
+  return certificate ? CommonNameOf(certificate.get()) : std::nullopt;
 }
 
 /// The device side's keepalive may ping every five seconds, calls or not; the own one finds devices
@@ -125,9 +165,8 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
       case ClientMessage::kHello:
         // Tells the device at once that its stream is open.
         StartSendInitialMetadataOnce();
-        return Tell([id = id_, hello = message.hello()](TicketBook& book) {
-          book.Hello(id, hello.serial_number(), hello.protocol());
-        });
+        return Tell([id = id_, hello = message.hello(), name = CertificateNameOf(context_)](
+                        TicketBook& book) { book.Hello(id, hello.serial_number(), hello.protocol(), name); });
       case ClientMessage::kAnswer:
         return HandleAnswer(message.answer());
       case ClientMessage::KIND_NOT_SET:
@@ -179,7 +218,8 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
   bool metadata_sent_ = false;
 };
 
-NotificationFront::NotificationFront(Dispatcher& dispatcher, const ListenAddress& address)
+NotificationFront::NotificationFront(Dispatcher& dispatcher, const ListenAddress& address,
+                                     const std::optional<TlsSettings>& tls)
     : dispatcher_(dispatcher) {
   CheckFree(address);
   const std::string target =
@@ -187,6 +227,10 @@ NotificationFront::NotificationFront(Dispatcher& dispatcher, const ListenAddress
           ? SocketAddressText(reinterpret_cast<const sockaddr*>(&address.socket_address),
                               address.socket_address_size)
           : UnixTarget(address.unix_path);
+  // gRPC's own lines on standard error: anybody can cause them, as many as they like. What matters is told here.
+  gpr_set_log_function([](gpr_log_func_args* /*line*/) {});
+  // For load balancers. It begins with the next server that is built.
+  grpc::EnableDefaultHealthCheckService(true);
   grpc::ServerBuilder builder;
   // Otherwise two services could share a port, and each would get some of the devices.
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
@@ -194,7 +238,7 @@ NotificationFront::NotificationFront(Dispatcher& dispatcher, const ListenAddress
   builder.SetMaxReceiveMessageSize(kMaxMessageBytes);
   builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, kMaxStreamsPerConnection);
   int port = 0;
-  builder.AddListeningPort(target, grpc::InsecureServerCredentials(), &port);
+  builder.AddListeningPort(target, CredentialsFor(tls), &port);
   builder.RegisterService(this);
   // Before the first stream: what it is to get must find its way.
   dispatcher_.SetWorkSink([this](const Work& work) { CarryOut(work); });
@@ -204,7 +248,7 @@ NotificationFront::NotificationFront(Dispatcher& dispatcher, const ListenAddress
     throw std::runtime_error("cannot listen on " + address.text + " for gRPC");
   }
   url_ = address.unix_path.empty()
-             ? "http://" + target.substr(0, target.rfind(':') + 1) + std::to_string(port)
+             ? (tls ? "https://" : "http://") + target.substr(0, target.rfind(':') + 1) + std::to_string(port)
              : "unix:" + address.unix_path;
 }
 

@@ -10,11 +10,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "dispatcher.h"
 #include "listen_address.h"
 #include "tarvo/support/v1/notification.grpc.pb.h"
+#include "tls_settings.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -26,8 +28,10 @@ class NotificationFront final : public tarvo::support::v1::NotificationService::
   /// Starts serving.
   /// @param dispatcher  Lives longer than the front. It has no other front.
   /// @param address     TCP, or a unix socket; port 0 lets the kernel choose.
+  /// @param tls         Without it plaintext. With a client_authority nobody gets in without a certificate.
   /// @throws std::runtime_error when the address can't be listened on.
-  NotificationFront(Dispatcher& dispatcher, const ListenAddress& address);
+  NotificationFront(Dispatcher& dispatcher, const ListenAddress& address,
+                    const std::optional<TlsSettings>& tls);
 
   /// Closes the dispatcher, which ends all streams, and waits until gRPC is done with each of them.
   ~NotificationFront() override;
@@ -35,7 +39,8 @@ class NotificationFront final : public tarvo::support::v1::NotificationService::
   NotificationFront(const NotificationFront&) = delete;
   NotificationFront& operator=(const NotificationFront&) = delete;
 
-  /// What a device's configuration names as the notification server: http://ADDRESS:PORT or unix:/path.
+  /// What a device's configuration names as the notification server: https://ADDRESS:PORT, http://ADDRESS:PORT
+  /// or unix:/path.
   [[nodiscard]] const std::string& url() const { return url_; }
 
   /// A device has opened a stream; gRPC calls it from a thread of its own.

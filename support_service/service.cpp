@@ -1,5 +1,6 @@
 #include "service.h"
 
+#include "api_json.h"
 #include "css_exchange.h"
 
 namespace TarvoOrvane::SupportService {
@@ -16,12 +17,56 @@ Store& Reconciled(Store& store, const ArchiveStore& archives, const EventSink& e
   return store;
 }
 
-HttpSettings CssSettings(const ServiceSettings& settings) {
+/// Whether a listener for devices speaks TLS. A certificate needs it; what stays on this machine does not.
+bool UsesTls(const ServiceSettings& settings, const ListenAddress& address) {
+  return settings.tickets.trust != Trust::kAllowList || !IsLocal(address);
+}
+
+ListenAddress GrpcAddress(const ServiceSettings& settings) {
+  return ParseListenAddress(settings.grpc_address, true);
+}
+ListenAddress CssAddress(const ServiceSettings& settings) {
+  return ParseListenAddress(settings.http_address, false);
+}
+
+bool PeopleUseTls(const ServiceSettings& settings) {
+  return !settings.api_address.empty() && !IsLocal(ParseListenAddress(settings.api_address, false));
+}
+
+bool UsesTlsAnywhere(const ServiceSettings& settings) {
+  return UsesTls(settings, GrpcAddress(settings)) || UsesTls(settings, CssAddress(settings)) ||
+         PeopleUseTls(settings);
+}
+
+std::optional<TlsSettings> DevicesTls(const ServiceSettings& settings, const ServerIdentity& identity,
+                                      const ListenAddress& address) {
+  if (!UsesTls(settings, address)) return std::nullopt;
+  return identity.ForDevices();
+}
+
+/// The file server's answer where no request makes one.
+HttpAnswer CssAnswer(unsigned int status, const std::string& error) { return ToHttpAnswer({status, error}); }
+
+HttpAnswer ApiAnswer(unsigned int status, const std::string& error) {
+  return ErrorAnswer(status == MHD_HTTP_SERVICE_UNAVAILABLE ? "unavailable" : "internal", error);
+}
+
+HttpSettings HttpSettingsFor(const ServiceSettings& settings, ListenAddress address,
+                             std::optional<TlsSettings> tls,
+                             HttpAnswer (*own_answer)(unsigned int, const std::string&)) {
   HttpSettings http;
-  http.address = ParseListenAddress(settings.http_address, false);
+  http.own_answer = own_answer;
+  http.address = std::move(address);
+  http.tls = std::move(tls);
   http.idle_limit = settings.http_idle_limit;
   http.head_limit = settings.http_head_limit;
   return http;
+}
+
+/// Where a device reaches a listener: under the name that the operator gave. Without one the listener is for this
+/// machine.
+std::string UrlForDevices(const ServiceSettings& settings, const std::string& url) {
+  return settings.identity.names.empty() ? url : WithHost(url, settings.identity.names.front());
 }
 
 }  // namespace
@@ -29,18 +74,45 @@ HttpSettings CssSettings(const ServiceSettings& settings) {
 SupportService::SupportService(const ServiceSettings& settings, const EventSink& events)
     : archives_(settings.data_folder),
       store_(settings.data_folder / "tickets.db"),
+      identity_(settings.identity, settings.tickets.trust, UsesTlsAnywhere(settings), settings.data_folder,
+                events),
       dispatcher_(settings.tickets, Reconciled(store_, archives_, events), events),
       room_(settings.data_folder, settings.disk_stays_free),
-      control_socket_(ControlSocketPath(settings.data_folder)),
-      control_(dispatcher_, store_, control_socket_),
-      notification_(dispatcher_, ParseListenAddress(settings.grpc_address, true)),
-      css_desk_{dispatcher_,           store_, archives_, disk_, room_, settings.largest_upload,
-                LimitedEvents(events), events},
+      notification_(dispatcher_, GrpcAddress(settings),
+                    DevicesTls(settings, identity_, GrpcAddress(settings))),
+      css_desk_{dispatcher_,
+                store_,
+                archives_,
+                disk_,
+                room_,
+                settings.tickets.trust,
+                settings.largest_upload,
+                LimitedEvents(events),
+                events},
       css_(
-          CssSettings(settings), [this](HttpRequest& request) { return BeginExchange(css_desk_, request); },
-          events) {}
+          HttpSettingsFor(settings, CssAddress(settings),
+                          DevicesTls(settings, identity_, CssAddress(settings)), CssAnswer),
+          [this](HttpRequest& request) { return BeginExchange(css_desk_, request); }, events),
+      enroller_(settings.tickets.trust, identity_.device_authority(), identity_.trusted_by_devices(),
+                UrlForDevices(settings, notification_.url()), UrlForDevices(settings, css_.url())),
+      api_(dispatcher_, store_, archives_, disk_, enroller_, events),
+      control_socket_(ControlSocketPath(settings.data_folder)),
+      control_(
+          HttpSettingsFor(settings, ParseListenAddress("unix:" + control_socket_, true), std::nullopt,
+                          ApiAnswer),
+          [this](HttpRequest& request) { return api_.Begin(request); }, events) {
+  if (settings.api_address.empty()) return;
+  const ListenAddress address = ParseListenAddress(settings.api_address, false);
+  std::optional<TlsSettings> tls;
+  if (PeopleUseTls(settings)) tls = identity_.ForPeople();
+  HttpSettings http = HttpSettingsFor(settings, address, std::move(tls), ApiAnswer);
+  // Behind a proxy all have one address, and it is the proxy's business to limit them.
+  if (IsLocal(address)) http.connections_per_address = http.connections;
+  people_.emplace(
+      http, [this](HttpRequest& request) { return api_.Begin(request); }, events);
+}
 
-// Members end in reverse order: complete uploads get their answers first, then the streams end, then the rest.
+// Members end in reverse order: complete requests get their answers first, then the streams end, then the rest.
 SupportService::~SupportService() = default;
 
 }  // namespace TarvoOrvane::SupportService

@@ -1,4 +1,4 @@
-/// The whole support service in one object: store, dispatcher and the three fronts.
+/// The whole support service in one object: store, dispatcher and the listeners.
 #pragma once
 
 #include <chrono>
@@ -7,25 +7,29 @@
 #include <optional>
 #include <string>
 
+#include "api_front.h"
 #include "archive_store.h"
-#include "control_front.h"
 #include "css_desk.h"
 #include "disk_room.h"
 #include "disk_workers.h"
 #include "dispatcher.h"
+#include "enrolment.h"
 #include "event_log.h"
 #include "http_server.h"
 #include "notification_front.h"
+#include "server_identity.h"
 #include "sqlite_store.h"
 
 namespace TarvoOrvane::SupportService {
 
 /// What may be set; the defaults are those of the command line.
 struct ServiceSettings {
-  std::string grpc_address = "127.0.0.1:0";                    ///< HOST:PORT or unix:/path.
-  std::string http_address = "127.0.0.1:0";                    ///< HOST:PORT.
+  std::string grpc_address = "127.0.0.1:0";  ///< HOST:PORT or unix:/path.
+  std::string http_address = "127.0.0.1:0";  ///< HOST:PORT.
+  std::string api_address;                   ///< HOST:PORT; empty for the control socket alone.
   std::filesystem::path data_folder = "support_service_data";  ///< Made where it is missing.
-  TicketBook::Settings tickets;
+  IdentitySettings identity;
+  TicketBook::Settings tickets;              ///< How devices are known is part of it.
   std::chrono::seconds http_idle_limit{60};  ///< A connection on which nothing moves for so long is ended.
   std::chrono::seconds http_head_limit{30};  ///< A request's head takes so long at most.
   std::uint64_t largest_upload = std::uint64_t{4} << 30;  ///< In bytes.
@@ -45,7 +49,7 @@ class SupportService {
   /// @throws std::exception with what could not be used or listened on, and what to do.
   SupportService(const ServiceSettings& settings, const EventSink& events);
 
-  /// Ends all streams, calls and connections; waits until complete uploads and reports are remembered and answered.
+  /// Ends all streams and connections; waits until complete requests are remembered and answered.
   ~SupportService();
 
   SupportService(const SupportService&) = delete;
@@ -55,7 +59,9 @@ class SupportService {
   [[nodiscard]] const std::string& grpc_url() const { return notification_.url(); }
   /// Where devices send archives and reports: what stands as css_server.url there.
   [[nodiscard]] const std::string& css_url() const { return css_.url(); }
-  /// Where clients reach it: the path of a unix socket.
+  /// Where people and programs reach the API; empty where it is served over the control socket alone.
+  [[nodiscard]] std::string api_url() const { return people_ ? people_->url() : ""; }
+  /// Where programs on this machine reach the API: the path of a unix socket.
   [[nodiscard]] const std::string& control_socket() const { return control_socket_; }
   /// Who decides, and what is remembered. They live as long as this.
   [[nodiscard]] Dispatcher& dispatcher() { return dispatcher_; }
@@ -66,14 +72,18 @@ class SupportService {
   // part ends before what it uses.
   ArchiveStore archives_;
   SqliteStore store_;
+  ServerIdentity identity_;
   Dispatcher dispatcher_;
   DiskWorkers disk_;
   DiskRoom room_;
-  std::string control_socket_;
-  ControlFront control_;
   NotificationFront notification_;
   CssDesk css_desk_;
   HttpServer css_;
+  Enroller enroller_;
+  ApiFront api_;
+  std::string control_socket_;
+  HttpServer control_;
+  std::optional<HttpServer> people_;
 };
 
 }  // namespace TarvoOrvane::SupportService

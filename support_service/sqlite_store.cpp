@@ -72,6 +72,52 @@ CREATE TABLE archives(
   received INTEGER NOT NULL,
   PRIMARY KEY(ticket, version)
 ) STRICT, WITHOUT ROWID;
+)",
+                                  R"(
+ALTER TABLE tickets ADD COLUMN note TEXT NOT NULL DEFAULT '';
+ALTER TABLE tickets ADD COLUMN requested_by TEXT NOT NULL DEFAULT '';
+ALTER TABLE archives ADD COLUMN deleted INTEGER;
+ALTER TABLE archives ADD COLUMN deletion TEXT NOT NULL DEFAULT '';
+CREATE TABLE devices(
+  serial_number BLOB PRIMARY KEY,
+  enrolled INTEGER NOT NULL,
+  blocked INTEGER NOT NULL,
+  certificate_until INTEGER,
+  last_seen INTEGER,
+  address BLOB NOT NULL
+) STRICT, WITHOUT ROWID;
+CREATE TABLE users(
+  name TEXT PRIMARY KEY,
+  role INTEGER NOT NULL,
+  password_hash TEXT NOT NULL,
+  created INTEGER NOT NULL
+) STRICT, WITHOUT ROWID;
+CREATE TABLE api_tokens(
+  id TEXT PRIMARY KEY,
+  name TEXT NOT NULL,
+  role INTEGER NOT NULL,
+  secret BLOB NOT NULL UNIQUE,
+  created INTEGER NOT NULL,
+  expires INTEGER NOT NULL,
+  created_by TEXT NOT NULL
+) STRICT, WITHOUT ROWID;
+CREATE TABLE sessions(
+  secret BLOB PRIMARY KEY,
+  user TEXT NOT NULL,
+  created INTEGER NOT NULL,
+  expires INTEGER NOT NULL
+) STRICT, WITHOUT ROWID;
+CREATE INDEX sessions_by_user ON sessions(user);
+CREATE INDEX sessions_by_end ON sessions(expires);
+CREATE TABLE audit(
+  number INTEGER PRIMARY KEY,
+  time INTEGER NOT NULL,
+  who TEXT NOT NULL,
+  address TEXT NOT NULL,
+  action TEXT NOT NULL,
+  object TEXT NOT NULL,
+  detail TEXT NOT NULL
+) STRICT;
 )"};
 
 // ---------- the statements ----------
@@ -97,20 +143,110 @@ enum class Sql {
   kTicketsOfDeviceInState,
   kArchives,
   kEvents,
-  kEveryArchive  // looks at all of them; asked at the service's start alone
+  kEventsAfter,
+  kDeleteArchive,
+  kPutDevice,
+  kSeeDevice,
+  kDevice,
+  kDevices,
+  kPutUser,
+  kRemoveUser,
+  kUser,
+  kAddApiToken,
+  kRemoveApiToken,
+  kApiToken,
+  kPutSession,
+  kEndSession,
+  kEndSessionsOf,
+  kEndOldSessions,
+  kSession,
+  kAddAudit,
+  kLastAudit,
+  kAudit,
+  // Each of these looks at a whole table: at the service's start, or at one that an administrator fills.
+  kEveryArchive,
+  kEveryUser,
+  kEveryApiToken
 };
-constexpr std::size_t kStatementCount = static_cast<std::size_t>(Sql::kEveryArchive) + 1;
+constexpr Sql kFirstOfWholeTable = Sql::kEveryArchive;
+constexpr std::size_t kStatementCount = static_cast<std::size_t>(Sql::kEveryApiToken) + 1;
 
 /// A question for tickets. An index holds the ticket's number behind what it is made of, so that each of these looks
 /// at as many rows as it returns.
 std::string TicketsWhere(const std::string& rest) {
   return "SELECT tickets.number, id, device, apps, created, deadline, state, since, overdue, rejections,"
-         " rejected_since, last_event, last_text, report FROM tickets " +
+         " rejected_since, last_event, last_text, report, note, requested_by FROM tickets " +
          rest;
 }
 
 std::string NewestWhere(const std::string& condition) {
   return TicketsWhere("WHERE " + condition + " number < ? ORDER BY number DESC LIMIT ?");
+}
+
+std::string DevicesWhere(const std::string& condition) {
+  return "SELECT serial_number, enrolled, blocked, certificate_until, last_seen, address FROM devices "
+         "WHERE " +
+         condition;
+}
+
+std::string UsersWhere(const std::string& condition) {
+  return "SELECT name, role, password_hash, created FROM users WHERE " + condition;
+}
+
+std::string ApiTokensWhere(const std::string& condition) {
+  return "SELECT id, name, role, secret, created, expires, created_by FROM api_tokens WHERE " + condition;
+}
+
+/// Of devices, accounts and the audit.
+std::string IdentityTextOf(Sql statement) {
+  switch (statement) {
+    case Sql::kEveryUser:
+      return UsersWhere("TRUE ORDER BY name");
+    case Sql::kEveryApiToken:
+      return ApiTokensWhere("TRUE ORDER BY created, id");
+    case Sql::kPutDevice:
+      return "REPLACE INTO devices(serial_number, enrolled, blocked, certificate_until, last_seen, address)"
+             " VALUES(?, ?, ?, ?, ?, ?)";
+    case Sql::kSeeDevice:
+      return "UPDATE devices SET last_seen = ?, address = ? WHERE serial_number = ?";
+    case Sql::kDevice:
+      return DevicesWhere("serial_number = ?");
+    case Sql::kDevices:
+      return DevicesWhere("serial_number >= ? AND serial_number < ? ORDER BY serial_number LIMIT ?");
+    case Sql::kPutUser:
+      return "REPLACE INTO users(name, role, password_hash, created) VALUES(?, ?, ?, ?)";
+    case Sql::kRemoveUser:
+      return "DELETE FROM users WHERE name = ?";
+    case Sql::kUser:
+      return UsersWhere("name = ?");
+    case Sql::kAddApiToken:
+      return "INSERT INTO api_tokens(id, name, role, secret, created, expires, created_by)"
+             " VALUES(?, ?, ?, ?, ?, ?, ?)";
+    case Sql::kRemoveApiToken:
+      return "DELETE FROM api_tokens WHERE id = ?";
+    case Sql::kApiToken:
+      return ApiTokensWhere("secret = ?");
+    case Sql::kPutSession:
+      return "REPLACE INTO sessions(secret, user, created, expires) VALUES(?, ?, ?, ?)";
+    case Sql::kEndSession:
+      return "DELETE FROM sessions WHERE secret = ?";
+    case Sql::kEndSessionsOf:
+      return "DELETE FROM sessions WHERE user = ?";
+    case Sql::kEndOldSessions:
+      return "DELETE FROM sessions WHERE expires < ?";
+    case Sql::kSession:
+      return "SELECT secret, user, created, expires FROM sessions WHERE secret = ?";
+    case Sql::kAddAudit:
+      return "INSERT INTO audit(number, time, who, address, action, object, detail) VALUES(?, ?, ?, ?, ?, ?, "
+             "?)";
+    case Sql::kLastAudit:
+      return "SELECT max(number) FROM audit";
+    case Sql::kAudit:
+      return "SELECT number, time, who, address, action, object, detail FROM audit"
+             " WHERE number < ? ORDER BY number DESC LIMIT ?";
+    default:
+      return "";
+  }
 }
 
 std::string TextOf(Sql statement) {
@@ -126,8 +262,8 @@ std::string TextOf(Sql statement) {
     case Sql::kCreateTicket:
       return "INSERT INTO tickets(number, id, device, apps, created, deadline, state, since, overdue, "
              "rejections,"
-             " rejected_since, last_event, last_text, report) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-             "?)";
+             " rejected_since, last_event, last_text, report, note, requested_by)"
+             " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
     case Sql::kChangeTicket:
       return "UPDATE tickets SET state = ?, since = ?, overdue = ?, rejections = ?, rejected_since = ?,"
              " last_event = ?, last_text = ?, report = ? WHERE number = ?";
@@ -157,15 +293,22 @@ std::string TextOf(Sql statement) {
     case Sql::kTicketsOfDeviceInState:
       return NewestWhere("device = ? AND state = ? AND");
     case Sql::kArchives:
-      return "SELECT version, size_bytes, sha256, serial_number, apps, received FROM archives"
+      return "SELECT version, size_bytes, sha256, serial_number, apps, received, deleted, deletion FROM "
+             "archives"
              " WHERE ticket = ? ORDER BY version";
     case Sql::kEveryArchive:
-      return "SELECT id, version FROM archives JOIN tickets ON tickets.number = archives.ticket";
+      return "SELECT id, version, deleted IS NOT NULL FROM archives"
+             " JOIN tickets ON tickets.number = archives.ticket";
+    case Sql::kEventsAfter:
+      return "SELECT number, ticket, kind, time, text FROM events WHERE number > ? ORDER BY number LIMIT ?";
+    case Sql::kDeleteArchive:
+      return "UPDATE archives SET deleted = ?, deletion = ? WHERE ticket = ? AND version = ?";
     case Sql::kEvents:
       return "SELECT number, ticket, kind, time, text FROM events"
              " WHERE ticket = ? AND number > ? ORDER BY number LIMIT ?";
+    default:
+      return IdentityTextOf(statement);
   }
-  return "";
 }
 
 // ---------- what went wrong ----------
@@ -265,10 +408,12 @@ class Run {
     return *this;
   }
   Run& PutBytes(const std::string& bytes) { return PutBytes(bytes.data(), bytes.size()); }
+  Run& PutHash(const SecretHash& hash) { return PutBytes(hash.data(), hash.size()); }
   Run& PutNothing() {
     statement_.bind(++place_);
     return *this;
   }
+  Run& Put(const std::optional<WallTime>& time) { return time ? Put(*time) : PutNothing(); }
 
   /// Goes to the next row.
   /// @return false behind the last one.
@@ -280,6 +425,17 @@ class Run {
   std::uint64_t Number() { return static_cast<std::uint64_t>(statement_.getColumn(column_++).getInt64()); }
   WallTime Time() { return WallTime(std::chrono::milliseconds(statement_.getColumn(column_++).getInt64())); }
   std::string Bytes() { return statement_.getColumn(column_++).getString(); }
+  SecretHash Hash() {
+    const std::string bytes = Bytes();
+    SecretHash hash{};
+    if (bytes.size() != hash.size()) throw SQLite::Exception("a hash has another length", SQLITE_CORRUPT);
+    std::copy(bytes.begin(), bytes.end(), hash.begin());
+    return hash;
+  }
+  std::optional<WallTime> MaybeTime() {
+    if (Nothing()) return std::nullopt;
+    return Time();
+  }
   /// Whether there is no value, which is then passed over.
   bool Nothing() {
     const bool nothing = statement_.isColumnNull(column_);
@@ -415,8 +571,7 @@ std::uint64_t NumberFrom(Run&& run) {
 /// @param run  Whose next values are those that events change.
 void PutChanging(const Ticket& ticket, Run& run) {
   run.Put(static_cast<std::uint64_t>(ticket.state)).Put(ticket.since);
-  run.Put(std::uint64_t{ticket.overdue}).Put(ticket.rejections);
-  ticket.rejected_since ? run.Put(*ticket.rejected_since) : run.PutNothing();
+  run.Put(std::uint64_t{ticket.overdue}).Put(ticket.rejections).Put(ticket.rejected_since);
   run.Put(ticket.last_event).PutBytes(ticket.last_text);
   ticket.report ? run.PutBytes(*ticket.report) : run.PutNothing();
 }
@@ -426,7 +581,7 @@ void CreateTicket(SqliteConnection& connection, const Ticket& ticket) {
   run.Put(ticket.number).PutText(ticket.id).PutBytes(ticket.device).PutText(JsonOf(ticket.apps));
   run.Put(ticket.created).Put(ticket.deadline);
   PutChanging(ticket, run);
-  run.Next();
+  run.PutText(ticket.note).PutText(ticket.requested_by).Next();
 }
 
 void ChangeTicket(SqliteConnection& connection, const Ticket& ticket) {
@@ -448,17 +603,73 @@ void AddArchive(SqliteConnection& connection, TicketNumber ticket, const Archive
   run.PutBytes(archive.serial_number).PutText(JsonOf(archive.apps)).Put(archive.received).Next();
 }
 
-void AddEntry(SqliteConnection& connection, const Entry& entry) {
+void DeleteArchive(SqliteConnection& connection, TicketNumber ticket, const Archive& archive) {
+  Run run = connection.Start(Sql::kDeleteArchive);
+  run.Put(archive.deleted).PutText(archive.deletion).Put(ticket).Put(archive.version).Next();
+}
+
+void Remember(SqliteConnection& connection, const Entry& entry) {
   const bool is_new = entry.event.kind == EventKind::kCreated;
   is_new ? CreateTicket(connection, entry.ticket) : ChangeTicket(connection, entry.ticket);
   AddEvent(connection, entry.event);  // refused where the ticket is unknown
   if (entry.token) {
-    connection.Start(Sql::kAddToken)
-        .PutBytes(entry.token->data(), entry.token->size())
-        .Put(entry.ticket.number)
-        .Next();
+    connection.Start(Sql::kAddToken).PutHash(*entry.token).Put(entry.ticket.number).Next();
   }
-  if (entry.archive) AddArchive(connection, entry.ticket.number, *entry.archive);
+  if (!entry.archive) return;
+  const auto write = entry.archive->deleted ? DeleteArchive : AddArchive;
+  write(connection, entry.ticket.number, *entry.archive);
+}
+
+void Remember(SqliteConnection& connection, const EnrolledDevice& device) {
+  Run run = connection.Start(Sql::kPutDevice);
+  run.PutBytes(device.serial_number).Put(device.enrolled).Put(std::uint64_t{device.blocked});
+  run.Put(device.certificate_until).Put(device.last_seen).PutBytes(device.address).Next();
+}
+
+void Remember(SqliteConnection& connection, const DeviceSeen& seen) {
+  Run run = connection.Start(Sql::kSeeDevice);
+  run.Put(seen.time).PutBytes(seen.address).PutBytes(seen.serial_number).Next();
+}
+
+void Remember(SqliteConnection& connection, const User& user) {
+  Run run = connection.Start(Sql::kPutUser);
+  run.PutText(user.name).Put(static_cast<std::uint64_t>(user.role)).PutText(user.password_hash);
+  run.Put(user.created).Next();
+}
+
+void Remember(SqliteConnection& connection, const SessionsEnded& ended) {
+  connection.Start(Sql::kEndSessionsOf).PutText(ended.user).Next();
+}
+
+void Remember(SqliteConnection& connection, const UserRemoved& removed) {
+  connection.Start(Sql::kRemoveUser).PutText(removed.name).Next();
+  Remember(connection, SessionsEnded{removed.name});
+}
+
+void Remember(SqliteConnection& connection, const ApiToken& token) {
+  Run run = connection.Start(Sql::kAddApiToken);
+  run.PutText(token.id).PutText(token.name).Put(static_cast<std::uint64_t>(token.role)).PutHash(token.secret);
+  run.Put(token.created).Put(token.expires).PutText(token.created_by).Next();
+}
+
+void Remember(SqliteConnection& connection, const ApiTokenRemoved& removed) {
+  connection.Start(Sql::kRemoveApiToken).PutText(removed.id).Next();
+}
+
+void Remember(SqliteConnection& connection, const Session& session) {
+  connection.Start(Sql::kEndOldSessions).Put(session.created).Next();
+  Run run = connection.Start(Sql::kPutSession);
+  run.PutHash(session.secret).PutText(session.user).Put(session.created).Put(session.expires).Next();
+}
+
+void Remember(SqliteConnection& connection, const SessionEnded& ended) {
+  connection.Start(Sql::kEndSession).PutHash(ended.secret).Next();
+}
+
+void Remember(SqliteConnection& connection, const AuditRecord& record) {
+  Run run = connection.Start(Sql::kAddAudit);
+  run.Put(record.number).Put(record.time).PutText(record.actor.who).PutText(record.actor.from);
+  run.PutText(record.action).PutText(record.object).PutText(record.detail).Next();
 }
 
 // ---------- reading ----------
@@ -475,10 +686,12 @@ Ticket TicketIn(Run& row) {
   ticket.since = row.Time();
   ticket.overdue = row.Number() != 0;
   ticket.rejections = row.Number();
-  if (!row.Nothing()) ticket.rejected_since = row.Time();
+  ticket.rejected_since = row.MaybeTime();
   ticket.last_event = row.Number();
   ticket.last_text = row.Bytes();
   if (!row.Nothing()) ticket.report = row.Bytes();
+  ticket.note = row.Bytes();
+  ticket.requested_by = row.Bytes();
   return ticket;
 }
 
@@ -490,6 +703,8 @@ Archive ArchiveIn(Run& row) {
   archive.serial_number = row.Bytes();
   archive.apps = NamesIn(row.Bytes());
   archive.received = row.Time();
+  archive.deleted = row.MaybeTime();
+  archive.deletion = row.Bytes();
   return archive;
 }
 
@@ -501,6 +716,87 @@ Event EventIn(Run& row) {
   event.time = row.Time();
   event.text = row.Bytes();
   return event;
+}
+
+std::vector<Event> EventsFrom(Run& run) {
+  std::vector<Event> events;
+  while (run.Next()) events.push_back(EventIn(run));
+  return events;
+}
+
+std::vector<EnrolledDevice> DevicesFrom(Run& run) {
+  std::vector<EnrolledDevice> devices;
+  while (run.Next()) {
+    EnrolledDevice& device = devices.emplace_back();
+    device.serial_number = run.Bytes();
+    device.enrolled = run.Time();
+    device.blocked = run.Number() != 0;
+    device.certificate_until = run.MaybeTime();
+    device.last_seen = run.MaybeTime();
+    device.address = run.Bytes();
+  }
+  return devices;
+}
+
+std::vector<User> UsersFrom(Run& run) {
+  std::vector<User> users;
+  while (run.Next()) {
+    User& user = users.emplace_back();
+    user.name = run.Bytes();
+    user.role = static_cast<Role>(run.Number());
+    user.password_hash = run.Bytes();
+    user.created = run.Time();
+  }
+  return users;
+}
+
+std::vector<ApiToken> ApiTokensFrom(Run& run) {
+  std::vector<ApiToken> tokens;
+  while (run.Next()) {
+    ApiToken& token = tokens.emplace_back();
+    token.id = run.Bytes();
+    token.name = run.Bytes();
+    token.role = static_cast<Role>(run.Number());
+    token.secret = run.Hash();
+    token.created = run.Time();
+    token.expires = run.Time();
+    token.created_by = run.Bytes();
+  }
+  return tokens;
+}
+
+std::vector<Session> SessionsFrom(Run& run) {
+  std::vector<Session> sessions;
+  while (run.Next()) {
+    Session& session = sessions.emplace_back();
+    session.secret = run.Hash();
+    session.user = run.Bytes();
+    session.created = run.Time();
+    session.expires = run.Time();
+  }
+  return sessions;
+}
+
+std::vector<AuditRecord> AuditFrom(Run& run) {
+  std::vector<AuditRecord> records;
+  while (run.Next()) {
+    AuditRecord& record = records.emplace_back();
+    record.number = run.Number();
+    record.time = run.Time();
+    record.actor.who = run.Bytes();
+    record.actor.from = run.Bytes();
+    record.action = run.Bytes();
+    record.object = run.Bytes();
+    record.detail = run.Bytes();
+  }
+  return records;
+}
+
+template <typename Value>
+std::optional<Value> FirstOf(std::vector<Value> values) {
+  if (values.empty()) return std::nullopt;
+  std::optional<Value> first(std::move(values.front()));
+  return first;
 }
 
 /// @param run  Of a question for tickets, with its values.
@@ -516,9 +812,7 @@ std::vector<Ticket> TicketsFrom(SqliteConnection& connection, Run& run) {
 }
 
 std::optional<Ticket> OneFrom(SqliteConnection& connection, Run& run) {
-  std::vector<Ticket> tickets = TicketsFrom(connection, run);
-  if (tickets.empty()) return std::nullopt;
-  return std::move(tickets.front());
+  return FirstOf(TicketsFrom(connection, run));
 }
 
 constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
@@ -573,6 +867,7 @@ SqliteStore::SqliteStore(const fs::path& file) : file_(file) {
     BringToPresentForm(database, form);
     last_event_ = NumberFrom(writer_->Start(Sql::kLastEvent));
     last_ticket_ = NumberFrom(writer_->Start(Sql::kLastTicket));
+    last_audit_ = NumberFrom(writer_->Start(Sql::kLastAudit));
   } catch (const SQLite::Exception& error) {
     ThrowStoreError(file_, error);
   }
@@ -580,17 +875,22 @@ SqliteStore::SqliteStore(const fs::path& file) : file_(file) {
 
 SqliteStore::~SqliteStore() = default;
 
-void SqliteStore::Write(const std::vector<Entry>& entries) {
+void SqliteStore::Write(const std::vector<Change>& changes) {
+  const auto write = [this](const auto& change) { Remember(*writer_, change); };
   try {
     Transaction transaction(*writer_, Sql::kBeginWriting);
-    for (const Entry& entry : entries) AddEntry(*writer_, entry);
+    for (const Change& change : changes) std::visit(write, change);
     transaction.Commit();
   } catch (const SQLite::Exception& error) {
     ThrowStoreError(file_, error);
   }
-  for (const Entry& entry : entries) {
-    last_event_ = std::max<EventNumber>(last_event_, entry.event.number);
-    last_ticket_ = std::max<TicketNumber>(last_ticket_, entry.ticket.number);
+  for (const Change& change : changes) {
+    if (const auto* entry = std::get_if<Entry>(&change)) {
+      last_event_ = std::max<EventNumber>(last_event_, entry->event.number);
+      last_ticket_ = std::max<TicketNumber>(last_ticket_, entry->ticket.number);
+    } else if (const auto* record = std::get_if<AuditRecord>(&change)) {
+      last_audit_ = record->number;
+    }
   }
 }
 
@@ -633,9 +933,9 @@ std::vector<Ticket> SqliteStore::FindById(const std::string& beginning, std::siz
   });
 }
 
-std::optional<Ticket> SqliteStore::FindByToken(const TokenHash& hash) const {
+std::optional<Ticket> SqliteStore::FindByToken(const SecretHash& hash) const {
   return Read([&](SqliteConnection& connection) {
-    return OneFrom(connection, connection.Start(Sql::kTicketByToken).PutBytes(hash.data(), hash.size()));
+    return OneFrom(connection, connection.Start(Sql::kTicketByToken).PutHash(hash));
   });
 }
 
@@ -645,11 +945,13 @@ std::vector<Ticket> SqliteStore::List(const TicketFilter& filter, std::size_t li
 
 std::vector<Event> SqliteStore::EventsOf(TicketNumber ticket, EventNumber after, std::size_t limit) const {
   return Read([&](SqliteConnection& connection) {
-    std::vector<Event> events;
-    Run run = connection.Start(Sql::kEvents);
-    run.Put(ticket).Put(after).Put(std::uint64_t{limit});
-    while (run.Next()) events.push_back(EventIn(run));
-    return events;
+    return EventsFrom(connection.Start(Sql::kEvents).Put(ticket).Put(after).Put(std::uint64_t{limit}));
+  });
+}
+
+std::vector<Event> SqliteStore::EventsAfter(EventNumber after, std::size_t limit) const {
+  return Read([&](SqliteConnection& connection) {
+    return EventsFrom(connection.Start(Sql::kEventsAfter).Put(after).Put(std::uint64_t{limit}));
   });
 }
 
@@ -659,14 +961,71 @@ std::vector<ArchiveName> SqliteStore::Archives() const {
     Run run = connection.Start(Sql::kEveryArchive);
     while (run.Next()) {
       std::string id = run.Bytes();
-      archives.push_back({std::move(id), run.Number()});
+      const std::uint64_t version = run.Number();
+      archives.push_back({std::move(id), version, run.Number() != 0});
     }
     return archives;
   });
 }
 
+std::optional<EnrolledDevice> SqliteStore::FindDevice(const std::string& serial_number) const {
+  return Read([&](SqliteConnection& connection) {
+    return FirstOf(DevicesFrom(connection.Start(Sql::kDevice).PutBytes(serial_number)));
+  });
+}
+
+std::vector<EnrolledDevice> SqliteStore::Devices(const std::string& beginning, const std::string& after,
+                                                 std::size_t limit) const {
+  // The first one that comes behind a text is that with a zero byte more.
+  const std::string first = after.empty() ? beginning : std::max(beginning, after + '\0');
+  const std::string end = beginning + '\xff';  // which no serial number holds
+  return Read([&](SqliteConnection& connection) {
+    return DevicesFrom(
+        connection.Start(Sql::kDevices).PutBytes(first).PutBytes(end).Put(std::uint64_t{limit}));
+  });
+}
+
+std::optional<User> SqliteStore::FindUser(const std::string& name) const {
+  return Read([&](SqliteConnection& connection) {
+    return FirstOf(UsersFrom(connection.Start(Sql::kUser).PutText(name)));
+  });
+}
+
+std::vector<User> SqliteStore::Users() const {
+  return Read([](SqliteConnection& connection) {
+    Run run = connection.Start(Sql::kEveryUser);
+    return UsersFrom(run);
+  });
+}
+
+std::optional<ApiToken> SqliteStore::FindApiToken(const SecretHash& secret) const {
+  return Read([&](SqliteConnection& connection) {
+    return FirstOf(ApiTokensFrom(connection.Start(Sql::kApiToken).PutHash(secret)));
+  });
+}
+
+std::vector<ApiToken> SqliteStore::ApiTokens() const {
+  return Read([](SqliteConnection& connection) {
+    Run run = connection.Start(Sql::kEveryApiToken);
+    return ApiTokensFrom(run);
+  });
+}
+
+std::optional<Session> SqliteStore::FindSession(const SecretHash& secret) const {
+  return Read([&](SqliteConnection& connection) {
+    return FirstOf(SessionsFrom(connection.Start(Sql::kSession).PutHash(secret)));
+  });
+}
+
+std::vector<AuditRecord> SqliteStore::Audit(std::uint64_t before, std::size_t limit) const {
+  return Read([&](SqliteConnection& connection) {
+    Run run = connection.Start(Sql::kAudit);
+    return AuditFrom(run.Put(before == 0 ? kNoLimit : before).Put(std::uint64_t{limit}));
+  });
+}
+
 std::vector<std::string> SqliteStore::Statements() {
-  std::vector<std::string> texts(static_cast<std::size_t>(Sql::kEveryArchive));
+  std::vector<std::string> texts(static_cast<std::size_t>(kFirstOfWholeTable));
   for (std::size_t place = 0; place < texts.size(); ++place) texts[place] = TextOf(static_cast<Sql>(place));
   return texts;
 }

@@ -28,19 +28,30 @@ class SqliteStore final : public Store {
   SqliteStore(const SqliteStore&) = delete;
   SqliteStore& operator=(const SqliteStore&) = delete;
 
-  void Write(const std::vector<Entry>& entries) override;
+  void Write(const std::vector<Change>& changes) override;
   [[nodiscard]] EventNumber LastEvent() const override { return last_event_; }
   [[nodiscard]] TicketNumber LastTicket() const override { return last_ticket_; }
+  [[nodiscard]] std::uint64_t LastAudit() const override { return last_audit_; }
   [[nodiscard]] std::vector<Ticket> OpenTickets() const override;
   [[nodiscard]] std::optional<Ticket> Find(TicketNumber number) const override;
   [[nodiscard]] std::vector<Ticket> FindById(const std::string& beginning, std::size_t limit) const override;
-  [[nodiscard]] std::optional<Ticket> FindByToken(const TokenHash& hash) const override;
+  [[nodiscard]] std::optional<Ticket> FindByToken(const SecretHash& hash) const override;
   [[nodiscard]] std::vector<Ticket> List(const TicketFilter& filter, std::size_t limit) const override;
   [[nodiscard]] std::vector<Event> EventsOf(TicketNumber ticket, EventNumber after,
                                             std::size_t limit) const override;
+  [[nodiscard]] std::vector<Event> EventsAfter(EventNumber after, std::size_t limit) const override;
   [[nodiscard]] std::vector<ArchiveName> Archives() const override;
+  [[nodiscard]] std::optional<EnrolledDevice> FindDevice(const std::string& serial_number) const override;
+  [[nodiscard]] std::vector<EnrolledDevice> Devices(const std::string& beginning, const std::string& after,
+                                                    std::size_t limit) const override;
+  [[nodiscard]] std::optional<User> FindUser(const std::string& name) const override;
+  [[nodiscard]] std::vector<User> Users() const override;
+  [[nodiscard]] std::optional<ApiToken> FindApiToken(const SecretHash& secret) const override;
+  [[nodiscard]] std::vector<ApiToken> ApiTokens() const override;
+  [[nodiscard]] std::optional<Session> FindSession(const SecretHash& secret) const override;
+  [[nodiscard]] std::vector<AuditRecord> Audit(std::uint64_t before, std::size_t limit) const override;
 
-  /// Every statement that the running service uses, for the test that none of them looks at a whole table.
+  /// The statements of which none may look at a whole table, for the test of that.
   [[nodiscard]] static std::vector<std::string> Statements();
 
  private:
@@ -55,6 +66,7 @@ class SqliteStore final : public Store {
   mutable std::vector<std::unique_ptr<SqliteConnection>> idle_;  ///< Open to read, and used by no thread now.
   std::atomic<EventNumber> last_event_{0};
   std::atomic<TicketNumber> last_ticket_{0};
+  std::atomic<std::uint64_t> last_audit_{0};
 };
 
 }  // namespace TarvoOrvane::SupportService

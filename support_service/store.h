@@ -1,22 +1,21 @@
-/// What the service remembers: tickets, their events, the hashes of their tokens and the facts about their archives.
+/// What the service remembers: tickets, their events, the hashes of their tokens and the facts about their archives;
+/// devices and accounts; and who did what.
 ///
 /// Everything above is written against this interface, and tested with the real store and one in memory. One thread
 /// writes; any thread reads, and sees what was written before, whole batches at a time.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <variant>
 #include <vector>
 
+#include "identity.h"
 #include "ticket.h"
 
 namespace TarvoOrvane::SupportService {
-
-/// SHA-256 of a token. The token itself is written nowhere.
-using TokenHash = std::array<unsigned char, 32>;
 
 /// What the store could not do. The text is fit for the operator: what happened, and what to do.
 class StoreError : public std::runtime_error {
@@ -27,10 +26,43 @@ class StoreError : public std::runtime_error {
 /// An event with what it comes with.
 struct Entry {
   Event event;
-  Ticket ticket;                   ///< After the event. Its archives are not looked at.
-  std::optional<TokenHash> token;  ///< Of a delivery: one more that is the ticket's.
-  std::optional<Archive> archive;  ///< Of an upload: one more that the ticket has.
+  Ticket ticket;                    ///< After the event. Its archives are not looked at.
+  std::optional<SecretHash> token;  ///< Of a delivery: one more that is the ticket's.
+  std::optional<Archive>
+      archive;  ///< Of an upload: one more that the ticket has. Of a deletion: it, as it is now.
 };
+
+/// A device was connected.
+struct DeviceSeen {
+  std::string serial_number;
+  WallTime time;
+  std::string address;
+};
+
+/// An account that is no more. Its sessions are no more either.
+struct UserRemoved {
+  std::string name;
+};
+
+/// All sessions of an account end.
+struct SessionsEnded {
+  std::string user;
+};
+
+/// One session ends.
+struct SessionEnded {
+  SecretHash secret{};
+};
+
+/// An API token that is no more.
+struct ApiTokenRemoved {
+  std::string id;
+};
+
+/// One thing to remember. A device, an account and a session take the place of what there is of that serial number,
+/// name and secret.
+using Change = std::variant<Entry, EnrolledDevice, DeviceSeen, User, UserRemoved, ApiToken, ApiTokenRemoved,
+                            Session, SessionEnded, SessionsEnded, AuditRecord>;
 
 /// Which tickets are listed.
 struct TicketFilter {
@@ -43,22 +75,25 @@ struct TicketFilter {
 struct ArchiveName {
   std::string ticket_id;
   std::uint64_t version = 0;
+  bool deleted = false;  ///< It is known, and its file is to be gone.
 };
 
 class Store {
  public:
   virtual ~Store() = default;
 
-  /// Remembers the entries, all of them or none. What was written survives any end of the process and a power cut once
-  /// this returns. Only one thread calls it at a time.
-  /// @param entries  Their events' numbers go on from LastEvent().
+  /// Remembers the changes in their order, all of them or none. What was written survives any end of the process and a
+  /// power cut once this returns. Only one thread calls it at a time.
+  /// @param changes  The numbers of events and audit records go on from LastEvent() and LastAudit().
   /// @throws StoreError when they could not be written. None of them is remembered then.
-  virtual void Write(const std::vector<Entry>& entries) = 0;
+  virtual void Write(const std::vector<Change>& changes) = 0;
 
   /// 0 before the first one.
   [[nodiscard]] virtual EventNumber LastEvent() const = 0;
   /// 0 before the first one.
   [[nodiscard]] virtual TicketNumber LastTicket() const = 0;
+  /// 0 before the first one.
+  [[nodiscard]] virtual std::uint64_t LastAudit() const = 0;
 
   // Each of these throws StoreError when the store can't be read.
 
@@ -70,14 +105,34 @@ class Store {
   [[nodiscard]] virtual std::vector<Ticket> FindById(const std::string& beginning,
                                                      std::size_t limit) const = 0;
   /// The ticket whose token has this hash.
-  [[nodiscard]] virtual std::optional<Ticket> FindByToken(const TokenHash& hash) const = 0;
+  [[nodiscard]] virtual std::optional<Ticket> FindByToken(const SecretHash& hash) const = 0;
   /// The newest ones that the filter lets through, newest first, at most `limit` of them.
   [[nodiscard]] virtual std::vector<Ticket> List(const TicketFilter& filter, std::size_t limit) const = 0;
   /// A ticket's events behind the one of that number, oldest first, at most `limit` of them.
   [[nodiscard]] virtual std::vector<Event> EventsOf(TicketNumber ticket, EventNumber after,
                                                     std::size_t limit) const = 0;
+  /// The events of all tickets behind the one of that number, oldest first, at most `limit` of them.
+  [[nodiscard]] virtual std::vector<Event> EventsAfter(EventNumber after, std::size_t limit) const = 0;
   /// Every archive of every ticket.
   [[nodiscard]] virtual std::vector<ArchiveName> Archives() const = 0;
+
+  [[nodiscard]] virtual std::optional<EnrolledDevice> FindDevice(const std::string& serial_number) const = 0;
+  /// By serial number, at most `limit` of them.
+  /// @param beginning  Only those whose serial number begins so.
+  /// @param after      Only those whose serial number comes behind this one; empty for the first ones.
+  [[nodiscard]] virtual std::vector<EnrolledDevice> Devices(const std::string& beginning,
+                                                            const std::string& after,
+                                                            std::size_t limit) const = 0;
+  [[nodiscard]] virtual std::optional<User> FindUser(const std::string& name) const = 0;
+  /// By name.
+  [[nodiscard]] virtual std::vector<User> Users() const = 0;
+  /// The API token whose secret has this hash.
+  [[nodiscard]] virtual std::optional<ApiToken> FindApiToken(const SecretHash& secret) const = 0;
+  /// In the order of their creation.
+  [[nodiscard]] virtual std::vector<ApiToken> ApiTokens() const = 0;
+  [[nodiscard]] virtual std::optional<Session> FindSession(const SecretHash& secret) const = 0;
+  /// The newest records with a smaller number than `before` (0 for the newest ones), newest first, at most `limit`.
+  [[nodiscard]] virtual std::vector<AuditRecord> Audit(std::uint64_t before, std::size_t limit) const = 0;
 };
 
 }  // namespace TarvoOrvane::SupportService

@@ -2,6 +2,7 @@
 
 #include <json/writer.h>
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 
@@ -46,6 +47,12 @@ std::string Printable(std::string_view text, std::size_t max_bytes) {
   }
   if (text.size() > max_bytes) result += "...";
   return result;
+}
+
+std::size_t CharactersIn(std::string_view text) {
+  // Each has one byte that continues no other.
+  return static_cast<std::size_t>(std::count_if(
+      text.begin(), text.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) != 0x80; }));
 }
 
 std::string Quoted(std::string_view text, std::size_t max_bytes) {

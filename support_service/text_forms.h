@@ -25,6 +25,9 @@ std::string TimeText(std::chrono::system_clock::time_point time);
 /// @param max_bytes  Of `text`; the result may have four times as many.
 std::string Printable(std::string_view text, std::size_t max_bytes = 256);
 
+/// @return How many characters a text in UTF-8 has.
+std::size_t CharactersIn(std::string_view text);
+
 /// Printable() in double quotes; quotes inside become \".
 std::string Quoted(std::string_view text, std::size_t max_bytes = 256);
 

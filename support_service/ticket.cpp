@@ -84,6 +84,8 @@ const char* ToText(EventKind kind) {
       return "cancelled";
     case EventKind::kExpired:
       return "expired";
+    case EventKind::kArchiveDeleted:
+      return "archive deleted";
   }
   return "unknown";
 }
@@ -146,6 +148,8 @@ void Apply(const Event& event, Ticket& ticket) {
       return;
     case EventKind::kExpired:
       if (ticket.state == TicketState::kQueued) Enter(TicketState::kExpired, event, ticket);
+      return;
+    case EventKind::kArchiveDeleted:
       return;
   }
 }

@@ -56,7 +56,8 @@ enum class EventKind {
   kOverdue = 10,   ///< It takes unusually long. The device's next ticket may be tried.
   kNoResult = 11,  ///< Text: why nothing is waited for any more.
   kCancelled = 12,  ///< Text: who.
-  kExpired = 13
+  kExpired = 13,
+  kArchiveDeleted = 14  ///< Text: which version, by whom or why.
 };
 
 /// "created", "stream ended" and so on.
@@ -80,10 +81,12 @@ struct Event {
 struct Archive {
   std::uint64_t version = 0;  ///< Unique for the ticket, and growing. Not every number is used.
   std::uint64_t size_bytes = 0;
-  std::string sha256;             ///< Lower-case hex.
-  std::string serial_number;      ///< As the upload said; may be empty.
-  std::vector<std::string> apps;  ///< As the upload said, in its order.
-  WallTime received;              ///< When it was complete, to the millisecond.
+  std::string sha256;               ///< Lower-case hex.
+  std::string serial_number;        ///< As the upload said; may be empty.
+  std::vector<std::string> apps;    ///< As the upload said, in its order.
+  WallTime received;                ///< When it was complete, to the millisecond.
+  std::optional<WallTime> deleted;  ///< There is no file any more since then.
+  std::string deletion;             ///< By whom it was deleted, or why.
 };
 
 /// A ticket as it is now. It has no token: those exist as hashes, and only in the store.
@@ -93,6 +96,8 @@ struct Ticket {
   std::string id;                 ///< For people and on the wire: 16 hex digits.
   std::string device;             ///< Serial number.
   std::vector<std::string> apps;  ///< In the order asked for.
+  std::string note;               ///< For people: why. UTF-8.
+  std::string requested_by;       ///< As the audit names them.
   WallTime created;               ///< To the millisecond, as all times here.
   WallTime deadline;              ///< Still queued then, it expires.
 

@@ -1,13 +1,10 @@
 #include "ticket_book.h"
 
 #include <json/value.h>
-#include <openssl/sha.h>
-#include <sys/random.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <iterator>
 #include <stdexcept>
-#include <system_error>
 
 #include "serial_number.h"
 #include "text_forms.h"
@@ -20,25 +17,13 @@ using std::chrono::milliseconds;
 using SteadyTime = std::chrono::steady_clock::time_point;
 
 /// An id only has to tell tickets apart, and people type it. A token is a secret that nobody must be able to guess.
-constexpr std::size_t kIdBytes = 8;
+constexpr std::size_t kTicketIdBytes = 8;
 constexpr std::size_t kTokenBytes = 32;
 /// What the daemon's pipe to its main process takes of a ticket.
 constexpr std::size_t kMaxTicketBytes = 2047;
+constexpr std::size_t kMaxNoteCharacters = 1000;
 /// Of a device's words, in an event.
 constexpr std::size_t kMaxReasonBytes = 512;
-
-std::string RandomHex(std::size_t bytes) {
-  std::vector<unsigned char> random(bytes);
-  // A request of up to 256 bytes is answered whole once the kernel's generator is seeded.
-  ssize_t count = 0;
-  do {
-    count = getrandom(random.data(), random.size(), 0);
-  } while (count == -1 && errno == EINTR);
-  if (count != static_cast<ssize_t>(bytes)) {
-    throw std::system_error(errno, std::generic_category(), "cannot get random bytes");
-  }
-  return HexText(random.data(), random.size());
-}
 
 std::string TicketJson(const std::string& token, const std::vector<std::string>& apps) {
   Json::Value ticket(Json::objectValue);
@@ -64,30 +49,29 @@ milliseconds AgeOf(WallTime time, const Moment& now) {
 
 }  // namespace
 
-Moment Now() {
-  // Whole milliseconds, as the store keeps them: what was read back compares equal to what was written.
-  const auto wall = std::chrono::system_clock::now().time_since_epoch();
-  return {std::chrono::steady_clock::now(), WallTime(duration_cast<milliseconds>(wall))};
-}
-
-TokenHash HashOf(const std::string& token) {
-  TokenHash hash{};
-  SHA256(reinterpret_cast<const unsigned char*>(token.data()), token.size(), hash.data());
-  return hash;
-}
-
 TicketBook::TicketBook(const Settings& settings, const Store& store, EventSink events, Clock clock)
     : settings_(settings),
       store_(store),
       events_(std::move(events)),
-      strangers_(events_, [this] { return clock_().steady; }),
-      clock_(std::move(clock)) {
+      clock_(std::move(clock)),
+      registry_(store, clock_),
+      strangers_(events_, [this] { return clock_().steady; }) {
   Reload();
 }
 
 Ticket TicketBook::Create(const NewTicket& wanted) {
   if (const std::string fault = SerialFault(wanted.device); !fault.empty()) {
     throw std::invalid_argument(fault + ": name the device that the ticket is for");
+  }
+  const auto device = registry_.FindDevice(wanted.device);
+  if (!device || device->blocked) {
+    throw std::invalid_argument(
+        "device " + Quoted(wanted.device) +
+        (device ? " is blocked: unblock it first" : " is not enrolled: enrol it first"));
+  }
+  if (CharactersIn(wanted.note) > kMaxNoteCharacters) {
+    throw std::invalid_argument("the note is longer than " + std::to_string(kMaxNoteCharacters) +
+                                " characters");
   }
   const auto is_empty = [](const std::string& app) { return app.empty(); };
   if (std::any_of(wanted.apps.begin(), wanted.apps.end(), is_empty)) {
@@ -102,11 +86,13 @@ Ticket TicketBook::Create(const NewTicket& wanted) {
   const Moment now = clock_();
   Ticket ticket;
   ticket.number = ++last_ticket_;
-  ticket.id = RandomHex(kIdBytes);
+  ticket.id = RandomHex(kTicketIdBytes);
   ticket.device = wanted.device;
   ticket.apps = wanted.apps;
+  ticket.note = wanted.note;
+  ticket.requested_by = wanted.requested_by;
   ticket.created = now.wall;
-  ticket.deadline = now.wall + settings_.lifetime;
+  ticket.deadline = now.wall + wanted.lifetime.value_or(settings_.lifetime);
   TakeUp(ticket, now);
   OpenTicket& open = tickets_.at(ticket.number);
   Record(open, EventKind::kCreated,
@@ -114,7 +100,7 @@ Ticket TicketBook::Create(const NewTicket& wanted) {
   return open.ticket;
 }
 
-void TicketBook::Cancel(TicketNumber number, const std::string& who) {
+Ticket TicketBook::Cancel(TicketNumber number, const std::string& who) {
   OpenTicket* open = FindOrLoad(number);
   if (open == nullptr) throw std::invalid_argument("there is no such ticket");
   const TicketState state = open->ticket.state;
@@ -124,15 +110,66 @@ void TicketBook::Cancel(TicketNumber number, const std::string& who) {
                                 ", so it can't be cancelled");
   }
   Record(*open, EventKind::kCancelled, who);
+  return open->ticket;
 }
 
-std::vector<DeviceView> TicketBook::Devices() const {
+EnrolledDevice TicketBook::SetBlocked(const std::string& serial_number, bool blocked) {
+  EnrolledDevice changed = registry_.SetBlocked(serial_number, blocked);
+  const auto device = devices_.find(serial_number);
+  if (blocked && device != devices_.end() && device->second.stream != 0) {
+    EndStream(device->second.stream, EndReason::kStranger, "the device is blocked");
+  }
+  return changed;
+}
+
+bool TicketBook::IsBlocked(const std::string& serial_number) const {
+  const auto device = registry_.FindDevice(serial_number);
+  return device && device->blocked;
+}
+
+void TicketBook::DeleteArchive(TicketNumber number, std::uint64_t version, const std::string& who) {
+  OpenTicket* open = FindOrLoad(number);
+  if (open == nullptr) throw std::invalid_argument("there is no such ticket");
+  auto& archives = open->ticket.archives;
+  const auto archive = std::find_if(archives.begin(), archives.end(),
+                                    [&](const Archive& each) { return each.version == version; });
+  if (archive == archives.end() || archive->deleted) {
+    throw std::invalid_argument("ticket " + open->ticket.id + " has no archive of version " +
+                                std::to_string(version));
+  }
+  archive->deleted = clock_().wall;
+  archive->deletion = who;
+  Record(*open, EventKind::kArchiveDeleted, "version " + std::to_string(version) + " by " + who).archive =
+      *archive;
+}
+
+DeviceView TicketBook::View(const std::string& serial_number) const {
+  const auto device = devices_.find(serial_number);
+  return device == devices_.end() ? DeviceView{serial_number, false, "", {}, "", 0}
+                                  : ViewOf(serial_number, device->second);
+}
+
+DeviceView TicketBook::ViewOf(const std::string& serial_number, const Device& device) const {
+  DeviceView view;
+  view.serial_number = serial_number;
+  view.twin = device.twin;
+  view.open_tickets = device.queued.size() + device.in_hand.size();
+  if (device.stream == 0) return view;
+  const Stream& stream = streams_.at(device.stream);
+  view.connected = true;
+  view.peer = stream.peer;
+  view.connected_since = stream.connected;
+  return view;
+}
+
+std::vector<DeviceView> TicketBook::Connected(const std::string& beginning, const std::string& after,
+                                              std::size_t limit) const {
   std::vector<DeviceView> views;
-  for (const auto& [id, stream] : streams_) {
-    if (!stream.serial_number.empty()) {
-      views.push_back(
-          {stream.serial_number, stream.peer, stream.connected, devices_.at(stream.serial_number).twin});
-    }
+  auto next = after < beginning ? connected_.lower_bound(beginning) : connected_.upper_bound(after);
+  if (after.empty()) next = connected_.lower_bound(beginning);
+  for (; next != connected_.end() && views.size() < limit; ++next) {
+    if (next->compare(0, beginning.size(), beginning) != 0) break;
+    views.push_back(View(*next));
   }
   return views;
 }
@@ -149,7 +186,8 @@ void TicketBook::OpenStream(StreamId stream, const std::string& peer) {
   }
 }
 
-void TicketBook::Hello(StreamId stream, const std::string& serial_number, std::uint32_t protocol) {
+void TicketBook::Hello(StreamId stream, const std::string& serial_number, std::uint32_t protocol,
+                       const std::optional<std::string>& certificate_name) {
   const auto found = streams_.find(stream);
   if (found == streams_.end()) return;
   if (!found->second.serial_number.empty()) {
@@ -161,6 +199,11 @@ void TicketBook::Hello(StreamId stream, const std::string& serial_number, std::u
   }
   if (const std::string fault = SerialFault(serial_number); !fault.empty()) {
     return EndStream(stream, EndReason::kBadHello, fault);
+  }
+  if (const std::string fault = AdmissionFault(serial_number, certificate_name); !fault.empty()) {
+    const std::string who = certificate_name ? "device " + *certificate_name : "a stranger";
+    registry_.RecordRefusal({who, found->second.peer}, "stream refused", serial_number, fault);
+    return EndStream(stream, EndReason::kStranger, fault);
   }
   const auto device = devices_.find(serial_number);
   if (device != devices_.end() && device->second.stream != 0) {
@@ -174,8 +217,22 @@ void TicketBook::Hello(StreamId stream, const std::string& serial_number, std::u
   found->second.serial_number = serial_number;
   found->second.connected = clock_().wall;
   devices_[serial_number].stream = stream;
+  connected_.insert(serial_number);
   stirred_.insert(serial_number);
+  registry_.NoteSeen(serial_number, found->second.peer);
   events_("device connected: " + DeviceText(serial_number, found->second.peer));
+}
+
+/// Why a stream is not that of the device that it says it is of; empty if it is.
+std::string TicketBook::AdmissionFault(const std::string& serial_number,
+                                       const std::optional<std::string>& certificate_name) const {
+  if (settings_.trust != Trust::kAllowList && certificate_name != serial_number) {
+    return certificate_name ? "the certificate is that of " + Quoted(*certificate_name)
+                            : "it has shown no certificate";
+  }
+  const auto device = registry_.FindDevice(serial_number);
+  if (!device) return "the device is not enrolled";
+  return device->blocked ? "the device is blocked" : "";
 }
 
 /// Whether the machine that opened this stream is another one than that which has an older one.
@@ -276,12 +333,17 @@ void TicketBook::CloseStream(StreamId stream) {
 UploadFate TicketBook::RecordUpload(TicketNumber number, const Archive& archive) {
   OpenTicket* open = FindOrLoad(number);
   if (open == nullptr || !TakesResults(open->ticket.state)) return UploadFate::kUnwanted;
+  if (IsBlocked(open->ticket.device)) return UploadFate::kBlocked;
   const auto& archives = open->ticket.archives;
   if (std::any_of(archives.begin(), archives.end(),
                   [&](const Archive& former) { return former.sha256 == archive.sha256; })) {
     return UploadFate::kRepeated;
   }
-  if (archives.size() >= settings_.most_archives) return UploadFate::kTooMany;
+  const auto is_taken = [&](const Archive& former) { return former.version == archive.version; };
+  if (std::any_of(archives.begin(), archives.end(), is_taken)) return UploadFate::kTaken;
+  const auto is_kept = [](const Archive& former) { return !former.deleted; };
+  const auto kept = static_cast<std::size_t>(std::count_if(archives.begin(), archives.end(), is_kept));
+  if (kept >= settings_.most_archives) return UploadFate::kTooMany;
   Supersede(*open);
   Record(*open, EventKind::kUploaded,
          std::to_string(archive.size_bytes) + " bytes, sha256 " + archive.sha256 + ", apps " +
@@ -293,7 +355,7 @@ UploadFate TicketBook::RecordUpload(TicketNumber number, const Archive& archive)
 
 bool TicketBook::RecordReport(TicketNumber number, const std::string& status) {
   OpenTicket* open = FindOrLoad(number);
-  if (open == nullptr || !TakesResults(open->ticket.state)) return false;
+  if (open == nullptr || !TakesResults(open->ticket.state) || IsBlocked(open->ticket.device)) return false;
   if (open->ticket.report) return true;
   Supersede(*open);
   Record(*open, EventKind::kReported, status);
@@ -438,8 +500,10 @@ void TicketBook::Release(StreamId stream, const std::string& cause) {
     return;
   }
   events_("device disconnected: " + who);
+  registry_.NoteSeen(released.serial_number, released.peer);
   Device& device = devices_.at(released.serial_number);
   device.stream = 0;
+  connected_.erase(released.serial_number);
   Requeue(device, stream, cause);
   stirred_.insert(released.serial_number);
 }
@@ -527,14 +591,25 @@ std::optional<SteadyTime> TicketBook::NextDeadline() const {
   if (!timers_.empty()) next = timers_.begin()->first;
   if (!takeovers_.empty() && (!next || takeovers_.begin()->first < *next)) next = takeovers_.begin()->first;
   if (!greetings_.empty() && (!next || greetings_.begin()->first < *next)) next = greetings_.begin()->first;
+  const auto seen = registry_.NextDeadline();
+  if (seen && (!next || *seen < *next)) next = seen;
   return next;
 }
 
-std::vector<Entry> TicketBook::TakeEntries() { return std::exchange(entries_, {}); }
+std::vector<Change> TicketBook::TakeChanges(bool all) {
+  std::vector<Change> changes;
+  std::vector<Entry> entries = std::exchange(entries_, {});
+  changes.reserve(entries.size());
+  for (Entry& entry : entries) changes.emplace_back(std::move(entry));
+  std::vector<Change> others = registry_.TakeChanges(all || !changes.empty());
+  std::move(others.begin(), others.end(), std::back_inserter(changes));
+  return changes;
+}
 
 Work TicketBook::TakeWork() { return std::exchange(work_, {}); }
 
 void TicketBook::Settle() {
+  registry_.Settle();
   for (const TicketNumber number : std::exchange(ended_, {})) {
     const auto found = tickets_.find(number);
     if (found->second.due) timers_.erase({*found->second.due, number});
@@ -555,6 +630,7 @@ void TicketBook::Reload() {
     device.queued.clear();
     device.in_hand.clear();
   }
+  registry_.Settle();
   last_event_ = store_.LastEvent();
   last_ticket_ = store_.LastTicket();
 

@@ -29,31 +29,29 @@
 #include <vector>
 
 #include "event_log.h"
+#include "registry.h"
 #include "store.h"
 
 namespace TarvoOrvane::SupportService {
 
-/// A point of time by both clocks.
-struct Moment {
-  std::chrono::steady_clock::time_point steady;  ///< Pauses and limits are measured by this one.
-  WallTime wall;                                 ///< For people, and for limits that outlive the process.
-};
-
-/// The present, by the system's clocks.
-[[nodiscard]] Moment Now();
-
 /// What an operator asks for.
 struct NewTicket {
-  std::string device;             ///< Serial number.
+  std::string device;             ///< Serial number of an enrolled one.
   std::vector<std::string> apps;  ///< The applications whose data is wanted; may be none.
+  std::string note = {};          ///< For people: why.
+  std::string requested_by = {};  ///< As the audit names them.
+  std::optional<std::chrono::hours> lifetime =
+      {};  ///< Not accepted for so long, it expires; Settings::lifetime.
 };
 
-/// A connected device as others see it.
+/// What is going on with a device.
 struct DeviceView {
   std::string serial_number;
-  std::string peer;    ///< Its address in gRPC's words, as it came.
-  WallTime connected;  ///< When its Hello was accepted.
+  bool connected = false;
+  std::string peer;          ///< While connected: its address in gRPC's words, as it came.
+  WallTime connected_since;  ///< While connected: when its Hello was accepted.
   std::string twin;  ///< Address of another machine with this serial number; empty as long as there is none.
+  std::size_t open_tickets = 0;
 };
 
 /// Number of a device's stream, never used twice in a process; 0 is none.
@@ -71,6 +69,7 @@ enum class EndReason {
   kTooMany,   ///< There are as many streams as the service takes.
   kNoHello,   ///< It stayed silent for too long.
   kBadHello,  ///< Its Hello names a protocol that is not known here, or no serial number that can be used.
+  kStranger,  ///< It has not shown that it is the device it says it is, or that one is not to get in.
   kProtocolError,  ///< It said something that has no meaning at this point.
   kReplaced,       ///< The same device has opened a newer one.
   kTwin,           ///< Two machines have one serial number, and this is the one that came later.
@@ -94,17 +93,20 @@ struct Work {
 /// What became of an upload.
 enum class UploadFate {
   kKept,      ///< It is the ticket's newest version.
-  kRepeated,  ///< The ticket has an archive of this content. This one is to be deleted.
+  kRepeated,  ///< The ticket has an archive of this content, whose file this one's may have to replace.
   kTooMany,   ///< The ticket has as many versions as are kept. This one is to be deleted.
+  kBlocked,   ///< The device was blocked meanwhile. This one is to be deleted.
+  kTaken,     ///< Another archive had this version, and was deleted since. The device may try again.
   kUnwanted   ///< The ticket has come to an end that takes none. This one is to be deleted.
 };
 
 class TicketBook {
  public:
-  using Clock = std::function<Moment()>;
+  using Clock = MomentClock;
 
-  /// How long the book waits for devices.
+  /// Whom the book believes, and how long it waits for devices.
   struct Settings {
+    Trust trust = Trust::kOwnAuthority;
     // From a stream's start to its Hello, and from a delivery to the answer.
     std::chrono::milliseconds hello_limit{10'000};
     std::chrono::milliseconds answer_limit{60'000};
@@ -142,9 +144,21 @@ class TicketBook {
   Ticket Create(const NewTicket& wanted);
   /// Takes back a ticket that no device has yet.
   /// @param who  For the ticket's events.
-  void Cancel(TicketNumber number, const std::string& who);
-  /// In the order in which they connected.
-  [[nodiscard]] std::vector<DeviceView> Devices() const;
+  /// @return What it is now.
+  Ticket Cancel(TicketNumber number, const std::string& who);
+  /// Blocks a device, which ends its stream, or lets it in again.
+  EnrolledDevice SetBlocked(const std::string& serial_number, bool blocked);
+  /// Notes that an archive is not to be kept any more. Its file is deleted once that is remembered.
+  /// @param who  For the ticket's events.
+  void DeleteArchive(TicketNumber number, std::uint64_t version, const std::string& who);
+  /// Whatever the serial number is.
+  [[nodiscard]] DeviceView View(const std::string& serial_number) const;
+  /// The connected devices by serial number, at most `limit` of them.
+  /// @param beginning, after  As Store::Devices() has them.
+  [[nodiscard]] std::vector<DeviceView> Connected(const std::string& beginning, const std::string& after,
+                                                  std::size_t limit) const;
+  /// Devices, accounts and the audit.
+  [[nodiscard]] Registry& registry() { return registry_; }
 
   // For the streams. What a device says may arrive after the book has ended its stream; it is passed over.
 
@@ -152,11 +166,14 @@ class TicketBook {
   /// @param stream  A number that no stream had before.
   /// @param peer    Its address, for event lines.
   void OpenStream(StreamId stream, const std::string& peer);
-  /// The device's first message. An older stream of the same serial number is ended: the device has lost it, though the
+  /// The device's first message. Only an enrolled device gets in, and not on its word alone unless that is trusted. An
+  /// older stream of the same serial number is ended: the device has lost it, though the
   /// service may not have noticed yet. If that happens too often there are two machines with this number. Then nothing
   /// is delivered to either, the older stream stays and newer ones are ended, until no newer one has come for
   /// Settings::twin_window.
-  void Hello(StreamId stream, const std::string& serial_number, std::uint32_t protocol);
+  /// @param certificate_name  The common name in the client certificate; nothing without a valid one.
+  void Hello(StreamId stream, const std::string& serial_number, std::uint32_t protocol,
+             const std::optional<std::string>& certificate_name);
   /// The device's answer to a delivery. One that doesn't belong to a delivery on this stream is logged and ignored.
   /// @param reason  The device's own words, as they came; may be empty.
   void Answer(StreamId stream, const std::string& ticket_id, bool accepted, const std::string& reason);
@@ -171,7 +188,7 @@ class TicketBook {
   UploadFate RecordUpload(TicketNumber number, const Archive& archive);
   /// The ticket's result came. A further one changes nothing.
   /// @param status  The device's text as it came.
-  /// @return false when the ticket has come to an end that takes none.
+  /// @return false when the ticket has come to an end that takes none, or its device was blocked meanwhile.
   bool RecordReport(TicketNumber number, const std::string& status);
 
   // For the dispatcher.
@@ -181,14 +198,15 @@ class TicketBook {
   /// When Advance() will have something to do if nothing happens before.
   [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> NextDeadline() const;
   /// What happened since the last call, for the store.
-  [[nodiscard]] std::vector<Entry> TakeEntries();
+  /// @param all  Also what may wait, as at the service's end.
+  [[nodiscard]] std::vector<Change> TakeChanges(bool all = false);
   /// What is to be done since the last call.
   [[nodiscard]] Work TakeWork();
   /// The entries are remembered: tickets that are at their end are forgotten here.
   void Settle();
   /// The entries could not be remembered: takes the tickets up anew, as the store has them, and drops the deliveries
   /// that were not carried out. The streams stay.
-  /// @throws StoreError when the store can't be read; the book has no tickets then, and this is to be called again.
+  /// @throws StoreError when the store can't be read; this is to be called again then.
   void Reload();
   /// Ends all streams.
   void CloseAllStreams();
@@ -239,6 +257,10 @@ class TicketBook {
   void Supersede(OpenTicket& open);
   void HandleDue(OpenTicket& open, SteadyTime now);
   void EndSilentStreams(SteadyTime now);
+  [[nodiscard]] std::string AdmissionFault(const std::string& serial_number,
+                                           const std::optional<std::string>& certificate_name) const;
+  [[nodiscard]] bool IsBlocked(const std::string& serial_number) const;
+  [[nodiscard]] DeviceView ViewOf(const std::string& serial_number, const Device& device) const;
   bool IsTakenForTwin(StreamId stream, const std::string& serial_number);
   void ForgetTakeovers(SteadyTime now);
   void DeliverDue(const std::string& serial_number, SteadyTime now);
@@ -252,11 +274,13 @@ class TicketBook {
   const Settings settings_;
   const Store& store_;
   const EventSink events_;
-  const LimitedEvents strangers_;  ///< For what anybody can cause.
   const Clock clock_;
+  Registry registry_;
+  const LimitedEvents strangers_;               ///< For what anybody can cause.
   std::map<TicketNumber, OpenTicket> tickets_;  ///< The open ones, and ended ones until Settle().
   std::map<StreamId, Stream> streams_;          ///< The open ones.
   std::map<std::string, Device> devices_;       ///< By serial number.
+  std::set<std::string> connected_;             ///< Serial numbers that have a stream.
   std::set<std::pair<SteadyTime, TicketNumber>> timers_;
   std::set<std::pair<SteadyTime, StreamId>> greetings_;     ///< The streams without Hello, by their deadline.
   std::set<std::pair<SteadyTime, std::string>> takeovers_;  ///< Serial numbers, by Device::quiet_at.
@@ -267,8 +291,5 @@ class TicketBook {
   EventNumber last_event_ = 0;
   TicketNumber last_ticket_ = 0;
 };
-
-/// SHA-256 of a token.
-[[nodiscard]] TokenHash HashOf(const std::string& token);
 
 }  // namespace TarvoOrvane::SupportService

@@ -19,7 +19,7 @@ namespace {
 /// Far more than lead to any authority.
 constexpr unsigned int kMostCertificates = 16;
 /// As the longest serial numbers of devices.
-constexpr std::size_t kMaxNameBytes = 128;
+constexpr std::size_t kMaxCommonNameBytes = 128;
 
 [[noreturn]] void Refuse(const char* what, const std::filesystem::path& file, const std::string& why,
                          const char* advice) {
@@ -42,7 +42,8 @@ gnutls_datum_t Datum(const std::string& text) {
           static_cast<unsigned int>(text.size())};
 }
 
-using Certificate = std::unique_ptr<std::remove_pointer_t<gnutls_x509_crt_t>, void (*)(gnutls_x509_crt_t)>;
+using ReadCertificate =
+    std::unique_ptr<std::remove_pointer_t<gnutls_x509_crt_t>, void (*)(gnutls_x509_crt_t)>;
 using PublicKey = std::unique_ptr<std::remove_pointer_t<gnutls_pubkey_t>, void (*)(gnutls_pubkey_t)>;
 
 /// Tells keys apart.
@@ -59,7 +60,7 @@ std::optional<std::string> NameText(const gnutls_x509_ava_st& part) {
   // Of a DirectoryString's forms those of one byte per character: UTF8String, PrintableString, IA5String.
   if (part.value_tag != 12 && part.value_tag != 19 && part.value_tag != 22) return std::nullopt;
   std::string text(reinterpret_cast<const char*>(part.value.data), part.value.size);
-  if (text.empty() || text.size() > kMaxNameBytes) return std::nullopt;
+  if (text.empty() || text.size() > kMaxCommonNameBytes) return std::nullopt;
   for (const char byte : text) {
     if (byte < 0x20 || byte > 0x7e) return std::nullopt;
   }
@@ -209,7 +210,7 @@ std::optional<std::string> VerifiedName(gnutls_session_t session) {
   if (gnutls_certificate_verify_peers(session, &wanted, 1, &status) < 0 || status != 0) return std::nullopt;
   gnutls_x509_crt_t made = nullptr;
   gnutls_x509_crt_init(&made);
-  const Certificate certificate(made, &gnutls_x509_crt_deinit);
+  const ReadCertificate certificate(made, &gnutls_x509_crt_deinit);
   if (gnutls_x509_crt_import(made, sent, GNUTLS_X509_FMT_DER) < 0) return std::nullopt;
   return CommonName(made);
 }

@@ -91,7 +91,7 @@ class Sending {
     if (devices.empty()) devices.push_back(OnlyConnectedDevice(session_.api));
     for (const std::string& device : devices) {
       try {
-        tickets_.push_back(session_.api.Post("/tickets", RequestFor(device)));
+        tickets_.push_back(SendTo(device));
       } catch (const Refusal& refusal) {
         // It may hold of this device alone.
         if (refusal.status() == ExitStatus::kNotAllowed || devices.size() == 1) throw;
@@ -100,6 +100,18 @@ class Sending {
       }
       if (!options.json) session_.console.out << Safe(IdOf(tickets_.back())) << std::endl;
     }
+  }
+
+  /// @param device  A serial number, or the beginning of one.
+  [[nodiscard]] Json::Value SendTo(const std::string& device) const {
+    constexpr long kNotFound = 404;
+    try {
+      return session_.api.Post("/tickets", RequestFor(device));
+    } catch (const Refusal& refusal) {
+      if (refusal.http_status() != kNotFound) throw;
+    }
+    const Json::Value meant = session_.api.Get("/devices/" + Escaped(device));
+    return session_.api.Post("/tickets", RequestFor(TextOf(meant, "serial_number")));
   }
 
   [[nodiscard]] Json::Value RequestFor(const std::string& device) const {

@@ -164,26 +164,34 @@ std::string TokenIn(const std::string& ticket_json) {
   return ticket["token"].asString();
 }
 
+TicketBook::Settings BelievingSettings() {
+  TicketBook::Settings settings;
+  settings.trust = Trust::kAllowList;
+  return settings;
+}
+
 }  // namespace
 
 InProcessCss::InProcessCss()
     : archives_(folder_.path() / "data"),
       store_(folder_.path() / "data" / "tickets.db"),
       room_(folder_.path(), 0),
-      dispatcher_({}, store_, [this](const std::string& event) { CheckEvent(event); }) {
+      dispatcher_(BelievingSettings(), store_, [this](const std::string& event) { CheckEvent(event); }) {
   dispatcher_.SetWorkSink([this](const Work& work) {
     for (const Delivery& delivery : work.deliveries) token_ = TokenIn(delivery.ticket_json);
   });
   dispatcher_.Call([](TicketBook& book) {
     book.OpenStream(kStream, "device");
-    book.Hello(kStream, "SN1", 1);
+    book.registry().Enrol("SN1", std::nullopt);
+    book.Hello(kStream, "SN1", 1, std::nullopt);
   });
   const EventSink events = [this](const std::string& event) { CheckEvent(event); };
   // So much time passes between two lines that none is left out.
   const LimitedEvents all_of_them(
       events, [now = std::chrono::steady_clock::now()]() mutable { return now += std::chrono::hours(1); });
   constexpr std::chrono::seconds kLimit{5};
-  desk_.emplace(CssDesk{dispatcher_, store_, archives_, disk_, room_, kLargestUpload, all_of_them, events});
+  desk_.emplace(CssDesk{dispatcher_, store_, archives_, disk_, room_, Trust::kAllowList, kLargestUpload,
+                        all_of_them, events});
   HttpSettings settings;
   settings.address = ParseListenAddress("127.0.0.1:0", false);
   settings.idle_limit = settings.head_limit = kLimit;

@@ -6,15 +6,15 @@
 
 namespace TarvoOrvane::SupportService {
 
-// Linked in the place of ParseServiceOptions(), which it calls.
-Parsed<ServiceSettings> ParseReally(int argc, const char* const* argv) __asm__(
-    "__real__ZN11TarvoOrvane14SupportService19ParseServiceOptionsEiPKPKc");
-Parsed<ServiceSettings> ParseImpatiently(int argc, const char* const* argv) __asm__(
-    "__wrap__ZN11TarvoOrvane14SupportService19ParseServiceOptionsEiPKPKc");
+// Linked in the place of ParseOptions(), which it calls.
+ParsedOptions ParseReally(int argc, const char* const* argv) __asm__(
+    "__real__ZN11TarvoOrvane14SupportService12ParseOptionsEiPKPKc");
+ParsedOptions ParseImpatiently(int argc, const char* const* argv) __asm__(
+    "__wrap__ZN11TarvoOrvane14SupportService12ParseOptionsEiPKPKc");
 
-Parsed<ServiceSettings> ParseImpatiently(int argc, const char* const* argv) {
-  Parsed<ServiceSettings> parsed = ParseReally(argc, argv);
-  parsed.options.tickets.overdue_after = std::chrono::minutes(0);
+ParsedOptions ParseImpatiently(int argc, const char* const* argv) {
+  ParsedOptions parsed = ParseReally(argc, argv);
+  parsed.settings.tickets.overdue_after = std::chrono::minutes(0);
   return parsed;
 }
 

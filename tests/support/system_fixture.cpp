@@ -80,14 +80,37 @@ std::string SystemTest::LibraryFolder(const std::string& name) {
 
 void SystemTest::StartService(const std::string& grpc_address) {
   service_.reset();
-  service_ = std::make_unique<Program>(
-      std::vector<std::string>{BinaryPath(service_program_), "--data", kServiceFolder, "--grpc-address",
-                               grpc_address, "--http-address", "127.0.0.1:0", "--retry-seconds", "2"},
-      kServiceOutput);
+  std::vector<std::string> arguments = {BinaryPath(service_program_),
+                                        "--data",
+                                        kServiceFolder,
+                                        "--grpc-address",
+                                        grpc_address,
+                                        "--http-address",
+                                        "127.0.0.1:0",
+                                        "--retry-seconds",
+                                        "2"};
+  if (!uses_certificates_) arguments.emplace_back("--allow-list");
+  service_ = std::make_unique<Program>(arguments, kServiceOutput);
   ASSERT_TRUE(Eventually([&] { return service_->Output().find("control socket ") != std::string::npos; }))
       << service_->Output();
   grpc_url_ = service_->WaitForLine("grpc listening on ");
   css_url_ = service_->WaitForLine("css listening on ");
+  EnrolDevice();
+}
+
+void SystemTest::EnrolDevice() const {
+  const std::string folder = std::string(kTestFolder) + "/enrolment";
+  Program enrol({BinaryPath("supportctl"), "--data", kServiceFolder, "device", "enrol", kSerialNumber,
+                 "--renew", "--out", folder},
+                std::string(kTestFolder) + "/enrol.out");
+  ASSERT_EQ(enrol.Wait(), 0) << enrol.Output();
+  if (!uses_certificates_) return;
+  const std::filesystem::path tls = "/usr/tarvo/etc/tls";
+  std::filesystem::create_directories(tls);
+  for (const char* file : {"ca.pem", "client.pem", "client.key"}) {
+    std::filesystem::copy_file(std::filesystem::path(folder) / file, tls / file,
+                               std::filesystem::copy_options::overwrite_existing);
+  }
 }
 
 void SystemTest::WriteConfig() const {
@@ -139,8 +162,8 @@ void SystemTest::StartAll() {
 }
 
 std::string SystemTest::SendTicket(const std::string& apps) {
-  Program client({BinaryPath("ticket"), "--data", kServiceFolder, "--device", kSerialNumber, "--apps", apps},
-                 std::string(kTestFolder) + "/ticket.out");
+  Program client({BinaryPath("supportctl"), "--data", kServiceFolder, "send", kSerialNumber, "--apps", apps},
+                 std::string(kTestFolder) + "/send.out");
   EXPECT_EQ(client.Wait(), 0) << client.Output();
   const std::string output = client.Output();
   return output.substr(0, output.find('\n'));

@@ -50,8 +50,11 @@ class SystemTest : public testing::Test {
   static std::string BinaryPath(const std::string& name);
   static std::string LibraryFolder(const std::string& name);
 
-  /// Starts the support service, `service_program_`; grpc_url_ and css_url_ are its addresses afterwards.
+  /// Starts the support service, `service_program_`, and enrols the device; grpc_url_ and css_url_ are the service's
+  /// addresses afterwards.
   void StartService(const std::string& grpc_address = "127.0.0.1:0");
+  /// Has the running service let the device in.
+  void EnrolDevice() const;
   /// Writes the daemon's configuration file with the running service's addresses.
   void WriteConfig() const;
   static void WriteConfig(const std::string& text);
@@ -97,6 +100,7 @@ class SystemTest : public testing::Test {
 
   std::unique_ptr<SyslogListener> syslog_;
   std::string service_program_ = "support_service";
+  bool uses_certificates_ = false;  ///< Otherwise the service believes the device, without TLS.
   std::unique_ptr<Program> service_;
   std::string grpc_url_;
   std::string css_url_;

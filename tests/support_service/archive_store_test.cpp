@@ -32,11 +32,12 @@ class ArchiveStoreTest : public ::testing::Test {
     ticket.device = "SN1";
     Event event{1, 1, EventKind::kCreated, "", {}};
     Apply(event, ticket);
-    store.Write({{event, ticket, std::nullopt, std::nullopt}});
+    store.Write({Entry{event, ticket, std::nullopt, std::nullopt}});
     for (const std::uint64_t version : versions) {
       event = {event.number + 1, 1, EventKind::kUploaded, "", {}};
       Apply(event, ticket);
-      store.Write({{event, ticket, std::nullopt, Archive{version, 1, Sha256("x"), "SN1", {}, {}}}});
+      store.Write(
+          {Entry{event, ticket, std::nullopt, Archive{version, 1, Sha256("x"), "SN1", {}, {}, {}, {}}}});
     }
   }
 

@@ -20,14 +20,25 @@ enum class StoreKind { kMemory, kSqlite };
 /// For the names of tests.
 inline std::string NameOf(StoreKind kind) { return kind == StoreKind::kMemory ? "Memory" : "Sqlite"; }
 
+/// A device that may get in.
+inline EnrolledDevice Enrolled(const std::string& serial_number) {
+  EnrolledDevice device;
+  device.serial_number = serial_number;
+  return device;
+}
+
+/// "SN0" to "SN9" are enrolled.
 class BookRig {
  public:
-  explicit BookRig(StoreKind kind) {
+  /// @param trust  Whom the book believes.
+  explicit BookRig(StoreKind kind, Trust trust = Trust::kAllowList) {
+    settings_.trust = trust;
     if (kind == StoreKind::kMemory) {
       store_ = std::make_unique<MemoryStore>();
     } else {
       store_ = std::make_unique<SqliteStore>(folder_.path() / "tickets.db");
     }
+    for (int i = 0; i <= 9; ++i) store_->Write({Enrolled("SN" + std::to_string(i))});
     Restart();
   }
 
@@ -38,7 +49,7 @@ class BookRig {
   /// The process ends, and another one begins with the same store.
   void Restart() {
     book_ = std::make_unique<TicketBook>(
-        TicketBook::Settings{}, *store_, [this](const std::string& line) { lines_.push_back(line); },
+        settings_, *store_, [this](const std::string& line) { lines_.push_back(line); },
         [this] { return now_; });
     Turn();
   }
@@ -53,8 +64,12 @@ class BookRig {
   /// One batch: what is due is done and remembered.
   Work Turn() {
     book_->Advance();
-    entries_ = book_->TakeEntries();
-    if (!entries_.empty()) store_->Write(entries_);
+    const std::vector<Change> changes = book_->TakeChanges();
+    entries_.clear();
+    for (const Change& change : changes) {
+      if (const auto* entry = std::get_if<Entry>(&change)) entries_.push_back(*entry);
+    }
+    if (!changes.empty()) store_->Write(changes);
     book_->Settle();
     return book_->TakeWork();
   }
@@ -64,9 +79,12 @@ class BookRig {
   /// The lines about streams.
   [[nodiscard]] const std::vector<std::string>& lines() const { return lines_; }
 
-  StreamId Connect(const std::string& serial_number) {
+  [[nodiscard]] std::vector<DeviceView> Devices() const { return book_->Connected("", "", 1000); }
+
+  StreamId Connect(const std::string& serial_number,
+                   const std::optional<std::string>& certificate_name = {}) {
     book_->OpenStream(++last_stream_, "peer of " + serial_number);
-    book_->Hello(last_stream_, serial_number, 1);
+    book_->Hello(last_stream_, serial_number, 1, certificate_name);
     return last_stream_;
   }
   /// A stream that says nothing yet.
@@ -85,6 +103,7 @@ class BookRig {
 
  private:
   test_support::TemporaryFolder folder_;
+  TicketBook::Settings settings_;
   // A time of its own: nothing depends on the machine's.
   Moment now_{std::chrono::steady_clock::time_point(std::chrono::hours(1000)),
               WallTime(std::chrono::hours(24 * 365 * 50))};

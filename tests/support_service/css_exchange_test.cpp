@@ -28,8 +28,9 @@ class CssServerTest : public ServiceTest {
   }
 
   ReceivedAnswer Upload(const std::string& token, const fs::path& file,
-                        const std::vector<std::string>& apps = {"a"}) {
-    return PostForm(UploadUrl(), {Auth(token)}, DeviceForm(file, "SN1", apps));
+                        const std::vector<std::string>& apps = {"a"},
+                        const std::string& serial_number = "SN1") {
+    return PostForm(UploadUrl(), {Auth(token)}, DeviceForm(file, serial_number, apps));
   }
 
   ReceivedAnswer Report(const std::string& token, const std::string& body) {
@@ -117,10 +118,10 @@ class FormerTicket {
     Happened(EventKind::kDelivered, HashOf("former token"));
   }
 
-  void Happened(EventKind kind, std::optional<TokenHash> token = std::nullopt) {
+  void Happened(EventKind kind, std::optional<SecretHash> token = std::nullopt) {
     const Event event{ticket_.last_event + 1, 1, kind, "Success", time_};
     Apply(event, ticket_);
-    store_->Write({{event, ticket_, token, std::nullopt}});
+    store_->Write({Entry{event, ticket_, token, std::nullopt}});
   }
 
  private:
@@ -251,7 +252,7 @@ TEST_F(CssServerTest, EachTicketHasItsOwnArchive) {
   two.Hello("SN2");
   const auto first = AcceptTicket(one);
   const auto second = AcceptTicket(two);
-  EXPECT_EQ(Upload(second.token, MakeFile("two")).status, 200);
+  EXPECT_EQ(Upload(second.token, MakeFile("two"), {"a"}, "SN2").status, 200);
   EXPECT_EQ(Upload(first.token, MakeFile("one")).status, 200);
   EXPECT_EQ(ReadFile(ArchiveOf(first.id)), "one");
   EXPECT_EQ(ReadFile(ArchiveOf(second.id)), "two");
@@ -569,7 +570,9 @@ TEST_F(CssServerTest, UploadsAtTheSameTimeDoNotMix) {
   std::vector<std::thread> uploads;
   uploads.reserve(tickets.size());
   for (std::size_t i = 0; i < tickets.size(); ++i) {
-    uploads.emplace_back([&, i] { EXPECT_EQ(Upload(tickets[i].token, files[i]).status, 200); });
+    uploads.emplace_back([&, i] {
+      EXPECT_EQ(Upload(tickets[i].token, files[i], {"a"}, "SN" + std::to_string(i)).status, 200);
+    });
   }
   for (std::thread& upload : uploads) upload.join();
   for (std::size_t i = 0; i < tickets.size(); ++i) {
@@ -792,8 +795,34 @@ TEST_F(CssServerTest, ReportsAreBounded) {
 TEST_F(CssServerTest, HostileTextIsMadeHarmlessInEventLines) {
   Start();
   const auto ticket = AcceptTicket();
-  EXPECT_EQ(Report(ticket.token, R"({"status":"Suc\ncess\u001b[2J","serial_number":"\u0000"})").status, 200);
+  EXPECT_EQ(Report(ticket.token, R"({"status":"Suc\ncess\u001b[2J","serial_number":""})").status, 200);
   EXPECT_TRUE(events_.Has(R"( reported: "Suc\x0acess\x1b[2J")"));
+}
+
+TEST_F(CssServerTest, SerialNumberOfAnotherDeviceIsRefusedAndNothingIsKept) {
+  Start();
+  const auto ticket = AcceptTicket();
+  const std::string file = MakeFile("x");
+  ExpectRefusal(PostForm(UploadUrl(), {Auth(ticket.token)}, DeviceForm(file, "SN2", {"a"})), 403);
+  ExpectRefusal(Report(ticket.token, R"({"status":"Success","serial_number":"SN2"})"), 403);
+  ExpectRefusal(Report(ticket.token, R"({"status":"Success","serial_number":"SN1\u0000"})"), 403);
+  EXPECT_EQ(StateOf(ticket.id), TicketState::kAccepted);
+  EXPECT_EQ(IncomingFiles() + ArchiveFiles(), 0U);
+  EXPECT_TRUE(events_.Has("report refused: the serial number is another device's"));
+}
+
+TEST_F(CssServerTest, DeviceThatIsBlockedIsRefusedUntilItIsNotAnyMore) {
+  Start();
+  const auto ticket = AcceptTicket();
+  const auto set_blocked = [&](bool blocked) {
+    service().dispatcher().Call([&](TicketBook& book) { book.SetBlocked("SN1", blocked); });
+  };
+  set_blocked(true);
+  EXPECT_EQ(own_device_->End().value().error_code(), grpc::StatusCode::PERMISSION_DENIED);
+  ExpectRefusal(Upload(ticket.token, MakeFile("x")), 403);
+  ExpectRefusal(Report(ticket.token, R"({"status":"Success","serial_number":"SN1"})"), 403);
+  set_blocked(false);
+  EXPECT_EQ(Upload(ticket.token, MakeFile("x")).status, 200);
 }
 
 TEST_F(CssServerTest, TokenAppearsInNoFileAndNoEventLine) {

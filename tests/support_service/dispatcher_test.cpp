@@ -21,16 +21,16 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 /// A store whose disk can be made to stand still.
-class SlowStore final : public Store {
+class SlowStore final : public MemoryStore {
  public:
-  void Write(const std::vector<Entry>& entries) override {
+  void Write(const std::vector<Change>& changes) override {
     std::unique_lock<std::mutex> lock(mutex_);
     ++waiting_;
     changed_.notify_all();
     changed_.wait(lock, [this] { return !stands_still_; });
     --waiting_;
-    batches_.push_back(entries.size());
-    store_.Write(entries);
+    batches_.push_back(changes.size());
+    MemoryStore::Write(changes);
   }
   void StandStill(bool stands_still) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -45,34 +45,22 @@ class SlowStore final : public Store {
     const std::lock_guard<std::mutex> lock(mutex_);
     return batches_;
   }
-  void Fail(bool fail) { store_.FailWrites(fail); }
+  /// That is no batch.
+  void Enrol(const std::string& serial_number) {
+    EnrolledDevice device;
+    device.serial_number = serial_number;
+    MemoryStore::Write({device});
+  }
+  void Fail(bool fail) { FailWrites(fail); }
   /// As on a disk that is gone.
   void FailReads(bool fail) { reads_fail_ = fail; }
 
-  [[nodiscard]] EventNumber LastEvent() const override { return store_.LastEvent(); }
-  [[nodiscard]] TicketNumber LastTicket() const override { return store_.LastTicket(); }
   [[nodiscard]] std::vector<Ticket> OpenTickets() const override {
     if (reads_fail_) throw StoreError("the disk is gone");
-    return store_.OpenTickets();
+    return MemoryStore::OpenTickets();
   }
-  [[nodiscard]] std::optional<Ticket> Find(TicketNumber number) const override { return store_.Find(number); }
-  [[nodiscard]] std::vector<Ticket> FindById(const std::string& beginning, std::size_t limit) const override {
-    return store_.FindById(beginning, limit);
-  }
-  [[nodiscard]] std::optional<Ticket> FindByToken(const TokenHash& hash) const override {
-    return store_.FindByToken(hash);
-  }
-  [[nodiscard]] std::vector<Ticket> List(const TicketFilter& filter, std::size_t limit) const override {
-    return store_.List(filter, limit);
-  }
-  [[nodiscard]] std::vector<Event> EventsOf(TicketNumber ticket, EventNumber after,
-                                            std::size_t limit) const override {
-    return store_.EventsOf(ticket, after, limit);
-  }
-  [[nodiscard]] std::vector<ArchiveName> Archives() const override { return store_.Archives(); }
 
  private:
-  MemoryStore store_;
   std::atomic<bool> reads_fail_{false};
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -81,9 +69,16 @@ class SlowStore final : public Store {
   std::vector<std::size_t> batches_;
 };
 
+TicketBook::Settings BelievingSettings() {
+  TicketBook::Settings settings;
+  settings.trust = Trust::kAllowList;
+  return settings;
+}
+
 class DispatcherTest : public ::testing::Test {
  protected:
   DispatcherTest() {
+    for (const char* serial_number : {"SN1", "SN2", "SN3"}) store_.Enrol(serial_number);
     dispatcher_.SetWorkSink([this](const Work& work) {
       const std::lock_guard<std::mutex> lock(mutex_);
       for (const Delivery& delivery : work.deliveries) delivered_.push_back(delivery.ticket_id);
@@ -101,7 +96,7 @@ class DispatcherTest : public ::testing::Test {
   void Connect(StreamId stream, const std::string& device) {
     dispatcher_.Post([=](TicketBook& book) {
       book.OpenStream(stream, "peer");
-      book.Hello(stream, device, 1);
+      book.Hello(stream, device, 1, std::nullopt);
     });
   }
   /// Posts a new ticket. The future has the fault.
@@ -135,7 +130,7 @@ class DispatcherTest : public ::testing::Test {
   std::vector<StreamId> ended_;
   std::vector<std::string> lines_;
   SlowStore store_;
-  Dispatcher dispatcher_{{}, store_, [this](const std::string& line) {
+  Dispatcher dispatcher_{BelievingSettings(), store_, [this](const std::string& line) {
                            const std::lock_guard<std::mutex> lock(mutex_);
                            lines_.push_back(line);
                          }};
@@ -220,27 +215,32 @@ TEST_F(DispatcherTest, NobodyWaitsForADiskThatIsGoneAndItsReturnIsNoticed) {
       << "the end of its stream was noticed";
 }
 
-TEST_F(DispatcherTest, WaitingForEventsEndsWithTheNextOne) {
-  const EventNumber none = dispatcher_.AwaitEvents(0, milliseconds(0));
-  EXPECT_EQ(none, 0U);
-  auto waiting = std::async(std::launch::async, [&] { return dispatcher_.AwaitEvents(0, kPatience); });
+TEST_F(DispatcherTest, NewEventsAreToldWhenTheyAreInTheStore) {
+  std::mutex mutex;
+  std::vector<EventNumber> told;
+  dispatcher_.SetNewsSink([&] {
+    const std::lock_guard<std::mutex> lock(mutex);
+    told.push_back(store_.LastEvent());
+  });
   Create();
-  EXPECT_EQ(waiting.get(), 1U);
-  EXPECT_EQ(dispatcher_.AwaitEvents(0, kPatience), 1U);
+  Create();
+  dispatcher_.Post([](TicketBook& book) { book.registry().Record({"a", "b"}, "c", "d"); });
+  dispatcher_.SetNewsSink({});
+  Create();
+  const std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_THAT(told, ElementsAre(1, 2));
 }
 
-TEST_F(DispatcherTest, ClosingRemembersWhatWasPostedAndEndsStreamsAndWaits) {
+TEST_F(DispatcherTest, ClosingRemembersWhatWasPostedAndEndsStreams) {
   Connect(7, "SN2");
   store_.StandStill(true);
   const auto first = PostTicket();
   ASSERT_TRUE(store_.AwaitWriter());
   auto second = PostTicket();
-  auto waiting = std::async(std::launch::async, [&] { return dispatcher_.AwaitEvents(99, kPatience); });
   auto closing = std::async(std::launch::async, [&] { dispatcher_.Close(); });
   EXPECT_TRUE(Eventually([&] { return dispatcher_.closed(); }));
   store_.StandStill(false);
   closing.get();
-  waiting.get();
   EXPECT_EQ(second.get(), "");
   EXPECT_EQ(store_.OpenTickets().size(), 2U);
   EXPECT_THAT(ended(), ElementsAre(7U));
@@ -250,7 +250,7 @@ TEST_F(DispatcherTest, ClosingRemembersWhatWasPostedAndEndsStreamsAndWaits) {
 }
 
 TEST_F(DispatcherTest, WhatIsDueIsDoneWithoutAnInput) {
-  TicketBook::Settings settings;
+  TicketBook::Settings settings = BelievingSettings();
   settings.hello_limit = milliseconds(1);
   MemoryStore store;
   std::promise<StreamId> ended;

@@ -20,7 +20,6 @@
 #include "program.h"
 #include "service_fixture.h"
 #include "sqlite_store.h"
-#include "tarvo/support/v1/control.grpc.pb.h"
 
 namespace TarvoOrvane::SupportService {
 namespace {
@@ -227,10 +226,7 @@ class Device {
 class Operator {
  public:
   Operator(Ledger& ledger, const Address& address)
-      : ledger_(ledger),
-        stub_(proto::ControlService::NewStub(
-            grpc::CreateChannel(UnixTarget(address.control_socket), grpc::InsecureChannelCredentials()))),
-        thread_([this] { Run(); }) {}
+      : ledger_(ledger), control_socket_(address.control_socket), thread_([this] { Run(); }) {}
   ~Operator() {
     stop_ = true;
     thread_.join();
@@ -247,19 +243,14 @@ class Operator {
     }
   }
   bool Send(const std::string& device) {
-    grpc::ClientContext context;
-    proto::SendTicketRequest request;
-    request.set_device(device);
-    request.add_apps("a");
-    proto::SendTicketResponse response;
-    const bool sent = stub_->SendTicket(&context, request, &response).ok();
-    if (sent) ledger_.Created(response.ticket_id(), device);
-    return sent;
+    const std::string id = SendTicketOver(control_socket_, device);
+    if (!id.empty()) ledger_.Created(id, device);
+    return !id.empty();
   }
 
   Ledger& ledger_;
   std::atomic<bool> stop_{false};
-  std::unique_ptr<proto::ControlService::Stub> stub_;
+  const std::string control_socket_;
   std::thread thread_;
 };
 
@@ -267,12 +258,17 @@ class ServiceKillTest : public ::testing::Test {
  protected:
   void StartService() {
     program_.reset();
-    program_ = std::make_unique<Program>(
-        std::vector<std::string>{SUPPORT_SERVICE_PROGRAM, "--data", data_.string(), "--retry-seconds", "1"},
-        (temp_.path() / "output").string());
+    program_ =
+        std::make_unique<Program>(std::vector<std::string>{SUPPORT_SERVICE_PROGRAM, "--data", data_.string(),
+                                                           "--retry-seconds", "1", "--allow-list"},
+                                  (temp_.path() / "output").string());
     ASSERT_NE(program_->WaitForLine("control socket "), "") << program_->Output();
     address_ = {program_->WaitForLine("grpc listening on "), program_->WaitForLine("css listening on "),
                 program_->WaitForLine("control socket ")};
+    std::vector<std::string> serial_numbers;
+    serial_numbers.reserve(kDevices);
+    for (int number = 0; number < kDevices; ++number) serial_numbers.push_back("SN" + std::to_string(number));
+    EnrolOver(address_.control_socket, serial_numbers);
   }
 
   /// Traffic, until the service has acknowledged a random number of things, and an unnoticeable moment more.
@@ -311,6 +307,7 @@ class ServiceKillTest : public ::testing::Test {
     ServiceSettings settings;
     settings.data_folder = data_;
     settings.tickets.retry_pause = milliseconds(50);
+    settings.tickets.trust = Trust::kAllowList;
     const SupportService service(settings, [](const std::string&) {});
     const Address address = {service.grpc_url(), service.css_url(), service.control_socket()};
     std::vector<std::unique_ptr<Device>> devices;
@@ -371,7 +368,7 @@ class ServiceKillTest : public ::testing::Test {
     }
   }
 
-  /// Reconcile() has deleted what nobody knew of: what is left is known.
+  /// Reconcile() has put aside what nobody knew of: what is left is known.
   void CheckFiles(const Store& store) {
     const fs::directory_iterator files(data_ / "archives");
     EXPECT_EQ(static_cast<std::size_t>(std::distance(begin(files), end(files))), store.Archives().size());

@@ -78,7 +78,7 @@ class LimitedEventsTest : public ::testing::Test {
 TEST_F(LimitedEventsTest, TooManyAreCountedAndLeftOut) {
   for (int i = 0; i < LimitedEvents::kBurst + 7; ++i) events_.Write("x");
   EXPECT_EQ(recorder_.lines().size(), static_cast<std::size_t>(LimitedEvents::kBurst));
-  now_ += milliseconds(1000 / LimitedEvents::kPerSecond);
+  now_ += LimitedEvents::kPause;
   events_.Write("y");
   events_.Write("z");
   const auto lines = recorder_.lines();
@@ -90,7 +90,7 @@ TEST_F(LimitedEventsTest, TooManyAreCountedAndLeftOut) {
 TEST_F(LimitedEventsTest, WhatComesSlowlyIsAllPassedOn) {
   for (int i = 0; i < 1000; ++i) {
     events_.Write("x");
-    now_ += milliseconds(1000 / LimitedEvents::kPerSecond);
+    now_ += LimitedEvents::kPause;
   }
   EXPECT_EQ(recorder_.lines().size(), 1000U);
 }

@@ -1,8 +1,10 @@
 #include "memory_store.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <utility>
+#include <variant>
 
 namespace TarvoOrvane::SupportService {
 namespace {
@@ -15,48 +17,111 @@ void AddOnce(Map& map, const Key& key, const Value& value) {
   if (!map.emplace(key, value).second) throw StoreError("what is to be added is there already");
 }
 
-}  // namespace
-
-void MemoryStore::Write(const std::vector<Entry>& entries) {
-  if (fails_) throw StoreError("the store in memory was told to fail");
-  const std::lock_guard<std::mutex> lock(mutex_);
-  Records changed;  // copies, until each entry is known to be taken
-  std::map<TokenHash, TicketNumber> tokens;
-  for (const Entry& entry : entries) {
-    Record& record = RecordFor(entry, changed);
-    record.ticket = entry.ticket;
-    record.events.push_back(entry.event);
-    if (entry.token) {
-      if (tokens_.count(*entry.token) != 0) throw StoreError("the token is there already");
-      AddOnce(tokens, *entry.token, entry.ticket.number);
-    }
-    if (entry.archive) AddOnce(record.archives, entry.archive->version, *entry.archive);
-  }
-  for (auto& [number, record] : changed) records_[number] = std::move(record);
-  tokens_.merge(tokens);
-  if (!entries.empty()) last_event_ = entries.back().event.number;
+template <typename Map, typename Key>
+auto ValueOf(const Map& map, const Key& key) -> std::optional<typename Map::mapped_type> {
+  const auto found = map.find(key);
+  if (found == map.end()) return std::nullopt;
+  return found->second;
 }
 
-/// The record to change, copied to `changed` when it is not there.
-MemoryStore::Record& MemoryStore::RecordFor(const Entry& entry, Records& changed) const {
-  const TicketNumber number = entry.ticket.number;
-  const auto stored = records_.find(number);
-  const bool exists = stored != records_.end() || changed.count(number) != 0;
-  if (exists == (entry.event.kind == EventKind::kCreated)) {
-    throw StoreError(exists ? "the ticket was created before" : "the ticket was not created");
+template <typename Map>
+auto ValuesOf(const Map& map) {
+  std::vector<typename Map::mapped_type> values;
+  values.reserve(map.size());
+  for (const auto& [key, value] : map) values.push_back(value);
+  return values;
+}
+
+template <typename Map, typename Choice>
+void EraseThose(Map& map, const Choice& choice) {
+  for (auto each = map.begin(); each != map.end();) {
+    each = choice(each->second) ? map.erase(each) : std::next(each);
   }
-  if (stored != records_.end()) changed.insert(*stored);
-  return changed[number];
+}
+
+}  // namespace
+
+/// Takes up one change. Tickets and tokens are changed in copies, since these may be refused; the rest can't be.
+struct MemoryStore::Writer {
+  Content& content;
+  std::map<TicketNumber, Record> tickets = {};
+  std::map<SecretHash, TicketNumber> tokens = {};
+  EventNumber last_event = 0;
+
+  void operator()(const Entry& entry) {
+    const TicketNumber number = entry.ticket.number;
+    const bool is_new = entry.event.kind == EventKind::kCreated;
+    const auto stored = content.tickets.find(number);
+    if (stored != content.tickets.end()) tickets.insert(*stored);
+    if (is_new == (tickets.count(number) != 0)) {
+      throw StoreError(is_new ? "the ticket was created before" : "the ticket was not created");
+    }
+    Record& record = tickets[number];
+    record.ticket = entry.ticket;
+    record.events.push_back(entry.event);
+    if (entry.token && content.tokens.count(*entry.token) != 0) {
+      throw StoreError("the token is there already");
+    }
+    if (entry.token) AddOnce(tokens, *entry.token, number);
+    if (entry.archive && entry.archive->deleted) record.archives[entry.archive->version] = *entry.archive;
+    if (entry.archive && !entry.archive->deleted) {
+      AddOnce(record.archives, entry.archive->version, *entry.archive);
+    }
+    last_event = entry.event.number;
+  }
+  void operator()(const EnrolledDevice& device) const { content.devices[device.serial_number] = device; }
+  void operator()(const DeviceSeen& seen) const {
+    const auto device = content.devices.find(seen.serial_number);
+    if (device == content.devices.end()) return;
+    device->second.last_seen = seen.time;
+    device->second.address = seen.address;
+  }
+  void operator()(const User& user) const { content.users[user.name] = user; }
+  void operator()(const UserRemoved& removed) const {
+    content.users.erase(removed.name);
+    (*this)(SessionsEnded{removed.name});
+  }
+  void operator()(const ApiToken& token) const { content.api_tokens[token.id] = token; }
+  void operator()(const ApiTokenRemoved& removed) const { content.api_tokens.erase(removed.id); }
+  void operator()(const Session& session) const {
+    EraseThose(content.sessions, [&](const Session& old) { return old.expires < session.created; });
+    content.sessions[session.secret] = session;
+  }
+  void operator()(const SessionEnded& ended) const { content.sessions.erase(ended.secret); }
+  void operator()(const SessionsEnded& ended) const {
+    EraseThose(content.sessions, [&](const Session& session) { return session.user == ended.user; });
+  }
+  void operator()(const AuditRecord& record) const { content.audit.push_back(record); }
+};
+
+void MemoryStore::Write(const std::vector<Change>& changes) {
+  if (fails_) throw StoreError("the store in memory was told to fail");
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Writer writer{content_};
+  for (const Change& change : changes) {
+    if (std::holds_alternative<Entry>(change)) std::visit(writer, change);
+  }
+  for (const Change& change : changes) {
+    if (!std::holds_alternative<Entry>(change)) std::visit(writer, change);
+  }
+  for (auto& [number, record] : writer.tickets) content_.tickets[number] = std::move(record);
+  content_.tokens.merge(writer.tokens);
+  if (writer.last_event != 0) content_.last_event = writer.last_event;
 }
 
 EventNumber MemoryStore::LastEvent() const {
   const std::lock_guard<std::mutex> lock(mutex_);
-  return last_event_;
+  return content_.last_event;
+}
+
+std::uint64_t MemoryStore::LastAudit() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return content_.audit.empty() ? 0 : content_.audit.back().number;
 }
 
 TicketNumber MemoryStore::LastTicket() const {
   const std::lock_guard<std::mutex> lock(mutex_);
-  return records_.empty() ? 0 : records_.rbegin()->first;
+  return content_.tickets.empty() ? 0 : content_.tickets.rbegin()->first;
 }
 
 Ticket MemoryStore::TicketOf(const Record& record) {
@@ -71,7 +136,8 @@ template <typename Choice>
 std::vector<Ticket> MemoryStore::TicketsThat(const Choice& choice, std::size_t limit) const {
   const std::lock_guard<std::mutex> lock(mutex_);
   std::vector<Ticket> tickets;
-  for (auto record = records_.rbegin(); record != records_.rend() && tickets.size() < limit; ++record) {
+  for (auto record = content_.tickets.rbegin(); record != content_.tickets.rend() && tickets.size() < limit;
+       ++record) {
     if (choice(record->second.ticket)) tickets.push_back(TicketOf(record->second));
   }
   return tickets;
@@ -85,8 +151,8 @@ std::vector<Ticket> MemoryStore::OpenTickets() const {
 
 std::optional<Ticket> MemoryStore::Find(TicketNumber number) const {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto record = records_.find(number);
-  if (record == records_.end()) return std::nullopt;
+  const auto record = content_.tickets.find(number);
+  if (record == content_.tickets.end()) return std::nullopt;
   return TicketOf(record->second);
 }
 
@@ -95,11 +161,11 @@ std::vector<Ticket> MemoryStore::FindById(const std::string& beginning, std::siz
       [&](const Ticket& ticket) { return ticket.id.compare(0, beginning.size(), beginning) == 0; }, limit);
 }
 
-std::optional<Ticket> MemoryStore::FindByToken(const TokenHash& hash) const {
+std::optional<Ticket> MemoryStore::FindByToken(const SecretHash& hash) const {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto token = tokens_.find(hash);
-  if (token == tokens_.end()) return std::nullopt;
-  return TicketOf(records_.at(token->second));
+  const auto token = content_.tokens.find(hash);
+  if (token == content_.tokens.end()) return std::nullopt;
+  return TicketOf(content_.tickets.at(token->second));
 }
 
 std::vector<Ticket> MemoryStore::List(const TicketFilter& filter, std::size_t limit) const {
@@ -115,8 +181,8 @@ std::vector<Ticket> MemoryStore::List(const TicketFilter& filter, std::size_t li
 std::vector<Event> MemoryStore::EventsOf(TicketNumber ticket, EventNumber after, std::size_t limit) const {
   const std::lock_guard<std::mutex> lock(mutex_);
   std::vector<Event> events;
-  const auto record = records_.find(ticket);
-  if (record == records_.end()) return events;
+  const auto record = content_.tickets.find(ticket);
+  if (record == content_.tickets.end()) return events;
   for (const Event& event : record->second.events) {
     if (event.number > after && events.size() < limit) events.push_back(event);
   }
@@ -126,10 +192,82 @@ std::vector<Event> MemoryStore::EventsOf(TicketNumber ticket, EventNumber after,
 std::vector<ArchiveName> MemoryStore::Archives() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   std::vector<ArchiveName> names;
-  for (const auto& [number, record] : records_) {
-    for (const auto& [version, archive] : record.archives) names.push_back({record.ticket.id, version});
+  for (const auto& [number, record] : content_.tickets) {
+    for (const auto& [version, archive] : record.archives) {
+      names.push_back({record.ticket.id, version, archive.deleted.has_value()});
+    }
   }
   return names;
+}
+
+std::vector<Event> MemoryStore::EventsAfter(EventNumber after, std::size_t limit) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::map<EventNumber, Event> events;
+  for (const auto& [number, record] : content_.tickets) {
+    for (const Event& event : record.events) {
+      if (event.number > after) events.emplace(event.number, event);
+    }
+  }
+  auto found = ValuesOf(events);
+  if (found.size() > limit) found.resize(limit);
+  return found;
+}
+
+std::optional<EnrolledDevice> MemoryStore::FindDevice(const std::string& serial_number) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return ValueOf(content_.devices, serial_number);
+}
+
+std::vector<EnrolledDevice> MemoryStore::Devices(const std::string& beginning, const std::string& after,
+                                                 std::size_t limit) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<EnrolledDevice> devices;
+  for (const auto& [serial_number, device] : content_.devices) {
+    const bool is_meant = serial_number.compare(0, beginning.size(), beginning) == 0 && serial_number > after;
+    if (is_meant && devices.size() < limit) devices.push_back(device);
+  }
+  return devices;
+}
+
+std::optional<User> MemoryStore::FindUser(const std::string& name) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return ValueOf(content_.users, name);
+}
+
+std::vector<User> MemoryStore::Users() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return ValuesOf(content_.users);
+}
+
+std::optional<ApiToken> MemoryStore::FindApiToken(const SecretHash& secret) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& [id, token] : content_.api_tokens) {
+    if (token.secret == secret) return token;
+  }
+  return std::nullopt;
+}
+
+std::vector<ApiToken> MemoryStore::ApiTokens() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  auto tokens = ValuesOf(content_.api_tokens);
+  std::stable_sort(tokens.begin(), tokens.end(),
+                   [](const ApiToken& a, const ApiToken& b) { return a.created < b.created; });
+  return tokens;
+}
+
+std::optional<Session> MemoryStore::FindSession(const SecretHash& secret) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return ValueOf(content_.sessions, secret);
+}
+
+std::vector<AuditRecord> MemoryStore::Audit(std::uint64_t before, std::size_t limit) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<AuditRecord> records;
+  for (auto record = content_.audit.rbegin(); record != content_.audit.rend() && records.size() < limit;
+       ++record) {
+    if (before == 0 || record->number < before) records.push_back(*record);
+  }
+  return records;
 }
 
 }  // namespace TarvoOrvane::SupportService

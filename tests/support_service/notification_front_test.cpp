@@ -1,6 +1,7 @@
 #include "notification_front.h"
 
 #include <gmock/gmock.h>
+#include <grpcpp/generic/generic_stub.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -233,6 +234,7 @@ TEST_F(NotificationServiceTest, HelloWithoutAUsableSerialNumberEndsTheStream) {
     EXPECT_TRUE(events_.Has("stream without hello ended: without serial number, ipv4:127.0.0.1:"));
   }
   EXPECT_TRUE(Devices().empty());
+  Enrol(std::string(128, '~'));
   ScriptedDevice device(service().grpc_url());
   device.Hello(std::string(128, '~'));
   EXPECT_TRUE(Eventually([&] { return Devices().size() == 1; }));
@@ -284,6 +286,7 @@ TEST_F(NotificationServiceTest, OversizeMessageEndsOnlyItsStream) {
 
 TEST_F(NotificationServiceTest, DeviceThatReadsNothingHoldsUpNobody) {
   Start();
+  Enrol("DEAF");
   // Answers without reading, and so gets more than the connection's small window takes.
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_HTTP2_STREAM_LOOKAHEAD_BYTES, 4096);
@@ -338,23 +341,35 @@ TEST_F(NotificationServiceTest, UnixSocketWorks) {
   EXPECT_THROW(SupportService(second, events_.sink()), std::runtime_error);
 }
 
+TEST_F(NotificationServiceTest, HealthIsToldToLoadBalancers) {
+  Start();
+  grpc::GenericStub stub(
+      grpc::CreateChannel(GrpcTarget(service().grpc_url()), grpc::InsecureChannelCredentials()));
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + kPatience);
+  grpc::CompletionQueue queue;
+  const grpc::Slice whole_service(std::string("\x0a\x00", 2));  // its name is empty
+  const grpc::ByteBuffer request(&whole_service, 1);
+  const auto call = stub.PrepareUnaryCall(&context, "/grpc.health.v1.Health/Check", request, &queue);
+  call->StartCall();
+  grpc::ByteBuffer answer;
+  grpc::Status status;
+  call->Finish(&answer, &status, &status);
+  void* tag = nullptr;
+  bool ok = false;
+  ASSERT_TRUE(queue.Next(&tag, &ok));
+  EXPECT_TRUE(status.ok()) << status.error_message();
+  grpc::Slice bytes;
+  ASSERT_TRUE(answer.DumpToSingleSlice(&bytes).ok());
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes.begin()), bytes.size()), "\x08\x01") << "SERVING";
+}
+
 TEST_F(NotificationServiceTest, PortInUseIsRefused) {
   Start();
   ServiceSettings second = settings_;
   second.data_folder = temp_.path() / "second";
   second.grpc_address = GrpcTarget(service().grpc_url());
   EXPECT_THROW(SupportService(second, events_.sink()), std::runtime_error);
-}
-
-TEST_F(NotificationServiceTest, ControlIsNotServedOnTheDevicesPort) {
-  Start();
-  const auto stub = tarvo::support::v1::ControlService::NewStub(
-      grpc::CreateChannel(GrpcTarget(service().grpc_url()), grpc::InsecureChannelCredentials()));
-  grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + kPatience);
-  tarvo::support::v1::SendTicketResponse response;
-  const grpc::Status status = stub->SendTicket(&context, {}, &response);
-  EXPECT_EQ(status.error_code(), grpc::StatusCode::UNIMPLEMENTED) << status.error_message();
 }
 
 }  // namespace

@@ -3,43 +3,43 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <regex>
+#include <set>
+
+#include "temporary_folder.h"
+#include "test_certificate.h"
+
 namespace TarvoOrvane::SupportService {
 namespace {
 
 using std::chrono::seconds;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
-Parsed<ServiceSettings> Service(std::vector<const char*> arguments) {
+ParsedOptions Service(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "support_service");
-  return ParseServiceOptions(static_cast<int>(arguments.size()), arguments.data());
-}
-
-Parsed<TicketOptions> TicketLine(std::vector<const char*> arguments) {
-  arguments.insert(arguments.begin(), "ticket");
-  return ParseTicketOptions(static_cast<int>(arguments.size()), arguments.data());
+  return ParseOptions(static_cast<int>(arguments.size()), arguments.data());
 }
 
 TEST(ServiceOptionsTest, DefaultsAreLoopbackAndFreePorts) {
   const auto parsed = Service({});
   ASSERT_TRUE(parsed.run);
-  EXPECT_EQ(parsed.options.grpc_address, "127.0.0.1:0");
-  EXPECT_EQ(parsed.options.http_address, "127.0.0.1:0");
-  EXPECT_EQ(parsed.options.data_folder, "support_service_data");
-  EXPECT_EQ(parsed.options.tickets.retry_pause, seconds(2));
-  EXPECT_EQ(parsed.options.tickets.hello_limit, seconds(10));
-  EXPECT_EQ(parsed.options.http_idle_limit, seconds(60));
+  EXPECT_EQ(parsed.settings.grpc_address, "127.0.0.1:0");
+  EXPECT_EQ(parsed.settings.http_address, "127.0.0.1:0");
+  EXPECT_EQ(parsed.settings.data_folder, "support_service_data");
+  EXPECT_EQ(parsed.settings.tickets.retry_pause, seconds(2));
+  EXPECT_EQ(parsed.settings.tickets.hello_limit, seconds(10));
+  EXPECT_EQ(parsed.settings.http_idle_limit, seconds(60));
 }
 
 TEST(ServiceOptionsTest, AllCanBeSet) {
-  const auto parsed = Service({"--grpc-address", "unix:/tmp/x", "--http-address", "[::1]:8080", "--data",
-                               "/tmp/d", "--retry-seconds", "7"});
+  const auto parsed = Service({"--allow-list", "--grpc-address", "unix:/tmp/x", "--http-address",
+                               "[::1]:8080", "--data", "/tmp/d", "--retry-seconds", "7"});
   ASSERT_TRUE(parsed.run) << parsed.text;
-  EXPECT_EQ(parsed.options.grpc_address, "unix:/tmp/x");
-  EXPECT_EQ(parsed.options.http_address, "[::1]:8080");
-  EXPECT_EQ(parsed.options.data_folder, "/tmp/d");
-  EXPECT_EQ(parsed.options.tickets.retry_pause, seconds(7));
+  EXPECT_EQ(parsed.settings.grpc_address, "unix:/tmp/x");
+  EXPECT_EQ(parsed.settings.http_address, "[::1]:8080");
+  EXPECT_EQ(parsed.settings.data_folder, "/tmp/d");
+  EXPECT_EQ(parsed.settings.tickets.retry_pause, seconds(7));
 }
 
 TEST(ServiceOptionsTest, WrongOnesAreExplainedWithStatus2) {
@@ -64,42 +64,126 @@ TEST(ServiceOptionsTest, HelpHasExamplesAndStatus0) {
   EXPECT_THAT(parsed.text, HasSubstr("Examples:"));
 }
 
-TEST(TicketOptionsTest, AppsAreSplitAtCommas) {
-  EXPECT_THAT(TicketLine({"--apps", "a,b c,d"}).options.apps, ElementsAre("a", "b c", "d"));
+TEST(ServiceOptionsTest, HowDevicesAreKnownIsSaid) {
+  EXPECT_EQ(Service({}).settings.tickets.trust, Trust::kOwnAuthority);
+  EXPECT_EQ(Service({"--allow-list"}).settings.tickets.trust, Trust::kAllowList);
+  const auto other = Service({"--device-authority", "/dev/null"});
+  EXPECT_EQ(other.settings.tickets.trust, Trust::kOtherAuthority);
+  EXPECT_EQ(other.settings.identity.device_authority, "/dev/null");
 }
 
-TEST(TicketOptionsTest, EmptyListOfAppsIsAllowed) {
-  const auto parsed = TicketLine({"--apps", ""});
-  EXPECT_TRUE(parsed.run) << parsed.text;
-  EXPECT_THAT(parsed.options.apps, IsEmpty());
+TEST(ServiceOptionsTest, WhatContradictsItselfIsExplained) {
+  EXPECT_THAT(Service({"--allow-list", "--device-authority", "/dev/null"}).text,
+              HasSubstr("exclude each other"));
+  EXPECT_THAT(Service({"--certificate", "/dev/null"}).text, HasSubstr("go together"));
+  EXPECT_THAT(Service({"--grpc-address", "unix:/tmp/x"}).text,
+              HasSubstr("no certificates are shown on a unix socket"));
+  EXPECT_THAT(Service({"--device-authority", "/nowhere/ca.pem"}).text,
+              HasSubstr("--device-authority: /nowhere/ca.pem: No such file"));
+  EXPECT_THAT(Service({"--device-authority", "/dev/null"}).text, HasSubstr("/dev/null can't be used"));
+  EXPECT_THAT(Service({"--grpc-address", "0.0.0.0:0"}).text, HasSubstr("--name is missing"));
+  EXPECT_THAT(Service({"--name", "bad name"}).text, HasSubstr("--name: \"bad name\""));
+  EXPECT_THAT(Service({"--name", ""}).text, HasSubstr("--name: the name is empty"));
 }
 
-TEST(TicketOptionsTest, EmptyNamesAndMissingAppsAreRefused) {
-  for (const auto& arguments :
-       std::vector<std::vector<const char*>>{{"--apps", "a,,b"}, {"--apps", ","}, {"--apps", "a,"}, {}}) {
-    const auto parsed = TicketLine(arguments);
-    EXPECT_FALSE(parsed.run);
-    EXPECT_EQ(parsed.exit_status, 2);
-    EXPECT_THAT(parsed.text, HasSubstr("--apps"));
+TEST(ServiceOptionsTest, CertificateAndKeyOfTwoPairsAreExplained) {
+  const test_support::TemporaryFolder folder;
+  test_support::WriteFile(folder.File("pem"), Testing::MakeTestCertificate().certificate);
+  test_support::WriteFile(folder.File("key"), Testing::MakeTestCertificate().key);
+  const auto parsed = Service({"--certificate", folder.File("pem").c_str(), "--key",
+                               folder.File("key").c_str(), "--authority", folder.File("pem").c_str()});
+  EXPECT_EQ(parsed.exit_status, 2);
+  EXPECT_THAT(parsed.text, HasSubstr("can't be used"));
+}
+
+TEST(ServiceOptionsTest, FileSaysTheSameAsTheLineWhichCounts) {
+  const test_support::TemporaryFolder folder;
+  const std::string file = folder.File("service.conf");
+  test_support::WriteFile(
+      file, "# a comment\ngrpc-address = \"127.0.0.1:5\"\nallow-list = true\nname = [\"a\", \"b\"]\n");
+  const auto parsed = Service({"--config", file.c_str(), "--http-address", "127.0.0.1:6"});
+  ASSERT_TRUE(parsed.run) << parsed.text;
+  EXPECT_EQ(parsed.settings.grpc_address, "127.0.0.1:5");
+  EXPECT_EQ(parsed.settings.http_address, "127.0.0.1:6");
+  EXPECT_EQ(parsed.settings.tickets.trust, Trust::kAllowList);
+  EXPECT_THAT(parsed.settings.identity.names, ElementsAre("a", "b"));
+  EXPECT_EQ(Service({"--config", file.c_str(), "--grpc-address", "127.0.0.1:7"}).settings.grpc_address,
+            "127.0.0.1:7");
+}
+
+TEST(ServiceOptionsTest, FileIsCheckedWithoutAStart) {
+  const test_support::TemporaryFolder folder;
+  const std::string file = folder.File("service.conf");
+  test_support::WriteFile(file, "allow-list = true\n");
+  const auto good = Service({"--config", file.c_str(), "--check-config"});
+  EXPECT_FALSE(good.run);
+  EXPECT_EQ(good.exit_status, 0) << good.text;
+  for (const char* text : {"unknown = 1\n", "http-address = nowhere\n", "retry-seconds = 0\n"}) {
+    test_support::WriteFile(file, text);
+    const auto bad = Service({"--config", file.c_str(), "--check-config"});
+    EXPECT_FALSE(bad.run);
+    EXPECT_EQ(bad.exit_status, 2) << text;
   }
+  EXPECT_EQ(Service({"--config", "/nowhere/service.conf"}).exit_status, 2);
 }
 
-TEST(TicketOptionsTest, WaitTakesAnOptionalLimit) {
-  EXPECT_FALSE(TicketLine({"--apps", "a"}).options.wait);
-  const auto endless = TicketLine({"--apps", "a", "--wait", "--device", "SN1"});
-  EXPECT_TRUE(endless.options.wait);
-  EXPECT_FALSE(endless.options.wait_limit);
-  EXPECT_EQ(endless.options.device, "SN1");
-  EXPECT_EQ(TicketLine({"--apps", "a", "--wait", "7"}).options.wait_limit, seconds(7));
-  EXPECT_EQ(TicketLine({"--apps", "a", "--wait", "0"}).exit_status, 2);
-  EXPECT_EQ(TicketLine({"--apps", "a", "--wait", "soon"}).exit_status, 2);
+// ---- the packaged file ----
+
+/// What the expression's first group matches, wherever it does.
+std::set<std::string> AllMatches(const std::string& text, const std::string& expression) {
+  const std::regex regex(expression, std::regex::ECMAScript | std::regex::multiline);
+  std::set<std::string> found;
+  for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
+    found.insert((*match)[1]);
+  }
+  return found;
 }
 
-TEST(TicketOptionsTest, ListingsStandAlone) {
-  EXPECT_EQ(TicketLine({"--list"}).options.action, TicketOptions::Action::kListTickets);
-  EXPECT_EQ(TicketLine({"--devices"}).options.action, TicketOptions::Action::kListDevices);
-  EXPECT_EQ(TicketLine({"--list", "--devices"}).exit_status, 2);
-  EXPECT_EQ(TicketLine({"--list", "--apps", "a"}).exit_status, 2);
+TEST(PackagedConfigurationTest, HasEveryOptionThatAFileMayHold) {
+  std::set<std::string> options = AllMatches(Service({"--help"}).text, "^  .*--([a-z-]+)");
+  for (const char* option : {"help", "version", "config", "check-config"}) {
+    EXPECT_EQ(options.erase(option), 1) << option;
+  }
+  EXPECT_EQ(AllMatches(test_support::ReadFile(PACKAGED_CONFIGURATION), "^#?([a-z-]+) = "), options);
+}
+
+TEST(PackagedConfigurationTest, AsItIsLeavesAllButAddressesAndFolderAtTheDefaults) {
+  const auto parsed = Service({"--config", PACKAGED_CONFIGURATION});
+  ASSERT_TRUE(parsed.run) << parsed.text;
+  EXPECT_EQ(parsed.settings.grpc_address, "127.0.0.1:50051");
+  EXPECT_EQ(parsed.settings.http_address, "127.0.0.1:8443");
+  EXPECT_EQ(parsed.settings.data_folder, "/var/lib/tarvo-support-service");
+  const ServiceSettings defaults;
+  EXPECT_EQ(parsed.settings.api_address, defaults.api_address);
+  EXPECT_EQ(parsed.settings.identity.names, defaults.identity.names);
+  EXPECT_EQ(parsed.settings.tickets.trust, defaults.tickets.trust);
+  EXPECT_EQ(parsed.settings.tickets.retry_pause, defaults.tickets.retry_pause);
+}
+
+TEST(PackagedConfigurationTest, EveryLineCanBeMadeToCount) {
+  const test_support::TemporaryFolder folder;
+  const Testing::TestCertificate own = Testing::MakeTestCertificate();
+  for (const char* file : {"devices-ca.pem", "service.pem", "ca.pem"}) {
+    test_support::WriteFile(folder.File(file), own.certificate);
+  }
+  test_support::WriteFile(folder.File("service.key"), own.key);
+  const std::string commented = test_support::ReadFile(PACKAGED_CONFIGURATION);
+  const std::string text =
+      std::regex_replace(std::regex_replace(commented, std::regex("(^|\n)#([a-z-]+ = )"), "$1$2"),
+                         std::regex("= /etc/ssl/support"), "= " + folder.path().string());
+  EXPECT_THAT(AllMatches(text, "^#([a-z-]+) = "), ElementsAre());
+  const std::string file = folder.File("service.conf");
+  test_support::WriteFile(file, text);
+  const auto parsed = Service({"--config", file.c_str()});
+  ASSERT_TRUE(parsed.run) << parsed.text;
+  EXPECT_EQ(parsed.settings.api_address, "0.0.0.0:8444");
+  EXPECT_THAT(parsed.settings.identity.names, ElementsAre("support.example.org"));
+  EXPECT_EQ(parsed.settings.tickets.trust, Trust::kOtherAuthority);
+  EXPECT_EQ(parsed.settings.identity.device_authority, folder.File("devices-ca.pem"));
+  EXPECT_EQ(parsed.settings.identity.certificate, folder.File("service.pem"));
+  EXPECT_EQ(parsed.settings.identity.key, folder.File("service.key"));
+  EXPECT_EQ(parsed.settings.identity.authority, folder.File("ca.pem"));
+  EXPECT_EQ(parsed.settings.tickets.retry_pause, ServiceSettings().tickets.retry_pause);
 }
 
 }  // namespace

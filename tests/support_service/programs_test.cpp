@@ -17,18 +17,18 @@ using ::testing::HasSubstr;
 class ProgramsTest : public ::testing::Test {
  protected:
   void StartService(const std::vector<std::string>& more = {}) {
-    std::vector<std::string> arguments = {SUPPORT_SERVICE_PROGRAM, "--data", data_.string()};
+    std::vector<std::string> arguments = {SUPPORT_SERVICE_PROGRAM, "--data", data_.string(), "--allow-list"};
     arguments.insert(arguments.end(), more.begin(), more.end());
     service_ = std::make_unique<Program>(arguments, temp_.File("service.out"));
     grpc_url_ = service_->WaitForLine("grpc listening on ");
     css_url_ = service_->WaitForLine("css listening on ");
     ASSERT_EQ(service_->WaitForLine("control socket "), (data_ / "control.sock").string());
+    EnrolOver(data_ / "control.sock", {"SN1", "SN2"});
   }
 
-  std::unique_ptr<Program> Ticket(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), TICKET_PROGRAM);
-    arguments.insert(arguments.end(), {"--data", data_.string()});
-    return std::make_unique<Program>(arguments, temp_.File("ticket.out"));
+  std::unique_ptr<Program> Supportctl(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {SUPPORTCTL_PROGRAM, "--data", data_.string()});
+    return std::make_unique<Program>(arguments, temp_.File("supportctl.out"));
   }
 
   /// A device that is connected: the one that a ticket goes to whose device is not named.
@@ -72,148 +72,122 @@ class ProgramsTest : public ::testing::Test {
 TEST_F(ProgramsTest, TicketIsFollowedToItsSuccess) {
   StartService();
   const auto device = ConnectDevice();
-  const auto ticket = Ticket({"--apps", "a,b", "--wait"});
+  const auto send = Supportctl({"send", "--apps", "a,b", "--fetch", temp_.File("fetched")});
   const std::string id = ServeOneTicket(*device, "Success");
-  EXPECT_EQ(ticket->Wait(), 0) << ticket->Output();
-  EXPECT_EQ(ticket->Output().substr(0, 17), id + "\n");
-  std::size_t position = 0;
-  for (const char* state : {" created", " delivered", " accepted", " uploaded", " reported: Success"}) {
-    position = ticket->Output().find(state, position);
-    EXPECT_NE(position, std::string::npos) << state << " in order in\n" << ticket->Output();
-  }
+  EXPECT_EQ(send->Wait(), 0) << send->Output();
+  EXPECT_THAT(send->Output(), HasSubstr(id + "\n"));
   EXPECT_EQ(ReadFile(data_ / "archives" / (id + "-1.dat")), "archive");
+  EXPECT_EQ(ReadFile(temp_.path() / "fetched" / (id + "-1.dat")), "archive");
+  const auto show = Supportctl({"show", id.substr(0, 8)});
+  EXPECT_EQ(show->Wait(), 0);
+  std::size_t position = 0;
+  for (const char* event : {"created", "delivered", "accepted", "uploaded", "reported"}) {
+    position = show->Output().find(event, position);
+    EXPECT_NE(position, std::string::npos) << event << " in order in\n" << show->Output();
+  }
 }
 
 TEST_F(ProgramsTest, AnyOtherReportIsAFailure) {
   StartService();
-  const auto ticket = Ticket({"--apps", "", "--device", "SN1", "--wait"});
+  const auto send = Supportctl({"send", "SN1", "--apps", "", "--wait"});
   ServeOneTicket(*ConnectDevice(), "Failed to upload debug file to server");
-  EXPECT_EQ(ticket->Wait(), 1);
-  EXPECT_THAT(ticket->Output(), HasSubstr("reported: Failed to upload debug file to server"));
+  EXPECT_EQ(send->Wait(), 1) << send->Output();
 }
 
 TEST_F(ProgramsTest, WaitEndsAtItsLimit) {
   StartService();
-  const auto ticket = Ticket({"--apps", "a", "--device", "SN1", "--wait", "1"});
-  EXPECT_EQ(ticket->Wait(), 1);
-  EXPECT_THAT(ticket->Output(), HasSubstr("no report within 1 s; the ticket is still queued"));
-}
-
-TEST_F(ProgramsTest, WithoutWaitTheServiceTakingTheTicketIsEnough) {
-  StartService();
-  const auto ticket = Ticket({"--apps", "a", "--device", "SN1"});
-  EXPECT_EQ(ticket->Wait(), 0);
-  const std::string id = ticket->Output().substr(0, 16);
-  const auto list = Ticket({"--list"});
-  EXPECT_EQ(list->Wait(), 0);
-  EXPECT_THAT(list->Output(),
-              ContainsRegex(id + " 20[0-9-]+T[0-9:.]+Z apps \\[\"a\"\\] device \"SN1\" queued: "));
+  const auto send = Supportctl({"send", "SN1", "--apps", "a", "--wait", "1"});
+  EXPECT_EQ(send->Wait(), 5) << send->Output();
 }
 
 TEST_F(ProgramsTest, TicketWhoseDeviceIsNotNamedGoesToTheOneThatIsConnected) {
   StartService();
-  const auto nobody = Ticket({"--apps", "a"});
-  EXPECT_EQ(nobody->Wait(), 1);
-  EXPECT_THAT(nobody->Output(), HasSubstr("no device is connected: name the one that the ticket is for"));
+  const auto nobody = Supportctl({"send", "--apps", "a"});
+  EXPECT_EQ(nobody->Wait(), 1) << nobody->Output();
   const auto first = ConnectDevice("SN1");
-  const auto ticket = Ticket({"--apps", "a"});
-  EXPECT_EQ(ticket->Wait(), 0) << ticket->Output();
+  const auto send = Supportctl({"send", "--apps", "a"});
+  EXPECT_EQ(send->Wait(), 0) << send->Output();
   EXPECT_TRUE(first->Next());
   const auto second = ConnectDevice("SN2");
-  const auto either = Ticket({"--apps", "a"});
-  EXPECT_EQ(either->Wait(), 1);
-  EXPECT_THAT(either->Output(),
-              HasSubstr("several devices are connected: name one of those that --devices shows"));
+  const auto either = Supportctl({"send", "--apps", "a"});
+  EXPECT_EQ(either->Wait(), 1) << either->Output();
 }
 
 TEST_F(ProgramsTest, QueuedTicketIsTakenBack) {
   StartService();
-  const auto send = Ticket({"--apps", "a", "--device", "SN1"});
+  const auto send = Supportctl({"send", "SN1", "--apps", "a"});
   ASSERT_EQ(send->Wait(), 0) << send->Output();
   const std::string id = send->Output().substr(0, 16);
-  const auto cancel = Ticket({"--cancel", id.substr(0, 6)});
-  EXPECT_EQ(cancel->Wait(), 0);
-  EXPECT_EQ(cancel->Output(), id + " cancelled\n");
-  const auto again = Ticket({"--cancel", id});
+  const auto cancel = Supportctl({"cancel", id.substr(0, 6)});
+  EXPECT_EQ(cancel->Wait(), 0) << cancel->Output();
+  const auto again = Supportctl({"cancel", id});
   EXPECT_EQ(again->Wait(), 1);
   EXPECT_THAT(again->Output(), HasSubstr("can't be cancelled"));
 }
 
 TEST_F(ProgramsTest, LimitOnTheSizeOfFilesIsToldAndEndsNothing) {
-  service_ =
-      std::make_unique<Program>(std::vector<std::string>{"bash", "-c", "ulimit -f 100; exec \"$@\"", "bash",
-                                                         SUPPORT_SERVICE_PROGRAM, "--data", data_.string()},
-                                temp_.File("service.out"));
+  service_ = std::make_unique<Program>(
+      std::vector<std::string>{"bash", "-c", "ulimit -f 300; exec \"$@\"", "bash", SUPPORT_SERVICE_PROGRAM,
+                               "--data", data_.string(), "--allow-list"},
+      temp_.File("service.out"));
   ASSERT_NE(service_->WaitForLine("control socket "), "");
-  int status = 0;
-  std::string output;
-  for (int i = 0; i < 100 && status == 0; ++i) {
-    const auto send = Ticket({"--apps", "a", "--device", "SN1"});
-    status = send->Wait();
-    output = send->Output();
+  EnrolOver(data_ / "control.sock", {"SN1"});
+  Json::Value ticket;
+  ticket["device"] = "SN1";
+  ticket["apps"].append("a");
+  ReceivedAnswer answer;
+  for (int i = 0; i < 1000 && answer.status != 503; ++i) {
+    answer = AskApi(data_ / "control.sock", "POST", "/tickets", ticket);
   }
-  EXPECT_EQ(status, 1);
-  EXPECT_THAT(output, HasSubstr("a limit on the size of files"));
-  const auto list = Ticket({"--list"});
-  EXPECT_EQ(list->Wait(), 0) << "the service still answers";
+  EXPECT_EQ(answer.status, 503);
+  EXPECT_THAT(answer.body, HasSubstr("a limit on the size of files"));
+  EXPECT_EQ(AskApi(data_ / "control.sock", "GET", "/tickets").status, 200) << "the service still answers";
 }
 
 TEST_F(ProgramsTest, TicketsAreRememberedByTheNextService) {
   StartService();
-  const auto ticket = Ticket({"--apps", "a", "--device", "SN1"});
-  EXPECT_EQ(ticket->Wait(), 0);
-  const std::string id = ticket->Output().substr(0, 16);
+  const std::string id = SendTicketOver(data_ / "control.sock", "SN1");
   StartService();  // the former one gets SIGKILL
   EXPECT_EQ(ServeOneTicket(*ConnectDevice(), "Success"), id);
   EXPECT_EQ(ReadFile(data_ / "archives" / (id + "-1.dat")), "archive");
 }
 
-TEST_F(ProgramsTest, ConnectedDevicesAreListed) {
-  StartService();
-  const auto device = ConnectDevice();
-  const auto list = Ticket({"--devices"});
-  EXPECT_EQ(list->Wait(), 0);
-  EXPECT_THAT(list->Output(), HasSubstr("\"SN1\" since "));
-}
-
 TEST_F(ProgramsTest, MissingServiceIsExplained) {
-  const auto ticket = Ticket({"--apps", "a"});
-  EXPECT_EQ(ticket->Wait(), 1);
-  EXPECT_THAT(ticket->Output(), HasSubstr("no support service to speak with"));
+  const auto send = Supportctl({"send", "SN1", "--apps", "a"});
+  EXPECT_EQ(send->Wait(), 3) << send->Output();
 }
 
 TEST_F(ProgramsTest, KilledServiceIsExplained) {
   StartService();
   service_.reset();  // SIGKILL: its socket stays
-  const auto ticket = Ticket({"--apps", "a"});
-  EXPECT_EQ(ticket->Wait(), 1);
-  EXPECT_THAT(ticket->Output(), HasSubstr("the support service does not answer"));
+  const auto send = Supportctl({"send", "SN1", "--apps", "a"});
+  EXPECT_EQ(send->Wait(), 3) << send->Output();
   StartService();  // takes over the folder and the socket
 }
 
-TEST_F(ProgramsTest, SignalsEndTheServiceWithOpenStreamsAndWatchersWithStatus0) {
+TEST_F(ProgramsTest, SignalsEndTheServiceWithOpenStreamsAndFollowersWithStatus0) {
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
     StartService();
     ScriptedDevice device(grpc_url_);
     device.Hello("SN1");
-    const auto ticket = Ticket({"--apps", "a", "--device", "SN1", "--wait"});
+    const auto send = Supportctl({"send", "SN1", "--apps", "a", "--wait", "3600"});
     ASSERT_TRUE(device.Next());
     service_->Signal(signal);
     EXPECT_EQ(service_->Wait(), 0) << signal;
     EXPECT_EQ(device.End().value().error_code(), grpc::StatusCode::UNAVAILABLE);
-    EXPECT_EQ(ticket->Wait(), 1);
     EXPECT_FALSE(std::filesystem::exists(data_ / "control.sock"));
   }
 }
 
 TEST_F(ProgramsTest, WhatCannotBeServedIsExplained) {
   StartService();
-  Program same_folder({SUPPORT_SERVICE_PROGRAM, "--data", data_.string()}, temp_.File("second.out"));
+  Program same_folder({SUPPORT_SERVICE_PROGRAM, "--data", data_.string(), "--allow-list"},
+                      temp_.File("second.out"));
   EXPECT_EQ(same_folder.Wait(), 1);
   EXPECT_THAT(same_folder.Output(), HasSubstr("another support service uses the data folder"));
-  Program same_port(
-      {SUPPORT_SERVICE_PROGRAM, "--data", temp_.File("d2"), "--grpc-address", GrpcTarget(grpc_url_)},
-      temp_.File("third.out"));
+  Program same_port({SUPPORT_SERVICE_PROGRAM, "--allow-list", "--data", temp_.File("d2"), "--grpc-address",
+                     GrpcTarget(grpc_url_)},
+                    temp_.File("third.out"));
   EXPECT_EQ(same_port.Wait(), 1);
   EXPECT_THAT(same_port.Output(), HasSubstr("in use"));
   Program bad_option({SUPPORT_SERVICE_PROGRAM, "--http-address", "nowhere"}, temp_.File("fourth.out"));
@@ -222,8 +196,7 @@ TEST_F(ProgramsTest, WhatCannotBeServedIsExplained) {
 
 TEST_F(ProgramsTest, EventLinesCarryATime) {
   StartService();
-  const auto ticket = Ticket({"--apps", "a", "--device", "SN1"});
-  EXPECT_EQ(ticket->Wait(), 0);
+  ASSERT_NE(SendTicketOver(data_ / "control.sock", "SN1"), "");
   ASSERT_NE(WaitForEvent("created"), "");
   EXPECT_THAT(service_->Output(),
               ContainsRegex("\n20[0-9-]+T[0-9:.]+Z ticket [0-9a-f]{16} created: apps \\[\"a\"\\]"));

@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "loopback_socket.h"
+#include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -210,6 +211,37 @@ ReceivedAnswer Request(const std::string& method, const std::string& url,
   return transfer.Run();
 }
 
+ReceivedAnswer AskApi(const std::string& control_socket, const std::string& method, const std::string& path,
+                      const std::optional<Json::Value>& body) {
+  Transfer transfer("http://localhost/api/v1" + path, {"Content-Type: application/json"});
+  transfer.Set(CURLOPT_UNIX_SOCKET_PATH, control_socket.c_str());
+  transfer.Set(CURLOPT_CUSTOMREQUEST, method.c_str());
+  const std::string text = body ? CompactJson(*body) : "";
+  if (body) {
+    transfer.Set(CURLOPT_POSTFIELDSIZE, static_cast<long>(text.size()));
+    transfer.Set(CURLOPT_POSTFIELDS, text.data());
+  }
+  return transfer.Run();
+}
+
+void EnrolOver(const std::string& control_socket, const std::vector<std::string>& serial_numbers) {
+  for (const std::string& serial_number : serial_numbers) {
+    Json::Value device;
+    device["serial_number"] = serial_number;
+    EXPECT_EQ(AskApi(control_socket, "POST", "/devices", device).status, 201);
+  }
+}
+
+std::string SendTicketOver(const std::string& control_socket, const std::string& device,
+                           const std::vector<std::string>& apps) {
+  Json::Value ticket;
+  ticket["device"] = device;
+  ticket["apps"] = Json::Value(Json::arrayValue);
+  for (const std::string& app : apps) ticket["apps"].append(app);
+  const ReceivedAnswer answer = AskApi(control_socket, "POST", "/tickets", ticket);
+  return answer.status == 201 ? ParseJson(answer.body)["id"].asString() : "";
+}
+
 RawHttp::RawHttp(const std::string& css_url) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -250,6 +282,16 @@ std::string RawHttp::ReadToEnd() {
 ServiceTest::ServiceTest() {
   settings_.data_folder = temp_.path() / "data";
   settings_.tickets.retry_pause = std::chrono::milliseconds(50);
+  settings_.tickets.trust = Trust::kAllowList;
+}
+
+void ServiceTest::Start() {
+  service_ = std::make_unique<SupportService>(settings_, events_.sink());
+  for (int i = 0; i <= 9; ++i) Enrol("SN" + std::to_string(i));
+}
+
+void ServiceTest::Enrol(const std::string& serial_number) {
+  service().dispatcher().Call([&](TicketBook& book) { book.registry().Enrol(serial_number, std::nullopt); });
 }
 
 std::filesystem::path ServiceTest::ArchiveOf(const std::string& ticket_id, std::uint64_t version) const {
@@ -276,7 +318,7 @@ bool ServiceTest::WaitForState(const std::string& ticket_id, TicketState state) 
 }
 
 std::vector<DeviceView> ServiceTest::Devices() {
-  return service().dispatcher().Call([](TicketBook& book) { return book.Devices(); });
+  return service().dispatcher().Call([](TicketBook& book) { return book.Connected("", "", 100'000); });
 }
 
 ServiceTest::Delivered ServiceTest::DeliverTicket(ScriptedDevice& device) {

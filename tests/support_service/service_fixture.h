@@ -118,6 +118,16 @@ ReceivedAnswer PostForm(const std::string& url, const std::vector<std::string>& 
 ReceivedAnswer Request(const std::string& method, const std::string& url,
                        const std::vector<std::string>& headers, const std::optional<std::string>& body);
 
+/// Asks the API over the control socket.
+/// @param path  Behind /api/v1.
+ReceivedAnswer AskApi(const std::string& control_socket, const std::string& method, const std::string& path,
+                      const std::optional<Json::Value>& body = std::nullopt);
+/// Has a service let these devices in.
+void EnrolOver(const std::string& control_socket, const std::vector<std::string>& serial_numbers);
+/// @return The new ticket's id; empty when there is none.
+std::string SendTicketOver(const std::string& control_socket, const std::string& device,
+                           const std::vector<std::string>& apps = {"a"});
+
 /// A bare connection to the service's HTTP port, for requests that no library would send.
 class RawHttp {
  public:
@@ -140,7 +150,9 @@ class ServiceTest : public ::testing::Test {
  protected:
   ServiceTest();
 
-  void Start() { service_ = std::make_unique<SupportService>(settings_, events_.sink()); }
+  /// Devices "SN0" to "SN9" are enrolled.
+  void Start();
+  void Enrol(const std::string& serial_number);
   SupportService& service() { return *service_; }
   std::string UploadUrl() { return service_->css_url() + "/orvane/ps_files"; }
   std::string ReportUrl() { return service_->css_url() + "/orvane/ps_results"; }

@@ -62,7 +62,7 @@ class SqliteStoreTest : public testing::Test {
   /// Makes a store with so many tickets in its file, none of it in FILE-wal.
   void MakeStoreOf(std::size_t tickets) {
     SqliteStore store(file_);
-    store.Write(make_.ManyCreated(tickets));
+    store.Write(ChangesOf(make_.ManyCreated(tickets)));
   }
 
   const test_support::TemporaryFolder temporary_;
@@ -90,7 +90,7 @@ TEST_F(SqliteStoreTest, WhatWasWrittenIsThereAfterReopening) {
 TEST_F(SqliteStoreTest, WhatWasWrittenSurvivesAProcessThatEndsAtOnce) {
   const auto ending = test_support::RunInChild([&]() -> int {
     SqliteStore store(file_);
-    store.Write(make_.ManyCreated(3));
+    store.Write(ChangesOf(make_.ManyCreated(3)));
     store.Write({make_.Next(2, EventKind::kCancelled)});
     _exit(7);
   });
@@ -122,7 +122,7 @@ TEST_F(SqliteStoreTest, EmptyFileBecomesAStore) {
   WriteFile(file_, "");  // as a power cut may leave it
   MakeStoreOf(1);
   SQLite::Database database(file_.string());
-  EXPECT_EQ(database.execAndGet("PRAGMA user_version").getInt(), 1);
+  EXPECT_EQ(database.execAndGet("PRAGMA user_version").getInt(), 2);
   EXPECT_NE(database.execAndGet("PRAGMA application_id").getInt(), 0);
 }
 
@@ -131,16 +131,51 @@ TEST_F(SqliteStoreTest, DatabaseOfFormZeroIsBroughtToThePresentOne) {
       .exec("PRAGMA journal_mode = WAL");
   ASSERT_GT(fs::file_size(file_), 0U);
   MakeStoreOf(1);
-  EXPECT_EQ(SQLite::Database(file_.string()).execAndGet("PRAGMA user_version").getInt(), 1);
+  EXPECT_EQ(SQLite::Database(file_.string()).execAndGet("PRAGMA user_version").getInt(), 2);
   EXPECT_TRUE(SqliteStore(file_).Find(1));
+}
+
+TEST_F(SqliteStoreTest, StoreOfTheFirstFormIsBroughtToThePresentOne) {
+  // As that version left it.
+  SQLite::Database(file_.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE).exec(R"(
+    CREATE TABLE tickets(number INTEGER PRIMARY KEY, id TEXT NOT NULL UNIQUE, device BLOB NOT NULL, apps TEXT NOT NULL,
+      created INTEGER NOT NULL, deadline INTEGER NOT NULL, state INTEGER NOT NULL, since INTEGER NOT NULL,
+      overdue INTEGER NOT NULL, rejections INTEGER NOT NULL, rejected_since INTEGER, last_event INTEGER NOT NULL,
+      last_text BLOB NOT NULL, report BLOB) STRICT;
+    CREATE INDEX tickets_by_device ON tickets(device);
+    CREATE INDEX tickets_by_state ON tickets(state);
+    CREATE INDEX tickets_by_device_and_state ON tickets(device, state);
+    CREATE TABLE events(number INTEGER PRIMARY KEY, ticket INTEGER NOT NULL REFERENCES tickets, kind INTEGER NOT NULL,
+      time INTEGER NOT NULL, text BLOB NOT NULL) STRICT;
+    CREATE INDEX events_by_ticket ON events(ticket);
+    CREATE TABLE tokens(hash BLOB PRIMARY KEY, ticket INTEGER NOT NULL REFERENCES tickets) STRICT, WITHOUT ROWID;
+    CREATE TABLE archives(ticket INTEGER NOT NULL REFERENCES tickets, version INTEGER NOT NULL,
+      size_bytes INTEGER NOT NULL, sha256 TEXT NOT NULL, serial_number BLOB NOT NULL, apps TEXT NOT NULL,
+      received INTEGER NOT NULL, PRIMARY KEY(ticket, version)) STRICT, WITHOUT ROWID;
+    INSERT INTO tickets VALUES(1, '00000000000000ab', x'534e31', '["a"]', 1, 2, 5, 3, 0, 0, NULL, 2, x'', x'6f6b');
+    INSERT INTO events VALUES(1, 1, 1, 1, x''), (2, 1, 9, 3, x'6f6b');
+    INSERT INTO archives VALUES(1, 1, 7, 'abcd', x'534e31', '["a"]', 2);
+    PRAGMA application_id = 0x746b7473;
+    PRAGMA user_version = 1;
+  )");
+  SqliteStore store(file_);
+  const auto ticket = store.Find(1);
+  ASSERT_TRUE(ticket);
+  EXPECT_EQ(ticket->device, "SN1");
+  EXPECT_EQ(ticket->report, "ok");
+  EXPECT_EQ(ticket->note, "");
+  ASSERT_EQ(ticket->archives.size(), 1U);
+  EXPECT_FALSE(ticket->archives[0].deleted);
+  EXPECT_FALSE(store.FindDevice("SN1"));
+  EXPECT_EQ(SQLite::Database(file_.string()).execAndGet("PRAGMA user_version").getInt(), 2);
 }
 
 TEST_F(SqliteStoreTest, StoreOfANewerVersionIsRefusedAndLeftAlone) {
   MakeStoreOf(1);
-  SQLite::Database(file_.string(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version = 2");
+  SQLite::Database(file_.string(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version = 3");
   const std::string before = ReadFile(file_);
   EXPECT_THAT(OpeningError(), AllOf(StartsWith(file_.string()), HasSubstr("newer version"),
-                                    HasSubstr("form 2"), HasSubstr("Install that version again")));
+                                    HasSubstr("form 3"), HasSubstr("Install that version again")));
   EXPECT_EQ(ReadFile(file_), before);
 }
 

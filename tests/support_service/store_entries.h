@@ -43,7 +43,7 @@ class EntryMaker {
     return entry;
   }
 
-  Entry Delivered(TicketNumber number, const TokenHash& token) {
+  Entry Delivered(TicketNumber number, const SecretHash& token) {
     Entry entry = Next(number, EventKind::kDelivered, "192.0.2.1");
     entry.token = token;
     return entry;
@@ -74,15 +74,20 @@ class EntryMaker {
   std::map<TicketNumber, Ticket> tickets_;
 };
 
+inline std::vector<Change> ChangesOf(const std::vector<Entry>& entries) {
+  return {entries.begin(), entries.end()};
+}
+
 /// A hash that no other number gives.
-inline TokenHash HashOf(unsigned char number) {
-  TokenHash hash{};
+inline SecretHash HashOf(unsigned char number) {
+  SecretHash hash{};
   hash.back() = number;
   return hash;
 }
 
 inline Archive ArchiveOf(std::uint64_t version) {
-  return {version, 214'000, "abcd", "SN1", {"demo"}, WallTime(std::chrono::milliseconds(1'700'000'000'123))};
+  return {version, 214'000, "abcd", "SN1", {"demo"}, WallTime(std::chrono::milliseconds(1'700'000'000'123)),
+          {},      {}};
 }
 
 // All members, to compare.
@@ -92,15 +97,16 @@ inline auto MembersOf(const Event& event) {
 }
 inline auto MembersOf(const Archive& archive) {
   return std::make_tuple(archive.version, archive.size_bytes, archive.sha256, archive.serial_number,
-                         archive.apps, archive.received);
+                         archive.apps, archive.received, archive.deleted, archive.deletion);
 }
 inline auto MembersOf(const Ticket& ticket) {
   std::vector<decltype(MembersOf(Archive()))> archives;
   archives.reserve(ticket.archives.size());
   for (const Archive& archive : ticket.archives) archives.push_back(MembersOf(archive));
-  return std::make_tuple(ticket.number, ticket.id, ticket.device, ticket.apps, ticket.created,
-                         ticket.deadline, ticket.state, ticket.since, ticket.overdue, ticket.rejections,
-                         ticket.rejected_since, ticket.last_event, ticket.last_text, ticket.report, archives);
+  return std::make_tuple(ticket.number, ticket.id, ticket.device, ticket.apps, ticket.note,
+                         ticket.requested_by, ticket.created, ticket.deadline, ticket.state, ticket.since,
+                         ticket.overdue, ticket.rejections, ticket.rejected_since, ticket.last_event,
+                         ticket.last_text, ticket.report, archives);
 }
 
 inline std::vector<TicketNumber> NumbersOf(const std::vector<Ticket>& tickets) {

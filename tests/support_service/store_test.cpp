@@ -74,6 +74,31 @@ TEST_P(StoreTest, NewStoreHoldsNothing) {
   EXPECT_THAT(store_->EventsOf(1, 0, 1), IsEmpty());
 }
 
+TEST_P(StoreTest, EventsOfAllTicketsAreListedInTheirOrder) {
+  store_->Write(ChangesOf(make_.ManyCreated(3)));
+  store_->Write({make_.Next(2, EventKind::kCancelled)});
+  EXPECT_THAT(NumbersOf(store_->EventsAfter(0, kNoLimit)), ElementsAre(1, 2, 3, 4));
+  EXPECT_THAT(NumbersOf(store_->EventsAfter(1, 2)), ElementsAre(2, 3));
+  EXPECT_THAT(store_->EventsAfter(4, kNoLimit), IsEmpty());
+}
+
+TEST_P(StoreTest, DeletedArchiveIsKnownAsDeleted) {
+  store_->Write({make_.Created(), make_.Uploaded(1, ArchiveOf(1)), make_.Uploaded(1, ArchiveOf(2))});
+  Entry deletion = make_.Next(1, EventKind::kArchiveDeleted, "version 1 by anna");
+  deletion.archive = ArchiveOf(1);
+  deletion.archive->deleted = WallTime(std::chrono::milliseconds(5));
+  deletion.archive->deletion = "anna";
+  store_->Write({deletion});
+  const auto archives = store_->Find(1)->archives;
+  ASSERT_EQ(archives.size(), 2U);
+  EXPECT_EQ(archives[0].deleted, WallTime(std::chrono::milliseconds(5)));
+  EXPECT_EQ(archives[0].deletion, "anna");
+  EXPECT_FALSE(archives[1].deleted);
+  std::set<std::pair<std::uint64_t, bool>> names;
+  for (const ArchiveName& name : store_->Archives()) names.emplace(name.version, name.deleted);
+  EXPECT_THAT(names, ElementsAre(Pair(1, true), Pair(2, false)));
+}
+
 TEST_P(StoreTest, EmptyBatchChangesNothing) {
   store_->Write({make_.Created()});
   store_->Write({});
@@ -149,7 +174,7 @@ TEST_P(StoreTest, BatchWithAnEntryThatCannotBeWrittenLeavesNothing) {
                                 make.Uploaded(1, ArchiveOf(2))};
     bad.event.number = batch.back().event.number + 1;
     batch.push_back(bad);
-    EXPECT_THROW(store_->Write(batch), StoreError) << ToText(bad.event.kind);
+    EXPECT_THROW(store_->Write(ChangesOf(batch)), StoreError) << ToText(bad.event.kind);
     EXPECT_EQ(MembersOf(store_->Find(1).value()), before);
     EXPECT_THAT(Listed({}), ElementsAre(1));
     EXPECT_THAT(NumbersOf(store_->EventsOf(1, 0, kNoLimit)), ElementsAre(1, 2, 3));
@@ -180,7 +205,7 @@ TEST_P(StoreTest, OpenTicketsAreThoseNotAtTheirEndOldestFirst) {
       if (IsOpen(state)) open.push_back(entries.back().ticket.number);
     }
   }
-  store_->Write(entries);
+  store_->Write(ChangesOf(entries));
   ASSERT_EQ(open.size(), 8U);
   EXPECT_EQ(NumbersOf(store_->OpenTickets()), open);
 }
@@ -189,7 +214,7 @@ TEST_P(StoreTest, TicketIsFoundByTheBeginningOfItsId) {
   std::vector<Entry> entries = make_.ManyCreated(4);
   const char* const ids[] = {"a000000000000000", "a0ffffffffffffff", "a100000000000000", "ffffffffffffffff"};
   for (std::size_t i = 0; i < entries.size(); ++i) entries[i].ticket.id = ids[i];
-  store_->Write(entries);
+  store_->Write(ChangesOf(entries));
   const auto found = [&](const std::string& beginning) {
     return NumbersOf(store_->FindById(beginning, kNoLimit));
   };
@@ -255,7 +280,7 @@ TEST_P(StoreTest, PagesOfAListHaveNeitherGapsNorRepeats) {
     entries.back().ticket.state = i % 3 == 0 ? TicketState::kReported : TicketState::kQueued;
     tickets.insert(tickets.begin(), entries.back().ticket);
   }
-  store_->Write(entries);
+  store_->Write(ChangesOf(entries));
   for (const std::optional<std::string>& device : {std::optional<std::string>(), {"SN1"}, {"SN2"}, {"SN3"}}) {
     for (const std::optional<TicketState>& state : {std::optional<TicketState>(),
                                                     {TicketState::kReported},
@@ -276,7 +301,7 @@ TEST_P(StoreTest, PagesOfAListHaveNeitherGapsNorRepeats) {
 }
 
 TEST_P(StoreTest, ListEndsAtItsLimits) {
-  store_->Write(make_.ManyCreated(3));
+  store_->Write(ChangesOf(make_.ManyCreated(3)));
   EXPECT_THAT(Listed({}, 0), IsEmpty());
   EXPECT_THAT(Listed({}, 2), ElementsAre(3, 2));
   EXPECT_THAT(Listed({}, 3), ElementsAre(3, 2, 1));
@@ -286,7 +311,7 @@ TEST_P(StoreTest, ListEndsAtItsLimits) {
 }
 
 TEST_P(StoreTest, NumbersBeyondAllOthersAreTaken) {
-  store_->Write(make_.ManyCreated(2));
+  store_->Write(ChangesOf(make_.ManyCreated(2)));
   constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
   for (const std::uint64_t number : {kLargest, kLargest / 2, kLargest / 2 + 1}) {
     EXPECT_THAT(Listed({{}, {}, number}), ElementsAre(2, 1));
@@ -297,7 +322,7 @@ TEST_P(StoreTest, NumbersBeyondAllOthersAreTaken) {
 }
 
 TEST_P(StoreTest, StateThatChangesTakesTheTicketToAnotherList) {
-  store_->Write(make_.ManyCreated(2));
+  store_->Write(ChangesOf(make_.ManyCreated(2)));
   store_->Write({make_.Next(1, EventKind::kCancelled, "operator")});
   EXPECT_THAT(Listed({{}, TicketState::kQueued, 0}), ElementsAre(2));
   EXPECT_THAT(Listed({"SN1", TicketState::kCancelled, 0}), ElementsAre(1));
@@ -305,7 +330,7 @@ TEST_P(StoreTest, StateThatChangesTakesTheTicketToAnotherList) {
 }
 
 TEST_P(StoreTest, EventsOfATicketComeInTheirOrderPageByPage) {
-  store_->Write(make_.ManyCreated(2));
+  store_->Write(ChangesOf(make_.ManyCreated(2)));
   for (int i = 0; i < 5; ++i) {
     store_->Write({make_.Next(1, EventKind::kDelivered, "one"), make_.Next(2, EventKind::kDelivered, "two")});
     store_->Write({make_.Next(1, EventKind::kRejected, std::to_string(i))});
@@ -332,7 +357,7 @@ TEST_P(StoreTest, EventsOfATicketComeInTheirOrderPageByPage) {
 
 TEST_P(StoreTest, ReaderSeesWholeBatchesWhileAnotherThreadWrites) {
   constexpr std::uint64_t kBatches = 200;
-  store_->Write(make_.ManyCreated(2));
+  store_->Write(ChangesOf(make_.ManyCreated(2)));
   std::atomic<bool> written{false};
   std::thread writer([&] {
     // Each batch changes several tables, and takes both tickets from one list of open ones to another.
@@ -341,7 +366,7 @@ TEST_P(StoreTest, ReaderSeesWholeBatchesWhileAnotherThreadWrites) {
       entries[0].ticket.state = batch % 2 == 0 ? TicketState::kQueued : TicketState::kAccepted;
       entries[1].ticket.state = batch % 2 == 0 ? TicketState::kAccepted : TicketState::kQueued;
       for (Entry& entry : entries) entry.ticket.rejections = batch;
-      store_->Write(entries);
+      store_->Write(ChangesOf(entries));
     }
     written = true;
   });

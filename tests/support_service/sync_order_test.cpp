@@ -6,10 +6,8 @@
 #include <algorithm>
 #include <sstream>
 
-#include "listen_address.h"
 #include "program.h"
 #include "service_fixture.h"
-#include "tarvo/support/v1/control.grpc.pb.h"
 
 namespace TarvoOrvane::SupportService {
 namespace {
@@ -21,22 +19,20 @@ using ::testing::HasSubstr;
 class SyncOrderTest : public ::testing::Test {
  protected:
   SyncOrderTest()
-      : program_({SUPPORT_SERVICE_PROGRAM, "--data", data_.string()}, (temp_.path() / "output").string(),
+      : program_({SUPPORT_SERVICE_PROGRAM, "--data", data_.string(), "--allow-list"},
+                 (temp_.path() / "output").string(),
                  {{"LD_PRELOAD", SANITIZER_RUNTIME SYNC_ORDER_SHIM}, {"SYNC_ORDER_LOG", log_.string()}}),
         css_url_(program_.WaitForLine("css listening on ")),
-        control_(proto::ControlService::NewStub(grpc::CreateChannel(
-            UnixTarget(program_.WaitForLine("control socket ")), grpc::InsecureChannelCredentials()))),
+        control_socket_(program_.WaitForLine("control socket ")),
         device_(program_.WaitForLine("grpc listening on ")) {
+    EnrolOver(control_socket_, {"SN1"});
     device_.Hello("SN1");
   }
 
   std::string SendTicket() {
-    grpc::ClientContext context;
-    proto::SendTicketRequest request;
-    request.set_device("SN1");
-    proto::SendTicketResponse response;
-    EXPECT_TRUE(control_->SendTicket(&context, request, &response).ok());
-    return response.ticket_id();
+    const std::string id = SendTicketOver(control_socket_, "SN1");
+    EXPECT_NE(id, "");
+    return id;
   }
 
   [[nodiscard]] std::vector<std::string> Calls() const {
@@ -67,7 +63,7 @@ class SyncOrderTest : public ::testing::Test {
   const std::filesystem::path log_ = temp_.path() / "calls";
   Program program_;
   const std::string css_url_;
-  std::unique_ptr<proto::ControlService::Stub> control_;
+  const std::string control_socket_;
   ScriptedDevice device_;
   std::size_t passed_ = 0;
 };

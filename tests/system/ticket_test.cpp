@@ -13,6 +13,7 @@ namespace {
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
 
 struct ArchiveEntry {
   std::string name;
@@ -88,11 +89,15 @@ class TicketTest : public SystemTest {
   }
 };
 
-TEST_F(TicketTest, EndsAsSuccessWithTheArchiveOnTheServerAndGoneFromTheDevice) {
+TEST_F(TicketTest, OverMutualTlsEndsAsSuccessWithTheArchiveOnTheServerAndGoneFromTheDevice) {
+  uses_certificates_ = true;
   DescribeApp("demo", {"echo", "data of the demo"});
   ASSERT_NO_FATAL_FAILURE(StartAll());
-  Program client({BinaryPath("ticket"), "--data", kServiceFolder, "--apps", "demo", "--wait", "60"},
-                 std::string(kTestFolder) + "/ticket.out");
+  ASSERT_THAT(grpc_url_, StartsWith("https://"));
+  ASSERT_THAT(css_url_, StartsWith("https://"));
+  Program client(
+      {BinaryPath("supportctl"), "--data", kServiceFolder, "send", "--apps", "demo", "--wait", "60"},
+      std::string(kTestFolder) + "/send.out");
   ASSERT_EQ(client.Wait(std::chrono::seconds(60)), 0) << client.Output() << WholeLog();
   const std::string id = client.Output().substr(0, client.Output().find('\n'));
   EXPECT_THAT(TicketEvents(id), HasSubstr(" accepted"));

@@ -76,6 +76,17 @@ TEST_F(SupportctlSendTest, RefusalForOneDeviceDoesNotKeepTheOthersFromTheirs) {
   EXPECT_EQ(outcome.err, "supportctl: SN1: SN1 is blocked.\n");
 }
 
+TEST_F(SupportctlSendTest, BeginningOfASerialNumberIsEnough) {
+  server_.On("POST", "/tickets", {Refuses(404, "not_found", "not enrolled"), Answers(TicketJson(), 201)});
+  server_.On("GET", "/devices/S%2f", {Answers(DeviceJson("S/N1"))});
+  const Outcome outcome = Run({"send", "S/", "--apps", "a"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(server_.Requests().back().Json()["device"], "S/N1");
+  server_.On("POST", "/tickets", {Refuses(404, "not_found", "not enrolled")});
+  server_.On("GET", "/devices/S%2f", {Refuses(409, "ambiguous", "several devices")});
+  EXPECT_THAT(Run({"send", "S/", "--apps", "a"}).err, HasSubstr("several devices"));
+}
+
 TEST_F(SupportctlSendTest, WhoMayNotSendIsToldOnce) {
   server_.On("POST", "/tickets", {Refuses(403, "forbidden", "Needs support.")});
   const Outcome outcome = Run({"send", "SN1", "SN2", "--apps", "a"});

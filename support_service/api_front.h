@@ -1,0 +1,40 @@
+/// The API for people and programs (docs/support-service-api.yaml): which request is which operation, and who may ask
+/// for it. HttpServer objects carry it, one for the control socket and one for https.
+#pragma once
+
+#include <memory>
+
+#include "api_call.h"
+#include "event_log.h"
+
+namespace TarvoOrvane::SupportService {
+
+/// The threads of the HTTP servers use it. It lives longer than those.
+class ApiFront {
+ public:
+  /// @param events  Takes what went wrong, and what strangers try.
+  ApiFront(Dispatcher& dispatcher, const Store& store, const ArchiveStore& archives, DiskWorkers& disk,
+           const Enroller& enroller, const EventSink& events);
+  /// Followers of events are not woken any more.
+  ~ApiFront();
+  ApiFront(const ApiFront&) = delete;
+  ApiFront& operator=(const ApiFront&) = delete;
+
+  /// For HttpServer.
+  std::unique_ptr<Exchange> Begin(HttpRequest& request);
+
+ private:
+  std::unique_ptr<Exchange> Refuse(const HttpRequest& request, const ApiError& error) const;
+  [[nodiscard]] Caller CallerOf(const HttpRequest& request) const;
+
+  Dispatcher& dispatcher_;
+  EventFeed feed_;
+  AttemptLimit addresses_;
+  AttemptLimit names_;
+  DiskWorkers hashing_;
+  DiskWorkers readers_;
+  const LimitedEvents strangers_;  ///< For what anybody can cause.
+  ApiDesk desk_;
+};
+
+}  // namespace TarvoOrvane::SupportService

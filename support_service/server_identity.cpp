@@ -1,0 +1,80 @@
+#include "server_identity.h"
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+namespace TarvoOrvane::SupportService {
+namespace {
+
+/// A third of its life is left when the certificate is renewed: there is much time for the look.
+constexpr std::chrono::hours kLookPause{1};
+
+std::string TextIn(const std::filesystem::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  std::ostringstream content;
+  content << stream.rdbuf();
+  std::string text = content.str();
+  if (!stream || text.empty()) throw std::runtime_error(file.string() + " can't be read, or is empty");
+  return text;
+}
+
+}  // namespace
+
+ServerIdentity::ServerIdentity(IdentitySettings settings, Trust trust, bool uses_tls,
+                               std::filesystem::path folder, EventSink events)
+    : settings_(std::move(settings)), trust_(trust), folder_(std::move(folder)), events_(std::move(events)) {
+  const bool issues_server = uses_tls && settings_.certificate.empty();
+  if (issues_server || trust_ == Trust::kOwnAuthority) {
+    own_ = std::make_unique<Authority>(folder_ / "authority");
+  }
+  if (uses_tls) trusted_by_devices_ = issues_server ? own_->certificate() : TextIn(settings_.authority);
+  if (!issues_server) return;
+  KeepServerCertificate(*own_, settings_.names.empty() ? OwnNames() : settings_.names, folder_ / "server");
+  thread_ = std::thread([this] { Run(); });
+}
+
+ServerIdentity::~ServerIdentity() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ending_ = true;
+    changed_.notify_all();
+  }
+  if (thread_.joinable()) thread_.join();
+}
+
+TlsSettings ServerIdentity::ForPeople() const {
+  if (!settings_.certificate.empty()) return {settings_.certificate, settings_.key, std::nullopt};
+  return {folder_ / "server" / "server.pem", folder_ / "server" / "server.key", std::nullopt};
+}
+
+TlsSettings ServerIdentity::ForDevices() const {
+  TlsSettings tls = ForPeople();
+  if (trust_ == Trust::kOwnAuthority) tls.client_authority = folder_ / "authority" / "ca.pem";
+  if (trust_ == Trust::kOtherAuthority) tls.client_authority = settings_.device_authority;
+  return tls;
+}
+
+const Authority* ServerIdentity::device_authority() const {
+  return trust_ == Trust::kOwnAuthority ? own_.get() : nullptr;
+}
+
+void ServerIdentity::Run() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!changed_.wait_for(lock, kLookPause, [this] { return ending_; })) Renew();
+}
+
+void ServerIdentity::Renew() {
+  try {
+    const auto names = settings_.names.empty() ? OwnNames() : settings_.names;
+    if (KeepServerCertificate(*own_, names, folder_ / "server")) {
+      events_("the server's certificate was issued anew");
+    }
+  } catch (const std::exception& failure) {
+    events_(std::string("the server's certificate can't be issued anew: ") + failure.what());
+  }
+}
+
+}  // namespace TarvoOrvane::SupportService
