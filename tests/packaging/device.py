@@ -3,6 +3,7 @@ import contextlib
 import json
 import os
 import pathlib
+import re
 import sqlite3
 import subprocess
 import time
@@ -12,9 +13,12 @@ PACKAGES = pathlib.Path('/out')
 CONFIGURATION = pathlib.Path('/etc/tarvo/tarvomibserver.conf')
 PID_FILE = pathlib.Path('/run/kestrix_debug_dat_transmitter.pid')
 SERVICE_DATA = pathlib.Path('/var/lib/tarvo-support-service')
+SERVICE_CONFIGURATION = pathlib.Path('/etc/tarvo-support-service.conf')
 TASKS = pathlib.Path('/var/lib/tarvo/support_form_log')
 DAEMON = 'debug-dat-transmitter.service'
 SERVICE = 'tarvo-support-service.service'
+SERIAL_NUMBER = 'SN-0815'
+ENROLMENT = pathlib.Path('/root') / SERIAL_NUMBER
 # Only a hung program misses it.
 DEADLINE_SECONDS = 120.0
 
@@ -36,6 +40,11 @@ def wait_until(condition: Callable[[], bool], what: str) -> None:
             journal = run('journalctl', '--no-pager', '-n', '60', check=False).stdout
             raise AssertionError(f'in vain waited until {what}; the journal says:\n{journal}')
         time.sleep(0.05)
+
+
+def supportctl(*arguments: str) -> str:
+    """What the service answers to its administrator."""
+    return run('supportctl', '--data', str(SERVICE_DATA), *arguments).stdout
 
 
 def package(name: str) -> str:
@@ -77,9 +86,13 @@ class Device:
         self.start_service()
 
     def start_service(self) -> None:
-        """Starts the support service and waits until it listens."""
+        """Starts the support service and waits until it answers."""
         run('systemctl', 'start', SERVICE)
-        wait_until(lambda: 'control socket' in self.service_log(), 'the support service listens')
+        wait_until(self.service_answers, 'the support service answers')
+
+    def service_answers(self) -> bool:
+        """Whether the service has an answer for its administrator."""
+        return run('supportctl', '--data', str(SERVICE_DATA), 'whoami', check=False).returncode == 0
 
     def let_half_an_hour_pass(self) -> None:
         """For the service, which waits so long for a report before it tries the device's next ticket."""
@@ -88,10 +101,12 @@ class Device:
             store.execute('UPDATE tickets SET since = since - 30 * 60 * 1000')
         run('systemctl', 'start', SERVICE)
 
-    def configure(self, grpc: str = 'http://127.0.0.1:50051', css: str = 'http://127.0.0.1:8080') -> None:
-        """Writes the service's addresses, as the owner of the device does."""
-        CONFIGURATION.write_text(json.dumps({'debug_dat_file_transmitter': {
-            'grpc_server': {'url': grpc}, 'css_server': {'url': css}}}))
+    def configure(self) -> None:
+        """Enrols the device, and puts on it what that told, as its owner does."""
+        CONFIGURATION.with_name('serial_number').write_text(f'{SERIAL_NUMBER}\n')
+        told = supportctl('device', 'enrol', SERIAL_NUMBER, '--out', str(ENROLMENT), '--renew')
+        for command in re.findall(r'^ +(install .+)$', told, re.MULTILINE):
+            run('sh', '-c', f'cd {ENROLMENT} && {command}')
 
     def describe(self, name: str, description: object) -> None:
         """Describes an application."""
@@ -108,8 +123,8 @@ class Device:
 
     def is_connected(self) -> bool:
         """Whether the service has a stream of this device."""
-        listed = run('ticket', '--data', str(SERVICE_DATA), '--devices', check=False)
-        return listed.returncode == 0 and ' since ' in listed.stdout
+        shown = run('supportctl', '--data', str(SERVICE_DATA), '--json', 'device', 'show', SERIAL_NUMBER, check=False)
+        return shown.returncode == 0 and json.loads(shown.stdout)['connected'] is True
 
     def service_log(self) -> str:
         """The support service's lines."""
@@ -123,14 +138,13 @@ class Device:
         """Sends a ticket, once the device is connected.
         :return: Its id."""
         self.wait_connected()
-        return run('ticket', '--data', str(SERVICE_DATA), '--apps', apps).stdout.split()[-1]
+        return supportctl('send', SERIAL_NUMBER, '--apps', apps).strip()
 
     def result(self, ticket: str) -> Optional[str]:
         """What the device reported of a ticket; nothing as long as it has not."""
-        for line in run('ticket', '--data', str(SERVICE_DATA), '--list').stdout.splitlines():
-            if ticket in line and 'reported' in line:
-                return line.partition('reported: ')[2]
-        return None
+        report = json.loads(supportctl('--json', 'show', ticket))['ticket'].get('report')
+        assert report is None or isinstance(report, str)
+        return report
 
     def wait_for_result(self, ticket: str) -> str:
         """What the device reports of a ticket."""
@@ -142,7 +156,7 @@ class Device:
         :return: The archive that the service received."""
         ticket = self.send(apps)
         result = self.wait_for_result(ticket)
-        if not result.startswith('Success'):
+        if result != 'Success':
             raise AssertionError(f'the ticket ended with: {result}\n{self.daemon_log()}')
         return SERVICE_DATA / 'archives' / f'{ticket}-1.dat'
 

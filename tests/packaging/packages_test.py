@@ -1,12 +1,16 @@
 """What an operator does with the packages, each test in a booted container of its own; run_packages_tests boots it."""
+import json
 import pathlib
 import re
 import signal
+import ssl
 import unittest
+import urllib.request
 from typing import Any, Callable
 
-from device import (CONFIGURATION, DAEMON, PACKAGES, PID_FILE, SERVICE, TASKS, Device, children_of, end, entries_of,
-                    is_running, manifest_of, package, property_of, run, supervisor, wait_until, worker)
+from device import (CONFIGURATION, DAEMON, DEADLINE_SECONDS, PACKAGES, PID_FILE, SERVICE, SERVICE_CONFIGURATION,
+                    SERVICE_DATA, TASKS, Device, children_of, end, entries_of, is_running, manifest_of, package,
+                    property_of, run, supervisor, wait_until, worker)
 
 # Where packages put, and programs write, what may be left behind.
 PLACES = ('/etc', '/lib/systemd', '/usr/bin', '/usr/include', '/usr/lib', '/usr/sbin', '/usr/share', '/usr/tarvo',
@@ -59,14 +63,12 @@ class PackagesTest(unittest.TestCase):
         """Root is told what tarvo may not read, and that nobody listens for collections."""
         self.serve()
         self.assertEqual(run('debug_dat_check').returncode, 0)
-        folder = CONFIGURATION.parent / 'tls'
-        run('openssl', 'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:P-256', '-nodes',
-            '-subj', '/CN=a', '-keyout', str(folder / 'client.key'), '-out', str(folder / 'client.pem'))
-        run('chmod', '0400', str(folder / 'client.key'))
+        key = CONFIGURATION.parent / 'tls/client.key'
+        run('chown', 'root:', str(key))
         told = run('debug_dat_check', check=False)
         self.assertEqual(told.returncode, 3)
         self.assertIn('The daemon runs as the user tarvo, who lacks the right', told.stdout)
-        run('chown', 'tarvo:', str(folder / 'client.key'))
+        run('chown', 'tarvo:', str(key))
         self.assertEqual(run('debug_dat_check').returncode, 0)
         run('systemctl', 'stop', 'debug-dat-collect.socket')
         told = run('debug_dat_check', check=False)
@@ -185,11 +187,94 @@ class UnitsTest(unittest.TestCase):
 
     def test_exposure_is_bounded(self) -> None:
         """Network without root, root without network."""
-        for unit, tenths in ((DAEMON, 15), ('debug-dat-collect@.service', 32)):
+        for unit, tenths in ((DAEMON, 15), ('debug-dat-collect@.service', 32), (SERVICE, 15)):
             judged = run('systemd-analyze', 'security', '--offline=true', f'--threshold={tenths}',
                          f'/lib/systemd/system/{unit}', check=False)
             print(judged.stdout.strip().splitlines()[-1])
             self.assertEqual(judged.returncode, 0, judged.stdout)
+
+
+class ServiceTest(unittest.TestCase):
+    """The support service's unit, with its configuration."""
+
+    def setUp(self) -> None:
+        self.device = Device()
+        self.device.install_all()
+
+    def configure_service(self, *lines: str) -> None:
+        """Adds lines to its configuration, as its operator does."""
+        with SERVICE_CONFIGURATION.open('a', encoding='utf-8') as file:
+            file.writelines(f'{line}\n' for line in lines)
+
+    def test_wrong_configuration_is_no_loop(self) -> None:
+        """The unit's state says what is wrong; mended, it starts."""
+        right = SERVICE_CONFIGURATION.read_text()
+        self.configure_service('api-address = nowhere')
+        check = ('support_service', '--config', str(SERVICE_CONFIGURATION), '--check-config')
+        self.assertEqual(run(*check, check=False).returncode, 2)
+        run('systemctl', 'restart', SERVICE)
+        wait_until(lambda: property_of(SERVICE, 'ActiveState') == 'failed', 'the unit has failed')
+        self.assertEqual(property_of(SERVICE, 'ExecMainStatus'), '2')
+        self.assertEqual(property_of(SERVICE, 'NRestarts'), '0')
+        state = run('systemctl', 'status', '--no-pager', '-n', '20', SERVICE, check=False).stdout
+        self.assertIn('nowhere', state)
+        SERVICE_CONFIGURATION.write_text(right)
+        self.assertIn('can be used', run(*check).stdout)
+        self.device.start_service()
+
+    def test_changed_configuration_survives_an_upgrade(self) -> None:
+        """And so do the enrolled devices."""
+        self.device.configure()
+        self.device.start()
+        self.configure_service('retry-seconds = 3')
+        run('dpkg', '-i', '--force-confdef', '--force-confold', newer('tarvo-support-service'))
+        self.assertIn('retry-seconds = 3\n', SERVICE_CONFIGURATION.read_text())
+        self.device.wait_connected()
+        self.device.serve_ticket()
+
+    def test_people_sign_in_over_https(self) -> None:
+        """Within the sandbox a password can be checked."""
+        self.configure_service('api-address = 0.0.0.0:8444')
+        run('systemctl', 'restart', SERVICE)
+        wait_until(lambda: 'api listening on' in self.device.service_log(), 'the service listens for people')
+        run('sh', '-c', f'echo correct horse | supportctl --data {SERVICE_DATA} users add ada --role support')
+        self.assertEqual(signed_in('localhost', SERVICE_DATA / 'authority/ca.pem', 'ada', 'correct horse'), 'support')
+
+    def test_certificate_of_the_operators_own(self) -> None:
+        """As the configuration's comments say, with a key that only root can read."""
+        folder = pathlib.Path('/etc/ssl/support')
+        folder.mkdir()
+        run('openssl', 'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:P-256', '-nodes',
+            '-subj', '/CN=support', '-addext', 'subjectAltName=DNS:localhost', '-keyout', str(folder / 'service.key'),
+            '-out', str(folder / 'service.pem'))
+        run('chmod', '0600', str(folder / 'service.key'))
+        (folder / 'ca.pem').write_text((folder / 'service.pem').read_text())
+        text = SERVICE_CONFIGURATION.read_text()
+        for option in ('certificate', 'authority'):
+            text = text.replace(f'#{option} = ', f'{option} = ')
+        handed_over = re.search(r'^# (key = .+)$', text, re.MULTILINE)
+        override = re.search(r'^# {5}(\[Service\])\n# {5}(LoadCredential=.+)$', text, re.MULTILINE)
+        assert handed_over and override
+        SERVICE_CONFIGURATION.write_text(f'{text}{handed_over.group(1)}\napi-address = 0.0.0.0:8444\n')
+        drop_in = pathlib.Path(f'/etc/systemd/system/{SERVICE}.d')
+        drop_in.mkdir(parents=True)
+        (drop_in / 'override.conf').write_text('\n'.join(override.groups()))
+        run('systemctl', 'daemon-reload')
+        run('systemctl', 'restart', SERVICE)
+        wait_until(lambda: 'api listening on' in self.device.service_log(), 'the service listens for people')
+        run('sh', '-c', f'echo correct horse | supportctl --data {SERVICE_DATA} users add ada --role viewer')
+        self.assertEqual(signed_in('localhost', folder / 'ca.pem', 'ada', 'correct horse'), 'viewer')
+
+
+def signed_in(host: str, authority: pathlib.Path, name: str, password: str) -> str:
+    """Signs in over https, where the service shows a certificate of this authority.
+    :return: The role that the service sees."""
+    request = urllib.request.Request(f'https://{host}:8444/api/v1/session', method='POST',
+                                     data=json.dumps({'name': name, 'password': password}).encode(),
+                                     headers={'Content-Type': 'application/json'})
+    context = ssl.create_default_context(cafile=str(authority))
+    with urllib.request.urlopen(request, context=context, timeout=DEADLINE_SECONDS) as answer:
+        return str(json.load(answer)['you']['role'])
 
 
 class TicketUnderWayTest(unittest.TestCase):
