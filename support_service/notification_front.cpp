@@ -2,6 +2,7 @@
 
 #include <grpc/grpc_security_constants.h>
 #include <grpc/support/log.h>
+#include <grpcpp/alarm.h>
 #include <grpcpp/security/tls_certificate_provider.h>
 #include <grpcpp/security/tls_credentials_options.h>
 
@@ -26,6 +27,8 @@ constexpr int kMaxMessageBytes = 8 * 1024;
 constexpr int kMaxStreamsPerConnection = 2;
 /// How long the server waits at its end for devices to close their connections; streams have ended before.
 constexpr std::chrono::milliseconds kDevicesShutdownLimit{250};
+/// So long an ended stream waits until its device has taken what is being written to it.
+constexpr std::chrono::seconds kLastWriteLimit{1};
 
 grpc::Status StatusFor(const StreamEnd& end) {
   switch (end.reason) {
@@ -127,8 +130,12 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
     ended_ = true;
     status_ = status;
     if (outgoing_.empty()) return Finish(status_);
-    // The device takes nothing, and would keep its stream for as long as it likes. It is not told why.
-    context_.TryCancel();
+    // What is being written is done in a moment, and OnWriteDone() goes on. A device that takes nothing would keep its
+    // stream for as long as it likes.
+    patience_.Set(std::chrono::system_clock::now() + kLastWriteLimit,
+                  [stream = std::weak_ptr(self_)](bool expired) {
+                    if (const auto self = stream.lock(); self && expired) self->GiveUp();
+                  });
   }
 
   void OnReadDone(bool ok) override {
@@ -142,7 +149,10 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
   void OnWriteDone(bool ok) override {
     const std::lock_guard<std::mutex> lock(mutex_);
     outgoing_.pop_front();
-    if (ended_) return Finish(status_);
+    if (ended_) {
+      outgoing_.clear();
+      return Finish(status_);
+    }
     // After a failed write the read fails too and ends the stream.
     if (ok && !outgoing_.empty()) StartWrite(&outgoing_.front());
     if (!ok) outgoing_.clear();
@@ -200,6 +210,12 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
     if (!ended_) StartRead(&received_);
   }
 
+  /// Ends a stream whose last write was not taken. The device is not told why.
+  void GiveUp() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!outgoing_.empty()) context_.TryCancel();
+  }
+
   void StartSendInitialMetadataOnce() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (ended_ || std::exchange(metadata_sent_, true)) return;
@@ -216,6 +232,7 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
   grpc::Status status_;                 ///< What the stream ends with, once ended_.
   bool ended_ = false;
   bool metadata_sent_ = false;
+  grpc::Alarm patience_;  ///< With a device that is to take the last message of an ended stream.
 };
 
 NotificationFront::NotificationFront(Dispatcher& dispatcher, const ListenAddress& address,
