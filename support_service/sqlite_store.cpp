@@ -118,6 +118,36 @@ CREATE TABLE audit(
   object TEXT NOT NULL,
   detail TEXT NOT NULL
 ) STRICT;
+)",
+                                  R"(
+ALTER TABLE archives ADD COLUMN device BLOB NOT NULL DEFAULT x'';
+UPDATE archives SET device = (SELECT device FROM tickets WHERE number = archives.ticket);
+CREATE INDEX kept_archives ON archives(received) WHERE deleted IS NULL;
+CREATE INDEX kept_archives_by_device ON archives(device, received) WHERE deleted IS NULL;
+CREATE TABLE retention(
+  id INTEGER PRIMARY KEY,
+  kept_count INTEGER NOT NULL,
+  kept_bytes INTEGER NOT NULL,
+  held_until INTEGER
+) STRICT;
+INSERT INTO retention(id, kept_count, kept_bytes)
+  SELECT 1, count(*), coalesce(sum(size_bytes), 0) FROM archives WHERE deleted IS NULL;
+CREATE TABLE kept_of_devices(
+  device BLOB PRIMARY KEY,
+  kept_count INTEGER NOT NULL
+) STRICT, WITHOUT ROWID;
+CREATE INDEX kept_of_devices_by_count ON kept_of_devices(kept_count);
+INSERT INTO kept_of_devices SELECT device, count(*) FROM archives WHERE deleted IS NULL GROUP BY device;
+CREATE TRIGGER archive_is_kept AFTER INSERT ON archives BEGIN
+  UPDATE retention SET kept_count = kept_count + 1, kept_bytes = kept_bytes + new.size_bytes WHERE id = 1;
+  INSERT INTO kept_of_devices VALUES(new.device, 1)
+    ON CONFLICT(device) DO UPDATE SET kept_count = kept_count + 1;
+END;
+CREATE TRIGGER archive_is_deleted AFTER UPDATE OF deleted ON archives
+  WHEN old.deleted IS NULL AND new.deleted IS NOT NULL BEGIN
+  UPDATE retention SET kept_count = kept_count - 1, kept_bytes = kept_bytes - new.size_bytes WHERE id = 1;
+  UPDATE kept_of_devices SET kept_count = kept_count - 1 WHERE device = new.device;
+END;
 )"};
 
 // ---------- the statements ----------
@@ -163,6 +193,12 @@ enum class Sql {
   kAddAudit,
   kLastAudit,
   kAudit,
+  kKeptTotals,
+  kOldestArchives,
+  kOldestArchivesOfDevice,
+  kDevicesWithMore,
+  kHoldRetention,
+  kRetentionHeld,
   // Each of these looks at a whole table: at the service's start, or at one that an administrator fills.
   kEveryArchive,
   kEveryUser,
@@ -195,6 +231,38 @@ std::string UsersWhere(const std::string& condition) {
 
 std::string ApiTokensWhere(const std::string& condition) {
   return "SELECT id, name, role, secret, created, expires, created_by FROM api_tokens WHERE " + condition;
+}
+
+/// Kept archives of tickets that are at their end, oldest first.
+std::string OldestWhere(const std::string& condition) {
+  std::string open;
+  for (const TicketState state : kTicketStates) {
+    if (IsOpen(state)) open += (open.empty() ? "" : ", ") + std::to_string(static_cast<int>(state));
+  }
+  return "SELECT archives.ticket, id, version, size_bytes, received FROM archives"
+         " JOIN tickets ON tickets.number = archives.ticket WHERE deleted IS NULL AND " +
+         condition + " received < ? AND state NOT IN (" + open + ") ORDER BY received LIMIT ?";
+}
+
+/// Of what is kept, and what is not to be.
+std::string RetentionTextOf(Sql statement) {
+  switch (statement) {
+    case Sql::kKeptTotals:
+      return "SELECT kept_count, kept_bytes FROM retention WHERE id = 1";
+    case Sql::kOldestArchives:
+      return OldestWhere("");
+    case Sql::kOldestArchivesOfDevice:
+      return OldestWhere("archives.device = ? AND");
+    case Sql::kDevicesWithMore:
+      return "SELECT device, kept_count FROM kept_of_devices WHERE kept_count > ?"
+             " ORDER BY kept_count DESC LIMIT ?";
+    case Sql::kHoldRetention:
+      return "UPDATE retention SET held_until = ? WHERE id = 1";
+    case Sql::kRetentionHeld:
+      return "SELECT held_until FROM retention WHERE id = 1";
+    default:
+      return "";
+  }
 }
 
 /// Of devices, accounts and the audit.
@@ -245,7 +313,7 @@ std::string IdentityTextOf(Sql statement) {
       return "SELECT number, time, who, address, action, object, detail FROM audit"
              " WHERE number < ? ORDER BY number DESC LIMIT ?";
     default:
-      return "";
+      return RetentionTextOf(statement);
   }
 }
 
@@ -272,8 +340,9 @@ std::string TextOf(Sql statement) {
     case Sql::kAddToken:
       return "INSERT INTO tokens(hash, ticket) VALUES(?, ?)";
     case Sql::kAddArchive:
-      return "INSERT INTO archives(ticket, version, size_bytes, sha256, serial_number, apps, received)"
-             " VALUES(?, ?, ?, ?, ?, ?, ?)";
+      return "INSERT INTO archives(ticket, version, size_bytes, sha256, serial_number, apps, received, "
+             "device)"
+             " VALUES(?, ?, ?, ?, ?, ?, ?, ?)";
     case Sql::kLastEvent:
       return "SELECT max(number) FROM events";
     case Sql::kLastTicket:
@@ -597,15 +666,16 @@ void AddEvent(SqliteConnection& connection, const Event& event) {
   run.Put(event.time).PutBytes(event.text).Next();
 }
 
-void AddArchive(SqliteConnection& connection, TicketNumber ticket, const Archive& archive) {
+void AddArchive(SqliteConnection& connection, const Ticket& ticket, const Archive& archive) {
   Run run = connection.Start(Sql::kAddArchive);
-  run.Put(ticket).Put(archive.version).Put(archive.size_bytes).PutText(archive.sha256);
-  run.PutBytes(archive.serial_number).PutText(JsonOf(archive.apps)).Put(archive.received).Next();
+  run.Put(ticket.number).Put(archive.version).Put(archive.size_bytes).PutText(archive.sha256);
+  run.PutBytes(archive.serial_number).PutText(JsonOf(archive.apps)).Put(archive.received);
+  run.PutBytes(ticket.device).Next();
 }
 
-void DeleteArchive(SqliteConnection& connection, TicketNumber ticket, const Archive& archive) {
+void DeleteArchive(SqliteConnection& connection, const Ticket& ticket, const Archive& archive) {
   Run run = connection.Start(Sql::kDeleteArchive);
-  run.Put(archive.deleted).PutText(archive.deletion).Put(ticket).Put(archive.version).Next();
+  run.Put(archive.deleted).PutText(archive.deletion).Put(ticket.number).Put(archive.version).Next();
 }
 
 void Remember(SqliteConnection& connection, const Entry& entry) {
@@ -617,7 +687,7 @@ void Remember(SqliteConnection& connection, const Entry& entry) {
   }
   if (!entry.archive) return;
   const auto write = entry.archive->deleted ? DeleteArchive : AddArchive;
-  write(connection, entry.ticket.number, *entry.archive);
+  write(connection, entry.ticket, *entry.archive);
 }
 
 void Remember(SqliteConnection& connection, const EnrolledDevice& device) {
@@ -670,6 +740,10 @@ void Remember(SqliteConnection& connection, const AuditRecord& record) {
   Run run = connection.Start(Sql::kAddAudit);
   run.Put(record.number).Put(record.time).PutText(record.actor.who).PutText(record.actor.from);
   run.PutText(record.action).PutText(record.object).PutText(record.detail).Next();
+}
+
+void Remember(SqliteConnection& connection, const RetentionHeld& held) {
+  connection.Start(Sql::kHoldRetention).Put(held.until).Next();
 }
 
 // ---------- reading ----------
@@ -965,6 +1039,56 @@ std::vector<ArchiveName> SqliteStore::Archives() const {
       archives.push_back({std::move(id), version, run.Number() != 0});
     }
     return archives;
+  });
+}
+
+ArchiveTotals SqliteStore::KeptTotals() const {
+  return Read([](SqliteConnection& connection) {
+    Run run = connection.Start(Sql::kKeptTotals);
+    run.Next();
+    const std::uint64_t count = run.Number();
+    return ArchiveTotals{count, run.Number()};
+  });
+}
+
+std::vector<KeptArchive> SqliteStore::OldestArchives(const std::optional<std::string>& device,
+                                                     WallTime before, std::size_t limit) const {
+  return Read([&](SqliteConnection& connection) {
+    Run run = connection.Start(device ? Sql::kOldestArchivesOfDevice : Sql::kOldestArchives);
+    if (device) run.PutBytes(*device);
+    run.Put(before).Put(std::uint64_t{limit});
+    std::vector<KeptArchive> archives;
+    while (run.Next()) {
+      KeptArchive& archive = archives.emplace_back();
+      archive.ticket = run.Number();
+      archive.ticket_id = run.Bytes();
+      archive.version = run.Number();
+      archive.size_bytes = run.Number();
+      archive.received = run.Time();
+    }
+    return archives;
+  });
+}
+
+std::vector<DeviceArchives> SqliteStore::DevicesWithMoreArchives(std::uint64_t than,
+                                                                 std::size_t limit) const {
+  return Read([&](SqliteConnection& connection) {
+    Run run = connection.Start(Sql::kDevicesWithMore);
+    run.Put(than).Put(std::uint64_t{limit});
+    std::vector<DeviceArchives> devices;
+    while (run.Next()) {
+      std::string serial_number = run.Bytes();
+      devices.push_back({std::move(serial_number), run.Number()});
+    }
+    return devices;
+  });
+}
+
+std::optional<WallTime> SqliteStore::RetentionHeldUntil() const {
+  return Read([](SqliteConnection& connection) {
+    Run run = connection.Start(Sql::kRetentionHeld);
+    run.Next();
+    return run.MaybeTime();
   });
 }
 

@@ -41,6 +41,12 @@ class SqliteStore final : public Store {
                                             std::size_t limit) const override;
   [[nodiscard]] std::vector<Event> EventsAfter(EventNumber after, std::size_t limit) const override;
   [[nodiscard]] std::vector<ArchiveName> Archives() const override;
+  [[nodiscard]] ArchiveTotals KeptTotals() const override;
+  [[nodiscard]] std::vector<KeptArchive> OldestArchives(const std::optional<std::string>& device,
+                                                        WallTime before, std::size_t limit) const override;
+  [[nodiscard]] std::vector<DeviceArchives> DevicesWithMoreArchives(std::uint64_t than,
+                                                                    std::size_t limit) const override;
+  [[nodiscard]] std::optional<WallTime> RetentionHeldUntil() const override;
   [[nodiscard]] std::optional<EnrolledDevice> FindDevice(const std::string& serial_number) const override;
   [[nodiscard]] std::vector<EnrolledDevice> Devices(const std::string& beginning, const std::string& after,
                                                     std::size_t limit) const override;

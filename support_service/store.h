@@ -59,10 +59,15 @@ struct ApiTokenRemoved {
   std::string id;
 };
 
+/// Retention deletes nothing before that time.
+struct RetentionHeld {
+  WallTime until;
+};
+
 /// One thing to remember. A device, an account and a session take the place of what there is of that serial number,
 /// name and secret.
 using Change = std::variant<Entry, EnrolledDevice, DeviceSeen, User, UserRemoved, ApiToken, ApiTokenRemoved,
-                            Session, SessionEnded, SessionsEnded, AuditRecord>;
+                            Session, SessionEnded, SessionsEnded, AuditRecord, RetentionHeld>;
 
 /// Which tickets are listed.
 struct TicketFilter {
@@ -76,6 +81,27 @@ struct ArchiveName {
   std::string ticket_id;
   std::uint64_t version = 0;
   bool deleted = false;  ///< It is known, and its file is to be gone.
+};
+
+/// What the archives amount to that are not deleted.
+struct ArchiveTotals {
+  std::uint64_t count = 0;
+  std::uint64_t bytes = 0;
+};
+
+/// An archive that is not deleted, of a ticket that is at its end.
+struct KeptArchive {
+  TicketNumber ticket = 0;
+  std::string ticket_id;
+  std::uint64_t version = 0;
+  std::uint64_t size_bytes = 0;
+  WallTime received;
+};
+
+/// How many archives are kept of a device.
+struct DeviceArchives {
+  std::string serial_number;
+  std::uint64_t count = 0;
 };
 
 class Store {
@@ -115,6 +141,18 @@ class Store {
   [[nodiscard]] virtual std::vector<Event> EventsAfter(EventNumber after, std::size_t limit) const = 0;
   /// Every archive of every ticket.
   [[nodiscard]] virtual std::vector<ArchiveName> Archives() const = 0;
+  /// Of all tickets, open ones too. They are kept up with each change, and not added up here.
+  [[nodiscard]] virtual ArchiveTotals KeptTotals() const = 0;
+  /// The oldest kept archives of tickets that are at their end, oldest first, at most `limit` of them.
+  /// @param device  Only those of this one's tickets.
+  /// @param before  Only those that came before that time.
+  [[nodiscard]] virtual std::vector<KeptArchive> OldestArchives(const std::optional<std::string>& device,
+                                                                WallTime before, std::size_t limit) const = 0;
+  /// The devices of which more archives are kept than that, those with most first, at most `limit` of them.
+  [[nodiscard]] virtual std::vector<DeviceArchives> DevicesWithMoreArchives(std::uint64_t than,
+                                                                            std::size_t limit) const = 0;
+  /// What was written last of that; nothing as long as nothing was.
+  [[nodiscard]] virtual std::optional<WallTime> RetentionHeldUntil() const = 0;
 
   [[nodiscard]] virtual std::optional<EnrolledDevice> FindDevice(const std::string& serial_number) const = 0;
   /// By serial number, at most `limit` of them.

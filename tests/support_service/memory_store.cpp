@@ -92,6 +92,7 @@ struct MemoryStore::Writer {
     EraseThose(content.sessions, [&](const Session& session) { return session.user == ended.user; });
   }
   void operator()(const AuditRecord& record) const { content.audit.push_back(record); }
+  void operator()(const RetentionHeld& held) const { content.retention_held = held.until; }
 };
 
 void MemoryStore::Write(const std::vector<Change>& changes) {
@@ -198,6 +199,58 @@ std::vector<ArchiveName> MemoryStore::Archives() const {
     }
   }
   return names;
+}
+
+ArchiveTotals MemoryStore::KeptTotals() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ArchiveTotals totals;
+  for (const auto& [number, record] : content_.tickets) {
+    for (const auto& [version, archive] : record.archives) {
+      if (archive.deleted) continue;
+      ++totals.count;
+      totals.bytes += archive.size_bytes;
+    }
+  }
+  return totals;
+}
+
+std::vector<KeptArchive> MemoryStore::OldestArchives(const std::optional<std::string>& device,
+                                                     WallTime before, std::size_t limit) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<KeptArchive> archives;
+  for (const auto& [number, record] : content_.tickets) {
+    if (IsOpen(record.ticket.state) || (device && record.ticket.device != *device)) continue;
+    for (const auto& [version, archive] : record.archives) {
+      if (archive.deleted || archive.received >= before) continue;
+      archives.push_back({number, record.ticket.id, version, archive.size_bytes, archive.received});
+    }
+  }
+  std::stable_sort(archives.begin(), archives.end(),
+                   [](const KeptArchive& a, const KeptArchive& b) { return a.received < b.received; });
+  if (archives.size() > limit) archives.resize(limit);
+  return archives;
+}
+
+std::vector<DeviceArchives> MemoryStore::DevicesWithMoreArchives(std::uint64_t than,
+                                                                 std::size_t limit) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::map<std::string, DeviceArchives> counts;
+  for (const auto& [number, record] : content_.tickets) {
+    DeviceArchives& device = counts[record.ticket.device];
+    device.serial_number = record.ticket.device;
+    for (const auto& [version, archive] : record.archives) device.count += archive.deleted ? 0 : 1;
+  }
+  EraseThose(counts, [&](const DeviceArchives& device) { return device.count <= than; });
+  auto devices = ValuesOf(counts);
+  std::stable_sort(devices.begin(), devices.end(),
+                   [](const DeviceArchives& a, const DeviceArchives& b) { return a.count > b.count; });
+  if (devices.size() > limit) devices.resize(limit);
+  return devices;
+}
+
+std::optional<WallTime> MemoryStore::RetentionHeldUntil() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return content_.retention_held;
 }
 
 std::vector<Event> MemoryStore::EventsAfter(EventNumber after, std::size_t limit) const {

@@ -122,7 +122,7 @@ TEST_F(SqliteStoreTest, EmptyFileBecomesAStore) {
   WriteFile(file_, "");  // as a power cut may leave it
   MakeStoreOf(1);
   SQLite::Database database(file_.string());
-  EXPECT_EQ(database.execAndGet("PRAGMA user_version").getInt(), 2);
+  EXPECT_EQ(database.execAndGet("PRAGMA user_version").getInt(), 3);
   EXPECT_NE(database.execAndGet("PRAGMA application_id").getInt(), 0);
 }
 
@@ -131,7 +131,7 @@ TEST_F(SqliteStoreTest, DatabaseOfFormZeroIsBroughtToThePresentOne) {
       .exec("PRAGMA journal_mode = WAL");
   ASSERT_GT(fs::file_size(file_), 0U);
   MakeStoreOf(1);
-  EXPECT_EQ(SQLite::Database(file_.string()).execAndGet("PRAGMA user_version").getInt(), 2);
+  EXPECT_EQ(SQLite::Database(file_.string()).execAndGet("PRAGMA user_version").getInt(), 3);
   EXPECT_TRUE(SqliteStore(file_).Find(1));
 }
 
@@ -167,15 +167,40 @@ TEST_F(SqliteStoreTest, StoreOfTheFirstFormIsBroughtToThePresentOne) {
   ASSERT_EQ(ticket->archives.size(), 1U);
   EXPECT_FALSE(ticket->archives[0].deleted);
   EXPECT_FALSE(store.FindDevice("SN1"));
-  EXPECT_EQ(SQLite::Database(file_.string()).execAndGet("PRAGMA user_version").getInt(), 2);
+  EXPECT_EQ(SQLite::Database(file_.string()).execAndGet("PRAGMA user_version").getInt(), 3);
+}
+
+TEST_F(SqliteStoreTest, StoreOfTheSecondFormKnowsWhatItKeepsOfEachDevice) {
+  MakeStoreOf(2);
+  {
+    SQLite::Database database(file_.string(), SQLite::OPEN_READWRITE);
+    database.exec(R"(
+      DROP TRIGGER archive_is_kept; DROP TRIGGER archive_is_deleted;
+      DROP INDEX kept_archives; DROP INDEX kept_archives_by_device;
+      DROP TABLE retention; DROP TABLE kept_of_devices;
+      ALTER TABLE archives DROP COLUMN device;
+      INSERT INTO archives(ticket, version, size_bytes, sha256, serial_number, apps, received, deleted)
+        VALUES(1, 1, 7, 'abcd', x'', '[]', 5, NULL), (2, 1, 8, 'abcd', x'', '[]', 6, NULL),
+              (2, 2, 100, 'abcd', x'', '[]', 7, 8);
+      UPDATE tickets SET state = 5;
+      PRAGMA user_version = 2;
+    )");
+  }
+  SqliteStore store(file_);
+  EXPECT_EQ(store.KeptTotals().count, 2U);
+  EXPECT_EQ(store.KeptTotals().bytes, 15U);
+  ASSERT_EQ(store.DevicesWithMoreArchives(1, kEach).size(), 1U);
+  EXPECT_EQ(store.DevicesWithMoreArchives(1, kEach)[0].serial_number, "SN1");
+  EXPECT_EQ(store.OldestArchives("SN1", WallTime(std::chrono::milliseconds(100)), kEach).size(), 2U);
+  EXPECT_FALSE(store.RetentionHeldUntil());
 }
 
 TEST_F(SqliteStoreTest, StoreOfANewerVersionIsRefusedAndLeftAlone) {
   MakeStoreOf(1);
-  SQLite::Database(file_.string(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version = 3");
+  SQLite::Database(file_.string(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version = 4");
   const std::string before = ReadFile(file_);
   EXPECT_THAT(OpeningError(), AllOf(StartsWith(file_.string()), HasSubstr("newer version"),
-                                    HasSubstr("form 3"), HasSubstr("Install that version again")));
+                                    HasSubstr("form 4"), HasSubstr("Install that version again")));
   EXPECT_EQ(ReadFile(file_), before);
 }
 

@@ -400,5 +400,94 @@ TEST(MemoryStoreTest, FailsAsLongAsItIsTold) {
   EXPECT_TRUE(store.Find(1));
 }
 
+// ---- what is kept ----
+
+class KeptArchivesTest : public StoreTest {
+ protected:
+  static WallTime Hour(int hour) { return WallTime(std::chrono::hours(480'000 + hour)); }
+
+  /// A ticket of the device with an archive that came then.
+  void Keep(const std::string& device, int hour, std::uint64_t bytes, bool is_open = false) {
+    const Entry created = make_.Created(device);
+    Archive archive = ArchiveOf(1);
+    archive.received = Hour(hour);
+    archive.size_bytes = bytes;
+    store_->Write({created, make_.Uploaded(created.ticket.number, archive)});
+    if (!is_open) store_->Write({make_.Next(created.ticket.number, EventKind::kReported, "Success")});
+  }
+  void Delete(TicketNumber number) {
+    Entry entry = make_.Next(number, EventKind::kArchiveDeleted);
+    entry.archive = store_->Find(number)->archives.at(0);
+    entry.archive->deleted = Hour(100);
+    entry.archive->deletion = "somebody";
+    store_->Write({entry});
+  }
+  [[nodiscard]] std::vector<TicketNumber> Oldest(const std::optional<std::string>& device, int before,
+                                                 std::size_t limit = kNoLimit) const {
+    std::vector<TicketNumber> numbers;
+    for (const KeptArchive& archive : store_->OldestArchives(device, Hour(before), limit)) {
+      EXPECT_EQ(archive.ticket_id, EntryMaker::IdOf(archive.ticket));
+      EXPECT_EQ(archive.version, 1U);
+      numbers.push_back(archive.ticket);
+    }
+    return numbers;
+  }
+  [[nodiscard]] std::vector<std::pair<std::string, std::uint64_t>> Devices(
+      std::uint64_t than, std::size_t limit = kNoLimit) const {
+    std::vector<std::pair<std::string, std::uint64_t>> devices;
+    for (const auto& device : store_->DevicesWithMoreArchives(than, limit)) {
+      devices.emplace_back(device.serial_number, device.count);
+    }
+    return devices;
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, KeptArchivesTest, testing::Values("Memory", "Sqlite"),
+                         [](const auto& each) { return std::string(each.param); });
+
+TEST_P(KeptArchivesTest, TotalsFollowWhatIsAddedAndDeleted) {
+  EXPECT_EQ(store_->KeptTotals().count, 0U);
+  Keep("SN1", 1, 10);
+  Keep("SN2", 2, 200);
+  EXPECT_EQ(store_->KeptTotals().count, 2U);
+  EXPECT_EQ(store_->KeptTotals().bytes, 210U);
+  Delete(1);
+  EXPECT_EQ(store_->KeptTotals().count, 1U);
+  EXPECT_EQ(store_->KeptTotals().bytes, 200U);
+}
+
+TEST_P(KeptArchivesTest, OldestAreThoseThatCameFirstOfTicketsThatAreAtTheirEnd) {
+  Keep("SN1", 5, 1);
+  Keep("SN2", 3, 1);
+  Keep("SN1", 4, 1);
+  Keep("SN1", 1, 1, true);
+  Keep("SN1", 2, 1);
+  Delete(5);
+  EXPECT_THAT(Oldest({}, 6), ElementsAre(2, 3, 1));
+  EXPECT_THAT(Oldest({}, 5), ElementsAre(2, 3)) << "only those that came before";
+  EXPECT_THAT(Oldest({}, 6, 1), ElementsAre(2));
+  EXPECT_THAT(Oldest("SN1", 6), ElementsAre(3, 1));
+  EXPECT_THAT(Oldest("SN3", 6), IsEmpty());
+}
+
+TEST_P(KeptArchivesTest, DevicesWithMostArchivesComeFirst) {
+  Keep("SN1", 1, 1);
+  for (int hour = 2; hour < 5; ++hour) Keep("SN2", hour, 1);
+  for (int hour = 5; hour < 7; ++hour) Keep("SN3", hour, 1);
+  EXPECT_THAT(Devices(0), ElementsAre(Pair("SN2", 3), Pair("SN3", 2), Pair("SN1", 1)));
+  EXPECT_THAT(Devices(1), ElementsAre(Pair("SN2", 3), Pair("SN3", 2)));
+  EXPECT_THAT(Devices(0, 1), ElementsAre(Pair("SN2", 3)));
+  Delete(2);
+  Delete(3);
+  EXPECT_THAT(Devices(1), ElementsAre(Pair("SN3", 2)));
+}
+
+TEST_P(KeptArchivesTest, HoldOfRetentionIsTheNewestOne) {
+  EXPECT_FALSE(store_->RetentionHeldUntil());
+  store_->Write({RetentionHeld{Hour(9)}});
+  store_->Write({RetentionHeld{Hour(7)}});
+  EXPECT_EQ(store_->RetentionHeldUntil(), Hour(7));
+}
+
 }  // namespace
 }  // namespace TarvoOrvane::SupportService
