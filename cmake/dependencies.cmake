@@ -11,4 +11,11 @@ pkg_check_modules(jsoncpp REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(libarchive REQUIRED IMPORTED_TARGET libarchive)
 pkg_check_modules(libsodium REQUIRED IMPORTED_TARGET libsodium)
 pkg_check_modules(libmicrohttpd REQUIRED IMPORTED_TARGET libmicrohttpd)
+# Not through prometheus-cpp-dev's own files: it can't be installed for two processors at once, so where the build is for
+# another one there is its library alone, without the link for builds.
+find_path(PROMETHEUS_HEADERS prometheus/registry.h REQUIRED)
+find_library(PROMETHEUS_CORE NAMES prometheus-cpp-core libprometheus-cpp-core.so.1.0 REQUIRED)
+add_library(prometheus_core INTERFACE IMPORTED)
+target_include_directories(prometheus_core INTERFACE ${PROMETHEUS_HEADERS})
+target_link_libraries(prometheus_core INTERFACE ${PROMETHEUS_CORE})
 find_program(GRPC_CPP_PLUGIN grpc_cpp_plugin REQUIRED)

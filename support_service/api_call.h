@@ -21,6 +21,8 @@
 #include "http_exchange.h"
 #include "http_request.h"
 #include "identity.h"
+#include "metrics.h"
+#include "overview.h"
 #include "passwords.h"
 #include "store.h"
 
@@ -39,6 +41,8 @@ struct ApiDesk {
   AttemptLimit& names;       ///< Of which passwords are tried.
   DiskWorkers& readers;      ///< Look into the store where that may take a moment.
   const LimitedEvents& log;  ///< For what anybody can cause.
+  const Overview& overview;
+  Metrics& metrics;
 };
 
 /// Who asks.

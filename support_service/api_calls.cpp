@@ -39,6 +39,8 @@ void Act(ApiCall& call, const char* code, Function function, const AnswerSink& d
       [answer, code, function = std::move(function)](TicketBook& book) mutable {
         try {
           *answer = function(book);
+        } catch (const LimitReached& refusal) {
+          *answer = ErrorAnswer("too_many", refusal.what());
         } catch (const std::invalid_argument& refusal) {
           *answer = ErrorAnswer(code, refusal.what());
         }
@@ -101,26 +103,20 @@ Json::Value YouIn(const Caller& caller) {
   return you;
 }
 
-const char* ApiNameOf(Trust trust) {
-  switch (trust) {
-    case Trust::kOwnAuthority:
-      return "own_authority";
-    case Trust::kOtherAuthority:
-      return "other_authority";
-    case Trust::kAllowList:
-      return "allow_list";
-  }
-  return "unknown";
-}
-
 }  // namespace
 
 void GetService(ApiCall& call, const AnswerSink& done) {
   Json::Value service(Json::objectValue);
   service["version"] = DDT_VERSION;
-  service["trust"] = ApiNameOf(call.desk.enroller.trust());
+  service["trust"] = ToText(call.desk.enroller.trust());
   service["you"] = YouIn(call.caller);
   done(JsonAnswer(service));
+}
+
+void GetSettings(ApiCall& call, const AnswerSink& done) {
+  Ask(
+      call, [](TicketBook& book) { return book.Overview(); },
+      [&call](const BookView& book) { return JsonAnswer(call.desk.overview.Settings(book)); }, done);
 }
 
 // ---------- sessions ----------
@@ -171,6 +167,7 @@ std::string CookieOf(const std::string& secret, std::chrono::seconds lifetime) {
 }
 
 void RefuseSignIn(ApiCall& call, const Attempt& attempt, const AnswerSink& done) {
+  call.desk.metrics.NoteSignInRefused(SignInRefusal::kWrong);
   Act(
       call, "unauthenticated",
       [actor = Actor{"a stranger", call.caller.actor.from}, name = attempt.name](TicketBook& book) {
@@ -232,9 +229,13 @@ void SignIn(ApiCall& call, const AnswerSink& done) {
   call.AllowMembers({"name", "password"});
   const Attempt attempt{call.Text("name"), call.Text("password"), AddressKey(call.caller.actor.from)};
   // What no account is called needs no look, and is not kept.
-  if (!UserNameFault(attempt.name).empty()) throw ApiError("unauthenticated", kWrongSignIn);
+  if (!UserNameFault(attempt.name).empty()) {
+    call.desk.metrics.NoteSignInRefused(SignInRefusal::kWrong);
+    throw ApiError("unauthenticated", kWrongSignIn);
+  }
   const bool may_try = attempt.address.empty() || call.desk.addresses.Try(attempt.address);
   if (!may_try || !call.desk.names.Try(attempt.name)) {
+    call.desk.metrics.NoteSignInRefused(SignInRefusal::kTooMany);
     throw ApiError("too_many", "too many attempts failed: wait a minute");
   }
   Hash(

@@ -12,6 +12,7 @@ namespace TarvoOrvane::SupportService {
 using ApiOperation = void (*)(ApiCall& call, const AnswerSink& done);
 
 void GetService(ApiCall& call, const AnswerSink& done);
+void GetSettings(ApiCall& call, const AnswerSink& done);
 void GetSession(ApiCall& call, const AnswerSink& done);
 void SignIn(ApiCall& call, const AnswerSink& done);
 void SignOut(ApiCall& call, const AnswerSink& done);

@@ -17,14 +17,14 @@ namespace TarvoOrvane::SupportService {
 namespace {
 
 constexpr std::string_view kPrefix = "/api/v1";
-/// Of a request's body: a note and a long list of applications fit in.
-constexpr std::size_t kMaxBodyBytes = std::size_t{64} * 1024;
 /// From one address so many passwords are tried, and then one more after each pause.
 constexpr int kTriesOfAddress = 10;
 constexpr std::chrono::seconds kAddressPause{20};
 /// For one account. Many more than from one address, or a stranger could keep out whose name they know.
 constexpr int kTriesOfName = 100;
 constexpr std::chrono::seconds kNamePause{2};
+/// What asking for the page of metrics is called on it.
+constexpr char kMetricsOperation[] = "GET /metrics";
 /// Threads that look into the store where that may take a moment.
 constexpr int kReaders = 2;
 
@@ -39,6 +39,7 @@ struct Route {
 
 constexpr Route kRoutes[] = {
     {"GET", "/service", Role::kViewer, false, GetService},
+    {"GET", "/settings", Role::kAdmin, false, GetSettings},
     {"GET", "/session", Role::kViewer, false, GetSession},
     {"POST", "/session", Role::kViewer, true, SignIn},
     {"DELETE", "/session", Role::kViewer, false, SignOut},
@@ -64,6 +65,9 @@ constexpr Route kRoutes[] = {
     {"DELETE", "/tokens/*", Role::kAdmin, false, RemoveToken},
     {"GET", "/audit", Role::kAdmin, false, ListAudit},
 };
+
+/// What an operation is called in the metrics.
+std::string NameOf(const Route& route) { return route.method + (" " + std::string(route.path)); }
 
 /// The part of a path up to its next slash, which is taken off with that.
 std::string_view TakePiece(std::string_view& path) {
@@ -163,16 +167,22 @@ class ApiExchange final : public Exchange {
       : route_(*match.route), call_{desk, request, std::move(caller), match.places, {}} {}
 
   bool TakeBody(std::string_view data) override {
-    too_large_ = too_large_ || body_.size() + data.size() > kMaxBodyBytes;
+    too_large_ = too_large_ || body_.size() + data.size() > kMaxRequestBytes;
     if (!too_large_) body_.append(data);
     taken_ += data.size();
     return taken_ <= RefusedExchange::kMaxDroppedBytes;
   }
 
-  void Finish(AnswerSink done) override {
+  void Finish(AnswerSink answered) override {
+    const AnswerSink done = [&metrics = call_.desk.metrics, &route = route_,
+                             answered = std::move(answered)](HttpAnswer answer) {
+      metrics.NoteRequest(NameOf(route), answer.status);
+      answered(std::move(answer));
+    };
     try {
       if (too_large_) {
-        throw ApiError("too_large", "the body is larger than " + std::to_string(kMaxBodyBytes) + " bytes");
+        call_.desk.metrics.NoteMet(Limit::kRequestBytes);
+        throw ApiError("too_large", "the body is larger than " + std::to_string(kMaxRequestBytes) + " bytes");
       }
       if (route_.has_body) call_.body = ObjectIn(call_.request, body_);
       route_.operation(call_, done);
@@ -234,19 +244,55 @@ class HealthExchange final : public Exchange {
   std::size_t taken_ = 0;
 };
 
+/// The page of metrics. It comes also where the book can't be asked, without what the book knows.
+class MetricsExchange final : public Exchange {
+ public:
+  explicit MetricsExchange(ApiDesk& desk) : desk_(desk) {}
+
+  bool TakeBody(std::string_view data) override {
+    taken_ += data.size();
+    return taken_ <= RefusedExchange::kMaxDroppedBytes;
+  }
+  void Finish(AnswerSink done) override {
+    const auto view = std::make_shared<std::optional<BookView>>();
+    const auto answer = [&desk = desk_, view, done = std::move(done)](const std::string& fault) {
+      desk.readers.Post([&desk, view, done, is_ready = fault.empty()] {
+        desk.metrics.NoteRequest(kMetricsOperation, MHD_HTTP_OK);
+        done(AnswerWith(desk.overview.MetricsPage(*view, is_ready)));
+      });
+    };
+    desk_.dispatcher.Post([view](TicketBook& book) { *view = book.Overview(); }, answer);
+  }
+  void Abort(const std::string& /*cause*/) override {}
+
+ private:
+  static HttpAnswer AnswerWith(std::string page) {
+    HttpAnswer answer;
+    // The version that the format's document names.
+    answer.headers = {{MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain; version=0.0.4; charset=utf-8"},
+                      {MHD_HTTP_HEADER_CACHE_CONTROL, "no-store"}};
+    answer.body = std::move(page);
+    return answer;
+  }
+
+  ApiDesk& desk_;
+  std::size_t taken_ = 0;
+};
+
 }  // namespace
 
 ApiFront::ApiFront(Dispatcher& dispatcher, const Store& store, const ArchiveStore& archives,
-                   DiskWorkers& disk, const Enroller& enroller, const EventSink& events)
+                   DiskWorkers& disk, const Enroller& enroller, const Overview& overview, Metrics& metrics,
+                   const EventSink& events)
     : dispatcher_(dispatcher),
-      feed_(store),
+      feed_(store, metrics),
       addresses_(kTriesOfAddress, kAddressPause),
       names_(kTriesOfName, kNamePause),
       hashing_(1),
       readers_(kReaders),
       strangers_(events),
-      desk_{dispatcher, store,      archives, disk,     enroller,  feed_,
-            hashing_,   addresses_, names_,   readers_, strangers_} {
+      desk_{dispatcher, store,  archives, disk,       enroller, feed_,  hashing_,
+            addresses_, names_, readers_, strangers_, overview, metrics} {
   dispatcher_.SetNewsSink([this] { feed_.Notify(); });
 }
 
@@ -259,8 +305,15 @@ std::unique_ptr<Exchange> ApiFront::Begin(HttpRequest& request) {
   if (request.method() == MHD_HTTP_METHOD_GET && request.path() == "/readyz") {
     return std::make_unique<HealthExchange>(&dispatcher_);
   }
+  std::string operation;
   try {
+    if (request.method() == MHD_HTTP_METHOD_GET && request.path() == "/metrics") {
+      operation = kMetricsOperation;
+      static_cast<void>(CallerOf(request));
+      return std::make_unique<MetricsExchange>(desk_);
+    }
     const Match match = MatchOf(request);
+    operation = NameOf(*match.route);
     if (!request.HasWholeQuery()) {
       throw ApiError("bad_request", "the query has a \"%\" that two hex digits must follow");
     }
@@ -275,18 +328,21 @@ std::unique_ptr<Exchange> ApiFront::Begin(HttpRequest& request) {
     }
     return std::make_unique<ApiExchange>(desk_, request, std::move(caller), match);
   } catch (const ApiError& error) {
-    return Refuse(request, error);
+    return Refuse(request, operation, error);
   } catch (const StoreError& failure) {
     strangers_.Write(std::string("requests can't be looked into: ") + failure.what());
+    desk_.metrics.NoteRequest(operation, MHD_HTTP_SERVICE_UNAVAILABLE);
     return std::make_unique<RefusedExchange>(
         ErrorAnswer("unavailable", "the service can't do it now: try again later"));
   }
 }
 
-std::unique_ptr<Exchange> ApiFront::Refuse(const HttpRequest& request, const ApiError& error) const {
+std::unique_ptr<Exchange> ApiFront::Refuse(const HttpRequest& request, const std::string& operation,
+                                           const ApiError& error) const {
   strangers_.Write("request refused: " + Printable(request.method(), 16) + " " + Quoted(request.path()) +
                    " from " + request.peer() + ": " + error.what());
   HttpAnswer answer = ErrorAnswer(error.code(), error.what());
+  desk_.metrics.NoteRequest(operation.empty() ? "none" : operation, answer.status);
   if (!error.allow().empty()) answer.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, error.allow());
   if (answer.status == MHD_HTTP_UNAUTHORIZED) {
     answer.headers.emplace_back(MHD_HTTP_HEADER_WWW_AUTHENTICATE, "Bearer");

@@ -12,9 +12,10 @@ namespace TarvoOrvane::SupportService {
 /// The threads of the HTTP servers use it. It lives longer than those.
 class ApiFront {
  public:
+  /// @param overview  Lives longer than the front.
   /// @param events  Takes what went wrong, and what strangers try.
   ApiFront(Dispatcher& dispatcher, const Store& store, const ArchiveStore& archives, DiskWorkers& disk,
-           const Enroller& enroller, const EventSink& events);
+           const Enroller& enroller, const Overview& overview, Metrics& metrics, const EventSink& events);
   /// Followers of events are not woken any more.
   ~ApiFront();
   ApiFront(const ApiFront&) = delete;
@@ -24,7 +25,9 @@ class ApiFront {
   std::unique_ptr<Exchange> Begin(HttpRequest& request);
 
  private:
-  std::unique_ptr<Exchange> Refuse(const HttpRequest& request, const ApiError& error) const;
+  /// @param operation  For the metrics; empty where the request is for none.
+  std::unique_ptr<Exchange> Refuse(const HttpRequest& request, const std::string& operation,
+                                   const ApiError& error) const;
   [[nodiscard]] Caller CallerOf(const HttpRequest& request) const;
 
   Dispatcher& dispatcher_;

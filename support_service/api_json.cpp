@@ -4,13 +4,11 @@
 #include <cstring>
 #include <utility>
 
+#include "limit.h"
 #include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
 namespace {
-
-/// A device's report is a short text. What is longer is cut.
-constexpr std::size_t kMaxReportBytes = std::size_t{64} * 1024;
 
 Json::Value ListOf(const std::vector<std::string>& texts) {
   Json::Value list(Json::arrayValue);
@@ -29,20 +27,6 @@ Json::Value PrintableListOf(const std::vector<std::string>& texts) {
 
 std::string TextOf(const Event& event) {
   return event.kind == EventKind::kReported ? Printable(event.text, kMaxReportBytes) : event.text;
-}
-
-const char* ApiNameOf(Outcome outcome) {
-  switch (outcome) {
-    case Outcome::kSuccess:
-      return "success";
-    case Outcome::kNothingCollected:
-      return "nothing_collected";
-    case Outcome::kNothingUploaded:
-      return "nothing_uploaded";
-    case Outcome::kUnknown:
-      return "unknown";
-  }
-  return "unknown";
 }
 
 Json::Value JsonOf(const Archive& archive) {
@@ -130,7 +114,7 @@ Json::Value JsonOf(const Ticket& ticket) {
   value["last_text"] = is_report ? Printable(ticket.last_text, kMaxReportBytes) : ticket.last_text;
   if (ticket.report) {
     value["report"] = Printable(*ticket.report, kMaxReportBytes);
-    value["outcome"] = ApiNameOf(OutcomeOf(*ticket.report));
+    value["outcome"] = ToText(OutcomeOf(*ticket.report));
   }
   value["archives"] = Json::Value(Json::arrayValue);
   for (const Archive& archive : ticket.archives) value["archives"].append(JsonOf(archive));

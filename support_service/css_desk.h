@@ -1,6 +1,7 @@
 /// What devices' requests over HTTP have in common.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "archive_store.h"
@@ -8,6 +9,7 @@
 #include "disk_workers.h"
 #include "dispatcher.h"
 #include "event_log.h"
+#include "metrics.h"
 #include "store.h"
 
 namespace TarvoOrvane::SupportService {
@@ -20,9 +22,11 @@ struct CssDesk {
   DiskWorkers& disk;             ///< Waits until they are there.
   DiskRoom& room;                ///< Has to promise room before they come.
   Trust trust;                   ///< How devices are known.
-  std::uint64_t largest_upload;  ///< In bytes, with all that a form adds.
-  LimitedEvents strangers;       ///< What anybody can cause becomes lines, as far as they are not too many.
-  EventSink events;              ///< What devices with a ticket do.
+  const std::atomic<std::uint64_t>&
+      largest_upload;       ///< In bytes, with all that a form adds. May change at any time.
+  LimitedEvents strangers;  ///< What anybody can cause becomes lines, as far as they are not too many.
+  EventSink events;         ///< What devices with a ticket do.
+  Metrics& metrics;         ///< Told of the limits that are met, and of refused uploads.
 };
 
 }  // namespace TarvoOrvane::SupportService

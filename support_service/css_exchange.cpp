@@ -19,8 +19,6 @@ namespace {
 
 constexpr const char* kUploadPath = "/orvane/ps_files";
 constexpr const char* kReportPath = "/orvane/ps_results";
-/// Of all text parts of a form together: far more than a serial number and the longest list of applications.
-constexpr std::size_t kMaxTextBytes = std::size_t{64} * 1024;
 /// The parser hands out an archive in pieces of up to this size; small ones cost processor time.
 constexpr std::size_t kFormBufferBytes = std::size_t{128} * 1024;
 constexpr std::size_t kMaxBoundaryBytes = 70;  // as RFC 2046 has it
@@ -116,6 +114,7 @@ UploadExchange::UploadExchange(CssDesk& desk, Ticket ticket, const HttpRequest& 
                                std::unique_ptr<RoomReservation> room)
     : desk_(desk),
       ticket_(std::move(ticket)),
+      largest_(desk.largest_upload),
       form_(MHD_create_post_processor(request.connection(), kFormBufferBytes, &UploadExchange::OnPart, this),
             MHD_destroy_post_processor),
       room_(std::move(room)) {
@@ -124,11 +123,12 @@ UploadExchange::UploadExchange(CssDesk& desk, Ticket ticket, const HttpRequest& 
 
 bool UploadExchange::TakeBody(std::string_view data) {
   body_bytes_ += data.size();
-  if (body_bytes_ > desk_.largest_upload) {
-    Fail(MHD_HTTP_CONTENT_TOO_LARGE, TooLargeText(desk_.largest_upload));
+  if (body_bytes_ > largest_) {
+    if (answer_.error.empty()) desk_.metrics.NoteMet(Limit::kUploadBytes);
+    Fail(MHD_HTTP_CONTENT_TOO_LARGE, TooLargeText(largest_));
   }
   // After a failure the rest is read and dropped, so that the client gets the answer. Not without end.
-  if (!answer_.error.empty()) return body_bytes_ <= desk_.largest_upload + RefusedExchange::kMaxDroppedBytes;
+  if (!answer_.error.empty()) return body_bytes_ <= largest_ + RefusedExchange::kMaxDroppedBytes;
   if (MHD_post_process(form_.get(), data.data(), data.size()) == MHD_NO) {
     Fail(MHD_HTTP_BAD_REQUEST, "the form is malformed");
   }
@@ -150,14 +150,19 @@ void UploadExchange::Finish(AnswerSink done) {
   }
   if (!answer_.error.empty()) {
     desk_.events("ticket " + ticket_.id + " upload refused: " + answer_.error);
+    desk_.metrics.NoteUploadRefused(answer_.http_status);
     return done(ToHttpAnswer(answer_));
   }
   desk_.disk.Post([this, done = std::move(done)] {
-    Publish([done](const Answer& answer) { done(ToHttpAnswer(answer)); });
+    Publish([&metrics = desk_.metrics, done](const Answer& answer) {
+      if (!answer.error.empty()) metrics.NoteUploadRefused(answer.http_status);
+      done(ToHttpAnswer(answer));
+    });
   });
 }
 
 void UploadExchange::Abort(const std::string& cause) {
+  desk_.metrics.NoteUploadRefused(answer_.error.empty() ? 0 : answer_.http_status);
   desk_.events("ticket " + ticket_.id + " upload refused: " + cause);
 }
 
@@ -209,7 +214,10 @@ bool UploadExchange::TakePart(const std::string& name, std::string_view data, bo
 
 bool UploadExchange::TakeFile(std::string_view data, bool is_start) {
   if (is_start && archive_) return Fail(MHD_HTTP_BAD_REQUEST, "the form has a second \"debug_file\"");
-  if (!room_->Use(data.size())) return Fail(kNoRoom.http_status, kNoRoom.error);
+  if (!room_->Use(data.size())) {
+    desk_.metrics.NoteMet(Limit::kFreeBytes);
+    return Fail(kNoRoom.http_status, kNoRoom.error);
+  }
   if (!archive_) archive_ = desk_.archives.Begin();
   archive_->Write(data);
   return true;
@@ -217,7 +225,8 @@ bool UploadExchange::TakeFile(std::string_view data, bool is_start) {
 
 bool UploadExchange::TakeText(std::string& text, std::string_view data) {
   text_bytes_ += data.size() + 1;  // one more, so that empty parts are bounded too
-  if (text_bytes_ > kMaxTextBytes) {
+  if (text_bytes_ > kMaxFormTextBytes) {
+    desk_.metrics.NoteMet(Limit::kFormTextBytes);
     return Fail(MHD_HTTP_CONTENT_TOO_LARGE, "the form's text parts are too large");
   }
   text.append(data);
@@ -309,17 +318,19 @@ void UploadExchange::KeepFormer(const CssSink& done) {
 }
 
 bool ReportExchange::TakeBody(std::string_view data) {
-  too_large_ = too_large_ || body_.size() + data.size() > kMaxBytes;
+  too_large_ = too_large_ || body_.size() + data.size() > kMaxReportBytes;
   if (!too_large_) body_.append(data);
   return true;
 }
 
 Answer ReportExchange::TooLarge() {
-  return {MHD_HTTP_CONTENT_TOO_LARGE, "the report is larger than " + std::to_string(kMaxBytes) + " bytes"};
+  return {MHD_HTTP_CONTENT_TOO_LARGE,
+          "the report is larger than " + std::to_string(kMaxReportBytes) + " bytes"};
 }
 
 void ReportExchange::Finish(AnswerSink done) {
   Answer refusal = TooLarge();
+  if (too_large_) desk_.metrics.NoteMet(Limit::kReportBytes);
   const auto status = too_large_ ? std::nullopt : ParseReport(body_, ticket_, refusal);
   if (!status) {
     desk_.events("ticket " + ticket_.id + " report refused: " + refusal.error);
@@ -385,6 +396,7 @@ std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, const HttpRequest& reques
   }
   if (!ticket) return refuse(MHD_HTTP_UNAUTHORIZED, "the AUTH-TOKEN is not known");
   if (!fault.empty()) {
+    if (is_upload) desk.metrics.NoteUploadRefused(MHD_HTTP_FORBIDDEN);
     const auto& name = request.certificate_name();
     const Actor actor{name ? "device " + *name : "a stranger", request.peer()};
     desk.dispatcher.Post([actor, id = ticket->id, fault](TicketBook& book) {
@@ -393,25 +405,36 @@ std::unique_ptr<Exchange> BeginExchange(CssDesk& desk, const HttpRequest& reques
     return refuse(MHD_HTTP_FORBIDDEN, fault);
   }
   if (!TakesRequests(*ticket, Now().wall)) {
+    if (is_upload) desk.metrics.NoteUploadRefused(kUnwanted.http_status);
     return refuse(kUnwanted.http_status, "ticket " + ticket->id + " is " + ToText(ticket->state));
   }
 
   if (!is_upload) {
-    if (request.body_length().value_or(0) > ReportExchange::kMaxBytes) {
+    if (request.body_length().value_or(0) > kMaxReportBytes) {
+      desk.metrics.NoteMet(Limit::kReportBytes);
       const Answer answer = ReportExchange::TooLarge();
       return refuse(answer.http_status, answer.error);
     }
     return std::make_unique<ReportExchange>(desk, *std::move(ticket));
   }
+  const auto refuse_upload = [&](unsigned int status, const std::string& error) {
+    desk.metrics.NoteUploadRefused(status);
+    return refuse(status, error);
+  };
   if (BoundaryOf(request.Header(MHD_HTTP_HEADER_CONTENT_TYPE).value_or("")).empty()) {
-    return refuse(MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, "the body must be a multipart/form-data form");
+    return refuse_upload(MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, "the body must be a multipart/form-data form");
   }
   const std::uint64_t length = request.body_length().value_or(0);
-  if (length > desk.largest_upload) {
-    return refuse(MHD_HTTP_CONTENT_TOO_LARGE, TooLargeText(desk.largest_upload));
+  const std::uint64_t largest = desk.largest_upload;
+  if (length > largest) {
+    desk.metrics.NoteMet(Limit::kUploadBytes);
+    return refuse_upload(MHD_HTTP_CONTENT_TOO_LARGE, TooLargeText(largest));
   }
   auto room = std::make_unique<RoomReservation>(desk.room);
-  if (!room->Add(length)) return refuse(kNoRoom.http_status, kNoRoom.error);
+  if (!room->Add(length)) {
+    desk.metrics.NoteMet(Limit::kFreeBytes);
+    return refuse_upload(kNoRoom.http_status, kNoRoom.error);
+  }
   desk.events("ticket " + ticket->id + " upload started: from " + request.peer());
   return std::make_unique<UploadExchange>(desk, *std::move(ticket), request, std::move(room));
 }

@@ -60,6 +60,7 @@ class UploadExchange final : public Exchange {
 
   CssDesk& desk_;
   const Ticket ticket_;
+  const std::uint64_t largest_;  ///< The limit as it was when the upload began.
   std::unique_ptr<MHD_PostProcessor, MHD_Result (*)(MHD_PostProcessor*)> form_;
   const std::unique_ptr<RoomReservation> room_;
   std::uint64_t body_bytes_ = 0;              ///< That have arrived.
@@ -84,15 +85,13 @@ class ReportExchange final : public Exchange {
   void Abort(const std::string& cause) override;
   [[nodiscard]] bool IsShort() const override { return false; }
 
-  /// The largest report that is read; a device's has less than a hundredth of it.
-  static constexpr std::size_t kMaxBytes = std::size_t{64} * 1024;
   /// What a larger one is answered by, before its body if it is announced, else behind it.
   static Answer TooLarge();
 
  private:
   CssDesk& desk_;
   const Ticket ticket_;
-  std::string body_;        ///< At most kMaxBytes.
+  std::string body_;        ///< At most kMaxReportBytes.
   bool too_large_ = false;  ///< More came; it is dropped, so that the client gets its answer.
 };
 

@@ -19,13 +19,26 @@ class DiskRoom {
   /// Promises room.
   /// @return false when there is too little, or when the system can't tell.
   [[nodiscard]] bool Reserve(std::uint64_t bytes);
+  /// From now on, as in the constructor.
+  void SetStaysFree(std::optional<std::uint64_t> bytes);
+
+  /// How it is with the disk now.
+  struct View {
+    std::uint64_t free_bytes = 0;  ///< As the system says; what was promised is not taken off.
+    std::uint64_t whole_bytes = 0;
+    std::uint64_t stays_free_bytes = 0;
+    std::uint64_t promised_bytes = 0;
+  };
+  /// All of it is 0 when the system can't tell.
+  [[nodiscard]] View Look() const;
+
   /// So many of the promised bytes were written, or are not wanted any more.
   void Release(std::uint64_t bytes);
 
  private:
   const std::filesystem::path folder_;
-  const std::optional<std::uint64_t> stays_free_;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;  ///< Guards what follows.
+  std::optional<std::uint64_t> stays_free_;
   std::uint64_t promised_ = 0;
 };
 

@@ -22,10 +22,11 @@ std::string LineOf(const Entry& entry) {
 
 }  // namespace
 
-Dispatcher::Dispatcher(const TicketBook::Settings& settings, Store& store, EventSink events)
+Dispatcher::Dispatcher(const TicketBook::Settings& settings, Store& store, EventSink events, Metrics& metrics)
     : events_(std::move(events)),
+      metrics_(metrics),
       store_(store),
-      book_(settings, store, events_),
+      book_(settings, store, events_, metrics),
       thread_([this] { Run(); }) {}
 
 Dispatcher::~Dispatcher() { Close(); }
@@ -91,6 +92,7 @@ std::deque<Dispatcher::Posted> Dispatcher::AwaitInputs() {
 
 /// One batch, from what happened to what is done about it.
 void Dispatcher::Handle(const std::deque<Posted>& posted) {
+  const auto begin = std::chrono::steady_clock::now();
   std::string fault;
   std::vector<Change> changes;
   const auto attempt = [&fault](const auto& step) {
@@ -115,6 +117,8 @@ void Dispatcher::Handle(const std::deque<Posted>& posted) {
     events_("nothing was remembered of what happened last: " + fault);
   }
   CarryOut(std::move(work));
+  metrics_.NoteBatch(posted.size(),
+                     std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
   for (const Posted& each : posted) {
     if (each.done) each.done(fault);
   }
@@ -168,6 +172,9 @@ void Dispatcher::Publish(const std::vector<Change>& changes) {
     const auto* entry = std::get_if<Entry>(&change);
     if (entry == nullptr) continue;
     events_(LineOf(*entry));
+    metrics_.NoteEvent(entry->event);
+    const bool is_upload = entry->event.kind == EventKind::kUploaded && entry->archive;
+    if (is_upload) metrics_.NoteUpload(entry->archive->size_bytes);
     newest = entry->event.number;
   }
   if (newest == 0) return;

@@ -38,9 +38,10 @@ class Dispatcher {
 
   /// Starts the thread.
   /// @param store   Lives longer than the dispatcher, which alone writes to it.
-  /// @param events  Takes the event lines.
+  /// @param events   Takes the event lines.
+  /// @param metrics  Lives longer than the dispatcher.
   /// @throws StoreError when the store can't be read.
-  Dispatcher(const TicketBook::Settings& settings, Store& store, EventSink events);
+  Dispatcher(const TicketBook::Settings& settings, Store& store, EventSink events, Metrics& metrics);
   /// Close(), if nobody has.
   ~Dispatcher();
   Dispatcher(const Dispatcher&) = delete;
@@ -84,6 +85,7 @@ class Dispatcher {
   void Publish(const std::vector<Change>& changes);
 
   const EventSink events_;
+  Metrics& metrics_;
   Store& store_;
   TicketBook book_;  ///< The thread's alone.
 

@@ -22,7 +22,12 @@ class FollowedEvents final : public BodySource {
         after_(after),
         ticket_(ticket),
         may_go_on_(std::move(may_go_on)),
-        last_piece_(std::chrono::steady_clock::now()) {}
+        last_piece_(std::chrono::steady_clock::now()) {
+    feed_.metrics_.NoteFollower(true);
+  }
+  ~FollowedEvents() override { feed_.metrics_.NoteFollower(false); }
+  FollowedEvents(const FollowedEvents&) = delete;
+  FollowedEvents& operator=(const FollowedEvents&) = delete;
 
   std::optional<std::string> Next(const std::function<void()>& wake) override {
     if (ended_) return std::nullopt;
@@ -74,7 +79,8 @@ class FollowedEvents final : public BodySource {
   bool ended_ = false;
 };
 
-EventFeed::EventFeed(const Store& store) : store_(store), thread_([this] { Run(); }) {}
+EventFeed::EventFeed(const Store& store, Metrics& metrics)
+    : store_(store), metrics_(metrics), thread_([this] { Run(); }) {}
 
 EventFeed::~EventFeed() {
   {

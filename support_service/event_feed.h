@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "http_exchange.h"
+#include "metrics.h"
 #include "store.h"
 
 namespace TarvoOrvane::SupportService {
@@ -20,7 +21,8 @@ class EventFeed {
  public:
   /// Starts a thread, which wakes those who wait.
   /// @param store  Is asked for the events. Lives longer than the feed.
-  explicit EventFeed(const Store& store);
+  /// @param metrics  Told of those who follow. Lives longer than the feed.
+  EventFeed(const Store& store, Metrics& metrics);
   ~EventFeed();
   EventFeed(const EventFeed&) = delete;
   EventFeed& operator=(const EventFeed&) = delete;
@@ -46,6 +48,7 @@ class EventFeed {
   void Run();
 
   const Store& store_;
+  Metrics& metrics_;
   std::mutex mutex_;  ///< Guards what follows.
   std::condition_variable changed_;
   std::vector<std::function<void()>> waiting_;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -19,7 +20,11 @@ constexpr int kLastPatienceMs = 1000;
 /// How often the writer looks whether the service ends while the reader takes nothing.
 constexpr int kLookMs = 100;
 
+std::atomic<std::uint64_t> events_left_out{0};
+
 }  // namespace
+
+std::uint64_t EventsLeftOut() { return events_left_out; }
 
 struct LimitedEvents::Budget {
   const EventSink events;
@@ -40,6 +45,7 @@ void LimitedEvents::Write(const std::string& event) const {
     const auto full_at = std::max(budget_->full_at, now) + kPause;
     if (full_at > now + kBurst * kPause) {
       ++budget_->left_out;
+      ++events_left_out;
       return;
     }
     budget_->full_at = full_at;
@@ -71,6 +77,7 @@ void EventLog::WritePlain(const std::string& line) {
   // Once something is left out the rest waits for its turn, or the line that counts would come too late.
   if (left_out_ > 0 || waiting_.size() + line.size() > kMaxWaiting) {
     ++left_out_;
+    ++events_left_out;
     return;
   }
   waiting_ += line + "\n";

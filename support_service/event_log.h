@@ -38,6 +38,9 @@ class LimitedEvents {
   std::shared_ptr<Budget> budget_;
 };
 
+/// How many events of this process were left out, by either of these classes.
+[[nodiscard]] std::uint64_t EventsLeftOut();
+
 /// Writes each event as one line with its time. A thread of its own writes, so that a reader who stalls holds up nobody:
 /// lines that find no room are left out, and counted in a line of their own. An event whose reader has gone or whose
 /// file is full is dropped: the service does its work without its log.

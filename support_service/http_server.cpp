@@ -77,7 +77,10 @@ class UnderWay {
 /// What the library's threads use.
 struct HttpParts {
   HttpParts(const HttpSettings& settings, HttpServer::Factory the_factory, const EventSink& events)
-      : factory(std::move(the_factory)), own_answer(settings.own_answer), heads(settings.head_limit) {
+      : factory(std::move(the_factory)),
+        own_answer(settings.own_answer),
+        addresses(settings.addresses),
+        heads(settings.head_limit) {
     const LimitedEvents limited(events);
     if (settings.tls) {
       identity = std::make_unique<TlsIdentity>(settings.tls->certificate, settings.tls->key, limited);
@@ -97,6 +100,7 @@ struct HttpParts {
 
   const HttpServer::Factory factory;
   HttpAnswer (*const own_answer)(unsigned int status, const std::string& error);
+  AddressLimit* const addresses;          ///< Null for no limit.
   std::unique_ptr<TlsIdentity> identity;  ///< Null for plaintext.
   std::string client_authority;           ///< In PEM form; empty where clients are asked for no certificates.
   sockaddr_storage address{};             ///< The listener's, with the port that the kernel chose.
@@ -119,6 +123,7 @@ constexpr const char* kTlsVersions = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2
 struct Connection {
   HttpParts& parts;
   HttpPeer peer;
+  std::string address_key;              ///< By which it is counted; empty where it is not.
   bool is_verified = false;             ///< The client's certificate was looked at.
   std::shared_ptr<const KeyPair> pair;  ///< Of the server, for the handshake.
 };
@@ -160,6 +165,13 @@ HttpPeer PeerOf(MHD_Connection* connection) {
     peer.local_user = user.uid;
   }
   return peer;
+}
+
+/// By what the connection is counted.
+std::string KeyOf(const HttpParts& parts, MHD_Connection* connection) {
+  const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+  const bool has_address = parts.addresses != nullptr && info != nullptr && info->client_addr != nullptr;
+  return has_address ? AddressLimit::KeyOf(info->client_addr) : "";
 }
 
 /// Looks at the client's certificate, once for all requests of a connection.
@@ -309,11 +321,14 @@ void OnConnection(void* parts_pointer, MHD_Connection* connection, void** state,
                   MHD_ConnectionNotificationCode code) noexcept {
   auto& parts = *static_cast<HttpParts*>(parts_pointer);
   if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-    *state = std::make_unique<Connection>(Connection{parts, PeerOf(connection), false, nullptr}).release();
+    *state = std::make_unique<Connection>(
+                 Connection{parts, PeerOf(connection), KeyOf(parts, connection), false, nullptr})
+                 .release();
     return parts.heads.Begin(connection, DescriptorOf(connection));
   }
   parts.heads.End(connection);
-  std::unique_ptr<Connection>(static_cast<Connection*>(*state)).reset();
+  const std::unique_ptr<Connection> ended(static_cast<Connection*>(*state));
+  if (parts.addresses != nullptr) parts.addresses->End(ended->address_key);
   parts.acceptor->NoteEnd();
 }
 
@@ -369,13 +384,26 @@ MHD_Daemon* StartLibrary(const HttpSettings& settings, HttpParts& parts) {
   // The library divides its limit by its threads. Where one of them reaches its share by connections that it is given,
   // it stops for ever, with a lock held. So each could take all that the acceptor lets in.
   const unsigned int most = settings.threads * (settings.connections + 1);
-  return MHD_start_daemon(
-      flags, 0, nullptr, nullptr, &OnRequest, &parts, MHD_OPTION_THREAD_POOL_SIZE, settings.threads,
-      MHD_OPTION_CONNECTION_LIMIT, most, MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionBytes,
-      MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned int>(settings.idle_limit.count()),
-      MHD_OPTION_NOTIFY_COMPLETED, &OnCompleted, &parts, MHD_OPTION_NOTIFY_CONNECTION, &OnConnection, &parts,
-      MHD_OPTION_UNESCAPE_CALLBACK, &KeepEscapes, nullptr, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
-      settings.connections_per_address, MHD_OPTION_ARRAY, tls_options.data(), MHD_OPTION_END);
+  return MHD_start_daemon(flags, 0, nullptr, nullptr, &OnRequest, &parts, MHD_OPTION_THREAD_POOL_SIZE,
+                          settings.threads, MHD_OPTION_CONNECTION_LIMIT, most,
+                          MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionBytes, MHD_OPTION_CONNECTION_TIMEOUT,
+                          static_cast<unsigned int>(settings.idle_limit.count()), MHD_OPTION_NOTIFY_COMPLETED,
+                          &OnCompleted, &parts, MHD_OPTION_NOTIFY_CONNECTION, &OnConnection, &parts,
+                          MHD_OPTION_UNESCAPE_CALLBACK, &KeepEscapes, nullptr, MHD_OPTION_ARRAY,
+                          tls_options.data(), MHD_OPTION_END);
+}
+
+/// Hands an accepted connection to the library, unless its address has too many.
+/// @return false when it was closed.
+bool AddConnection(const HttpParts& parts, int fd, const sockaddr* address, socklen_t size) {
+  const std::string key = parts.addresses == nullptr ? "" : AddressLimit::KeyOf(address);
+  if (parts.addresses != nullptr && !parts.addresses->Begin(key)) {
+    close(fd);
+    return false;
+  }
+  if (MHD_add_connection(parts.daemon, fd, address, size) == MHD_YES) return true;
+  if (parts.addresses != nullptr) parts.addresses->End(key);
+  return false;
 }
 
 }  // namespace
@@ -387,8 +415,8 @@ HttpServer::HttpServer(const HttpSettings& settings, Factory factory, const Even
   parts_->daemon = StartLibrary(settings, *parts_);
   if (parts_->daemon == nullptr) throw std::runtime_error("cannot serve HTTP on " + settings.address.text);
   parts_->acceptor->Start(
-      [daemon = parts_->daemon](int fd, const sockaddr* address, socklen_t size) {
-        return MHD_add_connection(daemon, fd, address, size) == MHD_YES;
+      [&parts = *parts_](int fd, const sockaddr* address, socklen_t size) {
+        return AddConnection(parts, fd, address, size);
       },
       url_);
 }

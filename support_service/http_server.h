@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 
+#include "address_limit.h"
 #include "event_log.h"
 #include "http_exchange.h"
 #include "http_request.h"
@@ -37,8 +38,8 @@ struct HttpSettings {
   /// A thread waits for the disk while a piece of a body is written; the others go on meanwhile. More than one.
   unsigned int threads = 4;
   unsigned int connections = 1000;  ///< More of them wait to be accepted.
-  /// More from one IP address are closed. Unix sockets have no such limit.
-  unsigned int connections_per_address = 200;
+  /// Closes those that are too many of one IP address; null for no such limit. Lives longer than the server.
+  AddressLimit* addresses = nullptr;
   /// Makes the answer where no exchange can: at the server's end (503), and when one failed (500).
   HttpAnswer (*own_answer)(unsigned int status, const std::string& error) = PlainAnswer;
 };

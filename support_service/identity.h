@@ -20,6 +20,9 @@ enum class Trust {
   kAllowList        ///< Its word alone. For networks in which nobody lies.
 };
 
+/// "own_authority" and so on.
+[[nodiscard]] const char* ToText(Trust trust);
+
 /// A device that was enrolled. No other gets in.
 struct EnrolledDevice {
   std::string serial_number;

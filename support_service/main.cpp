@@ -8,20 +8,25 @@
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "options.h"
 #include "service.h"
+#include "settings_change.h"
+#include "text_forms.h"
 
 namespace {
 
 using TarvoOrvane::SupportService::EventLog;
 using TarvoOrvane::SupportService::ParseOptions;
+using TarvoOrvane::SupportService::Printable;
 using TarvoOrvane::SupportService::ServiceSettings;
 using TarvoOrvane::SupportService::SupportService;
+using TarvoOrvane::SupportService::TakeChanges;
 using TarvoOrvane::SupportService::Trust;
 
-/// Blocks the signals that end the service; threads made later inherit that, so they are left for sigwait.
-sigset_t BlockEndSignals() {
+/// Blocks the signals that the service takes; threads made later inherit that, so they are left for sigwait.
+sigset_t BlockSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, signal);
@@ -49,8 +54,30 @@ void WarnAbout(const ServiceSettings& settings, const SupportService& service, E
   }
 }
 
-int Serve(const ServiceSettings& settings) {
-  const sigset_t end_signals = BlockEndSignals();
+/// Takes over what has changed in the options' file since.
+/// @param settings  As the service runs.
+void ReadAgain(int argc, const char* const* argv, ServiceSettings& settings, SupportService& service,
+               EventLog& log) {
+  const auto parsed = ParseOptions(argc, argv);
+  if (!parsed.run) {
+    const std::string why = parsed.text.substr(0, parsed.text.find('\n'));
+    return log.Write("the configuration can't be used, all stays as it was: " + Printable(why, 1000));
+  }
+  ServiceSettings changed = settings;
+  const std::vector<std::string> changes = TakeChanges(changed, parsed.settings);
+  try {
+    service.SetSettings(changed);
+    settings = changed;
+  } catch (const std::exception& failure) {
+    return log.Write(std::string("the configuration can't be taken over, try again later: ") +
+                     failure.what());
+  }
+  log.Write("the configuration was read again" + std::string(changes.empty() ? ": nothing has changed" : ""));
+  for (const std::string& change : changes) log.Write(change);
+}
+
+int Serve(ServiceSettings settings, int argc, const char* const* argv) {
+  const sigset_t signals = BlockSignals();
   // A reader of the event lines that went away does not end the service.
   if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) throw std::runtime_error("cannot ignore SIGPIPE");
   // A limit on the size of files is told to who wrote, as a full disk is.
@@ -58,14 +85,16 @@ int Serve(const ServiceSettings& settings) {
   RaiseDescriptorLimit();
   umask(0077);  // the control socket is open to its owner from its first moment
   EventLog log(STDOUT_FILENO);
-  const SupportService service(settings, [&log](const std::string& event) { log.Write(event); });
+  SupportService service(settings, [&log](const std::string& event) { log.Write(event); });
   log.WritePlain("grpc listening on " + service.grpc_url());
   log.WritePlain("css listening on " + service.css_url());
   if (!service.api_url().empty()) log.WritePlain("api listening on " + service.api_url());
   log.WritePlain("control socket " + service.control_socket());
   WarnAbout(settings, service, log);
   int signal = 0;
-  sigwait(&end_signals, &signal);
+  for (sigwait(&signals, &signal); signal == SIGHUP; sigwait(&signals, &signal)) {
+    ReadAgain(argc, argv, settings, service, log);
+  }
   log.Write("service ends: signal " + std::to_string(signal));
   return 0;
 }
@@ -75,7 +104,7 @@ int Serve(const ServiceSettings& settings) {
 int main(int argc, char** argv) {
   try {
     const auto parsed = ParseOptions(argc, argv);
-    if (parsed.run) return Serve(parsed.settings);
+    if (parsed.run) return Serve(parsed.settings, argc, argv);
     (parsed.exit_status == 0 ? std::cout : std::cerr) << parsed.text;
     return parsed.exit_status;
   } catch (const std::exception& error) {

@@ -26,7 +26,7 @@ constexpr char kExamples[] = R"(Examples:
   support_service --config /etc/support_service.conf --check-config
 
 Prints its addresses, then one line per event. Devices are enrolled and tickets are sent with
-supportctl. SIGTERM or Ctrl-C ends it.)";
+supportctl. SIGHUP has it read the file again, SIGTERM or Ctrl-C ends it.)";
 
 /// What the parser reads as text.
 struct Given {
@@ -68,6 +68,58 @@ void AddIdentity(CLI::App& app, Given& given) {
                  "PEM file of the service's certificate, in place of one of its own authority");
   app.add_option("--key", given.key, "PEM file of its key");
   app.add_option("--authority", given.authority, "PEM file of the authority that devices trust for it");
+}
+
+/// Sizes and counts that nobody means by more are mistakes.
+constexpr std::uint64_t kLargestSize = std::uint64_t{1} << 60;
+constexpr std::uint64_t kLargestCount = 1'000'000;
+constexpr std::uint64_t kMostArchivesKept = 1'000'000'000;
+constexpr std::uint64_t kLongestKept = 36'500;
+
+/// A size in bytes, as 4GiB or 500MB.
+template <typename Size>
+void AddSize(CLI::App& app, const char* name, Size& size, const char* by_default, std::uint64_t least,
+             const char* what) {
+  app.add_option(name, size, what)
+      ->transform(CLI::AsSizeValue(true).description(""))
+      ->check(CLI::Range(least, kLargestSize).description(""))
+      ->type_name("SIZE")
+      ->default_str(by_default);
+}
+
+template <typename Count>
+void AddCount(CLI::App& app, const char* name, Count& count, std::uint64_t least, std::uint64_t most,
+              const char* what) {
+  app.add_option(name, count, what)
+      ->check(CLI::Range(least, most).description(""))
+      ->type_name("COUNT")
+      ->capture_default_str();
+}
+
+void AddLimits(CLI::App& app, ServiceSettings& settings) {
+  AddSize(app, "--max-upload", settings.largest_upload, "4GiB", 1, "The largest upload that is taken");
+  AddSize(app, "--free-space", settings.disk_stays_free, "a twentieth of the disk, 1GiB at most", 0,
+          "So much of the disk is never filled by uploads");
+  AddCount(app, "--max-streams", settings.tickets.most_streams, 1, kLargestCount,
+           "So many devices are connected at most");
+  AddCount(app, "--max-silent-streams", settings.tickets.most_silent_streams, 1, kLargestCount,
+           "So many of the streams have not said who they are at most");
+  AddCount(app, "--max-connections-per-address", settings.connections_per_address, 1, 1000,
+           "So many HTTP connections one IP address has to a listener at most");
+  AddCount(app, "--max-queued-tickets", settings.tickets.most_queued, 1, kLargestCount,
+           "So many tickets wait for one device at most");
+  AddCount(app, "--max-open-tickets", settings.tickets.most_open, 1, kLargestCount,
+           "So many tickets are not at their end at most");
+}
+
+void AddRetention(CLI::App& app, RetentionSettings& retention) {
+  AddCount(app, "--keep-archives", retention.archives, 0, kMostArchivesKept,
+           "So many archives are kept; the oldest go, never one of the last day. 0 for any number");
+  AddSize(app, "--keep-bytes", retention.bytes, "four fifths of the disk", 0,
+          "So much is kept of them, likewise. 0 for any size");
+  AddCount(app, "--keep-days", retention.days, 0, kLongestKept, "So many days they are kept. 0 for ever");
+  AddCount(app, "--keep-per-device", retention.archives_per_device, 0, kMostArchivesKept,
+           "So many of one device are kept. 0 for any number");
 }
 
 /// @throws std::invalid_argument when the file can't be read.
@@ -154,6 +206,8 @@ ParsedOptions ParseOptions(int argc, const char* const* argv) {
                  "Pause before a rejected ticket is delivered again; it doubles each time, up to ten minutes")
       ->check(CLI::Range(std::int64_t{1}, kLongestPause))
       ->capture_default_str();
+  AddLimits(app, parsed.settings);
+  AddRetention(app, parsed.settings.retention);
   app.footer(kExamples);
   try {
     app.parse(argc, argv);

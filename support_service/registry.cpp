@@ -63,6 +63,18 @@ SecretHash HashOf(const std::string& secret) {
   return hash;
 }
 
+const char* ToText(Trust trust) {
+  switch (trust) {
+    case Trust::kOwnAuthority:
+      return "own_authority";
+    case Trust::kOtherAuthority:
+      return "other_authority";
+    case Trust::kAllowList:
+      return "allow_list";
+  }
+  return "unknown";
+}
+
 const char* ToText(Role role) {
   switch (role) {
     case Role::kViewer:

@@ -98,6 +98,9 @@ class Registry {
   /// not worth a wait for the disk.
   void NoteSeen(const std::string& serial_number, const std::string& address);
 
+  /// Retention deletes nothing before that time.
+  void HoldRetention(WallTime until) { changes_.emplace_back(RetentionHeld{until}); }
+
   /// When TakeChanges() will have something if nothing happens before.
   [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> NextDeadline() const;
   /// What is to be remembered since the last call.

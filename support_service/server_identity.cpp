@@ -25,7 +25,11 @@ std::string TextIn(const std::filesystem::path& file) {
 
 ServerIdentity::ServerIdentity(IdentitySettings settings, Trust trust, bool uses_tls,
                                std::filesystem::path folder, EventSink events)
-    : settings_(std::move(settings)), trust_(trust), folder_(std::move(folder)), events_(std::move(events)) {
+    : settings_(std::move(settings)),
+      trust_(trust),
+      uses_tls_(uses_tls),
+      folder_(std::move(folder)),
+      events_(std::move(events)) {
   const bool issues_server = uses_tls && settings_.certificate.empty();
   if (issues_server || trust_ == Trust::kOwnAuthority) {
     own_ = std::make_unique<Authority>(folder_ / "authority");
@@ -59,6 +63,14 @@ TlsSettings ServerIdentity::ForDevices() const {
 
 const Authority* ServerIdentity::device_authority() const {
   return trust_ == Trust::kOwnAuthority ? own_.get() : nullptr;
+}
+
+std::vector<std::pair<const char*, std::filesystem::path>> ServerIdentity::Certificates() const {
+  std::vector<std::pair<const char*, std::filesystem::path>> files;
+  if (uses_tls_) files.emplace_back("server", ForPeople().certificate);
+  if (own_) files.emplace_back("own_authority", folder_ / "authority" / "ca.pem");
+  if (trust_ == Trust::kOtherAuthority) files.emplace_back("device_authority", settings_.device_authority);
+  return files;
 }
 
 void ServerIdentity::Run() {

@@ -49,6 +49,8 @@ class ServerIdentity {
   [[nodiscard]] TlsSettings ForDevices() const;
   /// Issues devices' certificates; null where another authority does, or nobody.
   [[nodiscard]] const Authority* device_authority() const;
+  /// The certificates that the service needs, by what they are for: PEM files, of each of which the first counts.
+  [[nodiscard]] std::vector<std::pair<const char*, std::filesystem::path>> Certificates() const;
   /// What devices are to trust, as PEM; nothing where no listener speaks TLS.
   [[nodiscard]] std::optional<std::string> trusted_by_devices() const { return trusted_by_devices_; }
 
@@ -58,6 +60,7 @@ class ServerIdentity {
 
   const IdentitySettings settings_;
   const Trust trust_;
+  const bool uses_tls_;
   const std::filesystem::path folder_;
   const EventSink events_;
   std::unique_ptr<const Authority> own_;  ///< Null where it is not needed.

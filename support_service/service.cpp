@@ -63,6 +63,11 @@ HttpSettings HttpSettingsFor(const ServiceSettings& settings, ListenAddress addr
   return http;
 }
 
+HttpSettings CountedBy(AddressLimit& addresses, HttpSettings http) {
+  http.addresses = &addresses;
+  return http;
+}
+
 /// Where a device reaches a listener: under the name that the operator gave. Without one the listener is for this
 /// machine.
 std::string UrlForDevices(const ServiceSettings& settings, const std::string& url) {
@@ -76,40 +81,56 @@ SupportService::SupportService(const ServiceSettings& settings, const EventSink&
       store_(settings.data_folder / "tickets.db"),
       identity_(settings.identity, settings.tickets.trust, UsesTlsAnywhere(settings), settings.data_folder,
                 events),
-      dispatcher_(settings.tickets, Reconciled(store_, archives_, events), events),
+      dispatcher_(settings.tickets, Reconciled(store_, archives_, events), events, metrics_),
       room_(settings.data_folder, settings.disk_stays_free),
+      largest_upload_(settings.largest_upload),
+      css_addresses_(settings.connections_per_address, metrics_, events),
+      people_addresses_(settings.connections_per_address, metrics_, events),
+      overview_({store_, room_, metrics_, {&css_addresses_, &people_addresses_}, identity_.Certificates()},
+                settings),
       notification_(dispatcher_, GrpcAddress(settings),
                     DevicesTls(settings, identity_, GrpcAddress(settings))),
-      css_desk_{dispatcher_,
-                store_,
-                archives_,
-                disk_,
-                room_,
-                settings.tickets.trust,
-                settings.largest_upload,
-                LimitedEvents(events),
-                events},
+      css_desk_{
+          dispatcher_,           store_, archives_, disk_, room_, settings.tickets.trust, largest_upload_,
+          LimitedEvents(events), events, metrics_},
       css_(
-          HttpSettingsFor(settings, CssAddress(settings),
-                          DevicesTls(settings, identity_, CssAddress(settings)), CssAnswer),
+          CountedBy(css_addresses_,
+                    HttpSettingsFor(settings, CssAddress(settings),
+                                    DevicesTls(settings, identity_, CssAddress(settings)), CssAnswer)),
           [this](HttpRequest& request) { return BeginExchange(css_desk_, request); }, events),
       enroller_(settings.tickets.trust, identity_.device_authority(), identity_.trusted_by_devices(),
                 UrlForDevices(settings, notification_.url()), UrlForDevices(settings, css_.url())),
-      api_(dispatcher_, store_, archives_, disk_, enroller_, events),
+      api_(dispatcher_, store_, archives_, disk_, enroller_, overview_, metrics_, events),
       control_socket_(ControlSocketPath(settings.data_folder)),
       control_(
           HttpSettingsFor(settings, ParseListenAddress("unix:" + control_socket_, true), std::nullopt,
                           ApiAnswer),
-          [this](HttpRequest& request) { return api_.Begin(request); }, events) {
-  if (settings.api_address.empty()) return;
+          [this](HttpRequest& request) { return api_.Begin(request); }, events),
+      retention_(ResolvedRetention(settings.retention, room_),
+                 std::make_unique<Retention>(dispatcher_, store_, archives_, metrics_, events), events) {
+  if (!settings.api_address.empty()) ServePeople(settings, events);
+  overview_.SetUrls(grpc_url(), css_url(), api_url());
+}
+
+void SupportService::ServePeople(const ServiceSettings& settings, const EventSink& events) {
   const ListenAddress address = ParseListenAddress(settings.api_address, false);
   std::optional<TlsSettings> tls;
   if (PeopleUseTls(settings)) tls = identity_.ForPeople();
   HttpSettings http = HttpSettingsFor(settings, address, std::move(tls), ApiAnswer);
   // Behind a proxy all have one address, and it is the proxy's business to limit them.
-  if (IsLocal(address)) http.connections_per_address = http.connections;
+  if (!IsLocal(address)) http.addresses = &people_addresses_;
   people_.emplace(
       http, [this](HttpRequest& request) { return api_.Begin(request); }, events);
+}
+
+void SupportService::SetSettings(const ServiceSettings& settings) {
+  dispatcher_.Call([&settings](TicketBook& book) { book.SetSettings(settings.tickets); });
+  room_.SetStaysFree(settings.disk_stays_free);
+  largest_upload_ = settings.largest_upload;
+  css_addresses_.SetMost(settings.connections_per_address);
+  people_addresses_.SetMost(settings.connections_per_address);
+  retention_.SetSettings(ResolvedRetention(settings.retention, room_));
+  overview_.SetSettings(settings);
 }
 
 // Members end in reverse order: complete requests get their answers first, then the streams end, then the rest.

@@ -1,12 +1,13 @@
 /// The whole support service in one object: store, dispatcher and the listeners.
 #pragma once
 
-#include <chrono>
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
 
+#include "address_limit.h"
 #include "api_front.h"
 #include "archive_store.h"
 #include "css_desk.h"
@@ -16,26 +17,15 @@
 #include "enrolment.h"
 #include "event_log.h"
 #include "http_server.h"
+#include "metrics.h"
 #include "notification_front.h"
+#include "overview.h"
+#include "retention.h"
 #include "server_identity.h"
+#include "service_settings.h"
 #include "sqlite_store.h"
 
 namespace TarvoOrvane::SupportService {
-
-/// What may be set; the defaults are those of the command line.
-struct ServiceSettings {
-  std::string grpc_address = "127.0.0.1:0";  ///< HOST:PORT or unix:/path.
-  std::string http_address = "127.0.0.1:0";  ///< HOST:PORT.
-  std::string api_address;                   ///< HOST:PORT; empty for the control socket alone.
-  std::filesystem::path data_folder = "support_service_data";  ///< Made where it is missing.
-  IdentitySettings identity;
-  TicketBook::Settings tickets;              ///< How devices are known is part of it.
-  std::chrono::seconds http_idle_limit{60};  ///< A connection on which nothing moves for so long is ended.
-  std::chrono::seconds http_head_limit{30};  ///< A request's head takes so long at most.
-  std::uint64_t largest_upload = std::uint64_t{4} << 30;  ///< In bytes.
-  /// So many bytes of the disk are never filled by uploads; nothing for a twentieth of it, a GiB at most.
-  std::optional<std::uint64_t> disk_stays_free;
-};
 
 /// Where the service with this data folder has its control socket: an absolute path, so that client and service agree
 /// wherever each was started. The service and its client ask by this alone.
@@ -51,6 +41,10 @@ class SupportService {
 
   /// Ends all streams and connections; waits until complete requests are remembered and answered.
   ~SupportService();
+
+  /// Takes over what can change while the service runs: limits, retention and the pause before a rejected ticket is
+  /// delivered again. Of the rest nothing is looked at.
+  void SetSettings(const ServiceSettings& settings);
 
   SupportService(const SupportService&) = delete;
   SupportService& operator=(const SupportService&) = delete;
@@ -68,14 +62,21 @@ class SupportService {
   [[nodiscard]] const Store& store() const { return store_; }
 
  private:
+  void ServePeople(const ServiceSettings& settings, const EventSink& events);
+
   // In this order: the folder's lock shows that no other service is alive before anything is read or listens, and each
   // part ends before what it uses.
+  Metrics metrics_;
   ArchiveStore archives_;
   SqliteStore store_;
   ServerIdentity identity_;
   Dispatcher dispatcher_;
   DiskWorkers disk_;
   DiskRoom room_;
+  std::atomic<std::uint64_t> largest_upload_;
+  AddressLimit css_addresses_;
+  AddressLimit people_addresses_;
+  Overview overview_;
   NotificationFront notification_;
   CssDesk css_desk_;
   HttpServer css_;
@@ -84,6 +85,7 @@ class SupportService {
   std::string control_socket_;
   HttpServer control_;
   std::optional<HttpServer> people_;
+  RetentionThread retention_;
 };
 
 }  // namespace TarvoOrvane::SupportService

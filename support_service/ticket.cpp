@@ -159,6 +159,20 @@ bool TakesRequests(const Ticket& ticket, WallTime now) {
   return ticket.state != TicketState::kReported || now - ticket.since < kTokenGrace;
 }
 
+const char* ToText(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::kSuccess:
+      return "success";
+    case Outcome::kNothingCollected:
+      return "nothing_collected";
+    case Outcome::kNothingUploaded:
+      return "nothing_uploaded";
+    case Outcome::kUnknown:
+      return "unknown";
+  }
+  return "unknown";
+}
+
 Outcome OutcomeOf(const std::string& report) {
   if (report == "Success") return Outcome::kSuccess;
   if (report == "Failed to generate debug file") return Outcome::kNothingCollected;

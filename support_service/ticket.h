@@ -124,6 +124,9 @@ void Apply(const Event& event, Ticket& ticket);
 /// What a report's text says, for people and programs that look for known outcomes.
 enum class Outcome { kSuccess, kNothingCollected, kNothingUploaded, kUnknown };
 
+/// "success", "nothing_collected" and so on.
+[[nodiscard]] const char* ToText(Outcome outcome);
+
 /// @param report  A device's text as it came.
 [[nodiscard]] Outcome OutcomeOf(const std::string& report);
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <numeric>
 #include <stdexcept>
 
 #include "serial_number.h"
@@ -19,11 +20,6 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 /// An id only has to tell tickets apart, and people type it. A token is a secret that nobody must be able to guess.
 constexpr std::size_t kTicketIdBytes = 8;
 constexpr std::size_t kTokenBytes = 32;
-/// What the daemon's pipe to its main process takes of a ticket.
-constexpr std::size_t kMaxTicketBytes = 2047;
-constexpr std::size_t kMaxNoteCharacters = 1000;
-/// Of a device's words, in an event.
-constexpr std::size_t kMaxReasonBytes = 512;
 
 std::string TicketJson(const std::string& token, const std::vector<std::string>& apps) {
   Json::Value ticket(Json::objectValue);
@@ -49,14 +45,63 @@ milliseconds AgeOf(WallTime time, const Moment& now) {
 
 }  // namespace
 
-TicketBook::TicketBook(const Settings& settings, const Store& store, EventSink events, Clock clock)
+TicketBook::TicketBook(const Settings& settings, const Store& store, EventSink events, Metrics& metrics,
+                       Clock clock)
     : settings_(settings),
       store_(store),
       events_(std::move(events)),
+      metrics_(metrics),
       clock_(std::move(clock)),
       registry_(store, clock_),
       strangers_(events_, [this] { return clock_().steady; }) {
   Reload();
+}
+
+void TicketBook::SetSettings(const Settings& settings) {
+  const Trust trust = settings_.trust;
+  settings_ = settings;
+  settings_.trust = trust;
+}
+
+/// @throws std::invalid_argument or LimitReached.
+void TicketBook::CheckLimits(const NewTicket& wanted) const {
+  if (CharactersIn(wanted.note) > kMaxNoteCharacters) {
+    metrics_.NoteMet(Limit::kNoteCharacters);
+    throw std::invalid_argument("the note is longer than " + std::to_string(kMaxNoteCharacters) +
+                                " characters");
+  }
+  const std::size_t bytes = TicketJson(std::string(2 * kTokenBytes, '0'), wanted.apps).size();
+  if (bytes > kMaxTicketBytes) {
+    metrics_.NoteMet(Limit::kTicketBytes);
+    throw std::invalid_argument("the list of applications is too long for a device: the ticket would have " +
+                                std::to_string(bytes) + " bytes, the limit is " +
+                                std::to_string(kMaxTicketBytes) + "; send several tickets");
+  }
+  const auto device = devices_.find(wanted.device);
+  if (device != devices_.end() && device->second.queued.size() >= settings_.most_queued) {
+    metrics_.NoteMet(Limit::kQueuedTicketsPerDevice);
+    throw LimitReached("as many tickets wait for device " + Quoted(wanted.device) + " as may, " +
+                       std::to_string(settings_.most_queued) +
+                       ": cancel one of them, or wait until the device has taken one");
+  }
+  if (std::accumulate(counts_.begin(), counts_.end(), std::size_t{0}) >= settings_.most_open) {
+    metrics_.NoteMet(Limit::kOpenTickets);
+    throw LimitReached("as many tickets are open as may be, " + std::to_string(settings_.most_open) +
+                       ": cancel some of them, or wait until some have come to their end");
+  }
+}
+
+BookView TicketBook::Overview() const {
+  BookView view;
+  view.streams = streams_.size();
+  view.silent_streams = greetings_.size();
+  view.devices = connected_.size();
+  view.tickets = counts_;
+  view.open_tickets = std::accumulate(counts_.begin(), counts_.end(), std::size_t{0});
+  for (const auto& [serial_number, device] : devices_) {
+    view.longest_queue = std::max(view.longest_queue, device.queued.size());
+  }
+  return view;
 }
 
 Ticket TicketBook::Create(const NewTicket& wanted) {
@@ -69,20 +114,11 @@ Ticket TicketBook::Create(const NewTicket& wanted) {
         "device " + Quoted(wanted.device) +
         (device ? " is blocked: unblock it first" : " is not enrolled: enrol it first"));
   }
-  if (CharactersIn(wanted.note) > kMaxNoteCharacters) {
-    throw std::invalid_argument("the note is longer than " + std::to_string(kMaxNoteCharacters) +
-                                " characters");
-  }
   const auto is_empty = [](const std::string& app) { return app.empty(); };
   if (std::any_of(wanted.apps.begin(), wanted.apps.end(), is_empty)) {
     throw std::invalid_argument("an application's name is empty");
   }
-  const std::size_t bytes = TicketJson(std::string(2 * kTokenBytes, '0'), wanted.apps).size();
-  if (bytes > kMaxTicketBytes) {
-    throw std::invalid_argument("the list of applications is too long for a device: the ticket would have " +
-                                std::to_string(bytes) + " bytes, the limit is " +
-                                std::to_string(kMaxTicketBytes) + "; send several tickets");
-  }
+  CheckLimits(wanted);
   const Moment now = clock_();
   Ticket ticket;
   ticket.number = ++last_ticket_;
@@ -179,9 +215,13 @@ void TicketBook::OpenStream(StreamId stream, const std::string& peer) {
   streams_[stream] = {peer, "", deadline, {}};
   greetings_.emplace(deadline, stream);
   constexpr char kTooMany[] = "the service has as many streams as it takes, try again later";
-  if (streams_.size() > settings_.most_streams) return EndStream(stream, EndReason::kTooMany, kTooMany);
+  if (streams_.size() > settings_.most_streams) {
+    metrics_.NoteMet(Limit::kStreams);
+    return EndStream(stream, EndReason::kTooMany, kTooMany);
+  }
   // The oldest of them: a device says Hello at once, and is not to wait behind those that say nothing.
   if (greetings_.size() > settings_.most_silent_streams) {
+    metrics_.NoteMet(Limit::kSilentStreams);
     EndStream(greetings_.begin()->second, EndReason::kTooMany, kTooMany);
   }
 }
@@ -290,13 +330,19 @@ void TicketBook::Answer(StreamId stream, const std::string& ticket_id, bool acce
   }
   if (!accepted) return Reject(*open, reason);
   Supersede(*open);
-  Record(*open, EventKind::kAccepted, reason.empty() ? "" : "reason " + Quoted(reason, kMaxReasonBytes));
+  Record(*open, EventKind::kAccepted, reason.empty() ? "" : "reason " + ReasonText(reason));
+}
+
+/// A device's words, cut where they are too long.
+std::string TicketBook::ReasonText(const std::string& reason) const {
+  if (reason.size() > kMaxReasonBytes) metrics_.NoteMet(Limit::kReasonBytes);
+  return Quoted(reason, kMaxReasonBytes);
 }
 
 void TicketBook::Reject(OpenTicket& open, const std::string& reason) {
   if (!reason.empty()) {
     Record(open, EventKind::kRefused,
-           "the device says " + Quoted(reason, kMaxReasonBytes) +
+           "the device says " + ReasonText(reason) +
                ": send a ticket that it can take, or look at the daemon's log on the device");
     return;
   }
@@ -343,7 +389,10 @@ UploadFate TicketBook::RecordUpload(TicketNumber number, const Archive& archive)
   if (std::any_of(archives.begin(), archives.end(), is_taken)) return UploadFate::kTaken;
   const auto is_kept = [](const Archive& former) { return !former.deleted; };
   const auto kept = static_cast<std::size_t>(std::count_if(archives.begin(), archives.end(), is_kept));
-  if (kept >= settings_.most_archives) return UploadFate::kTooMany;
+  if (kept >= settings_.most_archives) {
+    metrics_.NoteMet(Limit::kArchivesPerTicket);
+    return UploadFate::kTooMany;
+  }
   Supersede(*open);
   Record(*open, EventKind::kUploaded,
          std::to_string(archive.size_bytes) + " bytes, sha256 " + archive.sha256 + ", apps " +
@@ -535,6 +584,8 @@ Entry& TicketBook::Record(OpenTicket& open, EventKind kind, std::string text) {
   const WallTime since_before = open.ticket.since;
   const Event event{++last_event_, open.ticket.number, kind, std::move(text), now.wall};
   Apply(event, open.ticket);
+  Count(state_before, -1);
+  Count(open.ticket.state, 1);
   // A further archive begins the wait for the report anew.
   if (open.ticket.state != state_before || open.ticket.since != since_before) open.since = now.steady;
   if (!open.ticket.rejected_since) open.rejected_since.reset();
@@ -543,6 +594,12 @@ Entry& TicketBook::Record(OpenTicket& open, EventKind kind, std::string text) {
   Sort(open.ticket);
   entries_.push_back({event, open.ticket, std::nullopt, std::nullopt});
   return entries_.back();
+}
+
+/// @param state  An end is not counted.
+void TicketBook::Count(TicketState state, int change) {
+  if (!IsOpen(state)) return;
+  change > 0 ? ++counts_.at(static_cast<std::size_t>(state)) : --counts_.at(static_cast<std::size_t>(state));
 }
 
 /// Puts a ticket where its device's tickets of that state are.
@@ -626,6 +683,7 @@ void TicketBook::Reload() {
   ended_.clear();
   entries_.clear();
   work_.deliveries.clear();
+  counts_.fill(0);
   for (auto& [serial_number, device] : devices_) {
     device.queued.clear();
     device.in_hand.clear();
@@ -664,6 +722,7 @@ void TicketBook::Reload() {
 void TicketBook::TakeUp(Ticket ticket, const Moment& now) {
   OpenTicket& open = tickets_[ticket.number];
   open.ticket = std::move(ticket);
+  Count(open.ticket.state, 1);
   open.since = now.steady - AgeOf(open.ticket.since, now);
   const milliseconds whole = duration_cast<milliseconds>(open.ticket.deadline - open.ticket.created);
   const milliseconds left = duration_cast<milliseconds>(open.ticket.deadline - now.wall);

@@ -17,6 +17,7 @@
 /// Used by one thread, the dispatcher's.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -24,11 +25,13 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "event_log.h"
+#include "metrics.h"
 #include "registry.h"
 #include "store.h"
 
@@ -100,6 +103,23 @@ enum class UploadFate {
   kUnwanted   ///< The ticket has come to an end that takes none. This one is to be deleted.
 };
 
+/// What the book has in hand.
+struct BookView {
+  std::size_t streams = 0;
+  std::size_t silent_streams = 0;  ///< Those without Hello.
+  std::size_t devices = 0;         ///< Connected ones.
+  /// How many tickets are in each state that is not an end, by the state's number.
+  std::array<std::size_t, std::size(kTicketStates) + 1> tickets{};
+  std::size_t open_tickets = 0;
+  std::size_t longest_queue = 0;  ///< So many tickets wait for the device for which most do.
+};
+
+/// Something was refused because there is as much of it as the service takes. It may be taken later.
+class LimitReached : public std::invalid_argument {
+ public:
+  using std::invalid_argument::invalid_argument;
+};
+
 class TicketBook {
  public:
   using Clock = MomentClock;
@@ -128,19 +148,28 @@ class TicketBook {
     std::size_t most_archives = 16;
     std::size_t most_streams = 20'000;
     std::size_t most_silent_streams = 1'000;
+    // That wait for one device, and that are not at their end.
+    std::size_t most_queued = 100;
+    std::size_t most_open = 100'000;
   };
 
   /// Takes up the tickets that are open. What was delivered and not answered is queued again.
   /// @param store   Only read here. It lives longer than the book.
-  /// @param events  Takes the lines about streams; those about tickets are the caller's.
+  /// @param events   Takes the lines about streams; those about tickets are the caller's.
+  /// @param metrics  Told of the limits that are met. Lives longer than the book.
   /// @throws StoreError when the store can't be read.
-  TicketBook(const Settings& settings, const Store& store, EventSink events, Clock clock = Now);
+  TicketBook(const Settings& settings, const Store& store, EventSink events, Metrics& metrics,
+             Clock clock = Now);
+
+  /// Takes these limits and pauses from now on. What exceeds a limit already stays. The trust does not change.
+  void SetSettings(const Settings& settings);
 
   // For operators. Each of these throws std::invalid_argument with what is wrong and what to do; nothing has changed
   // then.
 
   /// Creates a ticket.
   /// @return What it is: its id is new.
+  /// @throws LimitReached when too many wait.
   Ticket Create(const NewTicket& wanted);
   /// Takes back a ticket that no device has yet.
   /// @param who  For the ticket's events.
@@ -157,6 +186,7 @@ class TicketBook {
   /// @param beginning, after  As Store::Devices() has them.
   [[nodiscard]] std::vector<DeviceView> Connected(const std::string& beginning, const std::string& after,
                                                   std::size_t limit) const;
+  [[nodiscard]] BookView Overview() const;
   /// Devices, accounts and the audit.
   [[nodiscard]] Registry& registry() { return registry_; }
 
@@ -248,6 +278,9 @@ class TicketBook {
   void TakeUp(Ticket ticket, const Moment& now);
   OpenTicket* FindOpen(TicketNumber number);
   OpenTicket* FindOrLoad(TicketNumber number);
+  void CheckLimits(const NewTicket& wanted) const;
+  [[nodiscard]] std::string ReasonText(const std::string& reason) const;
+  void Count(TicketState state, int change);
   OpenTicket* DeliveredOn(StreamId stream, const std::string& ticket_id);
   Entry& Record(OpenTicket& open, EventKind kind, std::string text);
   void Sort(const Ticket& ticket);
@@ -271,9 +304,10 @@ class TicketBook {
   void Release(StreamId stream, const std::string& cause);
   void ForgetIdle(const std::string& serial_number);
 
-  const Settings settings_;
+  Settings settings_;
   const Store& store_;
   const EventSink events_;
+  Metrics& metrics_;
   const Clock clock_;
   Registry registry_;
   const LimitedEvents strangers_;               ///< For what anybody can cause.
@@ -286,8 +320,9 @@ class TicketBook {
   std::set<std::pair<SteadyTime, std::string>> takeovers_;  ///< Serial numbers, by Device::quiet_at.
   std::set<std::string> stirred_;                           ///< Devices to look at in Advance().
   std::set<TicketNumber> ended_;                            ///< Tickets to forget in Settle().
-  std::vector<Entry> entries_;                              ///< Not taken yet.
-  Work work_;                                               ///< Not taken yet.
+  std::array<std::size_t, std::size(kTicketStates) + 1> counts_{};  ///< BookView::tickets.
+  std::vector<Entry> entries_;                                      ///< Not taken yet.
+  Work work_;                                                       ///< Not taken yet.
   EventNumber last_event_ = 0;
   TicketNumber last_ticket_ = 0;
 };

@@ -97,8 +97,6 @@ constexpr int kIdleTurns = 200;
 constexpr useconds_t kIdleTurnMicroseconds = 20'000;
 
 constexpr StreamId kStream = 1;
-/// More than any input has.
-constexpr std::uint64_t kLargestUpload = std::uint64_t{1} << 30;
 
 /// One end of a connection to the server.
 class Client {
@@ -176,7 +174,8 @@ InProcessCss::InProcessCss()
     : archives_(folder_.path() / "data"),
       store_(folder_.path() / "data" / "tickets.db"),
       room_(folder_.path(), 0),
-      dispatcher_(BelievingSettings(), store_, [this](const std::string& event) { CheckEvent(event); }) {
+      dispatcher_(
+          BelievingSettings(), store_, [this](const std::string& event) { CheckEvent(event); }, metrics_) {
   dispatcher_.SetWorkSink([this](const Work& work) {
     for (const Delivery& delivery : work.deliveries) token_ = TokenIn(delivery.ticket_json);
   });
@@ -190,8 +189,8 @@ InProcessCss::InProcessCss()
   const LimitedEvents all_of_them(
       events, [now = std::chrono::steady_clock::now()]() mutable { return now += std::chrono::hours(1); });
   constexpr std::chrono::seconds kLimit{5};
-  desk_.emplace(CssDesk{dispatcher_, store_, archives_, disk_, room_, Trust::kAllowList, kLargestUpload,
-                        all_of_them, events});
+  desk_.emplace(CssDesk{dispatcher_, store_, archives_, disk_, room_, Trust::kAllowList, largest_upload_,
+                        all_of_them, events, metrics_});
   HttpSettings settings;
   settings.address = ParseListenAddress("127.0.0.1:0", false);
   settings.idle_limit = settings.head_limit = kLimit;

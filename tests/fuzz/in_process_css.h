@@ -2,6 +2,8 @@
 /// on while the caller waits. Only the dispatcher has a thread of its own.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -53,6 +55,8 @@ class InProcessCss {
   std::string token_;  ///< Of the last delivery; empty before the first.
   TarvoOrvane::SupportService::ArchiveStore archives_;
   TarvoOrvane::SupportService::SqliteStore store_;
+  TarvoOrvane::SupportService::Metrics metrics_;
+  std::atomic<std::uint64_t> largest_upload_{std::uint64_t{1} << 30};  ///< More than any input has.
   TarvoOrvane::SupportService::DiskRoom room_;
   TarvoOrvane::SupportService::Dispatcher dispatcher_;
   TarvoOrvane::SupportService::DiskWorkers disk_;

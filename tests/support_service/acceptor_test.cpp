@@ -62,7 +62,9 @@ TEST_F(AcceptorTest, MoreConnectionsThanItTakesWait) {
 
 TEST_F(AcceptorTest, ConnectionsOfOneAddressAreLimitedAndTheirPlaceIsFreeAgain) {
   settings_.connections = 5;
-  settings_.connections_per_address = 1;
+  Metrics metrics;
+  AddressLimit limit(1, metrics, events_.sink());
+  settings_.addresses = &limit;
   Start([](HttpRequest&, const std::string&, const AnswerSink& done) { done(TextAnswer("text")); });
   auto first = To("/");
   EXPECT_EQ(first->Run().body, "text");
@@ -70,8 +72,13 @@ TEST_F(AcceptorTest, ConnectionsOfOneAddressAreLimitedAndTheirPlaceIsFreeAgain) 
     RawHttp refused(server_->url());
     EXPECT_EQ(refused.ReadToEnd(), "");
   }
+  EXPECT_EQ(limit.largest(), 1U);
+  EXPECT_EQ(metrics.met(Limit::kConnectionsPerAddress), 20U);
+  EXPECT_TRUE(events_.Has("connection closed: 127.0.0.1 has as many as one address may have"));
   first.reset();
   EXPECT_TRUE(Eventually([this] { return Get("/").body == "text"; }));
+  server_.reset();
+  EXPECT_EQ(limit.largest(), 0U);
 }
 
 TEST_F(AcceptorTest, WithoutDescriptorsItPausesBetweenAttemptsAndGoesOnLater) {

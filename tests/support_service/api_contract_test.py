@@ -91,6 +91,7 @@ class ContractTest(ApiTest):
         ask('GET', '/tokens', 200)
         ask('DELETE', '/tokens/' + token['id'], 204)
         ask('GET', '/audit?limit=1', 200)
+        ask('GET', '/settings', 200)
         return asked
 
     def test_every_operation_answers_as_documented_over_the_control_socket(self) -> None:

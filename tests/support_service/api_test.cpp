@@ -601,30 +601,51 @@ TEST_F(ApiCertificateTest, TokenIsOfNoUseWithoutItsDevicesCertificate) {
 
 // ---- what goes wrong in the service ----
 
-TEST(ApiFaultTest, WhatNobodyExpectedIsAnsweredAsTheDocumentHasIt) {
-  const TemporaryFolder temp;
-  EventRecorder events;
-  const ArchiveStore archives(temp.path() / "data");
-  SqliteStore store(temp.path() / "data" / "tickets.db");
-  Dispatcher dispatcher({}, store, events.sink());
-  DiskWorkers disk;
-  // Its end has passed by now.
-  const Authority expired(temp.path() / "authority", Now().wall - 40 * kYear);
-  const Enroller enroller(Trust::kOwnAuthority, &expired, expired.certificate(), "https://a:1",
-                          "https://a:2");
-  ApiFront front(dispatcher, store, archives, disk, enroller, events.sink());
-  HttpSettings settings;
-  const std::string path = (temp.path() / "socket").string();
-  settings.address = ParseListenAddress("unix:" + path, true);
-  const HttpServer server(
-      settings, [&front](HttpRequest& request) { return front.Begin(request); }, events.sink());
+/// The API alone, with an authority whose end has passed.
+class ApiFaultTest : public ::testing::Test {
+ protected:
+  [[nodiscard]] static HttpSettings SettingsFor(const std::string& path) {
+    HttpSettings settings;
+    settings.address = ParseListenAddress("unix:" + path, true);
+    return settings;
+  }
+
+  const TemporaryFolder temp_;
+  const std::string path_ = (temp_.path() / "socket").string();
+  EventRecorder events_;
+  Metrics metrics_;
+  const ArchiveStore archives_{temp_.path() / "data"};
+  SqliteStore store_{temp_.path() / "data" / "tickets.db"};
+  Dispatcher dispatcher_{{}, store_, events_.sink(), metrics_};
+  DiskWorkers disk_;
+  DiskRoom room_{temp_.path(), 0};
+  const Overview overview_{{store_, room_, metrics_, {}, {}}, {}};
+  const Authority expired_{temp_.path() / "authority", Now().wall - 40 * kYear};
+  const Enroller enroller_{Trust::kOwnAuthority, &expired_, expired_.certificate(), "https://a:1",
+                           "https://a:2"};
+  ApiFront front_{dispatcher_, store_, archives_, disk_, enroller_, overview_, metrics_, events_.sink()};
+  const HttpServer server_{SettingsFor(path_), [this](HttpRequest& request) { return front_.Begin(request); },
+                           events_.sink()};
+};
+
+TEST_F(ApiFaultTest, WhatNobodyExpectedIsAnsweredAsTheDocumentHasIt) {
   Json::Value device;
   device["serial_number"] = "SN1";
-  const ReceivedAnswer answer = AskApi(path, "POST", "/devices", device);
+  const ReceivedAnswer answer = AskApi(path_, "POST", "/devices", device);
   EXPECT_EQ(answer.status, 500);
   EXPECT_EQ(CodeIn(answer), "internal");
-  EXPECT_TRUE(events.WaitFor("POST \"/api/v1/devices\" failed: "));
-  EXPECT_EQ(AskApi(path, "GET", "/devices").status, 200);
+  EXPECT_TRUE(events_.WaitFor("POST \"/api/v1/devices\" failed: "));
+  EXPECT_EQ(AskApi(path_, "GET", "/devices").status, 200);
+}
+
+TEST_F(ApiFaultTest, MetricsComeAlsoWhereNothingIsDecidedAnyMore) {
+  EXPECT_THAT(AskOver(path_, "/metrics").body, HasSubstr("\nsupport_service_ready 1\n"));
+  dispatcher_.Close();
+  const ReceivedAnswer page = AskOver(path_, "/metrics");
+  EXPECT_EQ(page.status, 200);
+  EXPECT_THAT(page.body, HasSubstr("\nsupport_service_ready 0\n"));
+  EXPECT_THAT(page.body, HasSubstr("\nsupport_service_archives 0\n"));
+  EXPECT_THAT(page.body, ::testing::Not(HasSubstr("support_service_streams")));
 }
 
 }  // namespace

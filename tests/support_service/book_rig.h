@@ -43,13 +43,16 @@ class BookRig {
   }
 
   [[nodiscard]] TicketBook& book() { return *book_; }
+  [[nodiscard]] const Metrics& metrics() const { return metrics_; }
+  /// For the next book, or SetSettings().
+  [[nodiscard]] TicketBook::Settings& settings() { return settings_; }
   [[nodiscard]] Store& store() { return *store_; }
   [[nodiscard]] const Moment& now() const { return now_; }
 
   /// The process ends, and another one begins with the same store.
   void Restart() {
     book_ = std::make_unique<TicketBook>(
-        settings_, *store_, [this](const std::string& line) { lines_.push_back(line); },
+        settings_, *store_, [this](const std::string& line) { lines_.push_back(line); }, metrics_,
         [this] { return now_; });
     Turn();
   }
@@ -104,6 +107,7 @@ class BookRig {
  private:
   test_support::TemporaryFolder folder_;
   TicketBook::Settings settings_;
+  Metrics metrics_;
   // A time of its own: nothing depends on the machine's.
   Moment now_{std::chrono::steady_clock::time_point(std::chrono::hours(1000)),
               WallTime(std::chrono::hours(24 * 365 * 50))};

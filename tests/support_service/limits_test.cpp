@@ -66,6 +66,58 @@ TEST_F(DiskRoomTest, ImpossibleSizesAndFoldersFindNone) {
   EXPECT_FALSE(DiskRoom("/nowhere", 0).Reserve(0));
 }
 
+// ---- connections of one address ----
+
+class AddressLimitTest : public ::testing::Test {
+ protected:
+  static std::string KeyOf(const std::string& address) {
+    const ListenAddress parsed = ParseListenAddress(address, true);
+    sockaddr_storage storage = parsed.socket_address;
+    if (!parsed.unix_path.empty()) storage.ss_family = AF_UNIX;
+    return AddressLimit::KeyOf(reinterpret_cast<const sockaddr*>(&storage));
+  }
+  EventRecorder events_;
+  Metrics metrics_;
+  AddressLimit limit_{2, metrics_, events_.sink()};
+};
+
+TEST_F(AddressLimitTest, PortsDoNotTellAddressesApartAndUnixSocketsHaveNone) {
+  EXPECT_EQ(KeyOf("192.0.2.1:5"), "192.0.2.1");
+  EXPECT_EQ(KeyOf("192.0.2.1:6"), "192.0.2.1");
+  EXPECT_EQ(KeyOf("[2001:db8::1]:5"), "2001:db8::1");
+  EXPECT_EQ(KeyOf("unix:/x"), "");
+}
+
+TEST_F(AddressLimitTest, EachAddressHasItsOwnNumber) {
+  EXPECT_TRUE(limit_.Begin("a"));
+  EXPECT_TRUE(limit_.Begin("a"));
+  EXPECT_FALSE(limit_.Begin("a"));
+  EXPECT_TRUE(limit_.Begin("b"));
+  EXPECT_EQ(limit_.largest(), 2U);
+  EXPECT_EQ(metrics_.met(Limit::kConnectionsPerAddress), 1U);
+  EXPECT_THAT(events_.text(), HasSubstr("connection closed: a has as many as one address may have"));
+  limit_.End("a");
+  EXPECT_TRUE(limit_.Begin("a"));
+}
+
+TEST_F(AddressLimitTest, NumberMayChangeAndWhatIsThereStays) {
+  EXPECT_TRUE(limit_.Begin("a"));
+  EXPECT_TRUE(limit_.Begin("a"));
+  limit_.SetMost(1);
+  EXPECT_EQ(limit_.largest(), 2U);
+  limit_.End("a");
+  EXPECT_FALSE(limit_.Begin("a"));
+  limit_.End("a");
+  EXPECT_EQ(limit_.largest(), 0U);
+  limit_.SetMost(3);
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(limit_.Begin("a"));
+}
+
+TEST_F(AddressLimitTest, WhatHasNoAddressIsNotLimited) {
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(limit_.Begin(""));
+  EXPECT_EQ(limit_.largest(), 0U);
+}
+
 // ---- lines that anybody can cause ----
 
 class LimitedEventsTest : public ::testing::Test {
@@ -76,6 +128,7 @@ class LimitedEventsTest : public ::testing::Test {
 };
 
 TEST_F(LimitedEventsTest, TooManyAreCountedAndLeftOut) {
+  const std::uint64_t before = EventsLeftOut();
   for (int i = 0; i < LimitedEvents::kBurst + 7; ++i) events_.Write("x");
   EXPECT_EQ(recorder_.lines().size(), static_cast<std::size_t>(LimitedEvents::kBurst));
   now_ += LimitedEvents::kPause;
@@ -83,6 +136,7 @@ TEST_F(LimitedEventsTest, TooManyAreCountedAndLeftOut) {
   events_.Write("z");
   const auto lines = recorder_.lines();
   ASSERT_EQ(lines.size(), static_cast<std::size_t>(LimitedEvents::kBurst) + 2);
+  EXPECT_EQ(EventsLeftOut(), before + 8) << "z is one of them";
   EXPECT_EQ(lines[lines.size() - 2], "7 events of this kind are left out here: too many came");
   EXPECT_EQ(lines.back(), "y");
 }
@@ -99,6 +153,16 @@ TEST_F(LimitedEventsTest, WhatComesSlowlyIsAllPassedOn) {
 
 class LimitsTest : public ServiceTest {
  protected:
+  /// The value of a metric, by its name with its labels, as the page has it; -1 where it is not there.
+  double Metric(const std::string& name) {
+    const ReceivedAnswer page = AskOver(service().control_socket(), "/metrics");
+    EXPECT_EQ(page.status, 200);
+    const std::size_t place = ("\n" + page.body).find("\n" + name + " ");
+    return place == std::string::npos ? -1 : std::stod(page.body.substr(place + name.size() + 1));
+  }
+  double Met(const std::string& limit) {
+    return Metric("support_service_limit_met_total{limit=\"" + limit + "\"}");
+  }
   ReceivedAnswer Upload(const std::string& token, std::size_t size) {
     WriteFile(temp_.path() / "debug.dat", std::string(size, 'x'));
     return PostForm(UploadUrl(), {"AUTH-TOKEN: " + token}, DeviceForm(temp_.path() / "debug.dat", "SN1", {}));
@@ -120,6 +184,30 @@ TEST_F(LimitsTest, UploadThatIsTooLargeIsRefusedBeforeItIsSent) {
   EXPECT_EQ(answer.sent, 0);
   EXPECT_THAT(answer.body, HasSubstr("the upload is larger than 3000000 bytes"));
   EXPECT_EQ(Upload(ticket.token, 2'900'000).status, 200);
+  EXPECT_EQ(Met("upload_bytes"), 1);
+  EXPECT_EQ(Metric("support_service_uploads_refused_total{reason=\"too_large\"}"), 1);
+  EXPECT_EQ(Metric("support_service_limit{limit=\"upload_bytes\"}"), 3'000'000);
+  EXPECT_EQ(Metric("support_service_ticket_events_total{kind=\"uploaded\"}"), 1);
+  EXPECT_EQ(Metric("support_service_upload_bytes_total"), 2'900'000);
+}
+
+TEST_F(LimitsTest, LimitsThatAreChangedCountFromThenOn) {
+  Start();
+  const Delivered ticket = AcceptTicket();
+  settings_.largest_upload = 1'000'000;
+  settings_.connections_per_address = 7;
+  service().SetSettings(settings_);
+  EXPECT_EQ(Upload(ticket.token, 1'100'000).status, 413);
+  settings_.largest_upload = 2'000'000;
+  settings_.disk_stays_free = std::uint64_t{1} << 60;
+  service().SetSettings(settings_);
+  EXPECT_EQ(Upload(ticket.token, 1'100'000).status, 507);
+  settings_.disk_stays_free = 0;
+  service().SetSettings(settings_);
+  EXPECT_EQ(Upload(ticket.token, 1'100'000).status, 200);
+  EXPECT_EQ(Metric("support_service_limit{limit=\"upload_bytes\"}"), 2'000'000);
+  EXPECT_EQ(Metric("support_service_limit{limit=\"free_bytes\"}"), 0);
+  EXPECT_EQ(Metric("support_service_limit{limit=\"connections_per_address\"}"), 7);
 }
 
 TEST_F(LimitsTest, UploadOfUnknownSizeEndsAtTheLimit) {
@@ -136,6 +224,7 @@ TEST_F(LimitsTest, UploadOfUnknownSizeEndsAtTheLimit) {
   size << std::hex << part.size();
   client.Send(size.str() + "\r\n" + part + "\r\n0\r\n\r\n");
   ASSERT_TRUE(events_.WaitFor("upload refused: the upload is larger than 100000 bytes"));
+  EXPECT_EQ(Met("upload_bytes"), 1);
   EXPECT_EQ(IncomingFiles(), 0U);
 }
 
@@ -147,6 +236,70 @@ TEST_F(LimitsTest, UploadThatWouldFillTheDiskIsRefusedBeforeItIsSent) {
   EXPECT_EQ(answer.status, 507);
   EXPECT_EQ(answer.sent, 0);
   EXPECT_THAT(answer.body, HasSubstr("no space left"));
+  EXPECT_EQ(Met("free_bytes"), 1);
+  EXPECT_EQ(Metric("support_service_uploads_refused_total{reason=\"no_room\"}"), 1);
+}
+
+TEST_F(LimitsTest, ReportsAndTextsThatAreTooLargeAreCounted) {
+  Start();
+  const Delivered ticket = AcceptTicket();
+  EXPECT_EQ(Request("POST", ReportUrl(), {"AUTH-TOKEN: " + ticket.token}, std::string(65'537, 'x')).status,
+            413);
+  EXPECT_EQ(Met("report_bytes"), 1);
+  WriteFile(temp_.path() / "debug.dat", "archive");
+  const auto form = DeviceForm(temp_.path() / "debug.dat", "SN1", {std::string(65'537, 'x')});
+  EXPECT_EQ(PostForm(UploadUrl(), {"AUTH-TOKEN: " + ticket.token}, form).status, 413);
+  EXPECT_EQ(Met("form_text_bytes"), 1);
+  Json::Value wanted;
+  wanted["note"] = std::string(65'537, 'x');
+  EXPECT_EQ(AskApi(service().control_socket(), "POST", "/tickets", wanted).status, 413);
+  EXPECT_EQ(Met("request_bytes"), 1);
+}
+
+TEST_F(LimitsTest, TicketsThatAreTooManyAreRefusedWithTheReason) {
+  settings_.tickets.most_queued = 1;
+  Start();
+  Json::Value wanted;
+  wanted["device"] = "SN2";
+  wanted["apps"] = Json::Value(Json::arrayValue);
+  EXPECT_EQ(AskApi(service().control_socket(), "POST", "/tickets", wanted).status, 201);
+  const ReceivedAnswer refusal = AskApi(service().control_socket(), "POST", "/tickets", wanted);
+  EXPECT_EQ(refusal.status, 429);
+  EXPECT_EQ(ParseJson(refusal.body)["error"]["code"], "too_many");
+  EXPECT_THAT(refusal.body, HasSubstr("cancel one of them"));
+  EXPECT_EQ(Met("queued_tickets_per_device"), 1);
+  EXPECT_EQ(Metric("support_service_limit_used{limit=\"queued_tickets_per_device\"}"), 1);
+  EXPECT_EQ(Metric("support_service_api_requests_total{operation=\"POST /tickets\",status=\"429\"}"), 1);
+}
+
+TEST_F(LimitsTest, ArchivesAreNotKeptForEver) {
+  // What an earlier service has left behind.
+  {
+    const ArchiveStore archives(settings_.data_folder);
+    SqliteStore store(settings_.data_folder / "tickets.db");
+    Metrics metrics;
+    Dispatcher dispatcher({}, store, events_.sink(), metrics);
+    for (const int days : {400, 366, 364, 0}) {
+      dispatcher.Call([&](TicketBook& book) {
+        book.registry().Enrol("SN1", std::nullopt);
+        const Ticket ticket = book.Create({"SN1", {}});
+        const Archive archive{1,  7, Sha256("archive"), "SN1", {}, Now().wall - std::chrono::hours(24 * days),
+                              {}, {}};
+        book.RecordUpload(ticket.number, archive);
+        book.RecordReport(ticket.number, "Success");
+        WriteFile(archives.PathOf(ticket.id, 1), "archive");
+      });
+    }
+  }
+  Start();
+  ASSERT_TRUE(Eventually([this] { return ArchiveFiles() == 2; }));
+  EXPECT_TRUE(events_.Has("archive deleted: version 1 by the service: it is older than 365 days"));
+  EXPECT_EQ(Met("archive_days"), 2);
+  EXPECT_EQ(Metric("support_service_archives"), 2);
+  settings_.retention.archives = 1;
+  service().SetSettings(settings_);
+  ASSERT_TRUE(Eventually([this] { return ArchiveFiles() == 1; }));
+  EXPECT_EQ(Met("archives"), 1);
 }
 
 TEST_F(LimitsTest, HeadThatDoesNotEndEndsItsConnectionAndABodyMayTakeLonger) {

@@ -6,6 +6,7 @@
 #include <regex>
 #include <set>
 
+#include "settings_change.h"
 #include "temporary_folder.h"
 #include "test_certificate.h"
 
@@ -42,14 +43,76 @@ TEST(ServiceOptionsTest, AllCanBeSet) {
   EXPECT_EQ(parsed.settings.tickets.retry_pause, seconds(7));
 }
 
+TEST(ServiceOptionsTest, LimitsAreSetAsCountsAndSizes) {
+  const auto parsed = Service({"--max-upload",
+                               "500MB",
+                               "--free-space",
+                               "2 GiB",
+                               "--max-streams",
+                               "5",
+                               "--max-silent-streams",
+                               "4",
+                               "--max-connections-per-address",
+                               "3",
+                               "--max-queued-tickets",
+                               "7",
+                               "--max-open-tickets",
+                               "8",
+                               "--keep-archives",
+                               "9",
+                               "--keep-bytes",
+                               "1TiB",
+                               "--keep-days",
+                               "30",
+                               "--keep-per-device",
+                               "0"});
+  ASSERT_TRUE(parsed.run) << parsed.text;
+  EXPECT_EQ(parsed.settings.largest_upload, 500'000'000U);
+  EXPECT_EQ(parsed.settings.disk_stays_free, std::uint64_t{2} << 30);
+  EXPECT_EQ(parsed.settings.tickets.most_streams, 5U);
+  EXPECT_EQ(parsed.settings.tickets.most_silent_streams, 4U);
+  EXPECT_EQ(parsed.settings.connections_per_address, 3U);
+  EXPECT_EQ(parsed.settings.tickets.most_queued, 7U);
+  EXPECT_EQ(parsed.settings.tickets.most_open, 8U);
+  EXPECT_EQ(parsed.settings.retention.archives, 9U);
+  EXPECT_EQ(parsed.settings.retention.bytes, std::uint64_t{1} << 40);
+  EXPECT_EQ(parsed.settings.retention.days, 30U);
+  EXPECT_EQ(parsed.settings.retention.archives_per_device, 0U);
+}
+
+TEST(ServiceOptionsTest, LimitsHaveDefaults) {
+  const ServiceSettings settings = Service({}).settings;
+  EXPECT_EQ(settings.largest_upload, std::uint64_t{4} << 30);
+  EXPECT_FALSE(settings.disk_stays_free);
+  EXPECT_EQ(settings.tickets.most_streams, 20'000U);
+  EXPECT_EQ(settings.tickets.most_silent_streams, 1000U);
+  EXPECT_EQ(settings.connections_per_address, 200U);
+  EXPECT_EQ(settings.tickets.most_queued, 100U);
+  EXPECT_EQ(settings.tickets.most_open, 100'000U);
+  EXPECT_EQ(settings.retention.archives, 100'000U);
+  EXPECT_FALSE(settings.retention.bytes);
+  EXPECT_EQ(settings.retention.days, 365U);
+  EXPECT_EQ(settings.retention.archives_per_device, 1000U);
+}
+
 TEST(ServiceOptionsTest, WrongOnesAreExplainedWithStatus2) {
-  for (const auto& arguments : std::vector<std::vector<const char*>>{{"--grpc-address", "nonsense"},
-                                                                     {"--http-address", "unix:/tmp/x"},
-                                                                     {"--retry-seconds", "0"},
-                                                                     {"--retry-seconds", "86401"},
-                                                                     {"--data", ""},
-                                                                     {"--unknown"},
-                                                                     {"extra"}}) {
+  for (const auto& arguments :
+       std::vector<std::vector<const char*>>{{"--grpc-address", "nonsense"},
+                                             {"--http-address", "unix:/tmp/x"},
+                                             {"--retry-seconds", "0"},
+                                             {"--retry-seconds", "86401"},
+                                             {"--max-upload", "0"},
+                                             {"--max-upload", "4 parsecs"},
+                                             {"--max-upload", "-1"},
+                                             {"--free-space", "99999999999 TiB"},
+                                             {"--max-streams", "0"},
+                                             {"--max-connections-per-address", "1001"},
+                                             {"--max-queued-tickets", "0"},
+                                             {"--keep-days", "100000"},
+                                             {"--keep-archives", "-5"},
+                                             {"--data", ""},
+                                             {"--unknown"},
+                                             {"extra"}}) {
     const auto parsed = Service(arguments);
     EXPECT_FALSE(parsed.run) << arguments[0];
     EXPECT_EQ(parsed.exit_status, 2);
@@ -127,6 +190,28 @@ TEST(ServiceOptionsTest, FileIsCheckedWithoutAStart) {
   EXPECT_EQ(Service({"--config", "/nowhere/service.conf"}).exit_status, 2);
 }
 
+// ---- settings that are read again ----
+
+TEST(SettingsChangeTest, WhatCanChangeIsTakenAndWhatCanNotIsNamed) {
+  ServiceSettings running;
+  ServiceSettings read;
+  EXPECT_THAT(TakeChanges(running, read), ElementsAre());
+  read.grpc_address = "127.0.0.1:5";
+  read.tickets.trust = Trust::kAllowList;
+  read.tickets.retry_pause = seconds(9);
+  read.retention.days = 7;
+  EXPECT_THAT(TakeChanges(running, read),
+              ElementsAre("grpc-address: changed, takes a restart", "allow-list: changed, takes a restart",
+                          "retry-seconds: changed, and counts from now on",
+                          "keep-days: changed, and counts from now on"));
+  EXPECT_EQ(running.grpc_address, ServiceSettings().grpc_address);
+  EXPECT_EQ(running.tickets.trust, Trust::kOwnAuthority);
+  EXPECT_EQ(running.tickets.retry_pause, seconds(9));
+  EXPECT_EQ(running.retention.days, 7U);
+  EXPECT_EQ(TakeChanges(running, read).size(), 2U)
+      << "what takes a restart differs as long as there was none";
+}
+
 // ---- the packaged file ----
 
 /// What the expression's first group matches, wherever it does.
@@ -147,6 +232,13 @@ TEST(PackagedConfigurationTest, HasEveryOptionThatAFileMayHold) {
   EXPECT_EQ(AllMatches(test_support::ReadFile(PACKAGED_CONFIGURATION), "^#?([a-z-]+) = "), options);
 }
 
+TEST(SettingsChangeTest, EveryOptionThatAFileMayHoldIsLookedAt) {
+  std::set<std::string> options = AllMatches(Service({"--help"}).text, "^  .*--([a-z-]+)");
+  for (const char* option : {"help", "version", "config", "check-config"}) options.erase(option);
+  const auto known = KnownSettings();
+  EXPECT_EQ(std::set<std::string>(known.begin(), known.end()), options);
+}
+
 TEST(PackagedConfigurationTest, AsItIsLeavesAllButAddressesAndFolderAtTheDefaults) {
   const auto parsed = Service({"--config", PACKAGED_CONFIGURATION});
   ASSERT_TRUE(parsed.run) << parsed.text;
@@ -158,6 +250,10 @@ TEST(PackagedConfigurationTest, AsItIsLeavesAllButAddressesAndFolderAtTheDefault
   EXPECT_EQ(parsed.settings.identity.names, defaults.identity.names);
   EXPECT_EQ(parsed.settings.tickets.trust, defaults.tickets.trust);
   EXPECT_EQ(parsed.settings.tickets.retry_pause, defaults.tickets.retry_pause);
+  ServiceSettings changed = defaults;
+  EXPECT_THAT(TakeChanges(changed, parsed.settings),
+              ElementsAre("grpc-address: changed, takes a restart", "http-address: changed, takes a restart",
+                          "data: changed, takes a restart"));
 }
 
 TEST(PackagedConfigurationTest, EveryLineCanBeMadeToCount) {
@@ -183,7 +279,14 @@ TEST(PackagedConfigurationTest, EveryLineCanBeMadeToCount) {
   EXPECT_EQ(parsed.settings.identity.certificate, folder.File("service.pem"));
   EXPECT_EQ(parsed.settings.identity.key, folder.File("service.key"));
   EXPECT_EQ(parsed.settings.identity.authority, folder.File("ca.pem"));
-  EXPECT_EQ(parsed.settings.tickets.retry_pause, ServiceSettings().tickets.retry_pause);
+  ServiceSettings changed;
+  for (const std::string& line : TakeChanges(changed, parsed.settings)) {
+    // Two limits are examples, because their defaults depend on the disk. The others stand there as they are.
+    if (line.rfind("free-space", 0) == 0 || line.rfind("keep-bytes", 0) == 0) continue;
+    EXPECT_THAT(line, HasSubstr("takes a restart"));
+  }
+  EXPECT_EQ(parsed.settings.disk_stays_free, std::uint64_t{10} << 30);
+  EXPECT_EQ(parsed.settings.retention.bytes, std::uint64_t{200} << 30);
 }
 
 }  // namespace

@@ -125,10 +125,45 @@ TEST_F(ProgramsTest, QueuedTicketIsTakenBack) {
   EXPECT_THAT(again->Output(), HasSubstr("can't be cancelled"));
 }
 
+TEST_F(ProgramsTest, ConfigurationIsReadAgainAtSighup) {
+  const std::string file = temp_.File("service.conf");
+  WriteFile(file, "retry-seconds = 3\n");
+  StartService({"--config", file});
+  const auto read_again = [&](const std::string& text) {
+    WriteFile(file, text);
+    service_->Signal(SIGHUP);
+  };
+  const auto limit = [this](const std::string& name) -> Json::Value {
+    const Json::Value settings = ParseJson(AskApi(data_ / "control.sock", "GET", "/settings").body);
+    for (const Json::Value& each : settings["limits"]) {
+      if (each["name"] == name) return each["most"];
+    }
+    return {};
+  };
+  EXPECT_EQ(limit("queued_tickets_per_device"), 100);
+  read_again("retry-seconds = 4\nmax-queued-tickets = 1\nkeep-days = 0\nhttp-address = 127.0.0.1:5\n");
+  for (const char* line : {"the configuration was read again\n", "http-address: changed, takes a restart\n",
+                           "retry-seconds: changed, and counts from now on\n"}) {
+    EXPECT_NE(WaitForEvent(line), "") << line;
+  }
+  EXPECT_EQ(limit("queued_tickets_per_device"), 1);
+  EXPECT_EQ(limit("archive_days"), Json::Value()) << "no limit";
+  EXPECT_NE(SendTicketOver(data_ / "control.sock", "SN1"), "");
+  EXPECT_EQ(SendTicketOver(data_ / "control.sock", "SN1"), "") << "one waits already";
+
+  read_again("max-queued-tickets = 7\nmax-upload = much\n");
+  EXPECT_NE(WaitForEvent("the configuration can't be used, all stays as it was: --max-upload"), "");
+  EXPECT_EQ(limit("queued_tickets_per_device"), 1);
+  std::filesystem::remove(file);
+  service_->Signal(SIGHUP);
+  EXPECT_NE(WaitForEvent(file), "");
+  EXPECT_EQ(AskApi(data_ / "control.sock", "GET", "/tickets").status, 200) << "it still serves";
+}
+
 TEST_F(ProgramsTest, LimitOnTheSizeOfFilesIsToldAndEndsNothing) {
   service_ = std::make_unique<Program>(
       std::vector<std::string>{"bash", "-c", "ulimit -f 300; exec \"$@\"", "bash", SUPPORT_SERVICE_PROGRAM,
-                               "--data", data_.string(), "--allow-list"},
+                               "--data", data_.string(), "--allow-list", "--max-queued-tickets", "1000"},
       temp_.File("service.out"));
   ASSERT_NE(service_->WaitForLine("control socket "), "");
   EnrolOver(data_ / "control.sock", {"SN1"});
@@ -166,7 +201,7 @@ TEST_F(ProgramsTest, KilledServiceIsExplained) {
 }
 
 TEST_F(ProgramsTest, SignalsEndTheServiceWithOpenStreamsAndFollowersWithStatus0) {
-  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+  for (const int signal : {SIGTERM, SIGINT}) {
     StartService();
     ScriptedDevice device(grpc_url_);
     device.Hello("SN1");

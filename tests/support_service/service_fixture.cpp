@@ -224,6 +224,12 @@ ReceivedAnswer AskApi(const std::string& control_socket, const std::string& meth
   return transfer.Run();
 }
 
+ReceivedAnswer AskOver(const std::string& control_socket, const std::string& path) {
+  Transfer transfer("http://localhost" + path, {});
+  transfer.Set(CURLOPT_UNIX_SOCKET_PATH, control_socket.c_str());
+  return transfer.Run();
+}
+
 void EnrolOver(const std::string& control_socket, const std::vector<std::string>& serial_numbers) {
   for (const std::string& serial_number : serial_numbers) {
     Json::Value device;

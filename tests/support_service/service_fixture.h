@@ -122,6 +122,8 @@ ReceivedAnswer Request(const std::string& method, const std::string& url,
 /// @param path  Behind /api/v1.
 ReceivedAnswer AskApi(const std::string& control_socket, const std::string& method, const std::string& path,
                       const std::optional<Json::Value>& body = std::nullopt);
+/// The same, for what stands beside the API.
+ReceivedAnswer AskOver(const std::string& control_socket, const std::string& path);
 /// Has a service let these devices in.
 void EnrolOver(const std::string& control_socket, const std::vector<std::string>& serial_numbers);
 /// @return The new ticket's id; empty when there is none.

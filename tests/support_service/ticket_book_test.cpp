@@ -323,6 +323,115 @@ TEST_P(TicketBookTest, StreamsWithoutHelloKeepNoDeviceOut) {
   EXPECT_EQ(rig_.Devices().size(), 1U);
 }
 
+TEST_P(TicketBookTest, MoreStreamsThanTheLimitAreEndedAndTheLimitMayChange) {
+  rig_.settings().most_streams = 2;
+  book().SetSettings(rig_.settings());
+  rig_.Connect("SN1");
+  rig_.Connect("SN2");
+  EXPECT_TRUE(NothingDue());
+  const StreamId third = rig_.Open();
+  const Work work = rig_.Turn();
+  ASSERT_EQ(work.ends.size(), 1U);
+  EXPECT_EQ(work.ends[0].stream, third);
+  EXPECT_EQ(work.ends[0].reason, EndReason::kTooMany);
+  EXPECT_EQ(rig_.metrics().met(Limit::kStreams), 1U);
+  rig_.settings().most_streams = 3;
+  book().SetSettings(rig_.settings());
+  rig_.Connect("SN3");
+  EXPECT_EQ(rig_.Devices().size(), 3U);
+  EXPECT_EQ(book().Overview().streams, 3U);
+  EXPECT_EQ(book().Overview().devices, 3U);
+}
+
+TEST_P(TicketBookTest, StreamsWithoutHelloThatAreTooManyAreCounted) {
+  rig_.settings().most_silent_streams = 2;
+  book().SetSettings(rig_.settings());
+  for (int i = 0; i < 3; ++i) rig_.Open();
+  EXPECT_EQ(rig_.Turn().ends.size(), 1U);
+  EXPECT_EQ(rig_.metrics().met(Limit::kSilentStreams), 1U);
+  EXPECT_EQ(book().Overview().silent_streams, 2U);
+}
+
+TEST_P(TicketBookTest, TicketsThatWaitForADeviceAreLimited) {
+  rig_.settings().most_queued = 2;
+  book().SetSettings(rig_.settings());
+  const StreamId stream = rig_.Connect("SN1");
+  const TicketNumber first = Create();
+  const Delivery delivery = TakeDelivery();
+  Create();
+  Create();
+  try {
+    Create();
+    ADD_FAILURE() << "a third one waits";
+  } catch (const LimitReached& refusal) {
+    EXPECT_STREQ(
+        refusal.what(),
+        "as many tickets wait for device \"SN1\" as may, 2: cancel one of them, or wait until the device "
+        "has taken one");
+  }
+  EXPECT_EQ(rig_.metrics().met(Limit::kQueuedTicketsPerDevice), 1U);
+  EXPECT_EQ(book().Overview().longest_queue, 2U);
+  Create("SN2");
+  book().Answer(stream, delivery.ticket_id, true, "");
+  book().RecordReport(first, "Success");
+  rig_.Turn();
+  EXPECT_NO_THROW(Create()) << "the device has taken one of them";
+}
+
+TEST_P(TicketBookTest, OpenTicketsAreLimited) {
+  rig_.settings().most_open = 2;
+  book().SetSettings(rig_.settings());
+  const TicketNumber first = Create("SN1");
+  Create("SN2");
+  EXPECT_THROW(Create("SN3"), LimitReached);
+  EXPECT_EQ(rig_.metrics().met(Limit::kOpenTickets), 1U);
+  book().Cancel(first, "somebody");
+  EXPECT_NO_THROW(Create("SN3"));
+  rig_.Turn();
+  EXPECT_THROW(Create("SN4"), LimitReached);
+}
+
+TEST_P(TicketBookTest, TicketsAreCountedByTheirState) {
+  const auto count = [this](TicketState state) {
+    return book().Overview().tickets.at(static_cast<std::size_t>(state));
+  };
+  const Delivered ticket = Accept();
+  Create();
+  Create("SN2");
+  EXPECT_EQ(count(TicketState::kQueued), 2U);
+  EXPECT_EQ(count(TicketState::kAccepted), 1U);
+  EXPECT_EQ(book().Overview().open_tickets, 3U);
+  rig_.Turn();
+  rig_.Restart();
+  EXPECT_EQ(count(TicketState::kQueued), 2U) << "as the store has them";
+  EXPECT_EQ(count(TicketState::kAccepted), 1U);
+  EXPECT_TRUE(book().RecordReport(ticket.number, "Success"));
+  EXPECT_EQ(count(TicketState::kAccepted), 0U);
+  EXPECT_EQ(count(TicketState::kReported), 0U) << "that is an end";
+  book().Reload();
+  EXPECT_EQ(count(TicketState::kAccepted), 1U) << "what was not remembered has not happened";
+}
+
+TEST_P(TicketBookTest, TextsThatAreTooLongAreCounted) {
+  EXPECT_THROW(book().Create({"SN1", {}, std::string(1001, 'x')}), std::invalid_argument);
+  EXPECT_EQ(rig_.metrics().met(Limit::kNoteCharacters), 1U);
+  EXPECT_THROW(Create("SN1", {std::string(3000, 'x')}), std::invalid_argument);
+  EXPECT_EQ(rig_.metrics().met(Limit::kTicketBytes), 1U);
+  const Delivered ticket = Deliver();
+  book().Answer(ticket.stream, ticket.id, false, std::string(513, 'x'));
+  rig_.Turn();
+  EXPECT_EQ(rig_.metrics().met(Limit::kReasonBytes), 1U);
+  EXPECT_THAT(rig_.Get(ticket.number).last_text, ::testing::HasSubstr(std::string(512, 'x') + "..."));
+}
+
+TEST_P(TicketBookTest, TrustDoesNotChangeWithTheSettings) {
+  TicketBook::Settings settings = rig_.settings();
+  settings.trust = Trust::kOwnAuthority;
+  book().SetSettings(settings);
+  rig_.Connect("SN1");
+  EXPECT_EQ(rig_.Devices().size(), 1U) << "on its word";
+}
+
 TEST_P(TicketBookTest, TwinsAreToldFromADeviceThatReconnects) {
   const TicketNumber number = Create();
   StreamId stream = rig_.Connect("SN1");
@@ -510,6 +619,7 @@ TEST_P(TicketBookTest, OneTicketHasSoManyArchivesAndNoMore) {
     EXPECT_EQ(Upload(ticket.number, "h" + std::to_string(version), version), UploadFate::kKept);
   }
   EXPECT_EQ(Upload(ticket.number, "h17", 17), UploadFate::kTooMany);
+  EXPECT_EQ(rig_.metrics().met(Limit::kArchivesPerTicket), 1U);
   EXPECT_EQ(Upload(ticket.number, "h3", 18), UploadFate::kRepeated);
   EXPECT_TRUE(Report(ticket.number));
 }
