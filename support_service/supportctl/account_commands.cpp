@@ -1,9 +1,22 @@
+#include <string_view>
+
 #include "session.h"
 
 namespace TarvoOrvane::Supportctl {
 namespace {
 
 std::string UserPath(const Session& session) { return "/users/" + Escaped(session.options.name); }
+
+/// @param nothing  Where the limit has no such member.
+std::string AmountText(const Json::Value& limit, const char* member, const char* nothing) {
+  if (!limit.isMember(member)) return nothing;
+  constexpr std::string_view kBytes = "_bytes";
+  const std::string name = TextOf(limit, "name");
+  const bool is_size = name.size() > kBytes.size() && name.substr(name.size() - kBytes.size()) == kBytes;
+  const std::uint64_t amount = NumberOf(limit, member);
+  constexpr std::uint64_t kMiB = 1 << 20;  // below that each byte may matter
+  return is_size && amount >= kMiB ? SizeText(amount) : std::to_string(amount);
+}
 
 }  // namespace
 
@@ -78,6 +91,37 @@ ExitStatus ListAudit(Session& session) {
                                 Safe(TextOf(record, "from")), Safe(TextOf(record, "action")),
                                 Safe(TextOf(record, "object")), Safe(TextOf(record, "detail"))});
                    });
+}
+
+ExitStatus ShowSettings(Session& session) {
+  const Json::Value settings = session.api.Get("/settings");
+  if (session.options.json) {
+    PrintJson(session.console.out, settings);
+    return ExitStatus::kDone;
+  }
+  std::string names;
+  for (const std::string& name : TextsOf(settings, "names")) {
+    names += (names.empty() ? "" : ", ") + Safe(name);
+  }
+  PrintFields(session.console.out, {{"Version", Safe(TextOf(settings, "version"))},
+                                    {"Started", ShortTime(TextOf(settings, "started"))},
+                                    {"Devices show", Safe(TextOf(settings, "trust"))},
+                                    {"Names", names},
+                                    {"Tickets", Safe(TextOf(settings, "grpc_url"))},
+                                    {"Uploads", Safe(TextOf(settings, "http_url"))},
+                                    {"API", Safe(OptionalTextOf(settings, "api_url"))},
+                                    {"Free on disk", SizeText(NumberOf(settings, "disk_free_bytes"))}});
+  session.console.out << "\n";
+  Table table({"LIMIT", "USED", "OF", "TIMES MET"});
+  for (const Json::Value& limit : ListOf(settings, "limits")) {
+    const std::uint64_t met = NumberOf(limit, "met");
+    table.Add({Safe(TextOf(limit, "name")),
+               AmountText(limit, "used", "-"),
+               AmountText(limit, "most", "no limit"),
+               {std::to_string(met), met == 0 ? Cell::Colour::kNone : Cell::Colour::kBad}});
+  }
+  table.Print(session.console.out, session.console.has_colours);
+  return ExitStatus::kDone;
 }
 
 ExitStatus ShowWhoAmI(Session& session) {

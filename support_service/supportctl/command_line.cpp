@@ -290,6 +290,8 @@ The secret is never told again.)");
   void AddReports() {
     AddLimit(Add(app_, Command::kAudit, "audit", "List who did what, newest first",
                  "  supportctl audit --limit 200"));
+    Add(app_, Command::kSettings, "settings",
+        "Show what the service runs with, and how much of its limits is used", "  supportctl settings");
     Add(app_, Command::kWhoAmI, "whoami", "Show the service, and as whom it sees you",
         "  supportctl --url https://support.example:8443 --token-file token whoami");
   }

@@ -32,6 +32,7 @@ enum class Command {
   kAddToken,
   kRemoveToken,
   kAudit,
+  kSettings,
   kWhoAmI
 };
 

@@ -56,6 +56,8 @@ ExitStatus Dispatch(Session& session) {
       return RemoveToken(session);
     case Command::kAudit:
       return ListAudit(session);
+    case Command::kSettings:
+      return ShowSettings(session);
     case Command::kWhoAmI:
       return ShowWhoAmI(session);
   }

@@ -47,6 +47,7 @@ ExitStatus ListTokens(Session& session);
 ExitStatus AddToken(Session& session);
 ExitStatus RemoveToken(Session& session);
 ExitStatus ListAudit(Session& session);
+ExitStatus ShowSettings(Session& session);
 ExitStatus ShowWhoAmI(Session& session);
 
 /// Prints a list: as JSON where that is asked for, else as the table that `add` fills with the list's elements.

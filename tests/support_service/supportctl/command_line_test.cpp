@@ -44,6 +44,7 @@ TEST(SupportctlLineTest, EachCommandIsKnownByItsWords) {
            {{"tokens", "add", "night", "--role", "viewer"}, Command::kAddToken},
            {{"tokens", "remove", "1"}, Command::kRemoveToken},
            {{"audit"}, Command::kAudit},
+           {{"settings"}, Command::kSettings},
            {{"whoami"}, Command::kWhoAmI},
        }) {
     const ParsedLine line = Line(row.words);

@@ -169,5 +169,41 @@ TEST_F(SupportctlListTest, AuditAndServiceAreShown) {
   EXPECT_EQ(Run({"whoami", "--json"}).Json(), service);
 }
 
+TEST_F(SupportctlListTest, SettingsShowHowMuchOfEachLimitIsUsed) {
+  Json::Value settings;
+  settings["version"] = "1.2.3";
+  settings["started"] = kTime;
+  settings["trust"] = "own_authority";
+  settings["names"].append("support.example.org");
+  settings["grpc_url"] = "https://support.example.org:50051";
+  settings["http_url"] = "https://support.example.org:8443";
+  settings["retry_seconds"] = 2;
+  settings["disk_free_bytes"] = Json::Int64{1} << 31;
+  Json::Value limit;
+  limit["name"] = "archive_bytes";
+  limit["most"] = Json::Int64{1} << 30;
+  limit["used"] = 1 << 20;
+  limit["met"] = 3;
+  settings["limits"].append(limit);
+  limit = {};
+  limit["name"] = "archive_days";
+  limit["met"] = 0;
+  settings["limits"].append(limit);
+  server_.On("GET", "/settings", {Answers(settings)});
+  EXPECT_EQ(Run({"settings"}).out,
+            "Version       1.2.3\n"
+            "Started       2026-11-23 14:05\n"
+            "Devices show  own_authority\n"
+            "Names         support.example.org\n"
+            "Tickets       https://support.example.org:50051\n"
+            "Uploads       https://support.example.org:8443\n"
+            "Free on disk  2 GiB\n"
+            "\n"
+            "LIMIT          USED   OF        TIMES MET\n"
+            "archive_bytes  1 MiB  1 GiB     3\n"
+            "archive_days   -      no limit  0\n");
+  EXPECT_EQ(Run({"settings", "--json"}).Json(), settings);
+}
+
 }  // namespace
 }  // namespace TarvoOrvane::Supportctl
