@@ -25,6 +25,7 @@
 #include "overview.h"
 #include "passwords.h"
 #include "store.h"
+#include "upkeep.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -43,6 +44,7 @@ struct ApiDesk {
   const LimitedEvents& log;  ///< For what anybody can cause.
   const Overview& overview;
   Metrics& metrics;
+  const Upkeep& upkeep;
 };
 
 /// Who asks.

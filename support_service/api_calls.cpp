@@ -654,4 +654,128 @@ void ListAudit(ApiCall& call, const AnswerSink& done) {
       [](const AuditRecord& record) { return std::to_string(record.number); }));
 }
 
+// ---------- the service itself ----------
+
+namespace {
+
+/// So many missing archives are named.
+constexpr std::size_t kMostMissing = 20;
+
+Json::Value DiskHealth(const DiskRoom& room) {
+  Json::Value value(Json::objectValue);
+  const DiskRoom::View disk = room.Look();
+  if (disk.whole_bytes == 0) return value;
+  value["size_bytes"] = Json::UInt64{disk.whole_bytes};
+  value["free_bytes"] = Json::UInt64{disk.free_bytes};
+  value["stays_free_bytes"] = Json::UInt64{disk.stays_free_bytes};
+  return value;
+}
+
+Json::Value DeviceHealth(const std::vector<DeviceView>& connected) {
+  Json::Value value(Json::objectValue);
+  value["connected"] = Json::UInt64{connected.size()};
+  value["twins"] = Json::Value(Json::arrayValue);
+  for (const DeviceView& view : connected) {
+    if (!view.twin.empty()) value["twins"].append(Printable(view.serial_number));
+  }
+  return value;
+}
+
+Json::Value TicketHealth(const std::vector<Ticket>& open) {
+  Json::Value value(Json::objectValue);
+  std::uint64_t overdue = 0;
+  for (const Ticket& ticket : open) {
+    overdue += ticket.overdue ? 1 : 0;
+    // They come oldest first.
+    if (ticket.state != TicketState::kQueued || value.isMember("oldest_queued")) continue;
+    value["oldest_queued"]["id"] = ticket.id;
+    value["oldest_queued"]["device"] = ticket.device;
+    value["oldest_queued"]["created"] = TimeText(ticket.created);
+  }
+  value["open"] = Json::UInt64{open.size()};
+  value["overdue"] = Json::UInt64{overdue};
+  return value;
+}
+
+Json::Value ArchiveHealth(const Store& store, const ArchiveStore& archives) {
+  Json::Value value(Json::objectValue);
+  std::uint64_t known = 0;
+  std::uint64_t missing = 0;
+  value["missing"] = Json::Value(Json::arrayValue);
+  for (const ArchiveName& archive : store.Archives()) {
+    if (archive.deleted) continue;
+    ++known;
+    const auto path = archives.PathOf(archive.ticket_id, archive.version);
+    if (access(path.c_str(), F_OK) == 0) continue;
+    if (missing++ < kMostMissing) value["missing"].append(path.filename().string());
+  }
+  value["known"] = Json::UInt64{known};
+  value["missing_count"] = Json::UInt64{missing};
+  return value;
+}
+
+Json::Value WebhookHealth(const WebhookCounts& counts) {
+  Json::Value value(Json::objectValue);
+  value["waiting"] = Json::UInt64{counts.waiting};
+  value["delivered"] = Json::UInt64{counts.delivered};
+  value["failed"] = Json::UInt64{counts.failed};
+  value["given_up"] = Json::UInt64{counts.given_up};
+  return value;
+}
+
+}  // namespace
+
+void GetHealth(ApiCall& call, const AnswerSink& done) {
+  const auto answer = [&call](const std::vector<DeviceView>& connected) {
+    const ApiDesk& desk = call.desk;
+    Json::Value health(Json::objectValue);
+    health["time"] = TimeText(Now().wall);
+    if (const auto until = desk.upkeep.identity.certificate_until()) {
+      health["certificate_until"] = TimeText(*until);
+    }
+    health["disk"] = DiskHealth(desk.upkeep.room);
+    health["devices"] = DeviceHealth(connected);
+    health["tickets"] = TicketHealth(desk.store.OpenTickets());
+    health["archives"] = ArchiveHealth(desk.store, desk.archives);
+    if (desk.upkeep.webhook.is_on) health["webhook"] = WebhookHealth(desk.upkeep.webhook);
+    return JsonAnswer(health);
+  };
+  Ask(
+      call, [](TicketBook& book) { return book.Connected("", "", kAnyNumber); }, answer, done);
+}
+
+namespace {
+
+constexpr char kBusy[] = "a backup is being made: wait for its end";
+
+}  // namespace
+
+void MakeBackup(ApiCall& call, const AnswerSink& done) {
+  const std::string archives = call.QueryText("archives");
+  if (!archives.empty() && archives != "false") {
+    throw ApiError("bad_request", "\"archives\" must be false, or left out");
+  }
+  if (call.desk.upkeep.backups.IsBusy()) throw ApiError("conflict", kBusy);
+  const bool with_archives = archives.empty();
+  const auto ready = [&call, done](std::shared_ptr<BodySource> body, const std::string& fault) {
+    if (!body) return done(NotRemembered(call, fault));
+    HttpAnswer answer;
+    answer.headers = {{MHD_HTTP_HEADER_CONTENT_TYPE, "application/x-tar"},
+                      {MHD_HTTP_HEADER_CACHE_CONTROL, "no-store"}};
+    answer.source = std::move(body);
+    done(std::move(answer));
+  };
+  // The record comes first, so that the backup has it.
+  Act(
+      call, "conflict",
+      [actor = call.caller.actor, with_archives](TicketBook& book) {
+        book.registry().Record(actor, "make backup", "", with_archives ? "" : "without archives");
+        return NoContent();
+      },
+      [&call, with_archives, ready, done](HttpAnswer recorded) {
+        if (recorded.status != MHD_HTTP_NO_CONTENT) return done(std::move(recorded));
+        if (!call.desk.upkeep.backups.Begin(with_archives, ready)) done(ErrorAnswer("conflict", kBusy));
+      });
+}
+
 }  // namespace TarvoOrvane::SupportService

@@ -37,5 +37,7 @@ void ListTokens(ApiCall& call, const AnswerSink& done);
 void AddToken(ApiCall& call, const AnswerSink& done);
 void RemoveToken(ApiCall& call, const AnswerSink& done);
 void ListAudit(ApiCall& call, const AnswerSink& done);
+void GetHealth(ApiCall& call, const AnswerSink& done);
+void MakeBackup(ApiCall& call, const AnswerSink& done);
 
 }  // namespace TarvoOrvane::SupportService

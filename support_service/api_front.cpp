@@ -64,6 +64,8 @@ constexpr Route kRoutes[] = {
     {"POST", "/tokens", Role::kAdmin, true, AddToken},
     {"DELETE", "/tokens/*", Role::kAdmin, false, RemoveToken},
     {"GET", "/audit", Role::kAdmin, false, ListAudit},
+    {"GET", "/health", Role::kAdmin, false, GetHealth},
+    {"GET", "/backup", Role::kAdmin, false, MakeBackup},
 };
 
 /// What an operation is called in the metrics.
@@ -283,7 +285,7 @@ class MetricsExchange final : public Exchange {
 
 ApiFront::ApiFront(Dispatcher& dispatcher, const Store& store, const ArchiveStore& archives,
                    DiskWorkers& disk, const Enroller& enroller, const Overview& overview, Metrics& metrics,
-                   const EventSink& events)
+                   const Upkeep& upkeep, const EventSink& events)
     : dispatcher_(dispatcher),
       feed_(store, metrics),
       addresses_(kTriesOfAddress, kAddressPause),
@@ -291,8 +293,8 @@ ApiFront::ApiFront(Dispatcher& dispatcher, const Store& store, const ArchiveStor
       hashing_(1),
       readers_(kReaders),
       strangers_(events),
-      desk_{dispatcher, store,  archives, disk,       enroller, feed_,  hashing_,
-            addresses_, names_, readers_, strangers_, overview, metrics} {
+      desk_{dispatcher, store,  archives, disk,       enroller, feed_,   hashing_,
+            addresses_, names_, readers_, strangers_, overview, metrics, upkeep} {
   dispatcher_.SetNewsSink([this] { feed_.Notify(); });
 }
 

@@ -15,7 +15,8 @@ class ApiFront {
   /// @param overview  Lives longer than the front.
   /// @param events  Takes what went wrong, and what strangers try.
   ApiFront(Dispatcher& dispatcher, const Store& store, const ArchiveStore& archives, DiskWorkers& disk,
-           const Enroller& enroller, const Overview& overview, Metrics& metrics, const EventSink& events);
+           const Enroller& enroller, const Overview& overview, Metrics& metrics, const Upkeep& upkeep,
+           const EventSink& events);
   /// Followers of events are not woken any more.
   ~ApiFront();
   ApiFront(const ApiFront&) = delete;
@@ -23,6 +24,8 @@ class ApiFront {
 
   /// For HttpServer.
   std::unique_ptr<Exchange> Begin(HttpRequest& request);
+
+  [[nodiscard]] EventFeed& feed() { return feed_; }
 
  private:
   /// @param operation  For the metrics; empty where the request is for none.

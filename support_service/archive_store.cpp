@@ -43,6 +43,13 @@ void TakeDataFolder(const fs::path& folder) {
   if (chmod(folder.c_str(), 0700) == -1) ThrowErrno("cannot close " + folder.string() + " to others");
 }
 
+/// What a restore has left unfinished is no data folder: a service would begin anew with what is there.
+void RequireRestored(const fs::path& folder) {
+  if (!fs::exists(folder / kRestoring)) return;
+  throw std::runtime_error("a backup was not restored to its end in " + folder.string() +
+                           ": empty the folder, and restore it again");
+}
+
 int LockFolder(const fs::path& folder) {
   // O_NOFOLLOW: a link there would have been put by somebody else.
   const fs::path path = folder / "lock";
@@ -95,6 +102,7 @@ void IncomingArchive::Finish() {
 
 ArchiveStore::ArchiveStore(const fs::path& data_folder) : folder_(data_folder) {
   TakeDataFolder(folder_);
+  RequireRestored(folder_);
   lock_fd_ = LockFolder(folder_);
   try {
     MakePrivateFolder(folder_ / "incoming");

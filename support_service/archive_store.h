@@ -22,6 +22,9 @@
 
 namespace TarvoOrvane::SupportService {
 
+/// Of the data folder: what a backup is restored to, until it is complete.
+inline constexpr char kRestoring[] = "restoring";
+
 /// An archive that is being received. It lies in DATA/incoming and is removed with the object, unless it was given a
 /// name. Used by one thread at a time.
 class IncomingArchive {

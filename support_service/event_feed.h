@@ -37,14 +37,15 @@ class EventFeed {
   [[nodiscard]] std::shared_ptr<BodySource> Follow(EventNumber after, std::optional<TicketNumber> ticket,
                                                    std::function<bool()> may_go_on);
 
+  /// Has `wake` called once, in the feed's thread: at the next event, or after kQuiet. It must not block.
+  void Await(std::function<void()> wake);
+
   /// So often there is a comment while nothing happens: by this a lost connection is found.
   static constexpr std::chrono::seconds kQuiet{15};
 
  private:
   friend class FollowedEvents;
 
-  /// Has `wake` called at the next event, or after kQuiet.
-  void Await(std::function<void()> wake);
   void Run();
 
   const Store& store_;

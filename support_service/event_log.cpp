@@ -57,7 +57,7 @@ void LimitedEvents::Write(const std::string& event) const {
   budget_->events(event);
 }
 
-EventLog::EventLog(int fd) : fd_(fd), thread_([this] { Run(); }) {}
+EventLog::EventLog(int fd, LogFormat format) : fd_(fd), format_(format), thread_([this] { Run(); }) {}
 
 EventLog::~EventLog() {
   {
@@ -68,11 +68,23 @@ EventLog::~EventLog() {
   thread_.join();
 }
 
-void EventLog::Write(const std::string& event) {
-  WritePlain(TimeText(std::chrono::system_clock::now()) + " " + event);
+/// The event with the present time.
+std::string EventLog::LineOf(const std::string& event) const {
+  const std::string time = TimeText(std::chrono::system_clock::now());
+  if (format_ == LogFormat::kPlain) return time + " " + event;
+  Json::Value line(Json::objectValue);
+  line["time"] = time;
+  line["message"] = event;
+  return CompactJson(line);
 }
 
+void EventLog::Write(const std::string& event) { Append(LineOf(event)); }
+
 void EventLog::WritePlain(const std::string& line) {
+  Append(format_ == LogFormat::kPlain ? line : LineOf(line));
+}
+
+void EventLog::Append(const std::string& line) {
   const std::lock_guard<std::mutex> lock(mutex_);
   // Once something is left out the rest waits for its turn, or the line that counts would come too late.
   if (left_out_ > 0 || waiting_.size() + line.size() > kMaxWaiting) {
@@ -95,8 +107,8 @@ void EventLog::Run() {
     lock.lock();
     if (!goes_on) return;
     if (left_out_ == 0) continue;
-    waiting_ += TimeText(std::chrono::system_clock::now()) + " " + std::to_string(left_out_) +
-                " events are left out here: their reader was too slow\n";
+    waiting_ +=
+        LineOf(std::to_string(left_out_) + " events are left out here: their reader was too slow") + "\n";
     left_out_ = 0;
   }
 }

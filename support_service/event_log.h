@@ -1,4 +1,4 @@
-/// The service's event lines: one line per event on standard output, safe to read in a terminal. Whoever reports an
+/// The service's event lines: one line per event on standard output, safe to read in a terminal, or one JSON object. Whoever reports an
 /// event has made what came from outside printable (text_forms.h).
 #pragma once
 
@@ -41,6 +41,12 @@ class LimitedEvents {
 /// How many events of this process were left out, by either of these classes.
 [[nodiscard]] std::uint64_t EventsLeftOut();
 
+/// How an event stands in a line.
+enum class LogFormat {
+  kPlain,  ///< TIME EVENT
+  kJson    ///< {"message": EVENT, "time": TIME}
+};
+
 /// Writes each event as one line with its time. A thread of its own writes, so that a reader who stalls holds up nobody:
 /// lines that find no room are left out, and counted in a line of their own. An event whose reader has gone or whose
 /// file is full is dropped: the service does its work without its log.
@@ -48,7 +54,7 @@ class EventLog {
  public:
   /// Starts the thread.
   /// @param fd  Descriptor to write to; stays the caller's.
-  explicit EventLog(int fd);
+  explicit EventLog(int fd, LogFormat format = LogFormat::kPlain);
   /// Writes what is left, for as long as its reader takes some of it each second.
   ~EventLog();
   EventLog(const EventLog&) = delete;
@@ -57,18 +63,21 @@ class EventLog {
   /// Takes an event, with the present time in UTC. Any thread may call it; it does not wait.
   void Write(const std::string& event);
 
-  /// Takes a line as it stands, for lines that programs read.
+  /// Takes a line for programs: as it stands, without a time. In JSON it is an event as any other.
   void WritePlain(const std::string& line);
 
   /// So much waits to be written at most, in bytes.
   static constexpr std::size_t kMaxWaiting = std::size_t{1} << 20;
 
  private:
+  [[nodiscard]] std::string LineOf(const std::string& event) const;
+  void Append(const std::string& line);
   void Run();
   bool WriteAll(std::string_view text);
   bool AwaitRoom();
 
   const int fd_;
+  const LogFormat format_;
   std::mutex mutex_;  ///< Guards what follows.
   std::condition_variable changed_;
   std::string waiting_;         ///< Lines that are not written yet.

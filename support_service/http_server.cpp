@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -34,43 +35,83 @@ HttpAnswer PlainAnswer(unsigned int status, const std::string& error) {
 
 /// At the server's end: for an answer to be taken by the system. Only a client that reads nothing needs so long.
 constexpr std::chrono::seconds kSendLimit{10};
+/// The same where requests were waited for already.
+constexpr std::chrono::seconds kSendLimitBehindWait{5};
 
-/// Counts the requests whose answers are awaited or not sent yet. The library drops both when it is stopped.
+/// Counts the requests: all of them, those whose answers are awaited, and those whose answers are not sent yet. The
+/// library drops all of them when it is stopped.
 class UnderWay {
  public:
-  /// @return false once the server ends.
+  using TimePoint = HttpServer::TimePoint;
+
+  /// A request's head was read.
+  /// @return false once none is taken any more.
   bool Begin() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (refusing_) return false;
+    ++open_;
+    changed_.notify_all();
+    return true;
+  }
+  /// The body of one that has begun is complete.
+  /// @return false once the server ends.
+  bool Await() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (ending_) return false;
     ++awaited_;
     ++unsent_;
     return true;
   }
-  /// The answer to one that has begun is there.
+  /// The answer to it is there.
   void NoteAnswer() {
     const std::lock_guard<std::mutex> lock(mutex_);
     --awaited_;
     changed_.notify_all();
   }
-  /// The library is done with one that has begun.
-  void End() {
+  /// The library is done with its answer.
+  void NoteSent() {
     const std::lock_guard<std::mutex> lock(mutex_);
     --unsent_;
     changed_.notify_all();
   }
-  /// Lets none begin, and waits for the end of those that have.
-  void Close() {
+  /// The library is done with one that has begun.
+  void End() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    --open_;
+    changed_.notify_all();
+  }
+  /// Lets none begin.
+  void Refuse() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    refusing_ = true;
+    changed_.notify_all();
+  }
+  /// As HttpServer::AwaitRequests().
+  std::size_t AwaitEnd(TimePoint deadline, std::chrono::milliseconds linger) {
     std::unique_lock<std::mutex> lock(mutex_);
-    ending_ = true;
+    while (open_ > 0) {
+      if (!changed_.wait_until(lock, deadline, [this] { return open_ == 0; })) break;
+      const TimePoint quiet = std::min(deadline, std::chrono::steady_clock::now() + linger);
+      if (!changed_.wait_until(lock, quiet, [this] { return open_ > 0 || refusing_; })) break;
+    }
+    return open_;
+  }
+  /// Lets none begin nor have its body complete, and waits for the answers to those that have.
+  /// @param last_moment  For an answer to be taken by the system.
+  void Close(TimePoint last_moment) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    refusing_ = ending_ = true;
     changed_.wait(lock, [this] { return awaited_ == 0; });
-    changed_.wait_for(lock, kSendLimit, [this] { return unsent_ == 0; });
+    changed_.wait_until(lock, last_moment, [this] { return unsent_ == 0; });
   }
 
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
-  int awaited_ = 0;
-  int unsent_ = 0;
+  std::size_t open_ = 0;
+  std::size_t awaited_ = 0;
+  std::size_t unsent_ = 0;
+  bool refusing_ = false;
   bool ending_ = false;
 };
 
@@ -80,6 +121,7 @@ struct HttpParts {
       : factory(std::move(the_factory)),
         own_answer(settings.own_answer),
         addresses(settings.addresses),
+        refuses_at_end(settings.refuses_at_end),
         heads(settings.head_limit) {
     const LimitedEvents limited(events);
     if (settings.tls) {
@@ -100,7 +142,8 @@ struct HttpParts {
 
   const HttpServer::Factory factory;
   HttpAnswer (*const own_answer)(unsigned int status, const std::string& error);
-  AddressLimit* const addresses;          ///< Null for no limit.
+  AddressLimit* const addresses;  ///< Null for no limit.
+  const bool refuses_at_end;
   std::unique_ptr<TlsIdentity> identity;  ///< Null for plaintext.
   std::string client_authority;           ///< In PEM form; empty where clients are asked for no certificates.
   sockaddr_storage address{};             ///< The listener's, with the port that the kernel chose.
@@ -136,7 +179,8 @@ struct Request {
   HttpRequest head;
   std::unique_ptr<Exchange> exchange;
   bool finished = false;             ///< Finish() was called; Abort() is not to be.
-  bool counted = false;              ///< It is one of those that are under way.
+  bool is_open = false;              ///< It is one of those that have begun.
+  bool is_unsent = false;            ///< It is one of those whose answers are not sent.
   std::optional<HttpAnswer> answer;  ///< Set before the connection is resumed.
 };
 
@@ -219,15 +263,26 @@ MHD_Result Queue(HttpParts& parts, MHD_Connection* connection, HttpAnswer& answe
   return result;
 }
 
+HttpAnswer EndAnswer(const HttpParts& parts) {
+  return parts.own_answer(MHD_HTTP_SERVICE_UNAVAILABLE, "the service shuts down");
+}
+
+/// Nobody waits for the request any more.
+void NoteEnd(HttpParts& parts, Request& request) {
+  if (std::exchange(request.is_unsent, false)) parts.under_way.NoteSent();
+  if (std::exchange(request.is_open, false)) parts.under_way.End();
+}
+
 /// Has the exchange finish while the library's thread serves others. OnRequest() is called once more with its answer.
 MHD_Result FinishLater(HttpParts& parts, MHD_Connection* connection, Request& request) {
   request.finished = true;
   // What is suspended when the server ends must have been counted before.
-  if (!parts.under_way.Begin()) {
-    HttpAnswer answer = parts.own_answer(MHD_HTTP_SERVICE_UNAVAILABLE, "the service shuts down");
+  if (!parts.under_way.Await()) {
+    if (!parts.refuses_at_end) return MHD_NO;
+    HttpAnswer answer = EndAnswer(parts);
     return Queue(parts, connection, answer);
   }
-  request.counted = true;
+  request.is_unsent = true;
   parts.heads.End(connection);
   MHD_suspend_connection(connection);
   const auto is_answered = std::make_shared<std::atomic<bool>>(false);
@@ -248,13 +303,16 @@ MHD_Result FinishLater(HttpParts& parts, MHD_Connection* connection, Request& re
 
 MHD_Result QueueFinished(HttpParts& parts, MHD_Connection* connection, Request& request) {
   // The server's end does not wait for a stream's. It ends it.
-  if (request.answer->source && std::exchange(request.counted, false)) parts.under_way.End();
+  if (request.answer->source) NoteEnd(parts, request);
   return Queue(parts, connection, *request.answer);
 }
 
 /// The head has come.
 MHD_Result BeginRequest(HttpParts& parts, MHD_Connection* connection, Request& request) {
-  request.exchange = parts.factory(request.head);
+  request.is_open = parts.under_way.Begin();
+  if (!request.is_open && !parts.refuses_at_end) return MHD_NO;
+  request.exchange =
+      request.is_open ? parts.factory(request.head) : std::make_unique<RefusedExchange>(EndAnswer(parts));
   const Exchange& exchange = *request.exchange;
   if (!exchange.IsShort()) parts.heads.End(connection);
   // To answer now, before the body, is for refusals alone, and only where the client can be expected to see it.
@@ -278,9 +336,8 @@ MHD_Result OnRequest(void* parts_pointer, MHD_Connection* connection, const char
       Verify(from, connection);
       auto fresh = std::make_unique<Request>(connection, method, url, from.peer);
       request = fresh.get();
-      const MHD_Result result = BeginRequest(parts, connection, *request);
-      *state = fresh.release();
-      return result;
+      *state = fresh.release();  // first: its end is noted whatever follows
+      return BeginRequest(parts, connection, *request);
     }
     if (*size > 0) {
       const bool go_on = request->exchange->TakeBody({data, *size});
@@ -310,9 +367,9 @@ void OnCompleted(void* parts_pointer, MHD_Connection* connection, void** state,
                  MHD_RequestTerminationCode code) noexcept {
   const std::unique_ptr<Request> request(static_cast<Request*>(*state));
   *state = nullptr;
-  if (request && !request->finished) request->exchange->Abort(CauseOf(code));
+  if (request && request->exchange && !request->finished) request->exchange->Abort(CauseOf(code));
   auto& parts = *static_cast<HttpParts*>(parts_pointer);
-  if (request && request->counted) parts.under_way.End();
+  if (request) NoteEnd(parts, *request);
   parts.heads.Begin(connection, DescriptorOf(connection));
 }
 
@@ -421,10 +478,20 @@ HttpServer::HttpServer(const HttpSettings& settings, Factory factory, const Even
       url_);
 }
 
+void HttpServer::Refuse() {
+  parts_->under_way.Refuse();
+  parts_->streams.End();
+}
+
+std::size_t HttpServer::AwaitRequests(TimePoint deadline, std::chrono::milliseconds linger) {
+  last_moment_ = deadline + kSendLimitBehindWait;
+  return parts_->under_way.AwaitEnd(deadline, linger);
+}
+
 HttpServer::~HttpServer() {
   if (!unix_path_.empty()) unlink(unix_path_.c_str());
   parts_->acceptor->Stop();
-  parts_->under_way.Close();
+  parts_->under_way.Close(last_moment_.value_or(std::chrono::steady_clock::now() + kSendLimit));
   parts_->streams.End();
 }
 

@@ -42,6 +42,9 @@ struct HttpSettings {
   AddressLimit* addresses = nullptr;
   /// Makes the answer where no exchange can: at the server's end (503), and when one failed (500).
   HttpAnswer (*own_answer)(unsigned int status, const std::string& error) = PlainAnswer;
+  /// What is asked at the server's end is answered by 503. Otherwise its connection ends without an answer, for clients
+  /// that try again only then.
+  bool refuses_at_end = true;
 };
 
 /// Used by the thread that made it.
@@ -64,6 +67,17 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  /// Ends event streams, and from now on takes no requests but those whose heads have come.
+  void Refuse();
+
+  /// Waits until no request is under way, for the service's end. Without Refuse() others may begin meanwhile.
+  /// @param deadline  It waits no longer.
+  /// @param linger    Where it has waited for one: what is asked within so long behind it is waited for, too.
+  /// @return How many are under way still. The server's end cuts off those whose bodies are not complete.
+  std::size_t AwaitRequests(TimePoint deadline, std::chrono::milliseconds linger);
+
   /// http://ADDRESS:PORT or https://ADDRESS:PORT, with the port that the kernel chose; unix:/path.
   [[nodiscard]] const std::string& url() const { return url_; }
 
@@ -71,6 +85,8 @@ class HttpServer {
   std::unique_ptr<HttpParts> parts_;
   std::string url_;
   std::string unix_path_;  ///< Empty for TCP.
+  std::optional<TimePoint>
+      last_moment_;  ///< For answers to be sent at the end; set where requests were waited for.
 };
 
 }  // namespace TarvoOrvane::SupportService

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "options.h"
+#include "restore.h"
 #include "service.h"
 #include "settings_change.h"
 #include "text_forms.h"
@@ -20,6 +21,7 @@ namespace {
 using TarvoOrvane::SupportService::EventLog;
 using TarvoOrvane::SupportService::ParseOptions;
 using TarvoOrvane::SupportService::Printable;
+using TarvoOrvane::SupportService::RestoreBackup;
 using TarvoOrvane::SupportService::ServiceSettings;
 using TarvoOrvane::SupportService::SupportService;
 using TarvoOrvane::SupportService::TakeChanges;
@@ -84,7 +86,7 @@ int Serve(ServiceSettings settings, int argc, const char* const* argv) {
   if (std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR) throw std::runtime_error("cannot ignore SIGXFSZ");
   RaiseDescriptorLimit();
   umask(0077);  // the control socket is open to its owner from its first moment
-  EventLog log(STDOUT_FILENO);
+  EventLog log(STDOUT_FILENO, settings.log_format);
   SupportService service(settings, [&log](const std::string& event) { log.Write(event); });
   log.WritePlain("grpc listening on " + service.grpc_url());
   log.WritePlain("css listening on " + service.css_url());
@@ -99,11 +101,18 @@ int Serve(ServiceSettings settings, int argc, const char* const* argv) {
   return 0;
 }
 
+int Restore(const std::filesystem::path& backup, const ServiceSettings& settings) {
+  umask(0077);
+  std::cout << RestoreBackup(backup, settings.data_folder) << std::flush;
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   try {
     const auto parsed = ParseOptions(argc, argv);
+    if (parsed.run && !parsed.restore.empty()) return Restore(parsed.restore, parsed.settings);
     if (parsed.run) return Serve(parsed.settings, argc, argv);
     (parsed.exit_status == 0 ? std::cout : std::cerr) << parsed.text;
     return parsed.exit_status;

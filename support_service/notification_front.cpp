@@ -277,9 +277,14 @@ NotificationFront::~NotificationFront() {
   server_.reset();
 }
 
+void NotificationFront::EndStreams() {
+  ending_ = true;
+  dispatcher_.Post([](TicketBook& book) { book.CloseAllStreams(); });
+}
+
 grpc::ServerBidiReactor<ClientMessage, ServerMessage>* NotificationFront::Open(
     grpc::CallbackServerContext* context) {
-  const StreamId id = dispatcher_.closed() ? 0 : ++last_stream_;
+  const StreamId id = ending_ || dispatcher_.closed() ? 0 : ++last_stream_;
   const auto stream = std::make_shared<DeviceStream>(*this, id, *context);
   if (id != 0) {
     {

@@ -43,6 +43,9 @@ class NotificationFront final : public tarvo::support::v1::NotificationService::
   /// or unix:/path.
   [[nodiscard]] const std::string& url() const { return url_; }
 
+  /// Ends all streams, and refuses further ones: the service ends.
+  void EndStreams();
+
   /// A device has opened a stream; gRPC calls it from a thread of its own.
   /// @return The stream's reactor. It owns itself until gRPC tells that the stream is done.
   grpc::ServerBidiReactor<tarvo::support::v1::ClientMessage, tarvo::support::v1::ServerMessage>* Open(
@@ -59,6 +62,7 @@ class NotificationFront final : public tarvo::support::v1::NotificationService::
 
   Dispatcher& dispatcher_;
   std::atomic<StreamId> last_stream_{0};
+  std::atomic<bool> ending_{false};
   std::mutex mutex_;                                           ///< Guards streams_.
   std::map<StreamId, std::shared_ptr<DeviceStream>> streams_;  ///< Until gRPC is done with each.
   std::unique_ptr<grpc::Server> server_;

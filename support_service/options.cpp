@@ -36,8 +36,13 @@ struct Given {
   std::string authority;
   std::string device_authority;
   bool allow_list = false;
+  std::string log_format = "plain";
+  std::string webhook_secret_file;
+  std::string webhook_authority;
   bool check_config = false;
+  std::string restore;
   std::int64_t retry_seconds = 2;
+  std::int64_t stop_seconds = 10;
 };
 
 void AddAddresses(CLI::App& app, ServiceSettings& settings) {
@@ -122,6 +127,16 @@ void AddRetention(CLI::App& app, RetentionSettings& retention) {
            "So many of one device are kept. 0 for any number");
 }
 
+void AddWebhook(CLI::App& app, Given& given, ServiceSettings& settings) {
+  app.add_option("--webhook-url", settings.webhook.url,
+                 "Is told when a ticket ends: https://HOST/PATH, or http on this machine");
+  app.add_option("--webhook-secret-file", given.webhook_secret_file,
+                 "File whose first line signs what is told there");
+  app.add_option(
+      "--webhook-authority", given.webhook_authority,
+      "PEM file of who issues the receiver's certificate, in place of those that the system trusts");
+}
+
 /// @throws std::invalid_argument when the file can't be read.
 void CheckReadable(const char* option, const std::filesystem::path& file) {
   if (file.empty() || access(file.c_str(), R_OK) == 0) return;
@@ -129,12 +144,38 @@ void CheckReadable(const char* option, const std::filesystem::path& file) {
                               std::generic_category().message(errno));
 }
 
+/// @throws std::invalid_argument or std::runtime_error when there can't be such a webhook.
+void TakeWebhook(const Given& given, WebhookSettings& webhook) {
+  if (webhook.url.empty() && given.webhook_secret_file.empty() && given.webhook_authority.empty()) return;
+  if (webhook.url.empty() || given.webhook_secret_file.empty()) {
+    throw std::invalid_argument("--webhook-url and --webhook-secret-file go together");
+  }
+  if (const std::string fault = WebhookUrlFault(webhook.url); !fault.empty()) {
+    throw std::invalid_argument("--webhook-url " + fault);
+  }
+  CheckReadable("--webhook-authority", given.webhook_authority);
+  webhook.authority = given.webhook_authority;
+  try {
+    webhook.secret = ReadWebhookSecret(given.webhook_secret_file);
+  } catch (const std::exception& fault) {
+    throw std::invalid_argument(std::string("--webhook-secret-file: ") + fault.what());
+  }
+}
+
+/// @throws std::invalid_argument when it is none.
+void TakeDataFolderName(const Given& given, ServiceSettings& settings) {
+  if (given.data_folder.empty()) throw std::invalid_argument("--data: the folder's name is empty");
+  settings.data_folder = given.data_folder;
+}
+
 /// Takes over what the parser can't.
 /// @throws std::invalid_argument or std::runtime_error when the service could not be started so.
 void Complete(const Given& given, ServiceSettings& settings) {
   IdentitySettings& identity = settings.identity;
-  settings.data_folder = given.data_folder;
+  TakeDataFolderName(given, settings);
+  if (given.log_format == "json") settings.log_format = LogFormat::kJson;
   settings.tickets.retry_pause = std::chrono::seconds(given.retry_seconds);
+  settings.stop_limit = std::chrono::seconds(given.stop_seconds);
   identity.certificate = given.certificate;
   identity.key = given.key;
   identity.authority = given.authority;
@@ -150,7 +191,6 @@ void Complete(const Given& given, ServiceSettings& settings) {
   const bool has_any = !given.certificate.empty() || !given.key.empty() || !given.authority.empty();
   const bool has_all = !given.certificate.empty() && !given.key.empty() && !given.authority.empty();
   if (has_any && !has_all) throw std::invalid_argument("--certificate, --key and --authority go together");
-  if (settings.data_folder.empty()) throw std::invalid_argument("--data: the folder's name is empty");
   const ListenAddress grpc = ParseListenAddress(settings.grpc_address, true);
   if (!grpc.unix_path.empty() && !given.allow_list) {
     throw std::invalid_argument(
@@ -177,6 +217,7 @@ void Complete(const Given& given, ServiceSettings& settings) {
     static_cast<void>(ReadAuthority(identity.authority));
   }
   if (!identity.device_authority.empty()) static_cast<void>(ReadAuthority(identity.device_authority));
+  TakeWebhook(given, settings.webhook);
 }
 
 void Refuse(ParsedOptions& parsed, const std::string& why) {
@@ -198,6 +239,10 @@ ParsedOptions ParseOptions(int argc, const char* const* argv) {
   app.add_flag("--check-config", given.check_config,
                "Say whether the options and the file can be used, and end")
       ->configurable(false);
+  app.add_option("--restore", given.restore,
+                 "Restore this backup to the data folder, which has to be empty, and end")
+      ->type_name("FILE")
+      ->configurable(false);
   AddAddresses(app, parsed.settings);
   app.add_option("--data", given.data_folder, "Folder for tickets, archives and the control socket")
       ->capture_default_str();
@@ -208,10 +253,25 @@ ParsedOptions ParseOptions(int argc, const char* const* argv) {
       ->capture_default_str();
   AddLimits(app, parsed.settings);
   AddRetention(app, parsed.settings.retention);
+  app.add_option("--stop-seconds", given.stop_seconds,
+                 "At its end it waits so long for uploads that are under way")
+      ->check(CLI::Range(std::int64_t{0}, kLongestPause))
+      ->capture_default_str();
+  AddWebhook(app, given, parsed.settings);
+  app.add_option("--log-format", given.log_format,
+                 "How events are printed: plain, or json for one object a line")
+      ->check(CLI::IsMember({"plain", "json"}))
+      ->capture_default_str();
   app.footer(kExamples);
   try {
     app.parse(argc, argv);
-    Complete(given, parsed.settings);
+    parsed.restore = given.restore;
+    if (parsed.restore.empty()) {
+      Complete(given, parsed.settings);
+    } else {
+      // Files that systemd hands over to the service are not there while that is stopped.
+      TakeDataFolderName(given, parsed.settings);
+    }
     parsed.run = !given.check_config;
     if (given.check_config) parsed.text = "the configuration can be used\n";
   } catch (const CLI::ParseError& error) {

@@ -231,6 +231,10 @@ void Registry::Record(const Actor& actor, const std::string& action, const std::
   changes_.emplace_back(AuditRecord{++last_audit_, clock_().wall, actor, action, object, detail});
 }
 
+void Registry::SetWebhookPosition(std::optional<EventNumber> told) {
+  changes_.emplace_back(WebhookPosition{told});
+}
+
 void Registry::RecordRefusal(const Actor& actor, const std::string& action, const std::string& object,
                              const std::string& detail) {
   if (!refusals_.Try(actor.who)) {

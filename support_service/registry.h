@@ -90,6 +90,9 @@ class Registry {
   void Record(const Actor& actor, const std::string& action, const std::string& object,
               const std::string& detail = "");
 
+  /// The webhook has told of all tickets' ends up to this event; nothing: there is no webhook.
+  void SetWebhookPosition(std::optional<EventNumber> told);
+
   // For the ticket book.
 
   /// A device as it is, also if that is not remembered yet.

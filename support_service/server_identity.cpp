@@ -61,6 +61,19 @@ TlsSettings ServerIdentity::ForDevices() const {
   return tls;
 }
 
+std::optional<WallTime> ServerIdentity::certificate_until() const {
+  if (!trusted_by_devices_) return std::nullopt;
+  std::ostringstream text;
+  text << std::ifstream(ForPeople().certificate).rdbuf();
+  const std::string pem = text.str();
+  constexpr std::string_view kEnd = "-----END CERTIFICATE-----";
+  const std::size_t end = pem.find(kEnd);  // of the first one; those behind it lead to its authority
+  const Certificate own =
+      end == std::string::npos ? nullptr : CertificateOf(pem.substr(0, end + kEnd.size()) + "\n");
+  if (!own) return std::nullopt;
+  return EndOf(own.get());
+}
+
 const Authority* ServerIdentity::device_authority() const {
   return trust_ == Trust::kOwnAuthority ? own_.get() : nullptr;
 }

@@ -51,6 +51,12 @@ HttpAnswer ApiAnswer(unsigned int status, const std::string& error) {
   return ErrorAnswer(status == MHD_HTTP_SERVICE_UNAVAILABLE ? "unavailable" : "internal", error);
 }
 
+/// Of the file server.
+HttpSettings CssSettings(HttpSettings http) {
+  http.refuses_at_end = false;
+  return http;
+}
+
 HttpSettings HttpSettingsFor(const ServiceSettings& settings, ListenAddress address,
                              std::optional<TlsSettings> tls,
                              HttpAnswer (*own_answer)(unsigned int, const std::string&)) {
@@ -77,7 +83,9 @@ std::string UrlForDevices(const ServiceSettings& settings, const std::string& ur
 }  // namespace
 
 SupportService::SupportService(const ServiceSettings& settings, const EventSink& events)
-    : archives_(settings.data_folder),
+    : events_(events),
+      stop_limit_(settings.stop_limit),
+      archives_(settings.data_folder),
       store_(settings.data_folder / "tickets.db"),
       identity_(settings.identity, settings.tickets.trust, UsesTlsAnywhere(settings), settings.data_folder,
                 events),
@@ -88,19 +96,22 @@ SupportService::SupportService(const ServiceSettings& settings, const EventSink&
       people_addresses_(settings.connections_per_address, metrics_, events),
       overview_({store_, room_, metrics_, {&css_addresses_, &people_addresses_}, identity_.Certificates()},
                 settings),
+      backups_(store_, archives_, settings.data_folder, room_, events),
+      upkeep_{backups_, identity_, room_, webhook_counts_},
       notification_(dispatcher_, GrpcAddress(settings),
                     DevicesTls(settings, identity_, GrpcAddress(settings))),
       css_desk_{
           dispatcher_,           store_, archives_, disk_, room_, settings.tickets.trust, largest_upload_,
           LimitedEvents(events), events, metrics_},
       css_(
-          CountedBy(css_addresses_,
-                    HttpSettingsFor(settings, CssAddress(settings),
-                                    DevicesTls(settings, identity_, CssAddress(settings)), CssAnswer)),
+          CssSettings(
+              CountedBy(css_addresses_,
+                        HttpSettingsFor(settings, CssAddress(settings),
+                                        DevicesTls(settings, identity_, CssAddress(settings)), CssAnswer))),
           [this](HttpRequest& request) { return BeginExchange(css_desk_, request); }, events),
       enroller_(settings.tickets.trust, identity_.device_authority(), identity_.trusted_by_devices(),
                 UrlForDevices(settings, notification_.url()), UrlForDevices(settings, css_.url())),
-      api_(dispatcher_, store_, archives_, disk_, enroller_, overview_, metrics_, events),
+      api_(dispatcher_, store_, archives_, disk_, enroller_, overview_, metrics_, upkeep_, events),
       control_socket_(ControlSocketPath(settings.data_folder)),
       control_(
           HttpSettingsFor(settings, ParseListenAddress("unix:" + control_socket_, true), std::nullopt,
@@ -108,6 +119,7 @@ SupportService::SupportService(const ServiceSettings& settings, const EventSink&
           [this](HttpRequest& request) { return api_.Begin(request); }, events),
       retention_(ResolvedRetention(settings.retention, room_),
                  std::make_unique<Retention>(dispatcher_, store_, archives_, metrics_, events), events) {
+  StartWebhook(settings.webhook, events);
   if (!settings.api_address.empty()) ServePeople(settings, events);
   overview_.SetUrls(grpc_url(), css_url(), api_url());
 }
@@ -133,7 +145,34 @@ void SupportService::SetSettings(const ServiceSettings& settings) {
   overview_.SetSettings(settings);
 }
 
+void SupportService::StartWebhook(const WebhookSettings& settings, const EventSink& events) {
+  if (!settings.url.empty()) {
+    webhook_.emplace(settings, dispatcher_, store_, api_.feed(), webhook_counts_, events);
+  } else if (store_.ToldByWebhook()) {
+    // Whoever sets one up again some day wants to hear what ends from then on.
+    dispatcher_.Post([](TicketBook& book) { book.registry().SetWebhookPosition(std::nullopt); });
+  }
+}
+
 // Members end in reverse order: complete requests get their answers first, then the streams end, then the rest.
-SupportService::~SupportService() = default;
+SupportService::~SupportService() { Stop(); }
+
+/// Devices' requests are taken for as long as there is an upload: a device takes no refusal for a reason to try again,
+/// but a connection that ends without an answer. And behind an upload comes its report.
+void SupportService::Stop() {
+  constexpr std::chrono::seconds kReportComesWithin{1};
+  const auto deadline = std::chrono::steady_clock::now() + stop_limit_;
+  notification_.EndStreams();
+  backups_.Cancel();
+  control_.Refuse();
+  if (people_) people_->Refuse();
+  webhook_.reset();
+  const std::size_t cut_off = css_.AwaitRequests(deadline, kReportComesWithin);
+  static_cast<void>(control_.AwaitRequests(deadline, {}));
+  if (people_) static_cast<void>(people_->AwaitRequests(deadline, {}));
+  if (cut_off > 0) {
+    events_("uploads or reports that are cut off, whose devices try again: " + std::to_string(cut_off));
+  }
+}
 
 }  // namespace TarvoOrvane::SupportService

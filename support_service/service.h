@@ -24,6 +24,8 @@
 #include "server_identity.h"
 #include "service_settings.h"
 #include "sqlite_store.h"
+#include "upkeep.h"
+#include "webhook.h"
 
 namespace TarvoOrvane::SupportService {
 
@@ -39,7 +41,8 @@ class SupportService {
   /// @throws std::exception with what could not be used or listened on, and what to do.
   SupportService(const ServiceSettings& settings, const EventSink& events);
 
-  /// Ends all streams and connections; waits until complete requests are remembered and answered.
+  /// Ends all streams, and refuses what is asked over the API. Waits for uploads for ServiceSettings::stop_limit, and
+  /// then until complete requests are remembered and answered.
   ~SupportService();
 
   /// Takes over what can change while the service runs: limits, retention and the pause before a rejected ticket is
@@ -60,10 +63,15 @@ class SupportService {
   /// Who decides, and what is remembered. They live as long as this.
   [[nodiscard]] Dispatcher& dispatcher() { return dispatcher_; }
   [[nodiscard]] const Store& store() const { return store_; }
+  [[nodiscard]] const WebhookCounts& webhook_counts() const { return webhook_counts_; }
 
  private:
   void ServePeople(const ServiceSettings& settings, const EventSink& events);
+  void Stop();
+  void StartWebhook(const WebhookSettings& settings, const EventSink& events);
 
+  const EventSink events_;
+  const std::chrono::milliseconds stop_limit_;
   // In this order: the folder's lock shows that no other service is alive before anything is read or listens, and each
   // part ends before what it uses.
   Metrics metrics_;
@@ -77,6 +85,9 @@ class SupportService {
   AddressLimit css_addresses_;
   AddressLimit people_addresses_;
   Overview overview_;
+  BackupMaker backups_;
+  WebhookCounts webhook_counts_;
+  const Upkeep upkeep_;
   NotificationFront notification_;
   CssDesk css_desk_;
   HttpServer css_;
@@ -86,6 +97,7 @@ class SupportService {
   HttpServer control_;
   std::optional<HttpServer> people_;
   RetentionThread retention_;
+  std::optional<Webhook> webhook_;
 };
 
 }  // namespace TarvoOrvane::SupportService

@@ -37,6 +37,11 @@ const std::vector<Setting>& Settings() {
       AtStart("key", [](auto& all) { return all.identity.key; }),
       AtStart("authority", [](auto& all) { return all.identity.authority; }),
       AtStart("data", [](auto& all) { return all.data_folder; }),
+      AtStart("webhook-url", [](auto& all) { return all.webhook.url; }),
+      AtStart("webhook-secret-file", [](auto& all) { return all.webhook.secret; }),
+      AtStart("webhook-authority", [](auto& all) { return all.webhook.authority; }),
+      AtStart("stop-seconds", [](auto& all) { return all.stop_limit; }),
+      AtStart("log-format", [](auto& all) { return all.log_format; }),
       AtAnyTime(
           "retry-seconds", [](auto& all) -> auto& { return all.tickets.retry_pause; }),
       AtAnyTime(

@@ -148,6 +148,10 @@ CREATE TRIGGER archive_is_deleted AFTER UPDATE OF deleted ON archives
   UPDATE retention SET kept_count = kept_count - 1, kept_bytes = kept_bytes - new.size_bytes WHERE id = 1;
   UPDATE kept_of_devices SET kept_count = kept_count - 1 WHERE device = new.device;
 END;
+CREATE TABLE webhook(
+  only_row INTEGER PRIMARY KEY CHECK(only_row = 1),
+  told INTEGER NOT NULL
+) STRICT;
 )"};
 
 // ---------- the statements ----------
@@ -199,6 +203,9 @@ enum class Sql {
   kDevicesWithMore,
   kHoldRetention,
   kRetentionHeld,
+  kPutWebhook,
+  kRemoveWebhook,
+  kWebhook,
   // Each of these looks at a whole table: at the service's start, or at one that an administrator fills.
   kEveryArchive,
   kEveryUser,
@@ -312,6 +319,12 @@ std::string IdentityTextOf(Sql statement) {
     case Sql::kAudit:
       return "SELECT number, time, who, address, action, object, detail FROM audit"
              " WHERE number < ? ORDER BY number DESC LIMIT ?";
+    case Sql::kPutWebhook:
+      return "REPLACE INTO webhook(only_row, told) VALUES(1, ?)";
+    case Sql::kRemoveWebhook:
+      return "DELETE FROM webhook WHERE only_row = 1";
+    case Sql::kWebhook:
+      return "SELECT told FROM webhook WHERE only_row = 1";
     default:
       return RetentionTextOf(statement);
   }
@@ -746,6 +759,14 @@ void Remember(SqliteConnection& connection, const RetentionHeld& held) {
   connection.Start(Sql::kHoldRetention).Put(held.until).Next();
 }
 
+void Remember(SqliteConnection& connection, const WebhookPosition& position) {
+  if (position.told) {
+    connection.Start(Sql::kPutWebhook).Put(*position.told).Next();
+  } else {
+    connection.Start(Sql::kRemoveWebhook).Next();
+  }
+}
+
 // ---------- reading ----------
 
 Ticket TicketIn(Run& row) {
@@ -1146,6 +1167,75 @@ std::vector<AuditRecord> SqliteStore::Audit(std::uint64_t before, std::size_t li
     Run run = connection.Start(Sql::kAudit);
     return AuditFrom(run.Put(before == 0 ? kNoLimit : before).Put(std::uint64_t{limit}));
   });
+}
+
+std::optional<EventNumber> SqliteStore::ToldByWebhook() const {
+  return Read([](SqliteConnection& connection) -> std::optional<EventNumber> {
+    Run run = connection.Start(Sql::kWebhook);
+    if (!run.Next()) return std::nullopt;
+    return run.Number();
+  });
+}
+
+void SqliteStore::CopyTo(const fs::path& file, const std::function<bool()>& goes_on) const {
+  unlink(file.c_str());
+  TakeFile(file);
+  const Reader reader(*this);
+  sqlite3* handle = reader.connection().database().getHandle();
+  const auto ends = [](void* question) noexcept {
+    return (*static_cast<const std::function<bool()>*>(question))() ? 0 : 1;
+  };
+  constexpr int kStepsBetween = 10'000;
+  sqlite3_progress_handler(handle, kStepsBetween, ends, const_cast<std::function<bool()>*>(&goes_on));
+  try {
+    SQLite::Statement copy(reader.connection().database(), "VACUUM INTO ?");
+    copy.bind(1, file.string());
+    copy.exec();
+    sqlite3_progress_handler(handle, 0, nullptr, nullptr);
+  } catch (const SQLite::Exception& error) {
+    sqlite3_progress_handler(handle, 0, nullptr, nullptr);
+    if (error.getErrorCode() == SQLITE_INTERRUPT) throw StoreError("the service shuts down");
+    ThrowStoreError(error.getErrorCode() == SQLITE_FULL ? file : file_, error);
+  }
+}
+
+std::uint64_t SqliteStore::SizeBytes() const {
+  std::uint64_t size = 0;
+  for (const char* end : {"", "-wal"}) {
+    std::error_code none;
+    const std::uintmax_t part = fs::file_size(file_.string() + end, none);
+    if (!none) size += part;
+  }
+  return size;
+}
+
+StoreContents SqliteStore::Examine(const fs::path& file) {
+  try {
+    SQLite::Database database(file.string(), SQLite::OPEN_READONLY);
+    if (RequireOurs(database, file) == 0) throw StoreError(file.string() + " is empty");
+    const std::string state = database.execAndGet("PRAGMA integrity_check(1)").getString();
+    if (state != "ok") throw StoreError(file.string() + " is damaged (SQLite: " + state + ")");
+    StoreContents contents;
+    const auto count = [&](const char* table) {
+      return static_cast<std::uint64_t>(
+          database.execAndGet(std::string("SELECT count(*) FROM ") + table).getInt64());
+    };
+    contents.tickets = count("tickets");
+    contents.devices = count("devices");
+    contents.users = count("users");
+    SQLite::Statement archives(database,
+                               "SELECT id, version, sha256 FROM archives"
+                               " JOIN tickets ON tickets.number = archives.ticket WHERE deleted IS NULL"
+                               " ORDER BY archives.ticket, version");
+    while (archives.executeStep()) {
+      contents.archives.push_back({archives.getColumn(0).getString(),
+                                   static_cast<std::uint64_t>(archives.getColumn(1).getInt64()),
+                                   archives.getColumn(2).getString()});
+    }
+    return contents;
+  } catch (const SQLite::Exception& error) {
+    ThrowStoreError(file, error);
+  }
 }
 
 std::vector<std::string> SqliteStore::Statements() {

@@ -6,7 +6,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -17,6 +19,21 @@
 namespace TarvoOrvane::SupportService {
 
 class SqliteConnection;
+
+/// An archive that a copy of the store knows of, and that was not deleted.
+struct StoredArchive {
+  std::string ticket_id;
+  std::uint64_t version = 0;
+  std::string sha256;  ///< Lower-case hex.
+};
+
+/// What is in a copy of the store.
+struct StoreContents {
+  std::uint64_t tickets = 0;
+  std::uint64_t devices = 0;
+  std::uint64_t users = 0;
+  std::vector<StoredArchive> archives;
+};
 
 class SqliteStore final : public Store {
  public:
@@ -56,6 +73,21 @@ class SqliteStore final : public Store {
   [[nodiscard]] std::vector<ApiToken> ApiTokens() const override;
   [[nodiscard]] std::optional<Session> FindSession(const SecretHash& secret) const override;
   [[nodiscard]] std::vector<AuditRecord> Audit(std::uint64_t before, std::size_t limit) const override;
+  [[nodiscard]] std::optional<EventNumber> ToldByWebhook() const override;
+
+  /// Writes a copy of the store as it is at one moment. Takes as long as the disk does, and holds up neither the writer
+  /// nor readers. Not for a thread that serves connections.
+  /// @param file     Takes the place of one that is there; mode 0600. Where this fails, part of it may be there.
+  /// @param goes_on  Asked now and then; false ends it with a StoreError.
+  /// @throws StoreError when it can't be read or written.
+  void CopyTo(const std::filesystem::path& file, const std::function<bool()>& goes_on) const;
+
+  /// What the store takes on the disk.
+  [[nodiscard]] std::uint64_t SizeBytes() const;
+
+  /// Looks at the whole of a file that CopyTo() has written, and that nobody uses.
+  /// @throws StoreError when it is damaged, of another program or of a newer version.
+  [[nodiscard]] static StoreContents Examine(const std::filesystem::path& file);
 
   /// The statements of which none may look at a whole table, for the test of that.
   [[nodiscard]] static std::vector<std::string> Statements();

@@ -64,10 +64,16 @@ struct RetentionHeld {
   WallTime until;
 };
 
+/// All tickets' ends up to this event were told by the webhook, and no later one; nothing where there is no webhook.
+struct WebhookPosition {
+  std::optional<EventNumber> told;
+};
+
 /// One thing to remember. A device, an account and a session take the place of what there is of that serial number,
 /// name and secret.
-using Change = std::variant<Entry, EnrolledDevice, DeviceSeen, User, UserRemoved, ApiToken, ApiTokenRemoved,
-                            Session, SessionEnded, SessionsEnded, AuditRecord, RetentionHeld>;
+using Change =
+    std::variant<Entry, EnrolledDevice, DeviceSeen, User, UserRemoved, ApiToken, ApiTokenRemoved, Session,
+                 SessionEnded, SessionsEnded, AuditRecord, RetentionHeld, WebhookPosition>;
 
 /// Which tickets are listed.
 struct TicketFilter {
@@ -171,6 +177,8 @@ class Store {
   [[nodiscard]] virtual std::optional<Session> FindSession(const SecretHash& secret) const = 0;
   /// The newest records with a smaller number than `before` (0 for the newest ones), newest first, at most `limit`.
   [[nodiscard]] virtual std::vector<AuditRecord> Audit(std::uint64_t before, std::size_t limit) const = 0;
+  /// The one that was written last; nothing before the first one.
+  [[nodiscard]] virtual std::optional<EventNumber> ToldByWebhook() const = 0;
 };
 
 }  // namespace TarvoOrvane::SupportService

@@ -1,52 +1,27 @@
 #include "archive_fetcher.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <memory>
-#include <new>
 #include <optional>
 #include <thread>
 #include <vector>
 
 #include "file.h"
+#include "sha256.h"
 #include "text_forms.h"
 
 namespace TarvoOrvane::Supportctl {
 namespace {
 
 namespace fs = std::filesystem;
+using SupportService::Sha256Digest;
 
 constexpr long kPartialContent = 206;
-
-class Sha256 {
- public:
-  Sha256() : context_(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
-    Check(EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr));
-  }
-
-  void Add(std::string_view bytes) { Check(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size())); }
-
-  /// Ends it.
-  std::string Hex() {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> hash{};
-    unsigned int size = 0;
-    Check(EVP_DigestFinal_ex(context_.get(), hash.data(), &size));
-    return SupportService::HexText(hash.data(), size);
-  }
-
- private:
-  static void Check(int result) {
-    if (result != 1) throw std::bad_alloc();  // nothing else can fail of it
-  }
-
-  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context_;
-};
 
 std::uint64_t SizeOf(const Descriptor& file, const fs::path& path) {
   struct stat found {};
@@ -58,7 +33,7 @@ std::uint64_t SizeOf(const Descriptor& file, const fs::path& path) {
 std::string HashOf(const Descriptor& file, const fs::path& path) {
   constexpr std::size_t kChunk = 256UL << 10;
   if (lseek(file.get(), 0, SEEK_SET) == -1) FailWithErrno("can't read", path);
-  Sha256 hash;
+  Sha256Digest hash;
   std::vector<char> chunk(kChunk);
   for (;;) {
     const ssize_t count = read(file.get(), chunk.data(), chunk.size());

@@ -292,6 +292,21 @@ The secret is never told again.)");
                  "  supportctl audit --limit 200"));
     Add(app_, Command::kSettings, "settings",
         "Show what the service runs with, and how much of its limits is used", "  supportctl settings");
+    CLI::App* backup =
+        Add(app_, Command::kBackup, "backup", "Make a backup of all that the service remembers",
+            R"(  supportctl backup /var/backups
+  supportctl backup support.tar --no-archives
+
+It has the private key of the service's authority: keep it where nobody else can read it.
+support_service --restore takes it back.)");
+    backup
+        ->add_option("PLACE", backup_, "A file, or a folder for a file named by the time. A file is replaced")
+        ->required();
+    backup->add_flag("--no-archives", options_.without_archives, "Leave out the received archives");
+    Add(app_, Command::kCheck, "check", "Say whether the service is well", R"(  supportctl check
+  supportctl check --json
+
+Exit status 1 where there are problems.)");
     Add(app_, Command::kWhoAmI, "whoami", "Show the service, and as whom it sees you",
         "  supportctl --url https://support.example:8443 --token-file token whoami");
   }
@@ -308,6 +323,7 @@ The secret is never told again.)");
     options_.token_file = token_file_;
     options_.ca_file = ca_file_;
     options_.folder = folder_;
+    options_.backup = backup_;
     if (!serial_number_.empty()) options_.devices = {serial_number_};
   }
 
@@ -351,6 +367,7 @@ The secret is never told again.)");
   std::string token_file_;
   std::string ca_file_;
   std::string folder_;
+  std::string backup_;
   std::string serial_number_;
   std::string apps_;
   std::int64_t wait_seconds_ = 0;

@@ -33,6 +33,8 @@ enum class Command {
   kRemoveToken,
   kAudit,
   kSettings,
+  kBackup,
+  kCheck,
   kWhoAmI
 };
 
@@ -69,6 +71,8 @@ struct Options {  // NOLINT(clang-analyzer-optin.performance.Padding): there is 
   std::string role;                   ///< Empty where none was named.
   bool password = false;              ///< For kChangeUser: ask for one.
   std::optional<std::uint64_t> days;  ///< A token's life.
+  std::filesystem::path backup;       ///< Where a backup goes: a file, or a folder that is there.
+  bool without_archives = false;      ///< In a backup.
 };
 
 /// What to do with a command line: either run with the options, or print a text and exit.

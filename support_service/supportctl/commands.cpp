@@ -58,6 +58,10 @@ ExitStatus Dispatch(Session& session) {
       return ListAudit(session);
     case Command::kSettings:
       return ShowSettings(session);
+    case Command::kBackup:
+      return MakeBackup(session);
+    case Command::kCheck:
+      return CheckService(session);
     case Command::kWhoAmI:
       return ShowWhoAmI(session);
   }

@@ -48,6 +48,9 @@ ExitStatus AddToken(Session& session);
 ExitStatus RemoveToken(Session& session);
 ExitStatus ListAudit(Session& session);
 ExitStatus ShowSettings(Session& session);
+ExitStatus MakeBackup(Session& session);
+/// @return kFailed where there is a problem.
+ExitStatus CheckService(Session& session);
 ExitStatus ShowWhoAmI(Session& session);
 
 /// Prints a list: as JSON where that is asked for, else as the table that `add` fills with the list's elements.

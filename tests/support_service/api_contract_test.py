@@ -4,7 +4,9 @@
 Starts the program SERVICE, asks it for every operation of the document, as each role and as nobody, and compares its
 routes with the document's. api_service.py holds every answer to the document's schemas.
 """
+import io
 import re
+import tarfile
 import unittest
 from typing import Any, Dict, List, Set, Tuple
 
@@ -92,6 +94,10 @@ class ContractTest(ApiTest):
         ask('DELETE', '/tokens/' + token['id'], 204)
         ask('GET', '/audit?limit=1', 200)
         ask('GET', '/settings', 200)
+        ask('GET', '/health', 200)
+        backup = ask('GET', '/backup?archives=false', 200)
+        with tarfile.open(fileobj=io.BytesIO(backup.body)) as tar:
+            self.assertEqual((tar.getnames()[0], tar.getnames()[-1]), ('tickets.db', 'SHA256SUMS'))
         return asked
 
     def test_every_operation_answers_as_documented_over_the_control_socket(self) -> None:

@@ -623,7 +623,12 @@ class ApiFaultTest : public ::testing::Test {
   const Authority expired_{temp_.path() / "authority", Now().wall - 40 * kYear};
   const Enroller enroller_{Trust::kOwnAuthority, &expired_, expired_.certificate(), "https://a:1",
                            "https://a:2"};
-  ApiFront front_{dispatcher_, store_, archives_, disk_, enroller_, overview_, metrics_, events_.sink()};
+  const ServerIdentity identity_{{}, Trust::kAllowList, false, temp_.path() / "data", events_.sink()};
+  BackupMaker backups_{store_, archives_, temp_.path() / "data", room_, events_.sink()};
+  const WebhookCounts webhook_;
+  const Upkeep upkeep_{backups_, identity_, room_, webhook_};
+  ApiFront front_{dispatcher_, store_,   archives_, disk_,         enroller_,
+                  overview_,   metrics_, upkeep_,   events_.sink()};
   const HttpServer server_{SettingsFor(path_), [this](HttpRequest& request) { return front_.Begin(request); },
                            events_.sink()};
 };

@@ -631,6 +631,55 @@ TEST_F(CssServerTest, ShutdownInTheMiddleOfAnUploadLeavesNothing) {
   EXPECT_TRUE(events_.Has("upload refused: the service shuts down"));
 }
 
+TEST_F(CssServerTest, UploadsUnderWayAtTheEndAreFinishedAndReported) {
+  settings_.stop_limit = kPatience;
+  Start();
+  ScriptedDevice other(service().grpc_url());
+  other.Hello("SN2");
+  const auto ticket = AcceptTicket();
+  const auto last = AcceptTicket(other);
+  const std::string body = FormBody("content", "\r\n--XX--\r\n");
+  std::string last_body = body;
+  last_body.replace(last_body.find("SN1"), 3, "SN2");
+  const std::string report_url = ReportUrl();
+  const std::string socket = service().control_socket();
+  RawHttp http(service().css_url());
+  RawHttp last_http(service().css_url());
+  http.Send(FormHead(ticket.token, body.size()) + body.substr(0, body.size() - 5));
+  last_http.Send(FormHead(last.token, body.size()) + last_body.substr(0, body.size() - 5));
+  ASSERT_TRUE(Eventually([&] { return IncomingFiles() == 2; }));
+  std::thread end([this] { service_.reset(); });
+  EXPECT_EQ(other.End().value().error_code(), grpc::StatusCode::UNAVAILABLE);
+  EXPECT_TRUE(Eventually([&] { return AskApi(socket, "GET", "/service").status == 503; }));
+  http.Send(body.substr(body.size() - 5));
+  EXPECT_TRUE(Eventually([&] { return ArchiveFiles() == 1; }));
+  EXPECT_EQ(Request("POST", report_url, {Auth(ticket.token)}, R"({"status":"Success","serial_number":"SN1"})")
+                .status,
+            200);
+  last_http.Send(last_body.substr(body.size() - 5));
+  EXPECT_THAT(last_http.ReadToEnd(), HasSubstr("HTTP/1.1 200"));
+  end.join();
+  EXPECT_FALSE(events_.Has("cut off"));
+  settings_.stop_limit = std::chrono::milliseconds(0);
+  Start();
+  EXPECT_EQ(StateOf(ticket.id), TicketState::kReported);
+  EXPECT_EQ(StateOf(last.id), TicketState::kUploaded);
+  EXPECT_EQ(ReadFile(ArchiveOf(last.id)), "content");
+}
+
+TEST_F(CssServerTest, StalledUploadHoldsTheEndForItsLimitOnly) {
+  settings_.stop_limit = std::chrono::milliseconds(50);
+  Start();
+  const auto ticket = AcceptTicket();
+  RawHttp http(service().css_url());
+  http.Send(FormHead(ticket.token, 100000) + FormBody("the beginning", ""));
+  ASSERT_TRUE(Eventually([&] { return IncomingFiles() == 1; }));
+  service_.reset();
+  EXPECT_TRUE(events_.Has("cut off, whose devices try again: 1"));
+  EXPECT_EQ(http.ReadToEnd(), "") << "an answer would keep the device from trying again";
+  EXPECT_EQ(IncomingFiles(), 0U);
+}
+
 TEST_F(CssServerTest, ShutdownBehindACompleteUploadKeepsAndAnswersIt) {
   Start();
   const auto ticket = AcceptTicket();

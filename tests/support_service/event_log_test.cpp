@@ -10,8 +10,11 @@
 #include <csignal>
 #include <future>
 #include <memory>
+#include <sstream>
 #include <utility>
+#include <vector>
 
+#include "service_fixture.h"
 #include "text_forms.h"
 
 namespace TarvoOrvane::SupportService {
@@ -62,6 +65,30 @@ TEST_F(EventLogTest, EventIsOneLineWithItsTime) {
   ASSERT_EQ(line.size(), 24 + sizeof(" something happened\n") - 1);
   EXPECT_EQ(line.substr(23), "Z something happened\n");
   EXPECT_EQ(line[10], 'T');
+}
+
+TEST_F(EventLogTest, JsonHasOneObjectALineWhateverTheText) {
+  const std::vector<std::string> texts = {"plain", "\"quoted\" \\ and\nbroken", "\xff\xfe", ""};
+  {
+    EventLog log(writer(), LogFormat::kJson);
+    for (const std::string& text : texts) log.Write(text);
+    log.WritePlain("css listening on http://127.0.0.1:1");
+  }
+  std::istringstream lines(ReadAll());
+  std::vector<std::string> messages;
+  for (std::string line; std::getline(lines, line);) {
+    const Json::Value object = ParseJson(line);
+    ASSERT_TRUE(object.isObject()) << line;
+    EXPECT_EQ(object.getMemberNames(), (std::vector<std::string>{"message", "time"})) << line;
+    const std::string time = object["time"].asString();
+    EXPECT_TRUE(time.size() == 24 && time[10] == 'T' && time.back() == 'Z') << line;
+    messages.push_back(object["message"].asString());
+  }
+  ASSERT_EQ(messages.size(), texts.size() + 1);
+  EXPECT_EQ(messages[0], texts[0]);
+  EXPECT_EQ(messages[1], texts[1]);
+  EXPECT_EQ(messages[3], texts[3]);
+  EXPECT_EQ(messages[4], "css listening on http://127.0.0.1:1");
 }
 
 TEST_F(EventLogTest, LinesKeepTheirOrder) {

@@ -173,6 +173,69 @@ TEST_P(HttpTransportTest, EndWaitsForAnAnswerThatIsAwaited) {
   ASSERT_EQ(end.wait_for(kPatience), std::future_status::ready);
 }
 
+TEST_P(HttpTransportTest, WhatIsAskedAtTheEndIsRefusedAndWhatCameBeforeIsAnswered) {
+  std::promise<AnswerSink> asked;
+  Start([&](HttpRequest&, const std::string&, const AnswerSink& done) { asked.set_value(done); });
+  RunningTransfer client(To("/"));
+  const AnswerSink done = asked.get_future().get();
+  server_->Refuse();
+  const ReceivedAnswer refused = Get("/later");
+  EXPECT_EQ(refused.status, 503);
+  EXPECT_EQ(refused.body, "the service shuts down\n");
+  EXPECT_EQ(server_->AwaitRequests(std::chrono::steady_clock::now(), {}), 1U);
+  done(TextAnswer("late"));
+  EXPECT_TRUE(client.WaitFor("late"));
+  EXPECT_EQ(server_->AwaitRequests(std::chrono::steady_clock::now() + kPatience, {}), 0U);
+}
+
+TEST_P(HttpTransportTest, ClientsThatTryAgainGetNoAnswerAtTheEnd) {
+  settings_.refuses_at_end = false;
+  Start([&](HttpRequest&, const std::string&, const AnswerSink& done) { done(TextAnswer("ok")); });
+  EXPECT_EQ(Get("/").body, "ok");
+  server_->Refuse();
+  const ReceivedAnswer none = Get("/");
+  EXPECT_EQ(none.status, 0);
+  EXPECT_NE(none.curl_code, CURLE_OK);
+}
+
+TEST_P(HttpTransportTest, StreamsEndAsSoonAsRequestsAreRefused) {
+  const auto script = std::make_shared<StreamScript>();
+  script->Push("first");
+  Start([&](HttpRequest&, const std::string&, const AnswerSink& done) { done(StreamAnswer(script)); });
+  RunningTransfer client(To("/"));
+  ASSERT_TRUE(client.WaitFor("first"));
+  server_->Refuse();
+  EXPECT_TRUE(client.HasEnded());
+  EXPECT_NE(client.Code(), CURLE_OK);
+  EXPECT_EQ(server_->AwaitRequests(std::chrono::steady_clock::now() + kPatience, {}), 0U);
+}
+
+TEST_F(HttpServerTest, RequestsWhoseFactoryFailedAreNotWaitedFor) {
+  StartWith([](HttpRequest&) -> std::unique_ptr<Exchange> { throw std::runtime_error("no"); });
+  EXPECT_EQ(Get("/").curl_code, CURLE_GOT_NOTHING);
+  EXPECT_EQ(server_->AwaitRequests(std::chrono::steady_clock::now() + kPatience, {}), 0U);
+}
+
+TEST_F(HttpServerTest, WhatIsAskedSoonBehindTheLastOneIsWaitedForToo) {
+  std::promise<AnswerSink> asked;
+  std::promise<AnswerSink> asked_behind;
+  Start([&](HttpRequest& request, const std::string&, const AnswerSink& done) {
+    (request.path() == "/first" ? asked : asked_behind).set_value(done);
+  });
+  RunningTransfer first(To("/first"));
+  const AnswerSink done = asked.get_future().get();
+  auto end = std::async(std::launch::async, [this] {
+    return server_->AwaitRequests(std::chrono::steady_clock::now() + kPatience, std::chrono::hours(1));
+  });
+  done(TextAnswer("first"));
+  ASSERT_TRUE(first.HasEnded());
+  RunningTransfer second(To("/second"));
+  asked_behind.get_future().get()(TextAnswer("second"));
+  EXPECT_TRUE(second.WaitFor("second"));
+  server_->Refuse();
+  EXPECT_EQ(end.get(), 0U) << "nothing more can come";
+}
+
 // ---- files ----
 
 class HttpFileTest : public HttpTransportTest {

@@ -93,6 +93,7 @@ struct MemoryStore::Writer {
   }
   void operator()(const AuditRecord& record) const { content.audit.push_back(record); }
   void operator()(const RetentionHeld& held) const { content.retention_held = held.until; }
+  void operator()(const WebhookPosition& position) const { content.webhook = position.told; }
 };
 
 void MemoryStore::Write(const std::vector<Change>& changes) {
@@ -321,6 +322,11 @@ std::vector<AuditRecord> MemoryStore::Audit(std::uint64_t before, std::size_t li
     if (before == 0 || record->number < before) records.push_back(*record);
   }
   return records;
+}
+
+std::optional<EventNumber> MemoryStore::ToldByWebhook() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return content_.webhook;
 }
 
 }  // namespace TarvoOrvane::SupportService

@@ -45,6 +45,7 @@ class MemoryStore : public Store {
   [[nodiscard]] std::vector<ApiToken> ApiTokens() const override;
   [[nodiscard]] std::optional<Session> FindSession(const SecretHash& secret) const override;
   [[nodiscard]] std::vector<AuditRecord> Audit(std::uint64_t before, std::size_t limit) const override;
+  [[nodiscard]] std::optional<EventNumber> ToldByWebhook() const override;
 
  private:
   /// A ticket with all that belongs to it.
@@ -65,6 +66,7 @@ class MemoryStore : public Store {
     std::vector<AuditRecord> audit;
     std::optional<WallTime> retention_held;
     EventNumber last_event = 0;
+    std::optional<EventNumber> webhook;
   };
 
   struct Writer;

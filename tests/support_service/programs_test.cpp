@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <sstream>
 
 #include "program.h"
 #include "service_fixture.h"
@@ -187,6 +188,31 @@ TEST_F(ProgramsTest, TicketsAreRememberedByTheNextService) {
   EXPECT_EQ(ReadFile(data_ / "archives" / (id + "-1.dat")), "archive");
 }
 
+TEST_F(ProgramsTest, BackupOfOneServiceIsRestoredForAnother) {
+  StartService();
+  const std::string id = SendTicketOver(data_ / "control.sock", "SN1");
+  ServeOneTicket(*ConnectDevice(), "Success");
+  std::filesystem::create_directory(temp_.path() / "backups");
+  const auto backup = Supportctl({"backup", temp_.File("backups")});
+  ASSERT_EQ(backup->Wait(), 0) << backup->Output();
+  const std::string file = std::filesystem::directory_iterator(temp_.path() / "backups")->path();
+  EXPECT_THAT(file, ContainsRegex("/support-service-20[0-9]{6}T[0-9]{6}Z\\.tar$"));
+  EXPECT_EQ(ModeOf(file), 0600U);
+  service_.reset();
+  Program busy({SUPPORT_SERVICE_PROGRAM, "--data", data_.string(), "--restore", file},
+               temp_.File("busy.out"));
+  EXPECT_EQ(busy.Wait(), 1);
+  EXPECT_THAT(busy.Output(), HasSubstr("is not empty"));
+  data_ = temp_.path() / "restored";
+  Program restore({SUPPORT_SERVICE_PROGRAM, "--data", data_.string(), "--restore", file},
+                  temp_.File("restore.out"));
+  EXPECT_EQ(restore.Wait(), 0);
+  EXPECT_THAT(restore.Output(), HasSubstr("1 ticket, 2 devices, 0 accounts, 1 archive\n"));
+  StartService();
+  EXPECT_EQ(ReadFile(data_ / "archives" / (id + "-1.dat")), "archive");
+  EXPECT_EQ(Supportctl({"check"})->Wait(), 0);
+}
+
 TEST_F(ProgramsTest, MissingServiceIsExplained) {
   const auto send = Supportctl({"send", "SN1", "--apps", "a"});
   EXPECT_EQ(send->Wait(), 3) << send->Output();
@@ -214,6 +240,23 @@ TEST_F(ProgramsTest, SignalsEndTheServiceWithOpenStreamsAndFollowersWithStatus0)
   }
 }
 
+TEST_F(ProgramsTest, StalledUploadHoldsTheEndForAsLongAsIsSaid) {
+  StartService({"--stop-seconds", "1"});
+  const auto device = ConnectDevice();
+  ASSERT_NE(SendTicketOver(data_ / "control.sock", "SN1"), "");
+  const auto delivery = device->Next();
+  ASSERT_TRUE(delivery);
+  device->Answer(delivery->ticket_id(), tarvo::support::v1::CLIENT_STATUS_ACCEPTED);
+  ASSERT_NE(WaitForEvent("ticket " + delivery->ticket_id() + " accepted"), "");
+  RawHttp http(css_url_);
+  http.Send("POST /orvane/ps_files HTTP/1.1\r\nHost: x\r\nAUTH-TOKEN: " + TokenOf(*delivery) +
+            "\r\nContent-Type: multipart/form-data; boundary=XX\r\nContent-Length: 100000\r\n\r\n--XX\r\n");
+  ASSERT_TRUE(http.AwaitRead());
+  service_->Signal(SIGTERM);
+  EXPECT_EQ(service_->Wait(), 0);
+  EXPECT_THAT(service_->Output(), HasSubstr("cut off, whose devices try again: 1"));
+}
+
 TEST_F(ProgramsTest, WhatCannotBeServedIsExplained) {
   StartService();
   Program same_folder({SUPPORT_SERVICE_PROGRAM, "--data", data_.string(), "--allow-list"},
@@ -235,6 +278,28 @@ TEST_F(ProgramsTest, EventLinesCarryATime) {
   ASSERT_NE(WaitForEvent("created"), "");
   EXPECT_THAT(service_->Output(),
               ContainsRegex("\n20[0-9-]+T[0-9:.]+Z ticket [0-9a-f]{16} created: apps \\[\"a\"\\]"));
+}
+
+TEST_F(ProgramsTest, EveryLineIsAnObjectWhereThatIsWanted) {
+  service_ =
+      std::make_unique<Program>(std::vector<std::string>{SUPPORT_SERVICE_PROGRAM, "--data", data_.string(),
+                                                         "--allow-list", "--log-format", "json"},
+                                temp_.File("service.out"));
+  ASSERT_NE(service_->WaitForLine(R"({"message":"control socket )"), "");
+  EnrolOver(data_ / "control.sock", {"SN1"});
+  ASSERT_NE(SendTicketOver(data_ / "control.sock", "SN1"), "");
+  service_->Signal(SIGTERM);
+  EXPECT_EQ(service_->Wait(), 0);
+  std::istringstream lines(service_->Output());
+  std::string messages;
+  for (std::string line; std::getline(lines, line);) {
+    const Json::Value object = ParseJson(line);
+    ASSERT_TRUE(object.isObject() && object["time"].isString()) << line;
+    messages += object["message"].asString() + "\n";
+  }
+  EXPECT_THAT(messages, ContainsRegex("grpc listening on http://127.0.0.1:[0-9]+\n"));
+  EXPECT_THAT(messages, ContainsRegex("ticket [0-9a-f]{16} created: apps \\[\"a\"\\]"));
+  EXPECT_THAT(messages, HasSubstr("service ends: signal 15"));
 }
 
 }  // namespace

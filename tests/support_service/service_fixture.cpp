@@ -289,6 +289,7 @@ ServiceTest::ServiceTest() {
   settings_.data_folder = temp_.path() / "data";
   settings_.tickets.retry_pause = std::chrono::milliseconds(50);
   settings_.tickets.trust = Trust::kAllowList;
+  settings_.stop_limit = std::chrono::milliseconds(0);
 }
 
 void ServiceTest::Start() {

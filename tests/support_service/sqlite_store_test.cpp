@@ -167,6 +167,7 @@ TEST_F(SqliteStoreTest, StoreOfTheFirstFormIsBroughtToThePresentOne) {
   ASSERT_EQ(ticket->archives.size(), 1U);
   EXPECT_FALSE(ticket->archives[0].deleted);
   EXPECT_FALSE(store.FindDevice("SN1"));
+  EXPECT_FALSE(store.ToldByWebhook());
   EXPECT_EQ(SQLite::Database(file_.string()).execAndGet("PRAGMA user_version").getInt(), 3);
 }
 
@@ -177,7 +178,7 @@ TEST_F(SqliteStoreTest, StoreOfTheSecondFormKnowsWhatItKeepsOfEachDevice) {
     database.exec(R"(
       DROP TRIGGER archive_is_kept; DROP TRIGGER archive_is_deleted;
       DROP INDEX kept_archives; DROP INDEX kept_archives_by_device;
-      DROP TABLE retention; DROP TABLE kept_of_devices;
+      DROP TABLE retention; DROP TABLE kept_of_devices; DROP TABLE webhook;
       ALTER TABLE archives DROP COLUMN device;
       INSERT INTO archives(ticket, version, size_bytes, sha256, serial_number, apps, received, deleted)
         VALUES(1, 1, 7, 'abcd', x'', '[]', 5, NULL), (2, 1, 8, 'abcd', x'', '[]', 6, NULL),

@@ -386,6 +386,17 @@ TEST_P(StoreTest, ReaderSeesWholeBatchesWhileAnotherThreadWrites) {
   EXPECT_EQ(seen, HasFailure() ? seen : kBatches);
 }
 
+TEST_P(StoreTest, WebhooksPositionIsTheLastOneUntilItIsForgotten) {
+  EXPECT_FALSE(store_->ToldByWebhook());
+  store_->Write({WebhookPosition{0}});
+  EXPECT_EQ(store_->ToldByWebhook(), 0U);
+  store_->Write({WebhookPosition{7}});
+  store_->Write({WebhookPosition{5}});
+  EXPECT_EQ(store_->ToldByWebhook(), 5U);
+  store_->Write({WebhookPosition{}});
+  EXPECT_FALSE(store_->ToldByWebhook());
+}
+
 TEST(MemoryStoreTest, FailsAsLongAsItIsTold) {
   EntryMaker make;
   MemoryStore store;

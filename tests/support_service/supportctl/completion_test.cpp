@@ -33,9 +33,10 @@ class SupportctlCompletionTest : public SupportctlFixture {
 };
 
 TEST_F(SupportctlCompletionTest, CommandsAreOffered) {
-  EXPECT_THAT(Complete("supportctl "),
-              UnorderedElementsAre("devices", "device", "send", "tickets", "show", "fetch", "follow",
-                                   "cancel", "delete", "users", "tokens", "audit", "settings", "whoami"));
+  EXPECT_THAT(
+      Complete("supportctl "),
+      UnorderedElementsAre("devices", "device", "send", "tickets", "show", "fetch", "follow", "cancel",
+                           "delete", "users", "tokens", "audit", "settings", "backup", "check", "whoami"));
   EXPECT_THAT(Complete("supportctl dev"), ElementsAre("devices", "device"));
   EXPECT_THAT(Complete("supportctl --json device "), ElementsAre("enrol", "show", "block", "unblock"));
   EXPECT_THAT(Complete("supportctl users "), ElementsAre("add", "change", "remove"));
@@ -56,7 +57,7 @@ TEST_F(SupportctlCompletionTest, OptionsAreThoseOfTheProgramsHelp) {
        {"",          "devices",      "device enrol", "device show", "send",       "tickets",
         "show",      "fetch",        "follow",       "cancel",      "delete",     "users",
         "users add", "users change", "users remove", "tokens",      "tokens add", "tokens remove",
-        "audit",     "settings",     "whoami"}) {
+        "audit",     "settings",     "backup",       "check",       "whoami"}) {
     std::istringstream words(command + " --help");
     std::istringstream help(RunAsGiven({std::istream_iterator<std::string>(words), {}}).out);
     std::vector<std::string> expected = {"--help", "--data", "--url", "--token-file", "--ca", "--json"};
