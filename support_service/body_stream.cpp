@@ -202,11 +202,12 @@ void BodyStreams::Run() {
   for (;;) {
     epoll_event event{};
     if (epoll_wait(epoll_fd_, &event, 1, -1) != 1) continue;
-    if (event.data.u64 == 0) return;
+    const std::uint64_t key = event.data.u64;  // a copy: the kernel's structure is packed
+    if (key == 0) return;
     std::shared_ptr<BodyStream> stream;
     {
       const std::lock_guard<std::mutex> lock(mutex_);
-      const auto found = waiting_.find(event.data.u64);
+      const auto found = waiting_.find(key);
       if (found != waiting_.end()) stream = found->second.lock();
     }
     if (stream) stream->Stop();
