@@ -298,6 +298,7 @@ class ServiceKillTest : public ::testing::Test {
     for (const auto& [id, promise] : ledger_.promises()) CheckTicket(archives, store, id, promise);
     CheckLines(store);
     CheckFiles(store);
+    CheckAudit(store);
     // A sanitizer's report stands among the service's own lines.
     EXPECT_EQ(program_->Output().find("Sanitizer"), std::string::npos) << program_->Output();
   }
@@ -372,6 +373,24 @@ class ServiceKillTest : public ::testing::Test {
   void CheckFiles(const Store& store) {
     const fs::directory_iterator files(data_ / "archives");
     EXPECT_EQ(static_cast<std::size_t>(std::distance(begin(files), end(files))), store.Archives().size());
+  }
+
+  /// Whatever somebody has done is on record, and nothing else is.
+  void CheckAudit(const Store& store) {
+    constexpr std::size_t kPage = 1000;
+    std::map<std::string, int> sent;
+    std::uint64_t before = store.LastAudit() + 1;
+    for (std::vector<AuditRecord> page = store.Audit(before, kPage); !page.empty();
+         page = store.Audit(before, kPage)) {
+      for (const AuditRecord& record : page) {
+        ASSERT_EQ(record.number, --before);
+        if (record.action == "send ticket") ++sent[record.object];
+      }
+    }
+    EXPECT_EQ(before, 1U);
+    for (const auto& [id, promise] : ledger_.promises()) EXPECT_EQ(sent[id], 1) << id;
+    EXPECT_EQ(sent.size(), store.LastTicket());
+    for (const auto& [id, count] : sent) EXPECT_EQ(store.FindById(id, 2).size(), 1U) << id;
   }
 
   TemporaryFolder temp_;
