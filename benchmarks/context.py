@@ -38,6 +38,7 @@ class Context:
     scale: int  # amounts of data are divided by this; 1 but for a trial of the harness itself
     bin: Path  # our programs
     folder: Path  # everything that is written goes here
+    nginx: Path  # its program
     client_core: int
     server_core: int
 
@@ -70,10 +71,12 @@ class Context:
         self.run(["/usr/bin/time", "--quiet", "-f", "%M", "-o", report, *argv], cores)
         return int(report.read_text()) / 1024
 
-    def start(self, argv: Sequence[Word], core: Optional[int] = None, **options: Any) -> subprocess.Popen[str]:
+    def start(self, argv: Sequence[Word], core: Optional[int] = None, all_cores: bool = False,
+              **options: Any) -> subprocess.Popen[str]:
         """Starts a process, on the server's core by default. It dies with the harness at the latest, for both
         run in one process namespace; the caller ends it by stop()."""
-        return self._start(argv, {self.server_core if core is None else core}, **options)
+        cores = self.all_cores if all_cores else {self.server_core if core is None else core}
+        return self._start(argv, cores, **options)
 
     def stop(self, process: subprocess.Popen[str]) -> None:
         process.terminate()

@@ -14,33 +14,41 @@ from pathlib import Path
 from typing import Sequence, Union
 
 import collection
+import fleet
 import footprint
 import growth
 import upload
 from context import Context, Failed
 from rows import Row
 
-MODULES = (upload, collection, footprint)
+MODULES = (upload, collection, footprint, fleet)
 NUMBERS = sorted(number for module in MODULES for number in module.NUMBERS)
+DEVICE_NUMBERS = [number for number in NUMBERS if number not in fleet.NUMBERS]
 SMALL_SCALE = 64  # of --quick
+DEVICE_PAIRS = 7
+FLEET_PAIRS = 3  # each connects 40,000 devices
 
 
 def parse_arguments() -> tuple[argparse.Namespace, frozenset[int], bool]:
     parser = argparse.ArgumentParser(prog="bench", add_help=False)
     parser.add_argument("what", nargs="*")
-    parser.add_argument("--pairs", type=int, default=7)
+    parser.add_argument("--pairs", type=int)
     parser.add_argument("--quick", action="store_true")  # one pair over small data: tries the harness, measures nothing
     parser.add_argument("--bin", type=Path, required=True)
     parser.add_argument("--folder", type=Path, required=True)
+    parser.add_argument("--nginx", type=Path, default=Path("nginx"))
     arguments = parser.parse_args()
     growth_wanted = "growth" in arguments.what
-    numbers = [word for word in arguments.what if word != "growth"]
+    fleet_wanted = "fleet" in arguments.what
+    numbers = [word for word in arguments.what if word not in ("growth", "fleet")]
     if not all(word.isdecimal() and int(word) in NUMBERS for word in numbers):
-        parser.error(f"rows are {NUMBERS[0]} to {NUMBERS[-1]}, or 'growth'; not {' '.join(numbers)}")
+        parser.error(f"rows are {NUMBERS[0]} to {NUMBERS[-1]}, or 'growth' or 'fleet'; not {' '.join(numbers)}")
+    if arguments.pairs is None:
+        arguments.pairs = FLEET_PAIRS if fleet_wanted else DEVICE_PAIRS
     if arguments.pairs < 1:
         parser.error("--pairs takes a number from 1")
-    wanted = NUMBERS if not numbers and not growth_wanted else map(int, numbers)
-    return arguments, frozenset(wanted), growth_wanted
+    wanted = set(map(int, numbers)) if arguments.what else set(DEVICE_NUMBERS)
+    return arguments, frozenset(wanted.union(fleet.NUMBERS if fleet_wanted else ())), growth_wanted
 
 
 def make_context(arguments: argparse.Namespace, numbers: frozenset[int]) -> Context:
@@ -51,7 +59,7 @@ def make_context(arguments: argparse.Namespace, numbers: frozenset[int]) -> Cont
         raise Failed("client and server need a core each, and there is only one here")
     return Context(numbers, pairs=1 if arguments.quick else arguments.pairs,
                    scale=SMALL_SCALE if arguments.quick else 1, bin=arguments.bin, folder=arguments.folder,
-                   client_core=cores[0], server_core=cores[1])
+                   nginx=arguments.nginx, client_core=cores[0], server_core=cores[1])
 
 
 def first_line(command: list[str]) -> str:

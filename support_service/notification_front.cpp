@@ -7,7 +7,7 @@
 #include <grpcpp/security/tls_credentials_options.h>
 
 #include <chrono>
-#include <deque>
+#include <list>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -85,12 +85,12 @@ std::optional<std::string> CertificateNameOf(const grpc::CallbackServerContext& 
   return certificate ? CommonNameOf(certificate.get()) : std::nullopt;
 }
 
-/// The device side's keepalive may ping every five seconds, calls or not; the own one finds devices
-/// that went away without a word.
+/// The device side's keepalive may ping every five seconds, calls or not. The own one finds devices that went away
+/// without a word. It is rare: with 10,000 devices, one ping each 20 s was 8 % of a processor.
 void SetKeepalive(grpc::ServerBuilder& builder) {
   builder.AddChannelArgument(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS, 5000);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
-  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 20000);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 120000);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 10000);
   builder.AddChannelArgument(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);
   // A connection without a stream is of no use to a device.
@@ -228,8 +228,9 @@ class DeviceStream final : public grpc::ServerBidiReactor<ClientMessage, ServerM
   ClientMessage received_;
   std::shared_ptr<DeviceStream> self_;
   std::mutex mutex_;
-  std::deque<ServerMessage> outgoing_;  ///< The first one is being written.
-  grpc::Status status_;                 ///< What the stream ends with, once ended_.
+  /// The first one is being written. A list, since an empty deque takes 576 bytes, for each idle device.
+  std::list<ServerMessage> outgoing_;
+  grpc::Status status_;  ///< What the stream ends with, once ended_.
   bool ended_ = false;
   bool metadata_sent_ = false;
   grpc::Alarm patience_;  ///< With a device that is to take the last message of an ended stream.

@@ -35,7 +35,7 @@ struct StoreContents {
   std::vector<StoredArchive> archives;
 };
 
-class SqliteStore final : public Store {
+class SqliteStore : public Store {
  public:
   /// Opens the file, makes it where it is missing, and brings what an older version wrote to the present form.
   /// @param file  In a folder that exists. No other process uses it.

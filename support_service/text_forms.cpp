@@ -16,8 +16,12 @@ std::string HexText(const unsigned char* bytes, std::size_t count) {
 }
 
 std::string CompactJson(const Json::Value& value) {
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "";
+  // Making one costs more than a small text.
+  static const Json::StreamWriterBuilder writer = [] {
+    Json::StreamWriterBuilder settings;
+    settings["indentation"] = "";
+    return settings;
+  }();
   return Json::writeString(writer, value);
 }
 

@@ -20,8 +20,8 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <optional>
 #include <set>
@@ -269,7 +269,7 @@ class TicketBook {
     std::set<TicketNumber> queued;
     std::set<TicketNumber> in_hand;  ///< Delivered, accepted and uploaded ones: few.
     std::optional<SteadyTime> last_report;
-    std::deque<SteadyTime> takeovers;    ///< Within the window, no more than tell twins.
+    std::list<SteadyTime> takeovers;     ///< Within the window, no more than tell twins.
     bool has_twin = false;               ///< Two machines have this number.
     std::string twin;                    ///< Address of the other one.
     std::optional<SteadyTime> quiet_at;  ///< When the last takeover is out of the window.
