@@ -18,4 +18,5 @@ find_library(PROMETHEUS_CORE NAMES prometheus-cpp-core libprometheus-cpp-core.so
 add_library(prometheus_core INTERFACE IMPORTED)
 target_include_directories(prometheus_core INTERFACE ${PROMETHEUS_HEADERS})
 target_link_libraries(prometheus_core INTERFACE ${PROMETHEUS_CORE})
+pkg_check_modules(libzstd REQUIRED IMPORTED_TARGET libzstd)
 find_program(GRPC_CPP_PLUGIN grpc_cpp_plugin REQUIRED)

@@ -96,6 +96,17 @@ Ticket ApiCall::TicketMeant() const {
   return std::move(found.front());
 }
 
+Archive ApiCall::ArchiveMeant(const Ticket& ticket) const {
+  const std::string& version = places.at(1);
+  for (const Archive& archive : ticket.archives) {
+    if (std::to_string(archive.version) != version) continue;
+    if (!archive.deleted) return archive;
+    throw ApiError("gone",
+                   "the archive was deleted at " + TimeText(*archive.deleted) + ": " + archive.deletion);
+  }
+  throw ApiError("not_found", "ticket " + ticket.id + " has no archive of version " + Quoted(version));
+}
+
 EnrolledDevice ApiCall::DeviceMeant() const {
   const std::string& beginning = places.front();
   // The whole number of one may be the beginning of another's.
@@ -120,6 +131,12 @@ bool IsStillKnown(const Store& store, const Caller& caller) {
   if (!caller.session) return true;
   const auto session = store.FindSession(caller.session->secret);
   return session && session->expires > now;
+}
+
+std::uint64_t PageLimit(const ApiCall& call) {
+  constexpr std::uint64_t kDefault = 50;
+  constexpr std::uint64_t kLargest = 1000;
+  return call.QueryNumber("limit", kDefault, 1, kLargest);
 }
 
 HttpAnswer NotRemembered(const ApiCall& call, const std::string& fault) {

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "archive_contents.h"
 #include "archive_store.h"
 #include "disk_workers.h"
 #include "dispatcher.h"
@@ -45,6 +46,7 @@ struct ApiDesk {
   const Overview& overview;
   Metrics& metrics;
   const Upkeep& upkeep;
+  ArchiveContents& contents;
 };
 
 /// Who asks.
@@ -99,9 +101,14 @@ struct ApiCall {
 
   /// The one ticket whose id begins with the first place of the path.
   [[nodiscard]] Ticket TicketMeant() const;
+  /// The ticket's archive whose version is the second place.
+  [[nodiscard]] Archive ArchiveMeant(const Ticket& ticket) const;
   /// The one device whose serial number begins with it.
   [[nodiscard]] EnrolledDevice DeviceMeant() const;
 };
+
+/// How many a page of a list has at most.
+[[nodiscard]] std::uint64_t PageLimit(const ApiCall& call);
 
 /// The answer where the store could not do its part. Logs why: the text names files of this machine, which are for its
 /// administrators alone.

@@ -19,8 +19,6 @@
 namespace TarvoOrvane::SupportService {
 namespace {
 
-constexpr std::uint64_t kDefaultPage = 50;
-constexpr std::uint64_t kLargestPage = 1000;
 constexpr std::uint64_t kAnyNumber = std::numeric_limits<std::int64_t>::max();
 
 HttpAnswer NoContent() {
@@ -69,10 +67,6 @@ void Ask(ApiCall& call, Question question, MakeAnswer make_answer, const AnswerS
           }
         });
       });
-}
-
-std::uint64_t PageLimit(const ApiCall& call) {
-  return call.QueryNumber("limit", kDefaultPage, 1, kLargestPage);
 }
 
 /// A page of what was asked for with a limit that is larger by one, to know whether there is more.
@@ -450,17 +444,6 @@ void FollowEvents(ApiCall& call, const AnswerSink& done) {
 
 namespace {
 
-Archive ArchiveMeant(const ApiCall& call, const Ticket& ticket) {
-  const std::string& version = call.places.at(1);
-  for (const Archive& archive : ticket.archives) {
-    if (std::to_string(archive.version) != version) continue;
-    if (!archive.deleted) return archive;
-    throw ApiError("gone",
-                   "the archive was deleted at " + TimeText(*archive.deleted) + ": " + archive.deletion);
-  }
-  throw ApiError("not_found", "ticket " + ticket.id + " has no archive of version " + Quoted(version));
-}
-
 HttpAnswer SliceOf(const HttpRequest& request, const std::string& path, const std::string& name,
                    const Archive& archive) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -498,7 +481,7 @@ HttpAnswer SliceOf(const HttpRequest& request, const std::string& path, const st
 
 void DownloadArchive(ApiCall& call, const AnswerSink& done) {
   const Ticket ticket = call.TicketMeant();
-  const Archive archive = ArchiveMeant(call, ticket);
+  const Archive archive = call.ArchiveMeant(ticket);
   const std::string name = ticket.id + "-" + std::to_string(archive.version) + ".dat";
   const auto path = call.desk.archives.PathOf(ticket.id, archive.version);
   Act(
@@ -513,7 +496,7 @@ void DownloadArchive(ApiCall& call, const AnswerSink& done) {
 
 void DeleteArchive(ApiCall& call, const AnswerSink& done) {
   const Ticket ticket = call.TicketMeant();
-  const std::uint64_t version = ArchiveMeant(call, ticket).version;
+  const std::uint64_t version = call.ArchiveMeant(ticket).version;
   const auto remove = [&call, id = ticket.id, version, done](HttpAnswer answer) {
     if (answer.status != MHD_HTTP_NO_CONTENT) return done(std::move(answer));
     call.desk.disk.Post([&call, id, version, done, answer] {

@@ -55,6 +55,10 @@ constexpr Route kRoutes[] = {
     {"GET", "/tickets/*/events", Role::kViewer, false, ListTicketEvents},
     {"GET", "/tickets/*/archives/*", Role::kSupport, false, DownloadArchive},
     {"DELETE", "/tickets/*/archives/*", Role::kAdmin, false, DeleteArchive},
+    {"GET", "/tickets/*/archives/*/entries", Role::kSupport, false, ListArchiveEntries},
+    {"GET", "/tickets/*/archives/*/manifest", Role::kSupport, false, GetManifest},
+    {"GET", "/tickets/*/archives/*/entries/*", Role::kSupport, false, DownloadEntry},
+    {"GET", "/tickets/*/archives/*/entries/*/text", Role::kSupport, false, ReadEntryText},
     {"GET", "/events", Role::kViewer, false, FollowEvents},
     {"GET", "/users", Role::kAdmin, false, ListUsers},
     {"POST", "/users", Role::kAdmin, true, AddUser},
@@ -293,8 +297,8 @@ ApiFront::ApiFront(Dispatcher& dispatcher, const Store& store, const ArchiveStor
       hashing_(1),
       readers_(kReaders),
       strangers_(events),
-      desk_{dispatcher, store,  archives, disk,       enroller, feed_,   hashing_,
-            addresses_, names_, readers_, strangers_, overview, metrics, upkeep} {
+      desk_{dispatcher, store,    archives,   disk,     enroller, feed_,  hashing_, addresses_,
+            names_,     readers_, strangers_, overview, metrics,  upkeep, contents_} {
   dispatcher_.SetNewsSink([this] { feed_.Notify(); });
 }
 

@@ -22,6 +22,9 @@ class ApiFront {
   ApiFront(const ApiFront&) = delete;
   ApiFront& operator=(const ApiFront&) = delete;
 
+  /// Ends all looks into archives, so that the servers' ends need not wait for them.
+  void EndLooks() { contents_.Stop(); }
+
   /// For HttpServer.
   std::unique_ptr<Exchange> Begin(HttpRequest& request);
 
@@ -40,6 +43,7 @@ class ApiFront {
   DiskWorkers hashing_;
   DiskWorkers readers_;
   const LimitedEvents strangers_;  ///< For what anybody can cause.
+  ArchiveContents contents_;
   ApiDesk desk_;
 };
 

@@ -56,6 +56,7 @@ unsigned int StatusOf(const char* code) {
       {"gone", MHD_HTTP_GONE},
       {"too_large", MHD_HTTP_CONTENT_TOO_LARGE},
       {"range", MHD_HTTP_RANGE_NOT_SATISFIABLE},
+      {"unreadable", MHD_HTTP_UNPROCESSABLE_CONTENT},
       {"too_many", MHD_HTTP_TOO_MANY_REQUESTS},
       {"unavailable", MHD_HTTP_SERVICE_UNAVAILABLE},
       {"method_not_allowed", MHD_HTTP_METHOD_NOT_ALLOWED}};

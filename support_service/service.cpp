@@ -166,6 +166,7 @@ void SupportService::Stop() {
   backups_.Cancel();
   control_.Refuse();
   if (people_) people_->Refuse();
+  api_.EndLooks();
   webhook_.reset();
   const std::size_t cut_off = css_.AwaitRequests(deadline, kReportComesWithin);
   static_cast<void>(control_.AwaitRequests(deadline, {}));

@@ -1,8 +1,10 @@
 """What an operator does with the packages, each test in a booted container of its own; run_packages_tests boots it."""
+import http.client
 import json
 import pathlib
 import re
 import signal
+import socket
 import ssl
 import unittest
 import urllib.request
@@ -239,6 +241,20 @@ class ServiceTest(unittest.TestCase):
         wait_until(lambda: 'api listening on' in self.device.service_log(), 'the service listens for people')
         run('sh', '-c', f'echo correct horse | supportctl --data {SERVICE_DATA} users add ada --role support')
         self.assertEqual(signed_in('localhost', SERVICE_DATA / 'authority/ca.pem', 'ada', 'correct horse'), 'support')
+
+    def test_archives_are_looked_into_within_the_sandbox(self) -> None:
+        """The unit lets the service start the reader, and the reader give up its rights."""
+        self.device.configure()
+        self.device.start()
+        archive = self.device.serve_ticket()
+        ticket, version = archive.stem.split('-')
+        connection = http.client.HTTPConnection('localhost')
+        connection.sock = socket.socket(socket.AF_UNIX)
+        connection.sock.connect(str(SERVICE_DATA / 'control.sock'))
+        connection.request('GET', f'/api/v1/tickets/{ticket}/archives/{version}/entries?limit=1000')
+        page = json.loads(connection.getresponse().read())
+        self.assertEqual([entry['name'] for entry in page['entries']], entries_of(archive), self.device.service_log())
+        self.assertTrue(page['complete'], page)
 
     def test_certificate_of_the_operators_own(self) -> None:
         """As the configuration's comments say, with a key that only root can read."""

@@ -14,7 +14,7 @@ from api_service import DOCUMENT, ROLES, ROOT, Answer, ApiTest, Caller, Operatio
 
 # A body that is wrong, and paths to what is not there: who may ask gets another refusal than who may not.
 NOTHING_MEANT: Dict[str, str] = {'serial_number': 'nobody', 'ticket': 'ffffffffffffffff', 'version': '1',
-                                 'name': 'nobody', 'id': 'ffffffff'}
+                                 'number': '1', 'name': 'nobody', 'id': 'ffffffff'}
 
 
 def fill(path: str, places: Dict[str, str]) -> str:
@@ -79,6 +79,8 @@ class ContractTest(ApiTest):
         # Archives come from devices: what happens where one is there is in api_test.cpp.
         ask('GET', place + '/archives/1', 404)
         ask('DELETE', place + '/archives/1', 404)
+        for part in ['entries', 'manifest', 'entries/1', 'entries/1/text']:
+            ask('GET', f'{place}/archives/1/{part}', 404)
         ask('POST', '/users', 201, {'name': 'ann', 'role': 'viewer', 'password': 'correct horse'})
         ask('GET', '/users', 200)
         ask('POST', '/users/ann', 200, {'role': 'support', 'password': 'another horse'})

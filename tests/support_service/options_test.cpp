@@ -315,7 +315,7 @@ TEST(PackagedConfigurationTest, HasEveryOptionThatAFileMayHold) {
 
 TEST(SettingsChangeTest, EveryOptionThatAFileMayHoldIsLookedAt) {
   std::set<std::string> options = AllMatches(Service({"--help"}).text, "^  .*--([a-z-]+)");
-  for (const char* option : {"help", "version", "config", "check-config"}) options.erase(option);
+  for (const char* option : {"help", "version", "config", "check-config", "restore"}) options.erase(option);
   const auto known = KnownSettings();
   EXPECT_EQ(std::set<std::string>(known.begin(), known.end()), options);
 }
