@@ -22,7 +22,9 @@ EXPORTED const char* __tsan_default_suppressions() {
          "race:libssl.so\n"
          // Its callers are not in the report where they are one of the libraries above. What its headers put into our
          // code stays in sight.
-         "race:libstdc++.so\n";
+         "race:libstdc++.so\n"
+         // gRPC does not join its own threads before the process ends.
+         "thread:libgpr.so\n";
 }
 
 // It would stay for a second after exit() has taken OpenSSL down, which gRPC's threads may be in the middle of.
