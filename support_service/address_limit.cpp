@@ -7,18 +7,34 @@
 #include <array>
 
 namespace TarvoOrvane::SupportService {
+namespace {
+
+/// @param bytes  Of an address of that family.
+std::string TextOf(int family, const void* bytes) {
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  return inet_ntop(family, bytes, text.data(), text.size()) == nullptr ? "" : text.data();
+}
+
+}  // namespace
+
+std::string NetworkOf(const in6_addr& address) {
+  constexpr std::size_t kNetworkBytes = 8;
+  constexpr std::size_t kPlaceOfIpv4 = 12;
+  if (IN6_IS_ADDR_V4MAPPED(&address)) return TextOf(AF_INET, &address.s6_addr[kPlaceOfIpv4]);
+  in6_addr network{};
+  std::copy_n(&address.s6_addr[0], kNetworkBytes, &network.s6_addr[0]);
+  return TextOf(AF_INET6, &network) + "/64";
+}
 
 AddressLimit::AddressLimit(std::size_t most, Metrics& metrics, const EventSink& events)
     : metrics_(metrics), events_(events), most_(most) {}
 
 std::string AddressLimit::KeyOf(const sockaddr* address) {
-  std::array<char, INET6_ADDRSTRLEN> text{};
-  const void* bytes = nullptr;
-  if (address->sa_family == AF_INET) bytes = &reinterpret_cast<const sockaddr_in*>(address)->sin_addr;
-  if (address->sa_family == AF_INET6) bytes = &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
-  const bool has_text =
-      bytes != nullptr && inet_ntop(address->sa_family, bytes, text.data(), text.size()) != nullptr;
-  return has_text ? text.data() : "";
+  if (address->sa_family == AF_INET) {
+    return TextOf(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr);
+  }
+  if (address->sa_family != AF_INET6) return "";
+  return NetworkOf(reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
 }
 
 bool AddressLimit::Begin(const std::string& key) {

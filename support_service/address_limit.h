@@ -1,6 +1,7 @@
-/// Bounds how many connections one IP address has to a listener.
+/// Bounds how many connections one IP address, or one IPv6 network, has to a listener.
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstddef>
@@ -13,6 +14,10 @@
 
 namespace TarvoOrvane::SupportService {
 
+/// What is counted of an IPv6 address: the half that a network has, because one host has all addresses of it. An IPv4
+/// address in the form of an IPv6 one is itself.
+[[nodiscard]] std::string NetworkOf(const in6_addr& address);
+
 /// Any thread may use it.
 class AddressLimit {
  public:
@@ -20,7 +25,8 @@ class AddressLimit {
   /// @param events  Told of addresses that have more, as far as that is not too often.
   AddressLimit(std::size_t most, Metrics& metrics, const EventSink& events);
 
-  /// What connections are counted by: the IP address; empty for what has none, which is not limited.
+  /// What connections are counted by: the IPv4 address or the IPv6 network; empty for what has
+  /// none, which is not limited.
   [[nodiscard]] static std::string KeyOf(const sockaddr* address);
 
   /// A connection was accepted.

@@ -22,7 +22,7 @@ using ArchiveReader::ReaderEnd;
 /// Of a page of entries, whose names may be long. It may be exceeded by one entry.
 constexpr std::size_t kMostPageBytes = std::size_t{1} << 20;
 constexpr std::uint64_t kDefaultTextBytes = std::uint64_t{1} << 20;
-constexpr std::uint64_t kMostTextBytes = ArchiveReader::ReadLimits{}.text_bytes;
+constexpr std::uint64_t kMostBytesOfText = ArchiveReader::ReadLimits{}.text_bytes;
 constexpr std::uint64_t kAnyOffset = std::numeric_limits<std::int64_t>::max();
 
 struct Refusal {
@@ -316,7 +316,7 @@ void DownloadEntry(ApiCall& call, const AnswerSink& done) {
 void ReadEntryText(ApiCall& call, const AnswerSink& done) {
   const std::string number = EntryPlace(call);
   const std::uint64_t offset = call.QueryNumber("offset", 0, 0, kAnyOffset);
-  const std::uint64_t length = call.QueryNumber("length", kDefaultTextBytes, 1, kMostTextBytes);
+  const std::uint64_t length = call.QueryNumber("length", kDefaultTextBytes, 1, kMostBytesOfText);
   const auto headers = [](const Json::Value& entry) {
     return decltype(HttpAnswer::headers){{MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain; charset=utf-8"},
                                          {"X-Entry-Size", entry["size"].asString()},

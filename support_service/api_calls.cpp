@@ -12,6 +12,7 @@
 #include <memory>
 #include <utility>
 
+#include "address_limit.h"
 #include "api_json.h"
 #include "http_range.h"
 #include "text_forms.h"
@@ -128,8 +129,8 @@ constexpr char kWrongSignIn[] = "the name or the password is wrong";
 /// So many passwords wait to be hashed at most.
 constexpr std::size_t kMostWaiting = 16;
 
-/// By what tries from one place are counted: an IPv4 address, or the half of an IPv6 address that a network has. Empty
-/// for this machine: a proxy may stand there, behind which is everybody.
+/// By what tries from one place are counted: an IPv4 address or an IPv6 network. Empty for this machine: a proxy may
+/// stand there, behind which is everybody.
 std::string AddressKey(const std::string& peer) {
   std::string address = peer.substr(0, peer.rfind(':'));
   if (address.rfind("127.", 0) == 0 || address == "[::1]" || address == "control socket") return "";
@@ -137,8 +138,7 @@ std::string AddressKey(const std::string& peer) {
   address = address.substr(1, address.size() - 2);
   in6_addr bytes{};
   if (inet_pton(AF_INET6, address.c_str(), &bytes) != 1) return address;
-  constexpr std::size_t kNetworkBytes = 8;
-  return HexText(&bytes.s6_addr[0], kNetworkBytes);
+  return NetworkOf(bytes);
 }
 
 /// So that an unknown name takes as long as a wrong password.
@@ -713,6 +713,7 @@ void GetHealth(ApiCall& call, const AnswerSink& done) {
     const ApiDesk& desk = call.desk;
     Json::Value health(Json::objectValue);
     health["time"] = TimeText(Now().wall);
+    health["uses_tls"] = desk.upkeep.identity.uses_tls();
     if (const auto until = desk.upkeep.identity.certificate_until()) {
       health["certificate_until"] = TimeText(*until);
     }
@@ -734,12 +735,12 @@ constexpr char kBusy[] = "a backup is being made: wait for its end";
 }  // namespace
 
 void MakeBackup(ApiCall& call, const AnswerSink& done) {
-  const std::string archives = call.QueryText("archives");
-  if (!archives.empty() && archives != "false") {
+  const auto archives = call.request.Query("archives");
+  if (archives && *archives != "false") {
     throw ApiError("bad_request", "\"archives\" must be false, or left out");
   }
   if (call.desk.upkeep.backups.IsBusy()) throw ApiError("conflict", kBusy);
-  const bool with_archives = archives.empty();
+  const bool with_archives = !archives;
   const auto ready = [&call, done](std::shared_ptr<BodySource> body, const std::string& fault) {
     if (!body) return done(NotRemembered(call, fault));
     HttpAnswer answer;

@@ -263,8 +263,7 @@ class MetricsExchange final : public Exchange {
     const auto view = std::make_shared<std::optional<BookView>>();
     const auto answer = [&desk = desk_, view, done = std::move(done)](const std::string& fault) {
       desk.readers.Post([&desk, view, done, is_ready = fault.empty()] {
-        desk.metrics.NoteRequest(kMetricsOperation, MHD_HTTP_OK);
-        done(AnswerWith(desk.overview.MetricsPage(*view, is_ready)));
+        done(AnswerOf(desk, [&] { return AnswerWith(desk.overview.MetricsPage(*view, is_ready)); }));
       });
     };
     desk_.dispatcher.Post([view](TicketBook& book) { *view = book.Overview(); }, answer);
@@ -272,6 +271,19 @@ class MetricsExchange final : public Exchange {
   void Abort(const std::string& /*cause*/) override {}
 
  private:
+  /// A reader's thread catches nothing.
+  template <typename Make>
+  static HttpAnswer AnswerOf(ApiDesk& desk, const Make& make) {
+    HttpAnswer answer;
+    try {
+      answer = make();
+    } catch (const std::exception& failure) {
+      desk.log.Write(std::string("the page of metrics can't be made: ") + failure.what());
+      answer = ErrorAnswer("internal", "it failed, the service's log says why");
+    }
+    desk.metrics.NoteRequest(kMetricsOperation, answer.status);
+    return answer;
+  }
   static HttpAnswer AnswerWith(std::string page) {
     HttpAnswer answer;
     // The version that the format's document names.
@@ -305,15 +317,16 @@ ApiFront::ApiFront(Dispatcher& dispatcher, const Store& store, const ArchiveStor
 ApiFront::~ApiFront() { dispatcher_.SetNewsSink({}); }
 
 std::unique_ptr<Exchange> ApiFront::Begin(HttpRequest& request) {
-  if (request.method() == MHD_HTTP_METHOD_GET && request.path() == "/healthz") {
-    return std::make_unique<HealthExchange>(nullptr);
-  }
-  if (request.method() == MHD_HTTP_METHOD_GET && request.path() == "/readyz") {
-    return std::make_unique<HealthExchange>(&dispatcher_);
-  }
+  const bool is_get = request.method() == MHD_HTTP_METHOD_GET;
+  if (is_get && request.path() == "/healthz") return std::make_unique<HealthExchange>(nullptr);
+  if (is_get && request.path() == "/readyz") return std::make_unique<HealthExchange>(&dispatcher_);
   std::string operation;
   try {
-    if (request.method() == MHD_HTTP_METHOD_GET && request.path() == "/metrics") {
+    for (const char* path : {"/healthz", "/readyz", "/metrics"}) {
+      if (is_get || request.path() != path) continue;
+      throw ApiError("method_not_allowed", "this path takes GET", MHD_HTTP_METHOD_GET);
+    }
+    if (is_get && request.path() == "/metrics") {
       operation = kMetricsOperation;
       static_cast<void>(CallerOf(request));
       return std::make_unique<MetricsExchange>(desk_);

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -117,6 +118,8 @@ namespace {
 
 /// What is read from the pipe at once.
 constexpr std::size_t kPieceBytes = std::size_t{64} << 10;
+/// So long a process that has closed its output may take to end.
+constexpr int kExitMilliseconds = 10'000;
 /// A line has two texts at most, of which each byte becomes five.
 constexpr std::size_t kMostLineBytes = std::size_t{64} << 10;
 
@@ -161,6 +164,7 @@ class SpawnPlan {
   int Spawn(const std::string& program, std::vector<std::string> arguments, pid_t& process) const {
     arguments.insert(arguments.begin(), program);
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
     char* const environment[] = {nullptr};
@@ -266,6 +270,7 @@ void Look::ReadOutput() {
   read_.resize(before + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
   if (count > 0) return;
   has_ended_ = true;
+  AwaitExit();
   NoteStatus(Reap());
 }
 
@@ -275,6 +280,16 @@ void Look::Stop(LookEnd::Cause cause, std::string text) {
   end_ = {cause, ReaderEnd::kComplete, std::move(text)};
   read_.clear();
   Reap();
+}
+
+/// The process has closed its output, and is about to end by itself.
+void Look::AwaitExit() const {
+  const int process =
+      static_cast<int>(syscall(SYS_pidfd_open, process_, 0));  // glibc declares it for C alone
+  if (process == -1) return;
+  pollfd ended{process, POLLIN, 0};
+  static_cast<void>(poll(&ended, 1, kExitMilliseconds));
+  close(process);
 }
 
 /// Leaves nothing of the process. One that ends by itself keeps its status.

@@ -94,6 +94,7 @@ class Look {
   bool Step(bool may_read);
   void ReadOutput();
   void Stop(LookEnd::Cause cause, std::string text = "");
+  void AwaitExit() const;
   int Reap();
   void NoteStatus(int status);
 

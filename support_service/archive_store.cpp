@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <set>
@@ -35,7 +34,7 @@ void TakeDataFolder(const fs::path& folder) {
     throw std::runtime_error("the data folder " + folder.string() + " belongs to another user");
   }
   if ((status.st_mode & 0077) == 0) return;
-  if (!fs::is_empty(folder) && !fs::exists(folder / "lock")) {
+  if (!fs::is_empty(folder) && !fs::exists(folder / kLock)) {
     throw std::runtime_error("the data folder " + folder.string() +
                              " is open to other users: name a new or empty folder, or close it with "
                              "chmod 700");
@@ -50,27 +49,34 @@ void RequireRestored(const fs::path& folder) {
                            ": empty the folder, and restore it again");
 }
 
-int LockFolder(const fs::path& folder) {
-  // O_NOFOLLOW: a link there would have been put by somebody else.
-  const fs::path path = folder / "lock";
-  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd == -1) ThrowErrno("cannot open " + path.string());
-  if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
-  close(fd);
-  throw std::runtime_error("another support service uses the data folder " + folder.string() +
-                           ": stop it or choose another folder with --data");
-}
-
 std::string NameOf(const std::string& ticket_id, std::uint64_t version) {
   return ticket_id + "-" + std::to_string(version) + ".dat";
 }
 
+/// A restore that fails removes its lock.
+bool IsFileOf(int fd, const fs::path& path) {
+  struct stat opened {};
+  struct stat named {};
+  return fstat(fd, &opened) == 0 && lstat(path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
+         opened.st_ino == named.st_ino;
+}
+
 }  // namespace
 
-IncomingArchive::IncomingArchive(const fs::path& folder) : digest_(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
-  if (!digest_ || EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr) != 1) {
-    throw std::runtime_error("cannot compute SHA-256");
-  }
+int LockDataFolder(const fs::path& folder) {
+  // O_NOFOLLOW: a link there would have been put by somebody else.
+  const fs::path path = folder / kLock;
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd == -1) ThrowErrno("cannot open " + path.string());
+  if (flock(fd, LOCK_EX | LOCK_NB) == 0 && IsFileOf(fd, path)) return fd;
+  close(fd);
+  throw std::runtime_error(
+      "another support service uses the data folder " + folder.string() +
+      ", or a backup is being restored to it: stop the service, wait for the restore, or "
+      "choose another folder with --data");
+}
+
+IncomingArchive::IncomingArchive(const fs::path& folder) {
   std::string name = (folder / "XXXXXX").string();  // mkostemp() makes it 0600
   fd_ = mkostemp(name.data(), O_CLOEXEC);
   if (fd_ == -1) ThrowErrno("cannot make a file in " + folder.string());
@@ -84,27 +90,20 @@ IncomingArchive::~IncomingArchive() {
 
 void IncomingArchive::Write(std::string_view data) {
   WriteAll(fd_, data, path_);
-  if (EVP_DigestUpdate(digest_.get(), data.data(), data.size()) != 1) {
-    throw std::runtime_error("cannot compute SHA-256");
-  }
+  digest_.Add(data);
   size_bytes_ += data.size();
 }
 
 void IncomingArchive::Finish() {
   if (fsync(fd_) == -1) ThrowErrno("cannot sync " + path_.string());
-  std::array<unsigned char, EVP_MAX_MD_SIZE> hash{};
-  unsigned int length = 0;
-  if (EVP_DigestFinal_ex(digest_.get(), hash.data(), &length) != 1) {
-    throw std::runtime_error("cannot compute SHA-256");
-  }
-  sha256_ = HexText(hash.data(), length);
+  sha256_ = digest_.Hex();
 }
 
 ArchiveStore::ArchiveStore(const fs::path& data_folder) : folder_(data_folder) {
   TakeDataFolder(folder_);
-  RequireRestored(folder_);
-  lock_fd_ = LockFolder(folder_);
+  lock_fd_ = LockDataFolder(folder_);
   try {
+    RequireRestored(folder_);
     MakePrivateFolder(folder_ / "incoming");
     MakePrivateFolder(folder_ / "archives");
     // The lock is ours, so nobody is still writing these.

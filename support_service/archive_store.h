@@ -1,6 +1,6 @@
 /// What was received, as files:
 ///
-///     DATA/lock                         held by the service that uses the folder
+///     DATA/lock                         held by the service that uses the folder, or by a restore
 ///     DATA/incoming/                    bodies that are still arriving; emptied at start
 ///     DATA/archives/TICKET-VERSION.dat  complete archives
 ///     DATA/unknown/                     archives of which the store did not know at the service's start
@@ -9,8 +9,6 @@
 /// files 0600.
 #pragma once
 
-#include <openssl/evp.h>
-
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -18,12 +16,20 @@
 #include <string_view>
 
 #include "event_log.h"
+#include "sha256.h"
 #include "store.h"
 
 namespace TarvoOrvane::SupportService {
 
 /// Of the data folder: what a backup is restored to, until it is complete.
 inline constexpr char kRestoring[] = "restoring";
+/// Of the data folder: the file that is locked by who uses it.
+inline constexpr char kLock[] = "lock";
+
+/// Takes the data folder for this process. Who looks at what is in it does so afterwards.
+/// @return A descriptor of DATA/lock. The lock ends when it is closed, or with the process.
+/// @throws std::exception when another process has it. The text says what to do.
+[[nodiscard]] int LockDataFolder(const std::filesystem::path& folder);
 
 /// An archive that is being received. It lies in DATA/incoming and is removed with the object, unless it was given a
 /// name. Used by one thread at a time.
@@ -56,7 +62,7 @@ class IncomingArchive {
   std::filesystem::path path_;  ///< Empty once published.
   int fd_ = -1;                 ///< Open from the constructor to the destructor.
   std::uint64_t size_bytes_ = 0;
-  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> digest_;  ///< Takes each piece as it is written.
+  Sha256Digest digest_;  ///< Takes each piece as it is written.
   std::string sha256_;
 };
 
@@ -99,7 +105,8 @@ class ArchiveStore {
   void Remove(const std::string& ticket_id, std::uint64_t version) const;
 
   /// Compares the files with what the store knows, before anything is served: puts aside what it does not know, tells
-  /// of what is missing, and deletes what is known to be deleted. The store may be a backup, so nothing else is deleted.
+  /// of what is missing, and deletes what is known to be deleted. The store may be a backup, so nothing else is
+  /// deleted.
   /// @param events  Takes a line for each difference.
   /// @throws StoreError or std::exception when one of them can't be read.
   void Reconcile(const Store& store, const EventSink& events) const;

@@ -36,7 +36,9 @@ bool IsFileName(std::string_view name) {
 }
 
 bool IsMemberName(std::string_view name) {
-  if (name == kBackupStore || name == kBackupFacts || name == kBackupSums) return true;
+  for (const char* other : {kBackupForm, kBackupStore, kBackupFacts, kBackupSums}) {
+    if (name == other) return true;
+  }
   const std::size_t slash = name.find('/');
   if (slash == std::string_view::npos || !IsFileName(name.substr(slash + 1))) return false;
   return std::any_of(std::begin(kBackupFolders), std::end(kBackupFolders),
@@ -46,8 +48,8 @@ bool IsMemberName(std::string_view name) {
 /// Reads one file.
 class BackupCheck {
  public:
-  BackupCheck(const std::filesystem::path& file, const MemberSink& take)
-      : file_(file), take_(take), tar_(archive_read_new(), archive_read_free) {}
+  BackupCheck(const std::filesystem::path& file, const MemberSink& sink)
+      : file_(file), sink_(sink), tar_(archive_read_new(), archive_read_free) {}
 
   BackupFacts Run() {
     Open();
@@ -60,11 +62,13 @@ class BackupCheck {
       if (at_end) Refuse("has more behind its end. It was changed");
       const std::string name = NameOf(entry);
       TakeMember(name);
+      if (name == kBackupForm) RequireOwnForm();
       at_end = name == kBackupSums;
     }
     if (member_.empty()) Refuse("is no backup of a support service");
     if (!at_end) Refuse("is cut off: its end is missing. Take another one");
     CompareSums();
+    if (facts_.sums.count(kBackupStore) == 0) RefuseOther(kBackupStore);
     ReadFacts();
     return std::move(facts_);
   }
@@ -76,6 +80,10 @@ class BackupCheck {
     if (member_.empty()) Refuse("is no backup of a support service");
     Refuse("is cut off or damaged, at or behind " + member_ + " (" + Printable(why == nullptr ? "" : why) +
            "). Take another one");
+  }
+
+  [[noreturn]] void RefuseOther(const std::string& lacking) const {
+    Refuse("is no backup of a support service: it has no " + lacking);
   }
 
   void Open() {
@@ -93,7 +101,7 @@ class BackupCheck {
   std::string NameOf(archive_entry* entry) {
     const char* text = archive_entry_pathname(entry);
     std::string name = text == nullptr ? "" : text;
-    if (member_.empty() && name != kBackupStore) {
+    if (member_.empty() && name != kBackupForm) {
       Refuse("is no backup of a support service: it begins with " + Quoted(name));
     }
     const bool is_file =
@@ -105,8 +113,9 @@ class BackupCheck {
 
   void TakeMember(const std::string& name) {
     member_ = name;
-    const bool is_text = name == kBackupFacts || name == kBackupSums;
-    take_(name, {});
+    const bool is_text = name == kBackupForm || name == kBackupFacts || name == kBackupSums;
+    if (name.rfind("archives/", 0) == 0) ++facts_.archives;
+    if (sink_.begin) sink_.begin(name);
     Sha256Digest hash;
     std::vector<char> block(kTarBlockBytes);
     for (;;) {
@@ -118,9 +127,22 @@ class BackupCheck {
       facts_.size_bytes += piece.size();
       if (is_text && texts_[name].size() + piece.size() > kMostTextBytes) Refuse("has too large a " + name);
       if (is_text) texts_[name].append(piece);
-      take_(name, piece);
+      if (sink_.add) sink_.add(piece);
     }
     if (name != kBackupSums) facts_.sums[name] = hash.Hex();
+  }
+
+  /// Before anything else is looked at: it may have another meaning in another form.
+  void RequireOwnForm() {
+    constexpr std::size_t kMostDigits = 9;
+    std::string form = texts_[kBackupForm];
+    if (!form.empty() && form.back() == '\n') form.pop_back();
+    if (form == std::to_string(kOwnBackupForm)) return;
+    const bool is_number = !form.empty() && form.size() <= kMostDigits &&
+                           form.find_first_not_of("0123456789") == std::string::npos;
+    if (!is_number) Refuse("is damaged: its form can't be read. Take another one");
+    Refuse("was made by another version of the service (form " + form + ", this one knows form " +
+           std::to_string(kOwnBackupForm) + "). Install that version");
   }
 
   void CompareSums() {
@@ -145,11 +167,7 @@ class BackupCheck {
     Json::Value value;
     try {
       if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr) || !value.isObject()) {
-        Refuse(std::string("is no backup of a support service: it has no ") + kBackupFacts);
-      }
-      if (value["form"].asUInt() != kBackupForm) {
-        Refuse("was made by another version of the service (form " + value["form"].asString() +
-               ", this one knows form " + std::to_string(kBackupForm) + "). Install that version");
+        RefuseOther(kBackupFacts);
       }
       facts_.service_version = Printable(value["service_version"].asString());
       facts_.created = Printable(value["created"].asString());
@@ -161,7 +179,7 @@ class BackupCheck {
   }
 
   const std::filesystem::path& file_;
-  const MemberSink& take_;
+  const MemberSink& sink_;
   const TarReader tar_;
   std::string member_;                        ///< The one that was begun last.
   std::map<std::string, std::string> texts_;  ///< Of the members that are read as a whole.
@@ -170,8 +188,8 @@ class BackupCheck {
 
 }  // namespace
 
-BackupFacts ReadBackup(const std::filesystem::path& file, const MemberSink& take) {
-  return BackupCheck(file, take).Run();
+BackupFacts ReadBackup(const std::filesystem::path& file, const MemberSink& sink) {
+  return BackupCheck(file, sink).Run();
 }
 
 }  // namespace TarvoOrvane::SupportService

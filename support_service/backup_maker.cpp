@@ -129,26 +129,43 @@ class BackupTar {
     Check(archive_write_open(tar_.get(), &pipe, nullptr, &Write, nullptr));
   }
 
-  /// @param fd  Of a regular file, which is read from its beginning.
-  /// @return The SHA-256.
-  std::string AddFile(const std::string& name, int fd) {
+  struct Added {
+    std::string sha256;  ///< Of what was added.
+    std::string fault;   ///< Why zeros are in the place of what could not be read; empty where all could be.
+  };
+
+  /// @param fd  Of a file, which is read from its beginning.
+  Added TryToAddFile(const std::string& name, int fd) {
     struct stat status {};
     if (fstat(fd, &status) == -1) ThrowErrno("cannot read " + name);
     auto left = static_cast<std::uint64_t>(status.st_size);
     Begin(name, left, status.st_mtime);
     Sha256Digest hash;
     std::vector<char> block(kPieceBytes);
+    std::string fault;
     while (left > 0) {
-      const ssize_t count = read(fd, block.data(), std::min<std::uint64_t>(left, block.size()));
+      auto count = static_cast<ssize_t>(std::min<std::uint64_t>(left, block.size()));
+      if (fault.empty()) count = read(fd, block.data(), static_cast<std::size_t>(count));
       if (count == -1 && errno == EINTR) continue;
-      if (count == -1) ThrowErrno("cannot read " + name);
-      if (count == 0) throw std::runtime_error(name + " became shorter while it was read");
+      if (count <= 0) {
+        fault = count == 0 ? "it became shorter while it was read"
+                           : "it can't be read: " + std::generic_category().message(errno);
+        // The tar's reader was told how long it is.
+        std::fill(block.begin(), block.end(), '\0');
+        continue;
+      }
       const std::string_view piece(block.data(), static_cast<std::size_t>(count));
       hash.Add(piece);
       Append(piece);
       left -= piece.size();
     }
-    return Note(name, hash);
+    return {Note(name, hash), fault};
+  }
+
+  /// A file without which the backup is of no use.
+  void AddFile(const std::string& name, int fd) {
+    const Added added = TryToAddFile(name, fd);
+    if (!added.fault.empty()) throw std::runtime_error(name + ": " + added.fault);
   }
 
   std::string AddText(const std::string& name, const std::string& text) {
@@ -227,10 +244,16 @@ std::vector<std::string> AddArchives(BackupTar& tar, const ArchiveStore& archive
     const fs::path path = archives.PathOf(archive.ticket_id, archive.version);
     const std::string name = path.filename().string();
     const OpenFile file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (file.fd() == -1 && errno != ENOENT) ThrowErrno("cannot read " + path.string());
     if (file.fd() == -1) {
-      missing.push_back(name + ": there is no such file, or it was deleted since");
-    } else if (tar.AddFile("archives/" + name, file.fd()) != archive.sha256) {
+      missing.push_back(name + (errno == ENOENT
+                                    ? ": there is no such file, or it was deleted since"
+                                    : ": it can't be read: " + std::generic_category().message(errno)));
+      continue;
+    }
+    const BackupTar::Added added = tar.TryToAddFile("archives/" + name, file.fd());
+    if (!added.fault.empty()) {
+      missing.push_back(name + ": " + added.fault + ". Zeros are in the place of the rest");
+    } else if (added.sha256 != archive.sha256) {
       missing.push_back(name + ": its content is not what the device has sent");
     }
   }
@@ -239,7 +262,6 @@ std::vector<std::string> AddArchives(BackupTar& tar, const ArchiveStore& archive
 
 std::string FactsText(bool with_archives, const std::vector<std::string>& missing) {
   Json::Value facts(Json::objectValue);
-  facts["form"] = kBackupForm;
   facts["service_version"] = DDT_VERSION;
   facts["created"] = TimeText(std::chrono::system_clock::now());
   facts["with_archives"] = with_archives;
@@ -264,7 +286,7 @@ BackupMaker::~BackupMaker() {
 }
 
 bool BackupMaker::Begin(bool with_archives, const Ready& ready) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  std::unique_lock<std::mutex> lock(mutex_);
   if (is_busy_) return false;
   is_busy_ = true;
   if (thread_.joinable()) thread_.join();  // it has ended, but for its last few steps
@@ -274,6 +296,7 @@ bool BackupMaker::Begin(bool with_archives, const Ready& ready) {
     thread_ = std::thread([this, with_archives, ready, pipe] { Run(with_archives, ready, pipe); });
   } catch (const std::system_error& failure) {
     is_busy_ = false;
+    lock.unlock();
     ready(nullptr, std::string("no thread can be started: ") + failure.what());
   }
   return true;
@@ -296,7 +319,9 @@ void BackupMaker::Cancel() {
 
 /// @param contents  Gets what is in the copy.
 /// @return The copy, open for reading; it has no name any more.
+/// @throws std::exception when there is none, also because of Cancel().
 int BackupMaker::CopyStore(StoreContents& contents) const {
+  const auto goes_on = [this] { return !cancelled_; };
   const fs::path copy = folder_ / "incoming" / "backup.db";
   RoomReservation reservation(room_);
   if (!reservation.Add(store_.SizeBytes())) {
@@ -304,8 +329,9 @@ int BackupMaker::CopyStore(StoreContents& contents) const {
                              std::to_string(store_.SizeBytes()) + " bytes. Make room on it");
   }
   try {
-    store_.CopyTo(copy, [this] { return !cancelled_; });
-    contents = SqliteStore::Examine(copy);
+    store_.CopyTo(copy, goes_on);
+    contents = SqliteStore::Examine(copy, goes_on);
+    if (cancelled_) throw std::runtime_error("the service shuts down");
     const int fd = open(copy.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd == -1) ThrowErrno("cannot read " + copy.string());
     unlink(copy.c_str());
@@ -323,28 +349,31 @@ void BackupMaker::Run(bool with_archives, const Ready& ready, const std::shared_
   };
   auto body = std::make_shared<BackupBody>(pipe);
   StoreContents contents;
-  int fd = -1;
+  std::unique_ptr<OpenFile> store;
   try {
-    fd = CopyStore(contents);
+    store = std::make_unique<OpenFile>(CopyStore(contents));
   } catch (const std::exception& failure) {
     set_idle();
     return ready(nullptr, failure.what());
   }
-  const OpenFile store(fd);
   ready(std::exchange(body, nullptr), "");
   try {
     BackupTar tar(*pipe);
-    tar.AddFile(kBackupStore, store.fd());
+    tar.AddText(kBackupForm, std::to_string(kOwnBackupForm) + "\n");
+    tar.AddFile(kBackupStore, store->fd());
     AddPrivateFiles(tar, folder_, "authority");
     AddPrivateFiles(tar, folder_, "server");
     std::vector<std::string> missing;
     if (with_archives) missing = AddArchives(tar, archives_, contents);
     tar.AddText(kBackupFacts, FactsText(with_archives, missing));
     tar.Finish();
+    store
+        .reset();  // it has no name: its blocks are freed here, which takes its time. The next Begin() waits no more
     set_idle();
     pipe->Finish();
   } catch (const std::exception& failure) {
     events_(std::string("a backup was not finished: ") + failure.what());
+    store.reset();
     set_idle();
     pipe->Close();
   }

@@ -19,8 +19,8 @@ namespace TarvoOrvane::SupportService {
 
 class BackupPipe;
 
-/// Makes one backup at a time, in a thread of its own: first a copy of the store, which holds up no writer, and then the
-/// tar file, as fast as its reader takes it. Any thread may use it.
+/// Makes one backup at a time, in a thread of its own: first a copy of the store, which holds up no writer, and then
+/// the tar file, as fast as its reader takes it. Any thread may use it.
 class BackupMaker {
  public:
   /// @param data_folder  Of the service. Its folder "incoming" has the copy of the store for a moment.
@@ -32,8 +32,8 @@ class BackupMaker {
   BackupMaker(const BackupMaker&) = delete;
   BackupMaker& operator=(const BackupMaker&) = delete;
 
-  /// Told once, as a rule in the maker's thread: the backup as a body, or why there is none. A body whose end is not reached ends
-  /// its connection as a broken one.
+  /// Told once, as a rule in the maker's thread: the backup as a body, or why there is none. A body whose end is not
+  /// reached ends its connection as a broken one.
   using Ready = std::function<void(std::shared_ptr<BodySource> body, const std::string& fault)>;
 
   /// Begins to make one. What the store has remembered before is in it.

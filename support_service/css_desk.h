@@ -22,8 +22,8 @@ struct CssDesk {
   DiskWorkers& disk;             ///< Waits until they are there.
   DiskRoom& room;                ///< Has to promise room before they come.
   Trust trust;                   ///< How devices are known.
-  const std::atomic<std::uint64_t>&
-      largest_upload;       ///< In bytes, with all that a form adds. May change at any time.
+  /// In bytes, with all that a form adds. May change at any time.
+  const std::atomic<std::uint64_t>& largest_upload;
   LimitedEvents strangers;  ///< What anybody can cause becomes lines, as far as they are not too many.
   EventSink events;         ///< What devices with a ticket do.
   Metrics& metrics;         ///< Told of the limits that are met, and of refused uploads.

@@ -37,7 +37,7 @@ class Dispatcher {
   using Done = std::function<void(const std::string& fault)>;
 
   /// Starts the thread.
-  /// @param store   Lives longer than the dispatcher, which alone writes to it.
+  /// @param store    Lives longer than the dispatcher, which alone writes to it.
   /// @param events   Takes the event lines.
   /// @param metrics  Lives longer than the dispatcher.
   /// @throws StoreError when the store can't be read.

@@ -1,5 +1,5 @@
-/// The service's event lines: one line per event on standard output, safe to read in a terminal, or one JSON object. Whoever reports an
-/// event has made what came from outside printable (text_forms.h).
+/// The service's event lines: one line per event on standard output, safe to read in a terminal, or one JSON object.
+/// Whoever reports an event has made what came from outside printable (text_forms.h).
 #pragma once
 
 #include <chrono>
@@ -47,9 +47,9 @@ enum class LogFormat {
   kJson    ///< {"message": EVENT, "time": TIME}
 };
 
-/// Writes each event as one line with its time. A thread of its own writes, so that a reader who stalls holds up nobody:
-/// lines that find no room are left out, and counted in a line of their own. An event whose reader has gone or whose
-/// file is full is dropped: the service does its work without its log.
+/// Writes each event as one line with its time. A thread of its own writes, so that a reader who stalls holds up
+/// nobody: lines that find no room are left out, and counted in a line of their own. An event whose reader has gone or
+/// whose file is full is dropped: the service does its work without its log.
 class EventLog {
  public:
   /// Starts the thread.

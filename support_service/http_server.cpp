@@ -89,8 +89,9 @@ class UnderWay {
   /// As HttpServer::AwaitRequests().
   std::size_t AwaitEnd(TimePoint deadline, std::chrono::milliseconds linger) {
     std::unique_lock<std::mutex> lock(mutex_);
-    while (open_ > 0) {
-      if (!changed_.wait_until(lock, deadline, [this] { return open_ == 0; })) break;
+    const auto none_is_open = [this] { return open_ == 0; };
+    while (!none_is_open()) {
+      if (!changed_.wait_until(lock, deadline, none_is_open)) break;
       const TimePoint quiet = std::min(deadline, std::chrono::steady_clock::now() + linger);
       if (!changed_.wait_until(lock, quiet, [this] { return open_ > 0 || refusing_; })) break;
     }

@@ -85,8 +85,8 @@ class HttpServer {
   std::unique_ptr<HttpParts> parts_;
   std::string url_;
   std::string unix_path_;  ///< Empty for TCP.
-  std::optional<TimePoint>
-      last_moment_;  ///< For answers to be sent at the end; set where requests were waited for.
+  /// For answers to be sent at the end; set where requests were waited for.
+  std::optional<TimePoint> last_moment_;
 };
 
 }  // namespace TarvoOrvane::SupportService

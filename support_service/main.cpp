@@ -71,7 +71,7 @@ void ReadAgain(int argc, const char* const* argv, ServiceSettings& settings, Sup
     service.SetSettings(changed);
     settings = changed;
   } catch (const std::exception& failure) {
-    return log.Write(std::string("the configuration can't be taken over, try again later: ") +
+    return log.Write(std::string("some of the configuration may not count yet, read it again later: ") +
                      failure.what());
   }
   log.Write("the configuration was read again" + std::string(changes.empty() ? ": nothing has changed" : ""));

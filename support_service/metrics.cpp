@@ -20,10 +20,6 @@ using prometheus::BuildCounter;
 using prometheus::BuildGauge;
 using prometheus::BuildHistogram;
 
-/// Every kind, in the order of the enumeration, which begins at 1.
-constexpr auto kLastKind = EventKind::kArchiveDeleted;
-constexpr auto kLastOutcome = Outcome::kUnknown;
-
 /// The answers to refused uploads, for a label.
 const char* ReasonOf(unsigned int status) {
   switch (status) {
@@ -61,15 +57,15 @@ Metrics::Metrics() : started_(Now().wall), registry_(std::make_unique<prometheus
                      .Name("support_service_ticket_events_total")
                      .Help("Events of tickets, by kind: deliveries, answers, uploads, reports and ends.")
                      .Register(*registry_);
-  for (int kind = 1; kind <= static_cast<int>(kLastKind); ++kind) {
-    events_.push_back(&events.Add({{"kind", ApiName(ToText(static_cast<EventKind>(kind)))}}));
+  for (const EventKind kind : kEventKinds) {
+    events_[kind] = &events.Add({{"kind", ApiName(ToText(kind))}});
   }
   auto& outcomes = BuildCounter()
                        .Name("support_service_reports_total")
                        .Help("Devices' reports, by what they say.")
                        .Register(*registry_);
-  for (int outcome = 0; outcome <= static_cast<int>(kLastOutcome); ++outcome) {
-    outcomes_.push_back(&outcomes.Add({{"outcome", ToText(static_cast<Outcome>(outcome))}}));
+  for (const Outcome outcome : kOutcomes) {
+    outcomes_[outcome] = &outcomes.Add({{"outcome", ToText(outcome)}});
   }
   upload_bytes_ = &BuildCounter()
                        .Name("support_service_upload_bytes_total")
@@ -114,9 +110,12 @@ Metrics::~Metrics() = default;
 void Metrics::NoteMet(Limit limit) { met_.at(static_cast<std::size_t>(limit))->Increment(); }
 
 void Metrics::NoteEvent(const Event& event) {
-  events_.at(static_cast<std::size_t>(event.kind) - 1)->Increment();
-  if (event.kind != EventKind::kReported) return;
-  outcomes_.at(static_cast<std::size_t>(OutcomeOf(event.text)))->Increment();
+  const auto count = [](const auto& counters, auto what) {
+    const auto counter = counters.find(what);
+    if (counter != counters.end()) counter->second->Increment();
+  };
+  count(events_, event.kind);
+  if (event.kind == EventKind::kReported) count(outcomes_, OutcomeOf(event.text));
 }
 
 void Metrics::NoteUpload(std::uint64_t bytes) { upload_bytes_->Increment(static_cast<double>(bytes)); }

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -65,10 +66,10 @@ class Metrics {
  private:
   const WallTime started_;
   const std::unique_ptr<prometheus::Registry> registry_;
-  // Made once: to look up a label takes a lock.
+  // Made once, because to look up a label takes a lock; but for the two families, whose labels only a request tells.
   std::array<prometheus::Counter*, std::size(kLimits)> met_{};
-  std::vector<prometheus::Counter*> events_;    ///< By kind.
-  std::vector<prometheus::Counter*> outcomes_;  ///< By outcome.
+  std::map<EventKind, prometheus::Counter*> events_;
+  std::map<Outcome, prometheus::Counter*> outcomes_;
   prometheus::Counter* upload_bytes_;
   prometheus::Family<prometheus::Counter>* refused_uploads_;
   prometheus::Family<prometheus::Counter>* requests_;

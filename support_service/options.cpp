@@ -236,13 +236,15 @@ ParsedOptions ParseOptions(int argc, const char* const* argv) {
   app.set_version_flag("--version", "support_service " DDT_VERSION);
   app.set_config("--config", "", "File with these options, one a line, as in: api-address = 0.0.0.0:443");
   app.allow_config_extras(CLI::config_extras_mode::error);
-  app.add_flag("--check-config", given.check_config,
-               "Say whether the options and the file can be used, and end")
-      ->configurable(false);
-  app.add_option("--restore", given.restore,
-                 "Restore this backup to the data folder, which has to be empty, and end")
-      ->type_name("FILE")
-      ->configurable(false);
+  CLI::Option* check_config = app.add_flag("--check-config", given.check_config,
+                                           "Say whether the options and the file can be used, and end");
+  check_config->configurable(false);
+  const CLI::Option* restore =
+      app.add_option("--restore", given.restore,
+                     "Restore this backup to the data folder, which has to be empty, and end")
+          ->type_name("FILE")
+          ->configurable(false)
+          ->excludes(check_config);
   AddAddresses(app, parsed.settings);
   app.add_option("--data", given.data_folder, "Folder for tickets, archives and the control socket")
       ->capture_default_str();
@@ -266,11 +268,12 @@ ParsedOptions ParseOptions(int argc, const char* const* argv) {
   try {
     app.parse(argc, argv);
     parsed.restore = given.restore;
-    if (parsed.restore.empty()) {
+    if (restore->count() == 0) {
       Complete(given, parsed.settings);
     } else {
       // Files that systemd hands over to the service are not there while that is stopped.
       TakeDataFolderName(given, parsed.settings);
+      if (given.restore.empty()) throw std::invalid_argument("--restore: the file's name is empty");
     }
     parsed.run = !given.check_config;
     if (given.check_config) parsed.text = "the configuration can be used\n";

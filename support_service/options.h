@@ -11,10 +11,10 @@ namespace TarvoOrvane::SupportService {
 struct ParsedOptions {
   ServiceSettings settings;  ///< The defaults where neither the line nor the file says something else.
   bool run = false;
-  std::filesystem::path
-      restore;  ///< Where this is set, the backup is to be restored to the data folder instead.
-  int exit_status =
-      0;  ///< 0 after --help, --version and a good --check-config, 2 for wrong options; where not run.
+  /// Where this is set, the backup is to be restored to the data folder instead.
+  std::filesystem::path restore;
+  /// 0 after --help, --version and a good --check-config, 2 for wrong options; where not run.
+  int exit_status = 0;
   std::string text;  ///< The help or the error; ends with a newline.
 };
 

@@ -82,12 +82,17 @@ void AddBook(const BookView& book, LiveMetrics& live) {
 
 void AddProcess(WallTime started, LiveMetrics& live) {
   const ProcessState process = LookAtProcess();
-  live.Counter("process_cpu_seconds_total", "User and system time of the process.").Add(process.cpu_seconds);
-  live.Gauge("process_resident_memory_bytes", "Memory that the process has in RAM.")
-      .Add(process.resident_bytes);
-  live.Gauge("process_virtual_memory_bytes", "Address space of the process.").Add(process.virtual_bytes);
-  live.Gauge("process_open_fds", "Open file descriptors.").Add(process.open_descriptors);
-  live.Gauge("process_max_fds", "How many file descriptors may be open.").Add(process.most_descriptors);
+  if (process.cpu_seconds) {
+    live.Counter("process_cpu_seconds_total", "User and system time of the process.")
+        .Add(*process.cpu_seconds);
+  }
+  const auto add = [&live](const char* name, const char* help, const std::optional<std::uint64_t>& value) {
+    if (value) live.Gauge(name, help).Add(*value);
+  };
+  add("process_resident_memory_bytes", "Memory that the process has in RAM.", process.resident_bytes);
+  add("process_virtual_memory_bytes", "Address space of the process.", process.virtual_bytes);
+  add("process_open_fds", "Open file descriptors.", process.open_descriptors);
+  add("process_max_fds", "How many file descriptors may be open.", process.most_descriptors);
   live.Gauge("process_start_time_seconds", "When the service was started, since 1970.")
       .Add(SecondsSinceEpoch(started));
 }
@@ -118,9 +123,11 @@ ServiceSettings Overview::settings() const {
 }
 
 Overview::KeptView Overview::Kept() const {
-  KeptView kept{parts_.store.KeptTotals(), 0};
-  const auto devices = parts_.store.DevicesWithMoreArchives(0, 1);
+  KeptView kept;
+  kept.all = parts_.store.KeptTotals();
+  const auto devices = parts_.store.DevicesWithMoreArchives(0, std::nullopt, 1);
   if (!devices.empty()) kept.of_a_device = devices.front().count;
+  kept.held_until = parts_.store.RetentionHeldUntil();
   return kept;
 }
 
@@ -147,7 +154,7 @@ std::vector<Overview::LimitView> Overview::Limits(const std::optional<BookView>&
           {Limit::kQueuedTicketsPerDevice, now.tickets.most_queued, of_book(&BookView::longest_queue)},
           {Limit::kOpenTickets, now.tickets.most_open, of_book(&BookView::open_tickets)},
           {Limit::kArchives, UnlessNone(retention.archives), of_archives(&ArchiveTotals::count)},
-          {Limit::kArchiveBytes, UnlessNone(*retention.bytes), of_archives(&ArchiveTotals::bytes)},
+          {Limit::kArchiveBytes, UnlessNone(retention.bytes.value_or(0)), of_archives(&ArchiveTotals::bytes)},
           {Limit::kArchiveDays, UnlessNone(retention.days), {}},
           {Limit::kArchivesPerDevice, UnlessNone(retention.archives_per_device), of_a_device},
           {Limit::kArchivesPerTicket, now.tickets.most_archives, {}},
@@ -174,6 +181,11 @@ std::string Overview::MetricsPage(const std::optional<BookView>& book, bool is_r
   if (kept) {
     live.Gauge("support_service_archives", "Archives that are kept.").Add(kept->all.count);
     live.Gauge("support_service_archive_bytes", "Size of the archives that are kept.").Add(kept->all.bytes);
+  }
+  if (kept && kept->held_until) {
+    live.Gauge("support_service_retention_held_until_timestamp_seconds",
+               "Before that time limits delete no archives, since 1970. It may be over.")
+        .Add(SecondsSinceEpoch(*kept->held_until));
   }
   const DiskRoom::View disk = parts_.room.Look();
   live.Gauge("support_service_disk_free_bytes", "Free room on the data folder's file system.")
@@ -221,8 +233,10 @@ Json::Value Overview::Settings(const BookView& book) const {
       Json::UInt64(std::chrono::duration_cast<std::chrono::seconds>(now.tickets.retry_pause).count());
   const DiskRoom::View disk = parts_.room.Look();
   value["disk_free_bytes"] = Json::UInt64{disk.free_bytes};
+  const KeptView kept = Kept();
+  if (kept.held_until) value["retention_held_until"] = TimeText(*kept.held_until);
   value["limits"] = Json::Value(Json::arrayValue);
-  for (const LimitView& each : Limits(book, Kept())) {
+  for (const LimitView& each : Limits(book, kept)) {
     Json::Value& limit = value["limits"].append(Json::Value(Json::objectValue));
     limit["name"] = ToText(each.limit);
     if (each.most) limit["most"] = Json::UInt64{*each.most};

@@ -55,14 +55,15 @@ class Overview {
   /// A limit as it is now.
   struct LimitView {
     Limit limit;
-    std::optional<std::uint64_t> most;  ///< Nothing where there is no limit.
+    std::optional<std::uint64_t> most;  ///< Nothing where there is no limit, or it is not known.
     std::optional<std::uint64_t> used;  ///< Nothing where that is not one number, or not known.
   };
 
   /// What is kept of archives.
   struct KeptView {
     ArchiveTotals all;
-    std::uint64_t of_a_device = 0;  ///< Of the one that has most.
+    std::uint64_t of_a_device = 0;       ///< Of the one that has most.
+    std::optional<WallTime> held_until;  ///< Retention deletes nothing before that time.
   };
 
   [[nodiscard]] KeptView Kept() const;

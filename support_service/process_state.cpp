@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 
 namespace TarvoOrvane::SupportService {
@@ -13,6 +12,19 @@ namespace {
 
 double SecondsIn(const timeval& time) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+/// Nothing where none is left to look with.
+std::optional<std::uint64_t> CountDescriptors() {
+  std::error_code error;
+  std::uint64_t count = 0;
+  std::filesystem::directory_iterator descriptors("/proc/self/fd", error);
+  while (!error && descriptors != std::filesystem::directory_iterator()) {
+    ++count;
+    descriptors.increment(error);
+  }
+  if (error) return std::nullopt;
+  return count - 1;  // the look itself has one open
 }
 
 }  // namespace
@@ -31,13 +43,7 @@ ProcessState LookAtProcess() {
     state.virtual_bytes = all * page_bytes;
     state.resident_bytes = resident * page_bytes;
   }
-  std::error_code error;
-  const std::filesystem::directory_iterator descriptors("/proc/self/fd", error);
-  if (!error) {
-    // The look itself has one open.
-    state.open_descriptors =
-        static_cast<std::uint64_t>(std::distance(begin(descriptors), end(descriptors))) - 1;
-  }
+  state.open_descriptors = CountDescriptors();
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) == 0) state.most_descriptors = limit.rlim_cur;
   return state;

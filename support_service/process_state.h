@@ -2,18 +2,20 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 namespace TarvoOrvane::SupportService {
 
+/// What the system does not say is not there.
 struct ProcessState {
-  double cpu_seconds = 0;  ///< User and system.
-  std::uint64_t resident_bytes = 0;
-  std::uint64_t virtual_bytes = 0;
-  std::uint64_t open_descriptors = 0;
-  std::uint64_t most_descriptors = 0;
+  std::optional<double> cpu_seconds;  ///< User and system.
+  std::optional<std::uint64_t> resident_bytes;
+  std::optional<std::uint64_t> virtual_bytes;
+  std::optional<std::uint64_t> open_descriptors;
+  std::optional<std::uint64_t> most_descriptors;
 };
 
-/// As the system says now. What it does not say is 0.
+/// As the system says now. Throws nothing.
 [[nodiscard]] ProcessState LookAtProcess();
 
 }  // namespace TarvoOrvane::SupportService

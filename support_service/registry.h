@@ -97,12 +97,14 @@ class Registry {
 
   /// A device as it is, also if that is not remembered yet.
   [[nodiscard]] std::optional<EnrolledDevice> FindDevice(const std::string& serial_number) const;
-  /// A device is or was connected now. It is remembered with what happens next, or after kSeenPause: that it is there is
-  /// not worth a wait for the disk.
+  /// A device is or was connected now. It is remembered with what happens next, or after kSeenPause: that it is there
+  /// is not worth a wait for the disk.
   void NoteSeen(const std::string& serial_number, const std::string& address);
 
   /// Retention deletes nothing before that time.
   void HoldRetention(WallTime until) { changes_.emplace_back(RetentionHeld{until}); }
+  /// Retention looks at the archives now, by its clock.
+  void NoteRetentionLook(WallTime time) { changes_.emplace_back(RetentionLooked{time}); }
 
   /// When TakeChanges() will have something if nothing happens before.
   [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> NextDeadline() const;

@@ -25,23 +25,23 @@ namespace fs = std::filesystem;
 class RestoreFolder {
  public:
   explicit RestoreFolder(fs::path folder) : folder_(std::move(folder)), unfinished_(folder_ / kRestoring) {
-    if (fs::exists(folder_) && !fs::is_empty(folder_)) RefuseFull();
     is_new_ = !fs::exists(folder_);
+    if (!is_new_) RequireEmptyButForLock();
     if (is_new_) fs::create_directories(FolderOf(folder_));
     MakePrivateFolder(folder_);
-    if (mkdir(unfinished_.c_str(), 0700) == -1) ThrowErrno("cannot make " + unfinished_.string());
     // A service that has taken the folder meanwhile goes on. One that comes later does not begin.
-    for (const auto& entry : fs::directory_iterator(folder_)) {
-      if (entry.path().filename() == kRestoring) continue;
-      fs::remove(unfinished_);
-      RefuseFull();
+    lock_fd_ = LockDataFolder(folder_);
+    try {
+      RequireEmptyButForLock();
+      MakePrivateFolder(unfinished_);
+    } catch (...) {
+      close(lock_fd_);
+      throw;
     }
   }
   ~RestoreFolder() {
-    if (is_finished_) return;
-    std::error_code none;
-    fs::remove_all(unfinished_, none);
-    if (is_new_) fs::remove(folder_, none);
+    if (!is_finished_) Clear();
+    close(lock_fd_);
   }
   RestoreFolder(const RestoreFolder&) = delete;
   RestoreFolder& operator=(const RestoreFolder&) = delete;
@@ -60,18 +60,37 @@ class RestoreFolder {
       if (entry.is_directory()) SyncFolder(entry.path());
       if (entry.path().parent_path() == unfinished_) names.insert(entry.path().filename());
     }
+    if (fchown(lock_fd_, owner.st_uid, owner.st_gid) == -1 && geteuid() == 0) {
+      ThrowErrno("cannot give " + (folder_ / kLock).string() + " to the folder's owner");
+    }
     if (chmod(folder_.c_str(), 0700) == -1) ThrowErrno("cannot close " + folder_.string() + " to others");
     names.erase(kBackupStore);
     is_finished_ = true;  // from here on a service that begins sees that this did not come to its end
-    for (const fs::path& name : names) fs::rename(unfinished_ / name, folder_ / name);
-    fs::rename(unfinished_ / kBackupStore, folder_ / kBackupStore);
-    SyncFolder(folder_);
-    fs::remove(unfinished_);
-    SyncFolder(folder_);
-    SyncFolder(FolderOf(folder_));
+    try {
+      for (const fs::path& name : names) fs::rename(unfinished_ / name, folder_ / name);
+      fs::rename(unfinished_ / kBackupStore, folder_ / kBackupStore);
+      SyncFolder(folder_);
+      fs::remove(unfinished_);
+      SyncFolder(folder_);
+      SyncFolder(FolderOf(folder_));
+    } catch (const std::exception& fault) {
+      throw std::runtime_error(std::string(fault.what()) + ". Empty the folder " + folder_.string() +
+                               ", and restore the backup again");
+    }
   }
 
  private:
+  void RequireEmptyButForLock() const {
+    for (const auto& entry : fs::directory_iterator(folder_)) {
+      if (entry.path().filename() != kLock) RefuseFull();
+    }
+  }
+  void Clear() const {
+    std::error_code none;
+    fs::remove_all(unfinished_, none);
+    fs::remove(folder_ / kLock, none);
+    if (is_new_) fs::remove(folder_, none);
+  }
   [[noreturn]] void RefuseFull() const {
     throw std::runtime_error(folder_.string() +
                              " is not empty: a backup is restored to an empty folder. Stop the service, and "
@@ -81,6 +100,7 @@ class RestoreFolder {
   const fs::path folder_;
   const fs::path unfinished_;
   bool is_new_ = false;
+  int lock_fd_ = -1;  ///< Held to the end.
   bool is_finished_ = false;
 };
 
@@ -94,18 +114,16 @@ class MemberFiles {
   MemberFiles(const MemberFiles&) = delete;
   MemberFiles& operator=(const MemberFiles&) = delete;
 
-  /// For ReadBackup().
-  void Take(const std::string& name, std::string_view piece) {
-    if (!piece.empty()) {
-      if (fd_ != -1) WriteAll(fd_, piece, path_);
-      return;
-    }
+  void Begin(const std::string& name) {
     End();
-    if (name == kBackupFacts || name == kBackupSums) return;
+    if (name == kBackupForm || name == kBackupFacts || name == kBackupSums) return;
     path_ = folder_ / name;
     MakePrivateFolder(FolderOf(path_));
     fd_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd_ == -1) ThrowErrno("cannot make " + path_.string());
+  }
+  void Add(std::string_view piece) const {
+    if (fd_ != -1) WriteAll(fd_, piece, path_);
   }
   void End() {
     if (fd_ == -1) return;
@@ -127,11 +145,10 @@ std::string Counted(std::uint64_t count, const std::string& what) {
 }
 
 /// For people.
-std::string ReportOf(const fs::path& folder, const BackupFacts& facts, const StoreContents& contents,
-                     std::uint64_t archives) {
+std::string ReportOf(const fs::path& folder, const BackupFacts& facts, const StoreContents& contents) {
   std::string report = "restored to " + folder.string() + ": " + Counted(contents.tickets, "ticket") + ", " +
                        Counted(contents.devices, "device") + ", " + Counted(contents.users, "account") +
-                       ", " + Counted(archives, "archive") + "\n";
+                       ", " + Counted(facts.archives, "archive") + "\n";
   report += "made at " + facts.created + " by version " + facts.service_version + "\n";
   if (facts.sums.count("authority/ca.key") == 0) report += "it has no authority of the service's own\n";
   for (const std::string& name : facts.missing) report += "missing archive " + name + "\n";
@@ -144,7 +161,7 @@ std::string ReportOf(const fs::path& folder, const BackupFacts& facts, const Sto
 
 StoreContents ExamineStore(const fs::path& backup, const fs::path& store) {
   try {
-    return SqliteStore::Examine(store);
+    return SqliteStore::Examine(store, [] { return true; });
   } catch (const StoreError& fault) {
     throw BackupError("the store in " + backup.string() + " can't be used: " + fault.what());
   }
@@ -156,14 +173,12 @@ std::string RestoreBackup(const fs::path& backup, const fs::path& data_folder) {
   // The folder may be a link, as that of a unit whose user has no fixed number.
   RestoreFolder folder(fs::weakly_canonical(data_folder));
   MemberFiles files(folder.unfinished());
-  const BackupFacts facts =
-      ReadBackup(backup, [&](const std::string& name, std::string_view piece) { files.Take(name, piece); });
+  const BackupFacts facts = ReadBackup(backup, {[&files](const std::string& name) { files.Begin(name); },
+                                                [&files](std::string_view piece) { files.Add(piece); }});
   files.End();
   const StoreContents contents = ExamineStore(backup, folder.unfinished() / kBackupStore);
-  std::uint64_t archives = 0;
-  for (const auto& [name, sum] : facts.sums) archives += name.rfind("archives/", 0) == 0 ? 1 : 0;
   folder.Finish();
-  return ReportOf(data_folder, facts, contents, archives);
+  return ReportOf(data_folder, facts, contents);
 }
 
 }  // namespace TarvoOrvane::SupportService

@@ -1,14 +1,20 @@
 #include "retention.h"
 
+#include <algorithm>
+#include <ctime>
 #include <exception>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "text_forms.h"
+
 namespace TarvoOrvane::SupportService {
 namespace {
 
 constexpr std::chrono::minutes kRetentionPause{1};
+/// How often it is remembered that somebody looks, where nothing is deleted.
+constexpr std::chrono::hours kNotePause{1};
 /// So many archives are deleted in one batch of the dispatcher, which others wait for.
 constexpr std::size_t kArchivesAtOnce = 100;
 /// So many devices are looked at at once.
@@ -19,11 +25,26 @@ std::string MoreThan(std::uint64_t most, const char* what) {
   return "there are more than " + std::to_string(most) + what;
 }
 
+/// Never less than 0: what was deleted a moment ago may be taken off twice, by the book and as one of the oldest, and
+/// what came and went within one batch was never counted.
+std::uint64_t Without(std::uint64_t all, std::uint64_t part) { return all - std::min(all, part); }
+
 }  // namespace
 
 RetentionSettings ResolvedRetention(RetentionSettings settings, const DiskRoom& room) {
-  if (!settings.bytes) settings.bytes = room.Look().whole_bytes / 5 * 4;
+  const std::uint64_t whole_bytes = room.Look().whole_bytes;
+  if (!settings.bytes && whole_bytes != 0) settings.bytes = whole_bytes / 5 * 4;
   return settings;
+}
+
+Moment NowAlsoAsleep() {
+  Moment now = Now();
+  timespec time{};
+  if (clock_gettime(CLOCK_BOOTTIME, &time) == 0) {
+    now.steady = std::chrono::steady_clock::time_point(std::chrono::seconds(time.tv_sec) +
+                                                       std::chrono::nanoseconds(time.tv_nsec));
+  }
+  return now;
 }
 
 std::vector<Surplus> ChooseSurplus(const RetentionSettings& settings, ArchiveTotals totals,
@@ -42,8 +63,8 @@ std::vector<Surplus> ChooseSurplus(const RetentionSettings& settings, ArchiveTot
     } else {
       return surplus;  // the younger ones have no reason to go either
     }
-    --totals.count;
-    totals.bytes -= archive.size_bytes;
+    totals.count = Without(totals.count, 1);
+    totals.bytes = Without(totals.bytes, archive.size_bytes);
   }
   return surplus;
 }
@@ -60,89 +81,149 @@ std::vector<Surplus> ChooseSurplusOfDevice(const RetentionSettings& settings, st
   return surplus;
 }
 
-bool ClockWatch::WasSet(const Moment& now) {
+bool ClockWatch::WasSet(const Moment& now) const {
   const auto apart = (now.wall - known_.wall) - (now.steady - known_.steady);
-  if (apart <= kTolerance && apart >= -kTolerance) return false;
-  known_ = now;
-  return true;
+  return apart > kTolerance || apart < -kTolerance;
 }
 
 Retention::Retention(Dispatcher& dispatcher, const Store& store, const ArchiveStore& archives,
-                     Metrics& metrics, EventSink events, MomentClock clock)
+                     const DiskRoom& room, Metrics& metrics, EventSink events, MomentClock clock)
     : dispatcher_(dispatcher),
       store_(store),
       archives_(archives),
+      room_(room),
       metrics_(metrics),
       events_(std::move(events)),
       clock_(std::move(clock)),
       watch_(clock_()) {}
 
 bool Retention::DeleteSome(const RetentionSettings& settings) {
+  RemoveFiles();
   const Moment now = clock_();
   if (IsHeld(now)) return false;
-  const std::vector<Surplus> surplus = NextSurplus(settings, now.wall);
-  if (!surplus.empty()) Delete(surplus);
-  return !surplus.empty();
+  if (!looked_ || now.steady - *looked_ >= kNotePause) NoteLook(now);
+  const RetentionSettings resolved = ResolvedRetention(settings, room_);
+  const auto scope = ScopeWithSurplus(resolved, now.wall);
+  const bool has_deleted = scope && Delete(resolved, *scope, now.wall);
+  RemoveFiles();
+  return has_deleted;
 }
 
-/// Whether nothing may be deleted now, because the clock was set within the last day.
+/// Whether nothing may be deleted now, because the clock may have been wrong within the last day.
 bool Retention::IsHeld(const Moment& now) {
-  const WallTime tomorrow = now.wall + kAlwaysKept;
-  if (watch_.WasSet(now)) {
-    Hold(tomorrow);
-    events_(
-        "the clock was set, or the machine has slept: no archives are deleted because of limits for a day");
+  const bool is_set = watch_.WasSet(now);
+  const auto looked = has_begun_ ? std::nullopt : store_.RetentionLookedAt();
+  const bool is_doubtful =
+      looked && (now.wall < *looked - ClockWatch::kTolerance || now.wall - *looked > kAlwaysKept);
+  if (is_set || is_doubtful) {
+    Hold(now);  // where this throws the next look has to find the same
+    watch_.Accept(now);
+    has_begun_ = true;
+    events_(std::string(is_set
+                            ? "the clock was set"
+                            : "the service did not run for more than a day, or the clock was set meanwhile") +
+            ": limits delete no archives for a day");
     return true;
   }
-  const auto held = store_.RetentionHeldUntil();
-  // The clock was set back since then.
-  if (held && *held > tomorrow) Hold(tomorrow);
-  return held && now.wall < *held;
-}
-
-void Retention::Hold(WallTime until) {
-  dispatcher_.Call([until](TicketBook& book) { book.registry().HoldRetention(until); });
-}
-
-std::vector<Surplus> Retention::NextSurplus(const RetentionSettings& settings, WallTime now) const {
-  const WallTime young = now - kAlwaysKept;
-  std::vector<Surplus> surplus = ChooseSurplus(
-      settings, store_.KeptTotals(), store_.OldestArchives(std::nullopt, young, kArchivesAtOnce), now);
-  if (!surplus.empty() || settings.archives_per_device == 0) return surplus;
-  for (const DeviceArchives& device :
-       store_.DevicesWithMoreArchives(settings.archives_per_device, kDevicesAtOnce)) {
-    surplus = ChooseSurplusOfDevice(settings, device.count,
-                                    store_.OldestArchives(device.serial_number, young, kArchivesAtOnce));
-    if (!surplus.empty()) return surplus;
+  auto held = store_.RetentionHeldUntil();
+  if (held && *held > now.wall + kAlwaysKept) {
+    // The clock was set back since then.
+    Hold(now);
+    held = now.wall + kAlwaysKept;
   }
-  return {};
+  const bool is_held = held && now.wall < *held;
+  if (!std::exchange(has_begun_, true) && is_held) {
+    events_("limits delete no archives before " + TimeText(*held));
+  }
+  return is_held;
 }
 
-/// Has it remembered that they are deleted, and then deletes their files. Where that fails the next start does it.
-void Retention::Delete(const std::vector<Surplus>& surplus) {
-  const auto deleted = dispatcher_.Call([&surplus](TicketBook& book) {
+/// Has it remembered that nothing is deleted for a day.
+void Retention::Hold(const Moment& now) {
+  dispatcher_.Call([&now](TicketBook& book) {
+    book.registry().HoldRetention(now.wall + kAlwaysKept);
+    book.registry().NoteRetentionLook(now.wall);
+  });
+  looked_ = now.steady;
+}
+
+/// Has it remembered what the clock says, for the next process.
+void Retention::NoteLook(const Moment& now) {
+  dispatcher_.Call([&now](TicketBook& book) { book.registry().NoteRetentionLook(now.wall); });
+  looked_ = now.steady;
+}
+
+/// Which archives are to go as the store knows them, within the limit of the scope.
+/// @param gone  What is deleted of those, and the store does not know yet.
+std::vector<Surplus> Retention::Choose(const RetentionSettings& settings, const Scope& scope,
+                                       ArchiveTotals gone, WallTime now) const {
+  const auto oldest = store_.OldestArchives(scope, now - kAlwaysKept, kArchivesAtOnce);
+  if (scope) return ChooseSurplusOfDevice(settings, Without(store_.KeptOfDevice(*scope), gone.count), oldest);
+  const ArchiveTotals all = store_.KeptTotals();
+  return ChooseSurplus(settings, {Without(all.count, gone.count), Without(all.bytes, gone.bytes)}, oldest,
+                       now);
+}
+
+/// Where there is something to delete; nothing when there is not.
+std::optional<Retention::Scope> Retention::ScopeWithSurplus(const RetentionSettings& settings,
+                                                            WallTime now) const {
+  const auto has_surplus = [&](const Scope& scope) { return !Choose(settings, scope, {}, now).empty(); };
+  if (has_surplus(std::nullopt)) return Scope();
+  if (settings.archives_per_device == 0) return std::nullopt;
+  std::optional<DeviceArchives> last;
+  for (;;) {
+    const auto devices = store_.DevicesWithMoreArchives(settings.archives_per_device, last, kDevicesAtOnce);
+    if (devices.empty()) return std::nullopt;
+    for (const DeviceArchives& device : devices) {
+      if (has_surplus(device.serial_number)) return Scope(device.serial_number);
+    }
+    last = devices.back();
+  }
+}
+
+/// Chooses anew, where nobody else writes, and has it remembered that those are deleted. Their files are left over.
+/// @return Whether there were any.
+bool Retention::Delete(const RetentionSettings& settings, const Scope& scope, WallTime now) {
+  const auto deleted = dispatcher_.Call([&](TicketBook& book) {
     std::vector<Surplus> done;
-    for (const Surplus& each : surplus) {
+    for (const Surplus& each : Choose(settings, scope, book.DeletedSince(scope), now)) {
+      if (book.IsInPlay(each.archive.ticket)) continue;  // it has come back with this batch
       try {
         book.DeleteArchive(each.archive.ticket, each.archive.version, std::string(kWho) + ": " + each.cause);
       } catch (const std::invalid_argument&) {
-        continue;  // somebody has deleted it meanwhile
+        continue;  // somebody has deleted it with this batch
+      } catch (const StoreError&) {
+        if (done.empty()) throw;
+        break;  // what is done is done, and the rest is chosen again
       }
       book.registry().Record({kWho, ""}, "delete archive", each.archive.ticket_id,
                              "version " + std::to_string(each.archive.version) + ": " + each.cause);
       done.push_back(each);
     }
+    if (!done.empty()) book.registry().NoteRetentionLook(now);
     return done;
   });
-  std::exception_ptr fault;
   for (const Surplus& each : deleted) {
     metrics_.NoteMet(each.limit);
+    leftovers_.push_back({each.archive.ticket_id, each.archive.version, true});
+  }
+  return !deleted.empty();
+}
+
+/// Removes the files of what counts as deleted. The next start does that, too.
+/// @throws std::system_error when one can't be removed. The others are removed.
+void Retention::RemoveFiles() {
+  std::exception_ptr fault;
+  std::vector<ArchiveName> stay;
+  for (const ArchiveName& archive : leftovers_) {
     try {
-      archives_.Remove(each.archive.ticket_id, each.archive.version);
+      archives_.Remove(archive.ticket_id, archive.version);
     } catch (const std::system_error&) {
       fault = std::current_exception();
+      stay.push_back(archive);
     }
   }
+  leftovers_ = std::move(stay);
   if (fault) std::rethrow_exception(fault);
 }
 
@@ -180,9 +261,8 @@ void RetentionThread::Run() {
   for (;;) {
     std::string fault;
     try {
-      for (auto settings = SettingsUnlessEnding(); settings && retention_->DeleteSome(*settings);) {
-        settings = SettingsUnlessEnding();
-      }
+      auto settings = SettingsUnlessEnding();
+      while (settings && retention_->DeleteSome(*settings)) settings = SettingsUnlessEnding();
     } catch (const std::exception& failure) {
       fault = failure.what();
     }

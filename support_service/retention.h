@@ -2,7 +2,8 @@
 ///
 /// The oldest ones go first, of tickets that are at their end. What came within the last day stays, whatever limit is
 /// met: support may not have seen it yet. What else fills the disk deletes nothing: only the archives' own number, size
-/// and age count. Of each deleted archive the store keeps its size, its hash and why it was deleted.
+/// and age count. Of each deleted archive the store keeps its size, its hash and why it was deleted. Where the clock
+/// may be wrong, nothing is deleted for a day.
 #pragma once
 
 #include <chrono>
@@ -26,12 +27,14 @@ namespace TarvoOrvane::SupportService {
 /// How much is kept. 0 stands for no limit.
 struct RetentionSettings {
   std::uint64_t archives = 100'000;
-  std::optional<std::uint64_t> bytes;  ///< Nothing for four fifths of the file system.
+  std::optional<std::uint64_t>
+      bytes;  ///< Nothing for four fifths of the file system, as long as its size is known.
   std::uint64_t days = 365;
   std::uint64_t archives_per_device = 1000;
 };
 
-/// The settings with the bytes filled in: the archives alone never take up the disk.
+/// The settings with the bytes filled in: the archives alone never take up the disk. They stay away while the system
+/// can't tell how large it is.
 [[nodiscard]] RetentionSettings ResolvedRetention(RetentionSettings settings, const DiskRoom& room);
 
 /// An archive that is to go.
@@ -57,13 +60,18 @@ inline constexpr std::chrono::hours kAlwaysKept{24};
                                                          std::uint64_t count,
                                                          const std::vector<KeptArchive>& oldest);
 
+/// The present by the wall clock, and by one that nobody sets and that goes on while the machine sleeps.
+[[nodiscard]] Moment NowAlsoAsleep();
+
 /// Notices when somebody sets the wall clock. After that it does not tell how old an archive is.
 class ClockWatch {
  public:
   explicit ClockWatch(const Moment& now) : known_(now) {}
 
-  /// Whether it was set since the last call that said so.
-  [[nodiscard]] bool WasSet(const Moment& now);
+  /// Whether it was set since the last Accept().
+  [[nodiscard]] bool WasSet(const Moment& now) const;
+  /// What was to be done about that is done.
+  void Accept(const Moment& now) { known_ = now; }
 
   /// Two clocks that nobody sets may differ by so much.
   static constexpr std::chrono::seconds kTolerance{60};
@@ -76,29 +84,44 @@ class ClockWatch {
 class Retention {
  public:
   /// @param dispatcher  Has remembered what is deleted before a file goes.
-  /// @param events      Told when the clock was set.
+  /// @param room        Knows how large the disk is.
+  /// @param events      Told when nothing is deleted for a day.
   /// @param clock       Tells the present.
-  Retention(Dispatcher& dispatcher, const Store& store, const ArchiveStore& archives, Metrics& metrics,
-            EventSink events, MomentClock clock = Now);
+  Retention(Dispatcher& dispatcher, const Store& store, const ArchiveStore& archives, const DiskRoom& room,
+            Metrics& metrics, EventSink events, MomentClock clock = NowAlsoAsleep);
 
   /// Deletes some of what is to go. It is called until there is nothing more, and then from time to time.
   /// @return false when there is nothing to delete now.
-  /// @throws StoreError or std::system_error when it can't. What counts as deleted by then stays so.
+  /// @throws StoreError or std::system_error when it can't. What counts as deleted by then stays so. As long as a file
+  ///         of that can't be removed nothing more is deleted.
   bool DeleteSome(const RetentionSettings& settings);
 
  private:
+  /// The archives that a limit is about: those of a device, or all of them.
+  using Scope = std::optional<std::string>;
+
   bool IsHeld(const Moment& now);
-  void Hold(WallTime until);
-  [[nodiscard]] std::vector<Surplus> NextSurplus(const RetentionSettings& settings, WallTime now) const;
-  void Delete(const std::vector<Surplus>& surplus);
+  void Hold(const Moment& now);
+  void NoteLook(const Moment& now);
+  void RemoveFiles();
+  [[nodiscard]] std::vector<Surplus> Choose(const RetentionSettings& settings, const Scope& scope,
+                                            ArchiveTotals gone, WallTime now) const;
+  [[nodiscard]] std::optional<Scope> ScopeWithSurplus(const RetentionSettings& settings, WallTime now) const;
+  bool Delete(const RetentionSettings& settings, const Scope& scope, WallTime now);
 
   Dispatcher& dispatcher_;
   const Store& store_;
   const ArchiveStore& archives_;
+  const DiskRoom& room_;
   Metrics& metrics_;
   const EventSink events_;
   const MomentClock clock_;
   ClockWatch watch_;
+  bool has_begun_ =
+      false;  ///< It is known whether the clock can be believed that the process has begun with.
+  std::optional<std::chrono::steady_clock::time_point>
+      looked_;                          ///< When it was last remembered that it looked.
+  std::vector<ArchiveName> leftovers_;  ///< They count as deleted, and their files may still be there.
 };
 
 /// Has it delete, once a minute and when the settings change, in a thread of its own.

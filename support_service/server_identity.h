@@ -47,6 +47,8 @@ class ServerIdentity {
   [[nodiscard]] TlsSettings ForPeople() const;
   /// For one that speaks TLS with devices: their certificates are asked for unless they are believed without.
   [[nodiscard]] TlsSettings ForDevices() const;
+  /// Whether any listener speaks TLS.
+  [[nodiscard]] bool uses_tls() const { return uses_tls_; }
   /// The end of the server's present certificate; nothing where no listener speaks TLS, or where it can't be read.
   [[nodiscard]] std::optional<WallTime> certificate_until() const;
   /// Issues devices' certificates; null where another authority does, or nobody.

@@ -117,8 +117,9 @@ SupportService::SupportService(const ServiceSettings& settings, const EventSink&
           HttpSettingsFor(settings, ParseListenAddress("unix:" + control_socket_, true), std::nullopt,
                           ApiAnswer),
           [this](HttpRequest& request) { return api_.Begin(request); }, events),
-      retention_(ResolvedRetention(settings.retention, room_),
-                 std::make_unique<Retention>(dispatcher_, store_, archives_, metrics_, events), events) {
+      retention_(settings.retention,
+                 std::make_unique<Retention>(dispatcher_, store_, archives_, room_, metrics_, events),
+                 events) {
   StartWebhook(settings.webhook, events);
   if (!settings.api_address.empty()) ServePeople(settings, events);
   overview_.SetUrls(grpc_url(), css_url(), api_url());
@@ -136,13 +137,14 @@ void SupportService::ServePeople(const ServiceSettings& settings, const EventSin
 }
 
 void SupportService::SetSettings(const ServiceSettings& settings) {
-  dispatcher_.Call([&settings](TicketBook& book) { book.SetSettings(settings.tickets); });
   room_.SetStaysFree(settings.disk_stays_free);
   largest_upload_ = settings.largest_upload;
   css_addresses_.SetMost(settings.connections_per_address);
   people_addresses_.SetMost(settings.connections_per_address);
-  retention_.SetSettings(ResolvedRetention(settings.retention, room_));
+  retention_.SetSettings(settings.retention);
   overview_.SetSettings(settings);
+  // Last: only this may fail.
+  dispatcher_.Call([&settings](TicketBook& book) { book.SetSettings(settings.tickets); });
 }
 
 void SupportService::StartWebhook(const WebhookSettings& settings, const EventSink& events) {
@@ -167,7 +169,7 @@ void SupportService::Stop() {
   control_.Refuse();
   if (people_) people_->Refuse();
   api_.EndLooks();
-  webhook_.reset();
+  if (webhook_) webhook_->End();  // its thread ends while uploads are waited for
   const std::size_t cut_off = css_.AwaitRequests(deadline, kReportComesWithin);
   static_cast<void>(control_.AwaitRequests(deadline, {}));
   if (people_) static_cast<void>(people_->AwaitRequests(deadline, {}));

@@ -47,6 +47,7 @@ class SupportService {
 
   /// Takes over what can change while the service runs: limits, retention and the pause before a rejected ticket is
   /// delivered again. Of the rest nothing is looked at.
+  /// @throws StoreError when the store fails at the same time. Some of it may count then.
   void SetSettings(const ServiceSettings& settings);
 
   SupportService(const SupportService&) = delete;

@@ -128,10 +128,12 @@ CREATE TABLE retention(
   id INTEGER PRIMARY KEY,
   kept_count INTEGER NOT NULL,
   kept_bytes INTEGER NOT NULL,
-  held_until INTEGER
+  held_until INTEGER,
+  looked INTEGER
 ) STRICT;
-INSERT INTO retention(id, kept_count, kept_bytes)
-  SELECT 1, count(*), coalesce(sum(size_bytes), 0) FROM archives WHERE deleted IS NULL;
+INSERT INTO retention(id, kept_count, kept_bytes, held_until)
+  SELECT 1, count(*), coalesce(sum(size_bytes), 0), iif(count(*) > 0, (unixepoch() + 86400) * 1000, NULL)
+  FROM archives WHERE deleted IS NULL;
 CREATE TABLE kept_of_devices(
   device BLOB PRIMARY KEY,
   kept_count INTEGER NOT NULL
@@ -201,8 +203,11 @@ enum class Sql {
   kOldestArchives,
   kOldestArchivesOfDevice,
   kDevicesWithMore,
+  kKeptOfDevice,
   kHoldRetention,
   kRetentionHeld,
+  kNoteRetentionLook,
+  kRetentionLooked,
   kPutWebhook,
   kRemoveWebhook,
   kWebhook,
@@ -262,11 +267,17 @@ std::string RetentionTextOf(Sql statement) {
       return OldestWhere("archives.device = ? AND");
     case Sql::kDevicesWithMore:
       return "SELECT device, kept_count FROM kept_of_devices WHERE kept_count > ?"
-             " ORDER BY kept_count DESC LIMIT ?";
+             " AND (kept_count, device) < (?, ?) ORDER BY kept_count DESC, device DESC LIMIT ?";
+    case Sql::kKeptOfDevice:
+      return "SELECT kept_count FROM kept_of_devices WHERE device = ?";
     case Sql::kHoldRetention:
       return "UPDATE retention SET held_until = ? WHERE id = 1";
     case Sql::kRetentionHeld:
       return "SELECT held_until FROM retention WHERE id = 1";
+    case Sql::kNoteRetentionLook:
+      return "UPDATE retention SET looked = ? WHERE id = 1";
+    case Sql::kRetentionLooked:
+      return "SELECT looked FROM retention WHERE id = 1";
     default:
       return "";
   }
@@ -759,6 +770,10 @@ void Remember(SqliteConnection& connection, const RetentionHeld& held) {
   connection.Start(Sql::kHoldRetention).Put(held.until).Next();
 }
 
+void Remember(SqliteConnection& connection, const RetentionLooked& looked) {
+  connection.Start(Sql::kNoteRetentionLook).Put(looked.time).Next();
+}
+
 void Remember(SqliteConnection& connection, const WebhookPosition& position) {
   if (position.told) {
     connection.Start(Sql::kPutWebhook).Put(*position.told).Next();
@@ -1092,10 +1107,12 @@ std::vector<KeptArchive> SqliteStore::OldestArchives(const std::optional<std::st
 }
 
 std::vector<DeviceArchives> SqliteStore::DevicesWithMoreArchives(std::uint64_t than,
+                                                                 const std::optional<DeviceArchives>& behind,
                                                                  std::size_t limit) const {
   return Read([&](SqliteConnection& connection) {
     Run run = connection.Start(Sql::kDevicesWithMore);
-    run.Put(than).Put(std::uint64_t{limit});
+    run.Put(than).Put(behind ? behind->count : kNoLimit).PutBytes(behind ? behind->serial_number : "");
+    run.Put(std::uint64_t{limit});
     std::vector<DeviceArchives> devices;
     while (run.Next()) {
       std::string serial_number = run.Bytes();
@@ -1105,9 +1122,24 @@ std::vector<DeviceArchives> SqliteStore::DevicesWithMoreArchives(std::uint64_t t
   });
 }
 
+std::uint64_t SqliteStore::KeptOfDevice(const std::string& serial_number) const {
+  return Read([&](SqliteConnection& connection) {
+    Run run = connection.Start(Sql::kKeptOfDevice);
+    return run.PutBytes(serial_number).Next() ? run.Number() : 0;
+  });
+}
+
 std::optional<WallTime> SqliteStore::RetentionHeldUntil() const {
   return Read([](SqliteConnection& connection) {
     Run run = connection.Start(Sql::kRetentionHeld);
+    run.Next();
+    return run.MaybeTime();
+  });
+}
+
+std::optional<WallTime> SqliteStore::RetentionLookedAt() const {
+  return Read([](SqliteConnection& connection) {
+    Run run = connection.Start(Sql::kRetentionLooked);
     run.Next();
     return run.MaybeTime();
   });
@@ -1177,24 +1209,43 @@ std::optional<EventNumber> SqliteStore::ToldByWebhook() const {
   });
 }
 
+namespace {
+
+constexpr char kCopyCancelled[] = "the service shuts down";
+
+/// Has the library ask now and then whether its work is to go on, as long as the object lives.
+class ProgressQuestion {
+ public:
+  /// @param goes_on  Lives longer than this.
+  ProgressQuestion(sqlite3* handle, const std::function<bool()>& goes_on) : handle_(handle) {
+    constexpr int kStepsBetween = 10'000;
+    sqlite3_progress_handler(handle_, kStepsBetween, &Ends, const_cast<std::function<bool()>*>(&goes_on));
+  }
+  ~ProgressQuestion() { sqlite3_progress_handler(handle_, 0, nullptr, nullptr); }
+  ProgressQuestion(const ProgressQuestion&) = delete;
+  ProgressQuestion& operator=(const ProgressQuestion&) = delete;
+
+ private:
+  static int Ends(void* question) noexcept {
+    return (*static_cast<const std::function<bool()>*>(question))() ? 0 : 1;
+  }
+
+  sqlite3* const handle_;
+};
+
+}  // namespace
+
 void SqliteStore::CopyTo(const fs::path& file, const std::function<bool()>& goes_on) const {
   unlink(file.c_str());
   TakeFile(file);
   const Reader reader(*this);
-  sqlite3* handle = reader.connection().database().getHandle();
-  const auto ends = [](void* question) noexcept {
-    return (*static_cast<const std::function<bool()>*>(question))() ? 0 : 1;
-  };
-  constexpr int kStepsBetween = 10'000;
-  sqlite3_progress_handler(handle, kStepsBetween, ends, const_cast<std::function<bool()>*>(&goes_on));
+  const ProgressQuestion question(reader.connection().database().getHandle(), goes_on);
   try {
     SQLite::Statement copy(reader.connection().database(), "VACUUM INTO ?");
     copy.bind(1, file.string());
     copy.exec();
-    sqlite3_progress_handler(handle, 0, nullptr, nullptr);
   } catch (const SQLite::Exception& error) {
-    sqlite3_progress_handler(handle, 0, nullptr, nullptr);
-    if (error.getErrorCode() == SQLITE_INTERRUPT) throw StoreError("the service shuts down");
+    if (error.getErrorCode() == SQLITE_INTERRUPT) throw StoreError(kCopyCancelled);
     ThrowStoreError(error.getErrorCode() == SQLITE_FULL ? file : file_, error);
   }
 }
@@ -1209,9 +1260,10 @@ std::uint64_t SqliteStore::SizeBytes() const {
   return size;
 }
 
-StoreContents SqliteStore::Examine(const fs::path& file) {
+StoreContents SqliteStore::Examine(const fs::path& file, const std::function<bool()>& goes_on) {
   try {
     SQLite::Database database(file.string(), SQLite::OPEN_READONLY);
+    const ProgressQuestion question(database.getHandle(), goes_on);
     if (RequireOurs(database, file) == 0) throw StoreError(file.string() + " is empty");
     const std::string state = database.execAndGet("PRAGMA integrity_check(1)").getString();
     if (state != "ok") throw StoreError(file.string() + " is damaged (SQLite: " + state + ")");
@@ -1234,6 +1286,7 @@ StoreContents SqliteStore::Examine(const fs::path& file) {
     }
     return contents;
   } catch (const SQLite::Exception& error) {
+    if (error.getErrorCode() == SQLITE_INTERRUPT) throw StoreError(kCopyCancelled);
     ThrowStoreError(file, error);
   }
 }

@@ -61,9 +61,11 @@ class SqliteStore : public Store {
   [[nodiscard]] ArchiveTotals KeptTotals() const override;
   [[nodiscard]] std::vector<KeptArchive> OldestArchives(const std::optional<std::string>& device,
                                                         WallTime before, std::size_t limit) const override;
-  [[nodiscard]] std::vector<DeviceArchives> DevicesWithMoreArchives(std::uint64_t than,
-                                                                    std::size_t limit) const override;
+  [[nodiscard]] std::vector<DeviceArchives> DevicesWithMoreArchives(
+      std::uint64_t than, const std::optional<DeviceArchives>& behind, std::size_t limit) const override;
+  [[nodiscard]] std::uint64_t KeptOfDevice(const std::string& serial_number) const override;
   [[nodiscard]] std::optional<WallTime> RetentionHeldUntil() const override;
+  [[nodiscard]] std::optional<WallTime> RetentionLookedAt() const override;
   [[nodiscard]] std::optional<EnrolledDevice> FindDevice(const std::string& serial_number) const override;
   [[nodiscard]] std::vector<EnrolledDevice> Devices(const std::string& beginning, const std::string& after,
                                                     std::size_t limit) const override;
@@ -86,8 +88,10 @@ class SqliteStore : public Store {
   [[nodiscard]] std::uint64_t SizeBytes() const;
 
   /// Looks at the whole of a file that CopyTo() has written, and that nobody uses.
+  /// @param goes_on  As for CopyTo(). The check of the pages of one table comes to its end first.
   /// @throws StoreError when it is damaged, of another program or of a newer version.
-  [[nodiscard]] static StoreContents Examine(const std::filesystem::path& file);
+  [[nodiscard]] static StoreContents Examine(const std::filesystem::path& file,
+                                             const std::function<bool()>& goes_on);
 
   /// The statements of which none may look at a whole table, for the test of that.
   [[nodiscard]] static std::vector<std::string> Statements();

@@ -64,6 +64,11 @@ struct RetentionHeld {
   WallTime until;
 };
 
+/// Retention looked at the archives at that time.
+struct RetentionLooked {
+  WallTime time;
+};
+
 /// All tickets' ends up to this event were told by the webhook, and no later one; nothing where there is no webhook.
 struct WebhookPosition {
   std::optional<EventNumber> told;
@@ -73,7 +78,7 @@ struct WebhookPosition {
 /// name and secret.
 using Change =
     std::variant<Entry, EnrolledDevice, DeviceSeen, User, UserRemoved, ApiToken, ApiTokenRemoved, Session,
-                 SessionEnded, SessionsEnded, AuditRecord, RetentionHeld, WebhookPosition>;
+                 SessionEnded, SessionsEnded, AuditRecord, RetentionHeld, RetentionLooked, WebhookPosition>;
 
 /// Which tickets are listed.
 struct TicketFilter {
@@ -155,10 +160,16 @@ class Store {
   [[nodiscard]] virtual std::vector<KeptArchive> OldestArchives(const std::optional<std::string>& device,
                                                                 WallTime before, std::size_t limit) const = 0;
   /// The devices of which more archives are kept than that, those with most first, at most `limit` of them.
-  [[nodiscard]] virtual std::vector<DeviceArchives> DevicesWithMoreArchives(std::uint64_t than,
-                                                                            std::size_t limit) const = 0;
-  /// What was written last of that; nothing as long as nothing was.
+  /// @param behind  Only those that come behind this one in that order; nothing for the first ones.
+  [[nodiscard]] virtual std::vector<DeviceArchives> DevicesWithMoreArchives(
+      std::uint64_t than, const std::optional<DeviceArchives>& behind, std::size_t limit) const = 0;
+  /// How many archives are kept of the device.
+  [[nodiscard]] virtual std::uint64_t KeptOfDevice(const std::string& serial_number) const = 0;
+  /// What was written last of that; nothing as long as nothing was. A store of an earlier version that had archives
+  /// is held for a day.
   [[nodiscard]] virtual std::optional<WallTime> RetentionHeldUntil() const = 0;
+  /// What was written last of that; nothing as long as nothing was.
+  [[nodiscard]] virtual std::optional<WallTime> RetentionLookedAt() const = 0;
 
   [[nodiscard]] virtual std::optional<EnrolledDevice> FindDevice(const std::string& serial_number) const = 0;
   /// By serial number, at most `limit` of them.

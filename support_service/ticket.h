@@ -60,6 +60,13 @@ enum class EventKind {
   kArchiveDeleted = 14  ///< Text: which version, by whom or why.
 };
 
+/// Every kind, in the order of the enumeration.
+inline constexpr EventKind kEventKinds[] = {
+    EventKind::kCreated,  EventKind::kDelivered,     EventKind::kStreamEnded, EventKind::kAccepted,
+    EventKind::kRejected, EventKind::kStillBusy,     EventKind::kRefused,     EventKind::kUploaded,
+    EventKind::kReported, EventKind::kOverdue,       EventKind::kNoResult,    EventKind::kCancelled,
+    EventKind::kExpired,  EventKind::kArchiveDeleted};
+
 /// "created", "stream ended" and so on.
 [[nodiscard]] const char* ToText(EventKind kind);
 
@@ -123,6 +130,10 @@ void Apply(const Event& event, Ticket& ticket);
 
 /// What a report's text says, for people and programs that look for known outcomes.
 enum class Outcome { kSuccess, kNothingCollected, kNothingUploaded, kUnknown };
+
+/// Every outcome, in the order of the enumeration.
+inline constexpr Outcome kOutcomes[] = {Outcome::kSuccess, Outcome::kNothingCollected,
+                                        Outcome::kNothingUploaded, Outcome::kUnknown};
 
 /// "success", "nothing_collected" and so on.
 [[nodiscard]] const char* ToText(Outcome outcome);

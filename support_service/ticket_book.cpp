@@ -98,9 +98,7 @@ BookView TicketBook::Overview() const {
   view.devices = connected_.size();
   view.tickets = counts_;
   view.open_tickets = std::accumulate(counts_.begin(), counts_.end(), std::size_t{0});
-  for (const auto& [serial_number, device] : devices_) {
-    view.longest_queue = std::max(view.longest_queue, device.queued.size());
-  }
+  if (!queue_lengths_.empty()) view.longest_queue = queue_lengths_.rbegin()->first;
   return view;
 }
 
@@ -177,6 +175,21 @@ void TicketBook::DeleteArchive(TicketNumber number, std::uint64_t version, const
   archive->deletion = who;
   Record(*open, EventKind::kArchiveDeleted, "version " + std::to_string(version) + " by " + who).archive =
       *archive;
+}
+
+bool TicketBook::IsInPlay(TicketNumber number) const {
+  const auto found = tickets_.find(number);
+  return found != tickets_.end() && IsOpen(found->second.ticket.state);
+}
+
+ArchiveTotals TicketBook::DeletedSince(const std::optional<std::string>& device) const {
+  ArchiveTotals deleted;
+  for (const Entry& entry : entries_) {
+    if (!entry.archive || !entry.archive->deleted || (device && entry.ticket.device != *device)) continue;
+    ++deleted.count;
+    deleted.bytes += entry.archive->size_bytes;
+  }
+  return deleted;
 }
 
 DeviceView TicketBook::View(const std::string& serial_number) const {
@@ -607,6 +620,7 @@ void TicketBook::Sort(const Ticket& ticket) {
   if (!IsOpen(ticket.state)) ended_.insert(ticket.number);
   const auto device = devices_.find(ticket.device);
   if (device == devices_.end()) return;
+  const std::size_t length = device->second.queued.size();
   device->second.queued.erase(ticket.number);
   device->second.in_hand.erase(ticket.number);
   if (ticket.state == TicketState::kQueued) {
@@ -614,6 +628,15 @@ void TicketBook::Sort(const Ticket& ticket) {
   } else if (IsOpen(ticket.state)) {
     device->second.in_hand.insert(ticket.number);
   }
+  CountQueue(length, device->second.queued.size());
+}
+
+/// A device's queue has changed its length.
+void TicketBook::CountQueue(std::size_t before, std::size_t after) {
+  if (before == after) return;
+  if (after != 0) ++queue_lengths_[after];
+  const auto former = queue_lengths_.find(before);
+  if (before != 0 && --former->second == 0) queue_lengths_.erase(former);
 }
 
 TicketBook::OpenTicket* TicketBook::FindOpen(TicketNumber number) {
@@ -684,6 +707,7 @@ void TicketBook::Reload() {
   entries_.clear();
   work_.deliveries.clear();
   counts_.fill(0);
+  queue_lengths_.clear();
   for (auto& [serial_number, device] : devices_) {
     device.queued.clear();
     device.in_hand.clear();

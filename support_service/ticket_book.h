@@ -154,7 +154,7 @@ class TicketBook {
   };
 
   /// Takes up the tickets that are open. What was delivered and not answered is queued again.
-  /// @param store   Only read here. It lives longer than the book.
+  /// @param store    Only read here. It lives longer than the book.
   /// @param events   Takes the lines about streams; those about tickets are the caller's.
   /// @param metrics  Told of the limits that are met. Lives longer than the book.
   /// @throws StoreError when the store can't be read.
@@ -180,6 +180,11 @@ class TicketBook {
   /// Notes that an archive is not to be kept any more. Its file is deleted once that is remembered.
   /// @param who  For the ticket's events.
   void DeleteArchive(TicketNumber number, std::uint64_t version, const std::string& who);
+  /// Whether the ticket is not at its end, by what is remembered and what is not yet.
+  [[nodiscard]] bool IsInPlay(TicketNumber number) const;
+  /// The archives that are deleted, which the store does not know yet.
+  /// @param device  Only those of this one's tickets.
+  [[nodiscard]] ArchiveTotals DeletedSince(const std::optional<std::string>& device) const;
   /// Whatever the serial number is.
   [[nodiscard]] DeviceView View(const std::string& serial_number) const;
   /// The connected devices by serial number, at most `limit` of them.
@@ -284,6 +289,7 @@ class TicketBook {
   OpenTicket* DeliveredOn(StreamId stream, const std::string& ticket_id);
   Entry& Record(OpenTicket& open, EventKind kind, std::string text);
   void Sort(const Ticket& ticket);
+  void CountQueue(std::size_t before, std::size_t after);
   void SetTimer(OpenTicket& open);
   [[nodiscard]] std::optional<SteadyTime> DueOf(const OpenTicket& open) const;
   void Reject(OpenTicket& open, const std::string& reason);
@@ -321,8 +327,10 @@ class TicketBook {
   std::set<std::string> stirred_;                           ///< Devices to look at in Advance().
   std::set<TicketNumber> ended_;                            ///< Tickets to forget in Settle().
   std::array<std::size_t, std::size(kTicketStates) + 1> counts_{};  ///< BookView::tickets.
-  std::vector<Entry> entries_;                                      ///< Not taken yet.
-  Work work_;                                                       ///< Not taken yet.
+  std::map<std::size_t, std::size_t>
+      queue_lengths_;           ///< How many devices have a queue so long; none is 0 long.
+  std::vector<Entry> entries_;  ///< Not taken yet.
+  Work work_;                   ///< Not taken yet.
   EventNumber last_event_ = 0;
   TicketNumber last_ticket_ = 0;
 };

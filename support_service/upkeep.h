@@ -14,9 +14,9 @@ namespace TarvoOrvane::SupportService {
 struct WebhookCounts {
   std::atomic<bool> is_on{false};         ///< There is a webhook.
   std::atomic<std::uint64_t> waiting{0};  ///< Ends of tickets that are to be told.
-  std::atomic<std::uint64_t> delivered{
-      0};                                ///< Calls that were answered by success, since the service's start.
-  std::atomic<std::uint64_t> failed{0};  ///< Calls that were not.
+  /// Calls that were answered by success, since the service's start.
+  std::atomic<std::uint64_t> delivered{0};
+  std::atomic<std::uint64_t> failed{0};    ///< Calls that were not.
   std::atomic<std::uint64_t> given_up{0};  ///< Ends of tickets that are not tried any more.
 };
 

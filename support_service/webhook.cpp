@@ -54,6 +54,12 @@ CurlUrl Parsed(const std::string& text) {
   return url;
 }
 
+/// In lower case, as the library reads it; "" for no URL.
+std::string SchemeOf(const std::string& text) {
+  const CurlUrl url = Parsed(text);
+  return url ? PartOf(url, CURLUPART_SCHEME) : "";
+}
+
 std::string AddressOf(const std::string& text) {
   const CurlUrl url = Parsed(text);
   if (!url) return "";
@@ -76,9 +82,14 @@ bool IsEnd(EventKind kind) {
   }
 }
 
+/// An event's number alone comes a second time after a backup was restored, for the end of another ticket.
+std::string IdOf(const Event& event, const Ticket& ticket) {
+  return ticket.id + "-" + std::to_string(event.number);
+}
+
 std::string BodyOf(const Event& event, const Ticket& ticket) {
   Json::Value body(Json::objectValue);
-  body["id"] = Json::UInt64{event.number};
+  body["id"] = IdOf(event, ticket);
   body["type"] = "ticket.ended";
   body["time"] = TimeText(event.time);
   body["event"] = JsonOf(event);
@@ -145,6 +156,15 @@ std::string WebhookSignature(const std::string& secret, const std::string& times
   return "sha256=" + HexText(code.data(), size);
 }
 
+std::chrono::milliseconds WebhookPause(const WebhookSettings& settings, std::uint64_t failures,
+                                       std::minstd_rand& random) {
+  std::chrono::milliseconds pause = settings.first_pause;
+  for (; failures > 1 && pause < settings.longest_pause; --failures) pause *= 2;
+  pause = std::min(pause, settings.longest_pause);
+  return std::chrono::milliseconds(
+      std::uniform_int_distribution<std::int64_t>(pause.count() / 2, pause.count())(random));
+}
+
 bool Webhook::Signals::IsEnding() {
   const std::lock_guard<std::mutex> lock(mutex);
   return is_ending;
@@ -162,7 +182,6 @@ Webhook::Webhook(WebhookSettings settings, Dispatcher& dispatcher, const Store& 
       told_(store.ToldByWebhook().value_or(store.LastEvent())),
       is_remembered_(store.ToldByWebhook().has_value()),
       read_(told_),
-      pause_(settings_.first_pause),
       random_(std::random_device()()) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   counts_.is_on = true;
@@ -170,12 +189,14 @@ Webhook::Webhook(WebhookSettings settings, Dispatcher& dispatcher, const Store& 
 }
 
 Webhook::~Webhook() {
-  {
-    const std::lock_guard<std::mutex> lock(signals_->mutex);
-    signals_->is_ending = true;
-    signals_->changed.notify_all();
-  }
+  End();
   thread_.join();
+}
+
+void Webhook::End() {
+  const std::lock_guard<std::mutex> lock(signals_->mutex);
+  signals_->is_ending = true;
+  signals_->changed.notify_all();
 }
 
 void Webhook::Run() {
@@ -184,7 +205,7 @@ void Webhook::Run() {
       Step();
     } catch (const std::exception& failure) {
       events_(std::string("the webhook has to wait: ") + failure.what());
-      AwaitUntil(std::chrono::steady_clock::now() + kReadPause);
+      Rest();
     }
   }
 }
@@ -226,11 +247,16 @@ void Webhook::Fill() {
 void Webhook::Tell(const Event& event) {
   const auto ticket = store_.Find(event.ticket);
   if (!ticket) return Drop();  // it is not kept any more
-  const std::string fault = Call(std::to_string(event.number), BodyOf(event, *ticket));
+  std::string fault;
+  try {
+    fault = Call(IdOf(event, *ticket), BodyOf(event, *ticket));
+  } catch (const std::exception& failure) {
+    fault = failure.what();  // it counts as any other
+  }
   if (!fault.empty() && signals_->IsEnding()) return;  // it was cut off, and is told at the next start
   if (!fault.empty()) return Fail(event, *ticket, fault);
   ++counts_.delivered;
-  pause_ = settings_.first_pause;
+  failures_ = 0;
   next_try_.reset();
   Drop();
 }
@@ -258,9 +284,13 @@ std::string Webhook::Call(const std::string& id, const std::string& body) {
   };
   set(CURLOPT_URL, settings_.url.c_str());
   set(CURLOPT_PROTOCOLS_STR, "http,https");
-  if (settings_.url.rfind("http:", 0) == 0) set(CURLOPT_PROXY, "");
-  if (!settings_.authority.empty()) set(CURLOPT_CAINFO, settings_.authority.c_str());
+  if (SchemeOf(settings_.url) == "http") set(CURLOPT_PROXY, "");
+  if (!settings_.authority.empty()) {
+    set(CURLOPT_CAINFO, settings_.authority.c_str());
+    set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // these alone, and not the system's as well
+  }
   set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_QUICK_EXIT, 1L);  // a call that is cut off does not wait for a name server
   set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
   set(CURLOPT_TIMEOUT, kCallSeconds);
   set(CURLOPT_USERAGENT, "support_service/" DDT_VERSION);
@@ -280,11 +310,12 @@ std::string Webhook::Call(const std::string& id, const std::string& body) {
   const CURLcode code = curl_easy_perform(call.get());
   long status = 0;
   curl_easy_getinfo(call.get(), CURLINFO_RESPONSE_CODE, &status);
+  // First: the receiver has taken it, whatever becomes of the rest of its answer.
+  if (status >= kFirstSuccess && status < kFirstOther) return "";
   const bool is_cut_by_us = code == CURLE_WRITE_ERROR && taken > kMostAnswerBytes;
   if (code != CURLE_OK && !is_cut_by_us) {
     return Printable(detail.front() != '\0' ? detail.data() : curl_easy_strerror(code));
   }
-  if (status >= kFirstSuccess && status < kFirstOther) return "";
   return "it was answered by HTTP " + std::to_string(status);
 }
 
@@ -292,13 +323,12 @@ void Webhook::Fail(const Event& event, const Ticket& ticket, const std::string& 
   ++counts_.failed;
   const auto now = std::chrono::steady_clock::now();
   if (!failing_since_) failing_since_ = now;
-  const auto part = std::uniform_int_distribution<std::int64_t>(pause_.count() / 2, pause_.count())(random_);
-  const std::chrono::milliseconds pause(part);
-  pause_ = std::min(2 * pause_, settings_.longest_pause);
+  const std::chrono::milliseconds pause = WebhookPause(settings_, ++failures_, random_);
   next_try_ = now + pause;
   const std::string what = "the end of ticket " + ticket.id + " was not told to " + address_ + ": " + fault;
   if (now - *failing_since_ < settings_.give_up_after) {
-    return events_("webhook: " + what + "; next try in " + std::to_string((part + 999) / 1000) + " s");
+    return events_("webhook: " + what + "; next try in " + std::to_string((pause.count() + 999) / 1000) +
+                   " s");
   }
   ++counts_.given_up;
   events_("webhook: " + what + "; it is given up");
@@ -338,6 +368,12 @@ void Webhook::AwaitUntil(std::optional<SteadyTime> due) {
     signals_->changed.wait(lock, is_awake);
   }
   if (std::exchange(signals_->has_news, false)) listens_ = false;
+}
+
+/// Waits for kReadPause, or for the end. News change nothing about what failed.
+void Webhook::Rest() {
+  std::unique_lock<std::mutex> lock(signals_->mutex);
+  signals_->changed.wait_for(lock, kReadPause, [this] { return signals_->is_ending; });
 }
 
 }  // namespace TarvoOrvane::SupportService

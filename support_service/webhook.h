@@ -25,8 +25,8 @@ namespace TarvoOrvane::SupportService {
 struct WebhookSettings {
   std::string url;     ///< Empty: there is no webhook.
   std::string secret;  ///< Of the signatures. Is written nowhere.
-  std::filesystem::path
-      authority;  ///< PEM file of who issues the receiver's certificate; empty for the system's.
+  /// PEM file of who issues the receiver's certificate, and nobody else may. Empty for those that the system trusts.
+  std::filesystem::path authority;
   // After a call without success. The pause doubles with each one, and is shortened by up to a half at random.
   std::chrono::milliseconds first_pause{1'000};
   std::chrono::milliseconds longest_pause{600'000};
@@ -46,6 +46,12 @@ struct WebhookSettings {
 [[nodiscard]] std::string WebhookSignature(const std::string& secret, const std::string& timestamp,
                                            const std::string& body);
 
+/// How long to wait before the next try.
+/// @param failures  So many calls in a row were without success, this one among them; 1 at least.
+/// @param random    Shortens it by up to a half, so that many services do not call at once.
+[[nodiscard]] std::chrono::milliseconds WebhookPause(const WebhookSettings& settings, std::uint64_t failures,
+                                                     std::minstd_rand& random);
+
 /// Has a thread of its own. The ends are told one after the other, in their order. Which was told last is remembered by
 /// the store, so that neither an outage of the receiver nor a restart of the service loses one. One may come twice.
 class Webhook {
@@ -55,8 +61,10 @@ class Webhook {
   /// @param counts  Is kept up to date. All of them live longer than the webhook.
   Webhook(WebhookSettings settings, Dispatcher& dispatcher, const Store& store, EventFeed& feed,
           WebhookCounts& counts, EventSink events);
-  /// Ends the call that is under way, at most a second later.
+  /// End(), and waits until the thread has ended.
   ~Webhook();
+  /// Cuts off the call that is under way, at most a second or two later, and begins no other. Does not wait for that.
+  void End();
   Webhook(const Webhook&) = delete;
   Webhook& operator=(const Webhook&) = delete;
 
@@ -82,6 +90,7 @@ class Webhook {
   void Drop();
   void Remember();
   void AwaitUntil(std::optional<SteadyTime> due);
+  void Rest();
 
   const WebhookSettings settings_;
   const std::string address_;  ///< Of the URL, without what may be a secret in it.
@@ -98,7 +107,7 @@ class Webhook {
   EventNumber read_;      ///< The last event of the store that was looked at.
   bool listens_ = false;  ///< The feed will wake it.
   std::deque<Event> waiting_;
-  std::chrono::milliseconds pause_;
+  std::uint64_t failures_ = 0;               ///< Calls without success since the last one that had it.
   std::optional<SteadyTime> failing_since_;  ///< The first call for the first in line.
   std::optional<SteadyTime> next_try_;       ///< Not before.
   std::minstd_rand random_;

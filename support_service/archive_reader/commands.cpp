@@ -144,8 +144,9 @@ ReaderEnd Text(ArchiveWalk& walk, Window window, const ReadLimits& limits, Outpu
   if (text.empty() && end != ReaderEnd::kComplete) return end;
   // The next part begins with a character that this one would cut.
   const std::size_t whole = WholeCharacters(text);
-  if (whole > 0 && end == ReaderEnd::kComplete && window.offset + text.size() < entry.size)
+  if (whole > 0 && end == ReaderEnd::kComplete && window.offset + text.size() < entry.size) {
     text.resize(whole);
+  }
   const std::string line = OpenLine(entry) + R"(,"begin":)" + std::to_string(window.offset) + R"(,"end":)" +
                            std::to_string(window.offset + text.size()) + "}\n";
   if (!output.Write(line)) return ReaderEnd::kOutputFailed;
@@ -228,8 +229,10 @@ ReaderEnd DoCommand(const std::vector<std::string>& arguments, int archive, int 
 void PrepareLibraries() {
   // libarchive converts the names of some archives from UTF-8 to the locale's charset.
   static_cast<void>(setlocale(LC_CTYPE, "C.UTF-8"));
-  const iconv_t converter = iconv_open("UTF-8", "UTF-8");
-  if (converter != reinterpret_cast<iconv_t>(-1)) iconv_close(converter);
+  iconv_t converter = iconv_open("UTF-8", "UTF-8");
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): so the function tells a failure
+  const bool is_there = converter != reinterpret_cast<iconv_t>(-1);
+  if (is_there) iconv_close(converter);
 }
 
 }  // namespace TarvoOrvane::ArchiveReader

@@ -96,8 +96,9 @@ class JsonTaker {
     constexpr std::size_t kDigits = 4;
     if (Take('u')) {
       const std::string_view digits = text_.substr(0, kDigits);
-      if (digits.size() < kDigits || digits.find_first_not_of(kHexDigits) != std::string_view::npos)
+      if (digits.size() < kDigits || digits.find_first_not_of(kHexDigits) != std::string_view::npos) {
         return false;
+      }
       text_.remove_prefix(kDigits);
       return true;
     }

@@ -67,7 +67,7 @@ bool AllowCalls(scmp_filter_ctx filter) {
 }
 
 bool ForbidCalls() {
-  const scmp_filter_ctx filter = seccomp_init(SCMP_ACT_KILL_PROCESS);
+  scmp_filter_ctx filter = seccomp_init(SCMP_ACT_KILL_PROCESS);
   if (filter == nullptr) return false;
   // Calls as another processor has them end the process, too: a filter would know them by other numbers.
   const bool is_set = seccomp_attr_set(filter, SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_KILL_PROCESS) == 0 &&

@@ -59,12 +59,12 @@ class UnfinishedBackup {
   bool is_finished_ = false;
 };
 
-Json::Value JsonOf(const fs::path& file, const SupportService::BackupFacts& facts, std::uint64_t archives) {
+Json::Value JsonOf(const fs::path& file, const SupportService::BackupFacts& facts) {
   Json::Value value(Json::objectValue);
   value["file"] = file.string();
   value["created"] = facts.created;
   value["size_bytes"] = Json::UInt64{facts.size_bytes};
-  value["archives"] = Json::UInt64{archives};
+  value["archives"] = Json::UInt64{facts.archives};
   value["missing"] = Json::Value(Json::arrayValue);
   for (const std::string& name : facts.missing) value["missing"].append(name);
   return value;
@@ -90,20 +90,18 @@ ExitStatus MakeBackup(Session& session) {
   // As it lies on the disk now.
   SupportService::BackupFacts facts;
   try {
-    facts = SupportService::ReadBackup(file.path(), [](const std::string&, std::string_view) {});
+    facts = SupportService::ReadBackup(file.path(), {});
   } catch (const SupportService::BackupError& fault) {
     throw Failure(ExitStatus::kFailed, std::string("the backup can't be used: ") + fault.what());
   }
   file.Finish();
   progress.Show("");
-  std::uint64_t archives = 0;
-  for (const auto& [member, sum] : facts.sums) archives += member.rfind("archives/", 0) == 0 ? 1 : 0;
   for (const std::string& missing : facts.missing) {
     session.console.err << "missing: " << Safe(missing) << "\n";
   }
-  return PrintDone(session, JsonOf(name, facts, archives),
-                   Safe(name.string()) + ": " + SizeText(facts.size_bytes) + ", " + std::to_string(archives) +
-                       (archives == 1 ? " archive" : " archives"));
+  return PrintDone(session, JsonOf(name, facts),
+                   Safe(name.string()) + ": " + SizeText(facts.size_bytes) + ", " +
+                       std::to_string(facts.archives) + (facts.archives == 1 ? " archive" : " archives"));
 }
 
 }  // namespace TarvoOrvane::Supportctl

@@ -55,6 +55,10 @@ std::string Count(std::uint64_t count, const std::string& noun) {
 
 Finding CertificateFinding(const Json::Value& health) {
   const std::string until = OptionalTextOf(health, "certificate_until");
+  if (until.empty() && health["uses_tls"].isBool() && health["uses_tls"].asBool()) {
+    return {"certificate", Finding::State::kProblem, "can't be read by the service",
+            "Look at the file that the option certificate names, or at server/server.pem in the data folder"};
+  }
   if (until.empty()) return {"certificate", Finding::State::kOk, "none: no listener speaks TLS"};
   const std::int64_t days = DaysBetween(TextOf(health, "time"), until);
   const std::string text = "ends in " + std::to_string(days) + " days, " + ShortTime(until);
@@ -130,7 +134,8 @@ Finding WebhookFinding(const Json::Value& webhook) {
                            std::to_string(NumberOf(webhook, "delivered")) + " delivered, " +
                            std::to_string(NumberOf(webhook, "given_up")) + " given up";
   if (NumberOf(webhook, "given_up") > 0) {
-    return {"webhook", Finding::State::kProblem, text, "supportctl audit tells which tickets were not told"};
+    // No problem: it can't be mended any more, and the count stays until the service starts again.
+    return {"webhook", Finding::State::kWarning, text, "supportctl audit tells which tickets were not told"};
   }
   if (NumberOf(webhook, "waiting") > 0 && NumberOf(webhook, "failed") > 0) {
     return {"webhook", Finding::State::kWarning, text, "The service's log says why; look at the receiver"};

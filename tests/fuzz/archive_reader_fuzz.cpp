@@ -96,7 +96,6 @@ void RequireUtf8(std::string_view text, bool may_have_control_characters) {
 std::vector<Json::Value> CheckList(const MemoryFile& archive) {
   const Result all = Do(archive, {"list", "0", "1000"});
   std::vector<Json::Value> entries;
-  std::string in_pages;
   for (std::size_t begin = 0; begin < all.output.size();) {
     const std::size_t end = all.output.find('\n', begin);
     Require(end != std::string::npos, "a line has an end");

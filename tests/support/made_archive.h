@@ -37,7 +37,8 @@ inline std::string TarHeader(const TarEntry& entry, std::uint64_t size) {
   };
   const auto octal = [](std::uint64_t number, int digits) {
     std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%0*llo", digits, static_cast<unsigned long long>(number));
+    static_cast<void>(
+        std::snprintf(text.data(), text.size(), "%0*llo", digits, static_cast<unsigned long long>(number)));
     return std::string(text.data());
   };
   put(0, entry.name.substr(0, 100));

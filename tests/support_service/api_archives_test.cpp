@@ -162,8 +162,9 @@ TEST_F(ArchiveApiTest, WhatIsNoArchiveIsToldSo) {
   EXPECT_EQ(page["entries"].size(), 0U);
   EXPECT_EQ(page["complete"], false);
   EXPECT_THAT(page["error"].asString(), HasSubstr("no tar archive"));
-  for (const char* rest : {"/manifest", "/entries/1", "/entries/1/text"})
+  for (const char* rest : {"/manifest", "/entries/1", "/entries/1/text"}) {
     EXPECT_EQ(CodeOf(rest, 422), "unreadable");
+  }
 }
 
 TEST_F(ArchiveApiTest, ManifestIsGivenAsItStands) {
@@ -333,6 +334,7 @@ TEST_F(EndlessLookTest, TooManyAtOnceAreRefused) {
   const LookSettings defaults;
   const std::size_t most = static_cast<std::size_t>(defaults.at_once) + defaults.waiting;
   std::vector<std::unique_ptr<RawHttp>> clients;
+  clients.reserve(most);
   for (std::size_t i = 0; i < most; ++i) clients.push_back(Request("/entries"));
   ASSERT_TRUE(Eventually([&] { return Audited("list archive") == most; }));
   EXPECT_TRUE(AwaitReaders(static_cast<std::size_t>(defaults.at_once)));

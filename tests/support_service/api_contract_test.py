@@ -99,7 +99,7 @@ class ContractTest(ApiTest):
         ask('GET', '/health', 200)
         backup = ask('GET', '/backup?archives=false', 200)
         with tarfile.open(fileobj=io.BytesIO(backup.body)) as tar:
-            self.assertEqual((tar.getnames()[0], tar.getnames()[-1]), ('tickets.db', 'SHA256SUMS'))
+            self.assertEqual((tar.getnames()[0], tar.getnames()[-1]), ('backup-form', 'SHA256SUMS'))
         return asked
 
     def test_every_operation_answers_as_documented_over_the_control_socket(self) -> None:

@@ -123,9 +123,10 @@ TEST_F(ArchiveContentsTest, ReaderThatCanNotBeStartedIsTold) {
 TEST_F(ArchiveContentsTest, ReaderBeginsWithNothingOfTheServices) {
   const int secret = open("/dev/null", O_RDONLY);  // one that would be inherited
   setenv("SECRET", "value", 1);
-  signal(SIGPIPE, SIG_IGN);
+  static_cast<void>(signal(SIGPIPE, SIG_IGN));
   UseScript(
-      "echo \"$@\"; tr '\\0' ' ' </proc/$$/environ; echo; ls -x /proc/$$/fd; grep ^SigIgn: /proc/self/status; "
+      "echo \"$@\"; tr '\\0' ' ' </proc/$$/environ; echo; ls -x /proc/$$/fd; grep ^SigIgn: "
+      "/proc/self/status; "
       "grep ^SigBlk: /proc/self/status");
   const Looked looked = List();
   ASSERT_EQ(looked.lines.size(), 5U);
@@ -174,6 +175,7 @@ TEST_F(ArchiveContentsTest, AFewLookAtOnceAndSomeWait) {
   settings_.waiting = 1;
   UseScript("exec sleep 1000");
   std::vector<std::future<Looked>> looks;
+  looks.reserve(3);
   for (int i = 0; i < 3; ++i) looks.push_back(Begin(TakeLines));
   EXPECT_TRUE(AwaitReaders(2));
   EXPECT_FALSE(contents().TakePlace());
@@ -197,8 +199,9 @@ class BodyReader {
       const auto woken = std::make_shared<std::promise<void>>();
       auto piece = source_->Next([woken] { woken->set_value(); });
       if (!piece || !piece->empty()) return piece;
-      if (woken->get_future().wait_for(kPatience) != std::future_status::ready)
+      if (woken->get_future().wait_for(kPatience) != std::future_status::ready) {
         throw std::runtime_error("no wake");
+      }
     }
   }
   std::string All() {

@@ -1,10 +1,14 @@
 /// Backups: what is in them while the service works on, and what comes of one that was damaged, cut or made up.
 #include <archive.h>
 #include <archive_entry.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <csignal>
+#include <future>
 #include <map>
 #include <thread>
 
@@ -49,6 +53,7 @@ void WriteTar(const fs::path& file, const std::vector<TarMember>& members) {
 
 /// A backup as its last member says: with the right sum of each.
 std::vector<TarMember> WithSums(std::vector<TarMember> members) {
+  members.insert(members.begin(), {"backup-form", "1\n"});
   std::string sums;
   for (const TarMember& member : members) sums += Sha256(member.content) + "  " + member.name + "\n";
   members.push_back({"SHA256SUMS", sums});
@@ -56,7 +61,7 @@ std::vector<TarMember> WithSums(std::vector<TarMember> members) {
 }
 
 constexpr char kFacts[] =
-    R"({"form":1,"service_version":"1","created":"2026-01-01T00:00:00.000Z","with_archives":true,"missing":[]})";
+    R"({"service_version":"1","created":"2026-01-01T00:00:00.000Z","with_archives":true,"missing":[]})";
 
 class BackupTest : public ServiceTest {
  protected:
@@ -74,7 +79,9 @@ class BackupTest : public ServiceTest {
   /// What the members hold.
   static Members MembersOf(const fs::path& file) {
     Members members;
-    ReadBackup(file, [&](const std::string& name, std::string_view piece) { members[name].append(piece); });
+    std::string* content = nullptr;
+    ReadBackup(file, {[&](const std::string& name) { content = &members[name]; },
+                      [&](std::string_view piece) { content->append(piece); }});
     return members;
   }
   std::string Restore(const fs::path& file) { return RestoreBackup(file, restored_); }
@@ -197,6 +204,7 @@ TEST_F(BackupTest, ArchivesCanBeLeftOut) {
   EXPECT_EQ(MembersOf(file).count("archives/" + id + "-1.dat"), 0U);
   EXPECT_THAT(Restore(file), HasSubstr("made without archives: the store knows of 1 archive"));
   EXPECT_EQ(AskForBackup("?archives=no").status, 400);
+  EXPECT_EQ(AskForBackup("?archives=").status, 400);
 }
 
 TEST_F(BackupTest, ArchivesThatAreMissingOrChangedAreNamed) {
@@ -207,17 +215,61 @@ TEST_F(BackupTest, ArchivesThatAreMissingOrChangedAreNamed) {
   fs::remove(ArchiveOf(gone));
   WriteFile(ArchiveOf(changed), "CHANGED");
   const fs::path file = MakeBackup();
-  const BackupFacts facts = ReadBackup(file, [](const std::string&, std::string_view) {});
+  const BackupFacts facts = ReadBackup(file, {});
+  EXPECT_EQ(facts.archives, 1U);
   EXPECT_THAT(facts.missing, ElementsAre(HasSubstr(gone + "-1.dat: there is no such file"),
                                          HasSubstr(changed + "-1.dat: its content is not")));
   EXPECT_THAT(Restore(file), HasSubstr("missing archive " + gone));
+}
+
+TEST_F(BackupTest, ArchivesThatCannotBeReadAreNamedAndTheOthersAreThere) {
+  Start();
+  std::vector<std::string> ids;
+  for (const char* content : {"a link", "a folder", "good"}) {
+    ids.push_back(ServeTicket(content));
+    own_device_.reset();
+  }
+  fs::remove(ArchiveOf(ids[0]));
+  fs::create_symlink("elsewhere", ArchiveOf(ids[0]));
+  fs::remove(ArchiveOf(ids[1]));
+  fs::create_directory(ArchiveOf(ids[1]));  // can be opened, and not read
+  const fs::path file = MakeBackup();
+  EXPECT_THAT(ReadBackup(file, {}).missing,
+              ElementsAre(HasSubstr(ids[0] + "-1.dat: it can't be read: "),
+                          HasSubstr(ids[1] + "-1.dat: it can't be read: Is a directory. Zeros are")));
+  EXPECT_EQ(MembersOf(file)["archives/" + ids[2] + "-1.dat"], "good");
+}
+
+TEST_F(BackupTest, MakerThatWasCancelledMakesNone) {
+  const ArchiveStore archives(settings_.data_folder);
+  const SqliteStore store(settings_.data_folder / "tickets.db");
+  DiskRoom room(settings_.data_folder, 0);
+  BackupMaker maker(store, archives, settings_.data_folder, room, events_.sink());
+  maker.Cancel();
+  std::promise<std::string> told;
+  ASSERT_TRUE(maker.Begin(true, [&](const std::shared_ptr<BodySource>& body, const std::string& fault) {
+    told.set_value(body ? "a body" : fault);
+  }));
+  EXPECT_EQ(told.get_future().get(), "the service shuts down");
+  EXPECT_EQ(IncomingFiles(), 0U);
+}
+
+TEST_F(BackupTest, CheckOfACopyEndsWhenItIsToEnd) {
+  const fs::path copy = temp_.path() / "copy.db";
+  Start();
+  service().dispatcher().Call([](TicketBook& book) {
+    for (int i = 0; i < 3000; ++i) book.registry().Record({"test", "service"}, "fill", "", "");
+  });
+  static_cast<const SqliteStore&>(service().store()).CopyTo(copy, [] { return true; });
+  EXPECT_NO_THROW(static_cast<void>(SqliteStore::Examine(copy, [] { return true; })));
+  EXPECT_THROW(static_cast<void>(SqliteStore::Examine(copy, [] { return false; })), StoreError);
 }
 
 TEST_F(BackupTest, DeletedArchivesAreNeitherThereNorMissed) {
   Start();
   const std::string id = ServeTicket("archive");
   ASSERT_EQ(AskApi(service().control_socket(), "DELETE", "/tickets/" + id + "/archives/1").status, 204);
-  const BackupFacts facts = ReadBackup(MakeBackup(), [](const std::string&, std::string_view) {});
+  const BackupFacts facts = ReadBackup(MakeBackup(), {});
   EXPECT_THAT(facts.missing, IsEmpty());
   EXPECT_EQ(facts.sums.count("archives/" + id + "-1.dat"), 0U);
 }
@@ -291,6 +343,39 @@ TEST_F(BackupTest, NothingIsRestoredToAFolderThatIsNotEmpty) {
   }
 }
 
+TEST_F(BackupTest, NoServiceBeginsInAFolderThatIsBeingRestored) {
+  Start();
+  const std::string id = ServeTicket("archive");
+  const fs::path file = MakeBackup();
+  // With a lease, who opens the file waits until it is closed here.
+  const int lease = open(file.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_NE(lease, -1);
+  ASSERT_EQ(fcntl(lease, F_SETSIG, SIGURG), 0);  // it is told by a signal that nobody looks at
+  ASSERT_EQ(fcntl(lease, F_SETLEASE, F_WRLCK), 0);
+  std::string report;
+  std::thread restore([&] { report = Restore(file); });
+  EXPECT_TRUE(Eventually([&] { return fcntl(lease, F_GETLEASE) != F_WRLCK; })) << "it reads the backup";
+  // Also one that has not seen "restoring" yet.
+  EXPECT_THROW(close(LockDataFolder(restored_)), std::runtime_error);
+  EXPECT_THROW(ArchiveStore{restored_}, std::runtime_error);
+  close(lease);
+  restore.join();
+  EXPECT_THAT(report, HasSubstr("restored to"));
+  StartRestored();
+  EXPECT_EQ(ReadFile(ArchiveOf(id)), "archive");
+}
+
+TEST_F(BackupTest, NothingIsRestoredToAFolderThatAServiceIsTaking) {
+  Start();
+  const fs::path file = MakeBackup();
+  fs::create_directories(restored_);
+  const int lock = LockDataFolder(restored_);
+  EXPECT_THROW(Restore(file), std::runtime_error);
+  EXPECT_FALSE(fs::exists(restored_ / "restoring"));
+  close(lock);
+  EXPECT_THAT(Restore(file), HasSubstr("restored to"));
+}
+
 TEST_F(BackupTest, FolderOfAnUnfinishedRestoreIsNoDataFolder) {
   fs::create_directories(settings_.data_folder / "restoring");
   fs::permissions(settings_.data_folder, fs::perms::owner_all);
@@ -300,6 +385,7 @@ TEST_F(BackupTest, FolderOfAnUnfinishedRestoreIsNoDataFolder) {
   } catch (const std::exception& fault) {
     EXPECT_THAT(fault.what(), HasSubstr("a backup was not restored to its end"));
   }
+  EXPECT_NO_THROW(close(LockDataFolder(settings_.data_folder))) << "nobody has it any more";
 }
 
 TEST_F(BackupTest, OtherFilesAreRefused) {
@@ -316,8 +402,13 @@ TEST_F(BackupTest, OtherFilesAreRefused) {
   EXPECT_THAT(RestoreFails(file), HasSubstr("is no database"));
   WriteTar(file, WithSums({{"tickets.db", "x"}}));
   EXPECT_THAT(RestoreFails(file), HasSubstr("it has no backup.json"));
-  WriteTar(file, WithSums({{"tickets.db", "x"}, {"backup.json", R"({"form":2})"}}));
-  EXPECT_THAT(RestoreFails(file), HasSubstr("another version of the service (form 2"));
+  WriteTar(file, WithSums({{"backup.json", kFacts}}));
+  EXPECT_THAT(RestoreFails(file), HasSubstr("it has no tickets.db"));
+  WriteTar(file, {{"backup-form", "2\n"}, {"something/of form 2", "x"}});
+  EXPECT_THAT(RestoreFails(file),
+              HasSubstr("another version of the service (form 2, this one knows form 1)"));
+  WriteTar(file, {{"backup-form", "x"}});
+  EXPECT_THAT(RestoreFails(file), HasSubstr("its form can't be read"));
 }
 
 TEST_F(BackupTest, NamesLeadNowhereElse) {
@@ -325,7 +416,7 @@ TEST_F(BackupTest, NamesLeadNowhereElse) {
   for (const char* name : {"../outside", "/outside", "archives/../../outside", "archives/..", "archives/",
                            "archives/a/b", "archives/.hidden", "other/x", "lock", "archives\\x", ""}) {
     WriteTar(file, WithSums({{"tickets.db", "x"}, {name, "y"}, {"backup.json", kFacts}}));
-    EXPECT_NE(RestoreFails(file), "") << name;
+    EXPECT_THAT(RestoreFails(file), HasSubstr("which no backup has")) << name;
     EXPECT_FALSE(fs::exists(temp_.path() / "outside")) << name;
   }
   WriteTar(file, WithSums({{"tickets.db", "x"}, {"archives/x.dat", "", "../../outside"}}));

@@ -79,13 +79,19 @@ TEST_F(HealthTest, DiskAndCertificateAreTold) {
   Json::Value health = Health();
   EXPECT_EQ(health["disk"]["stays_free_bytes"].asInt(), 4711);
   EXPECT_GE(health["disk"]["size_bytes"].asUInt64(), health["disk"]["free_bytes"].asUInt64());
+  EXPECT_FALSE(health["uses_tls"].asBool());
   EXPECT_FALSE(health.isMember("certificate_until")) << "nothing is encrypted here";
   EXPECT_FALSE(health.isMember("webhook")) << "there is none";
   service_.reset();
   settings_.tickets.trust = Trust::kOwnAuthority;
   service_ = std::make_unique<SupportService>(settings_, events_.sink());
   health = Health();
+  EXPECT_TRUE(health["uses_tls"].asBool());
   EXPECT_GT(health["certificate_until"].asString(), health["time"].asString());
+  std::filesystem::remove(settings_.data_folder / "server" / "server.pem");
+  health = Health();
+  EXPECT_TRUE(health["uses_tls"].asBool()) << "and its certificate can't be read";
+  EXPECT_FALSE(health.isMember("certificate_until"));
 }
 
 TEST_F(HealthTest, NobodyButAdministratorsMayAsk) {

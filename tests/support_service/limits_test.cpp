@@ -84,7 +84,10 @@ class AddressLimitTest : public ::testing::Test {
 TEST_F(AddressLimitTest, PortsDoNotTellAddressesApartAndUnixSocketsHaveNone) {
   EXPECT_EQ(KeyOf("192.0.2.1:5"), "192.0.2.1");
   EXPECT_EQ(KeyOf("192.0.2.1:6"), "192.0.2.1");
-  EXPECT_EQ(KeyOf("[2001:db8::1]:5"), "2001:db8::1");
+  EXPECT_EQ(KeyOf("[2001:db8:1:2:3:4:5:6]:5"), "2001:db8:1:2::/64");
+  EXPECT_EQ(KeyOf("[2001:db8:1:2::1]:5"), "2001:db8:1:2::/64") << "a network's addresses are one host's";
+  EXPECT_EQ(KeyOf("[2001:db8:1:3::1]:5"), "2001:db8:1:3::/64");
+  EXPECT_EQ(KeyOf("[::ffff:192.0.2.1]:5"), "192.0.2.1") << "or all of IPv4 would be one network";
   EXPECT_EQ(KeyOf("unix:/x"), "");
 }
 
@@ -195,7 +198,6 @@ TEST_F(LimitsTest, LimitsThatAreChangedCountFromThenOn) {
   Start();
   const Delivered ticket = AcceptTicket();
   settings_.largest_upload = 1'000'000;
-  settings_.connections_per_address = 7;
   service().SetSettings(settings_);
   EXPECT_EQ(Upload(ticket.token, 1'100'000).status, 413);
   settings_.largest_upload = 2'000'000;
@@ -207,6 +209,21 @@ TEST_F(LimitsTest, LimitsThatAreChangedCountFromThenOn) {
   EXPECT_EQ(Upload(ticket.token, 1'100'000).status, 200);
   EXPECT_EQ(Metric("support_service_limit{limit=\"upload_bytes\"}"), 2'000'000);
   EXPECT_EQ(Metric("support_service_limit{limit=\"free_bytes\"}"), 0);
+}
+
+TEST_F(LimitsTest, NumberOfConnectionsThatIsChangedCountsFromThenOn) {
+  Start();
+  settings_.connections_per_address = 7;
+  service().SetSettings(settings_);
+  std::vector<std::unique_ptr<RawHttp>> clients;
+  clients.reserve(8);
+  for (int i = 0; i < 7; ++i) clients.push_back(std::make_unique<RawHttp>(service().css_url()));
+  ASSERT_TRUE(Eventually(
+      [this] { return Metric("support_service_limit_used{limit=\"connections_per_address\"}") == 7; }));
+  EXPECT_EQ(Met("connections_per_address"), 0);
+  clients.push_back(std::make_unique<RawHttp>(service().css_url()));
+  EXPECT_TRUE(events_.WaitFor("connection closed: 127.0.0.1 has as many as one address may have"));
+  EXPECT_EQ(Met("connections_per_address"), 1);
   EXPECT_EQ(Metric("support_service_limit{limit=\"connections_per_address\"}"), 7);
 }
 

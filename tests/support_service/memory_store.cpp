@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
+#include <tuple>
 #include <utility>
 #include <variant>
 
@@ -93,6 +94,7 @@ struct MemoryStore::Writer {
   }
   void operator()(const AuditRecord& record) const { content.audit.push_back(record); }
   void operator()(const RetentionHeld& held) const { content.retention_held = held.until; }
+  void operator()(const RetentionLooked& looked) const { content.retention_looked = looked.time; }
   void operator()(const WebhookPosition& position) const { content.webhook = position.told; }
 };
 
@@ -233,6 +235,7 @@ std::vector<KeptArchive> MemoryStore::OldestArchives(const std::optional<std::st
 }
 
 std::vector<DeviceArchives> MemoryStore::DevicesWithMoreArchives(std::uint64_t than,
+                                                                 const std::optional<DeviceArchives>& behind,
                                                                  std::size_t limit) const {
   const std::lock_guard<std::mutex> lock(mutex_);
   std::map<std::string, DeviceArchives> counts;
@@ -241,17 +244,36 @@ std::vector<DeviceArchives> MemoryStore::DevicesWithMoreArchives(std::uint64_t t
     device.serial_number = record.ticket.device;
     for (const auto& [version, archive] : record.archives) device.count += archive.deleted ? 0 : 1;
   }
-  EraseThose(counts, [&](const DeviceArchives& device) { return device.count <= than; });
+  const auto comes_before = [](const DeviceArchives& a, const DeviceArchives& b) {
+    return std::tie(a.count, a.serial_number) > std::tie(b.count, b.serial_number);
+  };
+  EraseThose(counts, [&](const DeviceArchives& device) {
+    return device.count <= than || (behind && !comes_before(*behind, device));
+  });
   auto devices = ValuesOf(counts);
-  std::stable_sort(devices.begin(), devices.end(),
-                   [](const DeviceArchives& a, const DeviceArchives& b) { return a.count > b.count; });
+  std::sort(devices.begin(), devices.end(), comes_before);
   if (devices.size() > limit) devices.resize(limit);
   return devices;
+}
+
+std::uint64_t MemoryStore::KeptOfDevice(const std::string& serial_number) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::uint64_t count = 0;
+  for (const auto& [number, record] : content_.tickets) {
+    if (record.ticket.device != serial_number) continue;
+    for (const auto& [version, archive] : record.archives) count += archive.deleted ? 0 : 1;
+  }
+  return count;
 }
 
 std::optional<WallTime> MemoryStore::RetentionHeldUntil() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   return content_.retention_held;
+}
+
+std::optional<WallTime> MemoryStore::RetentionLookedAt() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return content_.retention_looked;
 }
 
 std::vector<Event> MemoryStore::EventsAfter(EventNumber after, std::size_t limit) const {

@@ -33,9 +33,11 @@ class MemoryStore : public Store {
   [[nodiscard]] ArchiveTotals KeptTotals() const override;
   [[nodiscard]] std::vector<KeptArchive> OldestArchives(const std::optional<std::string>& device,
                                                         WallTime before, std::size_t limit) const override;
-  [[nodiscard]] std::vector<DeviceArchives> DevicesWithMoreArchives(std::uint64_t than,
-                                                                    std::size_t limit) const override;
+  [[nodiscard]] std::vector<DeviceArchives> DevicesWithMoreArchives(
+      std::uint64_t than, const std::optional<DeviceArchives>& behind, std::size_t limit) const override;
+  [[nodiscard]] std::uint64_t KeptOfDevice(const std::string& serial_number) const override;
   [[nodiscard]] std::optional<WallTime> RetentionHeldUntil() const override;
+  [[nodiscard]] std::optional<WallTime> RetentionLookedAt() const override;
   [[nodiscard]] std::optional<EnrolledDevice> FindDevice(const std::string& serial_number) const override;
   [[nodiscard]] std::vector<EnrolledDevice> Devices(const std::string& beginning, const std::string& after,
                                                     std::size_t limit) const override;
@@ -65,6 +67,7 @@ class MemoryStore : public Store {
     std::map<SecretHash, Session> sessions;
     std::vector<AuditRecord> audit;
     std::optional<WallTime> retention_held;
+    std::optional<WallTime> retention_looked;
     EventNumber last_event = 0;
     std::optional<EventNumber> webhook;
   };

@@ -112,6 +112,11 @@ TEST(ServiceOptionsTest, RestoreIsOfTheCommandLineAlone) {
   EXPECT_TRUE(beside.run) << "what the service alone needs is not looked at: " << beside.text;
   EXPECT_EQ(beside.settings.data_folder, "/tmp/d");
   EXPECT_EQ(Service({"--restore", "/tmp/b.tar", "--data", ""}).exit_status, 2);
+  const auto nameless = Service({"--restore", ""});
+  EXPECT_FALSE(nameless.run) << "no service starts by mistake";
+  EXPECT_THAT(nameless.text, HasSubstr("--restore: the file's name is empty"));
+  const auto unchecked = Service({"--restore", "/tmp/b.tar", "--check-config"});
+  EXPECT_EQ(unchecked.exit_status, 2) << "a restore looks at little of the configuration: " << unchecked.text;
   const test_support::TemporaryFolder temp;
   test_support::WriteFile(temp.path() / "conf", "restore = /tmp/b.tar\n");
   EXPECT_EQ(Service({"--config", temp.File("conf").c_str()}).exit_status, 2);

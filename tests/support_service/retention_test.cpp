@@ -3,6 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <utility>
+
 #include "eventually.h"
 #include "memory_store.h"
 #include "store_entries.h"
@@ -27,6 +32,7 @@ RetentionSettings Unlimited() { return {0, 0, 0, 0}; }
 /// Archives of 10 bytes each that came so long ago, of the tickets 1, 2 and so on.
 std::vector<KeptArchive> Aged(const std::vector<hours>& ages) {
   std::vector<KeptArchive> archives;
+  archives.reserve(ages.size());
   for (const hours age : ages) {
     archives.push_back({archives.size() + 1, "id", 1, 10, kNow - age});
   }
@@ -95,6 +101,12 @@ TEST(RetentionChoiceTest, WhereTheYoungAloneAreTooManyNoMoreThanTheOldGo) {
   EXPECT_THAT(TicketsOf(ChooseSurplus(settings, {100, 1000}, Aged({2 * kDay}), kNow)), ElementsAre(1));
 }
 
+TEST(RetentionChoiceTest, OneThatIsTakenOffAlreadyMakesNoOtherGo) {
+  // The first two are too old. One of them is deleted by somebody else, and not in the totals any more.
+  const auto surplus = ChooseSurplus({2, 20, 4, 0}, {1, 10}, Aged({6 * kDay, 5 * kDay, 3 * kDay}), kNow);
+  EXPECT_THAT(TicketsOf(surplus), ElementsAre(1, 2));
+}
+
 TEST(RetentionChoiceTest, MoreOfADeviceThanItsNumberGo) {
   RetentionSettings settings = Unlimited();
   settings.archives_per_device = 2;
@@ -108,7 +120,7 @@ TEST(RetentionChoiceTest, MoreOfADeviceThanItsNumberGo) {
 
 // ---- the clock ----
 
-TEST(ClockWatchTest, SetsAreNoticedOnceAndDriftIsNone) {
+TEST(ClockWatchTest, SetsAreNoticedUntilTheyAreAcceptedAndDriftIsNone) {
   Moment now{std::chrono::steady_clock::time_point(hours(1)), kNow};
   ClockWatch watch(now);
   const auto pass = [&now](auto steady, auto wall) {
@@ -119,12 +131,38 @@ TEST(ClockWatchTest, SetsAreNoticedOnceAndDriftIsNone) {
   EXPECT_FALSE(watch.WasSet(pass(hours(10), hours(10))));
   EXPECT_FALSE(watch.WasSet(pass(seconds(0), seconds(60))));
   EXPECT_TRUE(watch.WasSet(pass(seconds(0), seconds(1)))) << "many small steps are one large one";
+  EXPECT_TRUE(watch.WasSet(pass(hours(1), hours(1)))) << "until something was done about it";
+  watch.Accept(now);
   EXPECT_FALSE(watch.WasSet(pass(hours(1), hours(1))));
   EXPECT_TRUE(watch.WasSet(pass(seconds(0), -seconds(61))));
+  watch.Accept(now);
   EXPECT_FALSE(watch.WasSet(pass(hours(1), hours(1))));
 }
 
 // ---- with a store, the book and files ----
+
+/// A store whose answers the test steers.
+class SteeredStore final : public MemoryStore {
+ public:
+  [[nodiscard]] std::optional<Ticket> Find(TicketNumber number) const override {
+    if (number == lost_) throw StoreError("the disk has a fault");
+    return MemoryStore::Find(number);
+  }
+  /// From now on this ticket can't be read; 0 for none.
+  void Lose(TicketNumber number) { lost_ = number; }
+
+  [[nodiscard]] ArchiveTotals KeptTotals() const override {
+    const ArchiveTotals totals = MemoryStore::KeptTotals();
+    if (const auto what = std::exchange(behind_totals_, {})) what();
+    return totals;
+  }
+  /// What happens right behind the next look at the totals.
+  void BehindTotals(std::function<void()> what) { behind_totals_ = std::move(what); }
+
+ private:
+  std::atomic<TicketNumber> lost_{0};
+  mutable std::function<void()> behind_totals_;
+};
 
 /// A data folder with archives, and clocks that the test sets.
 class RetentionTest : public testing::Test {
@@ -134,8 +172,8 @@ class RetentionTest : public testing::Test {
   /// The process begins, and so does what it knows of the clock.
   void Start() {
     retention_.emplace(
-        dispatcher_, store_, archives_, metrics_, [this](const std::string& line) { lines_.push_back(line); },
-        [this] { return now_; });
+        dispatcher_, store_, archives_, room_, metrics_,
+        [this](const std::string& line) { lines_.push_back(line); }, [this] { return now_; });
   }
   /// A ticket with an archive that comes now.
   TicketNumber Keep(const std::string& device = "SN1", bool is_open = false) {
@@ -163,6 +201,17 @@ class RetentionTest : public testing::Test {
     while (retention_->DeleteSome(settings_)) {
     }
   }
+  /// The same, as soon as the dispatcher has taken its tickets up anew.
+  [[nodiscard]] bool LookOftenWhenItWorksAgain() {
+    return test_support::Eventually([this] {
+      try {
+        LookOften();
+        return true;
+      } catch (const StoreError&) {
+        return false;
+      }
+    });
+  }
   [[nodiscard]] std::vector<TicketNumber> Files() const {
     std::vector<TicketNumber> numbers;
     for (TicketNumber number = 1; number <= store_.LastTicket(); ++number) {
@@ -173,7 +222,8 @@ class RetentionTest : public testing::Test {
 
   test_support::TemporaryFolder folder_;
   const ArchiveStore archives_{folder_.path() / "data"};
-  MemoryStore store_;
+  DiskRoom room_{folder_.path(), 0};
+  SteeredStore store_;
   Metrics metrics_;
   std::vector<std::string> lines_;
   Dispatcher dispatcher_{{}, store_, [](const std::string&) {}, metrics_};
@@ -321,15 +371,73 @@ TEST_F(RetentionTest, NothingIsDeletedThatCouldNotBeRemembered) {
   EXPECT_THROW(LookOften(), StoreError);
   EXPECT_THAT(Files(), ElementsAre(1, 2, 3));
   store_.FailWrites(false);
-  // The dispatcher takes its tickets up anew first.
-  while (Files().size() > 2) {
-    try {
-      LookOften();
-    } catch (const StoreError&) {
-      continue;
-    }
-  }
+  EXPECT_TRUE(LookOftenWhenItWorksAgain());
   EXPECT_THAT(Files(), ElementsAre(2, 3));
+}
+
+TEST_F(RetentionTest, HoldThatCouldNotBeRememberedIsTriedAgain) {
+  for (int i = 0; i < 3; ++i) Keep();
+  Start();
+  LookOften();
+  now_.wall += 400 * kDay;
+  store_.FailWrites(true);
+  EXPECT_THROW(LookOften(), StoreError);
+  Pass(minutes(1));
+  store_.FailWrites(false);
+  EXPECT_TRUE(LookOftenWhenItWorksAgain());
+  EXPECT_THAT(Files(), ElementsAre(1, 2, 3));
+  EXPECT_THAT(lines_, ElementsAre(HasSubstr("the clock was set")));
+  EXPECT_EQ(store_.RetentionHeldUntil(), now_.wall + kDay);
+}
+
+TEST_F(RetentionTest, HoldOfTheStartThatCouldNotBeRememberedIsTriedAgain) {
+  for (int i = 0; i < 3; ++i) Keep();
+  Start();
+  LookOften();
+  now_.wall += 400 * kDay;
+  Start();
+  store_.FailWrites(true);
+  EXPECT_THROW(LookOften(), StoreError);
+  store_.FailWrites(false);
+  EXPECT_TRUE(LookOftenWhenItWorksAgain());
+  EXPECT_THAT(Files(), ElementsAre(1, 2, 3));
+}
+
+TEST_F(RetentionTest, TicketThatCannotBeReadKeepsNoOtherFromItsEnd) {
+  for (int i = 0; i < 4; ++i) Keep();
+  Start();
+  Pass(2 * kDay);
+  store_.Lose(2);
+  EXPECT_THROW(LookOften(), StoreError);
+  store_.Lose(0);
+  EXPECT_THAT(Files(), ElementsAre(2, 3, 4));
+  EXPECT_EQ(store_.KeptTotals().count, 3U);
+  EXPECT_EQ(metrics_.met(Limit::kArchives), 1U);
+}
+
+TEST_F(RetentionTest, WhatIsDeletedMeanwhileCounts) {
+  for (int i = 0; i < 3; ++i) Keep();
+  Start();
+  Pass(2 * kDay);
+  store_.BehindTotals(
+      [this] { dispatcher_.Call([](TicketBook& book) { book.DeleteArchive(3, 1, "somebody"); }); });
+  LookOften();
+  EXPECT_FALSE(store_.Find(1)->archives.at(0).deleted) << "there are only two left";
+}
+
+TEST_F(RetentionTest, BookTellsWhatTheStoreDoesNotKnowYet) {
+  const TicketNumber ticket = Keep("SN1");
+  dispatcher_.Call([ticket](TicketBook& book) {
+    EXPECT_FALSE(book.IsInPlay(ticket));
+    EXPECT_EQ(book.DeletedSince(std::nullopt).count, 0U);
+    book.DeleteArchive(ticket, 1, "somebody");
+    EXPECT_FALSE(book.IsInPlay(ticket));
+    EXPECT_EQ(book.DeletedSince(std::nullopt).count, 1U);
+    EXPECT_EQ(book.DeletedSince(std::nullopt).bytes, ArchiveOf(1).size_bytes);
+    EXPECT_EQ(book.DeletedSince("SN1").count, 1U);
+    EXPECT_EQ(book.DeletedSince("SN2").count, 0U);
+    EXPECT_TRUE(book.IsInPlay(book.Create({"SN1", {}}).number));
+  });
 }
 
 TEST_F(RetentionTest, FileThatCannotBeDeletedKeepsNoOtherFromIt) {
@@ -341,8 +449,121 @@ TEST_F(RetentionTest, FileThatCannotBeDeletedKeepsNoOtherFromIt) {
   fs::create_directories(FileOf(1) / "in the way");
   EXPECT_THROW(LookOften(), std::system_error);
   EXPECT_FALSE(fs::exists(FileOf(2)));
-  EXPECT_EQ(store_.KeptTotals().count, 2U) << "it counts as deleted; the next start tries again";
+  EXPECT_EQ(store_.KeptTotals().count, 2U) << "it counts as deleted";
+  settings_.archives = 1;
+  EXPECT_THROW(LookOften(), std::system_error);
+  EXPECT_EQ(store_.KeptTotals().count, 2U) << "no more count as deleted while their files would stay";
+  fs::remove_all(FileOf(1) / "in the way");
   EXPECT_NO_THROW(LookOften());
+  EXPECT_THAT(Files(), ElementsAre(4));
+}
+
+TEST_F(RetentionTest, ManyDevicesWhoseArchivesAreAllYoungDoNotHideAnother) {
+  settings_ = Unlimited();
+  settings_.archives_per_device = 1;
+  Keep("SN");
+  Keep("SN");
+  Start();
+  Pass(2 * kDay);
+  dispatcher_.Call([this](TicketBook& book) {
+    for (int i = 0; i < 3 * 1001; ++i) {
+      const std::string device = "SN" + std::to_string(i / 3);
+      book.registry().Enrol(device, std::nullopt);
+      const TicketNumber number = book.Create({device, {}}).number;
+      Archive archive = ArchiveOf(1);
+      archive.received = now_.wall;
+      EXPECT_EQ(book.RecordUpload(number, archive), UploadFate::kKept);
+      EXPECT_TRUE(book.RecordReport(number, "Success"));
+    }
+  });
+  EXPECT_TRUE(retention_->DeleteSome(settings_));
+  EXPECT_FALSE(retention_->DeleteSome(settings_));
+  EXPECT_THAT(Files(), ElementsAre(2));
+}
+
+/// By how much the clock is another one at the second start.
+class WrongStartTest : public RetentionTest, public testing::WithParamInterface<std::chrono::minutes> {};
+
+INSTANTIATE_TEST_SUITE_P(Each, WrongStartTest,
+                         testing::Values(400 * kDay, kDay + minutes(1), -hours(1), -2 * kDay),
+                         [](const auto& each) {
+                           const auto count = each.param.count();
+                           return (count < 0 ? "Back" : "Ahead") + std::to_string(std::abs(count));
+                         });
+
+TEST_P(WrongStartTest, HoldsForADay) {
+  settings_ = Unlimited();
+  for (int i = 0; i < 3; ++i) Keep();
+  Start();
+  Pass(10 * kDay);
+  LookOften();
+  now_.wall += GetParam();
+  settings_.archives = 2;
+  lines_.clear();
+  Start();
+  LookOften();
+  Start();
+  LookOften();
+  EXPECT_THAT(Files(), ElementsAre(1, 2, 3));
+  EXPECT_THAT(lines_, ElementsAre(HasSubstr("did not run for more than a day, or the clock was set"),
+                                  HasSubstr("limits delete no archives before")));
+  Pass(kDay - minutes(1));
+  LookOften();
+  EXPECT_THAT(Files(), ElementsAre(1, 2, 3));
+  Pass(minutes(1));
+  LookOften();
+  EXPECT_THAT(Files(), ElementsAre(2, 3));
+}
+
+TEST_F(RetentionTest, StopThatIsShortHoldsNothing) {
+  Keep();
+  Start();
+  LookOften();
+  for (int i = 0; i < 2; ++i) Keep();
+  Pass(kDay + hours(1));
+  LookOften();
+  settings_.archives = 1;
+  Pass(kDay);
+  Start();
+  LookOften();
+  EXPECT_THAT(Files(), ElementsAre(3));
+  EXPECT_THAT(lines_, IsEmpty());
+}
+
+TEST_F(RetentionTest, LookIsRememberedOnceAnHour) {
+  Start();
+  LookOften();
+  EXPECT_EQ(store_.RetentionLookedAt(), now_.wall);
+  Pass(minutes(59));
+  LookOften();
+  EXPECT_EQ(store_.RetentionLookedAt(), now_.wall - minutes(59));
+  Pass(minutes(1));
+  LookOften();
+  EXPECT_EQ(store_.RetentionLookedAt(), now_.wall);
+}
+
+TEST_F(RetentionTest, HoldOfAnUpgradeIsToldAtTheStart) {
+  for (int i = 0; i < 3; ++i) Keep();
+  Pass(2 * kDay);
+  dispatcher_.Call([this](TicketBook& book) { book.registry().HoldRetention(now_.wall + kDay); });
+  Start();
+  LookOften();
+  LookOften();
+  EXPECT_THAT(Files(), ElementsAre(1, 2, 3));
+  EXPECT_THAT(lines_, ElementsAre(HasSubstr("limits delete no archives before 20")));
+  Pass(kDay);
+  LookOften();
+  EXPECT_THAT(Files(), ElementsAre(2, 3));
+}
+
+TEST_F(RetentionTest, DiskWhoseSizeIsUnknownDeletesNothing) {
+  RetentionSettings settings = Unlimited();
+  settings.bytes.reset();
+  EXPECT_EQ(ResolvedRetention(settings, room_).bytes, room_.Look().whole_bytes / 5 * 4);
+  const RetentionSettings unknown = ResolvedRetention(settings, DiskRoom("/nowhere", 0));
+  EXPECT_FALSE(unknown.bytes);
+  constexpr std::uint64_t kHuge = std::uint64_t{1} << 62;
+  EXPECT_THAT(ChooseSurplus(unknown, {1, kHuge}, Aged({5 * kDay}), kNow), IsEmpty());
 }
 
 TEST_F(RetentionTest, ThreadLooksAtItsStartAndWhenTheSettingsChange) {
@@ -352,11 +573,11 @@ TEST_F(RetentionTest, ThreadLooksAtItsStartAndWhenTheSettingsChange) {
   const auto has = [this](std::size_t count) {
     return test_support::Eventually([&] { return store_.KeptTotals().count == count; });
   };
-  RetentionThread thread(
-      settings_,
-      std::make_unique<Retention>(
-          dispatcher_, store_, archives_, metrics_, [](const std::string&) {}, [this] { return now_; }),
-      [](const std::string&) {});
+  RetentionThread thread(settings_,
+                         std::make_unique<Retention>(
+                             dispatcher_, store_, archives_, room_, metrics_, [](const std::string&) {},
+                             [this] { return now_; }),
+                         [](const std::string&) {});
   EXPECT_TRUE(has(2));
   settings_.archives = 1;
   thread.SetSettings(settings_);

@@ -224,8 +224,10 @@ ReceivedAnswer AskApi(const std::string& control_socket, const std::string& meth
   return transfer.Run();
 }
 
-ReceivedAnswer AskOver(const std::string& control_socket, const std::string& path) {
+ReceivedAnswer AskOver(const std::string& control_socket, const std::string& path,
+                       const std::string& method) {
   Transfer transfer("http://localhost" + path, {});
+  transfer.Set(CURLOPT_CUSTOMREQUEST, method.c_str());
   transfer.Set(CURLOPT_UNIX_SOCKET_PATH, control_socket.c_str());
   return transfer.Run();
 }

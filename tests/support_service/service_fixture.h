@@ -123,7 +123,8 @@ ReceivedAnswer Request(const std::string& method, const std::string& url,
 ReceivedAnswer AskApi(const std::string& control_socket, const std::string& method, const std::string& path,
                       const std::optional<Json::Value>& body = std::nullopt);
 /// The same, for what stands beside the API.
-ReceivedAnswer AskOver(const std::string& control_socket, const std::string& path);
+ReceivedAnswer AskOver(const std::string& control_socket, const std::string& path,
+                       const std::string& method = "GET");
 /// Has a service let these devices in.
 void EnrolOver(const std::string& control_socket, const std::vector<std::string>& serial_numbers);
 /// @return The new ticket's id; empty when there is none.

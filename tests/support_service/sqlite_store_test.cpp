@@ -171,29 +171,46 @@ TEST_F(SqliteStoreTest, StoreOfTheFirstFormIsBroughtToThePresentOne) {
   EXPECT_EQ(SQLite::Database(file_.string()).execAndGet("PRAGMA user_version").getInt(), 3);
 }
 
+/// Takes away what the third form has.
+constexpr char kBackToTheSecondForm[] = R"(
+  DROP TRIGGER archive_is_kept; DROP TRIGGER archive_is_deleted;
+  DROP INDEX kept_archives; DROP INDEX kept_archives_by_device;
+  DROP TABLE retention; DROP TABLE kept_of_devices; DROP TABLE webhook;
+  ALTER TABLE archives DROP COLUMN device;
+  PRAGMA user_version = 2;
+)";
+
 TEST_F(SqliteStoreTest, StoreOfTheSecondFormKnowsWhatItKeepsOfEachDevice) {
   MakeStoreOf(2);
   {
     SQLite::Database database(file_.string(), SQLite::OPEN_READWRITE);
+    database.exec(kBackToTheSecondForm);
     database.exec(R"(
-      DROP TRIGGER archive_is_kept; DROP TRIGGER archive_is_deleted;
-      DROP INDEX kept_archives; DROP INDEX kept_archives_by_device;
-      DROP TABLE retention; DROP TABLE kept_of_devices; DROP TABLE webhook;
-      ALTER TABLE archives DROP COLUMN device;
       INSERT INTO archives(ticket, version, size_bytes, sha256, serial_number, apps, received, deleted)
         VALUES(1, 1, 7, 'abcd', x'', '[]', 5, NULL), (2, 1, 8, 'abcd', x'', '[]', 6, NULL),
               (2, 2, 100, 'abcd', x'', '[]', 7, 8);
       UPDATE tickets SET state = 5;
-      PRAGMA user_version = 2;
     )");
   }
+  const WallTime before = WallTime::clock::now();
   SqliteStore store(file_);
   EXPECT_EQ(store.KeptTotals().count, 2U);
   EXPECT_EQ(store.KeptTotals().bytes, 15U);
-  ASSERT_EQ(store.DevicesWithMoreArchives(1, kEach).size(), 1U);
-  EXPECT_EQ(store.DevicesWithMoreArchives(1, kEach)[0].serial_number, "SN1");
+  ASSERT_EQ(store.DevicesWithMoreArchives(1, std::nullopt, kEach).size(), 1U);
+  EXPECT_EQ(store.DevicesWithMoreArchives(1, std::nullopt, kEach)[0].serial_number, "SN1");
   EXPECT_EQ(store.OldestArchives("SN1", WallTime(std::chrono::milliseconds(100)), kEach).size(), 2U);
-  EXPECT_FALSE(store.RetentionHeldUntil());
+  // Whole seconds.
+  EXPECT_GE(store.RetentionHeldUntil().value(), before + std::chrono::hours(24) - std::chrono::seconds(1));
+  EXPECT_LE(store.RetentionHeldUntil().value(), WallTime::clock::now() + std::chrono::hours(24));
+}
+
+TEST_F(SqliteStoreTest, StoreOfTheSecondFormWithoutArchivesHoldsNothing) {
+  MakeStoreOf(1);
+  {
+    SQLite::Database database(file_.string(), SQLite::OPEN_READWRITE);
+    database.exec(kBackToTheSecondForm);
+  }
+  EXPECT_FALSE(SqliteStore(file_).RetentionHeldUntil());
 }
 
 TEST_F(SqliteStoreTest, StoreOfANewerVersionIsRefusedAndLeftAlone) {

@@ -444,9 +444,10 @@ class KeptArchivesTest : public StoreTest {
     return numbers;
   }
   [[nodiscard]] std::vector<std::pair<std::string, std::uint64_t>> Devices(
-      std::uint64_t than, std::size_t limit = kNoLimit) const {
+      std::uint64_t than, std::size_t limit = kNoLimit,
+      const std::optional<DeviceArchives>& behind = {}) const {
     std::vector<std::pair<std::string, std::uint64_t>> devices;
-    for (const auto& device : store_->DevicesWithMoreArchives(than, limit)) {
+    for (const auto& device : store_->DevicesWithMoreArchives(than, behind, limit)) {
       devices.emplace_back(device.serial_number, device.count);
     }
     return devices;
@@ -491,6 +492,34 @@ TEST_P(KeptArchivesTest, DevicesWithMostArchivesComeFirst) {
   Delete(2);
   Delete(3);
   EXPECT_THAT(Devices(1), ElementsAre(Pair("SN3", 2)));
+}
+
+TEST_P(KeptArchivesTest, DevicesWithMostArchivesComePageByPage) {
+  for (int hour = 1; hour < 4; ++hour) Keep("SN1", hour, 1);
+  for (int hour = 4; hour < 6; ++hour) Keep("SN2", hour, 1);
+  for (int hour = 6; hour < 8; ++hour) Keep("SN3", hour, 1);
+  Keep("SN4", 9, 1);
+  std::vector<std::pair<std::string, std::uint64_t>> all;
+  std::optional<DeviceArchives> behind;
+  for (auto page = Devices(0, 1); !page.empty(); page = Devices(0, 1, behind)) {
+    ASSERT_LT(all.size(), 4U);
+    all.push_back(page.at(0));
+    behind = DeviceArchives{page.at(0).first, page.at(0).second};
+  }
+  EXPECT_EQ(all, Devices(0));
+  EXPECT_EQ(all.size(), 4U) << "also where two have as many";
+  EXPECT_THAT(Devices(1, kNoLimit, DeviceArchives{"SN2", 2}), IsEmpty());
+  EXPECT_EQ(store_->KeptOfDevice("SN1"), 3U);
+  EXPECT_EQ(store_->KeptOfDevice("SN5"), 0U);
+  Delete(1);
+  EXPECT_EQ(store_->KeptOfDevice("SN1"), 2U);
+}
+
+TEST_P(KeptArchivesTest, LookOfRetentionIsTheNewestOne) {
+  EXPECT_FALSE(store_->RetentionLookedAt());
+  store_->Write({RetentionLooked{Hour(9)}});
+  store_->Write({RetentionHeld{Hour(8)}, RetentionLooked{Hour(7)}});
+  EXPECT_EQ(store_->RetentionLookedAt(), Hour(7));
 }
 
 TEST_P(KeptArchivesTest, HoldOfRetentionIsTheNewestOne) {

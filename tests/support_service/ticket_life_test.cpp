@@ -16,7 +16,7 @@ namespace {
 constexpr std::int64_t kSecond = 1000;
 constexpr std::int64_t kMinute = 60 * kSecond;
 constexpr std::int64_t kHour = 60 * kMinute;
-constexpr std::int64_t kDay = 24 * kHour;
+constexpr std::int64_t kDayMs = 24 * kHour;
 
 struct ModelTicket {
   std::string device;
@@ -45,7 +45,7 @@ class Model {
     ticket.device = device;
     ticket.since = now;
     ticket.retry_at = now;
-    ticket.deadline = now + 14 * kDay;
+    ticket.deadline = now + 14 * kDayMs;
   }
   void Cancel(TicketNumber number) { Enter(tickets.at(number), TicketState::kCancelled); }
 
@@ -79,7 +79,7 @@ class Model {
       ticket.retry_at = now + 2 * kSecond;
       return Enter(ticket, TicketState::kQueued);
     }
-    if (ticket.rejected_since >= 0 && now - ticket.rejected_since >= kDay) {
+    if (ticket.rejected_since >= 0 && now - ticket.rejected_since >= kDayMs) {
       return Enter(ticket, TicketState::kRefused);
     }
     std::int64_t pause = 2 * kSecond;
@@ -364,7 +364,7 @@ class TwoLives {
   void Pass() {
     constexpr std::int64_t kTimes[] = {1,           kSecond,   2 * kSecond, 2 * kSecond,
                                        9 * kSecond, kMinute,   5 * kMinute, 30 * kMinute,
-                                       kHour,       6 * kHour, kDay,        14 * kDay};
+                                       kHour,       6 * kHour, kDayMs,      14 * kDayMs};
     // Long times are rare, or nothing would ever be under way.
     const int longest = Below(50) == 0 ? 12 : Below(5) == 0 ? 9 : 6;
     PassBoth(kTimes[Below(longest)] + Below(3) - 1);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <fstream>
 #include <mutex>
+#include <random>
 
 #include "http_fixture.h"
 #include "program.h"
@@ -35,6 +36,18 @@ struct ReceivedCall {
   std::string body;
 };
 
+/// Begins, and then its connection breaks.
+class BrokenBody final : public BodySource {
+ public:
+  std::optional<std::string> Next(const std::function<void()>& /*wake*/) override {
+    if (std::exchange(has_begun_, true)) throw std::runtime_error("broken");
+    return "begun";
+  }
+
+ private:
+  bool has_begun_ = false;
+};
+
 /// Answers each call by the next of its statuses, the last one again and again.
 class Receiver {
  public:
@@ -55,6 +68,11 @@ class Receiver {
   void AnswerWith(const std::string& body) {
     const std::lock_guard<std::mutex> lock(mutex_);
     body_ = body;
+  }
+  /// From now on no answer comes to its end.
+  void BreakAnswers() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    breaks_ = true;
   }
   /// From now on calls are not answered until Release().
   void Hold() {
@@ -92,6 +110,7 @@ class Receiver {
       }
       answer = TextAnswer(body_);
       answer.status = statuses_.front();
+      if (breaks_) answer.source = std::make_shared<BrokenBody>();
       if (answer.status == 302) answer.headers.emplace_back("Location", server_->url() + "/elsewhere");
       if (statuses_.size() > 1) statuses_.erase(statuses_.begin());
     }
@@ -101,6 +120,7 @@ class Receiver {
   std::mutex mutex_;
   std::vector<unsigned int> statuses_;
   std::string body_ = "ok";
+  bool breaks_ = false;
   bool holds_ = false;
   std::vector<AnswerSink> held_;
   std::vector<ReceivedCall> calls_;
@@ -155,6 +175,7 @@ TEST_F(WebhookTest, EndOfATicketIsToldWithAllThatIsKnownOfIt) {
   EXPECT_EQ(call.path, "/hook");
   EXPECT_EQ(body["type"].asString(), "ticket.ended");
   EXPECT_EQ(body["id"].asString(), call.id);
+  EXPECT_EQ(call.id, ticket.id + "-" + std::to_string(body["event"]["number"].asUInt64()));
   EXPECT_EQ(body["time"], body["event"]["time"]);
   EXPECT_EQ(body["event"]["kind"].asString(), "reported");
   EXPECT_EQ(body["ticket"]["id"].asString(), ticket.id);
@@ -172,9 +193,46 @@ TEST(WebhookSignatureTest, IsTheOneThatEverybodyComputes) {
             "sha256=4bcaced68dfea90a68df035b89cb7fb26692d899d32a1ccb1b0616cf48e4d1ed");
 }
 
+TEST(WebhookPauseTest, DoublesUpToTheLongestAndIsShortenedByUpToAHalf) {
+  WebhookSettings settings;
+  settings.first_pause = milliseconds(1000);
+  settings.longest_pause = milliseconds(6000);
+  std::minstd_rand random(1);
+  const std::vector<std::pair<std::uint64_t, int>> pauses = {{1, 1000}, {2, 2000}, {3, 4000},
+                                                             {4, 6000}, {5, 6000}, {UINT64_MAX, 6000}};
+  for (const auto& [failures, longest] : pauses) {
+    std::vector<std::int64_t> drawn;
+    drawn.reserve(1000);
+    for (int i = 0; i < 1000; ++i) drawn.push_back(WebhookPause(settings, failures, random).count());
+    const auto [least, most] = std::minmax_element(drawn.begin(), drawn.end());
+    EXPECT_GE(*least, longest / 2) << failures;
+    EXPECT_LT(*least, longest * 6 / 10) << failures;
+    EXPECT_GT(*most, longest * 9 / 10) << failures;
+    EXPECT_LE(*most, longest) << failures;
+  }
+}
+
+TEST(WebhookUrlTest, SchemeMayBeWrittenInCapitals) {
+  EXPECT_EQ(WebhookUrlFault("HTTPS://example.org/"), "");
+  EXPECT_EQ(WebhookUrlFault("HTTP://127.0.0.1/"), "");
+  EXPECT_NE(WebhookUrlFault("HTTP://example.org/"), "");
+}
+
+TEST_F(WebhookTest, ReceiverOnThisMachineIsReachedPastAProxy) {
+  for (const char* name : {"no_proxy", "NO_PROXY"}) unsetenv(name);
+  setenv("http_proxy", "http://127.0.0.1:1", 1);
+  Receiver receiver;
+  settings_.webhook.url = "HTTP" + receiver.Url().substr(4);
+  Start();
+  EndTicket();
+  EXPECT_TRUE(WaitUntilTold(1));
+  service_.reset();
+  unsetenv("http_proxy");
+}
+
 TEST_F(WebhookTest, GuidesExampleTellsGenuineCallsFromOthers) {
   std::string guide = ReadFile(OPERATORS_GUIDE);
-  const std::size_t begin = guide.find("expected=$(");
+  const std::size_t begin = guide.find("import hmac");
   ASSERT_NE(begin, std::string::npos);
   const std::string example = guide.substr(begin, guide.find("```", begin) - begin);
   Receiver receiver;
@@ -182,14 +240,19 @@ TEST_F(WebhookTest, GuidesExampleTellsGenuineCallsFromOthers) {
   EndTicket();
   ASSERT_TRUE(receiver.WaitForCalls(1));
   const ReceivedCall call = receiver.Calls().front();
-  WriteFile(temp_.path() / "secret", std::string(kSecret) + "\n");
+  WriteFile(temp_.path() / "check.py", example + R"(
+import sys
+with open(sys.argv[4], 'rb') as file:
+    is_one = is_genuine(sys.argv[1].encode(), sys.argv[2], sys.argv[3], file.read())
+print('genuine' if is_one else 'something else')
+)");
   const auto says_genuine = [&](const std::string& body, const std::string& timestamp) {
     WriteFile(temp_.path() / "body", body);
-    Program shell({"sh", "-c", "cd \"$1\"; timestamp=$2; signature=$3\n" + example, "sh",
-                   temp_.path().string(), timestamp, call.signature},
-                  temp_.File("shell.out"));
-    static_cast<void>(shell.Wait());
-    return shell.Output() == "genuine\n";
+    Program python(
+        {"python3", temp_.File("check.py"), kSecret, timestamp, call.signature, temp_.File("body")},
+        temp_.File("python.out"));
+    EXPECT_EQ(python.Wait(), 0) << python.Output();
+    return python.Output() == "genuine\n";
   };
   EXPECT_TRUE(says_genuine(call.body, call.timestamp));
   EXPECT_FALSE(says_genuine(call.body + " ", call.timestamp));
@@ -311,6 +374,25 @@ TEST_F(WebhookTest, LongAnswerIsNotWaitedFor) {
   EndTicket();
   EXPECT_TRUE(WaitUntilTold(1));
   EXPECT_EQ(service().webhook_counts().failed, 0U);
+}
+
+TEST_F(WebhookTest, SuccessCountsWhateverBecomesOfTheAnswersRest) {
+  Receiver receiver;
+  receiver.BreakAnswers();
+  StartWith(receiver);
+  EndTicket();
+  ASSERT_TRUE(WaitUntilTold(1));
+  EXPECT_EQ(service().webhook_counts().failed, 0U);
+  EXPECT_THAT(receiver.Calls(), SizeIs(1));
+}
+
+TEST_F(WebhookTest, FailureCountsWhateverBecomesOfTheAnswersRest) {
+  Receiver receiver({500});
+  receiver.BreakAnswers();
+  StartWith(receiver);
+  EndTicket();
+  ASSERT_TRUE(Eventually([&] { return service().webhook_counts().failed > 0; }));
+  EXPECT_EQ(service().webhook_counts().delivered, 0U);
 }
 
 TEST_F(WebhookTest, StopOfTheServiceDoesNotWaitForTheReceiver) {

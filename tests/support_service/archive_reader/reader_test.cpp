@@ -58,17 +58,18 @@ TEST(ReaderTest, NamesAreShownSoThatTheyDoNoHarm) {
     std::string name;
     std::string shown;
   };
-  const std::vector<Row> rows = {{"../../etc/passwd", "../../etc/passwd"},
-                                 {"/etc/passwd", "/etc/passwd"},
-                                 {"<script>alert(1)</script>", "<script>alert(1)</script>"},
-                                 {"a\"b", "a\"b"},
-                                 {"a\\x0ab", "a\\\\x0ab"},
-                                 {"a\nb\rc\td\x1b[31m\x7f", "a\\x0ab\\x0dc\\x09d\\x1b[31m\\x7f"},
-                                 {"gr\xc3\xbc\xc3\x9f", "gr\xc3\xbc\xc3\x9f"},
-                                 {"\xff\xfe\xc3", "\\xff\\xfe\\xc3"},
-                                 {"txt.\xe2\x80\xaegpj", "txt.\\xe2\\x80\\xaegpj"},
-                                 {"\xc2\x85", "\\xc2\\x85"},
-                                 {"\xed\xa0\x80\xc0\xaf", "\\xed\\xa0\\x80\\xc0\\xaf"}};
+  const std::vector<Row> rows = {
+      {"../../etc/passwd", "../../etc/passwd"},
+      {"/etc/passwd", "/etc/passwd"},
+      {"<script>alert(1)</script>", "<script>alert(1)</script>"},
+      {"a\"b", "a\"b"},
+      {"a\\x0ab", "a\\\\x0ab"},
+      {"a\nb\rc\td\x1b[31m\x7f", "a\\x0ab\\x0dc\\x09d\\x1b[31m\\x7f"},
+      {"gr\xc3\xbc\xc3\x9f", "gr\xc3\xbc\xc3\x9f"},
+      {"\xff\xfe\xc3", "\\xff\\xfe\\xc3"},
+      {"txt.\xe2\x80\xaegpj", "txt.\\xe2\\x80\\xaegpj"},  // NOLINT(misc-misleading-bidirectional)
+      {"\xc2\x85", "\\xc2\\x85"},
+      {"\xed\xa0\x80\xc0\xaf", "\\xed\\xa0\\x80\\xc0\\xaf"}};
   std::vector<TarEntry> entries;
   std::vector<std::string> shown;
   for (const Row& row : rows) {
@@ -179,8 +180,9 @@ TEST(ReaderTest, TextIsUtf8AndEndsWithAWholeCharacter) {
 
 TEST(ReaderTest, LongTextIsTheSameInPartsAndHasNoPartTwice) {
   std::string content;
-  while (content.size() < 300'000)
+  while (content.size() < 300'000) {
     content += "\xe2\x82\xac " + std::to_string(content.size()) + "\xf0\x9f\x98\x80\n";
+  }
   const std::string archive = MadeArchive(std::vector<TarEntry>{{"log", content}});
   EXPECT_TRUE(RunReader({"text", "1", "0", "1000000"}, archive).content() == content);
   std::string all;

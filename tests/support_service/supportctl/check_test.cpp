@@ -15,6 +15,7 @@ class SupportctlCheckTest : public SupportctlFixture {
     service["version"] = "1.2";
     server_.On("GET", "/service", {Answers(service)});
     health_["time"] = "2026-11-23T12:00:00.000Z";
+    health_["uses_tls"] = true;
     health_["certificate_until"] = "2027-11-23T12:00:00.000Z";
     health_["disk"]["size_bytes"] = Json::UInt64{100} << 30;
     health_["disk"]["free_bytes"] = Json::UInt64{50} << 30;
@@ -72,11 +73,8 @@ TEST_F(SupportctlCheckTest, WhatIsWrongIsAProblemWithAdvice) {
          health["archives"]["missing"].append("x-1.dat");
          health["archives"]["missing_count"] = 1;
        }},
-      {"problem  webhook        0 calls waiting, 5 delivered, 1 given up\n", [](Json::Value& health) {
-         health["webhook"]["waiting"] = health["webhook"]["failed"] = 0;
-         health["webhook"]["delivered"] = 5;
-         health["webhook"]["given_up"] = 1;
-       }}};
+      {"problem  certificate    can't be read by the service\n",
+       [](Json::Value& health) { health.removeMember("certificate_until"); }}};
   const Json::Value well = health_;
   for (const Case& each : cases) {
     health_ = well;
@@ -101,6 +99,21 @@ TEST_F(SupportctlCheckTest, WhatMayBecomeWrongIsAWarning) {
                                  HasSubstr("warning  undelivered    the oldest is 3f9a000000000001 for SN1"),
                                  HasSubstr("warning  overdue        1 ticket without a report for long\n"),
                                  HasSubstr("no problems, 4 warnings\n")));
+}
+
+TEST_F(SupportctlCheckTest, CallOfTheWebhookThatWasGivenUpIsAWarning) {
+  health_["webhook"]["waiting"] = health_["webhook"]["failed"] = 0;
+  health_["webhook"]["delivered"] = 5;
+  health_["webhook"]["given_up"] = 1;
+  const Outcome outcome = Check();
+  EXPECT_EQ(outcome.status, 0) << "nobody can mend it any more";
+  EXPECT_THAT(outcome.out, HasSubstr("warning  webhook        0 calls waiting, 5 delivered, 1 given up\n"));
+}
+
+TEST_F(SupportctlCheckTest, ServiceWithoutTlsNeedsNoCertificate) {
+  health_["uses_tls"] = false;
+  health_.removeMember("certificate_until");
+  EXPECT_THAT(Check().out, HasSubstr("ok       certificate    none: no listener speaks TLS\n"));
 }
 
 TEST_F(SupportctlCheckTest, JustBelowEachBoundNothingIsSaid) {
