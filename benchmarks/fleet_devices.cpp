@@ -7,10 +7,9 @@
 ///
 ///     connect COUNT    connects devices SN00000, SN00001 and so on, 256 at a time; prints "connected NANOSECONDS", the
 ///                      time from the first one's start until all streams are open
-///     disconnect       drops all connections; prints "disconnected"
 ///
 /// Accepts each ticket that is delivered and prints "answered SERIAL MOMENT TICKET_JSON", the moment at which its answer
-/// was written in nanoseconds of CLOCK_MONOTONIC. A stream that ends otherwise is a line "failed SERIAL CODE TEXT". Ends
+/// was written in nanoseconds of CLOCK_MONOTONIC. A stream that ends is a line "failed SERIAL CODE TEXT". Ends
 /// when standard input does.
 #include <grpcpp/channel.h>
 #include <grpcpp/client_context.h>
@@ -18,7 +17,6 @@
 #include <grpcpp/security/credentials.h>
 #include <json/json.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -72,17 +70,9 @@ class Progress {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait(lock, [&] { return open_ + ended_ >= count; });
   }
-  void AwaitEnded(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return ended_ >= count; });
-  }
   void Print(const std::string& line) {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::cout << line << std::endl;
-  }
-  void Reset() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    open_ = ended_ = 0;
   }
 
  private:
@@ -117,11 +107,6 @@ class Device final : public grpc::ClientBidiReactor<ClientMessage, ServerMessage
     StartCall();
   }
 
-  void Disconnect() {
-    leaving_ = true;
-    context_.TryCancel();
-  }
-
   void OnReadInitialMetadataDone(bool ok) override {
     if (ok) progress_.Opened();
   }
@@ -149,10 +134,8 @@ class Device final : public grpc::ClientBidiReactor<ClientMessage, ServerMessage
   }
 
   void OnDone(const grpc::Status& status) override {
-    if (!leaving_) {
-      progress_.Print("failed " + serial_number_ + ' ' + std::to_string(status.error_code()) + ' ' +
-                      status.error_message());
-    }
+    progress_.Print("failed " + serial_number_ + ' ' + std::to_string(status.error_code()) + ' ' +
+                    status.error_message());
     progress_.Ended();
   }
 
@@ -171,7 +154,6 @@ class Device final : public grpc::ClientBidiReactor<ClientMessage, ServerMessage
   std::deque<ClientMessage> outgoing_;  ///< The first one is being written.
   ServerMessage received_;
   std::string ticket_json_;
-  std::atomic<bool> leaving_{false};
 };
 
 std::string ContentOf(const char* file) {
@@ -226,12 +208,6 @@ int Run(int argc, char** argv) {
       }
       progress.AwaitOpen(devices.size());
       progress.Print("connected " + std::to_string(Now() - started));
-    } else if (command == "disconnect") {
-      for (const auto& device : devices) device->Disconnect();
-      progress.AwaitEnded(devices.size());
-      devices.clear();
-      progress.Reset();
-      progress.Print("disconnected");
     } else {
       throw std::runtime_error("no such command: " + line);
     }
